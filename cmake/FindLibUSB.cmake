@@ -1,0 +1,20 @@
+# Finds libusb-1.0 with nothing but its development package (no pkg-config needed) and defines LibUSB::LibUSB.
+find_path(LibUSB_INCLUDE_DIR NAMES libusb.h PATH_SUFFIXES libusb-1.0)
+find_library(LibUSB_LIBRARY NAMES usb-1.0)
+
+include(FindPackageHandleStandardArgs)
+find_package_handle_standard_args(LibUSB
+    REQUIRED_VARS LibUSB_LIBRARY LibUSB_INCLUDE_DIR
+    REASON_FAILURE_MESSAGE "libusb-1.0 is missing: on Debian install libusb-1.0-0-dev")
+
+if(LibUSB_FOUND AND NOT TARGET LibUSB::LibUSB)
+    # The headers apart from the library: what links a libusb of its own, as the unit tests do, needs only these.
+    add_library(LibUSB::Headers INTERFACE IMPORTED)
+    target_include_directories(LibUSB::Headers SYSTEM INTERFACE ${LibUSB_INCLUDE_DIR})
+
+    add_library(LibUSB::LibUSB UNKNOWN IMPORTED)
+    set_target_properties(LibUSB::LibUSB PROPERTIES
+        IMPORTED_LOCATION ${LibUSB_LIBRARY}
+        INTERFACE_LINK_LIBRARIES LibUSB::Headers)
+endif()
+mark_as_advanced(LibUSB_INCLUDE_DIR LibUSB_LIBRARY)

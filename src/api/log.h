@@ -1,0 +1,31 @@
+// Log output: single lines on standard output, stamped with the time since the level was set.
+//
+// Any thread may log. Each line is one print, which the C library writes as a whole; the level and the start
+// time are read and written without a lock.
+//
+// Callers test the level first, so that a message costs nothing when it is not printed:
+//     if (GVLOG_Level() > 1) logLine("ident", "devId=0x", std::hex, devId);
+// A level above 0 shows what the manager does, above 1 the work on each reader, above 2 what happens at each
+// poll.
+#pragma once
+
+#include <locale>
+#include <sstream>
+
+#include <sys/time.h>
+
+extern int g_GvUsbDebugLevel;
+extern struct timeval g_GvUsbStarttime;
+
+void GVLOG_SetLevel(int level);
+int GVLOG_Level();
+void GVLOG_Msg(const char* tag, const char* text);
+
+// Streams the pieces into one message. std::hex holds to the end of the message; a null text ends it there.
+template <class... Pieces>
+[[gnu::cold, gnu::noinline]] void logLine(const char* tag, const Pieces&... pieces) {
+    std::ostringstream message;
+    message.imbue(std::locale::classic());
+    (message << ... << pieces);
+    GVLOG_Msg(tag, message.str().c_str());
+}

@@ -1,0 +1,38 @@
+// A POSIX mutex with default attributes that clang's thread-safety analysis knows, and the scope that holds
+// it.
+//
+// It has the size and layout of the pthread_mutex_t in it and is not recursive.
+#pragma once
+
+#include "base/thread_safety.h"
+
+#include <pthread.h>
+
+class GVUSB_CAPABILITY("mutex") Mutex {
+public:
+    constexpr Mutex() noexcept = default;
+    ~Mutex() { pthread_mutex_destroy(&m_mutex); }
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+
+    void lock() noexcept GVUSB_ACQUIRE() { pthread_mutex_lock(&m_mutex); }
+    void unlock() noexcept GVUSB_RELEASE() { pthread_mutex_unlock(&m_mutex); }
+
+private:
+    pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
+};
+static_assert(sizeof(Mutex) == sizeof(pthread_mutex_t));
+
+class GVUSB_SCOPED_CAPABILITY MutexLock {
+public:
+    explicit MutexLock(Mutex& mutex) noexcept GVUSB_ACQUIRE(mutex)
+        : m_mutex(mutex) {
+        m_mutex.lock();
+    }
+    ~MutexLock() GVUSB_RELEASE() { m_mutex.unlock(); }
+    MutexLock(const MutexLock&) = delete;
+    MutexLock& operator=(const MutexLock&) = delete;
+
+private:
+    Mutex& m_mutex;
+};

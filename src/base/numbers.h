@@ -1,0 +1,30 @@
+// Numbers in texts, read as C reads them; what does not fit saturates.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <optional>
+#include <string_view>
+
+// The decimal number at the start of a text: leading blanks and a sign are accepted, what follows the digits
+// is ignored. Nothing when there are no digits.
+template <class Number>
+std::optional<Number> leadingNumber(const char* text) noexcept {
+    static_assert(std::numeric_limits<Number>::digits <= 32, "has to fit a long long whole");
+    char* end = nullptr;
+    const long long value = std::strtoll(text, &end, 10);
+    if (end == text) {
+        return std::nullopt;
+    }
+    return static_cast<Number>(
+        std::clamp<long long>(value, std::numeric_limits<Number>::min(), std::numeric_limits<Number>::max()));
+}
+
+// The number at the start of a text, as the conversion "%lu" reads it.
+std::optional<std::uint32_t> unsignedNumber(const char* text);
+
+// The hexadecimal number at the start of a text, as the conversion "%x" reads it: leading blanks and "0x" are
+// accepted, what follows the digits is ignored. Nothing when there are no digits.
+std::optional<std::uint32_t> hexadecimalNumber(std::string_view text);

@@ -1,0 +1,36 @@
+// Access to plain members that several threads read and write without a lock: last errors, flags, rates, the
+// log level.
+//
+// Such a value stands for itself; nothing else is published through it, so relaxed order is enough.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <type_traits>
+
+namespace relaxed {
+
+template <class T>
+T load(const T& value) noexcept {
+    static_assert(std::atomic_ref<T>::is_always_lock_free);
+    return std::atomic_ref<T>(const_cast<T&>(value)).load(std::memory_order_relaxed);
+}
+
+template <class T>
+void store(T& value, std::type_identity_t<T> newValue) noexcept {
+    static_assert(std::atomic_ref<T>::is_always_lock_free);
+    std::atomic_ref<T>(value).store(newValue, std::memory_order_relaxed);
+}
+
+// Copies a text that fits into a buffer that threads share. Readers at the same time may see a mixture of
+// texts, but always a terminated one as long as the buffer's last byte stays zero.
+template <std::size_t Size>
+void storeText(char (&buffer)[Size], const char* text) noexcept {
+    std::size_t i = 0;
+    for (; i < Size - 1 && text[i] != '\0'; ++i) {
+        store(buffer[i], text[i]);
+    }
+    store(buffer[i], '\0');
+}
+
+} // namespace relaxed

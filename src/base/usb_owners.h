@@ -1,0 +1,43 @@
+// Owners of what libusb hands out, so that every path gives it back.
+#pragma once
+
+#include <libusb.h>
+
+#include <memory>
+#include <span>
+
+struct ConfigDescriptorDeleter {
+    void operator()(libusb_config_descriptor* config) const noexcept {
+        libusb_free_config_descriptor(config);
+    }
+};
+using ConfigDescriptor = std::unique_ptr<libusb_config_descriptor, ConfigDescriptorDeleter>;
+
+struct DeviceHandleCloser {
+    void operator()(libusb_device_handle* handle) const noexcept { libusb_close(handle); }
+};
+using DeviceHandle = std::unique_ptr<libusb_device_handle, DeviceHandleCloser>;
+
+// The devices on the bus. The list holds a reference to each; what outlives it takes its own.
+class UsbDeviceList {
+public:
+    explicit UsbDeviceList(bool libUsbUsable) noexcept
+        : m_count(libUsbUsable ? libusb_get_device_list(nullptr, &m_devices) : 0) {}
+    ~UsbDeviceList() {
+        if (m_devices != nullptr) {
+            libusb_free_device_list(m_devices, 1);
+        }
+    }
+    UsbDeviceList(const UsbDeviceList&) = delete;
+    UsbDeviceList& operator=(const UsbDeviceList&) = delete;
+
+    // What libusb returned: the number of devices or a negative libusb code.
+    [[nodiscard]] ssize_t count() const noexcept { return m_count; }
+    [[nodiscard]] std::span<libusb_device* const> devices() const noexcept {
+        return {m_devices, m_count > 0 ? static_cast<std::size_t>(m_count) : 0};
+    }
+
+private:
+    libusb_device** m_devices = nullptr; // first: the count's initialiser sets it
+    ssize_t m_count;
+};

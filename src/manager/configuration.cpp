@@ -1,0 +1,48 @@
+#include "manager/configuration.h"
+
+#include "base/numbers.h"
+
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+// What stands behind the first occurrence of a key, null without one.
+const char* valueOf(std::string_view key, const char* text) {
+    const char* const found = std::strstr(text, key.data());
+    return found == nullptr ? nullptr : found + key.size();
+}
+
+void readNumber(std::string_view key, const char* text, int& setting) {
+    if (const char* value = valueOf(key, text)) {
+        setting = leadingNumber<int>(value).value_or(setting);
+    }
+}
+
+unsigned int microseconds(int milliseconds) {
+    constexpr int shortest = 10;
+    constexpr unsigned int longest = std::numeric_limits<unsigned int>::max();
+    const auto wanted = static_cast<unsigned int>(std::max(milliseconds, shortest));
+    return wanted > longest / 1000 ? longest : wanted * 1000;
+}
+
+} // namespace
+
+Configuration parseConfiguration(const char* text) {
+    Configuration configuration;
+    readNumber("libusb_debuglevel=", text, configuration.libUsbDebugLevel);
+    readNumber("gvusb_debuglevel=", text, configuration.debugLevel);
+    // One character, whatever it is, is the mode; those without meaning activate nothing.
+    if (const char* value = valueOf("gvusb_hotplug=", text); value != nullptr && *value != '\0') {
+        configuration.hotPlugMode = static_cast<signed char>(*value) - '0';
+    }
+    if (const char* value = valueOf("gvusb_updaterate=", text)) {
+        if (const auto milliseconds = leadingNumber<int>(value)) {
+            configuration.updateRate = microseconds(*milliseconds);
+        }
+    }
+    if (std::strstr(text, "nopnp") != nullptr) {
+        configuration.hotPlugMode = 0;
+    }
+    return configuration;
+}

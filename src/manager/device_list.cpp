@@ -1,0 +1,129 @@
+#include "manager/gvdrvhnd.h"
+
+#include "device/gvdevice.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr int firstHandle = 0x10000001;
+constexpr int handleCount = 0x0FFFFFFF;
+
+} // namespace
+
+int GVDrvHnd::NextDeviceHandle() {
+    if (m_iHandleCounter >= handleCount) {
+        m_iHandleCounter = 0;
+    }
+    return firstHandle + m_iHandleCounter++;
+}
+
+void GVDrvHnd::ClearDeviceList() {
+    const MutexLock lock(m_mtxDevList);
+    for (GVDevice* device : m_DeviceList) {
+        if (device != nullptr && !IsInScanList(device)) {
+            DestroyDevice(device);
+        }
+    }
+    m_DeviceList.clear();
+}
+
+int GVDrvHnd::FindFirstOrNextDeviceHandle(int devHnd) {
+    const MutexLock lock(m_mtxDevList);
+    auto next = m_DeviceList.begin();
+    if (devHnd > 0) {
+        next = std::find_if(next, m_DeviceList.end(), [&](const GVDevice* device) {
+            return device != nullptr && device->devHnd == devHnd;
+        });
+        if (next == m_DeviceList.end()) {
+            return 0;
+        }
+        ++next;
+    }
+    next = std::find_if(next, m_DeviceList.end(), [](const GVDevice* device) { return device != nullptr; });
+    return next == m_DeviceList.end() ? 0 : (*next)->devHnd;
+}
+
+GVDevice* GVDrvHnd::DL_DeviceOfUsbDev(const libusb_device* dev) {
+    for (GVDevice* device : m_DeviceList) {
+        if (device != nullptr && device->usbdev == dev) {
+            return device;
+        }
+    }
+    return nullptr;
+}
+
+GVDevice* GVDrvHnd::DL_DeviceOfDevHnd(int devHnd) {
+    for (GVDevice* device : m_DeviceList) {
+        if (device != nullptr && device->devHnd == devHnd) {
+            return device;
+        }
+    }
+    return nullptr;
+}
+
+int GVDrvHnd::DL_HandleOfDeviceId(unsigned int devId) {
+    if (devId == 0) {
+        return 0;
+    }
+    for (const GVDevice* device : m_DeviceList) {
+        if (device != nullptr && device->devId == devId) {
+            return device->devHnd;
+        }
+    }
+    return 0;
+}
+
+int GVDrvHnd::IsDevicePresent(int devHnd) {
+    const MutexLock lock(m_mtxDevList);
+    GVDevice* const device = DL_DeviceOfDevHnd(devHnd);
+    if (device == nullptr) {
+        return SetLastError(GVUSB_ERR_HANDLE_NOT_FOUND);
+    }
+    const bool present = device->IsPresent();
+    SetLastError(GVUSB_OK);
+    return present ? 1 : 0;
+}
+
+int GVDrvHnd::Transceive(int devHnd, const char* interfaceName, const unsigned char* data, unsigned int len,
+                         unsigned char* buf, unsigned int size) {
+    const MutexLock lock(m_mtxDevList);
+    GVDevice* const device = DL_DeviceOfDevHnd(devHnd);
+    if (device == nullptr) {
+        return SetLastError(GVUSB_ERR_HANDLE_NOT_FOUND);
+    }
+    const int result = device->Transceive(interfaceName, data, len, buf, size);
+    SetLastError(std::min(result, 0));
+    return result;
+}
+
+int GVDrvHnd::Transmit(int devHnd, const char* interfaceName, const unsigned char* data, unsigned int len) {
+    const MutexLock lock(m_mtxDevList);
+    GVDevice* const device = DL_DeviceOfDevHnd(devHnd);
+    if (device == nullptr) {
+        return SetLastError(GVUSB_ERR_HANDLE_NOT_FOUND);
+    }
+    return SetLastError(device->Transmit(interfaceName, data, len));
+}
+
+// Unlike Transceive, leaves the count of received bytes as the last error.
+int GVDrvHnd::Receive(int devHnd, const char* interfaceName, unsigned char* buf, unsigned int size) {
+    const MutexLock lock(m_mtxDevList);
+    GVDevice* const device = DL_DeviceOfDevHnd(devHnd);
+    if (device == nullptr) {
+        return SetLastError(GVUSB_ERR_HANDLE_NOT_FOUND);
+    }
+    return SetLastError(device->Receive(interfaceName, buf, size));
+}
+
+int GVDrvHnd::GetLastError(int devHnd) {
+    const MutexLock lock(m_mtxDevList);
+    const GVDevice* const device = DL_DeviceOfDevHnd(devHnd);
+    return device == nullptr ? int{GVUSB_ERR_HANDLE_NOT_FOUND} : relaxed::load(device->lastError);
+}
+
+int GVDrvHnd::GetDeviceHnd(unsigned int devId) {
+    const MutexLock lock(m_mtxDevList);
+    const int devHnd = DL_HandleOfDeviceId(devId);
+    return devHnd == 0 ? SetLastError(GVUSB_ERR_NOT_OPENED) : devHnd;
+}

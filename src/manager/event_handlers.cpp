@@ -1,0 +1,98 @@
+#include "manager/event_handlers.h"
+
+#include "manager/gvdrvhnd.h"
+
+#include <algorithm>
+#include <memory>
+
+namespace {
+
+std::vector<_GVUSB_INTERNAL_EVENT_INIT*>::iterator findRegistration(const _GVUSB_EVENT_INIT& wanted)
+    GVUSB_REQUIRES(g_MtxEvtInitAry) {
+    return std::find_if(g_EvtInitAry.begin(), g_EvtInitAry.end(),
+                        [&](const _GVUSB_INTERNAL_EVENT_INIT* known) {
+                            return wanted.uiCallbackType == GVUSB_CALLBACK_FUNCTION &&
+                                   known->uiCallbackType == GVUSB_CALLBACK_FUNCTION &&
+                                   known->uiEvent == wanted.uiEvent && known->cbFct == wanted.cbFct;
+                        });
+}
+
+} // namespace
+
+int GVDrvHnd::AddEventHandler(int devHnd, _GVUSB_EVENT_INIT* registration) {
+    if (devHnd != 0) {
+        return SetLastError(GVUSB_ERR_UNSUPPORTED_OPTION);
+    }
+    if (registration->uiCallbackType != GVUSB_CALLBACK_FUNCTION) {
+        return SetLastError(GVUSB_ERR_UNKNOWN_PARAMETER);
+    }
+    AddToEventInitList(registration);
+    return SetLastError(GVUSB_OK);
+}
+
+int GVDrvHnd::DelEventHandler(int devHnd, _GVUSB_EVENT_INIT* registration) {
+    if (devHnd != 0) {
+        return SetLastError(GVUSB_ERR_UNSUPPORTED_OPTION);
+    }
+    if (registration->uiCallbackType != GVUSB_CALLBACK_FUNCTION || !RemoveFromEventInitList(registration)) {
+        return SetLastError(GVUSB_ERR_UNKNOWN_PARAMETER);
+    }
+    return SetLastError(GVUSB_OK);
+}
+
+bool GVDrvHnd::AddToEventInitList(_GVUSB_EVENT_INIT* registration) {
+    const MutexLock lock(g_MtxEvtInitAry);
+    if (findRegistration(*registration) != g_EvtInitAry.end()) {
+        return false;
+    }
+    auto copy = std::make_unique<_GVUSB_INTERNAL_EVENT_INIT>();
+    copy->uiEvent = registration->uiEvent;
+    copy->uiCallbackType = GVUSB_CALLBACK_FUNCTION;
+    copy->cbFct = registration->cbFct;
+    g_EvtInitAry.push_back(copy.get());
+    copy.release();
+    return true;
+}
+
+bool GVDrvHnd::RemoveFromEventInitList(_GVUSB_EVENT_INIT* registration) {
+    const MutexLock lock(g_MtxEvtInitAry);
+    const auto found = findRegistration(*registration);
+    if (found == g_EvtInitAry.end()) {
+        return false;
+    }
+    delete *found;
+    g_EvtInitAry.erase(found);
+    return true;
+}
+
+void GVDrvHnd::ClearEventInitList() {
+    const MutexLock lock(g_MtxEvtInitAry);
+    for (const _GVUSB_INTERNAL_EVENT_INIT* registration : g_EvtInitAry) {
+        delete registration;
+    }
+    g_EvtInitAry.clear();
+}
+
+void GVDrvHnd::ExecEventInitListCallbacks(unsigned int event, int devHnd, unsigned int devId) {
+    const MutexLock lock(g_MtxEvtInitAry);
+    if (event != GVUSB_EVENT_CONNECT && event != GVUSB_EVENT_DISCONNECT) {
+        return;
+    }
+    for (std::size_t i = 0; i < g_EvtInitAry.size(); ++i) {
+        const _GVUSB_INTERNAL_EVENT_INIT& registration = *g_EvtInitAry[i];
+        if (registration.uiCallbackType == GVUSB_CALLBACK_FUNCTION && registration.cbFct != nullptr &&
+            registration.uiEvent == event) {
+            registration.cbFct(devHnd, devId, "");
+        }
+    }
+}
+
+void GVDrvHnd::ToDevIds(std::vector<unsigned int>* ids, unsigned int id) {
+    if (!IsInDevIds(ids, id)) {
+        ids->push_back(id);
+    }
+}
+
+bool GVDrvHnd::IsInDevIds(std::vector<unsigned int>* ids, unsigned int id) {
+    return std::find(ids->begin(), ids->end(), id) != ids->end();
+}

@@ -1,0 +1,127 @@
+#include "manager/gvdrvhnd.h"
+
+#include "api/log.h"
+#include "manager/configuration.h"
+#include "manager/own_thread.h"
+#include "version.h"
+
+#include <cstdio>
+#include <memory>
+
+// In this order: what is built last goes first, so the registrations are still there when the manager clears
+// them.
+constinit Mutex g_MtxEvtInitAry;
+constinit std::vector<_GVUSB_INTERNAL_EVENT_INIT*> g_EvtInitAry;
+GVDrvHnd g_GvUsbMan;
+
+namespace {
+
+struct FileCloser {
+    void operator()(std::FILE* file) const noexcept { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+// A program can be linked against a newer libusb than it runs with; this is the interface that is used here.
+constexpr unsigned int usedLibUsbApi = 0x01000105;
+
+} // namespace
+
+GVDrvHnd::GVDrvHnd() {
+    File configurationFile(std::fopen("/etc/gavo/gvusb.conf", "r"));
+    m_bLibUsbUsable = libusb_init(nullptr) == LIBUSB_SUCCESS;
+    const libusb_version* const libUsbVersion = libusb_get_version();
+    if (libusb_has_capability(LIBUSB_CAP_HAS_CAPABILITY) == 0) {
+        SetLastError(GVUSB_ERR_LIBUSB_API);
+    }
+    m_bThreadStarted = startOwnThread(m_Thread, &CheckDevicesThread, this);
+    m_bHasHotPlug = libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG) != 0;
+    ApplyDebugLevels();
+
+    if (configurationFile != nullptr) {
+        char text[1024] = {};
+        [[maybe_unused]] const std::size_t length =
+            std::fread(text, 1, sizeof text - 1, configurationFile.get());
+        configurationFile.reset();
+        const Configuration configuration = parseConfiguration(text);
+        m_iLibUsbDebugLevel = configuration.libUsbDebugLevel;
+        m_iDebugLevel = configuration.debugLevel;
+        m_iHotPlugMode = configuration.hotPlugMode;
+        relaxed::store(m_uiUpdateRate, configuration.updateRate);
+        ApplyDebugLevels();
+    }
+    if (m_iHotPlugMode == 2 && !m_bHasHotPlug) {
+        m_iHotPlugMode = 0;
+    }
+
+    LogStart(*libUsbVersion);
+    if (m_iHotPlugMode == 1) {
+        relaxed::store(m_bSuspend, false);
+        if (GVLOG_Level() > 0) {
+            logLine("init", "gvUSB-UpdateRate=", relaxed::load(m_uiUpdateRate) / 1000, "msec");
+        }
+    } else if (m_iHotPlugMode == 2) {
+        RegisterHotPlugCallbacks();
+    }
+}
+
+GVDrvHnd::~GVDrvHnd() {
+    if (GVLOG_Level() > 0) {
+        logLine("exit", "cleaning up ...");
+    }
+    StopThread();
+    // Never unlocked: a scan that an application starts now, against all rules, waits instead of using what
+    // is going.
+    m_mtxScanList.lock();
+    if (m_iHotPlugMode == 2 && m_bLibUsbUsable) {
+        libusb_hotplug_deregister_callback(nullptr, m_hCbConnect);
+        libusb_hotplug_deregister_callback(nullptr, m_hCbDisconnect);
+    }
+    ClearEventInitList();
+    ClearScanList();
+    ClearDeviceList();
+    if (m_bLibUsbUsable) {
+        libusb_exit(nullptr);
+    }
+    if (GVLOG_Level() > 0) {
+        logLine("exit", "... done");
+    }
+}
+
+void GVDrvHnd::ApplyDebugLevels() {
+    if (m_bLibUsbUsable) {
+        // Deprecated in favour of libusb_set_option, which older versions do not have.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+        libusb_set_debug(nullptr, m_iLibUsbDebugLevel);
+#pragma GCC diagnostic pop
+    }
+    GVLOG_SetLevel(m_iDebugLevel);
+}
+
+void GVDrvHnd::LogStart(const libusb_version& libUsbVersion) {
+    if (GVLOG_Level() <= 0) {
+        return;
+    }
+    logLine("init", "libUSB-Version=", libUsbVersion.major, ".", libUsbVersion.minor, ".",
+            libUsbVersion.micro, ".", libUsbVersion.nano, libUsbVersion.rc, "   ", "API=", std::hex,
+            usedLibUsbApi);
+    logLine("init", "libUSB-DebugLevel=", m_iLibUsbDebugLevel);
+    logLine("init", "libUSB-HasHotPlug=", m_bHasHotPlug);
+    logLine("init", "gvUSB-Version=", version::major, ".", version::minor, ".", version::patch, "  ");
+    logLine("init", "gvUSB-DebugLevel=", m_iDebugLevel);
+    logLine("init", "gvUSB-UseHotPlug=", m_iHotPlugMode);
+}
+
+void GVDrvHnd::RegisterHotPlugCallbacks() {
+    if (m_bLibUsbUsable) {
+        libusb_hotplug_register_callback(nullptr, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED, 0, GVUSB_VENDOR_ID,
+                                         LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY,
+                                         &ExecDeviceConnectCallbacks, this, &m_hCbConnect);
+        libusb_hotplug_register_callback(nullptr, LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, 0, GVUSB_VENDOR_ID,
+                                         LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY,
+                                         &ExecDeviceDisconnectCallbacks, this, &m_hCbDisconnect);
+    }
+    if (GVLOG_Level() > 0) {
+        logLine("init", "libUSB callbacks registered");
+    }
+}

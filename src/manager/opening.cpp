@@ -1,0 +1,119 @@
+#include "manager/gvdrvhnd.h"
+
+#include "api/log.h"
+#include "device/gvdevice.h"
+#include "manager/open_device.h"
+
+#include <algorithm>
+#include <memory>
+
+int openOrLeaveClosed(GVDevice& device) {
+    const int code = device.OpenDevice();
+    if (code != 0) {
+        const MutexLock lock(device.mutex);
+        device.CloseDev();
+    }
+    return code;
+}
+
+// Opens an entry of the scan list and puts it into the device list.
+int GVDrvHnd::OpenScanned(GVDevice& device) {
+    m_DeviceList.reserve(m_DeviceList.size() + 1);
+    if (const int code = openOrLeaveClosed(device); code != 0) {
+        if (GVLOG_Level() > 0) {
+            logLine("open device", "devId=0x", std::hex, device.devId, ": return-code=", std::dec, code);
+        }
+        return code;
+    }
+    // A reader with the device ID 0 is not found by it, so it may be open already.
+    if (!IsInDeviceList(&device)) {
+        m_DeviceList.push_back(&device);
+    }
+    device.owner = false;
+    if (GVLOG_Level() > 0) {
+        logLine("open device", "devId=0x", std::hex, device.devId, ": ok");
+    }
+    return GVUSB_OK;
+}
+
+// Opens one entry for an application: the handle, or the code of the failure.
+int GVDrvHnd::OpenEntry(GVDevice& device) {
+    if (const int devHnd = DL_HandleOfDeviceId(device.devId); devHnd != 0) {
+        return devHnd;
+    }
+    if (const int code = OpenScanned(device); code != 0) {
+        return SetLastError(code);
+    }
+    logDeviceList();
+    SetLastError(GVUSB_OK);
+    return device.devHnd;
+}
+
+int GVDrvHnd::OpenAllDevices() {
+    const MutexLock lock(m_mtxDevList);
+    int lastFailure = GVUSB_OK;
+    for (GVDevice* device : m_ScanList) {
+        if (device == nullptr || DL_HandleOfDeviceId(device->devId) != 0) {
+            continue;
+        }
+        if (const int code = OpenScanned(*device); code != 0) {
+            lastFailure = code;
+        }
+    }
+    logDeviceList();
+    return SetLastError(lastFailure);
+}
+
+int GVDrvHnd::OpenDevice(int index) {
+    const MutexLock lock(m_mtxDevList);
+    if (index < 0 || static_cast<std::size_t>(index) >= m_ScanList.size()) {
+        return SetLastError(GVUSB_ERR_INDEX_OUT_OF_RANGE);
+    }
+    GVDevice* const device = m_ScanList[static_cast<std::size_t>(index)];
+    if (device == nullptr) {
+        return SetLastError(GVUSB_ERR_UNKNOWN_ERROR_CODE);
+    }
+    return OpenEntry(*device);
+}
+
+int GVDrvHnd::OpenDevice(unsigned int devId) {
+    const MutexLock lock(m_mtxDevList);
+    const auto found = std::find_if(m_ScanList.begin(), m_ScanList.end(), [&](const GVDevice* device) {
+        return device != nullptr && device->devId == devId;
+    });
+    if (found == m_ScanList.end()) {
+        if (GVLOG_Level() > 0) {
+            logLine("open device", "devId=0x", std::hex, devId, " not scanned");
+        }
+        return SetLastError(GVUSB_ERR_NOT_SCANNED);
+    }
+    return OpenEntry(**found);
+}
+
+int GVDrvHnd::CloseDevice(int devHnd) {
+    const MutexLock lock(m_mtxDevList);
+    const auto found = std::find_if(m_DeviceList.begin(), m_DeviceList.end(), [&](const GVDevice* device) {
+        return device != nullptr && device->devHnd == devHnd;
+    });
+    if (found == m_DeviceList.end()) {
+        if (GVLOG_Level() > 0) {
+            logLine("close device", "devHnd=0x", std::hex, devHnd, " not in device list");
+        }
+        return SetLastError(GVUSB_ERR_HANDLE_NOT_FOUND);
+    }
+    GVDevice* const device = *found;
+    m_DeviceList.erase(found);
+    const unsigned int devId = device->devId;
+    const bool stillScanned = IsInScanList(device);
+    std::unique_ptr<GVDevice> unlisted(stillScanned ? nullptr : device);
+    device->owner = true;
+    device->CloseDevice();
+    SetLastError(GVUSB_OK);
+    unlisted.reset();
+    if (GVLOG_Level() > 0) {
+        logLine("close device", "devHnd=0x", std::hex, devHnd, " devId=0x", devId,
+                stillScanned ? ":done - device still in scan list" : ":done - device object destroyed");
+    }
+    logDeviceList();
+    return GVUSB_OK;
+}

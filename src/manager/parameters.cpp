@@ -1,0 +1,104 @@
+#include "manager/gvdrvhnd.h"
+
+#include "api/log.h"
+#include "base/key_text.h"
+#include "base/numbers.h"
+#include "device/gvdevice.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+// The handle is hexadecimal, and so is the return code after it. A read that failed shows the caller's buffer
+// as it stands, within its documented size.
+void logParameter(const char* tag, int devHnd, const char* key, const char* value, std::size_t valueSize,
+                  int code) {
+    if (GVLOG_Level() > 0) {
+        logLine(tag, "Hnd(0x", std::hex, devHnd, ") ", key, " = '",
+                std::string_view(value, strnlen(value, valueSize)), "' => rc=", code);
+    }
+}
+
+} // namespace
+
+int GVDrvHnd::GetDevicePara(int devHnd, const char* key, char* value) {
+    int code;
+    if (devHnd == GVUSB_DRIVER) {
+        code = GetDriverPara(key, value);
+    } else {
+        if (devHnd == GVUSB_ALL_DEVICES) {
+            devHnd = FindFirstOrNextDeviceHandle(0);
+            if (devHnd == 0) {
+                return SetLastError(GVUSB_ERR_EMPTY_DEVICE_LIST);
+            }
+        }
+        const MutexLock lock(m_mtxDevList);
+        GVDevice* const device = DL_DeviceOfDevHnd(devHnd);
+        code = SetLastError(device == nullptr ? int{GVUSB_ERR_HANDLE_NOT_FOUND}
+                                              : device->GetDevicePara(key, value));
+    }
+    logParameter("get device para", devHnd, key, value, GVUSB_PARAMETER_SIZE, code);
+    return code;
+}
+
+int GVDrvHnd::SetDevicePara(int devHnd, const char* key, const char* value) {
+    int code;
+    if (devHnd == GVUSB_DRIVER) {
+        code = SetDriverPara(key, value);
+    } else if (devHnd == GVUSB_ALL_DEVICES) {
+        code = SetEveryDevicePara(key, value);
+    } else {
+        const MutexLock lock(m_mtxDevList);
+        GVDevice* const device = DL_DeviceOfDevHnd(devHnd);
+        code = SetLastError(device == nullptr ? int{GVUSB_ERR_HANDLE_NOT_FOUND}
+                                              : device->SetDevicePara(key, value));
+    }
+    logParameter("set device para", devHnd, key, value, std::string_view::npos, code);
+    return code;
+}
+
+int GVDrvHnd::GetDriverPara(const char* key, char* value) {
+    if (UpperKey(key) == "HOTPLUG-MODE") {
+        std::snprintf(value, GVUSB_PARAMETER_SIZE, "%u", static_cast<unsigned int>(m_iHotPlugMode));
+        return SetLastError(GVUSB_OK);
+    }
+    return SetLastError(GVUSB_ERR_UNKNOWN_PARAMETER);
+}
+
+int GVDrvHnd::SetDriverPara(const char* key, const char* value) {
+    const UpperKey upperKey(key);
+    if (upperKey == "HOTPLUG-UPDATERATE") {
+        const auto microseconds = unsignedNumber(value);
+        if (microseconds.value_or(0) < 10) {
+            return SetLastError(GVUSB_ERR_OUT_OF_RANGE);
+        }
+        relaxed::store(m_uiUpdateRate, *microseconds);
+    } else if (upperKey == "HOTPLUG-SUSPEND") {
+        const std::string_view suspend(value);
+        if (suspend != "0" && suspend != "1") {
+            return SetLastError(GVUSB_ERR_OUT_OF_RANGE);
+        }
+        relaxed::store(m_bSuspend, suspend == "1");
+    } else {
+        return SetLastError(GVUSB_ERR_UNKNOWN_PARAMETER);
+    }
+    return SetLastError(GVUSB_OK);
+}
+
+// Every open reader in order, until one refuses. Without any, the last error stays and is the result.
+int GVDrvHnd::SetEveryDevicePara(const char* key, const char* value) {
+    const MutexLock lock(m_mtxDevList);
+    int code = relaxed::load(m_iLastError);
+    for (GVDevice* device : m_DeviceList) {
+        if (device == nullptr) {
+            continue;
+        }
+        code = SetLastError(device->SetDevicePara(key, value));
+        if (code != 0) {
+            break;
+        }
+    }
+    return code;
+}

@@ -1,0 +1,65 @@
+#include "manager/gvdrvhnd.h"
+
+#include "api/log.h"
+#include "device/gvdevice.h"
+#include "manager/open_device.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+void logReplacement(const char* tag, GVDevice& device) {
+    if (GVLOG_Level() > 0) {
+        logLine(tag, "devHnd=0x", std::hex, device.devHnd, " devId=0x", device.devId,
+                " usbDevPtr=", device.GetUsbDevPtr(), " owner=", device.owner);
+    }
+}
+
+// Whoever opens and closes a reader holds the device-list mutex, as the caller does: the device's own is not
+// needed.
+bool isOpen(const GVDevice& device) GVUSB_NO_THREAD_SAFETY_ANALYSIS {
+    return device.usbdev_hnd != nullptr;
+}
+
+} // namespace
+
+bool GVDrvHnd::DL_ReplaceDevice(GVDevice* newDev) {
+    const auto found = std::find_if(m_DeviceList.begin(), m_DeviceList.end(), [&](const GVDevice* device) {
+        return device != nullptr && device != newDev && device->devId == newDev->devId;
+    });
+    if (found == m_DeviceList.end()) {
+        return false;
+    }
+    GVDevice* const oldDev = *found;
+    const int devHnd = oldDev->devHnd;
+    const bool wasOpen = isOpen(*oldDev);
+    logReplacement("replace", *newDev);
+    logReplacement("to ... ", *oldDev);
+
+    DestroyDevice(oldDev);
+    // One entry for each record: a second would make a walk by handles go round in a circle.
+    std::replace(m_DeviceList.begin(), m_DeviceList.end(), newDev, static_cast<GVDevice*>(nullptr));
+    *found = newDev;
+    newDev->devHnd = devHnd;
+    if (wasOpen) {
+        newDev->owner = false;
+        openOrLeaveClosed(*newDev);
+    }
+    return true;
+}
+
+void GVDrvHnd::SL_ReplaceDevice(GVDevice* newDev, int index) {
+    newDev->owner = true;
+    // The list owns the new record from here on, also when memory runs out below.
+    GVDevice* const displaced = std::exchange(m_ScanList[static_cast<std::size_t>(index)], newDev);
+    const bool shared = displaced != nullptr && IsInDeviceList(displaced);
+    if (displaced != nullptr && !shared && displaced != newDev) {
+        DestroyDevice(displaced);
+    }
+    DL_ReplaceDevice(newDev);
+    // Of two open readers with the same device ID only the first is replaced; the other keeps its handle.
+    if (shared && IsInDeviceList(displaced)) {
+        displaced->owner = false;
+    }
+}

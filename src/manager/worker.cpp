@@ -1,0 +1,56 @@
+#include "manager/gvdrvhnd.h"
+
+#include "api/log.h"
+
+#include <unistd.h>
+
+namespace {
+
+// The end of the thread is told however it ends: by the loop test, or cancelled in its sleep.
+struct StopLogger {
+    ~StopLogger() {
+        if (GVLOG_Level() > 2) {
+            GVLOG_Msg("thread", "stop");
+        }
+    }
+};
+
+void sleepCancellably(unsigned int microseconds) {
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    usleep(microseconds);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+}
+
+} // namespace
+
+void* GVDrvHnd::CheckDevicesThread(void* manager) {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    GVDrvHnd& self = *static_cast<GVDrvHnd*>(manager);
+    if (GVLOG_Level() > 2) {
+        logLine("thread", "start");
+    }
+    const StopLogger stopLogger;
+    while (!relaxed::load(self.m_bStopThread)) {
+        sleepCancellably(relaxed::load(self.m_uiUpdateRate));
+        if (relaxed::load(self.m_bSuspend)) {
+            continue;
+        }
+        if (relaxed::load(self.m_bStopThread)) {
+            break;
+        }
+        if (GVLOG_Level() > 2) {
+            logLine("thread", "next update");
+        }
+        self.UpdateDevices();
+    }
+    return nullptr;
+}
+
+// Unloading waits for a poll in progress, but not for the end of the sleep, which may take hours.
+void GVDrvHnd::StopThread() {
+    relaxed::store(m_bStopThread, true);
+    if (m_bThreadStarted) {
+        pthread_cancel(m_Thread);
+        pthread_join(m_Thread, nullptr);
+    }
+}
