@@ -27,8 +27,11 @@ if(GVUSB_SANITIZE)
         -fsanitize=${GVUSB_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(gvusb_sanitizers INTERFACE -fsanitize=${GVUSB_SANITIZE})
     if(GVUSB_SANITIZE MATCHES undefined)
-        # Checking virtual calls needs the C++ half of the runtime, which a plain C program does not bring along.
-        target_compile_options(gvusb_sanitizers INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-fno-sanitize=vptr>)
+        # Checking virtual calls, and clang's check of calls by pointer, need the C++ half of the runtime, which a plain
+        # C program does not bring along.
+        target_compile_options(gvusb_sanitizers INTERFACE
+            $<$<COMPILE_LANGUAGE:CXX>:-fno-sanitize=vptr>
+            $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-fno-sanitize=function>)
     endif()
 endif()
 if(GVUSB_COVERAGE)

@@ -1,4 +1,6 @@
-# What can be switched.
+# What can be switched. Parts beyond the library itself are on where their packages are installed; where not, the
+# configure run says which package is missing.
+
 set(GVUSB_VENDOR_ID 0x1209 CACHE STRING "USB vendor ID of the readers (16 bits)")
 if(NOT GVUSB_VENDOR_ID MATCHES "^0x[0-9A-Fa-f][0-9A-Fa-f]?[0-9A-Fa-f]?[0-9A-Fa-f]?$")
     message(FATAL_ERROR "GVUSB_VENDOR_ID is '${GVUSB_VENDOR_ID}'; it takes a 16-bit number such as 0x1209")
@@ -6,3 +8,48 @@ endif()
 set(GVUSB_SANITIZE "" CACHE STRING "Sanitizers for library and tests, as -fsanitize= takes them (address,undefined or thread)")
 option(GVUSB_WERROR "Treat compiler warnings as errors" OFF)
 option(GVUSB_COVERAGE "Measure test coverage" OFF)
+
+find_package(PkgConfig QUIET)
+set(missing_for_emulator)
+if(PkgConfig_FOUND)
+    pkg_check_modules(UMOCKDEV QUIET IMPORTED_TARGET umockdev-1.0)
+    pkg_check_modules(GIO_UNIX QUIET IMPORTED_TARGET gio-unix-2.0)
+else()
+    list(APPEND missing_for_emulator pkg-config)
+endif()
+if(NOT UMOCKDEV_FOUND)
+    list(APPEND missing_for_emulator libumockdev-dev)
+endif()
+find_package(CLI11 QUIET)
+if(NOT CLI11_FOUND)
+    list(APPEND missing_for_emulator libcli11-dev)
+endif()
+
+find_package(GTest QUIET)
+set(missing_for_tests)
+if(NOT GTest_FOUND OR NOT TARGET GTest::gmock)
+    list(APPEND missing_for_tests libgtest-dev libgmock-dev)
+endif()
+find_package(cmocka QUIET)
+if(NOT cmocka_FOUND)
+    list(APPEND missing_for_tests libcmocka-dev)
+endif()
+
+# An option that is on by default exactly where nothing is missing, and a clear refusal where it is asked for without.
+# What is missing today is not remembered as the user's choice.
+function(gvusb_part name what missing)
+    if(NOT missing)
+        option(${name} "Build ${what}" ON)
+        return()
+    endif()
+    list(JOIN missing " " packages)
+    if(${name})
+        message(FATAL_ERROR "${name} needs packages that are missing: ${packages}")
+    endif()
+    message(STATUS "gvusb: without ${what}; missing packages: ${packages}")
+    set(${name} OFF PARENT_SCOPE)
+endfunction()
+
+gvusb_part(GVUSB_BUILD_EMULATOR "the virtual readers (gvusb-emulate)" "${missing_for_emulator}")
+gvusb_part(GVUSB_BUILD_TESTS "the tests" "${missing_for_tests}")
+gvusb_part(GVUSB_BUILD_EXAMPLES "the examples" "")

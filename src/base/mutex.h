@@ -16,18 +16,28 @@ public:
     Mutex& operator=(const Mutex&) = delete;
 
     void lock() noexcept GVUSB_ACQUIRE() { pthread_mutex_lock(&m_mutex); }
+    bool tryLock() noexcept GVUSB_TRY_ACQUIRE(true) { return pthread_mutex_trylock(&m_mutex) == 0; }
     void unlock() noexcept GVUSB_RELEASE() { pthread_mutex_unlock(&m_mutex); }
 
 private:
+    friend class Condition;
     pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
 };
 static_assert(sizeof(Mutex) == sizeof(pthread_mutex_t));
 
 class GVUSB_SCOPED_CAPABILITY MutexLock {
 public:
+    enum TryFirst { tryFirst };
+
     explicit MutexLock(Mutex& mutex) noexcept GVUSB_ACQUIRE(mutex)
         : m_mutex(mutex) {
         m_mutex.lock();
+    }
+    MutexLock(Mutex& mutex, TryFirst /*how*/) noexcept GVUSB_ACQUIRE(mutex)
+        : m_mutex(mutex) {
+        if (!m_mutex.tryLock()) {
+            m_mutex.lock();
+        }
     }
     ~MutexLock() GVUSB_RELEASE() { m_mutex.unlock(); }
     MutexLock(const MutexLock&) = delete;
@@ -35,4 +45,22 @@ public:
 
 private:
     Mutex& m_mutex;
+};
+
+// Something that threads wait for while they hold a mutex.
+class Condition {
+public:
+    constexpr Condition() noexcept = default;
+    ~Condition() { pthread_cond_destroy(&m_condition); }
+    Condition(const Condition&) = delete;
+    Condition& operator=(const Condition&) = delete;
+
+    // May return without a signal: test again what is waited for.
+    void wait(Mutex& mutex) noexcept GVUSB_REQUIRES(mutex) {
+        pthread_cond_wait(&m_condition, &mutex.m_mutex);
+    }
+    void signal() noexcept { pthread_cond_signal(&m_condition); }
+
+private:
+    pthread_cond_t m_condition = PTHREAD_COND_INITIALIZER;
 };

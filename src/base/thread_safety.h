@@ -11,6 +11,7 @@
 #define GVUSB_SCOPED_CAPABILITY GVUSB_THREAD_ATTRIBUTE(scoped_lockable)
 #define GVUSB_GUARDED_BY(mutex) GVUSB_THREAD_ATTRIBUTE(guarded_by(mutex))
 #define GVUSB_ACQUIRE(...) GVUSB_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define GVUSB_TRY_ACQUIRE(...) GVUSB_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define GVUSB_RELEASE(...) GVUSB_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define GVUSB_REQUIRES(...) GVUSB_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define GVUSB_EXCLUDES(...) GVUSB_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))

@@ -13,6 +13,11 @@ struct ConfigDescriptorDeleter {
 };
 using ConfigDescriptor = std::unique_ptr<libusb_config_descriptor, ConfigDescriptorDeleter>;
 
+struct DeviceUnreferencer {
+    void operator()(libusb_device* device) const noexcept { libusb_unref_device(device); }
+};
+using DeviceReference = std::unique_ptr<libusb_device, DeviceUnreferencer>;
+
 struct DeviceHandleCloser {
     void operator()(libusb_device_handle* handle) const noexcept { libusb_close(handle); }
 };

@@ -19,6 +19,7 @@ bool GVDevice::IsDevice(_GVUSB_SCANSEARCH* search) {
 
 int GVDevice::IdentifyDevice() {
     const MutexLock lock(mutex);
+    CloseDev(); // a handle that is still open would be lost
     libusb_device_handle* handle = nullptr;
     if (g_libusb_open(usbdev, &handle, openOption) != 0) {
         return SetLastError(GVUSB_ERR_CANNOT_OPEN);

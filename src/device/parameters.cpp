@@ -11,6 +11,7 @@
 int GVDevice::GetDevicePara(const char* key, char* value) {
     const UpperKey upperKey(key);
     const MutexLock lock(mutex);
+    SetLastError(GVUSB_OK);
     if (upperKey == "TIMEOUT") {
         std::snprintf(value, GVUSB_PARAMETER_SIZE, "%u", timeout);
     } else if (upperKey == "DEVICEHND") {
@@ -36,12 +37,13 @@ int GVDevice::GetDevicePara(const char* key, char* value) {
     } else {
         return SetLastError(GVUSB_ERR_UNKNOWN_PARAMETER);
     }
-    return SetLastError(GVUSB_OK);
+    return GVUSB_OK;
 }
 
 int GVDevice::SetDevicePara(const char* key, const char* value) {
     const UpperKey upperKey(key);
     const MutexLock lock(mutex);
+    SetLastError(GVUSB_OK);
     if (upperKey == "TIMEOUT") {
         const auto milliseconds = leadingNumber<std::uint32_t>(value);
         if (milliseconds.value_or(0) < 1) {
@@ -63,5 +65,5 @@ int GVDevice::SetDevicePara(const char* key, const char* value) {
     } else {
         return SetLastError(GVUSB_ERR_UNKNOWN_PARAMETER);
     }
-    return SetLastError(GVUSB_OK);
+    return GVUSB_OK;
 }

@@ -21,7 +21,7 @@ int GVDrvHnd::NextDeviceHandle() {
 void GVDrvHnd::ClearDeviceList() {
     const MutexLock lock(m_mtxDevList);
     for (GVDevice* device : m_DeviceList) {
-        if (device != nullptr && !IsInScanList(device)) {
+        if (device != nullptr && (!device->owner || !IsInScanList(device))) {
             DestroyDevice(device);
         }
     }

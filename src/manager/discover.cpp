@@ -97,17 +97,26 @@ bool GVDrvHnd::IsUsableGavoDevice(libusb_device_descriptor* desc) {
 }
 
 unsigned int GVDrvHnd::ReadDeviceIdOfUsbDev(libusb_device* dev) {
+    unsigned int devId = 0;
+    ReadDeviceId(dev, devId);
+    return devId;
+}
+
+// Sets the device ID when it can be read and is a number. Returns 0 or libusb's code of what failed.
+int GVDrvHnd::ReadDeviceId(libusb_device* dev, unsigned int& devId) {
     libusb_device_handle* opened = nullptr;
-    if (libusb_open(dev, &opened) != 0) {
-        return 0;
+    if (const int rc = libusb_open(dev, &opened); rc != 0) {
+        return rc;
     }
     const DeviceHandle handle(opened);
     if (GVLOG_Level() > 2) {
         logLine("update", "read device id");
     }
     DescriptorText text = {};
-    if (readString(handle.get(), StringIndex::deviceId, text) <= 0) {
-        return 0;
+    const int rc = readString(handle.get(), StringIndex::deviceId, text);
+    if (rc <= 0) {
+        return rc;
     }
-    return hexadecimalNumber(text).value_or(0);
+    devId = hexadecimalNumber(text).value_or(0);
+    return LIBUSB_SUCCESS;
 }

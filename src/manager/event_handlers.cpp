@@ -17,7 +17,31 @@ std::vector<_GVUSB_INTERNAL_EVENT_INIT*>::iterator findRegistration(const _GVUSB
                         });
 }
 
+// The thread that is running handlers, 0 for none. Only that thread finds its own number here.
+pthread_t handlerThread = 0;
+bool exiting = false;
+
+class RunningHandlers {
+public:
+    RunningHandlers() { relaxed::store(handlerThread, pthread_self()); }
+    ~RunningHandlers() { relaxed::store(handlerThread, 0); }
+    RunningHandlers(const RunningHandlers&) = delete;
+    RunningHandlers& operator=(const RunningHandlers&) = delete;
+};
+
 } // namespace
+
+void allowEventHandlers() {
+    relaxed::store(exiting, false);
+}
+
+void leaveEventHandlerForExit() GVUSB_NO_THREAD_SAFETY_ANALYSIS {
+    if (relaxed::load(handlerThread) == pthread_self()) {
+        relaxed::store(exiting, true);
+        relaxed::store(handlerThread, 0);
+        g_MtxEvtInitAry.unlock();
+    }
+}
 
 int GVDrvHnd::AddEventHandler(int devHnd, _GVUSB_EVENT_INIT* registration) {
     if (devHnd != 0) {
@@ -65,8 +89,10 @@ bool GVDrvHnd::RemoveFromEventInitList(_GVUSB_EVENT_INIT* registration) {
     return true;
 }
 
+// Unloading holds the scan-list mutex here, and a handler that scans takes the two mutexes the other way
+// round. None runs any more then, so trying gets the mutex, which is no order of locks.
 void GVDrvHnd::ClearEventInitList() {
-    const MutexLock lock(g_MtxEvtInitAry);
+    const MutexLock lock(g_MtxEvtInitAry, MutexLock::tryFirst);
     for (const _GVUSB_INTERNAL_EVENT_INIT* registration : g_EvtInitAry) {
         delete registration;
     }
@@ -75,9 +101,10 @@ void GVDrvHnd::ClearEventInitList() {
 
 void GVDrvHnd::ExecEventInitListCallbacks(unsigned int event, int devHnd, unsigned int devId) {
     const MutexLock lock(g_MtxEvtInitAry);
-    if (event != GVUSB_EVENT_CONNECT && event != GVUSB_EVENT_DISCONNECT) {
+    if (relaxed::load(exiting) || (event != GVUSB_EVENT_CONNECT && event != GVUSB_EVENT_DISCONNECT)) {
         return;
     }
+    const RunningHandlers running;
     for (std::size_t i = 0; i < g_EvtInitAry.size(); ++i) {
         const _GVUSB_INTERNAL_EVENT_INIT& registration = *g_EvtInitAry[i];
         if (registration.uiCallbackType == GVUSB_CALLBACK_FUNCTION && registration.cbFct != nullptr &&

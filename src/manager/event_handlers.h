@@ -23,3 +23,11 @@ static_assert(sizeof(_GVUSB_INTERNAL_EVENT_INIT) == sizeof(_GVUSB_EVENT_INIT));
 extern Mutex g_MtxEvtInitAry;
 extern std::vector<_GVUSB_INTERNAL_EVENT_INIT*>
     g_EvtInitAry GVUSB_GUARDED_BY(g_MtxEvtInitAry); // in order of registration
+
+// A handler may end the process by calling exit(), which tears the manager down inside the handler. Then no
+// handler runs any more, and the mutex that this one holds is given back, as whoever waits for it has to end
+// first. In a thread that is not running a handler this does nothing.
+void leaveEventHandlerForExit();
+
+// Undoes that for a new manager.
+void allowEventHandlers();

@@ -11,6 +11,7 @@
 #include "base/relaxed.h"
 #include "gvusb.h"
 #include "manager/event_handlers.h"
+#include "manager/hotplug_queue.h"
 
 #include <vector>
 
@@ -125,6 +126,7 @@ public:
         false; // libusb has a default context; without one most of its functions must not be called
     bool m_bThreadStarted = false; // there is a thread to join
     Mutex m_mtxReported;           // innermost: nothing is called while it is held
+    HotPlugQueue m_HotPlugQueue{&ReportQueued, this};
 
 private:
     void ApplyDebugLevels();
@@ -144,6 +146,10 @@ private:
     int SetDriverPara(const char* key, const char* value);
     int SetEveryDevicePara(const char* key, const char* value) GVUSB_EXCLUDES(m_mtxDevList);
 
+    int ReadDeviceId(libusb_device* dev, unsigned int& devId);
+    int ReportArrival(libusb_device* dev);
+    static void ReportDeparture();
+    static void ReportQueued(void* manager, libusb_hotplug_event event, libusb_device* dev);
     void UpdateFromUsbDevice(libusb_device* usbDevice, std::vector<unsigned int>& arrived)
         GVUSB_REQUIRES(m_mtxDevList);
     bool WasReported(std::vector<unsigned int>& ids, unsigned int id) GVUSB_EXCLUDES(m_mtxReported);

@@ -2,25 +2,45 @@
 
 #include "api/log.h"
 
+// Older or other implementations of libusb may lack these two: then no callback is taken to be inside event
+// handling.
+#pragma weak libusb_try_lock_events
+#pragma weak libusb_unlock_events
+
+namespace {
+
+// While a thread handles events it holds their lock, and nobody else can take it, that thread included.
+bool eventsAreBeingHandled() {
+    if (&libusb_try_lock_events == nullptr || &libusb_unlock_events == nullptr) {
+        return false;
+    }
+    if (libusb_try_lock_events(nullptr) != 0) {
+        return true;
+    }
+    libusb_unlock_events(nullptr);
+    return false;
+}
+
+} // namespace
+
 int LIBUSB_CALL GVDrvHnd::ExecDeviceConnectCallbacks(libusb_context* /*ctx*/, libusb_device* dev,
                                                      libusb_hotplug_event /*event*/, void* manager) {
-    const unsigned int devId = static_cast<GVDrvHnd*>(manager)->ReadDeviceIdOfUsbDev(dev);
-    if (devId != 0) {
-        if (GVLOG_Level() > 0) {
-            logLine("from libusb", "MESSAGE \"connect\": devId=0x", std::hex, devId);
-        }
-        ExecEventInitListCallbacks(GVUSB_EVENT_CONNECT, 0, devId);
+    GVDrvHnd& self = *static_cast<GVDrvHnd*>(manager);
+    // A read that is refused as busy comes from inside event handling too, an application's own perhaps.
+    if (eventsAreBeingHandled() || self.ReportArrival(dev) == LIBUSB_ERROR_BUSY) {
+        self.m_HotPlugQueue.Post(LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED, dev);
     }
     return 0;
 }
 
-// What has left cannot be asked for its device ID any more.
-int LIBUSB_CALL GVDrvHnd::ExecDeviceDisconnectCallbacks(libusb_context* /*ctx*/, libusb_device* /*dev*/,
-                                                        libusb_hotplug_event /*event*/, void* /*manager*/) {
-    if (GVLOG_Level() > 0) {
-        logLine("from libusb", "MESSAGE \"disconnect\": devHnd=0x", std::hex, 0, " devId=0x", 0);
+int LIBUSB_CALL GVDrvHnd::ExecDeviceDisconnectCallbacks(libusb_context* /*ctx*/, libusb_device* dev,
+                                                        libusb_hotplug_event /*event*/, void* manager) {
+    GVDrvHnd& self = *static_cast<GVDrvHnd*>(manager);
+    if (eventsAreBeingHandled()) {
+        self.m_HotPlugQueue.Post(LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, dev);
+    } else {
+        ReportDeparture();
     }
-    ExecEventInitListCallbacks(GVUSB_EVENT_DISCONNECT, 0, 0);
     return 0;
 }
 
@@ -34,4 +54,33 @@ int LIBUSB_CALL GVDrvHnd::ExecDeviceCallbacks(libusb_context* ctx, libusb_device
     default:
         return 0;
     }
+}
+
+void GVDrvHnd::ReportQueued(void* manager, libusb_hotplug_event event, libusb_device* dev) {
+    if (event == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED) {
+        static_cast<GVDrvHnd*>(manager)->ReportArrival(dev);
+    } else {
+        ReportDeparture();
+    }
+}
+
+// Reports a reader that can be read. Returns libusb's code of a read that failed.
+int GVDrvHnd::ReportArrival(libusb_device* dev) {
+    unsigned int devId = 0;
+    if (const int rc = ReadDeviceId(dev, devId); rc < 0 || devId == 0) {
+        return rc;
+    }
+    if (GVLOG_Level() > 0) {
+        logLine("from libusb", "MESSAGE \"connect\": devId=0x", std::hex, devId);
+    }
+    ExecEventInitListCallbacks(GVUSB_EVENT_CONNECT, 0, devId);
+    return LIBUSB_SUCCESS;
+}
+
+// What has left cannot be asked for its device ID any more.
+void GVDrvHnd::ReportDeparture() {
+    if (GVLOG_Level() > 0) {
+        logLine("from libusb", "MESSAGE \"disconnect\": devHnd=0x", std::hex, 0, " devId=0x", 0);
+    }
+    ExecEventInitListCallbacks(GVUSB_EVENT_DISCONNECT, 0, 0);
 }

@@ -27,6 +27,7 @@ constexpr unsigned int usedLibUsbApi = 0x01000105;
 } // namespace
 
 GVDrvHnd::GVDrvHnd() {
+    allowEventHandlers();
     File configurationFile(std::fopen("/etc/gavo/gvusb.conf", "r"));
     m_bLibUsbUsable = libusb_init(nullptr) == LIBUSB_SUCCESS;
     const libusb_version* const libUsbVersion = libusb_get_version();
@@ -68,7 +69,9 @@ GVDrvHnd::~GVDrvHnd() {
     if (GVLOG_Level() > 0) {
         logLine("exit", "cleaning up ...");
     }
+    leaveEventHandlerForExit();
     StopThread();
+    m_HotPlugQueue.Stop();
     // Never unlocked: a scan that an application starts now, against all rules, waits instead of using what
     // is going.
     m_mtxScanList.lock();

@@ -7,11 +7,27 @@
 #include <algorithm>
 #include <memory>
 
+namespace {
+
+struct Closer {
+    void operator()(GVDevice* device) const {
+        const MutexLock lock(device->mutex);
+        device->CloseDev();
+    }
+};
+
+} // namespace
+
+bool isOpen(const GVDevice& device) GVUSB_NO_THREAD_SAFETY_ANALYSIS {
+    return device.usbdev_hnd != nullptr;
+}
+
 int openOrLeaveClosed(GVDevice& device) {
+    // Also when memory runs out in the middle; but what was open before stays open.
+    std::unique_ptr<GVDevice, Closer> opening(isOpen(device) ? nullptr : &device);
     const int code = device.OpenDevice();
-    if (code != 0) {
-        const MutexLock lock(device.mutex);
-        device.CloseDev();
+    if (code == 0) {
+        static_cast<void>(opening.release());
     }
     return code;
 }

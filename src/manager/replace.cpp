@@ -16,12 +16,6 @@ void logReplacement(const char* tag, GVDevice& device) {
     }
 }
 
-// Whoever opens and closes a reader holds the device-list mutex, as the caller does: the device's own is not
-// needed.
-bool isOpen(const GVDevice& device) GVUSB_NO_THREAD_SAFETY_ANALYSIS {
-    return device.usbdev_hnd != nullptr;
-}
-
 } // namespace
 
 bool GVDrvHnd::DL_ReplaceDevice(GVDevice* newDev) {

@@ -46,10 +46,11 @@ void* GVDrvHnd::CheckDevicesThread(void* manager) {
     return nullptr;
 }
 
-// Unloading waits for a poll in progress, but not for the end of the sleep, which may take hours.
+// Unloading waits for a poll in progress, but not for the end of the sleep, which may take hours. The thread
+// itself is what unloads when a handler that it runs calls exit().
 void GVDrvHnd::StopThread() {
     relaxed::store(m_bStopThread, true);
-    if (m_bThreadStarted) {
+    if (m_bThreadStarted && pthread_equal(m_Thread, pthread_self()) == 0) {
         pthread_cancel(m_Thread);
         pthread_join(m_Thread, nullptr);
     }

@@ -1,0 +1,118 @@
+#include "base/numbers.h"
+
+#include <cstdint>
+#include <limits>
+#include <optional>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr auto highestInt = std::numeric_limits<int>::max();
+constexpr auto lowestInt = std::numeric_limits<int>::min();
+constexpr auto highestUnsigned = std::numeric_limits<std::uint32_t>::max();
+
+template <class Number>
+struct Row {
+    const char* text;
+    std::optional<Number> number;
+};
+
+TEST(LeadingNumber, ReadsASignedDecimalNumber) {
+    const Row<int> rows[] = {
+        {"0", 0},
+        {"300", 300},
+        {"-3", -3},
+        {"+7", 7},
+        {"007", 7},
+        {" \t\n42", 42},
+        {"250ms", 250},
+        {"12 13", 12},
+        {"1.9", 1},
+        {"0x10", 0},
+        {"", std::nullopt},
+        {"abc", std::nullopt},
+        {"-", std::nullopt},
+        {"- 3", std::nullopt},
+        {"+-3", std::nullopt},
+    };
+    for (const auto& [text, number] : rows) {
+        EXPECT_EQ(leadingNumber<int>(text), number) << '"' << text << '"';
+    }
+}
+
+TEST(LeadingNumber, SaturatesWhatDoesNotFitAnInt) {
+    const Row<int> rows[] = {
+        {"2147483647", highestInt}, {"2147483648", highestInt},
+        {"4294967296", highestInt}, {"99999999999999999999999", highestInt},
+        {"-2147483648", lowestInt}, {"-2147483649", lowestInt},
+        {"-4294967295", lowestInt}, {"-99999999999999999999999", lowestInt},
+    };
+    for (const auto& [text, number] : rows) {
+        EXPECT_EQ(leadingNumber<int>(text), number) << text;
+    }
+}
+
+TEST(LeadingNumber, SaturatesWhatDoesNotFitAnUnsigned) {
+    const Row<std::uint32_t> rows[] = {
+        {"4294967295", highestUnsigned},
+        {"4294967296", highestUnsigned},
+        {"99999999999999999999999", highestUnsigned},
+        {"-1", 0},
+        {"-99999999999999999999999", 0},
+    };
+    for (const auto& [text, number] : rows) {
+        EXPECT_EQ(leadingNumber<std::uint32_t>(text), number) << text;
+    }
+}
+
+TEST(UnsignedNumber, ReadsAsTheConversionForUnsignedDecimalsDoes) {
+    const Row<std::uint32_t> rows[] = {
+        {"0", 0},
+        {"9", 9},
+        {"10", 10},
+        {"250000ms", 250000},
+        {"  77", 77},
+        {"+5", 5},
+        {"1 2", 1},
+        {"", std::nullopt},
+        {"abc", std::nullopt},
+        {"   ", std::nullopt},
+        {"-", std::nullopt},
+    };
+    for (const auto& [text, number] : rows) {
+        EXPECT_EQ(unsignedNumber(text), number) << '"' << text << '"';
+    }
+}
+
+TEST(UnsignedNumber, SaturatesWhatDoesNotFit) {
+    for (const char* text : {"4294967295", "4294967296", "4294967306", "18446744073709551615",
+                             "18446744073709551626", "99999999999999999999999"}) {
+        EXPECT_EQ(unsignedNumber(text), highestUnsigned) << text;
+    }
+}
+
+TEST(HexadecimalNumber, ReadsAsTheConversionForHexadecimalDoes) {
+    const Row<std::uint32_t> rows[] = {
+        {"1A2B3C", 0x1A2B3C},
+        {"1a2b3c", 0x1A2B3C},
+        {"0x12AB0", 0x12AB0},
+        {"0X12AB0", 0x12AB0},
+        {"  ff", 0xFF},
+        {"ffG1", 0xFF},
+        {"0", 0},
+        {"FFFFFFFF", highestUnsigned},
+        {"", std::nullopt},
+        {"xyz", std::nullopt},
+    };
+    for (const auto& [text, number] : rows) {
+        EXPECT_EQ(hexadecimalNumber(text), number) << '"' << text << '"';
+    }
+}
+
+TEST(HexadecimalNumber, EndsWithItsText) {
+    const char field[] = {'1', '2', '3', '4'};
+    EXPECT_EQ(hexadecimalNumber({field, 3}), 0x123u);
+}
+
+} // namespace

@@ -1,0 +1,62 @@
+// The three public transfers of a device as one, for tests of what they have in common.
+#pragma once
+
+#include "device_test.h"
+
+#include <ostream>
+
+struct TransferOperation {
+    const char* tag; // of its own log lines
+    bool sends;
+    bool receives;
+    int (*run)(GVDevice& device, const char* protocol);
+};
+
+inline const fake::Bytes sentFrame = {0x02, 0x00, 0x07, 0xFF, 0x01};
+inline constexpr unsigned int receiveSize = 8;
+
+inline const TransferOperation transferOperations[] = {
+    {"transmit", true, false,
+     [](GVDevice& device, const char* protocol) {
+         return device.Transmit(protocol, sentFrame.data(), static_cast<unsigned int>(sentFrame.size()));
+     }},
+    {"receive", false, true,
+     [](GVDevice& device, const char* protocol) {
+         unsigned char buffer[receiveSize];
+         return device.Receive(protocol, buffer, receiveSize);
+     }},
+    {"transceive", true, true,
+     [](GVDevice& device, const char* protocol) {
+         unsigned char buffer[receiveSize];
+         return device.Transceive(protocol, sentFrame.data(), static_cast<unsigned int>(sentFrame.size()),
+                                  buffer, receiveSize);
+     }},
+};
+
+inline void PrintTo(const TransferOperation& operation, std::ostream* stream) {
+    *stream << operation.tag;
+}
+
+// The names of libusb's and the library's sides of a transfer in each mode.
+struct TransferMedium {
+    fake::FakeReader reader;
+    fake::Transfer out;
+    fake::Transfer in;
+    const char* sendTag;
+    const char* receiveTag; // of the dump; the failure's has no blank at the end
+    int otherError;
+};
+
+inline TransferMedium mediumOf(TransferMode mode) {
+    if (mode == TransferMode::bulk) {
+        return {fake::bulkReader(), fake::Transfer::bulkOut, fake::Transfer::bulkIn,
+                "bulkTransmit",     "bulkReceive",           GVUSB_ERR_BULK_TRANSFER};
+    }
+    return {fake::controlReader(), fake::Transfer::controlOut, fake::Transfer::controlIn, "ctrlTransmit",
+            "ctrlReceive",         GVUSB_ERR_CONTROL_TRANSFER};
+}
+
+// What a failed transfer is to the caller.
+inline int expectedCode(int usbResult, int otherError) {
+    return usbResult == -7 ? -1130 : usbResult == -4 ? -1137 : otherError;
+}

@@ -1,0 +1,124 @@
+// What the manager's lists hold, and the log that shows it.
+//
+// Reads and writes the lists under the device-list mutex.
+#pragma once
+
+#include "api/log.h"
+#include "captured_stdout.h"
+#include "device/gvdevice.h"
+#include "fake_libusb.h"
+#include "manager/gvdrvhnd.h"
+
+#include <chrono>
+#include <cstdio>
+#include <future>
+#include <string>
+#include <vector>
+
+namespace manager_lists {
+
+using Devices = std::vector<GVDevice*>;
+using Lines = std::vector<std::string>;
+
+inline constexpr int firstHandle = 0x10000001;
+
+inline Devices scanList() {
+    const MutexLock lock(g_GvUsbMan.m_mtxDevList);
+    return g_GvUsbMan.m_ScanList;
+}
+
+inline Devices deviceList() {
+    const MutexLock lock(g_GvUsbMan.m_mtxDevList);
+    return g_GvUsbMan.m_DeviceList;
+}
+
+inline void setScanList(Devices devices) {
+    const MutexLock lock(g_GvUsbMan.m_mtxDevList);
+    g_GvUsbMan.m_ScanList = std::move(devices);
+}
+
+inline void setDeviceList(Devices devices) {
+    const MutexLock lock(g_GvUsbMan.m_mtxDevList);
+    g_GvUsbMan.m_DeviceList = std::move(devices);
+}
+
+inline std::vector<unsigned> deviceIds(const Devices& devices) {
+    std::vector<unsigned> ids;
+    for (const GVDevice* device : devices) {
+        ids.push_back(device == nullptr ? 0 : device->devId);
+    }
+    return ids;
+}
+
+// The handles as an application walks them.
+inline std::vector<int> openHandlesInOrder() {
+    std::vector<int> handles;
+    for (int devHnd = 0; (devHnd = GVUSB_GetDeviceList(devHnd)) != 0;) {
+        handles.push_back(devHnd);
+    }
+    return handles;
+}
+
+inline bool isOpen(GVDevice& device) {
+    const MutexLock lock(device.mutex);
+    return device.usbdev_hnd != nullptr;
+}
+
+// The manager's last error, which GVUSB_GetLastError would clear.
+inline int lastError() {
+    return relaxed::load(g_GvUsbMan.m_iLastError);
+}
+
+// Whether the call waits while the mutex is held, and ends after it.
+template <class Call>
+bool waitsFor(Mutex& mutex, Call call) {
+    std::future<void> done;
+    bool waited = false;
+    {
+        const MutexLock lock(mutex);
+        done = std::async(std::launch::async, call);
+        waited = done.wait_for(std::chrono::milliseconds(10)) == std::future_status::timeout;
+    }
+    done.get();
+    return waited;
+}
+
+// A log level for the length of a block, and the lines written at it; takeLines() leaves out those of the
+// worker thread, which starts and stops when it gets to it.
+class LogAt {
+public:
+    explicit LogAt(int level) { GVLOG_SetLevel(level); }
+    ~LogAt() { GVLOG_SetLevel(0); }
+    LogAt(const LogAt&) = delete;
+    LogAt& operator=(const LogAt&) = delete;
+
+    Lines takeAllLines() { return captured_.takeLogLines(); }
+    Lines takeLines() {
+        Lines lines = takeAllLines();
+        std::erase_if(lines, [](const std::string& line) { return line.starts_with("[thread] "); });
+        return lines;
+    }
+
+private:
+    support::CapturedStdout captured_;
+};
+
+inline std::string hex(unsigned number) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%x", number);
+    return text;
+}
+
+inline std::string pointerText(const std::string& deviceName) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%p", static_cast<void*>(fake_libusb::device(deviceName)));
+    return text;
+}
+
+// "devHnd=0x10000001 devId=0x1a2b3c usbDevPtr=0x55d0c0ffee00 owner=1"
+inline std::string deviceText(int devHnd, unsigned devId, const std::string& deviceName, bool owner) {
+    return "devHnd=0x" + hex(static_cast<unsigned>(devHnd)) + " devId=0x" + hex(devId) +
+           " usbDevPtr=" + pointerText(deviceName) + " owner=" + (owner ? "1" : "0");
+}
+
+} // namespace manager_lists

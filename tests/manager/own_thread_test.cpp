@@ -1,0 +1,84 @@
+#include "manager/own_thread.h"
+
+#include <csignal>
+#include <pthread.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr int threadLibrarySignals[] = {32, 33}; // the C library's own, which nobody can block
+
+sigset_t blockedHere() {
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    return blocked;
+}
+
+void* noteBlocked(void* argument) {
+    *static_cast<sigset_t*>(argument) = blockedHere();
+    return nullptr;
+}
+
+void expectSame(const sigset_t& left, const sigset_t& right) {
+    for (int signal = 1; signal < NSIG; ++signal) {
+        EXPECT_EQ(sigismember(&left, signal), sigismember(&right, signal)) << signal;
+    }
+}
+
+class OwnThread : public testing::Test {
+protected:
+    OwnThread() {
+        sigset_t some;
+        sigemptyset(&some);
+        sigaddset(&some, SIGUSR2);
+        pthread_sigmask(SIG_SETMASK, &some, &before_);
+    }
+    ~OwnThread() override { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+private:
+    sigset_t before_;
+};
+
+TEST_F(OwnThread, BlocksEverySignal) {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    pthread_t thread;
+    ASSERT_TRUE(startOwnThread(thread, noteBlocked, &blocked));
+    pthread_join(thread, nullptr);
+    for (int signal = 1; signal < NSIG; ++signal) {
+        if (signal == SIGKILL || signal == SIGSTOP || signal == threadLibrarySignals[0] ||
+            signal == threadLibrarySignals[1]) {
+            continue;
+        }
+        EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
+    }
+}
+
+TEST_F(OwnThread, LeavesTheCallersSignalsAsTheyWere) {
+    const sigset_t before = blockedHere();
+    sigset_t ignored;
+    pthread_t thread;
+    ASSERT_TRUE(startOwnThread(thread, noteBlocked, &ignored));
+    pthread_join(thread, nullptr);
+    expectSame(blockedHere(), before);
+}
+
+TEST_F(OwnThread, SaysWhenThereIsNone) {
+    pthread_attr_t usual;
+    pthread_attr_t enormous;
+    ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
+    ASSERT_EQ(pthread_getattr_default_np(&enormous), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&enormous, std::size_t{1} << 50), 0);
+    ASSERT_EQ(pthread_setattr_default_np(&enormous), 0);
+    const sigset_t before = blockedHere();
+    sigset_t unused;
+    pthread_t thread;
+    EXPECT_FALSE(startOwnThread(thread, noteBlocked, &unused));
+    pthread_setattr_default_np(&usual);
+    pthread_attr_destroy(&usual);
+    pthread_attr_destroy(&enormous);
+    expectSame(blockedHere(), before);
+}
+
+} // namespace

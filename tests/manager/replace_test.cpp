@@ -1,0 +1,301 @@
+#include "list_invariants.h"
+#include "manager_test.h"
+
+#include <gmock/gmock.h>
+
+namespace fake = fake_libusb;
+using namespace manager_lists;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr unsigned devId = 0xA1;
+constexpr int oldHandle = 21;
+constexpr int newHandle = 22;
+
+// Records made by hand, without a scan; what stands in no list at the end is the test's to delete.
+class ReplaceTest : public ManagerTest {
+protected:
+    static GVDevice* record(const std::string& name, int devHnd, unsigned id = devId) {
+        auto* device = new GVDevice(devHnd, fake::plug(name, fake::bulkReader("A1")));
+        device->devId = id;
+        return device;
+    }
+
+    static void open(GVDevice* device) {
+        ASSERT_EQ(device->OpenDevice(), 0);
+        device->owner = false;
+    }
+
+    static bool replaceInDeviceList(GVDevice* device) {
+        const MutexLock lock(g_GvUsbMan.m_mtxDevList);
+        return g_GvUsbMan.DL_ReplaceDevice(device);
+    }
+
+    static void replaceInScanList(GVDevice* device, int index) {
+        const MutexLock lock(g_GvUsbMan.m_mtxDevList);
+        g_GvUsbMan.SL_ReplaceDevice(device, index);
+    }
+
+    static bool isDestroyed(const std::string& name) { return fake::references(name) == 0; }
+};
+
+// Where the old record (dev1) stands before, and what becomes of both (dev2 is the new one).
+struct Row {
+    // before
+    bool scanned;
+    bool listed; // in the device list
+    bool open;
+    // after DL_ReplaceDevice
+    bool replaced;
+    bool newOwner; // the flag is set before
+    bool newOpen;
+};
+
+std::ostream& operator<<(std::ostream& out, const Row& row) {
+    return out << (row.scanned ? "Scanned" : "NotScanned") << (row.listed ? "Listed" : "NotListed")
+               << (row.open ? "Open" : "Closed");
+}
+
+class ReplaceByOldState : public ReplaceTest, public testing::WithParamInterface<Row> {
+protected:
+    // The old record, between others that have nothing to do with it.
+    static GVDevice* makeOld(const Row& row) {
+        GVDevice* const old = record("dev1", oldHandle);
+        GVDevice* const other = record("dev8", 31, 0xB1);
+        GVDevice* const otherOpen = record("dev9", 32, 0xB2);
+        open(otherOpen);
+        if (row.open) {
+            open(old);
+        }
+        old->owner = !row.listed;
+        setScanList(row.scanned ? Devices{other, old} : Devices{other});
+        setDeviceList(row.listed ? Devices{otherOpen, nullptr, old} : Devices{otherOpen, nullptr});
+        fake::takeCalls();
+        return old;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Rows, ReplaceByOldState,
+                         testing::Values(
+                             //  scanned listed open     replaced newOwner newOpen
+                             Row{true, true, true, /**/ true, false, true},    //
+                             Row{true, true, false, /**/ true, true, false},   //
+                             Row{true, false, true, /**/ false, true, false},  //
+                             Row{true, false, false, /**/ false, true, false}, //
+                             Row{false, true, true, /**/ true, false, true},   //
+                             Row{false, true, false, /**/ true, true, false}),
+                         [](const auto& row) { return testing::PrintToString(row.param); });
+
+} // namespace
+
+TEST_P(ReplaceByOldState, DeviceListReplacementTakesPlaceHandleAndOpenState) {
+    const Row& row = GetParam();
+    GVDevice* const old = makeOld(row);
+    GVDevice* const fresh = record("dev2", newHandle);
+    EXPECT_EQ(replaceInDeviceList(fresh), row.replaced);
+
+    EXPECT_EQ(fresh->devHnd, row.replaced ? oldHandle : newHandle);
+    EXPECT_EQ(fresh->owner, row.newOwner);
+    EXPECT_EQ(isOpen(*fresh), row.newOpen);
+    EXPECT_EQ(isDestroyed("dev1"), row.replaced);
+    EXPECT_EQ(deviceList().size(), row.listed ? 3u : 2u);
+    EXPECT_EQ(deviceList().at(0)->devHnd, 32);
+    if (row.replaced) {
+        EXPECT_EQ(deviceList().at(2), fresh);
+        // Nothing points at the old record any more.
+        EXPECT_EQ(count(scanList(), old), 0);
+        if (row.scanned) {
+            EXPECT_EQ(scanList().at(1), nullptr);
+        }
+    } else {
+        EXPECT_EQ(count(deviceList(), fresh), 0);
+        EXPECT_EQ(count(scanList(), old), row.scanned ? 1 : 0);
+        delete fresh;
+    }
+}
+
+TEST_P(ReplaceByOldState, ScanListReplacementStandsInTheScanListInAnyCase) {
+    const Row& row = GetParam();
+    makeOld(row);
+    // Without an old entry there, the position is that of a hole.
+    if (!row.scanned) {
+        Devices devices = scanList();
+        devices.push_back(nullptr);
+        setScanList(devices);
+    }
+    GVDevice* const fresh = record("dev2", newHandle);
+    fresh->owner = false;
+    g_GvUsbMan.SetLastError(-1111);
+    replaceInScanList(fresh, 1);
+
+    EXPECT_EQ(scanList().size(), 2u);
+    EXPECT_EQ(scanList().at(0)->devHnd, 31);
+    EXPECT_EQ(scanList().at(1), fresh);
+    EXPECT_TRUE(isDestroyed("dev1"));
+    EXPECT_EQ(fake::openHandles("dev1"), 0);
+    EXPECT_EQ(fresh->devHnd, row.replaced ? oldHandle : newHandle);
+    EXPECT_EQ(fresh->owner, row.newOwner);
+    EXPECT_EQ(isOpen(*fresh), row.newOpen);
+    EXPECT_EQ(count(deviceList(), fresh), row.replaced ? 1 : 0);
+    EXPECT_EQ(lastError(), -1111);
+    expectConsistentLists({"dev1", "dev2", "dev8", "dev9"});
+}
+
+TEST_F(ReplaceTest, OldRecordIsDestroyedBeforeTheNewOneIsOpened) {
+    GVDevice* const old = record("dev1", oldHandle);
+    open(old);
+    setScanList({old});
+    setDeviceList({old});
+    GVDevice* const fresh = record("dev2", newHandle);
+    fake::takeCalls();
+    replaceInScanList(fresh, 0);
+    EXPECT_EQ(fake::takeCallText(), "libusb_release_interface(hnd1, 0) = -5\n"
+                                    "libusb_close(hnd1)\n"
+                                    "libusb_unref_device(dev1)\n"
+                                    "libusb_open(dev2) = 0\n"
+                                    "libusb_get_config_descriptor(dev2, 0) = 0\n"
+                                    "libusb_free_config_descriptor(config of dev2)\n");
+}
+
+TEST_F(ReplaceTest, FailedReopeningLeavesTheNewRecordListedAndClosed) {
+    for (const char* const call : {"libusb_open", "libusb_get_config_descriptor"}) {
+        SCOPED_TRACE(call);
+        reload();
+        GVDevice* const old = record("dev1", oldHandle);
+        open(old);
+        setScanList({old});
+        setDeviceList({old});
+        GVDevice* const fresh = record("dev2", newHandle);
+        fake::failNext(call, LIBUSB_ERROR_IO);
+        g_GvUsbMan.SetLastError(-1111);
+        replaceInScanList(fresh, 0);
+        EXPECT_THAT(scanList(), ElementsAre(fresh));
+        EXPECT_THAT(deviceList(), ElementsAre(fresh));
+        EXPECT_EQ(fresh->devHnd, oldHandle);
+        EXPECT_FALSE(fresh->owner);
+        EXPECT_FALSE(isOpen(*fresh));
+        EXPECT_EQ(lastError(), -1111);
+
+        const unsigned char frame[] = {1};
+        EXPECT_EQ(GVUSB_Transmit(oldHandle, "TESK-RCI2", frame, 1), -1144);
+        expectConsistentLists({"dev1", "dev2"});
+    }
+}
+
+TEST_F(ReplaceTest, ClosedSuccessorIsReplacedByTheNextOneWithoutBeingOpened) {
+    GVDevice* const old = record("dev1", oldHandle);
+    open(old);
+    setScanList({old});
+    setDeviceList({old});
+    fake::failNext("libusb_open", LIBUSB_ERROR_IO);
+    replaceInScanList(record("dev2", newHandle), 0);
+    GVDevice* const third = record("dev3", 23);
+    replaceInScanList(third, 0);
+    EXPECT_THAT(deviceList(), ElementsAre(third));
+    EXPECT_EQ(third->devHnd, oldHandle);
+    EXPECT_TRUE(third->owner);
+    EXPECT_FALSE(isOpen(*third));
+    EXPECT_TRUE(isDestroyed("dev2"));
+
+    // The handle stays known when the scan list goes, and closing it destroys the record.
+    GVUSB_ClearScanList();
+    EXPECT_FALSE(third->owner);
+    EXPECT_EQ(GVUSB_CloseDevice(oldHandle), 0);
+    EXPECT_TRUE(isDestroyed("dev3"));
+}
+
+TEST_F(ReplaceTest, NoRecordReplacesItself) {
+    GVDevice* const device = record("dev1", oldHandle);
+    open(device);
+    setScanList({device});
+    setDeviceList({nullptr, device});
+    fake::takeCalls();
+    EXPECT_FALSE(replaceInDeviceList(device));
+    EXPECT_THAT(deviceList(), ElementsAre(nullptr, device));
+    replaceInScanList(device, 0);
+    EXPECT_THAT(scanList(), ElementsAre(device));
+    EXPECT_EQ(device->devHnd, oldHandle);
+    EXPECT_THAT(fake::takeCalls(), IsEmpty());
+    device->owner = false;
+}
+
+TEST_F(ReplaceTest, OfTwoEqualDeviceIdsOnlyTheFirstIsReplaced) {
+    GVDevice* const first = record("dev1", oldHandle);
+    GVDevice* const second = record("dev3", 23);
+    open(first);
+    open(second);
+    setDeviceList({first, second});
+    GVDevice* const fresh = record("dev2", newHandle);
+    EXPECT_TRUE(replaceInDeviceList(fresh));
+    EXPECT_THAT(deviceList(), ElementsAre(fresh, second));
+    EXPECT_TRUE(isDestroyed("dev1"));
+    EXPECT_TRUE(isOpen(*second));
+    EXPECT_EQ(second->devHnd, 23);
+}
+
+TEST_F(ReplaceTest, OtherOpenReaderWithTheSameIdKeepsItsHandleWhenItsScanEntryIsTakenOver) {
+    GVDevice* const first = record("dev1", oldHandle);
+    GVDevice* const second = record("dev3", 23);
+    open(first);
+    open(second);
+    setScanList({second});
+    setDeviceList({first, second});
+    GVDevice* const fresh = record("dev2", newHandle);
+    replaceInScanList(fresh, 0);
+    EXPECT_THAT(scanList(), ElementsAre(fresh));
+    EXPECT_THAT(deviceList(), ElementsAre(fresh, second));
+    EXPECT_FALSE(second->owner);
+    EXPECT_EQ(GVUSB_IsDevicePresent(23), 1);
+    expectConsistentLists({"dev1", "dev2", "dev3"});
+}
+
+TEST_F(ReplaceTest, RecordThatTakesTheHandleOfItsTwinLeavesAHoleInItsOwnPlace) {
+    GVDevice* const first = record("dev1", oldHandle);
+    GVDevice* const second = record("dev3", 23);
+    open(first);
+    open(second);
+    setDeviceList({first, second});
+    EXPECT_TRUE(replaceInDeviceList(second));
+    EXPECT_THAT(deviceList(), ElementsAre(second, nullptr));
+    EXPECT_THAT(openHandlesInOrder(), ElementsAre(oldHandle));
+}
+
+TEST_F(ReplaceTest, ClosedEntryDisplacedFromTheScanListIsDestroyedAlsoNextToAnOpenTwin) {
+    GVDevice* const open_ = record("dev1", oldHandle);
+    open(open_);
+    GVDevice* const closed = record("dev3", 23);
+    setScanList({closed});
+    setDeviceList({open_});
+    GVDevice* const fresh = record("dev2", newHandle);
+    replaceInScanList(fresh, 0);
+    EXPECT_TRUE(isDestroyed("dev1"));
+    EXPECT_TRUE(isDestroyed("dev3"));
+    EXPECT_THAT(deviceList(), ElementsAre(fresh));
+    expectConsistentLists({"dev1", "dev2", "dev3"});
+}
+
+TEST_F(ReplaceTest, LogTellsTheNewAndTheOldRecord) {
+    for (const int level : {0, 1}) {
+        SCOPED_TRACE(level);
+        reload();
+        GVDevice* const old = record("dev1", 0x1A);
+        open(old);
+        setScanList({old});
+        setDeviceList({old});
+        GVDevice* const fresh = record("dev2", 0x1B);
+        const Lines wanted = {"[replace] " + deviceText(0x1B, devId, "dev2", true),
+                              "[to ... ] " + deviceText(0x1A, devId, "dev1", false)};
+        LogAt log(level);
+        replaceInScanList(fresh, 0);
+        EXPECT_EQ(log.takeLines(), level > 0 ? wanted : Lines{});
+    }
+}
+
+TEST_F(ReplaceTest, NothingIsLoggedWithoutAnOldRecord) {
+    setScanList({nullptr});
+    LogAt log(3);
+    replaceInScanList(record("dev2", newHandle), 0);
+    EXPECT_THAT(log.takeLines(), IsEmpty());
+}

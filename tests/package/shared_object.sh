@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# usage: shared_object.sh LIBRARY FOLDER
+# The library has its names and its SONAME, is bound at loading and read-only after it, and has no executable stack.
+set -euo pipefail
+library=$1
+folder=$2
+dynamic=$(readelf -dW "$library")
+segments=$(readelf -lW "$library")
+
+grep -q 'Library soname: \[libgvusb.so.7\]' <<<"$dynamic"
+grep -q 'BIND_NOW' <<<"$dynamic"
+grep -q 'GNU_RELRO' <<<"$segments"
+grep -qE 'GNU_STACK.* RW ' <<<"$segments"
+[ "$(basename "$library")" = libgvusb.so.7.1.0 ]
+[ "$(readlink "$folder/libgvusb.so.7")" = libgvusb.so.7.1.0 ]
+[ "$(readlink "$folder/libgvusb.so")" = libgvusb.so.7 ]

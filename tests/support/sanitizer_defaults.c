@@ -1,0 +1,18 @@
+/* Options of the thread sanitizer, for every program of tests however it is started. */
+
+const char* __tsan_default_options(void);
+const char* __tsan_default_suppressions(void);
+
+const char* __tsan_default_options(void) {
+    return "halt_on_error=1";
+}
+
+/*
+ * The manager destroys the scan-list mutex while it holds it, so that nobody else gets it at unloading. And
+ * libusb 1.0.26 destroys a transfer's mutex after its event thread has let it go, in an order that the tool
+ * cannot see.
+ */
+const char* __tsan_default_suppressions(void) {
+    return "mutex:GVDrvHnd::~GVDrvHnd\n"
+           "race:libusb_free_transfer\n";
+}

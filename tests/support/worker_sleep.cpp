@@ -1,0 +1,109 @@
+#include "worker_sleep.h"
+
+#include <atomic>
+#include <ctime>
+#include <mutex>
+#include <pthread.h>
+#include <unistd.h>
+
+namespace {
+
+constinit std::atomic<bool> steered = false;
+constinit std::atomic<int> begun = 0;
+constinit std::atomic<int> asleep = 0; // steered sleeps in progress
+constinit std::atomic<int> wakings = 0;
+std::mutex lengthsMutex;
+std::vector<unsigned int> lengthsSoFar;
+
+void pauseShortly() {
+    const timespec pause = {0, 50'000};
+    nanosleep(&pause, nullptr);
+}
+
+// Also when the sleeping thread is cancelled.
+struct Asleep {
+    Asleep() { ++asleep; }
+    ~Asleep() { --asleep; }
+    Asleep(const Asleep&) = delete;
+    Asleep& operator=(const Asleep&) = delete;
+};
+
+bool takeWaking() {
+    int left = wakings;
+    while (left > 0 && !wakings.compare_exchange_weak(left, left - 1)) {
+    }
+    return left > 0;
+}
+
+} // namespace
+
+// Ends, as the real one does, when its thread is cancelled.
+extern "C" int usleep(useconds_t microseconds) {
+    if (!steered) {
+        ++begun;
+        const timespec length = {microseconds / 1'000'000, microseconds % 1'000'000 * 1000L};
+        return nanosleep(&length, nullptr);
+    }
+    {
+        const std::lock_guard lock(lengthsMutex);
+        lengthsSoFar.push_back(microseconds);
+    }
+    ++begun; // first, so that whoever waits for the thread to be asleep finds it counted
+    const Asleep now;
+    // Cancelled here and not in the pause: the thread sanitizer loses track of a thread cancelled in a call
+    // that it intercepts, and then takes what the thread does at its end for races.
+    while (steered && !takeWaking()) {
+        int before = 0;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+        pauseShortly();
+        pthread_setcancelstate(before, nullptr);
+        pthread_testcancel();
+    }
+    return 0;
+}
+
+namespace support {
+
+SteeredSleep::SteeredSleep() {
+    const std::lock_guard lock(lengthsMutex);
+    lengthsSoFar.clear();
+    wakings = 0;
+    steered = true;
+}
+
+SteeredSleep::~SteeredSleep() {
+    steered = false;
+}
+
+void SteeredSleep::waitUntilAsleep() {
+    while (asleep == 0) {
+        pauseShortly();
+    }
+}
+
+void SteeredSleep::turn() {
+    waitUntilAsleep();
+    const int before = begun;
+    wake();
+    while (begun == before) {
+        pauseShortly();
+    }
+}
+
+void SteeredSleep::wake() {
+    ++wakings;
+    while (wakings > 0) {
+        pauseShortly();
+    }
+}
+
+std::vector<unsigned int> SteeredSleep::lengths() {
+    const std::lock_guard lock(lengthsMutex);
+    return lengthsSoFar;
+}
+
+int sleepsBegun() {
+    return begun;
+}
+
+} // namespace support
