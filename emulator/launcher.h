@@ -1,0 +1,19 @@
+// Runs one program on one bus, from the making of the bus to its last file.
+
+#ifndef GVUSB_EMULATOR_LAUNCHER_H
+#define GVUSB_EMULATOR_LAUNCHER_H
+
+#include "options.h"
+
+namespace emulator {
+
+// umockdev works only in a process that has its preload: starts the launcher anew with it, if it is not there
+// yet. Throws std::system_error.
+void ensurePreloaded(char* const* arguments);
+
+// Returns the exit status of the program. Throws std::exception if the bus cannot be made.
+int launch(Options options);
+
+} // namespace emulator
+
+#endif

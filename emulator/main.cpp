@@ -1,0 +1,40 @@
+#include "command_channel.h"
+#include "launcher.h"
+#include "options.h"
+
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+
+namespace {
+
+constexpr int busError = 125;
+
+int send(const std::string& command) {
+    const char* socket = std::getenv(emulator::socketVariable);
+    if (socket == nullptr) {
+        std::cerr << "gvusb-emulate: " << emulator::socketVariable << " is not set; this runs on no bus\n";
+        return EXIT_FAILURE;
+    }
+    const std::string answer = emulator::sendCommand(socket, command);
+    std::cout << answer << '\n';
+    return answer.starts_with("ok") ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+} // namespace
+
+int main(int count, char** arguments) {
+    const auto options = emulator::readOptions(count, arguments);
+    if (const int* status = std::get_if<int>(&options))
+        return *status;
+    const auto& wanted = std::get<emulator::Options>(options);
+    try {
+        if (wanted.command)
+            return send(*wanted.command);
+        emulator::ensurePreloaded(arguments);
+        return emulator::launch(wanted);
+    } catch (const std::exception& error) {
+        std::cerr << "gvusb-emulate: " << error.what() << '\n';
+        return wanted.command ? EXIT_FAILURE : busError;
+    }
+}

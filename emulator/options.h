@@ -1,0 +1,32 @@
+// The launcher's command line.
+
+#ifndef GVUSB_EMULATOR_OPTIONS_H
+#define GVUSB_EMULATOR_OPTIONS_H
+
+#include "reader_description.h"
+#include "script.h"
+
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace emulator {
+
+struct Options {
+    std::vector<ReaderDescription> readers;
+    Script script;
+    std::optional<std::string>
+        configurationFile; // what the program reads in its place; "" stands for no file
+    bool verbose = false;
+    std::optional<std::string> command; // send it to a running bus and do nothing else
+    std::vector<std::string> program;
+};
+
+// The options, or the exit status where --help, --version or a mistake ended the matter, with its text
+// printed.
+std::variant<Options, int> readOptions(int count, const char* const* arguments);
+
+} // namespace emulator
+
+#endif

@@ -1,0 +1,305 @@
+// The companion of umockdev's preload inside the emulated program: it evens out what that one leaves to be
+// desired and redirects the library's configuration file.
+//
+// - umockdev's table of open nodes is not locked, and a failed open stays in it: opens and closes go one at a
+// time,
+//   and a failed one is followed by close(-1), which takes it out again.
+// - The node tells the emulator that it is about to be closed and waits for the answer, so that interfaces
+// are free
+//   when close() returns.
+// - umockdev names a program's udev socket by its file descriptor alone; two programs would take each other's
+// place.
+// - Opening a node can be refused, to root as well.
+//
+// All functions may be called from any thread, also before constructors have run.
+
+// Either would turn the functions defined here into others.
+#undef _FILE_OFFSET_BITS
+#undef _FORTIFY_SOURCE
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <linux/netlink.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <stdbool.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#define EXPORT __attribute__((visibility("default")))
+
+static const char device_folder[] = "/dev/";
+static const char node_folder[] = "/dev/bus/usb/";
+static const char configuration_file[] = "/etc/gavo/gvusb.conf";
+
+// The emulator's own request: see closingRequest in usbfs_opening.cpp.
+static const unsigned long closing_request = _IO('U', 0xE0);
+
+// What a file descriptor is, for those that close() has to look at.
+enum kind { other, node, event_socket };
+enum { most_descriptors = 4096 };
+static struct {
+    enum kind kind;
+    pid_t owner; // a forked child that closes its copy must not end what its parent uses
+} descriptors[most_descriptors];
+
+static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+
+static void take_lock(void) {
+    pthread_mutex_lock(&lock);
+}
+static void leave_lock(void) {
+    pthread_mutex_unlock(&lock);
+}
+
+__attribute__((constructor)) static void keep_lock_whole_across_fork(void) {
+    pthread_atfork(take_lock, leave_lock, leave_lock);
+}
+
+typedef int open_function(const char*, int, ...);
+typedef int openat_function(int, const char*, int, ...);
+typedef int checked_open_function(const char*, int);
+typedef FILE* fopen_function(const char*, const char*);
+
+// What the functions below stand before: umockdev's, which stand before the C library's.
+static struct {
+    open_function* open;
+    open_function* open64;
+    checked_open_function* checked_open;
+    checked_open_function* checked_open64;
+    openat_function* openat;
+    openat_function* openat64;
+    fopen_function* fopen;
+    fopen_function* fopen64;
+    int (*close)(int);
+    int (*ioctl)(int, unsigned long, ...);
+    int (*bind)(int, __CONST_SOCKADDR_ARG, socklen_t);
+} next;
+
+static void find(const char* name, void* function, size_t size) {
+    void* found = dlsym(RTLD_NEXT, name);
+    if (found == NULL)
+        abort();
+    memcpy(function, &found, size); // C knows no conversion from an object's address to a function's
+}
+
+static void find_all(void) {
+    find("open", &next.open, sizeof next.open);
+    find("open64", &next.open64, sizeof next.open64);
+    find("__open_2", &next.checked_open, sizeof next.checked_open);
+    find("__open64_2", &next.checked_open64, sizeof next.checked_open64);
+    find("openat", &next.openat, sizeof next.openat);
+    find("openat64", &next.openat64, sizeof next.openat64);
+    find("fopen", &next.fopen, sizeof next.fopen);
+    find("fopen64", &next.fopen64, sizeof next.fopen64);
+    find("close", &next.close, sizeof next.close);
+    find("ioctl", &next.ioctl, sizeof next.ioctl);
+    find("bind", &next.bind, sizeof next.bind);
+}
+
+// To be called first by every function that a program can call.
+static void prepare(void) {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, find_all);
+}
+
+static void note(int descriptor, enum kind kind) {
+    if (descriptor >= 0 && descriptor < most_descriptors) {
+        descriptors[descriptor].kind = kind;
+        descriptors[descriptor].owner = getpid();
+    }
+}
+
+// Takes the note off a descriptor that is about to be closed; `other` if the note is not this process's.
+static enum kind take_note(int descriptor) {
+    if (descriptor < 0 || descriptor >= most_descriptors || descriptors[descriptor].kind == other)
+        return other;
+    enum kind kind = descriptors[descriptor].owner == getpid() ? descriptors[descriptor].kind : other;
+    descriptors[descriptor].kind = other;
+    return kind;
+}
+
+static bool begins_with(const char* text, const char* beginning) {
+    return strncmp(text, beginning, strlen(beginning)) == 0;
+}
+
+// The errno with which opening a node is refused at present; 0: it is not.
+static int refusal(const char* path) {
+    const char* folder = getenv("GVUSB_EMULATE_FOLDER");
+    if (folder == NULL || !begins_with(path, node_folder))
+        return 0;
+    char link[PATH_MAX];
+    char* end = link + snprintf(link, sizeof link, "%s/refused/%s", folder, path + strlen(node_folder));
+    if (end >= link + sizeof link)
+        return 0;
+    char* slash = strrchr(link, '/');
+    *slash = '.';
+    char text[16] = "";
+    const ssize_t length = readlink(link, text, sizeof text - 1);
+    return length > 0 ? atoi(text) : 0;
+}
+
+static const char* redirected(const char* path) {
+    if (strcmp(path, configuration_file) != 0)
+        return path;
+    const char* replacement = getenv("GVUSB_EMULATE_CONFIG");
+    return replacement != NULL ? replacement : path;
+}
+
+// Keeps account of an open below /dev that has just been tried.
+static void after_open(const char* path, int opened) {
+    if (opened >= 0) {
+        if (begins_with(path, node_folder))
+            note(opened, node);
+        return;
+    }
+    const int error = errno;
+    next.close(-1);
+    errno = error;
+}
+
+static int open_by(open_function* function, const char* path, int flags, mode_t mode) {
+    if (!begins_with(path, device_folder))
+        return function(redirected(path), flags, mode);
+    take_lock();
+    int opened = -1;
+    const int error = refusal(path);
+    if (error != 0) {
+        errno = error;
+    } else {
+        opened = function(path, flags, mode);
+        after_open(path, opened);
+    }
+    leave_lock();
+    return opened;
+}
+
+static int checked_open_by(checked_open_function* function, const char* path, int flags) {
+    if (!begins_with(path, device_folder))
+        return function(redirected(path), flags);
+    take_lock();
+    int opened = -1;
+    const int error = refusal(path);
+    if (error != 0) {
+        errno = error;
+    } else {
+        opened = function(path, flags);
+        after_open(path, opened);
+    }
+    leave_lock();
+    return opened;
+}
+
+// The mode, which is there only if the flags say so.
+static mode_t mode_after(int flags, va_list arguments) {
+    const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    return creates ? va_arg(arguments, mode_t) : 0;
+}
+
+EXPORT int open(const char* path, int flags, ...) {
+    prepare();
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = mode_after(flags, arguments);
+    va_end(arguments);
+    return open_by(next.open, path, flags, mode);
+}
+
+EXPORT int open64(const char* path, int flags, ...) {
+    prepare();
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = mode_after(flags, arguments);
+    va_end(arguments);
+    return open_by(next.open64, path, flags, mode);
+}
+
+// What open() becomes in fortified programs.
+EXPORT int __open_2(const char* path, int flags);
+EXPORT int __open_2(const char* path, int flags) {
+    prepare();
+    return checked_open_by(next.checked_open, path, flags);
+}
+
+EXPORT int __open64_2(const char* path, int flags);
+EXPORT int __open64_2(const char* path, int flags) {
+    prepare();
+    return checked_open_by(next.checked_open64, path, flags);
+}
+
+EXPORT int openat(int folder, const char* path, int flags, ...) {
+    prepare();
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = mode_after(flags, arguments);
+    va_end(arguments);
+    return next.openat(folder, redirected(path), flags, mode);
+}
+
+EXPORT int openat64(int folder, const char* path, int flags, ...) {
+    prepare();
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = mode_after(flags, arguments);
+    va_end(arguments);
+    return next.openat64(folder, redirected(path), flags, mode);
+}
+
+EXPORT FILE* fopen(const char* path, const char* mode) {
+    prepare();
+    return next.fopen(redirected(path), mode);
+}
+
+EXPORT FILE* fopen64(const char* path, const char* mode) {
+    prepare();
+    return next.fopen64(redirected(path), mode);
+}
+
+static void event_socket_name(char* name, size_t size, int descriptor, bool with_process) {
+    const char* root = getenv("UMOCKDEV_DIR");
+    if (with_process)
+        snprintf(name, size, "%s/event%d.%d", root != NULL ? root : "", descriptor, (int)getpid());
+    else
+        snprintf(name, size, "%s/event%d", root != NULL ? root : "", descriptor);
+}
+
+EXPORT int bind(int descriptor, __CONST_SOCKADDR_ARG address, socklen_t length) {
+    prepare();
+    if (address.__sockaddr__ == NULL || address.__sockaddr__->sa_family != AF_NETLINK)
+        return next.bind(descriptor, address, length);
+    take_lock();
+    const int result = next.bind(descriptor, address, length);
+    const int error = errno;
+    char by_descriptor[PATH_MAX];
+    char by_process[PATH_MAX];
+    event_socket_name(by_descriptor, sizeof by_descriptor, descriptor, false);
+    event_socket_name(by_process, sizeof by_process, descriptor, true);
+    if (result == 0 && rename(by_descriptor, by_process) == 0)
+        note(descriptor, event_socket);
+    leave_lock();
+    errno = error;
+    return result;
+}
+
+EXPORT int close(int descriptor) {
+    prepare();
+    take_lock();
+    const enum kind kind = take_note(descriptor);
+    if (kind == node) {
+        next.ioctl(descriptor, closing_request, NULL);
+    } else if (kind == event_socket) {
+        char name[PATH_MAX];
+        event_socket_name(name, sizeof name, descriptor, true);
+        unlink(name);
+    }
+    const int result = next.close(descriptor);
+    leave_lock();
+    return result;
+}

@@ -1,0 +1,135 @@
+#include "program.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace emulator {
+
+namespace {
+
+constexpr int notExecutable = 126;
+constexpr int notFound = 127;
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+    std::vector<char*> result;
+    for (std::string& text : texts)
+        result.push_back(text.data());
+    result.push_back(nullptr);
+    return result;
+}
+
+std::vector<std::string> environmentWith(const Program::Environment& changes) {
+    std::vector<std::string> result;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string_view text = *entry;
+        const std::string_view name = text.substr(0, text.find('='));
+        bool changed = false;
+        for (const auto& change : changes)
+            changed |= change.first == name;
+        if (!changed)
+            result.emplace_back(text);
+    }
+    for (const auto& [name, value] : changes) {
+        if (value)
+            result.push_back(name + "=" + *value);
+    }
+    return result;
+}
+
+// The launcher's own children, those included whose parents have ended before them.
+std::vector<pid_t> children() {
+    std::vector<pid_t> result;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", ignored)) {
+        const std::string name = entry.path().filename().string();
+        pid_t process = 0;
+        if (std::from_chars(name.data(), name.data() + name.size(), process).ec != std::errc{})
+            continue;
+        std::ifstream stream(entry.path() / "stat");
+        const std::string status(std::istreambuf_iterator<char>(stream), {});
+        // "PID (NAME) STATE PARENT ...", where NAME may hold anything.
+        const auto name_end = status.rfind(") ");
+        if (name_end == std::string::npos || name_end + 4 >= status.size())
+            continue;
+        pid_t parent = 0;
+        std::from_chars(status.data() + name_end + 4, status.data() + status.size(), parent);
+        if (parent == ::getpid())
+            result.push_back(process);
+    }
+    return result;
+}
+
+// What the new process does; only calls that are safe while the launcher has other threads.
+[[noreturn]] void runChild(char* const* arguments, char* const* environment, const sigset_t& mask,
+                           int errorPipe, pid_t launcher) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() == launcher) {
+        ::signal(SIGPIPE, SIG_DFL);
+        ::sigprocmask(SIG_SETMASK, &mask, nullptr);
+        ::execvpe(arguments[0], arguments, environment);
+    }
+    const int error = errno;
+    [[maybe_unused]] const ssize_t written = ::write(errorPipe, &error, sizeof error);
+    ::_exit(error == ENOENT ? notFound : notExecutable);
+}
+
+} // namespace
+
+Program::Program(const std::vector<std::string>& arguments, const Environment& environment,
+                 const sigset_t& mask) {
+    std::vector<std::string> argumentTexts = arguments;
+    std::vector<std::string> environmentTexts = environmentWith(environment);
+    const std::vector<char*> argumentPointers = pointers(argumentTexts);
+    const std::vector<char*> environmentPointers = pointers(environmentTexts);
+    int pipe[2];
+    if (::pipe2(pipe, O_CLOEXEC) != 0)
+        throw std::system_error(errno, std::generic_category(), "pipe");
+    // Whatever the program starts and leaves behind becomes ours, so that it can be ended.
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const pid_t launcher = ::getpid();
+    process_ = ::fork();
+    if (process_ == 0)
+        runChild(argumentPointers.data(), environmentPointers.data(), mask, pipe[1], launcher);
+    const int forkError = errno;
+    ::close(pipe[1]);
+    int error = 0;
+    if (process_ > 0 && ::read(pipe[0], &error, sizeof error) == sizeof error)
+        error_ = arguments[0] + ": " + std::strerror(error);
+    ::close(pipe[0]);
+    if (process_ < 0)
+        throw std::system_error(forkError, std::generic_category(), "fork");
+}
+
+Program::~Program() {
+    // Children of children become ours only when their parents end, so it takes rounds.
+    while (::waitpid(-1, nullptr, WNOHANG) >= 0) {
+        for (const pid_t child : children())
+            ::kill(child, SIGKILL);
+        ::waitpid(-1, nullptr, 0);
+    }
+}
+
+void Program::noteEnded() {
+    int status = 0;
+    for (pid_t ended = ::waitpid(-1, &status, WNOHANG); ended > 0; ended = ::waitpid(-1, &status, WNOHANG)) {
+        if (ended == process_)
+            exitStatus_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    }
+}
+
+void Program::signal(int number) const {
+    if (!exitStatus_)
+        ::kill(process_, number);
+}
+
+} // namespace emulator

@@ -1,0 +1,84 @@
+// What a virtual reader is: everything that is fixed when it is plugged, and how it is written down.
+//
+// A description is one line of KEY=VALUE pairs with commas between them; `\,` is a comma inside a value:
+//   id=1A2B3C,name=Desk reader,product=1,endpoints=bulk,speed=high
+// A file of descriptions has one to a line; blank lines and lines that begin with '#' are skipped.
+// Plain values; any thread may use them.
+
+#ifndef GVUSB_EMULATOR_READER_DESCRIPTION_H
+#define GVUSB_EMULATOR_READER_DESCRIPTION_H
+
+#include "reply_rule.h"
+#include "text.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace emulator {
+
+enum class Speed { low, full, high };
+
+// The two low bits of an end point descriptor's attributes.
+enum class TransferType : std::uint8_t { control = 0, isochronous = 1, bulk = 2, interrupt = 3 };
+
+struct Endpoint {
+    std::uint8_t address = 0; // with the direction bit
+    TransferType type = TransferType::bulk;
+    std::uint16_t packetSize = 0; // 0: the largest that the speed allows
+
+    bool in() const { return (address & 0x80) != 0; }
+};
+
+// The string descriptors by which a reader identifies itself.
+enum StringIndex : std::uint8_t {
+    deviceIdString = 1,
+    familyNameString = 3,
+    deviceNameString = 5,
+    interfaceTypeString = 6,
+    typeNumberString = 10,
+};
+
+struct ReaderDescription {
+    std::uint16_t vendor = GVUSB_VENDOR_ID;
+    std::uint16_t product = 1;
+    std::uint16_t release = 0x0100;
+    Speed speed = Speed::full;
+    std::uint8_t bus = 1;
+    std::optional<std::uint8_t> address; // none: the next free one, another at each plug
+    std::map<std::uint8_t, std::string> strings = {
+        {deviceIdString, "1A2B3C"},
+        {familyNameString, "Virtual"},
+        {deviceNameString, "Virtual Reader"},
+        {interfaceTypeString, "TESK RCI2"},
+        {typeNumberString, "100"},
+    };
+    std::vector<std::uint8_t> configurations = {1}; // their values, in descriptor order
+    std::uint8_t interfaces = 1;
+    std::uint8_t firstInterface = 0;
+    std::vector<Endpoint> endpoints = {{.address = 0x81}, {.address = 0x02}}; // of the first interface
+    std::string kernelDriver; // bound to the first interface when plugged; empty: none
+    ReplyRule reply;
+    bool plugged = true;
+};
+
+// The readers that one line describes: one, or as many as its "copies" says, their device IDs counting up.
+// Throws TextError.
+std::vector<ReaderDescription> parseReaders(std::string_view line);
+
+// All readers of a file. Throws TextError, with file and line.
+std::vector<ReaderDescription> readReaders(const std::filesystem::path& file);
+
+// Two readers: one with bulk end points, one without.
+std::vector<ReaderDescription> defaultReaders();
+
+// The keys with their meaning, for a help text.
+std::string describeKeys();
+
+} // namespace emulator
+
+#endif

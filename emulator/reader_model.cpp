@@ -1,0 +1,274 @@
+#include "reader_model.h"
+
+#include "descriptors.h"
+
+#include <algorithm>
+
+namespace emulator {
+
+ReaderModel::ReaderModel(ReaderDescription description)
+    : description_(std::move(description)) {
+    power(Time{});
+}
+
+// ------------------------------------------------------------------------------------------------- transfers
+
+TransferId ReaderModel::submit(Transfer transfer, Time now) {
+    const TransferId id = ++lastId_;
+    const std::uint8_t endpoint = transfer.endpoint;
+    waiting_[endpoint].push_back({.id = id, .transfer = std::move(transfer)});
+    run(endpoint, now);
+    return id;
+}
+
+bool ReaderModel::cancel(TransferId id, Time now) {
+    for (auto& [endpoint, queue] : waiting_) {
+        const auto found = std::ranges::find(queue, id, &Waiting::id);
+        if (found == queue.end())
+            continue;
+        completions_.push_back({.id = id, .outcome = Outcome::cancelled});
+        queue.erase(found);
+        run(endpoint, now);
+        return true;
+    }
+    return false;
+}
+
+std::optional<Completion> ReaderModel::takeCompletion() {
+    if (completions_.empty())
+        return std::nullopt;
+    Completion completion = std::move(completions_.front());
+    completions_.pop_front();
+    return completion;
+}
+
+std::optional<Time> ReaderModel::nextDeadline() const {
+    std::optional<Time> earliest;
+    for (const auto& [endpoint, queue] : waiting_) {
+        if (!queue.empty() && queue.front().ready && !faultsFor(queue.front().transfer).mute)
+            earliest = std::min(earliest.value_or(*queue.front().ready), *queue.front().ready);
+    }
+    return earliest;
+}
+
+void ReaderModel::advance(Time now) {
+    // An answer that one pipe's transfer made may be what another pipe's transfer waits for: OUT before IN.
+    std::vector<std::uint8_t> endpoints;
+    for (const auto& [endpoint, queue] : waiting_)
+        endpoints.push_back(endpoint);
+    for (const std::uint8_t endpoint : endpoints)
+        run(endpoint, now);
+}
+
+void ReaderModel::run(std::uint8_t endpoint, Time now) {
+    const std::size_t answersBefore = bulkAnswers_.size();
+    // Frames move the queue of another pipe only by adding answers, so one more round over the IN pipes is
+    // enough.
+    while (!waiting_[endpoint].empty() && runFirst(waiting_[endpoint], now)) {
+    }
+    if (bulkAnswers_.size() <= answersBefore)
+        return;
+    for (auto& [other, queue] : waiting_) {
+        while (other != endpoint && !queue.empty() && runFirst(queue, now)) {
+        }
+    }
+}
+
+bool ReaderModel::runFirst(std::deque<Waiting>& queue, Time now) {
+    Waiting& first = queue.front();
+    const PipeFaults faults = faultsFor(first.transfer);
+    if (faults.mute || (!faults.stalled && !couldComplete(first.transfer)))
+        return false;
+    if (!first.ready)
+        first.ready = now + faults.delay;
+    if (now < *first.ready)
+        return false;
+    // Out of the queue before it is performed: a request may end everything that waits.
+    const Waiting taken = std::move(first);
+    queue.pop_front();
+    Completion completion =
+        faults.stalled ? Completion{.outcome = Outcome::stalled} : perform(taken.transfer, faults, now);
+    completion.id = taken.id;
+    completions_.push_back(std::move(completion));
+    return true;
+}
+
+PipeFaults ReaderModel::faultsFor(const Transfer& transfer) const {
+    PipeFaults faults = pipeFaults(pipeOf(transfer.endpoint));
+    if (transfer.endpoint == 0 && transfer.setup.request == 0) {
+        if (transfer.setup.requestType == 0x40)
+            faults = faults.with(pipeFaults(Pipe::controlFrameOut));
+        else if (transfer.setup.requestType == 0xC0)
+            faults = faults.with(pipeFaults(Pipe::controlFrameIn));
+    }
+    return faults;
+}
+
+bool ReaderModel::couldComplete(const Transfer& transfer) const {
+    if (transfer.endpoint == 0)
+        return transfer.setup.requestType != 0xC0 || transfer.setup.request != 0 || !controlAnswers_.empty();
+    const auto endpoint = std::ranges::find(description_.endpoints, transfer.endpoint, &Endpoint::address);
+    if (endpoint == description_.endpoints.end() || endpoint->type != TransferType::bulk)
+        return false; // nothing ever comes from or goes to what is not a frame's way
+    return !endpoint->in() || !bulkAnswers_.empty();
+}
+
+Completion ReaderModel::perform(const Transfer& transfer, const PipeFaults& faults, Time now) {
+    if (transfer.endpoint == 0)
+        return control(transfer, faults, now);
+    if ((transfer.endpoint & 0x80) == 0) {
+        Bytes frame = transfer.data;
+        frame.resize(std::min(frame.size(), faults.shortTo.value_or(frame.size())));
+        Completion completion{.actual = frame.size()};
+        takeFrame(transfer.endpoint, std::move(frame));
+        return completion;
+    }
+    Answer& answer = bulkAnswers_.front();
+    if (faults.shortTo && answer.sent == 0)
+        answer.data.resize(std::min(answer.data.size(), *faults.shortTo));
+    return sendPackets(transfer);
+}
+
+// Packets go until the answer ends or the host has what it asked for. An answer's end ends the transfer, as
+// the zero-length packet does where it is needed. A packet that does not fit is lost, as on the wire.
+Completion ReaderModel::sendPackets(const Transfer& transfer) {
+    Answer& answer = bulkAnswers_.front();
+    const auto endpoint = std::ranges::find(description_.endpoints, transfer.endpoint, &Endpoint::address);
+    const std::size_t packet = packetSize(description_, *endpoint);
+    const std::size_t left = answer.data.size() - answer.sent;
+    Completion completion;
+    std::size_t taken = std::min(left, transfer.capacity);
+    if (left > transfer.capacity && transfer.capacity % packet != 0) {
+        completion.outcome = Outcome::overflow;
+        taken = std::min(left, (transfer.capacity / packet + 1) * packet);
+    }
+    const auto begin = answer.data.begin() + static_cast<std::ptrdiff_t>(answer.sent);
+    completion.actual = std::min(taken, transfer.capacity);
+    completion.data.assign(begin, begin + static_cast<std::ptrdiff_t>(completion.actual));
+    answer.sent += taken;
+    if (answer.sent == answer.data.size())
+        bulkAnswers_.pop_front();
+    return completion;
+}
+
+void ReaderModel::takeFrame(std::uint8_t endpoint, Bytes frame) {
+    const bool byControl = endpoint == 0;
+    std::optional<Bytes> answer = description_.reply.answer(frame);
+    ++frameCount_;
+    lastFrame_ = {.endpoint = endpoint, .data = std::move(frame)};
+
+    // A reader that is mute stays silent for good: what it was asked meanwhile is not answered afterwards.
+    bool mute = byControl ? pipeFaults(Pipe::control).with(pipeFaults(Pipe::controlFrameIn)).mute : false;
+    for (const Endpoint& way : description_.endpoints)
+        mute |= !byControl && way.in() && pipeFaults(pipeOf(way.address)).mute;
+    if (answer && !mute)
+        (byControl ? controlAnswers_ : bulkAnswers_).push_back({.data = std::move(*answer), .sent = 0});
+}
+
+// ------------------------------------------------------------------------------------------- life on the bus
+
+void ReaderModel::endAll(Outcome outcome, bool controlToo) {
+    for (auto& [endpoint, queue] : waiting_) {
+        if (endpoint == 0 && !controlToo)
+            continue;
+        for (const Waiting& waiting : queue)
+            completions_.push_back({.id = waiting.id, .outcome = outcome});
+        queue.clear();
+    }
+}
+
+void ReaderModel::power(Time now) {
+    endAll(Outcome::gone, true);
+    reset(now);
+    configuration_ =
+        description_.configurations.empty() ? std::uint8_t{0} : description_.configurations.front();
+}
+
+void ReaderModel::unplug() {
+    endAll(Outcome::gone, true);
+}
+
+void ReaderModel::reset(Time now) {
+    endAll(Outcome::gone, false);
+    forgetAnswers();
+    for (const Endpoint& endpoint : description_.endpoints)
+        clearHalt(endpoint.address, now);
+}
+
+bool ReaderModel::configure(std::uint8_t value, Time now) {
+    const auto& values = description_.configurations;
+    if (requestFaults_.refusesConfiguration)
+        return false;
+    if (value != 0 && std::ranges::find(values, value) == values.end())
+        return false;
+    endAll(Outcome::gone, false);
+    configuration_ = value;
+    for (const Endpoint& endpoint : description_.endpoints)
+        clearHalt(endpoint.address, now);
+    return true;
+}
+
+bool ReaderModel::hasEndpoint(std::uint8_t address) const {
+    return address == 0 || (configuration_ != 0 && description_.interfaces != 0 &&
+                            std::ranges::find(description_.endpoints, address, &Endpoint::address) !=
+                                description_.endpoints.end());
+}
+
+void ReaderModel::clearHalt(std::uint8_t endpoint, Time now) {
+    const auto faults = pipeFaults_.find(pipeOf(endpoint));
+    if (endpoint == 0 || faults == pipeFaults_.end() || faults->second.stuck)
+        return;
+    faults->second.stalled = false;
+    run(endpoint, now);
+}
+
+// --------------------------------------------------------------------------------------------- what tests
+// turn
+
+void ReaderModel::setString(std::uint8_t index, std::optional<std::string> text) {
+    if (text)
+        description_.strings[index] = std::move(*text);
+    else
+        description_.strings.erase(index);
+}
+
+void ReaderModel::forgetAnswers() {
+    bulkAnswers_.clear();
+    controlAnswers_.clear();
+}
+
+std::vector<Pipe> ReaderModel::pipesNamed(std::string_view name) const {
+    if (name == "control")
+        return {Pipe::control};
+    std::vector<Pipe> pipes;
+    const bool all = name == "all";
+    if (all || name == "in" || name == "out") {
+        for (const Endpoint& endpoint : description_.endpoints) {
+            if (all || endpoint.in() == (name == "in"))
+                pipes.push_back(pipeOf(endpoint.address));
+        }
+        if (all)
+            pipes.push_back(Pipe::control);
+        else
+            pipes.push_back(name == "in" ? Pipe::controlFrameIn : Pipe::controlFrameOut);
+        return pipes;
+    }
+    const auto address =
+        static_cast<std::uint8_t>(number("pipe (in, out, control, all or an end point)", name, 1, 0x8F));
+    if (std::ranges::find(description_.endpoints, address, &Endpoint::address) ==
+        description_.endpoints.end())
+        throw TextError("the reader has no end point " + std::string(name));
+    return {pipeOf(address)};
+}
+
+PipeFaults ReaderModel::pipeFaults(Pipe pipe) const {
+    const auto found = pipeFaults_.find(pipe);
+    return found == pipeFaults_.end() ? PipeFaults{} : found->second;
+}
+
+void ReaderModel::setPipeFaults(Pipe pipe, const PipeFaults& faults, Time now) {
+    pipeFaults_[pipe] = faults;
+    advance(now);
+}
+
+} // namespace emulator

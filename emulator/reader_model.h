@@ -1,0 +1,112 @@
+// A USB reader as the bus sees it: it takes transfers and completes them, now, later or when they are
+// cancelled.
+//
+// The model knows no transport, no clock and no thread: a transport submits transfers with the present time,
+// fetches completions after every call, and calls advance() no later than nextDeadline(). One thread at a
+// time; the owner guards it.
+
+#ifndef GVUSB_EMULATOR_READER_MODEL_H
+#define GVUSB_EMULATOR_READER_MODEL_H
+
+#include "reader_description.h"
+#include "reader_faults.h"
+#include "transfer.h"
+
+#include <deque>
+#include <map>
+#include <optional>
+#include <vector>
+
+namespace emulator {
+
+class ReaderModel {
+public:
+    explicit ReaderModel(ReaderDescription description);
+
+    // ------------------------------------------------------------------------------------------ transfers
+    TransferId submit(Transfer transfer, Time now);
+
+    // Completes a waiting transfer as cancelled; false if it does not wait any more.
+    bool cancel(TransferId id, Time now);
+
+    // The next completion, in the order in which they happened.
+    std::optional<Completion> takeCompletion();
+
+    std::optional<Time> nextDeadline() const;
+    void advance(Time now);
+
+    // ------------------------------------------------------------------------------------ life on the bus
+    // Both end what waits. A reader that is powered is as new: first configuration, no halt, nothing to
+    // answer.
+    void power(Time now);
+    void unplug();
+
+    // A port reset: as new, but the configuration stays and control transfers go on.
+    void reset(Time now);
+
+    // False if the reader refuses it. 0 leaves it unconfigured.
+    bool configure(std::uint8_t value, Time now);
+    std::uint8_t configuration() const { return configuration_; }
+    bool hasEndpoint(std::uint8_t address) const;
+    void clearHalt(std::uint8_t endpoint, Time now);
+
+    // -------------------------------------------------------------------------------------- what tests turn
+    const ReaderDescription& description() const { return description_; }
+    void setString(std::uint8_t index, std::optional<std::string> text);
+    void setReply(ReplyRule rule) { description_.reply = std::move(rule); }
+    void setKernelDriver(std::string name) { description_.kernelDriver = std::move(name); }
+    void forgetAnswers();
+    RequestFaults& requestFaults() { return requestFaults_; }
+
+    // The pipes that a name stands for: "in", "out" (frames, by whichever way), "control", "all" or an end
+    // point such as "0x81". Throws TextError.
+    std::vector<Pipe> pipesNamed(std::string_view name) const;
+    PipeFaults pipeFaults(Pipe pipe) const;
+    void setPipeFaults(Pipe pipe, const PipeFaults& faults, Time now);
+
+    struct SeenFrame {
+        std::uint8_t endpoint = 0;
+        Bytes data;
+    };
+    std::uint64_t frameCount() const { return frameCount_; }
+    const SeenFrame& lastFrame() const { return lastFrame_; }
+
+private:
+    struct Waiting {
+        TransferId id = 0;
+        Transfer transfer;
+        std::optional<Time> ready = std::nullopt; // when its delay is over, once it could complete
+    };
+    struct Answer {
+        Bytes data;
+        std::size_t sent = 0;
+    };
+
+    void run(std::uint8_t endpoint, Time now);
+    bool runFirst(std::deque<Waiting>& queue, Time now);
+    PipeFaults faultsFor(const Transfer& transfer) const;
+    bool couldComplete(const Transfer& transfer) const;
+    Completion perform(const Transfer& transfer, const PipeFaults& faults, Time now);
+    Completion control(const Transfer& transfer, const PipeFaults& faults, Time now);
+    Completion standardRequest(const Transfer& transfer, Time now);
+    Completion sendPackets(const Transfer& transfer);
+    std::optional<Bytes> descriptor(std::uint8_t type, std::uint8_t index) const;
+    void takeFrame(std::uint8_t endpoint, Bytes frame);
+    void endAll(Outcome outcome, bool controlToo);
+
+    ReaderDescription description_;
+    std::uint8_t configuration_ = 0;
+    std::map<Pipe, PipeFaults> pipeFaults_;
+    RequestFaults requestFaults_;
+    std::map<std::uint8_t, std::deque<Waiting>> waiting_; // by end point; each completes in order
+    std::deque<Completion> completions_;
+    std::deque<Answer> bulkAnswers_;
+    std::deque<Answer> controlAnswers_;
+    std::uint64_t frameCount_ = 0;
+    SeenFrame lastFrame_;
+    TransferId lastId_ = 0;
+};
+
+} // namespace emulator
+
+#endif

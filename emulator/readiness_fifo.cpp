@@ -1,0 +1,48 @@
+#include "readiness_fifo.h"
+
+#include <array>
+#include <cerrno>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace emulator {
+
+namespace {
+
+// The smallest pipe that the kernel makes: one page.
+constexpr std::size_t pipeSize = 4096;
+
+} // namespace
+
+ReadinessFifo::ReadinessFifo(const std::string& file) {
+    if (::mkfifo(file.c_str(), 0600) != 0)
+        throw std::system_error(errno, std::generic_category(), file);
+    descriptor_ = ::open(file.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (descriptor_ < 0)
+        throw std::system_error(errno, std::generic_category(), file);
+    if (::fcntl(descriptor_, F_SETPIPE_SZ, static_cast<int>(pipeSize)) < 0) {
+        const int error = errno;
+        ::close(descriptor_);
+        throw std::system_error(error, std::generic_category(), file);
+    }
+    setReady(false);
+}
+
+ReadinessFifo::~ReadinessFifo() {
+    ::close(descriptor_);
+}
+
+void ReadinessFifo::setReady(bool ready) {
+    if (ready == ready_)
+        return;
+    ready_ = ready;
+    std::array<char, pipeSize> bytes{};
+    // Neither can fail or fall short: the pipe is empty before the one and full before the other.
+    [[maybe_unused]] const ssize_t moved = ready ? ::read(descriptor_, bytes.data(), bytes.size())
+                                                 : ::write(descriptor_, bytes.data(), bytes.size());
+}
+
+} // namespace emulator

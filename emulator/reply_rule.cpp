@@ -1,0 +1,70 @@
+#include "reply_rule.h"
+
+namespace emulator {
+
+namespace {
+
+// More than any transfer asks for in one piece.
+constexpr std::size_t longestPattern = 1U << 20;
+
+} // namespace
+
+ReplyRule ReplyRule::parse(std::string_view text) {
+    ReplyRule rule;
+    const auto colon = text.find(':');
+    const std::string_view kind = text.substr(0, colon);
+    const std::string_view value =
+        colon == std::string_view::npos ? std::string_view{} : text.substr(colon + 1);
+    if (kind == "echo" && value.empty()) {
+        rule.kind_ = Kind::echo;
+    } else if (kind == "reverse" && value.empty()) {
+        rule.kind_ = Kind::reverse;
+    } else if (kind == "none" && value.empty()) {
+        rule.kind_ = Kind::none;
+    } else if (kind == "fixed" && colon != std::string_view::npos) {
+        rule.kind_ = Kind::fixed;
+        rule.bytes_ = hexBytes("fixed reply", value);
+    } else if (kind == "pattern") {
+        rule.kind_ = Kind::pattern;
+        rule.bytes_.resize(static_cast<std::size_t>(number("pattern length", value, 0, longestPattern)));
+        for (std::size_t i = 0; i < rule.bytes_.size(); ++i)
+            rule.bytes_[i] = static_cast<std::uint8_t>(i);
+    } else {
+        throw TextError("reply is '" + std::string(text) +
+                        "'; it takes echo, reverse, none, fixed:HEX or pattern:COUNT");
+    }
+    return rule;
+}
+
+std::optional<Bytes> ReplyRule::answer(const Bytes& frame) const {
+    switch (kind_) {
+    case Kind::echo:
+        return frame;
+    case Kind::reverse:
+        return Bytes(frame.rbegin(), frame.rend());
+    case Kind::none:
+        return std::nullopt;
+    case Kind::fixed:
+    case Kind::pattern:
+        break;
+    }
+    return bytes_;
+}
+
+std::string ReplyRule::text() const {
+    switch (kind_) {
+    case Kind::echo:
+        return "echo";
+    case Kind::reverse:
+        return "reverse";
+    case Kind::none:
+        return "none";
+    case Kind::fixed:
+        return "fixed:" + hexText(bytes_);
+    case Kind::pattern:
+        break;
+    }
+    return "pattern:" + std::to_string(bytes_.size());
+}
+
+} // namespace emulator

@@ -1,0 +1,79 @@
+#include "scratch_folder.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace emulator {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* folderOfFolders = "/tmp";
+constexpr const char* prefix = "gvusb-";
+constexpr const char* lockName = "lock";
+
+// Locks a folder's lock file; -1 if somebody else holds it or it is not there.
+int lockFolder(const fs::path& folder, int flags) {
+    const int lock = ::open((folder / lockName).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | flags, 0600);
+    if (lock >= 0 && ::flock(lock, LOCK_EX | LOCK_NB) != 0) {
+        ::close(lock);
+        return -1;
+    }
+    return lock;
+}
+
+bool abandoned(const fs::path& folder) {
+    // A folder that is being set up has no lock for a moment.
+    constexpr std::chrono::minutes youth{1};
+    struct stat status {};
+    if (::lstat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || status.st_uid != ::geteuid())
+        return false;
+    const auto changed = std::chrono::system_clock::from_time_t(status.st_mtime);
+    if (std::chrono::system_clock::now() - changed < youth)
+        return false;
+    const int lock = lockFolder(folder, 0);
+    if (lock < 0)
+        return false;
+    ::close(lock);
+    return true;
+}
+
+void removeAbandoned() {
+    std::error_code error;
+    for (fs::directory_iterator entry(folderOfFolders, error), end; !error && entry != end;
+         entry.increment(error)) {
+        std::error_code ignored;
+        if (entry->path().filename().string().starts_with(prefix) && abandoned(entry->path()))
+            fs::remove_all(entry->path(), ignored);
+    }
+}
+
+} // namespace
+
+ScratchFolder::ScratchFolder() {
+    removeAbandoned();
+    std::string name = std::string(folderOfFolders) + "/" + prefix + "XXXXXX";
+    if (::mkdtemp(name.data()) == nullptr)
+        throw std::system_error(errno, std::generic_category(),
+                                "no folder can be made in " + std::string(folderOfFolders));
+    path_ = name;
+    lock_ = lockFolder(path_, O_CREAT);
+}
+
+ScratchFolder::~ScratchFolder() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+    if (lock_ >= 0)
+        ::close(lock_);
+}
+
+} // namespace emulator

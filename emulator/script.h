@@ -1,0 +1,46 @@
+// Commands that run by themselves at given times after the program's start.
+//
+// A script has one line for each, "at MILLISECONDS COMMAND", in order of time; blank lines and lines that
+// begin with
+// '#' are skipped. One thread at a time.
+
+#ifndef GVUSB_EMULATOR_SCRIPT_H
+#define GVUSB_EMULATOR_SCRIPT_H
+
+#include "transfer.h"
+
+#include <deque>
+#include <filesystem>
+#include <istream>
+#include <optional>
+#include <string>
+
+namespace emulator {
+
+class Script {
+public:
+    struct Entry {
+        Milliseconds at{0};
+        std::string command;
+        unsigned line = 0;
+    };
+
+    Script() = default;
+
+    // Both throw TextError; `name` is what the text is called in it.
+    static Script parse(std::istream& text, const std::string& name);
+    static Script read(const std::filesystem::path& file);
+
+    // When the next command is due, after the start.
+    std::optional<Milliseconds> next() const;
+
+    // The next command, if it is due.
+    std::optional<Entry> take(Milliseconds sinceStart);
+
+private:
+    std::deque<Entry> entries_;
+};
+
+} // namespace emulator
+
+#endif

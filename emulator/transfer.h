@@ -1,0 +1,55 @@
+// One transfer to or from a reader, in USB's own terms, and how it ended.
+//
+// Plain values; any thread may use them.
+
+#ifndef GVUSB_EMULATOR_TRANSFER_H
+#define GVUSB_EMULATOR_TRANSFER_H
+
+#include "text.h"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace emulator {
+
+using Time = std::chrono::steady_clock::time_point;
+using Milliseconds = std::chrono::milliseconds;
+
+struct ControlSetup {
+    std::uint8_t requestType = 0;
+    std::uint8_t request = 0;
+    std::uint16_t value = 0;
+    std::uint16_t index = 0;
+    std::uint16_t length = 0;
+
+    bool in() const { return (requestType & 0x80) != 0; }
+};
+
+struct Transfer {
+    std::uint8_t endpoint = 0; // 0: control, with `setup`; else with the direction bit
+    ControlSetup setup = {};
+    Bytes data = {};          // to the reader
+    std::size_t capacity = 0; // wanted from the reader
+};
+
+enum class Outcome {
+    done,
+    stalled,
+    overflow,  // the reader sent a larger packet than there was room for
+    cancelled, // on the host's demand
+    gone,      // the reader was unplugged or reset
+};
+
+using TransferId = std::uint64_t;
+
+struct Completion {
+    TransferId id = 0;
+    Outcome outcome = Outcome::done;
+    Bytes data = {};        // from the reader
+    std::size_t actual = 0; // bytes moved, in either direction
+};
+
+} // namespace emulator
+
+#endif

@@ -1,0 +1,95 @@
+// One opening of a device node: the ioctls that come through it, decoded for the reader behind, and their
+// answers.
+//
+// Lives in umockdev's handler thread; takes the bus mutex for every touch of the reader.
+
+#ifndef GVUSB_EMULATOR_USBFS_OPENING_H
+#define GVUSB_EMULATOR_USBFS_OPENING_H
+
+#include "program_memory.h"
+#include "readiness_fifo.h"
+#include "usbfs_device.h"
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+
+namespace emulator {
+
+struct NodeHooks {
+    // A program chose another configuration. Called in the handler's thread without the mutex, before the
+    // program gets its answer.
+    std::function<void(std::uint8_t)> configured;
+    // Something may become due earlier than was known. Called in the handler's thread.
+    std::function<void()> deadlineChanged;
+};
+
+// What the openings of one node share. It lives as long as the last of them, which may be longer than the
+// node.
+struct SharedNode {
+    SharedNode(const std::string& file, std::shared_ptr<UsbfsDevice> device_, std::mutex& mutex_,
+               NodeHooks hooks_)
+        : fifo(file)
+        , device(std::move(device_))
+        , mutex(mutex_)
+        , hooks(std::move(hooks_)) {}
+
+    // Shows at the node whether there is something to reap. The mutex is held.
+    void refresh() { fifo.setReady(device->anythingToReap()); }
+
+    ReadinessFifo fifo;
+    std::shared_ptr<UsbfsDevice> device;
+    std::mutex& mutex;
+    NodeHooks hooks;
+};
+
+class UsbfsOpening {
+public:
+    explicit UsbfsOpening(std::shared_ptr<SharedNode> node);
+    UsbfsOpening(const UsbfsOpening&) = delete;
+    UsbfsOpening& operator=(const UsbfsOpening&) = delete;
+    ~UsbfsOpening() { close(); }
+
+    // 0 or more: the ioctl's result; negative: its errno.
+    int answer(unsigned long request, UMockdevIoctlData* argument);
+
+private:
+    // A URB that flies, with what it points to; URBs are written back when they are reaped.
+    struct UrbMemory {
+        ProgramMemory urb;
+        ProgramMemory buffer;
+        bool control = false;
+    };
+
+    void close();
+    int submit(UMockdevIoctlData* argument);
+    int reap(UMockdevIoctlData* argument);
+    int setConfiguration(int value);
+    int getDriver(const ProgramMemory& memory);
+    int driverIoctl(const ProgramMemory& memory);
+    int detachAndClaim(const ProgramMemory& memory);
+    int getCapabilities(const ProgramMemory& memory);
+    int getSpeed();
+
+    // Runs one action on the reader under the mutex and shows at the node what came of it.
+    template <typename Action>
+    auto onDevice(Action action) {
+        const std::lock_guard lock(node_->mutex);
+        auto result = action(*node_->device, std::chrono::steady_clock::now());
+        node_->refresh();
+        return result;
+    }
+
+    std::shared_ptr<SharedNode> node_;
+    OpenId id_ = 0;
+    bool closed_ = false;
+    std::map<UrbAddress, UrbMemory> urbs_;
+};
+
+} // namespace emulator
+
+#endif

@@ -1,0 +1,273 @@
+#include "virtual_bus.h"
+
+#include "descriptors.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <system_error>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace emulator {
+
+namespace {
+
+// How long an unplugged reader's node is kept for programs that were just opening it.
+constexpr std::chrono::seconds retirement(1);
+
+Time now() {
+    return std::chrono::steady_clock::now();
+}
+
+std::string numbered(const char* format, unsigned first, unsigned second) {
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), format, first, second);
+    return text.data();
+}
+
+std::string hex16(std::uint16_t value) {
+    return numbered("%04x", value, 0);
+}
+
+const char* megabits(Speed speed) {
+    switch (speed) {
+    case Speed::low:
+        return "1.5";
+    case Speed::full:
+        return "12";
+    case Speed::high:
+        break;
+    }
+    return "480";
+}
+
+void writeFile(const std::string& file, std::string_view content) {
+    std::ofstream(file, std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
+}
+
+// An unconfigured device has an empty line there.
+std::string configurationText(std::uint8_t value) {
+    return (value != 0 ? std::to_string(value) : std::string{}) + "\n";
+}
+
+// The files that libusb reads, and the two that udev rules commonly match. They are written here and not by
+// umockdev, which makes each under another name first: with hundreds of readers that is most of the time it
+// takes to start.
+void writeAttributes(const std::string& folder, const ReaderDescription& reader, std::uint8_t address,
+                     std::uint8_t configuration) {
+    const Bytes descriptors = allDescriptors(reader);
+    writeFile(folder + "descriptors",
+              {reinterpret_cast<const char*>(descriptors.data()), descriptors.size()});
+    writeFile(folder + "busnum", std::to_string(reader.bus) + "\n");
+    writeFile(folder + "devnum", std::to_string(address) + "\n");
+    writeFile(folder + "idVendor", hex16(reader.vendor) + "\n");
+    writeFile(folder + "idProduct", hex16(reader.product) + "\n");
+    writeFile(folder + "speed", megabits(reader.speed) + std::string("\n"));
+    writeFile(folder + "bConfigurationValue", configurationText(configuration));
+}
+
+// Null-terminated name and value pairs, as umockdev takes them.
+std::vector<gchar*> pairs(std::vector<std::string>& texts) {
+    std::vector<gchar*> pointers;
+    for (std::string& text : texts)
+        pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+} // namespace
+
+VirtualBus::VirtualBus(std::filesystem::path folder)
+    : folder_(std::move(folder))
+    , wakeUp_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (wakeUp_ < 0)
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    std::filesystem::create_directory(folder_ / "refused");
+    testbed_ = umockdev_testbed_new();
+    // libusb looks for the bus's folder when it starts, also while it is empty.
+    std::filesystem::create_directories(root() + "/dev/bus/usb");
+    std::filesystem::create_directories(root() + "/sys/bus/usb/devices");
+}
+
+VirtualBus::~VirtualBus() {
+    for (const auto& reader : readers_)
+        reader->node.reset();
+    retired_.clear();
+    g_object_unref(testbed_);
+    ::close(wakeUp_);
+}
+
+std::string VirtualBus::root() const {
+    gchar* root = umockdev_testbed_get_root_dir(testbed_);
+    std::string text = root;
+    g_free(root);
+    return text;
+}
+
+Reader& VirtualBus::readerNumber(std::size_t number) const {
+    if (number < 1 || number > readers_.size())
+        throw TextError("there is no reader " + std::to_string(number));
+    return *readers_[number - 1];
+}
+
+std::size_t VirtualBus::add(ReaderDescription description) {
+    readers_.push_back(std::make_unique<Reader>(std::move(description)));
+    return readers_.size();
+}
+
+bool VirtualBus::plugged(std::size_t number) const {
+    return readerNumber(number).node != nullptr;
+}
+
+// As the kernel does: upward from the last one given, so that a replugged device comes back with another
+// address.
+std::uint8_t VirtualBus::freeAddress(const ReaderDescription& description) {
+    constexpr std::uint8_t highestAddress = 127;
+    const auto taken = [&](std::uint8_t address) {
+        return std::ranges::any_of(readers_, [&](const auto& reader) {
+            return reader->node != nullptr && reader->model.description().bus == description.bus &&
+                   reader->address == address;
+        });
+    };
+    if (description.address) {
+        if (taken(*description.address))
+            throw TextError("address " + std::to_string(*description.address) + " is taken");
+        return *description.address;
+    }
+    std::uint8_t& last = lastAddress_[description.bus];
+    for (std::uint8_t tried = 0; tried < highestAddress; ++tried) {
+        last = last == highestAddress ? std::uint8_t{1} : static_cast<std::uint8_t>(last + 1);
+        if (!taken(last))
+            return last;
+    }
+    throw TextError("bus " + std::to_string(description.bus) + " is full");
+}
+
+void VirtualBus::plug(std::size_t number) {
+    Reader& reader = readerNumber(number);
+    if (reader.node)
+        throw TextError("reader " + std::to_string(number) + " is plugged");
+    const ReaderDescription& description = reader.model.description();
+    reader.address = freeAddress(description);
+    {
+        const std::lock_guard lock(mutex_);
+        reader.device = std::make_shared<UsbfsDevice>(reader.model, reader.faults, reader.counts, now());
+    }
+    writeRefusal(reader);
+
+    const std::string name = numbered("%u-%u", description.bus, static_cast<unsigned>(number));
+    reader.sysfsPath = "/sys/devices/" + name;
+    const std::string devicePath = numbered("/dev/bus/usb/%03u/%03u", description.bus, reader.address);
+    std::erase_if(retired_, [&](const auto& entry) {
+        return entry.second->path() == devicePath || now() - entry.first > retirement;
+    });
+    reader.node = std::make_unique<DeviceNode>(
+        testbed_, devicePath, reader.device, mutex_,
+        NodeHooks{.configured =
+                      [testbed = testbed_, path = reader.sysfsPath](std::uint8_t value) {
+                          umockdev_testbed_set_attribute_int(testbed, path.c_str(), "bConfigurationValue",
+                                                             value);
+                      },
+                  .deadlineChanged =
+                      [this] {
+                          const std::uint64_t one = 1;
+                          [[maybe_unused]] const ssize_t written = ::write(wakeUp_, &one, sizeof one);
+                      }});
+
+    // The event that adding the device sends comes last: whoever hears it finds everything in its place.
+    std::filesystem::create_directories(root() + reader.sysfsPath);
+    writeAttributes(root() + reader.sysfsPath + "/", description, reader.address,
+                    reader.model.configuration());
+    std::vector<std::string> properties;
+    const auto property = [&](const char* key, std::string value) {
+        properties.emplace_back(key);
+        properties.push_back(std::move(value));
+    };
+    property("DEVTYPE", "usb_device");
+    property("DEVNAME", devicePath);
+    property("BUSNUM", numbered("%03u", description.bus, 0));
+    property("DEVNUM", numbered("%03u", reader.address, 0));
+    property("MAJOR", "189"); // the kernel's for USB devices
+    property("MINOR", std::to_string((description.bus - 1) * 128 + reader.address - 1));
+    property("PRODUCT", numbered("%x/%x", description.vendor, description.product) +
+                            numbered("/%x", description.release, 0));
+    std::array<gchar*, 1> noAttributes = {nullptr};
+    gchar* path = umockdev_testbed_add_devicev(testbed_, "usb", name.c_str(), nullptr, noAttributes.data(),
+                                               pairs(properties).data());
+    g_free(path);
+}
+
+void VirtualBus::unplug(std::size_t number) {
+    Reader& reader = readerNumber(number);
+    if (!reader.node)
+        throw TextError("reader " + std::to_string(number) + " is not plugged");
+    {
+        const std::lock_guard lock(mutex_);
+        reader.device->unplug();
+        reader.node->refresh();
+    }
+    umockdev_testbed_uevent(testbed_, reader.sysfsPath.c_str(), "remove");
+    reader.node->retire();
+    retired_.emplace_back(now(), std::move(reader.node));
+    umockdev_testbed_remove_device(testbed_, reader.sysfsPath.c_str());
+    std::filesystem::remove_all(root() + reader.sysfsPath);
+    std::filesystem::remove(refusalFile(reader));
+    reader.device.reset();
+}
+
+void VirtualBus::deliver(Reader& reader) {
+    if (!reader.node)
+        return;
+    reader.device->collect();
+    reader.node->refresh();
+}
+
+void VirtualBus::refuseOpening(std::size_t number, int error) {
+    Reader& reader = readerNumber(number);
+    reader.faults.refuseOpen = error;
+    if (reader.node)
+        writeRefusal(reader);
+}
+
+std::filesystem::path VirtualBus::refusalFile(const Reader& reader) const {
+    return folder_ / "refused" / numbered("%03u.%03u", reader.model.description().bus, reader.address);
+}
+
+// The refusal is a symbolic link because that is read in one step and by everybody, root or not.
+void VirtualBus::writeRefusal(const Reader& reader) const {
+    const std::filesystem::path link = refusalFile(reader);
+    std::filesystem::remove(link);
+    if (reader.faults.refuseOpen != 0)
+        std::filesystem::create_symlink(std::to_string(reader.faults.refuseOpen), link);
+}
+
+std::optional<Time> VirtualBus::nextDeadline() {
+    const std::lock_guard lock(mutex_);
+    std::optional<Time> earliest;
+    for (const auto& reader : readers_) {
+        if (const std::optional<Time> deadline = reader->model.nextDeadline())
+            earliest = std::min(earliest.value_or(*deadline), *deadline);
+    }
+    return earliest;
+}
+
+void VirtualBus::advance() {
+    const std::lock_guard lock(mutex_);
+    const Time present = now();
+    for (const auto& reader : readers_) {
+        reader->model.advance(present);
+        deliver(*reader);
+    }
+}
+
+void VirtualBus::noteWakeUp() {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t read = ::read(wakeUp_, &count, sizeof count);
+}
+
+} // namespace emulator

@@ -1,0 +1,675 @@
+// Uses the emulated bus as any libusb program does, without the gvusb library: what fails here is the bus's
+// fault.
+//
+//   gvusb-emulate [READERS] -- bare_libusb CASE
+//
+// Reader 1 is the default bulk reader and reader 2 the default control reader, unless the case says
+// otherwise.
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdbool.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <libusb.h>
+
+enum { maker = GVUSB_VENDOR_ID, bulk_product = 1, control_product = 2 };
+enum { bulk_in = 0x81, bulk_out = 0x02, patience = 2000, moment = 100 };
+enum { to_reader = 0x40, from_reader = 0xC0 };
+
+static int failures;
+
+static void expect(const char* what, long got, long wanted) {
+    if (got == wanted)
+        return;
+    ++failures;
+    fprintf(stderr, "%s: %ld instead of %ld\n", what, got, wanted);
+}
+
+static void expect_text(const char* what, const char* got, const char* wanted) {
+    if (strcmp(got, wanted) == 0)
+        return;
+    ++failures;
+    fprintf(stderr, "%s: \"%s\" instead of \"%s\"\n", what, got, wanted);
+}
+
+static long milliseconds(void) {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
+
+static void pause_for(long duration) {
+    const struct timespec time = {.tv_sec = duration / 1000, .tv_nsec = duration % 1000 * 1000000};
+    nanosleep(&time, NULL);
+}
+
+// Sends a command to the bus and leaves its answer in `answer`.
+static void ask(const char* command, char* answer, size_t size) {
+    struct sockaddr_un address = {.sun_family = AF_UNIX};
+    snprintf(address.sun_path, sizeof address.sun_path, "%s", getenv("GVUSB_EMULATE_SOCKET"));
+    char line[512];
+    const int length = snprintf(line, sizeof line, "%s\n", command);
+    const int channel = socket(AF_UNIX, SOCK_STREAM, 0);
+    size_t got = 0;
+    if (connect(channel, (const struct sockaddr*)&address, sizeof address) == 0 &&
+        send(channel, line, (size_t)length, 0) == length) {
+        while (got < size - 1) {
+            const ssize_t count = recv(channel, answer + got, size - 1 - got, 0);
+            if (count <= 0)
+                break;
+            got += (size_t)count;
+            if (answer[got - 1] == '\n') {
+                --got;
+                break;
+            }
+        }
+    }
+    answer[got] = '\0';
+    close(channel);
+}
+
+static void tell(const char* command) {
+    char answer[256];
+    ask(command, answer, sizeof answer);
+    expect_text(command, answer, "ok");
+}
+
+// The number after "NAME=" in what the bus has counted for a reader.
+static long counted(int reader, const char* name) {
+    char command[32];
+    char answer[512];
+    char pattern[64];
+    snprintf(command, sizeof command, "counts %d", reader);
+    snprintf(pattern, sizeof pattern, " %s=", name); // the answer begins with "ok "
+    ask(command, answer, sizeof answer);
+    const char* found = strstr(answer, pattern);
+    return found == NULL ? -1 : strtol(found + strlen(pattern), NULL, 10);
+}
+
+static libusb_device_handle* open_product(int product) {
+    return libusb_open_device_with_vid_pid(NULL, maker, (uint16_t)product);
+}
+
+static libusb_device_handle* open_claimed(int product) {
+    libusb_device_handle* handle = open_product(product);
+    if (handle == NULL) {
+        fprintf(stderr, "product %d cannot be opened\n", product);
+        exit(EXIT_FAILURE);
+    }
+    expect("claim", libusb_claim_interface(handle, 0), 0);
+    return handle;
+}
+
+static int bulk(libusb_device_handle* handle, unsigned char endpoint, unsigned char* data, int length,
+                int* moved, unsigned timeout) {
+    *moved = -1;
+    return libusb_bulk_transfer(handle, endpoint, data, length, moved, timeout);
+}
+
+static void fill(unsigned char* data, size_t length, unsigned seed) {
+    for (size_t i = 0; i < length; ++i)
+        data[i] = (unsigned char)(i * 7 + i / 251 + seed);
+}
+
+static void expect_bulk_echo(libusb_device_handle* handle, int length, int room) {
+    static unsigned char out[65536];
+    static unsigned char in[65536];
+    int moved;
+    fill(out, (size_t)length, (unsigned)length);
+    memset(in, 0, sizeof in);
+    expect("bulk out", bulk(handle, bulk_out, out, length, &moved, patience), 0);
+    expect("bytes out", moved, length);
+    expect("bulk in", bulk(handle, bulk_in, in, room, &moved, patience), 0);
+    expect("bytes in", moved, length);
+    expect("echo differs", memcmp(out, in, (size_t)length), 0);
+}
+
+static long list_size(void) {
+    libusb_device** list;
+    const ssize_t count = libusb_get_device_list(NULL, &list);
+    if (count >= 0)
+        libusb_free_device_list(list, 1);
+    return count;
+}
+
+// The list is brought up to date by udev's event, which is on its way.
+static void await_list_size(long wanted) {
+    const long end = milliseconds() + patience;
+    while (list_size() != wanted && milliseconds() < end)
+        pause_for(1);
+    expect("devices on the bus", list_size(), wanted);
+}
+
+static void lists_both_readers(void) {
+    libusb_device** list;
+    const ssize_t count = libusb_get_device_list(NULL, &list);
+    expect("devices", count, 2);
+    unsigned seen = 0;
+    for (ssize_t i = 0; i < count; ++i) {
+        struct libusb_device_descriptor device;
+        struct libusb_config_descriptor* configuration;
+        expect("device descriptor", libusb_get_device_descriptor(list[i], &device), 0);
+        expect("vendor", device.idVendor, maker);
+        expect("bus", libusb_get_bus_number(list[i]), 1);
+        expect("speed", libusb_get_device_speed(list[i]), LIBUSB_SPEED_FULL);
+        expect("configuration descriptor", libusb_get_config_descriptor(list[i], 0, &configuration), 0);
+        expect("configuration value", configuration->bConfigurationValue, 1);
+        expect("end points", configuration->interface[0].altsetting[0].bNumEndpoints,
+               device.idProduct == bulk_product ? 2 : 0);
+        libusb_free_config_descriptor(configuration);
+        seen |= 1U << device.idProduct;
+    }
+    expect("products 1 and 2", seen, 1U << bulk_product | 1U << control_product);
+    libusb_free_device_list(list, 1);
+}
+
+static void reads_strings(void) {
+    libusb_device_handle* handle = open_product(bulk_product);
+    unsigned char text[256];
+    const struct {
+        uint8_t index;
+        const char* text;
+    } strings[] = {{1, "1A2B3C"}, {3, "Virtual"}, {5, "Virtual Bulk Reader"}, {6, "TESK RCI2"}, {10, "100"}};
+    for (size_t i = 0; i < sizeof strings / sizeof strings[0]; ++i) {
+        expect("string length",
+               libusb_get_string_descriptor_ascii(handle, strings[i].index, text, sizeof text),
+               (long)strlen(strings[i].text));
+        expect_text("string", (const char*)text, strings[i].text);
+    }
+    expect("string that is not there", libusb_get_string_descriptor_ascii(handle, 9, text, sizeof text),
+           LIBUSB_ERROR_PIPE);
+    tell("string 1 5 Another name");
+    expect("changed string", libusb_get_string_descriptor_ascii(handle, 5, text, sizeof text), 12);
+    tell("fail-string 1 5 on");
+    expect("unreadable string", libusb_get_string_descriptor_ascii(handle, 5, text, sizeof text),
+           LIBUSB_ERROR_PIPE);
+    tell("fail-string 1 5 off");
+    expect("readable again", libusb_get_string_descriptor_ascii(handle, 5, text, sizeof text), 12);
+    libusb_close(handle);
+}
+
+static void echoes_over_bulk(void) {
+    libusb_device_handle* handle = open_claimed(bulk_product);
+    const int lengths[] = {1, 2, 63, 64, 65, 128, 511, 512, 513, 4096, 16384, 16385, 65535, 65536};
+    for (size_t i = 0; i < sizeof lengths / sizeof lengths[0]; ++i) {
+        expect_bulk_echo(handle, lengths[i], lengths[i]);
+        expect_bulk_echo(handle, lengths[i], 65536);
+    }
+    libusb_close(handle);
+}
+
+static void echoes_over_control(void) {
+    libusb_device_handle* handle = open_claimed(control_product);
+    static unsigned char out[4096];
+    static unsigned char in[4096];
+    const uint16_t lengths[] = {1, 2, 7, 8, 9, 63, 64, 65, 1000, 4095, 4096};
+    for (size_t i = 0; i < sizeof lengths / sizeof lengths[0]; ++i) {
+        fill(out, lengths[i], lengths[i]);
+        memset(in, 0, sizeof in);
+        expect("control out", libusb_control_transfer(handle, to_reader, 0, 0, 0, out, lengths[i], patience),
+               lengths[i]);
+        expect("control in", libusb_control_transfer(handle, from_reader, 0, 0, 0, in, sizeof in, patience),
+               lengths[i]);
+        expect("echo differs", memcmp(out, in, lengths[i]), 0);
+    }
+    expect("request that readers do not know",
+           libusb_control_transfer(handle, to_reader, 1, 0, 0, out, 1, patience), LIBUSB_ERROR_PIPE);
+    libusb_close(handle);
+}
+
+static void times_out(void) {
+    libusb_device_handle* handle = open_claimed(bulk_product);
+    unsigned char data[64] = "frame";
+    int moved;
+    const long start = milliseconds();
+    expect("nothing to read", bulk(handle, bulk_in, data, sizeof data, &moved, moment), LIBUSB_ERROR_TIMEOUT);
+    const long passed = milliseconds() - start;
+    expect("ran into its time-out", passed >= moment && passed < patience, 1);
+    tell("mute 1 out");
+    expect("mute out", bulk(handle, bulk_out, data, 5, &moved, moment), LIBUSB_ERROR_TIMEOUT);
+    expect("bytes of a mute out", moved, 0);
+    tell("unmute 1 out");
+    tell("mute 1 in");
+    expect("out while in is mute", bulk(handle, bulk_out, data, 5, &moved, patience), 0);
+    expect("mute in", bulk(handle, bulk_in, data, sizeof data, &moved, moment), LIBUSB_ERROR_TIMEOUT);
+    tell("unmute 1 in");
+    expect("what was asked of a mute reader is never answered",
+           bulk(handle, bulk_in, data, sizeof data, &moved, moment), LIBUSB_ERROR_TIMEOUT);
+    expect_bulk_echo(handle, 5, 64);
+    expect("cancelled transfers", counted(1, "cancels"), 4);
+    libusb_close(handle);
+
+    handle = open_claimed(control_product);
+    expect("nothing to read by control",
+           libusb_control_transfer(handle, from_reader, 0, 0, 0, data, 64, moment), LIBUSB_ERROR_TIMEOUT);
+    tell("mute 2 control");
+    expect("string of a mute reader", libusb_get_string_descriptor_ascii(handle, 1, data, sizeof data),
+           LIBUSB_ERROR_TIMEOUT);
+    tell("unmute 2 control");
+    expect("string", libusb_get_string_descriptor_ascii(handle, 1, data, sizeof data), 6);
+    libusb_close(handle);
+}
+
+static void stalls_until_halt_is_cleared(void) {
+    libusb_device_handle* handle = open_claimed(bulk_product);
+    unsigned char data[64] = "frame";
+    int moved;
+    tell("stall 1 out");
+    expect("stalled out", bulk(handle, bulk_out, data, 5, &moved, patience), LIBUSB_ERROR_PIPE);
+    expect("still stalled", bulk(handle, bulk_out, data, 5, &moved, patience), LIBUSB_ERROR_PIPE);
+    expect("clear halt", libusb_clear_halt(handle, bulk_out), 0);
+    expect_bulk_echo(handle, 5, 64);
+    expect("halts cleared", counted(1, "clear-halts"), 1);
+    tell("stall 1 0x81 stuck");
+    expect("clear stuck halt", libusb_clear_halt(handle, bulk_in), 0);
+    expect("stuck", bulk(handle, bulk_in, data, sizeof data, &moved, patience), LIBUSB_ERROR_PIPE);
+    tell("unstall 1 0x81");
+    expect_bulk_echo(handle, 5, 64);
+    expect("halt of an end point that is not there", libusb_clear_halt(handle, 0x85), LIBUSB_ERROR_NOT_FOUND);
+    tell("stall 1 control");
+    expect("stalled string", libusb_get_string_descriptor_ascii(handle, 1, data, sizeof data),
+           LIBUSB_ERROR_PIPE);
+    tell("unstall 1 control");
+    libusb_close(handle);
+}
+
+static void answers_late_short_or_too_much(void) {
+    libusb_device_handle* handle = open_claimed(bulk_product);
+    unsigned char data[128];
+    int moved;
+    fill(data, sizeof data, 0);
+    tell("delay 1 in 200");
+    const long start = milliseconds();
+    expect_bulk_echo(handle, 5, 64);
+    expect("waited for the answer", milliseconds() - start >= 200, 1);
+    tell("delay 1 in 0");
+    tell("short 1 in 3");
+    expect("out", bulk(handle, bulk_out, data, 5, &moved, patience), 0);
+    expect("short in", bulk(handle, bulk_in, data, 64, &moved, patience), 0);
+    expect("bytes of a short in", moved, 3);
+    tell("short 1 in off");
+    tell("short 1 out 2");
+    expect("short out", bulk(handle, bulk_out, data, 5, &moved, patience), 0);
+    expect("bytes of a short out", moved, 2);
+    tell("short 1 out off");
+    tell("flush 1");
+    expect("out", bulk(handle, bulk_out, data, 64, &moved, patience), 0);
+    expect("no room for the packet", bulk(handle, bulk_in, data, 10, &moved, patience),
+           LIBUSB_ERROR_OVERFLOW);
+    expect("out", bulk(handle, bulk_out, data, 100, &moved, patience), 0);
+    expect("room for one packet", bulk(handle, bulk_in, data, 64, &moved, patience), 0);
+    expect("first packet", moved, 64);
+    expect("the rest", bulk(handle, bulk_in, data, 64, &moved, patience), 0);
+    expect("second packet", moved, 36);
+    tell("reply 1 fixed:0102FF");
+    expect("out", bulk(handle, bulk_out, data, 5, &moved, patience), 0);
+    expect("fixed answer", bulk(handle, bulk_in, data, 64, &moved, patience), 0);
+    expect("its bytes", moved == 3 && memcmp(data, "\x01\x02\xFF", 3) == 0, 1);
+    libusb_close(handle);
+}
+
+// Runs a command of the bus while the main thread is in a transfer.
+static void* tell_later(void* command) {
+    pause_for(moment);
+    tell(command);
+    return NULL;
+}
+
+static void unplugged_in_flight(void) {
+    libusb_device_handle* handle = open_claimed(bulk_product);
+    unsigned char data[64];
+    char command[] = "unplug 1";
+    int moved;
+    pthread_t thread;
+    pthread_create(&thread, NULL, tell_later, command);
+    const long start = milliseconds();
+    expect("in flight", bulk(handle, bulk_in, data, sizeof data, &moved, 10 * patience),
+           LIBUSB_ERROR_NO_DEVICE);
+    expect("ended at once", milliseconds() - start < patience, 1);
+    pthread_join(thread, NULL);
+    expect("out", bulk(handle, bulk_out, data, 1, &moved, patience), LIBUSB_ERROR_NO_DEVICE);
+    expect("string", libusb_get_string_descriptor_ascii(handle, 1, data, sizeof data),
+           LIBUSB_ERROR_NO_DEVICE);
+    expect("clear halt", libusb_clear_halt(handle, bulk_in), LIBUSB_ERROR_NO_DEVICE);
+    await_list_size(1);
+    libusb_close(handle);
+    expect("opened while away", open_product(bulk_product) == NULL, 1);
+}
+
+static void replugged_is_another_device(void) {
+    libusb_device_handle* handle = open_claimed(bulk_product);
+    const int address = libusb_get_device_address(libusb_get_device(handle));
+    tell("replug 1");
+    unsigned char text[64];
+    expect("old handle", libusb_get_string_descriptor_ascii(handle, 1, text, sizeof text),
+           LIBUSB_ERROR_NO_DEVICE);
+    libusb_device_handle* fresh = NULL;
+    for (const long end = milliseconds() + patience; fresh == NULL && milliseconds() < end; pause_for(1))
+        fresh = open_product(bulk_product);
+    expect("opened anew", fresh != NULL, 1);
+    expect("another device", libusb_get_device(fresh) != libusb_get_device(handle), 1);
+    expect("another address", libusb_get_device_address(libusb_get_device(fresh)) != address, 1);
+    libusb_close(handle);
+    expect("claim", libusb_claim_interface(fresh, 0), 0);
+    expect_bulk_echo(fresh, 5, 64);
+    libusb_close(fresh);
+}
+
+struct events {
+    int arrived;
+    int left;
+};
+
+static int count_event(libusb_context* context, libusb_device* device, libusb_hotplug_event event,
+                       void* events) {
+    (void)context;
+    (void)device;
+    struct events* count = events;
+    if (event == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED)
+        ++count->arrived;
+    else
+        ++count->left;
+    return 0;
+}
+
+static void await_events(const struct events* count, int arrived, int left) {
+    const long end = milliseconds() + patience;
+    while ((count->arrived < arrived || count->left < left) && milliseconds() < end) {
+        struct timeval step = {.tv_sec = 0, .tv_usec = 10000};
+        libusb_handle_events_timeout_completed(NULL, &step, NULL);
+    }
+    expect("arrivals", count->arrived, arrived);
+    expect("departures", count->left, left);
+}
+
+static void hears_of_plugs(void) {
+    struct events count = {0, 0};
+    libusb_hotplug_callback_handle callback;
+    expect("hot-plug", libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG) != 0, 1);
+    expect("register",
+           libusb_hotplug_register_callback(
+               NULL, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, 0, maker,
+               LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY, count_event, &count, &callback),
+           0);
+    tell("unplug 1");
+    await_events(&count, 0, 1);
+    tell("plug 1");
+    await_events(&count, 1, 1);
+    char answer[64];
+    ask("plug id=CAFE,product=3", answer, sizeof answer);
+    expect_text("new reader", answer, "ok 3");
+    await_events(&count, 2, 1);
+    ask("plug id=BEEF,vendor=0x1D6B", answer, sizeof answer);
+    expect_text("device of another maker", answer, "ok 4");
+    await_list_size(4);
+    expect("no arrival of another maker's", count.arrived, 2);
+    tell("unplug all");
+    await_events(&count, 2, 4);
+    libusb_hotplug_deregister_callback(NULL, callback);
+}
+
+static void finds_interface_busy(void) {
+    libusb_device_handle* handle = open_claimed(bulk_product);
+    libusb_device_handle* other = open_product(bulk_product);
+    expect("claimed by another handle", libusb_claim_interface(other, 0), LIBUSB_ERROR_BUSY);
+    expect("interface that is not there", libusb_claim_interface(other, 5), LIBUSB_ERROR_NOT_FOUND);
+    libusb_close(handle);
+    expect("claim after close", libusb_claim_interface(other, 0), 0);
+    expect("release", libusb_release_interface(other, 0), 0);
+    tell("busy 1 on");
+    expect("busy", libusb_claim_interface(other, 0), LIBUSB_ERROR_BUSY);
+    tell("busy 1 off");
+    expect("free", libusb_claim_interface(other, 0), 0);
+    libusb_close(other);
+    expect("opens", counted(1, "opens"), 2);
+    expect("closes", counted(1, "closes"), 2);
+}
+
+// Closing without a release frees the interface, and has done so when it returns, however soon one looks.
+static void frees_interface_at_close(void) {
+    enum { rounds = 300 };
+    libusb_device_handle* looking = open_product(bulk_product);
+    for (int i = 0; i < rounds; ++i) {
+        libusb_device_handle* closing = open_claimed(bulk_product);
+        libusb_close(closing);
+        expect("claim after close", libusb_claim_interface(looking, 0), 0);
+        expect("release", libusb_release_interface(looking, 0), 0);
+    }
+    libusb_close(looking);
+}
+
+static void has_kernel_driver(void) {
+    libusb_device_handle* handle = open_product(bulk_product);
+    expect("no driver", libusb_detach_kernel_driver(handle, 0), LIBUSB_ERROR_NOT_FOUND);
+    tell("driver 1 usbhid");
+    expect("active", libusb_kernel_driver_active(handle, 0), 1);
+    expect("claim with driver", libusb_claim_interface(handle, 0), LIBUSB_ERROR_BUSY);
+    expect("configuration with driver", libusb_set_configuration(handle, 1), LIBUSB_ERROR_BUSY);
+    expect("detach", libusb_detach_kernel_driver(handle, 0), 0);
+    expect("not active", libusb_kernel_driver_active(handle, 0), 0);
+    expect("claim", libusb_claim_interface(handle, 0), 0);
+    expect("configuration while claimed", libusb_set_configuration(handle, 1), LIBUSB_ERROR_BUSY);
+    expect("release", libusb_release_interface(handle, 0), 0);
+    expect("attach", libusb_attach_kernel_driver(handle, 0), 0);
+    expect("active again", libusb_kernel_driver_active(handle, 0), 1);
+    libusb_close(handle);
+}
+
+// Reader 1 is given as configuration=2+1.
+static void is_configured(void) {
+    libusb_device_handle* handle = open_product(bulk_product);
+    int value = -1;
+    expect("get configuration", libusb_get_configuration(handle, &value), 0);
+    expect("first one's value", value, 2);
+    expect("set configuration", libusb_set_configuration(handle, 1), 0);
+    expect("get configuration", libusb_get_configuration(handle, &value), 0);
+    expect("value", value, 1);
+    expect("one that is not there", libusb_set_configuration(handle, 7), LIBUSB_ERROR_NOT_FOUND);
+    tell("fail-configuration 1 on");
+    expect("refused", libusb_set_configuration(handle, 2), LIBUSB_ERROR_OTHER);
+    expect("claim", libusb_claim_interface(handle, 0), 0);
+    expect_bulk_echo(handle, 5, 64);
+    libusb_close(handle);
+}
+
+static void is_reset(void) {
+    libusb_device_handle* handle = open_claimed(bulk_product);
+    unsigned char data[64] = "frame";
+    int moved;
+    expect("out", bulk(handle, bulk_out, data, 5, &moved, patience), 0);
+    tell("stall 1 out");
+    expect("reset", libusb_reset_device(handle), 0);
+    expect("the answer is forgotten", bulk(handle, bulk_in, data, sizeof data, &moved, moment),
+           LIBUSB_ERROR_TIMEOUT);
+    expect_bulk_echo(handle, 5, 64);
+    tell("fail-reset 1 on");
+    expect("failing reset", libusb_reset_device(handle), LIBUSB_ERROR_OTHER);
+    expect("resets", counted(1, "resets"), 2);
+    libusb_close(handle);
+}
+
+static int open_first(libusb_device_handle** handle) {
+    libusb_device** list;
+    const ssize_t count = libusb_get_device_list(NULL, &list);
+    const int result = count > 0 ? libusb_open(list[0], handle) : LIBUSB_ERROR_NOT_FOUND;
+    libusb_free_device_list(list, 1);
+    return result;
+}
+
+// More often than umockdev has room for open nodes, so that a failed one that stayed there would show. One
+// reader.
+static void is_refused(void) {
+    libusb_device_handle* handle = NULL;
+    tell("refuse 1 EACCES");
+    for (int i = 0; i < 100; ++i)
+        expect("EACCES", open_first(&handle), LIBUSB_ERROR_ACCESS);
+    tell("refuse 1 EPERM");
+    expect("EPERM", open_first(&handle), LIBUSB_ERROR_IO);
+    tell("refuse 1 ENODEV");
+    expect("ENODEV", open_first(&handle), LIBUSB_ERROR_IO);
+    tell("replug 1");
+    pause_for(moment);
+    expect("after another plug", open_first(&handle), LIBUSB_ERROR_IO);
+    // libusb takes a device whose node has gone for unplugged and forgets it.
+    tell("refuse 1 ENOENT");
+    expect("ENOENT", open_first(&handle), LIBUSB_ERROR_NO_DEVICE);
+    await_list_size(0);
+    tell("replug 1");
+    await_list_size(1);
+    tell("refuse 1 off");
+    expect("opens by then", counted(1, "opens"), 0);
+    expect("let in", open_first(&handle), 0);
+    libusb_close(handle);
+    for (int i = 0; i < 100; ++i)
+        open("/dev/bus/usb/001/099", O_RDWR);
+    expect("open after many failures", open_first(&handle), 0);
+    libusb_close(handle);
+}
+
+// A child by fork and exec uses the other reader while this process keeps its own, and its end leaves that
+// open.
+static void child_uses_the_bus_too(void) {
+    libusb_device_handle* handle = open_claimed(bulk_product);
+    const pid_t child = fork();
+    if (child == 0) {
+        execl("/proc/self/exe", "bare_libusb", "echoes_over_control", (char*)NULL);
+        _exit(99);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    expect("child's status", status, 0);
+    expect_bulk_echo(handle, 5, 64);
+    struct events count = {0, 0};
+    libusb_hotplug_callback_handle callback;
+    libusb_hotplug_register_callback(NULL, LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, 0, maker,
+                                     LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY, count_event, &count,
+                                     &callback);
+    tell("unplug 2");
+    await_events(&count, 0, 1);
+    libusb_close(handle);
+}
+
+// Two processes hear of one unplugging. The second is this program again, waiting for a departure.
+static void waits_for_a_departure(void) {
+    struct events count = {0, 0};
+    libusb_hotplug_callback_handle callback;
+    libusb_hotplug_register_callback(NULL, LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, 0, maker,
+                                     LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY, count_event, &count,
+                                     &callback);
+    const ssize_t written = write(STDOUT_FILENO, "ready\n", 6);
+    expect("said that it is ready", written, 6);
+    await_events(&count, 0, 1);
+}
+
+static void two_processes_hear_of_plugs(void) {
+    int ends[2];
+    expect("pipe", pipe(ends), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(ends[1], STDOUT_FILENO);
+        execl("/proc/self/exe", "bare_libusb", "waits_for_a_departure", (char*)NULL);
+        _exit(99);
+    }
+    char ready[6];
+    expect("child is ready", read(ends[0], ready, sizeof ready), sizeof ready);
+    struct events count = {0, 0};
+    libusb_hotplug_callback_handle callback;
+    libusb_hotplug_register_callback(NULL, LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, 0, maker,
+                                     LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY, count_event, &count,
+                                     &callback);
+    tell("unplug 1");
+    await_events(&count, 0, 1);
+    int status = -1;
+    waitpid(child, &status, 0);
+    expect("child's status", status, 0);
+}
+
+static void opens_many_readers(void) {
+    enum { readers = 32 };
+    libusb_device** list;
+    libusb_device_handle* handles[readers];
+    expect("devices", libusb_get_device_list(NULL, &list), readers);
+    for (int i = 0; i < readers; ++i) {
+        expect("open", libusb_open(list[i], &handles[i]), 0);
+        expect("claim", libusb_claim_interface(handles[i], 0), 0);
+    }
+    libusb_free_device_list(list, 1);
+    for (int i = 0; i < readers; ++i)
+        expect_bulk_echo(handles[i], i + 1, 64);
+    for (int i = 0; i < readers; ++i)
+        libusb_close(handles[i]);
+}
+
+static void* open_and_close(void* product) {
+    unsigned char text[64];
+    for (int i = 0; i < 50; ++i) {
+        libusb_device_handle* handle = open_product(*(const int*)product);
+        if (handle != NULL) {
+            if (libusb_get_string_descriptor_ascii(handle, 1, text, sizeof text) != 6)
+                return product;
+            libusb_close(handle);
+        }
+    }
+    return NULL;
+}
+
+static void opens_from_two_threads(void) {
+    static int products[] = {bulk_product, control_product};
+    pthread_t threads[2];
+    for (int i = 0; i < 2; ++i)
+        pthread_create(&threads[i], NULL, open_and_close, &products[i]);
+    for (int i = 0; i < 2; ++i) {
+        void* failed = NULL;
+        pthread_join(threads[i], &failed);
+        expect("thread failed", failed != NULL, 0);
+    }
+}
+
+static const struct {
+    const char* name;
+    void (*run)(void);
+} cases[] = {
+    {"lists_both_readers", lists_both_readers},
+    {"reads_strings", reads_strings},
+    {"echoes_over_bulk", echoes_over_bulk},
+    {"echoes_over_control", echoes_over_control},
+    {"times_out", times_out},
+    {"stalls_until_halt_is_cleared", stalls_until_halt_is_cleared},
+    {"answers_late_short_or_too_much", answers_late_short_or_too_much},
+    {"unplugged_in_flight", unplugged_in_flight},
+    {"replugged_is_another_device", replugged_is_another_device},
+    {"hears_of_plugs", hears_of_plugs},
+    {"finds_interface_busy", finds_interface_busy},
+    {"frees_interface_at_close", frees_interface_at_close},
+    {"has_kernel_driver", has_kernel_driver},
+    {"is_configured", is_configured},
+    {"is_reset", is_reset},
+    {"is_refused", is_refused},
+    {"child_uses_the_bus_too", child_uses_the_bus_too},
+    {"waits_for_a_departure", waits_for_a_departure},
+    {"two_processes_hear_of_plugs", two_processes_hear_of_plugs},
+    {"opens_many_readers", opens_many_readers},
+    {"opens_from_two_threads", opens_from_two_threads},
+};
+
+int main(int count, char** arguments) {
+    for (size_t i = 0; count == 2 && i < sizeof cases / sizeof cases[0]; ++i) {
+        if (strcmp(cases[i].name, arguments[1]) != 0)
+            continue;
+        if (libusb_init(NULL) != 0)
+            return EXIT_FAILURE;
+        cases[i].run();
+        libusb_exit(NULL);
+        return failures == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    }
+    fprintf(stderr, "usage: bare_libusb CASE\n");
+    return EXIT_FAILURE;
+}

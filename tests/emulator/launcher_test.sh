@@ -1,0 +1,234 @@
+#!/bin/sh
+# Tests of the launcher itself: what it passes on, what it leaves behind, how it is interrupted.
+#
+#   launcher_test.sh LAUNCHER CASE
+set -u
+emulate=$1
+failed=0
+
+fail() {
+    echo "$*" >&2
+    failed=1
+}
+
+expect_equal() { # WHAT GOT WANTED
+    [ "$2" = "$3" ] || fail "$1: '$2' instead of '$3'"
+}
+
+expect_status() { # WANTED COMMAND...
+    wanted=$1
+    shift
+    "$@" >"$scratch/output" 2>&1
+    expect_equal "exit status of: $*" $? "$wanted"
+}
+
+expect_output() { # PATTERN, of the last expect_status
+    grep -q -e "$1" "$scratch/output" || fail "no '$1' in: $(cat "$scratch/output")"
+}
+
+await() { # COMMAND..., for at most 5 seconds
+    for _ in $(seq 250); do
+        "$@" && return
+        sleep 0.02
+    done
+    fail "never came true: $*"
+}
+
+process_gone() { ! kill -0 "$1" 2>/dev/null; }
+folder_gone() { [ ! -e "$1" ]; }
+
+# Starts a launcher whose program writes down its bus's folder and its own process ID; then waits for both.
+# Shells start background programs with SIGINT ignored, which would be passed on to the program.
+start_in_background() { # PROGRAM TEXT
+    rm -f "$scratch/folder"
+    env --default-signal=INT "$emulate" -- sh -c "echo \$\$ >'$scratch/program'; \
+        echo \$GVUSB_EMULATE_FOLDER >'$scratch/folder.new'; mv '$scratch/folder.new' '$scratch/folder'; $1" &
+    launcher=$!
+    await test -e "$scratch/folder"
+    folder=$(cat "$scratch/folder")
+    program=$(cat "$scratch/program")
+    [ -d "$folder" ] || fail "no folder '$folder'"
+}
+
+passes_on_exit_status() {
+    expect_status 0 "$emulate" -- true
+    expect_status 7 "$emulate" -- sh -c 'exit 7'
+    expect_status 139 "$emulate" -- sh -c 'kill -SEGV $$'
+    expect_status 137 "$emulate" -- sh -c 'kill -KILL $$'
+}
+
+reports_unusable_program() {
+    expect_status 127 "$emulate" -- no-such-program-anywhere
+    expect_output 'no-such-program-anywhere: No such file'
+    touch "$scratch/text"
+    expect_status 126 "$emulate" -- "$scratch/text"
+    expect_output 'text: Permission denied'
+}
+
+leaves_program_arguments_alone() {
+    expect_equal "after --" "$("$emulate" --no-readers -- echo --help -v -- x)" "--help -v -- x"
+    expect_equal "without --" "$("$emulate" --reader id=1 echo --reader '' ' a  b')" "--reader   a  b"
+}
+
+reports_mistakes() {
+    expect_status 2 "$emulate"
+    expect_output 'no program to run'
+    expect_status 2 "$emulate" --no-such-option -- true
+    expect_status 2 "$emulate" --reader colour=red -- true
+    expect_output "'colour' is not a key"
+    expect_status 2 "$emulate" --readers "$scratch/missing" -- true
+    expect_output 'missing: cannot be read'
+    printf '# readers\nid=1\n\nproduct=many\n' >"$scratch/readers"
+    expect_status 2 "$emulate" --readers "$scratch/readers" -- true
+    expect_output "readers:4: product is 'many'"
+    echo 'at 5 explode 1' >"$scratch/script"
+    expect_status 2 "$emulate" --script "$scratch/script" -- true
+    expect_output "script:1: 'explode' is not a command"
+    expect_status 2 "$emulate" --no-readers --reader id=1 -- true
+    expect_status 2 "$emulate" --config "$scratch/missing" -- true
+    expect_status 125 "$emulate" --reader address=5 --reader address=5 -- true
+    expect_output 'address 5 is taken'
+}
+
+helps() {
+    expect_status 0 "$emulate" --help
+    for word in --reader --script 'endpoints=' 'fail-string' 'EXIT STATUS' 'EXAMPLES'; do
+        expect_output "$word"
+    done
+    expect_status 0 "$emulate" --version
+    expect_output '^gvusb-emulate [0-9]'
+}
+
+leaves_nothing_behind() {
+    folder=$("$emulate" -- sh -c 'echo "$GVUSB_EMULATE_FOLDER"')
+    case $folder in
+    /tmp/gvusb-*) ;;
+    *) fail "folder is '$folder'" ;;
+    esac
+    folder_gone "$folder" || fail "left $folder"
+    # A child that outlives the program, and one whose parent has ended before.
+    children=$("$emulate" -- sh -c 'sleep 100 >/dev/null & echo $!; sh -c "sleep 100 >/dev/null & echo \$!"')
+    expect_equal "children" "$(echo "$children" | wc -l)" 2
+    for child in $children; do
+        process_gone "$child" || fail "left process $child"
+    done
+}
+
+ends_by_signal() {
+    for signal in TERM:143 INT:130 HUP:129; do
+        start_in_background 'exec sleep 100'
+        kill "-${signal%:*}" "$launcher"
+        wait "$launcher"
+        expect_equal "exit status by $signal" $? "${signal#*:}"
+        folder_gone "$folder" || fail "$signal left $folder"
+        process_gone "$program" || fail "$signal left process $program"
+    done
+}
+
+lets_program_end_in_its_own_way() {
+    start_in_background 'trap "exit 5" TERM; while :; do sleep 0.02; done'
+    kill -TERM "$launcher"
+    wait "$launcher"
+    expect_equal "exit status" $? 5
+}
+
+second_signal_kills() {
+    start_in_background 'trap "touch '"'$scratch/asked'"'" TERM; while :; do sleep 0.02; done'
+    kill -TERM "$launcher"
+    await test -e "$scratch/asked"
+    process_gone "$program" && fail "ended by the first signal"
+    kill -TERM "$launcher"
+    wait "$launcher"
+    expect_equal "exit status" $? 137
+    folder_gone "$folder" || fail "left $folder"
+    process_gone "$program" || fail "left process $program"
+}
+
+killed_launcher_is_cleaned_up_after() {
+    start_in_background 'exec sleep 100'
+    kill -KILL "$launcher"
+    wait "$launcher" 2>/dev/null
+    await process_gone "$program"
+    abandoned=$folder
+    "$emulate" -- true
+    [ -d "$abandoned" ] || fail "removed $abandoned, which might just be in the making"
+    start_in_background 'exec sleep 100'
+    touch -d '1 hour ago' "$abandoned" "$folder"
+    "$emulate" -- true
+    await folder_gone "$abandoned" # by this launcher or by another that ran meanwhile
+    [ -d "$folder" ] || fail "removed the folder of a living launcher"
+    kill -TERM "$launcher"
+    wait "$launcher"
+}
+
+keeps_environment() {
+    long=$scratch/$(printf '%080d' 0)
+    mkdir "$long"
+    expect_equal TMPDIR "$(TMPDIR=$long "$emulate" -- sh -c 'echo "$TMPDIR"')" "$long"
+    expect_equal "files in TMPDIR" "$(ls "$long")" ""
+    expect_equal "no TMPDIR" "$(env -u TMPDIR "$emulate" -- sh -c 'echo "${TMPDIR-none}"')" none
+    preloads=$(LD_PRELOAD=libdl.so.2 "$emulate" -- sh -c 'echo "$LD_PRELOAD"')
+    case $preloads in
+    libdl.so.2:*libgvusb-emulate-preload.so:libumockdev-preload.so.0) ;;
+    *) fail "LD_PRELOAD is '$preloads'" ;;
+    esac
+}
+
+maps_configuration_file() {
+    echo 'gvusb_hotplug=1' >"$scratch/gvusb.conf"
+    expect_equal "relative" "$(cd "$scratch" && "$emulate" --config gvusb.conf -- cat /etc/gavo/gvusb.conf)" \
+        'gvusb_hotplug=1'
+    expect_status 1 "$emulate" --no-config -- cat /etc/gavo/gvusb.conf
+}
+
+sends_commands() {
+    expect_status 1 env -u GVUSB_EMULATE_SOCKET "$emulate" --send list
+    expect_output 'GVUSB_EMULATE_SOCKET is not set'
+    expect_status 0 "$emulate" --reader id=CAFE -- "$emulate" --send list
+    expect_output '^ok 1 [0-9a-f]*:0001 001/001 CAFE$'
+    expect_status 1 "$emulate" -- "$emulate" --send 'unplug 3'
+    expect_output '^error: reader is .3.; it takes a number from 1 to 2$'
+    expect_status 1 "$emulate" -- "$emulate" --send 'stall 1'
+    expect_output '^error: usage: stall READER PIPE'
+    expect_status 1 "$emulate" -- "$emulate" --send 'stall 2 0x81'
+    expect_output '^error: the reader has no end point 0x81$'
+    expect_status 0 "$emulate" -- sh -c "'$emulate' --send 'unplug 1' && ! '$emulate' --send 'unplug 1' &&
+        '$emulate' --send 'plug 1' && '$emulate' --send list"
+    expect_output '^ok 1 [0-9a-f]*:0001 001/003 1A2B3C; 2 [0-9a-f]*:0002 001/002 1A2B3D$'
+    start=$(date +%s%N)
+    expect_status 0 "$emulate" -- "$emulate" --send 'wait 300'
+    [ $(($(date +%s%N) - start)) -ge 300000000 ] || fail "did not wait"
+}
+
+runs_script() {
+    printf '# away and back\nat 0 unplug 1\nat 300 plug 1\n at 300 unplug 9\n' >"$scratch/script"
+    expect_status 0 "$emulate" --script "$scratch/script" -- sh -c "sleep 0.1; '$emulate' --send list;
+        '$emulate' --send 'wait 400'; '$emulate' --send list"
+    expect_output '^ok 1 [0-9a-f:]* unplugged 1A2B3C; 2 .*$'
+    expect_output '^ok 1 [0-9a-f:]* 001/003 1A2B3C; 2 .*$'
+    expect_output 'script line 4: error: reader is'
+}
+
+runs_beside_another() {
+    for name in AAAA BBBB; do
+        (
+            for _ in 1 2 3 4 5; do
+                "$emulate" --reader "id=$name" -- "$emulate" --send list || echo failed
+            done >"$scratch/$name"
+        ) &
+    done
+    wait
+    for name in AAAA BBBB; do
+        expect_equal "answers of $name" "$(grep -c "^ok 1 .* $name\$" "$scratch/$name")" 5
+    done
+}
+
+runs_inside_another() {
+    expect_equal "inner bus" "$("$emulate" -- "$emulate" --reader id=CAFE -- "$emulate" --send list | cut -d' ' -f5-)" \
+        CAFE
+}
+
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+"$2"
+exit $failed

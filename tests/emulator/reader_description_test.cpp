@@ -1,0 +1,138 @@
+#include "reader_description.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace emulator {
+namespace {
+
+ReaderDescription one(std::string_view line) {
+    const std::vector<ReaderDescription> readers = parseReaders(line);
+    EXPECT_EQ(readers.size(), 1U);
+    return readers.front();
+}
+
+std::string complaint(std::string_view line) {
+    try {
+        parseReaders(line);
+    } catch (const TextError& error) {
+        return error.what();
+    }
+    return "none";
+}
+
+TEST(ReaderDescriptionTest, DescribesABulkReaderUnlessTold) {
+    const ReaderDescription reader = one("");
+    EXPECT_EQ(reader.vendor, GVUSB_VENDOR_ID);
+    EXPECT_EQ(reader.product, 1);
+    ASSERT_EQ(reader.endpoints.size(), 2U);
+    EXPECT_EQ(reader.endpoints[0].address, 0x81);
+    EXPECT_EQ(reader.endpoints[1].address, 0x02);
+    EXPECT_EQ(reader.configurations, std::vector<std::uint8_t>{1});
+    EXPECT_TRUE(reader.plugged);
+}
+
+TEST(ReaderDescriptionTest, TakesEveryKey) {
+    const ReaderDescription reader = one(
+        "id=xyz,family=F,name=A\\,B,interface=TESK RCI2,type=7,string20=more,product=0x2,vendor=0x1234,"
+        "release=0x0203,endpoints=control,configuration=2+1,interfaces=3,first-interface=1,speed=high,bus=4,"
+        "address=9,driver=usbhid,reply=none,plugged=no");
+    EXPECT_EQ(reader.strings.at(1), "xyz");
+    EXPECT_EQ(reader.strings.at(3), "F");
+    EXPECT_EQ(reader.strings.at(5), "A,B");
+    EXPECT_EQ(reader.strings.at(6), "TESK RCI2");
+    EXPECT_EQ(reader.strings.at(10), "7");
+    EXPECT_EQ(reader.strings.at(20), "more");
+    EXPECT_EQ(reader.product, 2);
+    EXPECT_EQ(reader.vendor, 0x1234);
+    EXPECT_EQ(reader.release, 0x0203);
+    EXPECT_TRUE(reader.endpoints.empty());
+    EXPECT_EQ(reader.configurations, (std::vector<std::uint8_t>{2, 1}));
+    EXPECT_EQ(reader.interfaces, 3);
+    EXPECT_EQ(reader.firstInterface, 1);
+    EXPECT_EQ(reader.speed, Speed::high);
+    EXPECT_EQ(reader.bus, 4);
+    EXPECT_EQ(reader.address, 9);
+    EXPECT_EQ(reader.kernelDriver, "usbhid");
+    EXPECT_EQ(reader.reply.text(), "none");
+    EXPECT_FALSE(reader.plugged);
+}
+
+TEST(ReaderDescriptionTest, LeavesStringsOut) {
+    const ReaderDescription reader = one("missing=3+10");
+    EXPECT_FALSE(reader.strings.contains(3));
+    EXPECT_FALSE(reader.strings.contains(10));
+    EXPECT_TRUE(reader.strings.contains(1));
+}
+
+TEST(ReaderDescriptionTest, TakesEndpointsByNameAndAsAList) {
+    EXPECT_EQ(one("endpoints=in-only").endpoints.at(0).address, 0x81);
+    EXPECT_EQ(one("endpoints=out-only").endpoints.at(0).address, 0x02);
+    EXPECT_EQ(one("endpoints=interrupt").endpoints.at(0).type, TransferType::interrupt);
+    const std::vector<Endpoint> list = one("endpoints=0x81+0x02:bulk:32+0x83:interrupt+0x84:iso").endpoints;
+    ASSERT_EQ(list.size(), 4U);
+    EXPECT_EQ(list[0].type, TransferType::bulk);
+    EXPECT_EQ(list[1].packetSize, 32);
+    EXPECT_EQ(list[2].type, TransferType::interrupt);
+    EXPECT_EQ(list[3].type, TransferType::isochronous);
+}
+
+TEST(ReaderDescriptionTest, MayHaveNoConfiguration) {
+    EXPECT_TRUE(one("configuration=none").configurations.empty());
+}
+
+TEST(ReaderDescriptionTest, CountsDeviceIdsOfCopiesUp) {
+    const std::vector<ReaderDescription> readers = parseReaders("id=9F,copies=3");
+    ASSERT_EQ(readers.size(), 3U);
+    EXPECT_EQ(readers[0].strings.at(1), "9F");
+    EXPECT_EQ(readers[1].strings.at(1), "A0");
+    EXPECT_EQ(readers[2].strings.at(1), "A1");
+}
+
+TEST(ReaderDescriptionTest, SaysWhatIsWrong) {
+    EXPECT_EQ(complaint("colour=red"), "'colour' is not a key of a reader");
+    EXPECT_EQ(complaint("product"), "'product' is not KEY=VALUE");
+    EXPECT_EQ(complaint("product=70000"), "product is '70000'; it takes a number from 0 to 65535");
+    EXPECT_EQ(complaint("speed=warp"), "speed is 'warp'; it takes low, full or high");
+    EXPECT_EQ(complaint("configuration=1+1"), "configuration has the value 1 twice");
+    EXPECT_EQ(complaint("endpoints=0x80"),
+              "end point address is '0x80'; it takes 0x01 to 0x0F or 0x81 to 0x8F");
+    EXPECT_EQ(complaint("endpoints=0x81+0x81"), "endpoints has 0x81 twice");
+    EXPECT_EQ(complaint("endpoints=0x81:warp"), "end point type is 'warp'; it takes bulk, interrupt or iso");
+    EXPECT_EQ(complaint("name=" + std::string(127, 'x')), "string 5 has more than 126 characters");
+    EXPECT_EQ(complaint("name=" + std::string(126, 'x')), "none");
+    EXPECT_EQ(complaint("id=xyz,copies=2"),
+              "id of several copies is '0xxyz'; it takes a number from 0 to 4294967295");
+    EXPECT_EQ(complaint("address=1,copies=2"),
+              "copies and address do not go together: two readers cannot have one address");
+}
+
+TEST(ReaderDescriptionTest, ReadsAFileAndNamesTheLine) {
+    const std::filesystem::path file = std::filesystem::path(testing::TempDir()) / "gvusb-readers-test";
+    std::ofstream(file) << "# two readers\n\nid=1\n  id=2,product=2  \n";
+    EXPECT_EQ(readReaders(file).size(), 2U);
+    std::ofstream(file) << "id=1\nid=2,\nbus=0\n";
+    try {
+        readReaders(file);
+        ADD_FAILURE();
+    } catch (const TextError& error) {
+        EXPECT_EQ(error.what(), file.string() + ":3: bus is '0'; it takes a number from 1 to 255");
+    }
+    std::filesystem::remove(file);
+    EXPECT_THROW(readReaders(file), TextError);
+}
+
+TEST(ReaderDescriptionTest, OffersTwoReadersByDefault) {
+    const std::vector<ReaderDescription> readers = defaultReaders();
+    ASSERT_EQ(readers.size(), 2U);
+    EXPECT_EQ(readers[0].product, 1);
+    EXPECT_EQ(readers[0].endpoints.size(), 2U);
+    EXPECT_EQ(readers[1].product, 2);
+    EXPECT_TRUE(readers[1].endpoints.empty());
+    EXPECT_NE(readers[0].strings.at(1), readers[1].strings.at(1));
+}
+
+} // namespace
+} // namespace emulator

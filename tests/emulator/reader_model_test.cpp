@@ -1,0 +1,314 @@
+#include "reader_model.h"
+
+#include <gtest/gtest.h>
+
+namespace emulator {
+namespace {
+
+using namespace std::chrono_literals;
+
+class ReaderModelTest : public testing::Test {
+protected:
+    TransferId out(Bytes data, std::uint8_t endpoint = 0x02) {
+        return reader.submit({.endpoint = endpoint, .data = std::move(data)}, now);
+    }
+    TransferId in(std::size_t capacity = 64, std::uint8_t endpoint = 0x81) {
+        return reader.submit({.endpoint = endpoint, .capacity = capacity}, now);
+    }
+    TransferId frameOut(Bytes data) {
+        const auto length = static_cast<std::uint16_t>(data.size());
+        return reader.submit({.endpoint = 0, .setup = {0x40, 0, 0, 0, length}, .data = std::move(data)}, now);
+    }
+    TransferId frameIn(std::uint16_t length = 64) {
+        return reader.submit({.endpoint = 0, .setup = {0xC0, 0, 0, 0, length}, .capacity = length}, now);
+    }
+    void expectCompletion(TransferId id, Outcome outcome, const Bytes& data = {}) {
+        const auto completion = reader.takeCompletion();
+        ASSERT_TRUE(completion.has_value());
+        EXPECT_EQ(completion->id, id);
+        EXPECT_EQ(completion->outcome, outcome);
+        EXPECT_EQ(completion->data, data);
+    }
+    void expectNothing() { EXPECT_FALSE(reader.takeCompletion().has_value()); }
+    void take() { ASSERT_TRUE(reader.takeCompletion().has_value()); }
+    void fault(std::string_view pipe, const PipeFaults& faults) {
+        for (const Pipe each : reader.pipesNamed(pipe))
+            reader.setPipeFaults(each, faults, now);
+    }
+    static ReaderModel described(std::string_view line) { return ReaderModel(parseReaders(line).front()); }
+
+    Time now{1h};
+    ReaderModel reader = described("");
+};
+
+TEST_F(ReaderModelTest, AnswersAFrameOverBulk) {
+    const TransferId sent = out({1, 2, 3});
+    expectCompletion(sent, Outcome::done);
+    const TransferId received = in();
+    expectCompletion(received, Outcome::done, {1, 2, 3});
+    expectNothing();
+}
+
+TEST_F(ReaderModelTest, AnswersAFrameOverControl) {
+    expectCompletion(frameOut({1, 2, 3}), Outcome::done);
+    expectCompletion(frameIn(2), Outcome::done, {1, 2});
+    const TransferId waiting = frameIn();
+    expectNothing();
+    ASSERT_TRUE(reader.cancel(waiting, now));
+    expectCompletion(waiting, Outcome::cancelled);
+}
+
+TEST_F(ReaderModelTest, KeepsBulkAndControlAnswersApart) {
+    frameOut({1});
+    out({2});
+    take();
+    take();
+    expectCompletion(in(), Outcome::done, {2});
+    expectCompletion(frameIn(), Outcome::done, {1});
+}
+
+TEST_F(ReaderModelTest, InWaitsForAFrame) {
+    const TransferId waiting = in();
+    expectNothing();
+    EXPECT_FALSE(reader.nextDeadline().has_value());
+    const TransferId sent = out({9});
+    expectCompletion(sent, Outcome::done);
+    expectCompletion(waiting, Outcome::done, {9});
+}
+
+TEST_F(ReaderModelTest, AnswersInOrder) {
+    out({1});
+    out({2});
+    take();
+    take();
+    expectCompletion(in(), Outcome::done, {1});
+    expectCompletion(in(), Outcome::done, {2});
+}
+
+TEST_F(ReaderModelTest, CancelsOnlyWhatWaits) {
+    const TransferId waiting = in();
+    EXPECT_TRUE(reader.cancel(waiting, now));
+    expectCompletion(waiting, Outcome::cancelled);
+    EXPECT_FALSE(reader.cancel(waiting, now));
+    const TransferId sent = out({1});
+    EXPECT_FALSE(reader.cancel(sent, now));
+}
+
+TEST_F(ReaderModelTest, CancellingTheFirstLetsTheNextGo) {
+    const TransferId first = in();
+    const TransferId second = in();
+    reader.cancel(first, now);
+    out({7});
+    expectCompletion(first, Outcome::cancelled);
+    take();
+    expectCompletion(second, Outcome::done, {7});
+}
+
+TEST_F(ReaderModelTest, SplitsAnAnswerAtWholePackets) {
+    Bytes frame(100);
+    for (std::size_t i = 0; i < frame.size(); ++i)
+        frame[i] = static_cast<std::uint8_t>(i);
+    out(frame);
+    take();
+    expectCompletion(in(64), Outcome::done, Bytes(frame.begin(), frame.begin() + 64));
+    expectCompletion(in(64), Outcome::done, Bytes(frame.begin() + 64, frame.end()));
+}
+
+TEST_F(ReaderModelTest, OverflowLosesTheRestOfThePacketOnly) {
+    Bytes frame(100, 5);
+    out(frame);
+    take();
+    expectCompletion(in(10), Outcome::overflow, Bytes(10, 5));
+    expectCompletion(in(64), Outcome::done, Bytes(36, 5));
+}
+
+TEST_F(ReaderModelTest, EndOfAnAnswerEndsTheTransferAlsoAtAWholePacket) {
+    out(Bytes(64, 1));
+    take();
+    expectCompletion(in(1000), Outcome::done, Bytes(64, 1));
+    const TransferId waiting = in();
+    expectNothing();
+    EXPECT_TRUE(reader.cancel(waiting, now));
+}
+
+TEST_F(ReaderModelTest, EmptyFrameIsAFrame) {
+    out({});
+    take();
+    EXPECT_EQ(reader.frameCount(), 1U);
+    expectCompletion(in(), Outcome::done, {});
+}
+
+TEST_F(ReaderModelTest, StallHoldsUntilTheHaltIsCleared) {
+    fault("out", {.stalled = true});
+    expectCompletion(out({1}), Outcome::stalled);
+    expectCompletion(out({1}), Outcome::stalled);
+    EXPECT_EQ(reader.frameCount(), 0U);
+    reader.clearHalt(0x02, now);
+    expectCompletion(out({1}), Outcome::done);
+}
+
+TEST_F(ReaderModelTest, StallEndsWhatWaits) {
+    const TransferId waiting = in();
+    fault("in", {.stalled = true});
+    expectCompletion(waiting, Outcome::stalled);
+}
+
+TEST_F(ReaderModelTest, StuckStallOutlivesClearingTheHalt) {
+    fault("0x81", {.stalled = true, .stuck = true});
+    reader.clearHalt(0x81, now);
+    expectCompletion(in(), Outcome::stalled);
+    fault("0x81", {});
+    in();
+    expectNothing();
+}
+
+TEST_F(ReaderModelTest, MuteOutTakesNoFrameUntilUnmuted) {
+    fault("out", {.mute = true});
+    const TransferId waiting = out({1});
+    expectNothing();
+    fault("out", {});
+    expectCompletion(waiting, Outcome::done);
+    EXPECT_EQ(reader.frameCount(), 1U);
+}
+
+TEST_F(ReaderModelTest, WhatIsAskedOfAMuteReaderIsNeverAnswered) {
+    fault("in", {.mute = true});
+    expectCompletion(out({1}), Outcome::done);
+    EXPECT_EQ(reader.frameCount(), 1U);
+    const TransferId waiting = in();
+    expectNothing();
+    fault("in", {});
+    expectNothing();
+    out({2});
+    take();
+    expectCompletion(waiting, Outcome::done, {2});
+}
+
+TEST_F(ReaderModelTest, MuteInOfAControlReaderLeavesItsStringsReadable) {
+    reader = described("endpoints=none");
+    fault("in", {.mute = true});
+    frameOut({1});
+    take();
+    const TransferId string =
+        reader.submit({.endpoint = 0, .setup = {0x80, 6, 0x0300, 0, 255}, .capacity = 255}, now);
+    expectCompletion(string, Outcome::done, {4, 3, 9, 4});
+    frameIn();
+    expectNothing();
+}
+
+TEST_F(ReaderModelTest, DelayCountsFromWhenTheTransferCouldComplete) {
+    fault("in", {.delay = 50ms});
+    const TransferId waiting = in();
+    EXPECT_FALSE(reader.nextDeadline().has_value());
+    now += 10ms;
+    out({1});
+    take();
+    EXPECT_EQ(reader.nextDeadline(), now + 50ms);
+    now += 49ms;
+    reader.advance(now);
+    expectNothing();
+    now += 1ms;
+    reader.advance(now);
+    expectCompletion(waiting, Outcome::done, {1});
+    EXPECT_FALSE(reader.nextDeadline().has_value());
+}
+
+TEST_F(ReaderModelTest, DelayedOutThatIsDueAnswersWhatWaits) {
+    fault("out", {.delay = 5ms});
+    const TransferId waiting = in();
+    const TransferId sent = out({1});
+    expectNothing();
+    now += 5ms;
+    reader.advance(now);
+    expectCompletion(sent, Outcome::done);
+    expectCompletion(waiting, Outcome::done, {1});
+}
+
+TEST_F(ReaderModelTest, ShortMovesAtMostThatManyBytes) {
+    fault("out", {.shortTo = 2});
+    out({1, 2, 3});
+    EXPECT_EQ(reader.takeCompletion()->actual, 2U);
+    EXPECT_EQ(reader.lastFrame().data, (Bytes{1, 2}));
+    fault("in", {.shortTo = 1});
+    expectCompletion(in(), Outcome::done, {1});
+}
+
+TEST_F(ReaderModelTest, UnpluggingEndsWhatWaits) {
+    const TransferId bulk = in();
+    const TransferId control = frameIn();
+    reader.unplug();
+    expectCompletion(control, Outcome::gone);
+    expectCompletion(bulk, Outcome::gone);
+}
+
+TEST_F(ReaderModelTest, PowerMakesItAsNew) {
+    reader = described("configuration=2+1");
+    reader.configure(1, now);
+    out({1});
+    fault("in", {.mute = true, .stalled = true});
+    reader.power(now);
+    take();
+    EXPECT_EQ(reader.configuration(), 2);
+    EXPECT_FALSE(reader.pipeFaults(pipeOf(0x81)).stalled);
+    EXPECT_TRUE(reader.pipeFaults(pipeOf(0x81)).mute) << "what was asked for stays";
+    fault("in", {});
+    in();
+    expectNothing();
+}
+
+TEST_F(ReaderModelTest, ResetKeepsConfigurationAndControlTransfers) {
+    reader = described("configuration=2+1");
+    reader.configure(1, now);
+    const TransferId bulk = in();
+    frameIn();
+    reader.reset(now);
+    EXPECT_EQ(reader.configuration(), 1);
+    expectCompletion(bulk, Outcome::gone);
+    expectNothing();
+}
+
+TEST_F(ReaderModelTest, ConfiguresOnlyWhatItHas) {
+    EXPECT_TRUE(reader.configure(1, now));
+    EXPECT_FALSE(reader.configure(2, now));
+    EXPECT_EQ(reader.configuration(), 1);
+    EXPECT_TRUE(reader.hasEndpoint(0x81));
+    EXPECT_TRUE(reader.configure(0, now));
+    EXPECT_FALSE(reader.hasEndpoint(0x81));
+    EXPECT_TRUE(reader.hasEndpoint(0));
+    reader.requestFaults().refusesConfiguration = true;
+    EXPECT_FALSE(reader.configure(1, now));
+}
+
+TEST_F(ReaderModelTest, ReaderWithoutConfigurationHasNoEndpoints) {
+    reader = described("configuration=none");
+    EXPECT_EQ(reader.configuration(), 0);
+    EXPECT_FALSE(reader.hasEndpoint(0x81));
+}
+
+TEST_F(ReaderModelTest, InterruptEndpointStaysSilent) {
+    reader = described("endpoints=0x83:interrupt");
+    const TransferId waiting = in(8, 0x83);
+    expectNothing();
+    EXPECT_TRUE(reader.cancel(waiting, now));
+}
+
+TEST_F(ReaderModelTest, NamesPipes) {
+    EXPECT_EQ(reader.pipesNamed("in"), (std::vector<Pipe>{pipeOf(0x81), Pipe::controlFrameIn}));
+    EXPECT_EQ(reader.pipesNamed("out"), (std::vector<Pipe>{pipeOf(0x02), Pipe::controlFrameOut}));
+    EXPECT_EQ(reader.pipesNamed("control"), std::vector<Pipe>{Pipe::control});
+    EXPECT_EQ(reader.pipesNamed("all"), (std::vector<Pipe>{pipeOf(0x81), pipeOf(0x02), Pipe::control}));
+    EXPECT_EQ(reader.pipesNamed("0x81"), std::vector<Pipe>{pipeOf(0x81)});
+    EXPECT_THROW(reader.pipesNamed("0x83"), TextError);
+    EXPECT_THROW(reader.pipesNamed("sideways"), TextError);
+}
+
+TEST_F(ReaderModelTest, RemembersTheLastFrameAndItsWay) {
+    out({1});
+    frameOut({2, 3});
+    EXPECT_EQ(reader.frameCount(), 2U);
+    EXPECT_EQ(reader.lastFrame().endpoint, 0);
+    EXPECT_EQ(reader.lastFrame().data, (Bytes{2, 3}));
+}
+
+} // namespace
+} // namespace emulator
