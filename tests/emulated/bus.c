@@ -1,0 +1,188 @@
+#include "bus.h"
+
+#include <pthread.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+/* The longest answer tells a frame in hexadecimal. */
+enum { longest_command = 512, longest_answer = 2 * longest_frame + 64 };
+
+static pthread_mutex_t channel_lock = PTHREAD_MUTEX_INITIALIZER;
+static int channel = -1;
+
+_Noreturn static void give_up(const char* command, const char* why) {
+    fflush(stdout);
+    fprintf(stderr, "bus(\"%s\"): %s\n", command, why);
+    abort();
+}
+
+static int connected_channel(const char* command) {
+    if (channel >= 0) {
+        return channel;
+    }
+    const char* path = getenv("GVUSB_EMULATE_SOCKET");
+    struct sockaddr_un address = {.sun_family = AF_UNIX};
+    if (path == NULL || strlen(path) >= sizeof address.sun_path) {
+        give_up(command, "this program was not started by gvusb-emulate");
+    }
+    strcpy(address.sun_path, path);
+    channel = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (channel < 0 || connect(channel, (const struct sockaddr*)&address, sizeof address) != 0) {
+        give_up(command, "the bus does not listen");
+    }
+    return channel;
+}
+
+static void exchange_line(const char* command, char* answer) {
+    char line[longest_command + 1];
+    size_t length = (size_t)snprintf(line, sizeof line, "%s\n", command);
+    pthread_mutex_lock(&channel_lock);
+    int descriptor = connected_channel(command);
+    if (send(descriptor, line, length, MSG_NOSIGNAL) != (ssize_t)length) {
+        give_up(command, "the bus has gone");
+    }
+    size_t received = 0;
+    do {
+        ssize_t count = recv(descriptor, answer + received, longest_answer - 1 - received, 0);
+        if (count <= 0) {
+            give_up(command, "no answer");
+        }
+        received += (size_t)count;
+    } while (answer[received - 1] != '\n');
+    pthread_mutex_unlock(&channel_lock);
+    answer[received - 1] = '\0';
+}
+
+const char* bus(const char* format, ...) {
+    static _Thread_local char answer[longest_answer];
+    char command[longest_command];
+    va_list arguments;
+    va_start(arguments, format);
+    int length = vsnprintf(command, sizeof command, format, arguments);
+    va_end(arguments);
+    if (length < 0 || length >= longest_command) {
+        give_up(format, "too long");
+    }
+    exchange_line(command, answer);
+    if (strcmp(answer, "ok") == 0) {
+        return "";
+    }
+    if (strncmp(answer, "ok ", 3) != 0) {
+        give_up(command, answer);
+    }
+    return answer + 3;
+}
+
+int plug_new(const char* description) {
+    return atoi(bus("plug %s", description));
+}
+
+int reader_count(void) {
+    const char* list = bus("list");
+    int count = *list == '\0' ? 0 : 1;
+    for (; *list != '\0'; ++list) {
+        count += *list == ';';
+    }
+    return count;
+}
+
+bool is_plugged(int reader) {
+    char beginning[16];
+    snprintf(beginning, sizeof beginning, "%d ", reader);
+    const char* entry = bus("list");
+    while (strncmp(entry, beginning, strlen(beginning)) != 0) {
+        const char* separator = strstr(entry, "; ");
+        if (separator == NULL) {
+            give_up(beginning, "no such reader");
+        }
+        entry = separator + 2;
+    }
+    const char* unplugged = strstr(entry, "unplugged");
+    const char* end = strchr(entry, ';');
+    return unplugged == NULL || (end != NULL && end < unplugged);
+}
+
+long host_count(int reader, const char* what) {
+    const char* counts = bus("counts %d", reader);
+    size_t length = strlen(what);
+    for (const char* word = counts; word != NULL; word = strchr(word, ' ')) {
+        word += *word == ' ';
+        if (strncmp(word, what, length) == 0 && word[length] == '=') {
+            return strtol(word + length + 1, NULL, 10);
+        }
+    }
+    give_up(what, "not among the counts");
+}
+
+static unsigned char hex_byte(const char* digits) {
+    const char text[3] = {digits[0], digits[1], '\0'};
+    return (unsigned char)strtoul(text, NULL, 16);
+}
+
+void read_seen_frame(int reader, struct seen_frame* frame) {
+    char* rest = NULL;
+    frame->count = strtol(bus("frames %d", reader), &rest, 10);
+    frame->endpoint = 0;
+    frame->length = 0;
+    if (frame->count == 0) {
+        return;
+    }
+    frame->endpoint = (int)strtol(rest, &rest, 16);
+    rest += *rest == ' ';
+    for (; rest[0] != '\0' && rest[1] != '\0' && frame->length < sizeof frame->bytes; rest += 2) {
+        frame->bytes[frame->length++] = hex_byte(rest);
+    }
+}
+
+void calm_bus(void) {
+    static const char* const commands[] = {
+        "unstall all in",
+        "unstall all out",
+        "unstall all control",
+        "unmute all in",
+        "unmute all out",
+        "unmute all control",
+        "delay all in 0",
+        "delay all out 0",
+        "delay all control 0",
+        "short all in off",
+        "short all out off",
+        "reply all echo",
+        "flush all",
+        "busy all off",
+        "refuse all off",
+        "fail-configuration all off",
+        "fail-reset all off",
+        "fail-string all 1 off",
+        "fail-string all 3 off",
+        "fail-string all 5 off",
+        "fail-string all 6 off",
+        "fail-string all 10 off",
+    };
+    for (size_t i = 0; i < sizeof commands / sizeof *commands; ++i) {
+        bus("%s", commands[i]);
+    }
+}
+
+double now_ms(void) {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (double)now.tv_sec * 1e3 + (double)now.tv_nsec / 1e6;
+}
+
+bool await(bool (*condition)(void* context), void* context, double longest_ms) {
+    const double end = now_ms() + longest_ms;
+    while (!condition(context)) {
+        if (now_ms() > end) {
+            return false;
+        }
+        usleep(500);
+    }
+    return true;
+}

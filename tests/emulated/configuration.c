@@ -1,0 +1,302 @@
+/* What the configuration file changes, and the log of whole sessions. */
+#include "program.h"
+#include "testing.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+/* The readers as CMakeLists.txt describes them, by number. */
+enum { bulk = 1, control };
+
+static struct program_run run;
+
+/* ---- The log, without what differs from run to run */
+
+/* Puts `name` in the place of what stands between `before` and `after`; keeps the line where they do not
+ * stand. */
+static void replace_between(char* line, size_t size, const char* before, const char* after,
+                            const char* name) {
+    char* begin = strstr(line, before);
+    if (begin == NULL) {
+        return;
+    }
+    begin += strlen(before);
+    const char* end = strstr(begin, after);
+    char rest[8192];
+    snprintf(rest, sizeof rest, "%s", end != NULL ? end : "");
+    snprintf(begin, size - (size_t)(begin - line), "%s%s", name, rest);
+}
+
+static bool is_digit(char character) {
+    return character >= '0' && character <= '9';
+}
+
+/* Checks the time and the library's name at the beginning of a line and returns what follows. */
+static const char* after_stamp(const char* line) {
+    static const char name[] = " :: gvusb: ";
+    const char* rest = line + (line[0] == ' ');
+    assert_true(is_digit(rest[0]));
+    while (is_digit(*rest)) {
+        ++rest;
+    }
+    assert_true(rest - line >= 2);
+    assert_int_equal(*rest++, '.');
+    for (int i = 0; i < 6; ++i) {
+        assert_true(is_digit(*rest++));
+    }
+    assert_memory_equal(rest, name, sizeof name - 1);
+    return rest + sizeof name - 1;
+}
+
+/* The worker thread's start races with the reading of the configuration, so nobody knows whether it is told.
+ */
+static bool may_be_missing(const char* line) {
+    return strcmp(line, "[thread] start") == 0;
+}
+
+/* The output as one text, line by line without times, pointers and versions. */
+static const char* plain_log(void) {
+    static char log[sizeof run.output];
+    size_t length = 0;
+    log[0] = '\0';
+    for (char* line = strtok(run.output, "\n"); line != NULL; line = strtok(NULL, "\n")) {
+        char text[8192];
+        snprintf(text, sizeof text, "%s", after_stamp(line));
+        replace_between(text, sizeof text, "usbDevPtr=", " ", "POINTER");
+        replace_between(text, sizeof text, "libUSB-Version=", "   ", "VERSION");
+        replace_between(text, sizeof text, "vendor=0x", " ", "VENDOR");
+        if (!may_be_missing(text)) {
+            length += (size_t)snprintf(log + length, sizeof log - length, "%s\n", text);
+        }
+    }
+    return log;
+}
+
+/* What a log is expected to be: the text of a file with some lines dropped and some changed. */
+static const char* expected_log(const char* file_name, bool (*wanted)(const char* line),
+                                const char* const (*changes)[2]) {
+    static char log[65536];
+    char path[1024];
+    snprintf(path, sizeof path, "%s/%s", GVUSB_TEST_EXPECTED, file_name);
+    FILE* file = fopen(path, "r");
+    assert_non_null(file);
+    char line[8192];
+    size_t length = 0;
+    while (fgets(line, sizeof line, file) != NULL) {
+        line[strcspn(line, "\n")] = '\0';
+        const char* text = line;
+        for (size_t i = 0; changes != NULL && changes[i][0] != NULL; ++i) {
+            text = strcmp(text, changes[i][0]) == 0 ? changes[i][1] : text;
+        }
+        if (wanted == NULL || wanted(line)) {
+            length += (size_t)snprintf(log + length, sizeof log - length, "%s\n", text);
+        }
+    }
+    fclose(file);
+    return log;
+}
+
+/* Names the first line that differs; the whole texts would hide it. */
+static void check_same_lines(const char* log, const char* expected) {
+    int number = 1;
+    while (*log != '\0' || *expected != '\0') {
+        const size_t length = strcspn(log, "\n");
+        const size_t expected_length = strcspn(expected, "\n");
+        if (length != expected_length || memcmp(log, expected, length) != 0) {
+            fail_msg("line %d is \"%.*s\" instead of \"%.*s\"", number, (int)length, log,
+                     (int)expected_length, expected);
+        }
+        log += length + (log[length] == '\n');
+        expected += expected_length + (expected[expected_length] == '\n');
+        ++number;
+    }
+}
+
+static void run_session(const char* configuration) {
+    run_program(&run, configuration, "session", NULL, NULL, NULL);
+    if (run.status != 0) {
+        fail_msg("the session ended with %d:\n%s", run.status, run.output);
+    }
+}
+
+static void NothingIsLoggedWithoutAConfigurationFile(void** state) {
+    bus("unplug %d", control);
+    run_session(NULL);
+    assert_string_equal(run.output, "");
+    run_session("gvusb_debuglevel=0");
+    assert_string_equal(run.output, "");
+    run_session("gvusb_debuglevel=-1");
+    assert_string_equal(run.output, "");
+}
+
+static void LevelTwoTellsEverythingOfABulkSession(void** state) {
+    bus("unplug %d", control);
+    run_session("gvusb_debuglevel=2\ngvusb_hotplug=0\n");
+    check_same_lines(plain_log(), expected_log("session_bulk.txt", NULL, NULL));
+}
+
+static void LevelTwoTellsEverythingOfAControlSession(void** state) {
+    bus("unplug %d", bulk);
+    run_session("gvusb_debuglevel=2\ngvusb_hotplug=0\n");
+    check_same_lines(plain_log(), expected_log("session_control.txt", NULL, NULL));
+}
+
+static bool is_about_the_manager(const char* line) {
+    static const char* const device_tags[] = {"[ident]",        "[open]",         "[get bulk end points]",
+                                              "[bulkTransmit]", "[bulkReceive ]", "[bulkReceive]",
+                                              "[receive]",      "[is present]",   "[close]"};
+    for (size_t i = 0; i < sizeof device_tags / sizeof *device_tags; ++i) {
+        if (strncmp(line, device_tags[i], strlen(device_tags[i])) == 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+static void LevelOneTellsWhatTheManagerDoes(void** state) {
+    static const char* const changes[][2] = {{"[init] gvUSB-DebugLevel=2", "[init] gvUSB-DebugLevel=1"},
+                                             {NULL, NULL}};
+    bus("unplug %d", control);
+    run_session("gvusb_debuglevel=1 gvusb_hotplug=0");
+    check_same_lines(plain_log(), expected_log("session_bulk.txt", is_about_the_manager, changes));
+}
+
+static void LevelThreeTellsOfTheWorkerThread(void** state) {
+    static const char* const changes[][2] = {
+        {"[init] gvUSB-DebugLevel=2", "[init] gvUSB-DebugLevel=3"},
+        {"[init] gvUSB-UseHotPlug=0", "[init] gvUSB-UseHotPlug=1\n[init] gvUSB-UpdateRate=3600000msec"},
+        {"[exit] cleaning up ...", "[exit] cleaning up ...\n[thread] stop"},
+        {NULL, NULL}};
+    bus("unplug %d", control);
+    run_session("gvusb_debuglevel=3,gvusb_hotplug=1,gvusb_updaterate=3600000");
+    check_same_lines(plain_log(), expected_log("session_bulk.txt", NULL, changes));
+}
+
+/* ---- Hot-plug mode and update rate */
+
+struct settings {
+    const char* configuration;
+    const char* mode;
+    const char* rate; /* null: not told, as nothing polls */
+};
+
+static void check_settings(const struct settings* settings) {
+    char expected[256];
+    run_program(&run, settings->configuration, "version", NULL, NULL, NULL);
+    assert_int_equal(run.status, 0);
+    const char* log = plain_log();
+    snprintf(expected, sizeof expected, "[init] gvUSB-UseHotPlug=%s\n", settings->mode);
+    const char* rest = strstr(log, expected);
+    if (rest == NULL) {
+        fail_msg("\"%s\" gives\n%s", settings->configuration, log);
+        return;
+    }
+    rest += strlen(expected);
+    if (strcmp(settings->mode, "2") == 0) {
+        snprintf(expected, sizeof expected, "[init] libUSB callbacks registered\n");
+    } else if (settings->rate != NULL) {
+        snprintf(expected, sizeof expected, "[init] gvUSB-UpdateRate=%smsec\n", settings->rate);
+    } else {
+        snprintf(expected, sizeof expected, "[exit] cleaning up ...\n");
+    }
+    assert_memory_equal(rest, expected, strlen(expected));
+}
+
+static void ModeAndUpdateRateAreTakenFromTheFile(void** state) {
+    static const struct settings cases[] = {
+        {"gvusb_debuglevel=1", "1", "300"},
+        {"gvusb_debuglevel=1 gvusb_hotplug=0", "0", NULL},
+        {"gvusb_debuglevel=1 gvusb_hotplug=2", "2", NULL},
+        {"gvusb_debuglevel=1 gvusb_hotplug=7", "7", NULL},
+        {"gvusb_debuglevel=1 gvusb_hotplug=", "1", "300"},
+        {"gvusb_debuglevel=1 nopnp", "0", NULL},
+        {"gvusb_debuglevel=1 gvusb_hotplug=1 # nopnp", "0", NULL},
+        {"gvusb_hotplug=2 nopnp gvusb_debuglevel=1", "0", NULL},
+        {"gvusb_debuglevel=1 gvusb_updaterate=5", "1", "10"},
+        {"gvusb_debuglevel=1 gvusb_updaterate=-3", "1", "10"},
+        {"gvusb_debuglevel=1 gvusb_updaterate=11", "1", "11"},
+        {"gvusb_debuglevel=1 gvusb_updaterate=250 gvusb_updaterate=20", "1", "250"},
+        {"gvusb_debuglevel=1 gvusb_updaterate=fast", "1", "300"},
+        {"my_gvusb_debuglevel=1my_gvusb_updaterate=20", "1", "20"},
+    };
+    for (size_t i = 0; i < sizeof cases / sizeof *cases; ++i) {
+        check_settings(&cases[i]);
+    }
+}
+
+static void KeysBehindTheFirst1023BytesAreNotSeen(void** state) {
+    static const char level[] = "gvusb_debuglevel=1 ";
+    static const char rate[] = "gvusb_updaterate=44";
+    enum { seen = 1023 };
+    char text[2 * seen];
+    for (int too_long = 0; too_long <= 1; ++too_long) {
+        memset(text, ' ', sizeof text);
+        memcpy(text, level, sizeof level - 1);
+        memcpy(text + seen - (sizeof rate - 1) + too_long, rate, sizeof rate);
+        const struct settings settings = {text, "1", too_long ? "10" : "44"};
+        check_settings(&settings);
+    }
+}
+
+static void LibusbsDebugLevelIsHandedOn(void** state) {
+    run_program(&run, "libusb_debuglevel=4 gvusb_debuglevel=0", "version", NULL, NULL, NULL);
+    assert_int_equal(run.status, 0);
+    assert_non_null(strstr(run.output, "libusb: debug"));
+    run_program(&run, "libusb_debuglevel=0", "version", NULL, NULL, NULL);
+    assert_null(strstr(run.output, "libusb"));
+}
+
+/* ---- Polling, as level 3 tells of it */
+
+static double time_of(const char* line) {
+    return strtod(line, NULL) * 1000;
+}
+
+static void PollsComeAtTheUpdateRateAndReportEachReaderOnce(void** state) {
+    bus("unplug %d", control);
+    run_program(&run, "gvusb_debuglevel=3 gvusb_updaterate=50", "wait_for_polls", NULL, NULL, NULL);
+    assert_int_equal(run.status, 0);
+
+    const char* first = strstr(run.output, "[thread] next update");
+    assert_non_null(first);
+    while (first > run.output && first[-1] != '\n') {
+        --first;
+    }
+    const char* second = strstr(strchr(first, '\n'), "[thread] next update");
+    assert_non_null(second);
+    while (second[-1] != '\n') {
+        --second;
+    }
+    /* The clock of the log has microseconds and the sleep its own: a millisecond is no matter. */
+    assert_true(time_of(second) - time_of(first) >= 49);
+
+    static const char two_polls[] = "[thread] next update\n"
+                                    "[update] read device id\n"
+                                    "[update] new device: devId=0x1a2b3c\n"
+                                    "[update] MESSAGE \"connect\": devId=0x1a2b3c\n"
+                                    "[thread] next update\n"
+                                    "[update] read device id\n"
+                                    "[update] new device: devId=0x1a2b3c\n"
+                                    "[thread] next update\n";
+    char* const polls = strstr(plain_log(), "[thread] next update");
+    assert_true(strlen(polls) > sizeof two_polls);
+    assert_null(strstr(polls + sizeof two_polls - 1, "MESSAGE"));
+    polls[sizeof two_polls - 1] = '\0';
+    check_same_lines(polls, two_polls);
+}
+
+int main(int argc, char** argv) {
+    static const struct CMUnitTest tests[] = {
+        TEST_CASE(NothingIsLoggedWithoutAConfigurationFile),
+        TEST_CASE(LevelTwoTellsEverythingOfABulkSession),
+        TEST_CASE(LevelTwoTellsEverythingOfAControlSession),
+        TEST_CASE(LevelOneTellsWhatTheManagerDoes),
+        TEST_CASE(LevelThreeTellsOfTheWorkerThread),
+        TEST_CASE(ModeAndUpdateRateAreTakenFromTheFile),
+        TEST_CASE(KeysBehindTheFirst1023BytesAreNotSeen),
+        TEST_CASE(LibusbsDebugLevelIsHandedOn),
+        TEST_CASE(PollsComeAtTheUpdateRateAndReportEachReaderOnce),
+    };
+    return run_group("configuration", tests, sizeof tests / sizeof *tests, argc, argv);
+}

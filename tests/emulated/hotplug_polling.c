@@ -1,0 +1,312 @@
+/* Readers that come and go while the library polls the bus. */
+#include "events.h"
+#include "handler_calls.h"
+#include "program.h"
+#include "testing.h"
+
+#include <string.h>
+#include <unistd.h>
+
+/*
+ * The readers as CMakeLists.txt describes them, by number. Every poll opens the watcher, as it cannot tell
+ * who it is and so is never known: how often it was opened tells how many polls there were.
+ */
+enum { desk = 1, gate, watcher, usable = 2 };
+enum { desk_id = 0xA1, gate_id = 0xB2, newcomer_id = 0x77 };
+
+static struct program_run run;
+
+static bool has_opens(void* wanted) {
+    return host_count(watcher, "opens") >= *(const long*)wanted;
+}
+
+/* When the second poll from now on is under way, all is reported that could be seen before. */
+static void await_polls(void) {
+    long wanted = host_count(watcher, "opens") + 2;
+    assert_true(await(has_opens, &wanted, long_enough_ms));
+}
+
+static void resume_polling(void) {
+    assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-UPDATERATE", "10000"), 0);
+    assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "0"), 0);
+}
+
+/* All readers are scanned, which nobody hears of any more. */
+static int scan_and_record(void** state) {
+    resume_polling();
+    start_afresh(state);
+    assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL, NULL), 0);
+    await_polls();
+    assert_true(record_events());
+    forget_events();
+    return 0;
+}
+
+static int end_recording(void** state) {
+    return stop_recording() ? 0 : -1;
+}
+
+static void check_event(int index, int kind, int handle, unsigned int id) {
+    assert_true(await_events(index + 1));
+    const struct event event = recorded_event(index);
+    assert_int_equal(event.kind, kind);
+    assert_int_equal(event.handle, handle);
+    assert_int_equal(event.id, id);
+}
+
+static bool answers(void* handle) {
+    static const unsigned char frame[] = {5, 4, 3};
+    unsigned char answer[16];
+    return GVUSB_Transceive(*(const int*)handle, GVUSB_PROTOCOL, 0, frame, sizeof frame, answer,
+                            sizeof answer) == sizeof frame;
+}
+
+static void check_answers_again(int handle) {
+    assert_true(await(answers, &handle, long_enough_ms));
+    check_echo(handle);
+}
+
+static void TheModeIsOne(void** state) {
+    assert_string_equal(parameter(GVUSB_DRIVER, "HOTPLUG-MODE"), "1");
+}
+
+static void NothingIsReportedWhileNothingChanges(void** state) {
+    for (int i = 0; i < 3; ++i) {
+        await_polls();
+    }
+    assert_int_equal(event_count(), 0);
+}
+
+static void AScannedReaderThatGoesIsReportedOnceWithItsHandle(void** state) {
+    const int handle = GVUSB_OpenDevice(desk_id);
+    bus("unplug %d", desk);
+    check_event(0, GVUSB_EVENT_DISCONNECT, handle, desk_id);
+    await_polls();
+    await_polls();
+    assert_int_equal(event_count(), 1);
+    assert_int_equal(GVUSB_GetDeviceHnd(desk_id), handle);
+}
+
+static void AReaderThatIsNotOpenIsReportedToo(void** state) {
+    bus("unplug %d", gate);
+    assert_true(await_events(1));
+    const struct event event = recorded_event(0);
+    assert_int_equal(event.kind, GVUSB_EVENT_DISCONNECT);
+    assert_int_equal(event.id, gate_id);
+    assert_true(event.handle > 0);
+}
+
+static void AnOpenReaderThatComesBackIsUsedByItsOldHandle(void** state) {
+    const int handle = GVUSB_OpenDevice(desk_id);
+    const int other = GVUSB_OpenDevice(gate_id);
+    check_echo(handle);
+    bus("unplug %d", desk);
+    check_event(0, GVUSB_EVENT_DISCONNECT, handle, desk_id);
+    check_echo(other);
+    bus("plug %d", desk);
+    check_answers_again(handle);
+    assert_int_equal(GVUSB_GetDeviceHnd(desk_id), handle);
+    assert_int_equal(GVUSB_IsDevicePresent(handle), 1);
+    assert_int_equal(GVUSB_GetScanListSize(), usable);
+    await_polls();
+    assert_int_equal(event_count(), 1);
+    check_echo(other);
+}
+
+static void AClosedReaderThatComesBackIsOpenedWithoutAScan(void** state) {
+    bus("unplug %d", desk);
+    assert_true(await_events(1));
+    assert_int_equal(GVUSB_OpenDevice(desk_id), GVUSB_ERR_CANNOT_OPEN);
+    bus("plug %d", desk);
+    await_polls();
+    await_polls();
+    check_echo(GVUSB_OpenDevice(desk_id));
+    assert_int_equal(event_count(), 1);
+}
+
+static void AReplugWithinOnePollIsReportedAsALeave(void** state) {
+    const int handle = GVUSB_OpenDevice(desk_id);
+    check_echo(handle);
+    assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1"), 0);
+    bus("replug %d", desk);
+    resume_polling();
+    check_event(0, GVUSB_EVENT_DISCONNECT, handle, desk_id);
+    check_answers_again(handle);
+    await_polls();
+    assert_int_equal(event_count(), 1);
+}
+
+static void EachDirectionIsReportedOnceUntilTheNextScan(void** state) {
+    const int handle = GVUSB_OpenDevice(desk_id);
+    for (int scans = 1; scans <= 3; ++scans) {
+        for (int i = 0; i < 3; ++i) {
+            bus("unplug %d", desk);
+            await_polls();
+            await_polls();
+            bus("plug %d", desk);
+            check_answers_again(handle);
+            await_polls();
+        }
+        assert_int_equal(events_about(GVUSB_EVENT_DISCONNECT, desk_id), scans);
+        assert_int_equal(event_count(), scans);
+        assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL, NULL), 0);
+    }
+}
+
+static void AReaderThatNobodyScannedIsReportedOnceWithoutHandle(void** state) {
+    const int newcomer = plug_new("id=77,name=Newcomer");
+    check_event(0, GVUSB_EVENT_CONNECT, 0, newcomer_id);
+    bus("unplug %d", newcomer);
+    await_polls();
+    bus("plug %d", newcomer);
+    await_polls();
+    await_polls();
+    assert_int_equal(event_count(), 1);
+    assert_int_equal(GVUSB_GetScanListSize(), usable);
+
+    GVUSB_SCANSEARCH search = {.mask = GVUSB_SEARCH_DEVICE_ID, .devId = "B2"};
+    assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL | GVUSB_SCAN_SEARCH, &search), 0);
+    assert_true(await_events(3));
+    assert_int_equal(events_about(GVUSB_EVENT_CONNECT, newcomer_id), 2);
+    assert_int_equal(events_about(GVUSB_EVENT_CONNECT, desk_id), 1);
+    assert_int_equal(events_about(GVUSB_EVENT_CONNECT, gate_id), 0);
+}
+
+static void AReaderIsReportedWhenItCanBeReadAtLast(void** state) {
+    const int newcomer = plug_new("id=77,plugged=no");
+    bus("fail-string %d 1 on", newcomer);
+    bus("plug %d", newcomer);
+    await_polls();
+    await_polls();
+    assert_int_equal(event_count(), 0);
+    bus("fail-string %d 1 off", newcomer);
+    check_event(0, GVUSB_EVENT_CONNECT, 0, newcomer_id);
+}
+
+static void OtherDevicesAreNotReported(void** state) {
+    plug_new("id=78,vendor=0x1234");
+    plug_new("id=79,product=5");
+    plug_new("id=77");
+    check_event(0, GVUSB_EVENT_CONNECT, 0, newcomer_id);
+    await_polls();
+    assert_int_equal(event_count(), 1);
+}
+
+static void AHandlerMayCallTheLibraryWhenAReaderComes(void** state) {
+    do_in_next_handler(call_everything);
+    plug_new("id=77");
+    assert_true(await_action_done());
+    assert_null(failed_handler_call());
+    check_event(0, GVUSB_EVENT_CONNECT, 0, newcomer_id);
+}
+
+static void AHandlerMayCallTheLibraryWhenAReaderGoes(void** state) {
+    const int handle = GVUSB_OpenDevice(desk_id);
+    do_in_next_handler(call_everything);
+    bus("unplug %d", desk);
+    assert_true(await_action_done());
+    assert_null(failed_handler_call());
+    check_event(0, GVUSB_EVENT_DISCONNECT, handle, desk_id);
+}
+
+static void AHandlerRegisteredTwiceIsCalledOnce(void** state) {
+    assert_true(record_events());
+    plug_new("id=77");
+    check_event(0, GVUSB_EVENT_CONNECT, 0, newcomer_id);
+    await_polls();
+    assert_int_equal(event_count(), 1);
+}
+
+static void ARemovedHandlerIsNotCalled(void** state) {
+    assert_true(stop_recording());
+    assert_false(stop_recording());
+    plug_new("id=77");
+    await_polls();
+    await_polls();
+    assert_int_equal(event_count(), 0);
+    assert_true(record_events());
+}
+
+static void BadRegistrationsAreRefused(void** state) {
+    GVUSB_EVENT_INIT registration = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, NULL};
+    assert_int_equal(GVUSB_AddEventHandler(0, NULL), GVUSB_ERR_NULL_POINTER);
+    assert_int_equal(GVUSB_AddEventHandler(1, &registration), GVUSB_ERR_UNSUPPORTED_OPTION);
+    assert_int_equal(GVUSB_DelEventHandler(-1, &registration), GVUSB_ERR_UNSUPPORTED_OPTION);
+    assert_int_equal(GVUSB_DelEventHandler(0, &registration), GVUSB_ERR_UNKNOWN_PARAMETER);
+    assert_int_equal(last_error(0), GVUSB_ERR_UNKNOWN_PARAMETER);
+    assert_int_equal(GVUSB_AddEventHandler(0, &registration), 0);
+    plug_new("id=77");
+    check_event(0, GVUSB_EVENT_CONNECT, 0, newcomer_id);
+    assert_int_equal(GVUSB_DelEventHandler(0, &registration), 0);
+    registration.uiCallbackType = 2;
+    assert_int_equal(GVUSB_AddEventHandler(0, &registration), GVUSB_ERR_UNKNOWN_PARAMETER);
+}
+
+/* Nothing can be awaited where nothing happens: some update rates go by instead. */
+static void NothingIsReportedWhilePollingIsSuspended(void** state) {
+    enum { some_update_rates_us = 150000 };
+    assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1"), 0);
+    /* A poll that is under way comes to its end. */
+    assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL, NULL), 0);
+    usleep(some_update_rates_us);
+    const long opens = host_count(watcher, "opens");
+    plug_new("id=77");
+    bus("unplug %d", desk);
+    usleep(some_update_rates_us);
+    assert_int_equal(event_count(), 0);
+    assert_int_equal(host_count(watcher, "opens"), opens);
+    resume_polling();
+    assert_true(await_events(2));
+    assert_int_equal(events_about(GVUSB_EVENT_CONNECT, newcomer_id), 1);
+    assert_int_equal(events_about(GVUSB_EVENT_DISCONNECT, desk_id), 1);
+}
+
+static void TheUpdateRateIsTheTimeBetweenTwoPolls(void** state) {
+    assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-UPDATERATE", "150000"), 0);
+    await_polls();
+    double times[3];
+    for (int i = 0; i < 3; ++i) {
+        long wanted = host_count(watcher, "opens") + 1;
+        assert_true(await(has_opens, &wanted, long_enough_ms));
+        times[i] = now_ms();
+    }
+    /* Each look at the bus may come a little late. */
+    assert_true(times[1] - times[0] >= 130);
+    assert_true(times[2] - times[0] >= 290);
+    assert_true(times[2] - times[0] <= 2000);
+}
+
+static void AHandlerMayEndTheProgram(void** state) {
+    run_program(&run, "gvusb_debuglevel=1 gvusb_updaterate=10", "exit_in_handler", NULL, NULL, NULL);
+    if (run.status != 7) {
+        fail_msg("ended with %d:\n%s", run.status, run.output);
+    }
+    assert_non_null(strstr(run.output, "[exit] ... done"));
+}
+
+#define HOTPLUG_CASE(function) cmocka_unit_test_setup_teardown(function, scan_and_record, end_recording)
+
+int main(int argc, char** argv) {
+    static const struct CMUnitTest tests[] = {
+        HOTPLUG_CASE(TheModeIsOne),
+        HOTPLUG_CASE(NothingIsReportedWhileNothingChanges),
+        HOTPLUG_CASE(AScannedReaderThatGoesIsReportedOnceWithItsHandle),
+        HOTPLUG_CASE(AReaderThatIsNotOpenIsReportedToo),
+        HOTPLUG_CASE(AnOpenReaderThatComesBackIsUsedByItsOldHandle),
+        HOTPLUG_CASE(AClosedReaderThatComesBackIsOpenedWithoutAScan),
+        HOTPLUG_CASE(AReplugWithinOnePollIsReportedAsALeave),
+        HOTPLUG_CASE(EachDirectionIsReportedOnceUntilTheNextScan),
+        HOTPLUG_CASE(AReaderThatNobodyScannedIsReportedOnceWithoutHandle),
+        HOTPLUG_CASE(AReaderIsReportedWhenItCanBeReadAtLast),
+        HOTPLUG_CASE(OtherDevicesAreNotReported),
+        HOTPLUG_CASE(AHandlerMayCallTheLibraryWhenAReaderComes),
+        HOTPLUG_CASE(AHandlerMayCallTheLibraryWhenAReaderGoes),
+        HOTPLUG_CASE(AHandlerRegisteredTwiceIsCalledOnce),
+        HOTPLUG_CASE(ARemovedHandlerIsNotCalled),
+        HOTPLUG_CASE(BadRegistrationsAreRefused),
+        HOTPLUG_CASE(NothingIsReportedWhilePollingIsSuspended),
+        HOTPLUG_CASE(TheUpdateRateIsTheTimeBetweenTwoPolls),
+        HOTPLUG_CASE(AHandlerMayEndTheProgram),
+    };
+    return run_group("hotplug_polling", tests, sizeof tests / sizeof *tests, argc, argv);
+}

@@ -1,0 +1,111 @@
+/* Loading and unloading the library, and the end of programs that use it. */
+#include "program.h"
+#include "testing.h"
+
+#include <stdio.h>
+#include <string.h>
+
+/* How long the end of a program may take after main. A sanitizer's own work at the end is measured with it.
+ */
+#ifdef GVUSB_TEST_SANITIZED
+enum { longest_end_ms = 1500 };
+#else
+enum { longest_end_ms = 100 };
+#endif
+
+static struct program_run run;
+
+static int occurrences(const char* text) {
+    int count = 0;
+    for (const char* found = run.output; (found = strstr(found, text)) != NULL; ++found) {
+        ++count;
+    }
+    return count;
+}
+
+static void check_status(int status) {
+    if (run.status != status) {
+        fail_msg("ended with %d instead of %d:\n%s", run.status, status, run.output);
+    }
+}
+
+/* Each unloading runs the library's end before dlclose returns, and the library is as new the next time. */
+static void check_loads_and_unloads(const char* program) {
+    run_program(&run, "gvusb_debuglevel=1", program, GVUSB_TEST_LIBRARY, "5", NULL);
+    check_status(0);
+    assert_int_equal(occurrences("scan: 0, readers: 2\n"), 5);
+    const char* rest = run.output;
+    for (int i = 0; i < 5; ++i) {
+        static const char* const order[] = {"[init] libUSB-Version=", "devHnd=0x10000001 ",
+                                            "[exit] cleaning up ...\n", "[exit] ... done\n", "unloaded\n"};
+        for (size_t step = 0; step < sizeof order / sizeof *order; ++step) {
+            rest = strstr(rest, order[step]);
+            if (rest == NULL) {
+                fail_msg("loading %d lacks \"%s\":\n%s", i + 1, order[step], run.output);
+            }
+        }
+    }
+    assert_non_null(strstr(rest, "main ends\n"));
+    assert_int_equal(occurrences("[exit] ... done\n"), 5);
+    assert_null(strstr(strstr(rest, "main ends\n"), "[exit]"));
+}
+
+static void ACProgramLoadsAndUnloadsItAgainAndAgain(void** state) {
+    check_loads_and_unloads("load_and_unload_c");
+}
+
+static void ACxxProgramLoadsAndUnloadsItAgainAndAgain(void** state) {
+    check_loads_and_unloads("load_and_unload_cxx");
+}
+
+static void LoadingSurvivesALibusbThatCannotStart(void** state) {
+    run_program(&run, "gvusb_debuglevel=1", "load_without_descriptors", GVUSB_TEST_LIBRARY, NULL, NULL);
+    check_status(0);
+    assert_non_null(strstr(run.output, "scan: -1112\n"));
+    assert_non_null(strstr(run.output, "scan and open: -1112\n"));
+    assert_non_null(strstr(run.output, "open: -1140\n"));
+    assert_non_null(strstr(run.output, "unloaded\n"));
+}
+
+static void check_ends_soon(const char* configuration) {
+    run_program(&run, configuration, "leave_readers_open", NULL, NULL, NULL);
+    check_status(42);
+    assert_string_equal(run.output, "main ends\n");
+    const double taken = run.ended - run.first_output;
+    if (taken >= longest_end_ms) {
+        fail_msg("the program ended %.0f ms after main", taken);
+    }
+}
+
+static void AnUpdateRateOfHoursDoesNotDelayTheEnd(void** state) {
+    check_ends_soon("gvusb_updaterate=3600000");
+}
+
+static void TheEndIsQuickInEveryMode(void** state) {
+    check_ends_soon(NULL);
+    check_ends_soon("gvusb_hotplug=0");
+    check_ends_soon("gvusb_hotplug=2");
+    check_ends_soon("gvusb_updaterate=10");
+}
+
+static void ReadersLeftOpenAreClosedAtTheEnd(void** state) {
+    run_program(&run, NULL, "leave_readers_open", NULL, NULL, NULL);
+    check_status(42);
+    for (int reader = 1; reader <= 2; ++reader) {
+        assert_true(host_count(reader, "claims") > 0);
+        assert_int_equal(host_count(reader, "opens"), host_count(reader, "closes"));
+    }
+    check_echo(open_reader(0x1A2B3C));
+}
+
+int main(int argc, char** argv) {
+    static const struct CMUnitTest tests[] = {
+        TEST_CASE(ACProgramLoadsAndUnloadsItAgainAndAgain),
+        TEST_CASE(ACxxProgramLoadsAndUnloadsItAgainAndAgain),
+        TEST_CASE(LoadingSurvivesALibusbThatCannotStart),
+        TEST_CASE(AnUpdateRateOfHoursDoesNotDelayTheEnd),
+        TEST_CASE(TheEndIsQuickInEveryMode),
+        TEST_CASE(ReadersLeftOpenAreClosedAtTheEnd),
+    };
+    return run_group("loading", tests, sizeof tests / sizeof *tests, argc, argv);
+}

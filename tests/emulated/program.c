@@ -1,0 +1,107 @@
+#include "program.h"
+
+#include "testing.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+/* The variable by which the program's preload learns what stands for the configuration file. */
+static const char configuration_variable[] = "GVUSB_EMULATE_CONFIG";
+
+enum { longest_run_ms = 60000 };
+
+static void write_configuration(const char* text, char* path) {
+    int file = mkstemp(path);
+    assert_true(file >= 0);
+    const size_t length = strlen(text);
+    assert_int_equal(write(file, text, length), length);
+    close(file);
+}
+
+static pid_t start(char** arguments, int output) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, output, STDERR_FILENO);
+    pid_t process = 0;
+    const int error = posix_spawn(&process, arguments[0], &actions, NULL, arguments, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) {
+        fail_msg("%s: %s", arguments[0], strerror(error));
+    }
+    return process;
+}
+
+/* Reads until the program has closed its output, which its end does; false if that takes too long. */
+static bool read_output(int output, struct program_run* run) {
+    const double deadline = now_ms() + longest_run_ms;
+    size_t length = 0;
+    while (length < sizeof run->output - 1) {
+        struct pollfd readable = {.fd = output, .events = POLLIN};
+        const double left = deadline - now_ms();
+        if (left <= 0 || poll(&readable, 1, (int)left) == 0) {
+            break;
+        }
+        const ssize_t count = read(output, run->output + length, sizeof run->output - 1 - length);
+        if (count <= 0) {
+            run->output[length] = '\0';
+            return true;
+        }
+        if (length == 0) {
+            run->first_output = now_ms();
+        }
+        length += (size_t)count;
+    }
+    run->output[length] = '\0';
+    return false;
+}
+
+void run_program(struct program_run* run, const char* configuration, const char* name, const char* first,
+                 const char* second, const char* third) {
+    char file[] = "/tmp/gvusb-test-XXXXXX";
+    if (configuration != NULL) {
+        write_configuration(configuration, file);
+    }
+    const char* const before = getenv(configuration_variable);
+    char* const restored = before != NULL ? strdup(before) : NULL;
+    setenv(configuration_variable, configuration != NULL ? file : "", 1);
+
+    char path[1024];
+    snprintf(path, sizeof path, "%s/%s", GVUSB_TEST_PROGRAMS, name);
+    char* arguments[] = {path, (char*)first, (char*)second, (char*)third, NULL};
+    int output[2];
+    assert_int_equal(pipe2(output, O_CLOEXEC), 0);
+    const pid_t process = start(arguments, output[1]);
+    close(output[1]);
+    const bool ended = read_output(output[0], run);
+    run->ended = now_ms();
+    if (!ended) {
+        kill(process, SIGKILL);
+    }
+    int status = 0;
+    waitpid(process, &status, 0);
+    run->status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    close(output[0]);
+
+    if (configuration != NULL) {
+        unlink(file);
+    }
+    if (restored != NULL) {
+        setenv(configuration_variable, restored, 1);
+    } else {
+        unsetenv(configuration_variable);
+    }
+    free(restored);
+    if (!ended) {
+        fail_msg("%s did not end; it printed:\n%s", name, run->output);
+    }
+}

@@ -1,0 +1,30 @@
+/*
+ * Ends by calling exit() in an event handler, while main handles libusb's events. For that it starts libusb
+ * itself too: the library's end then leaves libusb's default context to it.
+ */
+#include "bus.h"
+
+#include <gvusb.h>
+#include <libusb.h>
+
+#include <stdlib.h>
+
+static void end_program(int handle, unsigned int id, const char* text) {
+    (void)handle;
+    (void)text;
+    if (id == 0xE0E) {
+        exit(7);
+    }
+}
+
+int main(void) {
+    GVUSB_EVENT_INIT connect = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, end_program};
+    if (libusb_init(NULL) != 0 || GVUSB_AddEventHandler(0, &connect) != 0) {
+        return 1;
+    }
+    plug_new("id=E0E");
+    /* In the mode that polls nobody has to do this, and it does no harm. */
+    for (;;) {
+        libusb_handle_events(NULL);
+    }
+}

@@ -1,0 +1,102 @@
+#include "testing.h"
+
+#include <string.h>
+
+static int first_readers;   /* those that the program was started with */
+static int usable_at_start; /* how many of them a scan finds */
+
+static bool scan_finds(void* size) {
+    GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
+    return GVUSB_GetScanListSize() == *(const int*)size;
+}
+
+static void close_everything(void) {
+    for (int handle; (handle = GVUSB_GetDeviceList(0)) != 0;) {
+        assert_int_equal(GVUSB_CloseDevice(handle), 0);
+    }
+}
+
+static void restore_readers(void) {
+    const int count = reader_count();
+    for (int reader = 1; reader <= count; ++reader) {
+        const bool wanted = reader <= first_readers;
+        if (is_plugged(reader) != wanted) {
+            bus(wanted ? "plug %d" : "unplug %d", reader);
+        }
+    }
+}
+
+int start_afresh(void** state) {
+    (void)state;
+    close_everything();
+    calm_bus();
+    restore_readers();
+    scan_until(usable_at_start);
+    GVUSB_ClearScanList();
+    return 0;
+}
+
+static int note_readers(void** state) {
+    (void)state;
+    first_readers = reader_count();
+    GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
+    usable_at_start = GVUSB_GetScanListSize();
+    return 0;
+}
+
+int run_group(const char* name, const struct CMUnitTest* tests, size_t count, int argc, char** argv) {
+    if (argc > 1) {
+        cmocka_set_test_filter(argv[1]);
+    }
+    return _cmocka_run_group_tests(name, tests, count, note_readers, NULL);
+}
+
+void scan_until(int size) {
+    if (!await(scan_finds, &size, long_enough_ms)) {
+        fail_msg("the scan list has %d entries instead of %d", GVUSB_GetScanListSize(), size);
+    }
+}
+
+int open_reader(unsigned int id) {
+    assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL, NULL), 0);
+    int handle = GVUSB_OpenDevice(id);
+    assert_true(handle > 0);
+    return handle;
+}
+
+int last_error(int handle) {
+    int code = 1;
+    char text[GVUSB_TEXT_SIZE];
+    GVUSB_GetLastError(handle, &code, text);
+    return code;
+}
+
+const char* parameter(int handle, const char* key) {
+    static char value[GVUSB_PARAMETER_SIZE];
+    assert_int_equal(GVUSB_GetDevicePara(handle, key, value), 0);
+    return value;
+}
+
+const char* scan_list_parameter(int index, const char* key) {
+    static char value[GVUSB_PARAMETER_SIZE];
+    assert_int_equal(GVUSB_GetScanListPara(index, key, value), 0);
+    return value;
+}
+
+int scan_list_index(const char* id) {
+    const int size = GVUSB_GetScanListSize();
+    for (int index = 0; index < size; ++index) {
+        if (strcmp(scan_list_parameter(index, "DEVICE-ID"), id) == 0) {
+            return index;
+        }
+    }
+    return -1;
+}
+
+void check_echo(int handle) {
+    static const unsigned char frame[] = {0x02, 0x00, 0x07, 0xFF, 0x01};
+    unsigned char answer[64];
+    assert_int_equal(GVUSB_Transceive(handle, GVUSB_PROTOCOL, 0, frame, sizeof frame, answer, sizeof answer),
+                     sizeof frame);
+    assert_memory_equal(answer, frame, sizeof frame);
+}

@@ -1,0 +1,310 @@
+/* Several threads at work at once, and readers that come and go under their hands. */
+#include "events.h"
+#include "testing.h"
+
+#include <dirent.h>
+#include <pthread.h>
+#include <stdatomic.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+/* How often a reader is unplugged and plugged again; GVUSB_TEST_CHURN in the environment overrules it. */
+enum { churn_cycles = 2000 };
+
+/* The readers as CMakeLists.txt describes them: number 1 has the first ID, and so on. */
+enum { first_id = 0xC0, readers = 6 };
+
+enum { longest_problem = 160 };
+static char problem[longest_problem];
+static atomic_int problems;
+
+/* Threads cannot use cmocka's checks; the first problem that one notes fails the test once all have ended. */
+static void note_problem(const char* what, int result) {
+    if (atomic_fetch_add(&problems, 1) == 0) {
+        snprintf(problem, sizeof problem, "%s gave %d", what, result);
+    }
+}
+
+static void forget_problems(void) {
+    atomic_store(&problems, 0);
+    problem[0] = '\0';
+}
+
+static void check_no_problems(void) {
+    if (atomic_load(&problems) != 0) {
+        fail_msg("%d problems, the first: %s", atomic_load(&problems), problem);
+    }
+}
+
+static unsigned int reader_id(int reader) {
+    return (unsigned int)(first_id + reader - 1);
+}
+
+/* An exchange of a frame that no other has; the result, with 0 for an answer that is not the frame's. */
+static int exchange(int handle) {
+    static atomic_uint serial;
+    unsigned char frame[64];
+    unsigned char answer[128];
+    unsigned int number = atomic_fetch_add(&serial, 1);
+    memcpy(frame, &number, sizeof number);
+    const unsigned int length = sizeof number + number % (sizeof frame - sizeof number);
+    memset(frame + sizeof number, (int)(number & 0xFF), length - sizeof number);
+    const int result = GVUSB_Transceive(handle, GVUSB_PROTOCOL, 0, frame, length, answer, sizeof answer);
+    return result > 0 && ((unsigned int)result != length || memcmp(frame, answer, length) != 0) ? 0 : result;
+}
+
+static int open_files(void) {
+    int count = 0;
+    DIR* folder = opendir("/proc/self/fd");
+    while (folder != NULL && readdir(folder) != NULL) {
+        ++count;
+    }
+    closedir(folder);
+    return count;
+}
+
+/* ---- Readers that stay */
+
+static atomic_bool working;
+
+static void* exchange_many(void* argument) {
+    const int handle = *(const int*)argument;
+    for (int i = 0; i < 150; ++i) {
+        const int result = exchange(handle);
+        if (result <= 0) {
+            note_problem("an exchange", result);
+        }
+    }
+    return NULL;
+}
+
+static void* scan_all_the_time(void* nothing) {
+    while (atomic_load(&working)) {
+        const int result = GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
+        const int size = GVUSB_GetScanListSize();
+        if (result != 0 || size != readers) {
+            note_problem("a scan", result != 0 ? result : size);
+        }
+    }
+    return nothing;
+}
+
+static void FourThreadsExchangeWhileOneScans(void** state) {
+    enum { exchangers = 4 };
+    pthread_t threads[exchangers];
+    int handles[exchangers];
+    forget_problems();
+    for (int i = 0; i < exchangers; ++i) {
+        handles[i] = open_reader(reader_id(i + 1));
+    }
+    pthread_t scanner;
+    atomic_store(&working, true);
+    assert_int_equal(pthread_create(&scanner, NULL, scan_all_the_time, NULL), 0);
+    for (int i = 0; i < exchangers; ++i) {
+        assert_int_equal(pthread_create(&threads[i], NULL, exchange_many, &handles[i]), 0);
+    }
+    for (int i = 0; i < exchangers; ++i) {
+        pthread_join(threads[i], NULL);
+    }
+    atomic_store(&working, false);
+    pthread_join(scanner, NULL);
+    check_no_problems();
+    for (int i = 0; i < exchangers; ++i) {
+        assert_int_equal(GVUSB_GetDeviceHnd(reader_id(i + 1)), handles[i]);
+    }
+}
+
+static void ThreadsThatShareAReaderGetTheirOwnAnswers(void** state) {
+    enum { exchangers = 4 };
+    pthread_t threads[exchangers];
+    forget_problems();
+    int handle = open_reader(reader_id(1));
+    for (int i = 0; i < exchangers; ++i) {
+        assert_int_equal(pthread_create(&threads[i], NULL, exchange_many, &handle), 0);
+    }
+    for (int i = 0; i < exchangers; ++i) {
+        pthread_join(threads[i], NULL);
+    }
+    check_no_problems();
+}
+
+static void* open_and_close(void* argument) {
+    const unsigned int id = *(const unsigned int*)argument;
+    for (int i = 0; i < 100; ++i) {
+        const int handle = GVUSB_OpenDevice(id);
+        const int result = handle > 0 ? exchange(handle) : handle;
+        if (result <= 0) {
+            note_problem("an exchange after opening", result);
+        }
+        const int closed = GVUSB_CloseDevice(handle);
+        if (closed != 0) {
+            note_problem("closing", closed);
+        }
+    }
+    return NULL;
+}
+
+static void ThreadsOpenAndCloseDifferentReaders(void** state) {
+    pthread_t threads[readers];
+    unsigned int ids[readers];
+    forget_problems();
+    assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL, NULL), 0);
+    for (int i = 0; i < readers; ++i) {
+        ids[i] = reader_id(i + 1);
+        assert_int_equal(pthread_create(&threads[i], NULL, open_and_close, &ids[i]), 0);
+    }
+    for (int i = 0; i < readers; ++i) {
+        pthread_join(threads[i], NULL);
+    }
+    check_no_problems();
+    assert_int_equal(GVUSB_GetDeviceList(0), 0);
+}
+
+/* ---- Readers that come and go */
+
+static int kept_handle; /* of the first reader, which no thread closes */
+static atomic_int scans;
+
+/* What may happen to a reader that goes, comes back, and is closed by another thread meanwhile. */
+static bool may_happen(int result) {
+    return result > 0 || result == GVUSB_ERR_NOT_PRESENT || result == GVUSB_ERR_HANDLE_NOT_FOUND ||
+           result == GVUSB_ERR_NOT_OPENED || result == GVUSB_ERR_CANNOT_CLAIM ||
+           result == GVUSB_ERR_BULK_TRANSFER || result == GVUSB_ERR_CONTROL_TRANSFER ||
+           result == GVUSB_ERR_CONFIG_DESCRIPTOR_READ;
+}
+
+static void scan_once(void) {
+    atomic_fetch_add(&scans, 1);
+    const int result = GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
+    if (result != 0 && result != GVUSB_ERR_NO_DEVICE_FOUND) {
+        note_problem("a scan", result);
+    }
+}
+
+static void use_reader(int reader) {
+    const int handle = GVUSB_OpenDevice(reader_id(reader));
+    if (handle < 0) {
+        if (handle != GVUSB_ERR_NOT_SCANNED && handle != GVUSB_ERR_CANNOT_OPEN &&
+            handle != GVUSB_ERR_CONFIG_DESCRIPTOR_READ) {
+            note_problem("opening", handle);
+        }
+        return;
+    }
+    const int result = exchange(handle);
+    if (!may_happen(result)) {
+        note_problem("an exchange", result);
+    }
+    const int closed = GVUSB_CloseDevice(handle);
+    if (closed != 0 && closed != GVUSB_ERR_HANDLE_NOT_FOUND) {
+        note_problem("closing", closed);
+    }
+}
+
+static void* use_readers(void* argument) {
+    unsigned int random = *(const unsigned int*)argument;
+    while (atomic_load(&working)) {
+        random = random * 1103515245U + 12345U;
+        if (random >> 30 == 0) {
+            scan_once();
+        }
+        use_reader(2 + (int)((random >> 16) % (readers - 1)));
+        const int result = exchange(kept_handle);
+        if (!may_happen(result)) {
+            note_problem("an exchange with the reader that is kept", result);
+        }
+        if (GVUSB_GetDeviceHnd(reader_id(1)) != kept_handle) {
+            note_problem("the handle that is kept", GVUSB_GetDeviceHnd(reader_id(1)));
+        }
+    }
+    return NULL;
+}
+
+static int wanted_cycles(void) {
+    const char* text = getenv("GVUSB_TEST_CHURN");
+    return text != NULL ? atoi(text) : churn_cycles;
+}
+
+/*
+ * A reader that goes again in the very moment in which it is opened again stays closed under its handle, and
+ * says so. Whoever has the handle opens it as any closed reader, and has the same handle then.
+ */
+static void check_kept_reader(void) {
+    assert_int_equal(GVUSB_GetDeviceHnd(reader_id(1)), kept_handle);
+    const int result = exchange(kept_handle);
+    if (result == GVUSB_ERR_NOT_OPENED) {
+        assert_int_equal(GVUSB_CloseDevice(kept_handle), 0);
+        assert_int_equal(GVUSB_OpenDevice(reader_id(1)), kept_handle);
+    } else if (result <= 0) {
+        fail_msg("the reader that is kept answers with %d", result);
+    }
+    check_echo(kept_handle);
+}
+
+/* A poll that is under way ends a little later. */
+static bool has_files(void* count) {
+    return open_files() == *(const int*)count;
+}
+
+static bool has_returned_everything(void* reader) {
+    const int number = *(const int*)reader;
+    return host_count(number, "opens") == host_count(number, "closes");
+}
+
+static void NothingIsLostWhileReadersComeAndGo(void** state) {
+    static unsigned int seeds[2] = {1, 2};
+    pthread_t users[2];
+    forget_problems();
+    int files = open_files();
+    kept_handle = open_reader(reader_id(1));
+    atomic_store(&scans, 1);
+    forget_events();
+    assert_true(record_events());
+    atomic_store(&working, true);
+    for (int i = 0; i < 2; ++i) {
+        assert_int_equal(pthread_create(&users[i], NULL, use_readers, &seeds[i]), 0);
+    }
+    const int cycles = wanted_cycles();
+    for (int cycle = 0; cycle < cycles; ++cycle) {
+        const int reader = 1 + cycle % readers;
+        bus("unplug %d", reader);
+        bus("plug %d", reader);
+    }
+    atomic_store(&working, false);
+    pthread_join(users[0], NULL);
+    pthread_join(users[1], NULL);
+    check_no_problems();
+
+    /* Each scan begins a new count of reports; the first period began before it. */
+    assert_true(stop_recording());
+    for (int reader = 1; reader <= readers; ++reader) {
+        assert_in_range(events_about(GVUSB_EVENT_CONNECT, reader_id(reader)), 0, atomic_load(&scans) + 1);
+        assert_in_range(events_about(GVUSB_EVENT_DISCONNECT, reader_id(reader)), 0, atomic_load(&scans) + 1);
+    }
+    print_message("%d cycles, %d scans, %d events\n", cycles, atomic_load(&scans), event_count());
+
+    scan_until(readers);
+    check_kept_reader();
+    for (int reader = 2; reader <= readers; ++reader) {
+        check_echo(open_reader(reader_id(reader)));
+    }
+    for (int handle; (handle = GVUSB_GetDeviceList(0)) != 0;) {
+        assert_int_equal(GVUSB_CloseDevice(handle), 0);
+    }
+    GVUSB_ClearScanList();
+    assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1"), 0);
+    for (int reader = 1; reader <= readers; ++reader) {
+        assert_true(await(has_returned_everything, &reader, long_enough_ms));
+    }
+    assert_true(await(has_files, &files, long_enough_ms));
+}
+
+int main(int argc, char** argv) {
+    static const struct CMUnitTest tests[] = {
+        TEST_CASE(FourThreadsExchangeWhileOneScans),
+        TEST_CASE(ThreadsThatShareAReaderGetTheirOwnAnswers),
+        TEST_CASE(ThreadsOpenAndCloseDifferentReaders),
+        TEST_CASE(NothingIsLostWhileReadersComeAndGo),
+    };
+    return run_group("threads", tests, sizeof tests / sizeof *tests, argc, argv);
+}
