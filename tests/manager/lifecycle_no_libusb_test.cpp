@@ -30,14 +30,24 @@ protected:
     static void expectNoMisuse() { EXPECT_THAT(fake::misuses(), IsEmpty()); }
 };
 
-class NoLibusbInModeTest : public NoLibusbTest, public testing::WithParamInterface<const char*> {};
+struct Mode {
+    const char* name;
+    const char* configuration;
+};
+
+class NoLibusbInModeTest : public NoLibusbTest, public testing::WithParamInterface<Mode> {
+protected:
+    static void loadWithout() { NoLibusbTest::loadWithout(GetParam().configuration); }
+};
 
 INSTANTIATE_TEST_SUITE_P(Modes, NoLibusbInModeTest,
-                         testing::Values("gvusb_hotplug=0", "gvusb_hotplug=1", "gvusb_hotplug=2",
-                                         "nopnp libusb_debuglevel=4"));
+                         testing::Values(Mode{"Off", "gvusb_hotplug=0"}, Mode{"Polling", "gvusb_hotplug=1"},
+                                         Mode{"Callbacks", "gvusb_hotplug=2"},
+                                         Mode{"NoPnp", "nopnp libusb_debuglevel=4"}),
+                         [](const auto& each) { return std::string(each.param.name); });
 
 TEST_P(NoLibusbInModeTest, LoadingAsksOnlyWhatNeedsNoContext) {
-    loadWithout(GetParam());
+    loadWithout();
     EXPECT_THAT(fake::takeCalls(),
                 ElementsAre("libusb_init(default) = -99", "libusb_get_version()",
                             "libusb_has_capability(0) = 1", "libusb_has_capability(1) = 1"));
@@ -46,7 +56,7 @@ TEST_P(NoLibusbInModeTest, LoadingAsksOnlyWhatNeedsNoContext) {
 }
 
 TEST_P(NoLibusbInModeTest, ScansFindNothing) {
-    loadWithout(GetParam());
+    loadWithout();
     fake::takeCalls();
     EXPECT_EQ(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), -1112);
     EXPECT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), -1112);
@@ -58,7 +68,7 @@ TEST_P(NoLibusbInModeTest, ScansFindNothing) {
 }
 
 TEST_P(NoLibusbInModeTest, FunctionsOnReadersKnowNone) {
-    loadWithout(GetParam());
+    loadWithout();
     fake::takeCalls();
     unsigned char buffer[4] = {};
     char value[GVUSB_PARAMETER_SIZE] = {};
@@ -75,7 +85,7 @@ TEST_P(NoLibusbInModeTest, FunctionsOnReadersKnowNone) {
 }
 
 TEST_P(NoLibusbInModeTest, PollsDoNotAskLibusb) {
-    loadWithout(GetParam());
+    loadWithout();
     fake::takeCalls();
     g_GvUsbMan.UpdateDevices();
     EXPECT_THAT(fake::takeCalls(), IsEmpty());
@@ -83,7 +93,7 @@ TEST_P(NoLibusbInModeTest, PollsDoNotAskLibusb) {
 }
 
 TEST_P(NoLibusbInModeTest, UnloadingDoesNotLeaveWhatWasNotEntered) {
-    loadWithout(GetParam());
+    loadWithout();
     EXPECT_THAT(unload(), IsEmpty());
 }
 
