@@ -19,31 +19,31 @@
  * Return codes
  *   0 or a positive value (a count, a handle, a flag) is success; failures are the negative codes of enum
  *   GVUSB_ErrorCode. Two kinds of last error are kept: one for the whole process (the manager's), and one for
- * each open reader. GVUSB_GetLastError fetches either with its text. "Last error" below means the manager's.
+ *   each open reader. GVUSB_GetLastError fetches either with its text. "Last error" below is the manager's.
  *
  * Threads
  *   Every function may be called from any thread. Calls that reach readers are serialised: while one thread
- * waits for a reader's answer, the others wait for it. The last error is one number for the whole process, so
- * with several threads rely on the returned code, or on the reader's own last error. Loading and unloading
- * the library must not run at the same time as a call into it.
+ *   waits for a reader's answer, the others wait for it. The last error is one number for the whole process,
+ *   so with several threads rely on the returned code, or on the reader's own last error. Loading and
+ *   unloading the library must not run at the same time as a call into it.
  *
  * Start and end
  *   The library is ready as soon as it is loaded and cleans up when it is unloaded; there is no call for
- * either. It uses libusb's default context.
+ *   either. It uses libusb's default context.
  *
  * Configuration
  *   /etc/gavo/gvusb.conf is read once, at loading: at most its first 1023 bytes are searched for the keys
  *   "libusb_debuglevel=N", "gvusb_debuglevel=N", "gvusb_hotplug=M" (0 off, 1 polling, 2 libusb's hot-plug
- * callbacks), "gvusb_updaterate=MS" (milliseconds between two polls, at least 10) and "nopnp" (as mode 0).
+ *   callbacks), "gvusb_updaterate=MS" (milliseconds between two polls, at least 10) and "nopnp" (as mode 0).
  *
  * Debugging
  *   With a log level of 1 and more the library writes what it does to standard output: 1 tells what the
- * manager does, 2 adds the work on each reader with every byte that is exchanged, 3 adds what happens at each
- * poll.
+ *   manager does, 2 adds the work on each reader with every byte that is exchanged, 3 adds what happens at
+ *   each poll.
  *
  * Memory
  *   Callers own every buffer and record that they pass; the library keeps no pointer to them after the call.
- * Texts are zero-terminated 8-bit strings.
+ *   Texts are zero-terminated 8-bit strings.
  *
  * An exception crosses these functions only when memory runs out; every lock is released when it does.
  */
@@ -212,8 +212,7 @@ typedef char GVUSB_check_uiReserved2[offsetof(struct _GVUSB_EVENT_INIT, uiReserv
 typedef char GVUSB_check_cbFct[offsetof(struct _GVUSB_EVENT_INIT, cbFct) == 16 ? 1 : -1];
 typedef char GVUSB_check_event_init[sizeof(struct _GVUSB_EVENT_INIT) == 16 + sizeof(void*) ? 1 : -1];
 
-/* ---- Finding readers
- * ------------------------------------------------------------------------------------------- */
+/* Finding readers */
 
 /**
  * Finds the readers on the bus and puts them into the scan list, in the bus's order, in place of its former
@@ -237,7 +236,7 @@ int GVUSB_Scan(int scanOption, GVUSB_SCANSEARCH* search);
  * GVUSB_SCAN_FIRST and GVUSB_SCAN_NEXT.
  *
  * @return  with GVUSB_SCAN_ALL 0, or the code of the last reader that could not be opened (the others are
- * open); with GVUSB_SCAN_FIRST and GVUSB_SCAN_NEXT the handle, above 0; the codes of GVUSB_Scan and
+ *          open); with GVUSB_SCAN_FIRST and GVUSB_SCAN_NEXT the handle, above 0; the codes of GVUSB_Scan and
  *          GVUSB_OpenDevice otherwise
  *
  * Sets the last error to 0 or to the returned code. Any thread.
@@ -252,7 +251,7 @@ int GVUSB_ScanAndOpen(int scanOption, GVUSB_SCANSEARCH* search);
  * @param key    name of the parameter
  * @param value  gets the text; GVUSB_PARAMETER_SIZE bytes
  * @return  0; GVUSB_ERR_NULL_POINTER; GVUSB_NO_SCAN_LIST_ENTRY (positive) when there is no such entry; the
- * codes of GVUSB_GetDevicePara for a reader
+ *          codes of GVUSB_GetDevicePara for a reader
  *
  * Sets the last error to the returned value. Any thread.
  */
@@ -268,14 +267,13 @@ int GVUSB_GetScanListSize(void);
  */
 int GVUSB_ClearScanList(void);
 
-/* ---- Opening and closing
- * --------------------------------------------------------------------------------------- */
+/* Opening and closing */
 
 /**
  * Opens the first reader of the scan list that has this device ID. An open reader is left as it is.
  *
  * @return  the handle, above 0; GVUSB_ERR_NOT_SCANNED; GVUSB_ERR_CANNOT_OPEN (libusb refused: permissions,
- * say); GVUSB_ERR_CONFIG_DESCRIPTOR_READ; GVUSB_ERR_SET_CONFIGURATION
+ *          say); GVUSB_ERR_CONFIG_DESCRIPTOR_READ; GVUSB_ERR_SET_CONFIGURATION
  *
  * Sets the last error to 0 or to the returned code, but leaves it alone when the reader is open already. Any
  * thread.
@@ -296,7 +294,7 @@ int GVUSB_CloseDevice(int devHnd);
  * Asks an open reader for its device ID, to see whether it is still there.
  *
  * @return  1 when it answers, 0 when not; GVUSB_ERR_NEGATIVE_HANDLE; GVUSB_ERR_NULL_HANDLE;
- * GVUSB_ERR_HANDLE_NOT_FOUND
+ *          GVUSB_ERR_HANDLE_NOT_FOUND
  *
  * Sets the last error to 0 or to the returned code; the reader's own last error says GVUSB_ERR_NOT_PRESENT.
  * Any thread.
@@ -322,8 +320,7 @@ int GVUSB_GetDeviceList(int devHnd);
  */
 int GVUSB_GetDeviceHnd(unsigned int devId);
 
-/* ---- Exchanging frames
- * ----------------------------------------------------------------------------------------- */
+/* Exchanging frames */
 
 /**
  * Sends a frame and receives the answer; no other call reaches the reader between the two. A reader with a
@@ -338,16 +335,17 @@ int GVUSB_GetDeviceHnd(unsigned int devId);
  * @param reserved       ignored
  * @param sendData       the frame
  * @param sendLength     its length in bytes, at least 1; at most 4096 over control transfers (what libusb
- * takes)
+ *                       takes)
  * @param receiveBuffer  gets the answer; is filled with zeros before (over control transfers only its first
- * 4096 bytes)
+ *                       4096 bytes)
  * @param receiveSize    its size in bytes, at least 1; over control transfers at most 4096 bytes are received
  * @return  the number of bytes received, 0 included; or, in the order in which they are tested:
  *          GVUSB_ERR_NEGATIVE_HANDLE, GVUSB_ERR_NULL_HANDLE, GVUSB_ERR_NULL_POINTER, GVUSB_ERR_NO_SEND_DATA,
  *          GVUSB_ERR_RECEIVE_BUFFER_TOO_SMALL, GVUSB_ERR_HANDLE_NOT_FOUND, GVUSB_ERR_NOT_OPENED,
  *          GVUSB_ERR_UNKNOWN_INTERFACE; GVUSB_ERR_NO_CONFIGURATION, GVUSB_ERR_CONFIG_DESCRIPTOR_READ,
  *          GVUSB_ERR_CANNOT_CLAIM from the first transfer after opening; GVUSB_ERR_SEND_LENGTH;
- * GVUSB_ERR_TIMEOUT; GVUSB_ERR_NOT_PRESENT (unplugged); GVUSB_ERR_BULK_TRANSFER or GVUSB_ERR_CONTROL_TRANSFER
+ *          GVUSB_ERR_TIMEOUT; GVUSB_ERR_NOT_PRESENT (unplugged); GVUSB_ERR_BULK_TRANSFER or
+ *          GVUSB_ERR_CONTROL_TRANSFER
  *
  * Sets the last error to 0 or to the returned code, and so the reader's own. Any thread.
  */
@@ -365,12 +363,11 @@ int GVUSB_Transmit(int devHnd, const char* interfaceName, const unsigned char* d
  * Receives a frame. Arguments and codes as in GVUSB_Transceive.
  *
  * @return  the number of bytes received, 0 included; the last error is set to it too, unlike
- * GVUSB_Transceive's
+ *          GVUSB_Transceive's
  */
 int GVUSB_Receive(int devHnd, const char* interfaceName, unsigned char* buffer, unsigned int size);
 
-/* ---- Settings
- * -------------------------------------------------------------------------------------------------- */
+/* Settings */
 
 /**
  * Reads a parameter. Keys may be written in upper or lower case.
@@ -388,7 +385,7 @@ int GVUSB_Receive(int devHnd, const char* interfaceName, unsigned char* buffer, 
  * @param devHnd  handle of a reader; GVUSB_ALL_DEVICES for the first open one; GVUSB_DRIVER for the driver
  * @param key     name of the parameter
  * @param value   gets the text; GVUSB_PARAMETER_SIZE bytes, that are shown in the log as they are also after
- * a failure
+ *                a failure
  * @return  0; GVUSB_ERR_NEGATIVE_HANDLE (below -1); GVUSB_ERR_NULL_POINTER; GVUSB_ERR_EMPTY_DEVICE_LIST;
  *          GVUSB_ERR_HANDLE_NOT_FOUND; GVUSB_ERR_UNKNOWN_PARAMETER; GVUSB_ERR_NOT_OPENED;
  *          GVUSB_ERR_STRING_DESCRIPTOR_READ
@@ -400,10 +397,12 @@ int GVUSB_GetDevicePara(int devHnd, const char* key, char* value);
 /**
  * Changes a parameter. Keys may be written in upper or lower case.
  *
- *   of a reader      "TIMEOUT"       milliseconds that a transfer may take, in decimal, at least 1; 1000 at
- * first "RESETPIPE"     clears a halt of both bulk end points; the value is ignored "RESETDEVICE"   resets
- * the reader; the value is ignored of the driver    "HOTPLUG-UPDATERATE" microseconds between two polls, in
- * decimal, at least 10 "HOTPLUG-SUSPEND" "1" suspends polling, "0" goes on with it
+ *   of a reader      "TIMEOUT"             milliseconds that a transfer may take, in decimal, at least 1; it
+ *                                          is 1000 at first
+ *                    "RESETPIPE"           clears a halt of both bulk end points; the value is ignored
+ *                    "RESETDEVICE"         resets the reader; the value is ignored
+ *   of the driver    "HOTPLUG-UPDATERATE"  microseconds between two polls, in decimal, at least 10
+ *                    "HOTPLUG-SUSPEND"     "1" suspends polling, "0" goes on with it
  *
  * With GVUSB_ALL_DEVICES every open reader is changed, in order, until one refuses; when none is open nothing
  * happens and the last error, as it stands, is returned.
@@ -419,19 +418,46 @@ int GVUSB_GetDevicePara(int devHnd, const char* key, char* value);
  */
 int GVUSB_SetDevicePara(int devHnd, const char* key, const char* value);
 
-/* ---- Readers that come and go
- * ---------------------------------------------------------------------------------- */
+/*
+ * Readers that come and go
+ *
+ * How the library notices is the hot-plug mode, which the configuration file sets and "HOTPLUG-MODE" tells:
+ *
+ *   0  It does not; no handler is called.
+ *   1  A thread of the library polls the bus at the update rate. A connect event has the device ID, a
+ *      disconnect event the device ID and the handle. A reader of the scan list that comes back takes its old
+ *      place, is opened again if it was open, and keeps its handle; this is no event. Each device ID is
+ *      reported once per direction between two scans, so scan again to hear of it again. Where opening it
+ *      again fails, the handle stays and transfers answer GVUSB_ERR_NOT_OPENED: close the handle and open the
+ *      reader once more.
+ *   2  libusb reports to the library while it handles events, so some thread of the application has to drive
+ *      libusb_handle_events(NULL); transfers do so in passing. A connect event has the device ID; a
+ *      disconnect event has neither handle nor ID. Every one is reported, also of readers never scanned.
+ *      Nothing is put back in its place: scan. A program that drives libusb's events takes a reference of its
+ *      own to the default context, by libusb_init(NULL); without it the context would end under that thread
+ *      at unloading.
+ *
+ * What an event handler may do
+ *   Handlers run one at a time, in a thread of the library or, in mode 2, in the thread that libusb calls
+ *   back. Threads of the library have all signals blocked. No lock is held but that of the registrations, so
+ *   a handler may call every function of this header except GVUSB_AddEventHandler and GVUSB_DelEventHandler,
+ *   which would wait for ever. It may take its time, but until it returns no other event is reported and no
+ *   handler can be added or removed. It may end the process by exit(). It must not throw an exception and
+ *   must not unload the library.
+ *
+ * Where udev does not run, in many containers for one, libusb's view of the bus stays as it was when the
+ * library was loaded: readers that come later are not found, and nothing is ever reported, in any mode.
+ *
+ * To ask whether a reader is there, call GVUSB_IsDevicePresent. Reading the key "PRESENT" blocks for ever.
+ */
 
 /**
  * Registers an event handler. The same handler registered again for the same event is registered once.
  *
- * A handler may call every function of this header but GVUSB_AddEventHandler and GVUSB_DelEventHandler, which
- * wait for ever there.
- *
  * @param devHnd        0
  * @param registration  event and handler
  * @return  0; GVUSB_ERR_NULL_POINTER; GVUSB_ERR_UNSUPPORTED_OPTION (devHnd is not 0);
- * GVUSB_ERR_UNKNOWN_PARAMETER (uiCallbackType is not GVUSB_CALLBACK_FUNCTION)
+ *          GVUSB_ERR_UNKNOWN_PARAMETER (uiCallbackType is not GVUSB_CALLBACK_FUNCTION)
  *
  * Sets the last error to the returned code. Any thread; waits for handlers that are running.
  */
@@ -441,14 +467,13 @@ int GVUSB_AddEventHandler(int devHnd, GVUSB_EVENT_INIT* registration);
  * Removes an event handler: the registration with the same event and handler.
  *
  * @return  0; GVUSB_ERR_NULL_POINTER; GVUSB_ERR_UNSUPPORTED_OPTION (devHnd is not 0);
- * GVUSB_ERR_UNKNOWN_PARAMETER (there is no such registration)
+ *          GVUSB_ERR_UNKNOWN_PARAMETER (there is no such registration)
  *
  * Sets the last error to the returned code. Any thread; waits for handlers that are running.
  */
 int GVUSB_DelEventHandler(int devHnd, GVUSB_EVENT_INIT* registration);
 
-/* ---- Errors and versions
- * --------------------------------------------------------------------------------------- */
+/* Errors and versions */
 
 /**
  * Fetches a last error with its text. Reading the manager's last error clears it.
@@ -466,7 +491,7 @@ int GVUSB_GetLastError(int devHnd, int* code, char* text);
  * @param code  any number
  * @param text  gets the text; GVUSB_TEXT_SIZE bytes
  * @return  0; GVUSB_ERR_UNKNOWN_ERROR_CODE for a code without text, which gets "GVUSB: Unknown Error: 0x...
- * (...)"; GVUSB_ERR_NULL_POINTER
+ *          (...)"; GVUSB_ERR_NULL_POINTER
  *
  * Sets the last error to the returned code. Any thread.
  */
@@ -476,7 +501,7 @@ int GVUSB_GetErrorText(int code, char* text);
  * Tells the version of the library.
  *
  * @return  "07.01.00", the same pointer each time, owned by the library. Sets the last error to 0. Any
- * thread.
+ *          thread.
  */
 const char* GVUSB_GetDLLVersion(void);
 
