@@ -29,7 +29,8 @@
  *
  * Start and end
  *   The library is ready as soon as it is loaded and cleans up when it is unloaded; there is no call for
- *   either. It uses libusb's default context.
+ *   either. It uses libusb's default context. The readers stay with the process that loaded it: a forked
+ *   child must not call the library.
  *
  * Configuration
  *   /etc/gavo/gvusb.conf is read once, at loading: at most its first 1023 bytes are searched for the keys
@@ -172,18 +173,18 @@ enum {
  */
 struct _GVUSB_SCANSEARCH {
     int32_t mask;     /**< one of enum GVUSB_SearchMask; a mask without any of them matches no reader */
-    char famName[25]; /**< family name */
-    char devName[50]; /**< device name */
-    char devId[25]; /**< device ID in hexadecimal, "0x" may stand before it; any other text matches no reader
-                     */
+    char famName[25]; /**< family name; longer ones cannot be searched for */
+    char devName[50]; /**< device name; likewise */
+    char devId[25]; /**< device ID in hexadecimal, as scanf's "%x" reads it; without digits it matches none */
 };
 typedef struct _GVUSB_SCANSEARCH GVUSB_SCANSEARCH;
 
 /**
  * An event handler.
  *
- * @param iDevHnd  handle of the reader, 0 when it has or had none
- * @param uiDevId  device ID of the reader, 0 when it is not known
+ * @param iDevHnd  at a disconnect in mode 1 the reader's handle, which only means something if it was opened;
+ *                 otherwise 0
+ * @param uiDevId  device ID of the reader; 0 at a disconnect in mode 2, which does not tell it
  * @param pText    always an empty text
  */
 typedef void (*GVUSB_EventCallback)(int iDevHnd, unsigned int uiDevId, const char* pText);
@@ -270,7 +271,8 @@ int GVUSB_ClearScanList(void);
 /* Opening and closing */
 
 /**
- * Opens the first reader of the scan list that has this device ID. An open reader is left as it is.
+ * Opens the first reader of the scan list that has this device ID. An open reader is left as it is. A reader
+ * that is open but has left the scan list is not found; GVUSB_GetDeviceHnd finds it.
  *
  * @return  the handle, above 0; GVUSB_ERR_NOT_SCANNED; GVUSB_ERR_CANNOT_OPEN (libusb refused: permissions,
  *          say); GVUSB_ERR_CONFIG_DESCRIPTOR_READ; GVUSB_ERR_SET_CONFIGURATION
@@ -327,8 +329,10 @@ int GVUSB_GetDeviceHnd(unsigned int devId);
  * bulk IN and a bulk OUT end point on interface 0 is talked to over these, any other over vendor control
  * transfers. The first transfer after opening claims interface 0.
  *
- * Each of the two transfers may take as long as the reader's "TIMEOUT" says. An answer that comes after its
- * time-out stays with the reader and is received by the next call.
+ * Each of the two transfers may take as long as the reader's "TIMEOUT" says. What has arrived when the time
+ * is over is lost; an answer that comes later is received by the next call. A frame that is not taken in time
+ * over a bulk end point clears the halts of both. Let the buffer be large enough for any answer: a longer one
+ * fails.
  *
  * @param devHnd         handle of the reader
  * @param interfaceName  GVUSB_PROTOCOL
@@ -336,16 +340,18 @@ int GVUSB_GetDeviceHnd(unsigned int devId);
  * @param sendData       the frame
  * @param sendLength     its length in bytes, at least 1; at most 4096 over control transfers (what libusb
  *                       takes)
- * @param receiveBuffer  gets the answer; is filled with zeros before (over control transfers only its first
- *                       4096 bytes)
+ * @param receiveBuffer  gets the answer; is filled with zeros once the frame is sent (over control transfers
+ *                       only its first 4096 bytes)
  * @param receiveSize    its size in bytes, at least 1; over control transfers at most 4096 bytes are received
  * @return  the number of bytes received, 0 included; or, in the order in which they are tested:
  *          GVUSB_ERR_NEGATIVE_HANDLE, GVUSB_ERR_NULL_HANDLE, GVUSB_ERR_NULL_POINTER, GVUSB_ERR_NO_SEND_DATA,
  *          GVUSB_ERR_RECEIVE_BUFFER_TOO_SMALL, GVUSB_ERR_HANDLE_NOT_FOUND, GVUSB_ERR_NOT_OPENED,
  *          GVUSB_ERR_UNKNOWN_INTERFACE; GVUSB_ERR_NO_CONFIGURATION, GVUSB_ERR_CONFIG_DESCRIPTOR_READ,
- *          GVUSB_ERR_CANNOT_CLAIM from the first transfer after opening; GVUSB_ERR_SEND_LENGTH;
- *          GVUSB_ERR_TIMEOUT; GVUSB_ERR_NOT_PRESENT (unplugged); GVUSB_ERR_BULK_TRANSFER or
- *          GVUSB_ERR_CONTROL_TRANSFER
+ *          GVUSB_ERR_CANNOT_CLAIM from the first transfer after opening (close and open the reader then;
+ *          later transfers go on without the interface); GVUSB_ERR_SEND_LENGTH (over 65535 bytes by control
+ *          transfers, over 2147483647 by bulk); GVUSB_ERR_TIMEOUT; GVUSB_ERR_NOT_PRESENT (unplugged);
+ *          GVUSB_ERR_BULK_TRANSFER or GVUSB_ERR_CONTROL_TRANSFER (anything else, lengths that libusb does not
+ *          take included)
  *
  * Sets the last error to 0 or to the returned code, and so the reader's own. Any thread.
  */
@@ -384,8 +390,8 @@ int GVUSB_Receive(int devHnd, const char* interfaceName, unsigned char* buffer, 
  *
  * @param devHnd  handle of a reader; GVUSB_ALL_DEVICES for the first open one; GVUSB_DRIVER for the driver
  * @param key     name of the parameter
- * @param value   gets the text; GVUSB_PARAMETER_SIZE bytes, that are shown in the log as they are also after
- *                a failure
+ * @param value   gets the text; GVUSB_PARAMETER_SIZE bytes. Give it a text before: the log shows it also
+ *                after a failure, as it stands
  * @return  0; GVUSB_ERR_NEGATIVE_HANDLE (below -1); GVUSB_ERR_NULL_POINTER; GVUSB_ERR_EMPTY_DEVICE_LIST;
  *          GVUSB_ERR_HANDLE_NOT_FOUND; GVUSB_ERR_UNKNOWN_PARAMETER; GVUSB_ERR_NOT_OPENED;
  *          GVUSB_ERR_STRING_DESCRIPTOR_READ
@@ -439,11 +445,11 @@ int GVUSB_SetDevicePara(int devHnd, const char* key, const char* value);
  *
  * What an event handler may do
  *   Handlers run one at a time, in a thread of the library or, in mode 2, in the thread that libusb calls
- *   back. Threads of the library have all signals blocked. No lock is held but that of the registrations, so
- *   a handler may call every function of this header except GVUSB_AddEventHandler and GVUSB_DelEventHandler,
- *   which would wait for ever. It may take its time, but until it returns no other event is reported and no
- *   handler can be added or removed. It may end the process by exit(). It must not throw an exception and
- *   must not unload the library.
+ *   back. Threads of the library have the application's signals blocked, and a program that a handler starts
+ *   inherits that. No lock is held but that of the registrations, so a handler may call every function of
+ *   this header except GVUSB_AddEventHandler and GVUSB_DelEventHandler, which would wait for ever. It may take
+ *   its time, but until it returns no other event is reported and no handler can be added or removed. It may
+ *   end the process by exit(). It must not throw an exception and must not unload the library.
  *
  * Where udev does not run, in many containers for one, libusb's view of the bus stays as it was when the
  * library was loaded: readers that come later are not found, and nothing is ever reported, in any mode.
@@ -479,7 +485,7 @@ int GVUSB_DelEventHandler(int devHnd, GVUSB_EVENT_INIT* registration);
  * Fetches a last error with its text. Reading the manager's last error clears it.
  *
  * @param devHnd  0 for the manager's last error; a reader's handle for its own
- * @param code    gets the last error (GVUSB_ERR_HANDLE_NOT_FOUND for a handle that is not open)
+ * @param code    gets the last error (GVUSB_ERR_HANDLE_NOT_FOUND for a handle that is not open); not null
  * @param text    gets its text; GVUSB_TEXT_SIZE bytes
  * @return  what GVUSB_GetErrorText returns for the code. Sets the last error to it. Any thread.
  */

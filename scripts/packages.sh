@@ -3,8 +3,8 @@
 # What building the library, the virtual readers and the examples takes.
 build_packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev libumockdev-dev umockdev libcli11-dev)
 
-# What the tests take beyond that: clang for the sanitizers and its analyses.
-test_packages=(clang libclang-rt-14-dev clang-format libgtest-dev libgmock-dev libcmocka-dev gcovr git)
+# What the tests take beyond that: clang for its sanitizers and its analysis of locks, llvm to name functions in reports.
+test_packages=(clang libclang-rt-14-dev llvm clang-format libgtest-dev libgmock-dev libcmocka-dev gcovr git)
 
 install_missing() {
     local missing=() package

@@ -3,8 +3,7 @@
 
 #include <string_view>
 
-// Copies src to dst in upper case, ASCII letters only, whatever the process's locale. dst must be large
-// enough.
+// Copies src to dst, which must have room, in upper case: ASCII letters only, whatever the process's locale.
 void g_ToUpperString(const char* src, char* dst);
 
 // The upper-case form of a key. A key too long for the buffer is longer than any that exists and becomes an

@@ -1,5 +1,5 @@
-// A POSIX mutex with default attributes that clang's thread-safety analysis knows, and the scope that holds
-// it.
+// A POSIX mutex with default attributes that clang's thread-safety analysis knows, the scope that holds it, and
+// a condition to wait for under it.
 //
 // It has the size and layout of the pthread_mutex_t in it and is not recursive.
 #pragma once
@@ -50,8 +50,8 @@ private:
 // Something that threads wait for while they hold a mutex.
 class Condition {
 public:
+    // Never destroyed: that would wait for waiters, and in a forked child for copies of them.
     constexpr Condition() noexcept = default;
-    ~Condition() { pthread_cond_destroy(&m_condition); }
     Condition(const Condition&) = delete;
     Condition& operator=(const Condition&) = delete;
 

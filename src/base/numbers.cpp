@@ -1,7 +1,6 @@
 #include "base/numbers.h"
 
 #include <cstdio>
-#include <string>
 
 std::optional<std::uint32_t> unsignedNumber(const char* text) {
     unsigned long number = 0;
@@ -13,8 +12,11 @@ std::optional<std::uint32_t> unsignedNumber(const char* text) {
 }
 
 std::optional<std::uint32_t> hexadecimalNumber(std::string_view text) {
+    // Longer than any string descriptor and any text of a search record.
+    char terminated[256] = {};
+    text.copy(terminated, sizeof terminated - 1);
     unsigned int number = 0;
-    if (std::sscanf(std::string(text).c_str(), "%x", &number) != 1) {
+    if (std::sscanf(terminated, "%x", &number) != 1) {
         return std::nullopt;
     }
     return number;

@@ -1,4 +1,4 @@
-// Numbers in texts, read as C reads them; what does not fit saturates.
+// Numbers in texts, read as C reads them; decimal numbers that do not fit saturate.
 #pragma once
 
 #include <algorithm>

@@ -1,5 +1,4 @@
-// Access to plain members that several threads read and write without a lock: last errors, flags, rates, the
-// log level.
+// Access to plain values that several threads read and write without a lock: last errors, flags, rates.
 //
 // Such a value stands for itself; nothing else is published through it, so relaxed order is enough.
 #pragma once

@@ -1,5 +1,4 @@
-// GVDevice: one attached reader, with its libusb device, its identity and, while it is open, its libusb
-// handle.
+// GVDevice: one attached reader, with its libusb device, its identity and, while open, its libusb handle.
 //
 // Every operation on the reader takes the device's own mutex for its whole run, transfers included.
 // Construction, destruction, the IsDevice tests and GetUsbDevPtr take none: the manager serialises them with

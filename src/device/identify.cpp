@@ -55,8 +55,7 @@ int GVDevice::IdentifyDevice() {
     if (GVLOG_Level() > 1) {
         logLine("ident", "devName=", devName);
     }
-    // The message about the interface type has always named devName; whoever reads logs by program relies on
-    // it.
+    // It is the interface type that is read, but the message names devName, as programs that read logs expect.
     if (const int rc = readString(usbdev_hnd, StringIndex::interfaceType, intType); rc < 0) {
         return IdentificationFailed("devName", rc, GVUSB_ERR_STRING_DESCRIPTOR_READ);
     }

@@ -32,7 +32,7 @@ int GVDevice::GetDevicePara(const char* key, char* value) {
             return SetLastError(GVUSB_ERR_STRING_DESCRIPTOR_READ);
         }
     } else if (upperKey == "PRESENT") {
-        // Waits for ever: IsPresent takes the mutex that is held here. The key has always behaved so.
+        // Waits for ever: IsPresent takes the mutex that is held here. The key is kept as it is known.
         std::strcpy(value, IsPresent() ? "1" : "0");
     } else {
         return SetLastError(GVUSB_ERR_UNKNOWN_PARAMETER);

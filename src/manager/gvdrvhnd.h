@@ -4,10 +4,12 @@
 // One instance exists, g_GvUsbMan, from loading to unloading. Two mutexes guard it, always taken in this
 // order: the scan-list mutex, which keeps a scan and an update of the lists apart, and the device-list mutex,
 // which guards both lists and is held during all work on a reader. Event handlers run with neither of them
-// held, under g_MtxEvtInitAry. Members without a mutex are single values that any thread may read and write.
+// held, under g_MtxEvtInitAry. The other members are constant after construction, or single values that any
+// thread may read and write.
 #pragma once
 
 #include "base/mutex.h"
+#include "base/own_process.h"
 #include "base/relaxed.h"
 #include "gvusb.h"
 #include "manager/event_handlers.h"
@@ -127,6 +129,7 @@ public:
     bool m_bThreadStarted = false; // there is a thread to join
     Mutex m_mtxReported;           // innermost: nothing is called while it is held
     HotPlugQueue m_HotPlugQueue{&ReportQueued, this};
+    const OwnProcess m_Process;
 
 private:
     void ApplyDebugLevels();

@@ -23,6 +23,9 @@ void HotPlugQueue::Post(libusb_hotplug_event event, libusb_device* dev) noexcept
 }
 
 void HotPlugQueue::Stop() noexcept {
+    if (!m_process.isCurrent()) {
+        return;
+    }
     std::vector<Event> dropped;
     pthread_t thread = {};
     {
@@ -43,11 +46,12 @@ void HotPlugQueue::Stop() noexcept {
 void* HotPlugQueue::Run(void* queue) {
     HotPlugQueue& self = *static_cast<HotPlugQueue*>(queue);
     for (std::vector<Event> events = self.WaitForEvents(); !events.empty(); events = self.WaitForEvents()) {
-        for (const Event& next : events) {
+        for (Event& next : events) {
             if (self.IsStopped()) {
                 break;
             }
             self.m_reporter(self.m_context, next.event, next.device.get());
+            next.device.reset(); // the next events may be long in coming
         }
     }
     return nullptr;

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "base/mutex.h"
+#include "base/own_process.h"
 #include "base/usb_owners.h"
 
 #include <vector>
@@ -43,6 +44,7 @@ private:
     std::vector<Event> WaitForEvents() GVUSB_EXCLUDES(m_mutex);
     bool IsStopped() GVUSB_EXCLUDES(m_mutex);
 
+    const OwnProcess m_process;
     const Reporter m_reporter;
     void* const m_context;
     Mutex m_mutex;

@@ -66,14 +66,18 @@ GVDrvHnd::GVDrvHnd() {
 }
 
 GVDrvHnd::~GVDrvHnd() {
+    // A forked child that exits leaves the readers, which it shares with its parent, alone.
+    if (!m_Process.isCurrent()) {
+        return;
+    }
     if (GVLOG_Level() > 0) {
         logLine("exit", "cleaning up ...");
     }
     leaveEventHandlerForExit();
     StopThread();
     m_HotPlugQueue.Stop();
-    // Never unlocked: a scan that an application starts now, against all rules, waits instead of using what
-    // is going.
+    // Never unlocked: a scan that somebody starts while this runs, against all rules, waits instead of using
+    // what is going.
     m_mtxScanList.lock();
     if (m_iHotPlugMode == 2 && m_bLibUsbUsable) {
         libusb_hotplug_deregister_callback(nullptr, m_hCbConnect);

@@ -39,9 +39,9 @@ folder_gone() { [ ! -e "$1" ]; }
 
 # Starts a launcher whose program writes down its bus's folder and its own process ID; then waits for both.
 # Shells start background programs with SIGINT ignored, which would be passed on to the program.
-start_in_background() { # PROGRAM TEXT
+start_in_background() { # PROGRAM TEXT [WHAT IT DOES BEFORE IT TELLS THAT IT RUNS]
     rm -f "$scratch/folder"
-    env --default-signal=INT "$emulate" -- sh -c "echo \$\$ >'$scratch/program'; \
+    env --default-signal=INT "$emulate" -- sh -c "${2:-:}; echo \$\$ >'$scratch/program'; \
         echo \$GVUSB_EMULATE_FOLDER >'$scratch/folder.new'; mv '$scratch/folder.new' '$scratch/folder'; $1" &
     launcher=$!
     await test -e "$scratch/folder"
@@ -126,14 +126,14 @@ ends_by_signal() {
 }
 
 lets_program_end_in_its_own_way() {
-    start_in_background 'trap "exit 5" TERM; while :; do sleep 0.02; done'
+    start_in_background 'while :; do sleep 0.02; done' 'trap "exit 5" TERM'
     kill -TERM "$launcher"
     wait "$launcher"
     expect_equal "exit status" $? 5
 }
 
 second_signal_kills() {
-    start_in_background 'trap "touch '"'$scratch/asked'"'" TERM; while :; do sleep 0.02; done'
+    start_in_background 'while :; do sleep 0.02; done' 'trap "touch '"'$scratch/asked'"'" TERM'
     kill -TERM "$launcher"
     await test -e "$scratch/asked"
     process_gone "$program" && fail "ended by the first signal"

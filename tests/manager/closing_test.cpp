@@ -148,6 +148,20 @@ TEST_F(ClosingTest, LogTellsTheClosingAtItsLevels) {
     EXPECT_THAT(log.takeLines(), IsEmpty());
 }
 
+TEST_F(ClosingTest, RecordIsDestroyedBeforeTheLogSaysSo) {
+    openThree();
+    GVUSB_ClearScanList();
+    LogAt log(1);
+    fake::setHook([&](std::string_view function, std::string_view) {
+        if (function == "libusb_unref_device") {
+            EXPECT_THAT(log.takeLines(), IsEmpty());
+        }
+    });
+    EXPECT_EQ(GVUSB_CloseDevice(firstHandle), 0);
+    fake::setHook({});
+    EXPECT_EQ(log.takeLines().size(), 3u);
+}
+
 TEST_F(ClosingTest, LastReaderLeavesAnEmptyList) {
     fake::plug("dev1", fake::bulkReader("A1"));
     ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);

@@ -299,6 +299,20 @@ TEST_F(DiscoverTest, SecondReaderWithTheIdOfAnOpenOneReplacesIt) {
     }
 }
 
+TEST_F(DiscoverTest, OpenReadersWithTheSameIdBecomeOneRecord) {
+    fake::plug("dev1", fake::bulkReader("0"));
+    fake::plug("dev2", fake::bulkReader("0"));
+    ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
+    ASSERT_THAT(openHandlesInOrder(), ElementsAre(firstHandle, firstHandle + 1));
+    GVDevice* const first = deviceList().at(0);
+    EXPECT_EQ(scan(), 2);
+    EXPECT_THAT(scanList(), ElementsAre(first, nullptr));
+    EXPECT_THAT(deviceList(), ElementsAre(nullptr, first));
+    EXPECT_EQ(first->devHnd, firstHandle + 1);
+    EXPECT_EQ(GVUSB_IsDevicePresent(firstHandle + 1), 1);
+    EXPECT_EQ(fake::references("dev2"), 0);
+}
+
 TEST_F(DiscoverTest, DeviceIdIsReadThroughAShortLivedHandle) {
     libusb_device* const dev = fake::plug("dev1", fake::bulkReader("0x1a2B3c rest"));
     fake::takeCalls();

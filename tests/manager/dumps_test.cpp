@@ -72,7 +72,8 @@ TEST_F(DumpsTest, SearchFieldsThatAreFullEndWithTheField) {
     GVUSB_SCANSEARCH search = {};
     std::memset(search.famName, 'f', sizeof search.famName);
     std::memset(search.devName, 'd', sizeof search.devName);
-    EXPECT_THAT(searchLines(&search), ElementsAre("[search-opt] mask=0 devId=0x devName=" +
+    search.devId[0] = '1';
+    EXPECT_THAT(searchLines(&search), ElementsAre("[search-opt] mask=0 devId=0x1 devName=" +
                                                   std::string(50, 'd') + " famName=" + std::string(25, 'f')));
 }
 

@@ -5,11 +5,8 @@
 #include "manager_test.h"
 #include "mutex_probe.h"
 
-#include <chrono>
-#include <cstdlib>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -293,31 +290,6 @@ TEST_F(EventHandlersTest, OutOfMemoryLeavesTheListAsItWas) {
         }
     }
     EXPECT_EQ(registrations().size(), 10u);
-}
-
-using EventHandlersDeathTest = EventHandlersTest;
-
-// exit() unloads the library inside the handler, with the registrations locked by this very thread.
-TEST_F(EventHandlersDeathTest, HandlerMayEndTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            add(registration(1, [](int, unsigned int, const char*) { std::exit(7); }));
-            GVDrvHnd::ExecEventInitListCallbacks(1, 0, 0);
-        },
-        testing::ExitedWithCode(7), "");
-}
-
-TEST_F(EventHandlersDeathTest, HandlerThatTheWorkerRunsMayEndTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            restart("gvusb_updaterate=10");
-            add(registration(1, [](int, unsigned int, const char*) { std::exit(7); }));
-            fake_libusb::plug("dev1", fake_libusb::bulkReader());
-            std::this_thread::sleep_for(std::chrono::seconds(30));
-        },
-        testing::ExitedWithCode(7), "");
 }
 
 TEST_F(EventHandlersTest, LeavingAHandlerForExitLetsNoOtherRun) {

@@ -58,7 +58,7 @@ TEST_F(HotPlugCallbacksTest, ArrivalWithoutReadableDeviceIdIsIgnored) {
     fake::failNext("libusb_open", LIBUSB_ERROR_ACCESS);
     EXPECT_EQ(connect("dev1"), 0);
     for (const fake::FakeString& answer :
-         std::initializer_list<fake::FakeString>{LIBUSB_ERROR_BUSY, "", "none", "0"}) {
+         std::initializer_list<fake::FakeString>{LIBUSB_ERROR_IO, "", "none", "0"}) {
         fake::setString("dev1", 1, answer);
         EXPECT_EQ(connect("dev1"), 0);
     }
@@ -177,14 +177,27 @@ TEST_F(HotPlugCallbacksTest, WhatLibUsbDeliversInsideEventHandlingIsReportedInAn
 TEST_F(HotPlugCallbacksTest, WhereAnotherThreadHandlesEventsTheReportIsMadeApartToo) {
     fake::plug("dev1", fake::bulkReader("A1"));
     fake::setEventsHandled(true);
-    std::thread::id reporter;
-    const RecordedEvents registered([&] { reporter = std::this_thread::get_id(); });
+    const RecordedEvents registered(
+        [caller = std::this_thread::get_id()] { EXPECT_NE(std::this_thread::get_id(), caller); });
     EXPECT_EQ(connect("dev1"), 0);
     EXPECT_EQ(disconnect("dev1"), 0);
     waitForEvents(2);
     fake::setEventsHandled(false);
     EXPECT_THAT(events.take(), ElementsAre("connect hnd=0 id=a1", "disconnect hnd=0 id=0"));
     g_GvUsbMan.m_HotPlugQueue.Stop();
-    EXPECT_NE(reporter, std::this_thread::get_id());
     EXPECT_EQ(fake::references("dev1"), 0);
+}
+
+// As inside the event handling of an application that brought its own.
+TEST_F(HotPlugCallbacksTest, ArrivalThatIsTooBusyToBeReadIsReadAgainInAnotherThread) {
+    fake::plug("dev1", fake::bulkReader("A1"));
+    fake::setString("dev1", 1, LIBUSB_ERROR_BUSY);
+    fake::setHook([caller = std::this_thread::get_id()](std::string_view function, std::string_view) {
+        if (function == "libusb_open" && std::this_thread::get_id() != caller) {
+            fake::setString("dev1", 1, "A1");
+        }
+    });
+    EXPECT_EQ(connect("dev1"), 0);
+    waitForEvents(1);
+    EXPECT_THAT(events.take(), ElementsAre("connect hnd=0 id=a1"));
 }

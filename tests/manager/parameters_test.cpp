@@ -7,8 +7,6 @@
 #include "device/gvdevice.h"
 
 #include <climits>
-#include <cstring>
-#include <locale>
 
 #include <gmock/gmock.h>
 
@@ -306,10 +304,10 @@ TEST_F(ParametersTest, LogOfAFailureShowsTheValueAsItStands) {
 }
 
 TEST_F(ParametersTest, LogReadsNoFurtherThanTheValueBuffer) {
-    const auto buffer = std::make_unique<char[]>(GVUSB_PARAMETER_SIZE);
-    std::memset(buffer.get(), 'v', GVUSB_PARAMETER_SIZE);
+    std::string memory(GVUSB_PARAMETER_SIZE, 'v');
+    memory += "behind the buffer";
     LogAt log(1);
-    EXPECT_EQ(GVUSB_GetDevicePara(driver, "NONE", buffer.get()), -1150);
+    EXPECT_EQ(GVUSB_GetDevicePara(driver, "NONE", memory.data()), -1150);
     EXPECT_THAT(log.takeLines(), ElementsAre("[get device para] Hnd(0xffffffff) NONE = '" +
                                              std::string(256, 'v') + "' => rc=fffffb82"));
 }

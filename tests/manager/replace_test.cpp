@@ -219,6 +219,12 @@ TEST_F(ReplaceTest, NoRecordReplacesItself) {
     EXPECT_EQ(device->devHnd, oldHandle);
     EXPECT_THAT(fake::takeCalls(), IsEmpty());
     device->owner = false;
+
+    GVDevice* const closed = record("dev2", newHandle);
+    setScanList({closed});
+    replaceInScanList(closed, 0);
+    EXPECT_THAT(scanList(), ElementsAre(closed));
+    EXPECT_FALSE(isDestroyed("dev2"));
 }
 
 TEST_F(ReplaceTest, OfTwoEqualDeviceIdsOnlyTheFirstIsReplaced) {
@@ -235,20 +241,26 @@ TEST_F(ReplaceTest, OfTwoEqualDeviceIdsOnlyTheFirstIsReplaced) {
     EXPECT_EQ(second->devHnd, 23);
 }
 
-TEST_F(ReplaceTest, OtherOpenReaderWithTheSameIdKeepsItsHandleWhenItsScanEntryIsTakenOver) {
-    GVDevice* const first = record("dev1", oldHandle);
-    GVDevice* const second = record("dev3", 23);
-    open(first);
-    open(second);
-    setScanList({second});
-    setDeviceList({first, second});
-    GVDevice* const fresh = record("dev2", newHandle);
-    replaceInScanList(fresh, 0);
-    EXPECT_THAT(scanList(), ElementsAre(fresh));
-    EXPECT_THAT(deviceList(), ElementsAre(fresh, second));
-    EXPECT_FALSE(second->owner);
-    EXPECT_EQ(GVUSB_IsDevicePresent(23), 1);
-    expectConsistentLists({"dev1", "dev2", "dev3"});
+TEST_F(ReplaceTest, OtherListedReaderWithTheSameIdKeepsItsHandleWhenItsScanEntryIsTakenOver) {
+    for (const bool open_ : {true, false}) {
+        SCOPED_TRACE(open_);
+        reload();
+        GVDevice* const first = record("dev1", oldHandle);
+        GVDevice* const second = record("dev3", 23);
+        open(first);
+        if (open_) {
+            open(second);
+        }
+        setScanList({second});
+        setDeviceList({first, second});
+        GVDevice* const fresh = record("dev2", newHandle);
+        replaceInScanList(fresh, 0);
+        EXPECT_THAT(scanList(), ElementsAre(fresh));
+        EXPECT_THAT(deviceList(), ElementsAre(fresh, second));
+        EXPECT_FALSE(second->owner) << "it is the device list's alone now";
+        EXPECT_EQ(GVUSB_IsDevicePresent(23), open_ ? 1 : 0);
+        expectConsistentLists({"dev1", "dev2", "dev3"});
+    }
 }
 
 TEST_F(ReplaceTest, RecordThatTakesTheHandleOfItsTwinLeavesAHoleInItsOwnPlace) {

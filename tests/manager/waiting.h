@@ -1,0 +1,65 @@
+// Waiting for other threads, never for ever: a test that waits in vain fails instead of hanging.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <iterator>
+#include <thread>
+
+namespace waiting {
+
+inline void doze() {
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
+}
+
+// Whether the condition comes true within a time that only a hang exceeds.
+template <class Condition>
+bool eventually(Condition condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        doze();
+    }
+    return true;
+}
+
+// Holds up whoever passes until the test lets the next one through.
+class Turnstile {
+public:
+    void pass() {
+        const int number = ++arrived_;
+        eventually([&] { return allowed_ >= number; });
+    }
+
+    // Whether somebody stands at the turnstile.
+    bool isReached() {
+        return eventually([&] { return arrived_ > allowed_; });
+    }
+
+    void letOneThrough() { ++allowed_; }
+
+private:
+    std::atomic<int> arrived_ = 0;
+    std::atomic<int> allowed_ = 0;
+};
+
+// The threads of this process. One that has been joined may be seen for a moment longer.
+inline std::ptrdiff_t threads() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+inline std::ptrdiff_t settledThreads() {
+    std::ptrdiff_t before = -1;
+    std::ptrdiff_t now = threads();
+    while (now != before) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        before = now;
+        now = threads();
+    }
+    return now;
+}
+
+} // namespace waiting
