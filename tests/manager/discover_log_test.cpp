@@ -168,6 +168,19 @@ TEST_F(DiscoverLogTest, EachFailureToIdentifyShowsItsCode) {
     EXPECT_THAT(scanLines(1), ElementsAre("[scan] Identify return-code=-1168"));
 }
 
+TEST_F(DiscoverLogTest, ReaderThatCannotBeIdentifiedIsDestroyedBeforeTheLogSaysSo) {
+    fake::plug("dev1", fake::bulkReader("none"));
+    LogAt log(1);
+    fake::setHook([&](std::string_view function, std::string_view) {
+        if (function == "libusb_unref_device") {
+            EXPECT_THAT(log.takeLines(), testing::SizeIs(3));
+        }
+    });
+    EXPECT_EQ(g_GvUsbMan.DiscoverDevices(nullptr), 0);
+    fake::setHook({});
+    EXPECT_THAT(log.takeLines(), ElementsAre("[scan] Identify return-code=-1166", "[scan-list] no devices"));
+}
+
 TEST_F(DiscoverLogTest, ReplacementOfAnOpenReaderIsTold) {
     fake::plug("dev1", fake::bulkReader("A1"));
     ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);

@@ -90,14 +90,17 @@ TEST_F(HotPlugDeliveryTest, OutsideEventHandlingTheCallerReportsBeforeItReturns)
 
 TEST_F(HotPlugDeliveryTest, NeitherCallbackNorReportWaitsForTheLists) {
     RecordedEvents events;
-    const MutexLock scanning(g_GvUsbMan.m_mtxScanList);
-    const MutexLock working(g_GvUsbMan.m_mtxDevList);
-    auto delivery = std::async(std::launch::async, [] {
-        fake::fireArrived("dev1", inside);
-        fake::fireLeft("dev1", inside);
-    });
-    EXPECT_EQ(delivery.wait_for(std::chrono::seconds(5)), std::future_status::ready);
-    EXPECT_TRUE(come(events, 2));
+    std::future<void> delivery;
+    {
+        const MutexLock scanning(g_GvUsbMan.m_mtxScanList);
+        const MutexLock working(g_GvUsbMan.m_mtxDevList);
+        delivery = std::async(std::launch::async, [] {
+            fake::fireArrived("dev1", inside);
+            fake::fireLeft("dev1", inside);
+        });
+        EXPECT_EQ(delivery.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+        EXPECT_TRUE(come(events, 2));
+    }
 }
 
 TEST_F(HotPlugDeliveryTest, CallbackDoesNotWaitForAHandler) {
