@@ -58,10 +58,14 @@ std::ostream& operator<<(std::ostream& out, const Row& row) {
                << (row.open ? "Open" : "Closed");
 }
 
-class ReplaceByOldState : public ReplaceTest, public testing::WithParamInterface<Row> {
+// Whatever the old record's owner flag says, the lists that it stands in decide.
+class ReplaceByOldState : public ReplaceTest, public testing::WithParamInterface<std::tuple<Row, bool>> {
 protected:
+    static const Row& row() { return std::get<Row>(GetParam()); }
+
     // The old record, between others that have nothing to do with it.
-    static GVDevice* makeOld(const Row& row) {
+    static GVDevice* makeOld() {
+        const Row& row = ReplaceByOldState::row();
         GVDevice* const old = record("dev1", oldHandle);
         GVDevice* const other = record("dev8", 31, 0xB1);
         GVDevice* const otherOpen = record("dev9", 32, 0xB2);
@@ -69,7 +73,7 @@ protected:
         if (row.open) {
             open(old);
         }
-        old->owner = !row.listed;
+        old->owner = std::get<bool>(GetParam());
         setScanList(row.scanned ? Devices{other, old} : Devices{other});
         setDeviceList(row.listed ? Devices{otherOpen, nullptr, old} : Devices{otherOpen, nullptr});
         fake::takeCalls();
@@ -78,21 +82,25 @@ protected:
 };
 
 INSTANTIATE_TEST_SUITE_P(Rows, ReplaceByOldState,
-                         testing::Values(
-                             //  scanned listed open     replaced newOwner newOpen
-                             Row{true, true, true, /**/ true, false, true},    //
-                             Row{true, true, false, /**/ true, true, false},   //
-                             Row{true, false, true, /**/ false, true, false},  //
-                             Row{true, false, false, /**/ false, true, false}, //
-                             Row{false, true, true, /**/ true, false, true},   //
-                             Row{false, true, false, /**/ true, true, false}),
-                         [](const auto& row) { return testing::PrintToString(row.param); });
+                         testing::Combine(testing::Values(
+                                              //  scanned listed open     replaced newOwner newOpen
+                                              Row{true, true, true, /**/ true, false, true},    //
+                                              Row{true, true, false, /**/ true, true, false},   //
+                                              Row{true, false, true, /**/ false, true, false},  //
+                                              Row{true, false, false, /**/ false, true, false}, //
+                                              Row{false, true, true, /**/ true, false, true},   //
+                                              Row{false, true, false, /**/ true, true, false}),
+                                          testing::Bool()),
+                         [](const auto& each) {
+                             return testing::PrintToString(std::get<Row>(each.param)) +
+                                    (std::get<bool>(each.param) ? "OwnedByScanList" : "OwnedByDeviceList");
+                         });
 
 } // namespace
 
 TEST_P(ReplaceByOldState, DeviceListReplacementTakesPlaceHandleAndOpenState) {
-    const Row& row = GetParam();
-    GVDevice* const old = makeOld(row);
+    const Row& row = ReplaceByOldState::row();
+    GVDevice* const old = makeOld();
     GVDevice* const fresh = record("dev2", newHandle);
     EXPECT_EQ(replaceInDeviceList(fresh), row.replaced);
 
@@ -117,8 +125,8 @@ TEST_P(ReplaceByOldState, DeviceListReplacementTakesPlaceHandleAndOpenState) {
 }
 
 TEST_P(ReplaceByOldState, ScanListReplacementStandsInTheScanListInAnyCase) {
-    const Row& row = GetParam();
-    makeOld(row);
+    const Row& row = ReplaceByOldState::row();
+    makeOld();
     // Without an old entry there, the position is that of a hole.
     if (!row.scanned) {
         Devices devices = scanList();
