@@ -1,5 +1,8 @@
 # Installs Debian packages that are missing; sourced by the scripts beside it.
 
+# For build folders that do not exist yet; one that somebody has configured by hand keeps its generator.
+export CMAKE_GENERATOR=Ninja
+
 # What building the library, the virtual readers and the examples takes.
 build_packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev libumockdev-dev umockdev libcli11-dev)
 

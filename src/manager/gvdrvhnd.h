@@ -124,8 +124,8 @@ public:
     int m_iHotPlugMode = 1; // 0 off, 1 polling, 2 libusb's hot-plug callbacks; constant after construction
     libusb_hotplug_callback_handle m_hCbConnect = 0;
     libusb_hotplug_callback_handle m_hCbDisconnect = 0;
-    bool m_bLibUsbUsable =
-        false; // libusb has a default context; without one most of its functions must not be called
+    // Whether libusb has a default context; without one most of its functions must not be called.
+    bool m_bLibUsbUsable = false;
     bool m_bThreadStarted = false; // there is a thread to join
     Mutex m_mtxReported;           // innermost: nothing is called while it is held
     HotPlugQueue m_HotPlugQueue{&ReportQueued, this};
