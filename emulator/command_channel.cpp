@@ -150,7 +150,8 @@ std::string sendCommand(const std::string& path, std::string_view command) {
     if (descriptor < 0 ||
         ::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         const int error = errno;
-        ::close(descriptor);
+        if (descriptor >= 0)
+            ::close(descriptor);
         fail(error, path);
     }
     std::string line(command);

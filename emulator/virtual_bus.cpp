@@ -1,6 +1,7 @@
 #include "virtual_bus.h"
 
 #include "descriptors.h"
+#include "event_listeners.h"
 
 #include <algorithm>
 #include <array>
@@ -19,6 +20,9 @@ namespace {
 
 // How long an unplugged reader's node is kept for programs that were just opening it.
 constexpr std::chrono::seconds retirement(1);
+
+// How long a program may take no event before a plug or an unplug is refused.
+constexpr std::chrono::seconds patience(20);
 
 Time now() {
     return std::chrono::steady_clock::now();
@@ -120,6 +124,12 @@ std::size_t VirtualBus::add(ReaderDescription description) {
     return readers_.size();
 }
 
+// Before anything is changed, so that what is refused has not half happened.
+void VirtualBus::awaitListeners() const {
+    if (!waitForRoomAtListeners(root(), patience))
+        throw TextError("a program on the bus takes no events");
+}
+
 bool VirtualBus::plugged(std::size_t number) const {
     return readerNumber(number).node != nullptr;
 }
@@ -152,6 +162,7 @@ void VirtualBus::plug(std::size_t number) {
     Reader& reader = readerNumber(number);
     if (reader.node)
         throw TextError("reader " + std::to_string(number) + " is plugged");
+    awaitListeners();
     const ReaderDescription& description = reader.model.description();
     reader.address = freeAddress(description);
     {
@@ -206,6 +217,7 @@ void VirtualBus::unplug(std::size_t number) {
     Reader& reader = readerNumber(number);
     if (!reader.node)
         throw TextError("reader " + std::to_string(number) + " is not plugged");
+    awaitListeners();
     {
         const std::lock_guard lock(mutex_);
         reader.device->unplug();

@@ -56,7 +56,7 @@ public:
     std::size_t size() const { return readers_.size(); }
     bool plugged(std::size_t number) const;
 
-    // Throw TextError where the bus is full or the reader is already there, or not.
+    // Throw TextError where the bus is full, the reader is already there, or not, or a program takes no events.
     void plug(std::size_t number);
     void unplug(std::size_t number);
 
@@ -90,6 +90,7 @@ private:
     Reader& readerNumber(std::size_t number) const;
     static void deliver(Reader& reader);
     std::uint8_t freeAddress(const ReaderDescription& description);
+    void awaitListeners() const;
     std::filesystem::path refusalFile(const Reader& reader) const;
     void writeRefusal(const Reader& reader) const;
 

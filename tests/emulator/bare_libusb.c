@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdbool.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -633,6 +634,38 @@ static void opens_from_two_threads(void) {
     }
 }
 
+// More changes than a socket holds, while this program is stopped and takes none of them. What came and went
+// meanwhile nobody hears of; what is there in the end is found.
+static void finds_what_is_there_after_being_stopped(void) {
+    enum { replugs = 20 };
+    const pid_t self = getpid();
+    const pid_t child = fork();
+    if (child == 0) {
+        failures = 0;
+        kill(self, SIGSTOP);
+        if (fork() == 0) {
+            pause_for(500);
+            kill(self, SIGCONT);
+            _exit(0);
+        }
+        for (int i = 0; i < replugs; ++i) {
+            tell("unplug 1");
+            tell("plug 1");
+        }
+        _exit(failures);
+    }
+    int status = -1;
+    while (waitpid(child, &status, 0) < 0) {
+    }
+    expect("child's status", status, 0);
+    libusb_device_handle* handle = NULL;
+    for (const long end = milliseconds() + patience; handle == NULL && milliseconds() < end; pause_for(10)) {
+        handle = open_product(bulk_product);
+    }
+    expect("opened", handle != NULL, 1);
+    libusb_close(handle);
+}
+
 static const struct {
     const char* name;
     void (*run)(void);
@@ -658,6 +691,7 @@ static const struct {
     {"two_processes_hear_of_plugs", two_processes_hear_of_plugs},
     {"opens_many_readers", opens_many_readers},
     {"opens_from_two_threads", opens_from_two_threads},
+    {"finds_what_is_there_after_being_stopped", finds_what_is_there_after_being_stopped},
 };
 
 int main(int count, char** arguments) {
