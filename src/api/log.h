@@ -10,6 +10,7 @@
 #pragma once
 
 #include <locale>
+#include <new>
 #include <sstream>
 
 #include <sys/time.h>
@@ -21,11 +22,16 @@ void GVLOG_SetLevel(int level);
 int GVLOG_Level();
 void GVLOG_Msg(const char* tag, const char* text);
 
-// Streams the pieces into one message. std::hex holds to the end of the message; a null text ends it there.
+// Streams the pieces into one message. std::hex holds to the end of the message; a null text ends it there. A
+// message that there is no memory for is left out: what it tells of goes on, also where nothing may be thrown.
 template <class... Pieces>
 [[gnu::cold, gnu::noinline]] void logLine(const char* tag, const Pieces&... pieces) {
-    std::ostringstream message;
-    message.imbue(std::locale::classic());
-    (message << ... << pieces);
-    GVLOG_Msg(tag, message.str().c_str());
+    try {
+        std::ostringstream message;
+        message.imbue(std::locale::classic());
+        (message << ... << pieces);
+        GVLOG_Msg(tag, message.str().c_str());
+    } catch (const std::bad_alloc&) {
+        return;
+    }
 }

@@ -1,0 +1,202 @@
+// The poll and libusb's two callbacks. They return nothing and leave the last error alone; what counts is what they
+// report and how the lists are afterwards.
+#include "expected_codes.h"
+#include "operations.h"
+#include "situations.h"
+
+#include "manager_lists.h"
+#include "waiting.h"
+
+#include <algorithm>
+
+namespace fake = fake_libusb;
+
+namespace failures {
+namespace {
+
+using Events = std::vector<std::string>;
+
+constexpr const char* callbackMode = "gvusb_hotplug=2";
+
+int poll() {
+    g_GvUsbMan.UpdateDevices();
+    return 0;
+}
+
+std::string disconnect(int devHnd, unsigned devId) {
+    return "disconnect hnd=" + manager_lists::hex(static_cast<unsigned>(devHnd)) +
+           " id=" + manager_lists::hex(devId);
+}
+
+std::string connect(unsigned devId) {
+    return "connect hnd=0 id=" + manager_lists::hex(devId);
+}
+
+Outcome reports(Events events) {
+    return {.lastError = earlierError, .events = std::move(events)};
+}
+
+void listening(void (*prepare)()) {
+    prepare();
+    listenForEvents();
+}
+
+// What a poll misses of the readers that are still there, from the given one on: it cannot tell them from those that
+// went.
+Events missed(const Failing& failing, int from = 0) {
+    Events events;
+    for (int i = from; i < 3; ++i) {
+        if (isMissed(failing, "dev" + std::to_string(i + 1))) {
+            events.push_back(disconnect(firstHandle + i, bulkId + static_cast<unsigned>(i)));
+        }
+    }
+    return events;
+}
+
+Events firstIsGone(const Failing& failing, int devHnd) {
+    Events events = missed(failing, 1);
+    events.insert(events.begin(), disconnect(devHnd, bulkId));
+    return events;
+}
+
+Outcome unchangedOf(const Failing& failing) {
+    return reports(missed(failing));
+}
+
+Outcome newcomerOf(const Failing& failing) {
+    Events events = missed(failing);
+    if (!staysUnidentified(failing, "dev5")) {
+        events.push_back(connect(newcomerId));
+    }
+    return reports(events);
+}
+
+void reportedNewcomer(const Events& events) {
+    EXPECT_NE(std::ranges::count(events, connect(newcomerId)), 0);
+}
+
+Outcome allNewOf(const Failing& failing) {
+    Events events;
+    for (unsigned i = 0; i < 3; ++i) {
+        if (!staysUnidentified(failing, "dev" + std::to_string(i + 1))) {
+            events.push_back(connect(bulkId + i));
+        }
+    }
+    return reports(events);
+}
+
+void reportedAllNew(const Events& events) {
+    for (const unsigned devId : {bulkId, kernelDriverId, controlId}) {
+        EXPECT_NE(std::ranges::count(events, connect(devId)), 0) << devId;
+    }
+}
+
+Outcome vanishedOf(const Failing& failing) {
+    return reports(firstIsGone(failing, firstHandle));
+}
+
+// A reader that came back counts as gone for this poll, whether its new record could take the old one's place or
+// not; only an open reader's handle goes over to the new record.
+Outcome reconnectedOf(const Failing& failing, bool wasOpen) {
+    const bool replaced = !staysUnidentified(failing, "dev4", 2);
+    return reports(firstIsGone(failing, replaced && !wasOpen ? firstHandle + 3 : firstHandle));
+}
+
+void recordIsRenewed(const Events& /*events*/) {
+    EXPECT_EQ(manager_lists::scanList().at(0)->usbdev, fake::device("dev4"));
+}
+
+// The callback may leave the report to another thread, which keeps the device until it is done.
+template <int (*fire)(std::string_view, fake::Delivery), fake::Delivery delivery>
+int deliver() {
+    EXPECT_EQ(fire("dev1", delivery), 1);
+    EXPECT_TRUE(waiting::eventually([] { return fake::references("dev1") == 0; }));
+    return 0;
+}
+
+bool cannotBeRead(const Failing& failing) {
+    return failing.fails("libusb_open") || failing.fails("libusb_get_string_descriptor_ascii");
+}
+
+Outcome queuedArrivalOf(const Failing& failing) {
+    return reports(cannotBeRead(failing) ? Events{} : Events{connect(bulkId)});
+}
+
+// A reader that is busy, as libusb says while it handles events, is read once more.
+Outcome arrivalOf(const Failing& failing) {
+    const bool readLater = failing.code() == LIBUSB_ERROR_BUSY && !failing.lasts();
+    return reports(cannotBeRead(failing) && !readLater ? Events{} : Events{connect(bulkId)});
+}
+
+Outcome departureOf(const Failing& /*failing*/) {
+    return reports({disconnect(0, 0)});
+}
+
+constexpr auto inside = fake::Delivery::insideEventHandling;
+constexpr auto outside = fake::Delivery::plain;
+
+} // namespace
+
+std::vector<Operation> hotPlugOperations() {
+    return {
+        {.name = "pollUnchanged",
+         .prepare = [] { listening(exchanging); },
+         .run = poll,
+         .outcome = unchangedOf},
+        {.name = "pollUnscanned",
+         .prepare = [] { listening(plugged); },
+         .run = poll,
+         .outcome = allNewOf,
+         .settled = reportedAllNew},
+        {.name = "pollArrival",
+         .prepare =
+             [] {
+                 listening([] {
+                     exchanging();
+                     plugNewcomer();
+                 });
+             },
+         .run = poll,
+         .outcome = newcomerOf,
+         .settled = reportedNewcomer},
+        {.name = "pollVanished", .prepare = [] { listening(unplugged); }, .run = poll, .outcome = vanishedOf},
+        {.name = "pollReconnectedClosed",
+         .prepare = [] { listening(closedReplugged); },
+         .run = poll,
+         .outcome = [](const Failing& failing) { return reconnectedOf(failing, false); },
+         .settled = recordIsRenewed},
+        {.name = "pollReconnectedOpen",
+         .prepare = [] { listening(openReplugged); },
+         .run = poll,
+         .outcome = [](const Failing& failing) { return reconnectedOf(failing, true); },
+         .settled = recordIsRenewed},
+        {.name = "arrival",
+         .prepare = [] { listening(plugged); },
+         .run = deliver<fake::fireArrived, outside>,
+         .outcome = arrivalOf,
+         .configuration = callbackMode,
+         .mayLoseEvents = true},
+        {.name = "arrivalInsideEventHandling",
+         .prepare = [] { listening(plugged); },
+         .run = deliver<fake::fireArrived, inside>,
+         .outcome = queuedArrivalOf,
+         .configuration = callbackMode,
+         .mayLoseEvents = true},
+        {.name = "departure",
+         .prepare = [] { listening(plugged); },
+         .run = deliver<fake::fireLeft, outside>,
+         .outcome = departureOf,
+         .configuration = callbackMode,
+         .callsLibusb = false,
+         .mayLoseEvents = true},
+        {.name = "departureInsideEventHandling",
+         .prepare = [] { listening(plugged); },
+         .run = deliver<fake::fireLeft, inside>,
+         .outcome = departureOf,
+         .configuration = callbackMode,
+         .callsLibusb = false,
+         .mayLoseEvents = true},
+    };
+}
+
+} // namespace failures

@@ -1,0 +1,50 @@
+// Every call into libusb that an operation makes fails once, with every code that libusb has.
+#include "sweep.h"
+#include "sweep_test.h"
+
+namespace {
+
+using namespace failures;
+
+class LibusbFailuresTest : public SweepTest<LibusbFailuresTest> {
+public:
+    static constexpr const char* name = "libusb";
+
+protected:
+    void SetUp() override {
+        const support::CapturedStdout output;
+        trace_ = callsOf(GetParam());
+    }
+
+    // Returns how many failures there were.
+    template <std::size_t count>
+    std::size_t sweep(const int (&codes)[count], Failing::Extent extent, int logLevel) const {
+        const support::CapturedStdout output;
+        for (std::size_t i = 0; i < trace_.size(); ++i) {
+            for (const int code : codes) {
+                runWithFailure(GetParam(), Failing(trace_, i, code, extent), i + 1, logLevel);
+            }
+        }
+        return trace_.size() * count;
+    }
+
+    Trace trace_;
+};
+
+} // namespace
+
+TEST_P(LibusbFailuresTest, EachCallMayFailWithEachCode) {
+    EXPECT_EQ(!trace_.empty(), GetParam().callsLibusb);
+    tell(sweep(everyCode, Failing::Extent::once, 0));
+}
+
+// As when the reader is pulled out, or libusb breaks down for good, in the middle.
+TEST_P(LibusbFailuresTest, AllCallsFromAnyOneOnMayFail) {
+    tell(sweep({LIBUSB_ERROR_NO_DEVICE}, Failing::Extent::fromThenOn, 0));
+}
+
+TEST_P(LibusbFailuresTest, LoggingMakesNoDifference) {
+    tell(sweep({LIBUSB_ERROR_IO}, Failing::Extent::once, 3));
+}
+
+INSTANTIATE_TEST_SUITE_P(EachOperation, LibusbFailuresTest, testing::ValuesIn(allOperations()), nameOf);
