@@ -38,3 +38,10 @@ if(GVUSB_COVERAGE)
     target_compile_options(gvusb_sanitizers INTERFACE --coverage -fprofile-update=atomic)
     target_link_options(gvusb_sanitizers INTERFACE --coverage)
 endif()
+
+# Where a fuzzer learns which paths an input takes: in the library and in what turns an input into calls, not in the
+# stand-ins. The fuzzer's main function is linked into the fuzz targets alone.
+add_library(gvusb_fuzzed INTERFACE)
+if(GVUSB_FUZZ)
+    target_compile_options(gvusb_fuzzed INTERFACE -fsanitize=fuzzer-no-link)
+endif()

@@ -31,6 +31,10 @@ namespace fake_libusb {
 // callbacks, say) stays usable, but leftovers() speaks only of what was taken since.
 void reset();
 
+// Forgets devices that are dead and handles that are closed. They are kept for a while so that their use is
+// known as such; from now on they are unknown pointers. For volume.
+void forgetDead();
+
 // The bus.
 
 // Plugs a device; it comes last in libusb_get_device_list. Names are unique among the devices that still

@@ -128,3 +128,18 @@ TEST_F(FakeAccountingTest, MillionsOfHandlesDoNotPileUp) {
     EXPECT_EQ(fake::references("dev3001"), 0);
     EXPECT_EQ(fake::leftovers(), "");
 }
+
+TEST_F(FakeAccountingTest, ForgetsTheDeadWhenAsked) {
+    libusb_device_handle* const closed = open(fake::plug("dev1", fake::bulkReader()));
+    libusb_close(closed);
+    fake::unplug("dev1");
+    libusb_device_handle* const held = open(fake::plug("dev2", fake::bulkReader()));
+    fake::unplug("dev2");
+    fake::forgetDead();
+    EXPECT_THROW(fake::references("dev1"), std::invalid_argument);
+    EXPECT_EQ(fake::openHandles("dev2"), 1) << "what is open lives";
+    libusb_close(held);
+    EXPECT_EQ(fake::misuses(), Lines());
+    libusb_close(closed);
+    EXPECT_EQ(fake::misuses().size(), 1U) << "an unknown pointer";
+}

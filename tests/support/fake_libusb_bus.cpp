@@ -131,4 +131,15 @@ void reset() {
     }
 }
 
+void forgetDead() {
+    Access all;
+    std::erase_if(all->devices, [&](const auto& device) {
+        return device->dead && all->knownDevices.erase(device.get()) > 0;
+    });
+    for (const libusb_device_handle* handle : all->closedHandles) {
+        all->handles.erase(handle);
+    }
+    all->closedHandles.clear();
+}
+
 } // namespace fake_libusb

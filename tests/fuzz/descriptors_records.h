@@ -1,0 +1,53 @@
+// What has to hold of the manager's records at any time.
+#pragma once
+
+#include "device/gvdevice.h"
+#include "expect.h"
+#include "fake_libusb.h"
+#include "manager/gvdrvhnd.h"
+#include "manager/open_device.h"
+
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace fuzz {
+
+inline bool isTerminated(const char (&text)[256]) {
+    return std::memchr(text, 0, sizeof text) != nullptr;
+}
+
+inline void expectHeldByRecords(const std::string& name, const std::set<GVDevice*>& records) {
+    const libusb_device* const device = fake_libusb::device(name);
+    int references = 0;
+    int open = 0;
+    for (const GVDevice* const record : records) {
+        if (record->usbdev == device) {
+            ++references;
+            open += isOpen(*record) ? 1 : 0;
+        }
+    }
+    expect(fake_libusb::references(name) == references, "references are held by records");
+    expect(fake_libusb::openHandles(name) == open, "handles are held by records");
+}
+
+// Everything that is held of these devices is held by a record that stands in a list.
+inline void expectConsistentRecords(const std::vector<std::string>& deviceNames) {
+    const MutexLock lock(g_GvUsbMan.m_mtxDevList);
+    std::set<GVDevice*> records(g_GvUsbMan.m_ScanList.begin(), g_GvUsbMan.m_ScanList.end());
+    records.insert(g_GvUsbMan.m_DeviceList.begin(), g_GvUsbMan.m_DeviceList.end());
+    records.erase(nullptr);
+    std::set<int> handles;
+    for (const GVDevice* const record : records) {
+        expect(handles.insert(record->devHnd).second, "each record has a handle of its own");
+        expect(isTerminated(record->famName) && isTerminated(record->devName) &&
+                   isTerminated(record->intType),
+               "a record's texts are terminated");
+    }
+    for (const std::string& name : deviceNames) {
+        expectHeldByRecords(name, records);
+    }
+}
+
+} // namespace fuzz
