@@ -1,0 +1,66 @@
+#include "process_figures.h"
+
+#include <dirent.h>
+#include <malloc.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+static void read_status(pid_t process, struct process_figures* figures) {
+    char line[256];
+    snprintf(line, sizeof line, "/proc/%d/status", (int)process);
+    FILE* file = fopen(line, "re");
+    while (file != NULL && fgets(line, sizeof line, file) != NULL) {
+        if (strncmp(line, "VmRSS:", 6) == 0) {
+            figures->resident_kb = strtol(line + 6, NULL, 10);
+        } else if (strncmp(line, "Threads:", 8) == 0) {
+            figures->threads = strtol(line + 8, NULL, 10);
+        }
+    }
+    if (file != NULL) {
+        fclose(file);
+    }
+}
+
+static long count_descriptors(pid_t process) {
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%d/fd", (int)process);
+    DIR* folder = opendir(path);
+    if (folder == NULL) {
+        return 0;
+    }
+    long count = 0;
+    for (const struct dirent* entry; (entry = readdir(folder)) != NULL;) {
+        count += entry->d_name[0] != '.';
+    }
+    closedir(folder);
+    return process == getpid() ? count - 1 : count; /* without the one that reads the folder */
+}
+
+struct process_figures figures_of(pid_t process) {
+    struct process_figures figures = {0, 0, 0, 0};
+    read_status(process, &figures);
+    figures.descriptors = count_descriptors(process);
+    return figures;
+}
+
+struct process_figures own_figures(void) {
+    struct process_figures figures = figures_of(getpid());
+    figures.heap_bytes = (long)mallinfo2().uordblks;
+    return figures;
+}
+
+void add_memory_sample(struct memory_samples* samples) {
+    const struct process_figures figures = own_figures();
+    samples->resident_kb += (double)figures.resident_kb;
+    samples->heap_bytes += (double)figures.heap_bytes;
+    samples->count += 1;
+}
+
+double processor_seconds(void) {
+    struct timespec used;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return (double)used.tv_sec + (double)used.tv_nsec / 1e9;
+}
