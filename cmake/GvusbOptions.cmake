@@ -31,10 +31,6 @@ set(missing_for_tests)
 if(NOT GTest_FOUND OR NOT TARGET GTest::gmock)
     list(APPEND missing_for_tests libgtest-dev libgmock-dev)
 endif()
-find_package(cmocka QUIET)
-if(NOT cmocka_FOUND)
-    list(APPEND missing_for_tests libcmocka-dev)
-endif()
 
 # An option that is on by default exactly where nothing is missing, and a clear refusal where it is asked for without.
 # What is missing today is not remembered as the user's choice.
@@ -54,3 +50,10 @@ endfunction()
 gvusb_part(GVUSB_BUILD_EMULATOR "the virtual readers (gvusb-emulate)" "${missing_for_emulator}")
 gvusb_part(GVUSB_BUILD_TESTS "the tests" "${missing_for_tests}")
 gvusb_part(GVUSB_BUILD_EXAMPLES "the examples" "")
+if(GVUSB_BUILD_EMULATOR)
+    # The tests on virtual readers are programs in C.
+    find_package(cmocka QUIET)
+    if(NOT cmocka_FOUND)
+        list(APPEND missing_for_tests libcmocka-dev)
+    endif()
+endif()

@@ -36,3 +36,33 @@ install_missing() {
     fi
     rm -f "$log"
 }
+
+# unpack_missing ARCHITECTURE PACKAGE... unpacks packages of another architecture into build-packages/ARCHITECTURE. They
+# are not installed: that would take a second architecture into the system, and with it every library's version there
+# would have to be the one here.
+unpack_missing() {
+    local architecture=$1 root=$PWD/build-packages/$1
+    shift
+    if [ "$(cat "$root/unpacked" 2>/dev/null)" = "$*" ]; then
+        return
+    fi
+    echo "Unpacking for $architecture: $*"
+    rm -rf "$root"
+    mkdir -p "$root/apt/lists/partial" "$root/apt/archives/partial"
+    local apt=(apt-get -q -o "APT::Architecture=$architecture" -o "APT::Architectures=$architecture"
+        -o "Dir::State=$root/apt" -o Dir::State::status=/dev/null -o "Dir::Cache=$root/apt"
+        -o "APT::Sandbox::User=$(id -un)")
+    # A mirror may lack an index that is not needed here, so what counts is whether the packages come.
+    if ! { "${apt[@]}" update || true; (cd "$root/apt/archives" && "${apt[@]}" download "$@"); } \
+        >"$root/log" 2>&1; then
+        cat "$root/log" >&2
+        echo "The packages for $architecture could not be fetched." >&2
+        return 1
+    fi
+    local package
+    for package in "$root"/apt/archives/*.deb; do
+        dpkg-deb --extract "$package" "$root"
+    done
+    rm -rf "$root/apt"
+    echo "$*" >"$root/unpacked"
+}

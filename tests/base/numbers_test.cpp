@@ -92,6 +92,23 @@ TEST(UnsignedNumber, SaturatesWhatDoesNotFit) {
     }
 }
 
+// The conversion negates within an unsigned long; only what is left there is cut to 32 bits.
+TEST(UnsignedNumber, SignWrapsAroundTheWidthOfAnUnsignedLong) {
+    constexpr bool narrow = std::numeric_limits<unsigned long>::digits == 32;
+    const Row<std::uint32_t> rows[] = {
+        {"-0", 0},
+        {"-1", highestUnsigned},
+        {"-5", narrow ? 4294967291 : highestUnsigned},
+        {"-4294967290", narrow ? 6 : highestUnsigned},
+        {"-4294967296", highestUnsigned},
+        {"-18446744073709551606", narrow ? highestUnsigned : 10},
+        {"-99999999999999999999999", highestUnsigned},
+    };
+    for (const auto& [text, number] : rows) {
+        EXPECT_EQ(unsignedNumber(text), number) << text;
+    }
+}
+
 TEST(HexadecimalNumber, ReadsAsTheConversionForHexadecimalDoes) {
     const Row<std::uint32_t> rows[] = {
         {"1A2B3C", 0x1A2B3C},

@@ -41,7 +41,8 @@ bool takeWaking() {
 extern "C" int usleep(useconds_t microseconds) {
     if (!steered) {
         ++begun;
-        const timespec length = {microseconds / 1'000'000, microseconds % 1'000'000 * 1000L};
+        const timespec length = {static_cast<std::time_t>(microseconds / 1'000'000),
+                                 static_cast<long>(microseconds % 1'000'000) * 1000};
         return nanosleep(&length, nullptr);
     }
     {

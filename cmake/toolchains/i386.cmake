@@ -1,0 +1,6 @@
+# Builds for i386, whose programs run on amd64 as they are.
+set(architecture i386)
+set(compiler i686-linux-gnu)
+set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
+set(CMAKE_SYSTEM_PROCESSOR i686)
+include(${CMAKE_CURRENT_LIST_DIR}/debian.cmake)
