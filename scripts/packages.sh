@@ -6,8 +6,16 @@ export CMAKE_GENERATOR=Ninja
 # What building the library, the virtual readers and the examples takes.
 build_packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev libumockdev-dev umockdev libcli11-dev)
 
-# What the tests take beyond that: clang for its sanitizers and its analysis of locks, llvm to name functions in reports.
-test_packages=(clang libclang-rt-14-dev llvm clang-format libgtest-dev libgmock-dev libcmocka-dev gcovr git)
+# What the tests take beyond that: clang for its sanitizers and its analysis of locks, llvm to name functions in reports,
+# abigail-tools to compare the binary interface.
+test_packages=(clang libclang-rt-14-dev llvm clang-format libgtest-dev libgmock-dev libcmocka-dev gcovr git
+    abigail-tools)
+
+# What looking for mistakes without running anything takes beyond both; run-clang-tidy is a Python program.
+analysis_packages=(clang-tidy cppcheck gcc jq python3)
+
+# What building Debian packages and trying them takes beyond the first.
+packaging_packages=(blhc debhelper doxygen dpkg-dev git help2man lintian mmdebstrap python3)
 
 install_missing() {
     local missing=() package

@@ -74,7 +74,7 @@ bool GVDrvHnd::AddToEventInitList(_GVUSB_EVENT_INIT* registration) {
     copy->uiCallbackType = GVUSB_CALLBACK_FUNCTION;
     copy->cbFct = registration->cbFct;
     g_EvtInitAry.push_back(copy.get());
-    copy.release();
+    static_cast<void>(copy.release()); // the list has it
     return true;
 }
 

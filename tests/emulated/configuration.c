@@ -60,7 +60,8 @@ static const char* plain_log(void) {
     static char log[sizeof run.output];
     size_t length = 0;
     log[0] = '\0';
-    for (char* line = strtok(run.output, "\n"); line != NULL; line = strtok(NULL, "\n")) {
+    char* rest = NULL;
+    for (char* line = strtok_r(run.output, "\n", &rest); line != NULL; line = strtok_r(NULL, "\n", &rest)) {
         char text[8192];
         snprintf(text, sizeof text, "%s", after_stamp(line));
         replace_between(text, sizeof text, "usbDevPtr=", " ", "POINTER");
@@ -263,7 +264,7 @@ static void PollsComeAtTheUpdateRateAndReportEachReaderOnce(void** state) {
     while (first > run.output && first[-1] != '\n') {
         --first;
     }
-    const char* second = strstr(strchr(first, '\n'), "[thread] next update");
+    const char* second = strstr(first + strcspn(first, "\n"), "[thread] next update");
     assert_non_null(second);
     while (second[-1] != '\n') {
         --second;
