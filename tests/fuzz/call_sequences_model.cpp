@@ -111,7 +111,10 @@ void Model::followReader(OpenReader& known, const OpenReader& now, const Changes
     expect(now.usbDevice == known.usbDevice || changes.replaces, "an open reader is another device");
     const Device* const device = m_bus.find(now.usbDevice);
     expect(device != nullptr, "an open reader is no device");
-    expect(now.open || !known.open || (changes.replaces && (changes.mayFailToOpen || !device->opens)),
+    // Readers with one device ID replace each other in turn; one of them that cannot be opened closes the entry.
+    const bool oneDoesNotOpen = std::ranges::any_of(
+        m_bus.devices(), [&](const Device& other) { return !other.opens && other.identity() == now.devId; });
+    expect(now.open || !known.open || (changes.replaces && (changes.mayFailToOpen || oneDoesNotOpen)),
            "an open reader is closed");
     // Opening finds no reader with the device ID 0 among the open ones, so it opens a closed one again.
     expect(known.open || !now.open || (changes.opens && now.devId == 0), "a closed reader is open");

@@ -4,6 +4,7 @@
 #include "call_sequences_model.h"
 
 #include <cstdint>
+#include <mutex>
 #include <vector>
 
 namespace call_sequences {
@@ -19,6 +20,8 @@ struct Session {
     Bus bus;
     Model model{bus};
     std::size_t failingAllocation = 0; // of the next call, 0 for none
+    // Handlers may run in a thread of the library. Who holds this has the session, and the library, to itself.
+    std::mutex handlerTurn;
     bool inHandler = false;
     int handlerCalls = 0;
     Changes outerChanges;                     // of the step that runs handlers
