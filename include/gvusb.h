@@ -1,55 +1,74 @@
-/*
- * gvusb: find, open and talk to USB RFID readers.
+/**
+ * @mainpage gvusb
+ *
+ * Finds, opens and talks to USB RFID readers.
  *
  * A reader is found by a scan, which fills the scan list; opened by its device ID (or together with the
  * scan), which gives it a device handle; then frames are exchanged with it by that handle, until it is
  * closed.
  *
- * Functions by topic
- *   Finding readers       GVUSB_Scan, GVUSB_ScanAndOpen, GVUSB_GetScanListSize, GVUSB_GetScanListPara,
- *                         GVUSB_ClearScanList
- *   Opening and closing   GVUSB_OpenDevice, GVUSB_CloseDevice, GVUSB_IsDevicePresent, GVUSB_GetDeviceHnd,
- *                         GVUSB_GetDeviceList
- *   Exchanging frames     GVUSB_Transceive, GVUSB_Transmit, GVUSB_Receive
- *   Settings              GVUSB_GetDevicePara, GVUSB_SetDevicePara
- *   Readers that come and go
- *                         GVUSB_AddEventHandler, GVUSB_DelEventHandler
- *   Errors and versions   GVUSB_GetLastError, GVUSB_GetErrorText, GVUSB_GetDLLVersion, GVUSB_GetDrvVersion
+ * @section topics Functions by topic
  *
- * Return codes
- *   0 or a positive value (a count, a handle, a flag) is success; failures are the negative codes of enum
- *   GVUSB_ErrorCode. Two kinds of last error are kept: one for the whole process (the manager's), and one for
- *   each open reader. GVUSB_GetLastError fetches either with its text. "Last error" below is the manager's.
+ * - @ref finding "Finding readers": GVUSB_Scan, GVUSB_ScanAndOpen, GVUSB_GetScanListSize,
+ *   GVUSB_GetScanListPara, GVUSB_ClearScanList
+ * - @ref opening "Opening and closing": GVUSB_OpenDevice, GVUSB_CloseDevice, GVUSB_IsDevicePresent,
+ *   GVUSB_GetDeviceHnd, GVUSB_GetDeviceList
+ * - @ref frames "Exchanging frames": GVUSB_Transceive, GVUSB_Transmit, GVUSB_Receive
+ * - @ref settings "Settings": GVUSB_GetDevicePara, GVUSB_SetDevicePara
+ * - @ref events "Readers that come and go": GVUSB_AddEventHandler, GVUSB_DelEventHandler
+ * - @ref errors "Errors and versions": GVUSB_GetLastError, GVUSB_GetErrorText, GVUSB_GetDLLVersion,
+ *   GVUSB_GetDrvVersion
  *
- * Threads
- *   Every function may be called from any thread. Calls that reach readers are serialised: while one thread
- *   waits for a reader's answer, the others wait for it. The last error is one number for the whole process,
- *   so with several threads rely on the returned code, or on the reader's own last error. Loading and
- *   unloading the library must not run at the same time as a call into it.
+ * @section records Records
  *
- * Start and end
- *   The library is ready as soon as it is loaded and cleans up when it is unloaded; there is no call for
- *   either. It uses libusb's default context. The readers stay with the process that loaded it: a forked
- *   child must not call the library.
+ * GVUSB_SCANSEARCH says what a scan looks for, GVUSB_EVENT_INIT which function an event calls.
  *
- * Configuration
- *   /etc/gavo/gvusb.conf is read once, at loading: at most its first 1023 bytes are searched for the keys
- *   "libusb_debuglevel=N", "gvusb_debuglevel=N", "gvusb_hotplug=M" (0 off, 1 polling, 2 libusb's hot-plug
- *   callbacks), "gvusb_updaterate=MS" (milliseconds between two polls, at least 10) and "nopnp" (as mode 0).
+ * @section codes Return codes
  *
- * Debugging
- *   With a log level of 1 and more the library writes what it does to standard output: 1 tells what the
- *   manager does, 2 adds the work on each reader with every byte that is exchanged, 3 adds what happens at
- *   each poll.
+ * 0 or a positive value (a count, a handle, a flag) is success; failures are the negative codes of
+ * GVUSB_ErrorCode. Two kinds of last error are kept: one for the whole process (the manager's), and one for
+ * each open reader. GVUSB_GetLastError fetches either with its text. "Last error" below is the manager's.
  *
- * Memory
- *   Callers own every buffer and record that they pass; the library keeps no pointer to them after the call.
- *   Texts are zero-terminated 8-bit strings.
+ * @section threads Threads
  *
- * An exception crosses these functions only when memory runs out; every lock is released when it does.
+ * Every function may be called from any thread. Calls that reach readers are serialised: while one thread
+ * waits for a reader's answer, the others wait for it. The last error is one number for the whole process,
+ * so with several threads rely on the returned code, or on the reader's own last error. Loading and
+ * unloading the library must not run at the same time as a call into it.
+ *
+ * @section lifetime Start and end
+ *
+ * The library is ready as soon as it is loaded and cleans up when it is unloaded; there is no call for
+ * either. It uses libusb's default context. The readers stay with the process that loaded it: a forked
+ * child must not call the library.
+ *
+ * @section configuration Configuration
+ *
+ * /etc/gavo/gvusb.conf is read once, at loading: at most its first 1023 bytes are searched for the keys
+ * "libusb_debuglevel=N", "gvusb_debuglevel=N", "gvusb_hotplug=M" (0 off, 1 polling, 2 libusb's hot-plug
+ * callbacks), "gvusb_updaterate=MS" (milliseconds between two polls, at least 10) and "nopnp" (as mode 0).
+ *
+ * @section logging Logging
+ *
+ * With a log level of 1 and more the library writes what it does to standard output: 1 tells what the
+ * manager does, 2 adds the work on each reader with every byte that is exchanged, 3 adds what happens at
+ * each poll.
+ *
+ * @section memory Memory
+ *
+ * Callers own every buffer and record that they pass; the library keeps no pointer to them after the call.
+ * Texts are zero-terminated 8-bit strings. An exception crosses the functions only when memory runs out;
+ * every lock is released when it does.
+ *
+ * @section examples Examples
+ *
+ * list_readers.c, exchange_frame.c, handle_errors.c, many_readers.c, watch_readers.c,
+ * watch_readers_events.c; in Python python/gvusb.py.
  */
 #ifndef GVUSB_H
 #define GVUSB_H
+
+/** @file gvusb.h */
 
 #include <stddef.h>
 #include <stdint.h>
@@ -57,6 +76,11 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/**
+ * @defgroup types Codes, options and records
+ * @{
+ */
 
 /** Codes that the functions return and that GVUSB_GetLastError reports. */
 enum GVUSB_ErrorCode {
@@ -177,6 +201,7 @@ struct _GVUSB_SCANSEARCH {
     char devName[50]; /**< device name; likewise */
     char devId[25]; /**< device ID in hexadecimal, as scanf's "%x" reads it; without digits it matches none */
 };
+/** The search record under its usual name. */
 typedef struct _GVUSB_SCANSEARCH GVUSB_SCANSEARCH;
 
 /**
@@ -197,9 +222,11 @@ struct _GVUSB_EVENT_INIT {
     uint32_t uiReserved2;      /**< not read */
     GVUSB_EventCallback cbFct; /**< the handler; null is accepted and never fires */
 };
+/** The event registration under its usual name. */
 typedef struct _GVUSB_EVENT_INIT GVUSB_EVENT_INIT;
 
 /* The records' layouts are part of the binary interface; an array of size -1 does not compile. */
+/** @cond */
 typedef char GVUSB_check_int[sizeof(int) == 4 ? 1 : -1];
 typedef char GVUSB_check_mask[offsetof(struct _GVUSB_SCANSEARCH, mask) == 0 ? 1 : -1];
 typedef char GVUSB_check_famName[offsetof(struct _GVUSB_SCANSEARCH, famName) == 4 ? 1 : -1];
@@ -212,8 +239,14 @@ typedef char GVUSB_check_uiCallbackType[offsetof(struct _GVUSB_EVENT_INIT, uiCal
 typedef char GVUSB_check_uiReserved2[offsetof(struct _GVUSB_EVENT_INIT, uiReserved2) == 12 ? 1 : -1];
 typedef char GVUSB_check_cbFct[offsetof(struct _GVUSB_EVENT_INIT, cbFct) == 16 ? 1 : -1];
 typedef char GVUSB_check_event_init[sizeof(struct _GVUSB_EVENT_INIT) == 16 + sizeof(void*) ? 1 : -1];
+/** @endcond */
 
-/* Finding readers */
+/** @} */
+
+/**
+ * @defgroup finding Finding readers
+ * @{
+ */
 
 /**
  * Finds the readers on the bus and puts them into the scan list, in the bus's order, in place of its former
@@ -236,6 +269,8 @@ int GVUSB_Scan(int scanOption, GVUSB_SCANSEARCH* search);
  * Scans as GVUSB_Scan does and opens what was found: every reader with GVUSB_SCAN_ALL, the current entry with
  * GVUSB_SCAN_FIRST and GVUSB_SCAN_NEXT.
  *
+ * @param scanOption  as in GVUSB_Scan
+ * @param search      as in GVUSB_Scan
  * @return  with GVUSB_SCAN_ALL 0, or the code of the last reader that could not be opened (the others are
  *          open); with GVUSB_SCAN_FIRST and GVUSB_SCAN_NEXT the handle, above 0; the codes of GVUSB_Scan and
  *          GVUSB_OpenDevice otherwise
@@ -258,7 +293,11 @@ int GVUSB_ScanAndOpen(int scanOption, GVUSB_SCANSEARCH* search);
  */
 int GVUSB_GetScanListPara(int index, const char* key, char* value);
 
-/** Returns the number of entries of the scan list. Sets the last error to 0. Any thread. */
+/**
+ * Counts the readers that the last scan found.
+ *
+ * @return  the number of entries of the scan list; sets the last error to 0. Any thread.
+ */
 int GVUSB_GetScanListSize(void);
 
 /**
@@ -268,12 +307,18 @@ int GVUSB_GetScanListSize(void);
  */
 int GVUSB_ClearScanList(void);
 
-/* Opening and closing */
+/** @} */
+
+/**
+ * @defgroup opening Opening and closing
+ * @{
+ */
 
 /**
  * Opens the first reader of the scan list that has this device ID. An open reader is left as it is. A reader
  * that is open but has left the scan list is not found; GVUSB_GetDeviceHnd finds it.
  *
+ * @param devId  device ID, the number that "DEVICE-ID" gives in hexadecimal
  * @return  the handle, above 0; GVUSB_ERR_NOT_SCANNED; GVUSB_ERR_CANNOT_OPEN (libusb refused: permissions,
  *          say); GVUSB_ERR_CONFIG_DESCRIPTOR_READ; GVUSB_ERR_SET_CONFIGURATION
  *
@@ -286,6 +331,7 @@ int GVUSB_OpenDevice(unsigned int devId);
  * Closes a reader. Its handle is no longer valid; as long as the reader stands in the scan list it can be
  * opened again from there, and has its former handle then.
  *
+ * @param devHnd  handle of the reader
  * @return  0; GVUSB_ERR_NEGATIVE_HANDLE; GVUSB_ERR_NULL_HANDLE; GVUSB_ERR_HANDLE_NOT_FOUND
  *
  * Sets the last error to the returned code. Any thread; waits for a transfer in progress.
@@ -295,6 +341,7 @@ int GVUSB_CloseDevice(int devHnd);
 /**
  * Asks an open reader for its device ID, to see whether it is still there.
  *
+ * @param devHnd  handle of the reader
  * @return  1 when it answers, 0 when not; GVUSB_ERR_NEGATIVE_HANDLE; GVUSB_ERR_NULL_HANDLE;
  *          GVUSB_ERR_HANDLE_NOT_FOUND
  *
@@ -316,13 +363,19 @@ int GVUSB_GetDeviceList(int devHnd);
 /**
  * Looks the handle of an open reader up.
  *
+ * @param devId  device ID
  * @return  the handle, above 0; GVUSB_ERR_NOT_OPENED when no open reader has this device ID
  *
  * Sets the last error only on failure. Any thread.
  */
 int GVUSB_GetDeviceHnd(unsigned int devId);
 
-/* Exchanging frames */
+/** @} */
+
+/**
+ * @defgroup frames Exchanging frames
+ * @{
+ */
 
 /**
  * Sends a frame and receives the answer; no other call reaches the reader between the two. A reader with a
@@ -359,34 +412,49 @@ int GVUSB_Transceive(int devHnd, const char* interfaceName, int reserved, const 
                      unsigned int sendLength, unsigned char* receiveBuffer, unsigned int receiveSize);
 
 /**
- * Sends a frame. Arguments, codes and last errors as in GVUSB_Transceive.
+ * Sends a frame. Codes and last errors as in GVUSB_Transceive.
  *
+ * @param devHnd         handle of the reader
+ * @param interfaceName  GVUSB_PROTOCOL
+ * @param data           the frame
+ * @param length         its length in bytes, at least 1
  * @return  0 on success
  */
 int GVUSB_Transmit(int devHnd, const char* interfaceName, const unsigned char* data, unsigned int length);
 
 /**
- * Receives a frame. Arguments and codes as in GVUSB_Transceive.
+ * Receives a frame. Codes as in GVUSB_Transceive.
  *
+ * @param devHnd         handle of the reader
+ * @param interfaceName  GVUSB_PROTOCOL
+ * @param buffer         gets the frame; is filled with zeros first
+ * @param size           its size in bytes, at least 1; over control transfers at most 4096 bytes are received
  * @return  the number of bytes received, 0 included; the last error is set to it too, unlike
  *          GVUSB_Transceive's
  */
 int GVUSB_Receive(int devHnd, const char* interfaceName, unsigned char* buffer, unsigned int size);
 
-/* Settings */
+/** @} */
+
+/**
+ * @defgroup settings Settings
+ * @{
+ */
 
 /**
  * Reads a parameter. Keys may be written in upper or lower case.
  *
- *   of a reader      "TIMEOUT"       milliseconds that a transfer may take, in decimal
- *                    "DEVICEHND"     its handle in decimal, "0" while it is closed
- *                    "DEVICE-ID"     its device ID in hexadecimal, upper case, without prefix
- *                    "DEVICENAME", "FAMILYNAME", "INTERFACE"
- *                                    its device name, family name and interface type
- *                    "TYPENUMBER"    its type number, read from the reader, which must be open
- *                    "PRESENT"       do not use: blocks for ever, and with it every later call that reaches a
- *                                    reader; GVUSB_IsDevicePresent answers the question
- *   of the driver    "HOTPLUG-MODE"  0 off, 1 polling, 2 libusb's hot-plug callbacks
+ * Of a reader:
+ * - "TIMEOUT": milliseconds that a transfer may take, in decimal
+ * - "DEVICEHND": its handle in decimal, "0" while it is closed
+ * - "DEVICE-ID": its device ID in hexadecimal, upper case, without prefix
+ * - "DEVICENAME", "FAMILYNAME", "INTERFACE": its device name, family name and interface type
+ * - "TYPENUMBER": its type number, read from the reader, which must be open
+ * - "PRESENT": do not use; it blocks for ever, and with it every later call that reaches a reader.
+ *   GVUSB_IsDevicePresent answers the question.
+ *
+ * Of the driver:
+ * - "HOTPLUG-MODE": 0 off, 1 polling, 2 libusb's hot-plug callbacks
  *
  * @param devHnd  handle of a reader; GVUSB_ALL_DEVICES for the first open one; GVUSB_DRIVER for the driver
  * @param key     name of the parameter
@@ -403,12 +471,14 @@ int GVUSB_GetDevicePara(int devHnd, const char* key, char* value);
 /**
  * Changes a parameter. Keys may be written in upper or lower case.
  *
- *   of a reader      "TIMEOUT"             milliseconds that a transfer may take, in decimal, at least 1; it
- *                                          is 1000 at first
- *                    "RESETPIPE"           clears a halt of both bulk end points; the value is ignored
- *                    "RESETDEVICE"         resets the reader; the value is ignored
- *   of the driver    "HOTPLUG-UPDATERATE"  microseconds between two polls, in decimal, at least 10
- *                    "HOTPLUG-SUSPEND"     "1" suspends polling, "0" goes on with it
+ * Of a reader:
+ * - "TIMEOUT": milliseconds that a transfer may take, in decimal, at least 1; it is 1000 at first
+ * - "RESETPIPE": clears a halt of both bulk end points; the value is ignored
+ * - "RESETDEVICE": resets the reader; the value is ignored
+ *
+ * Of the driver:
+ * - "HOTPLUG-UPDATERATE": microseconds between two polls, in decimal, at least 10
+ * - "HOTPLUG-SUSPEND": "1" suspends polling, "0" goes on with it, or begins with it in a mode without polling
  *
  * With GVUSB_ALL_DEVICES every open reader is changed, in order, until one refuses; when none is open nothing
  * happens and the last error, as it stands, is returned.
@@ -424,37 +494,43 @@ int GVUSB_GetDevicePara(int devHnd, const char* key, char* value);
  */
 int GVUSB_SetDevicePara(int devHnd, const char* key, const char* value);
 
-/*
- * Readers that come and go
+/** @} */
+
+/**
+ * @defgroup events Readers that come and go
  *
  * How the library notices is the hot-plug mode, which the configuration file sets and "HOTPLUG-MODE" tells:
  *
- *   0  It does not; no handler is called.
- *   1  A thread of the library polls the bus at the update rate. A connect event has the device ID, a
- *      disconnect event the device ID and the handle. A reader of the scan list that comes back takes its old
- *      place, is opened again if it was open, and keeps its handle; this is no event. Each device ID is
- *      reported once per direction between two scans, so scan again to hear of it again. Where opening it
- *      again fails, the handle stays and transfers answer GVUSB_ERR_NOT_OPENED: close the handle and open the
- *      reader once more.
- *   2  libusb reports to the library while it handles events, so some thread of the application has to drive
- *      libusb_handle_events(NULL); transfers do so in passing. A connect event has the device ID; a
- *      disconnect event has neither handle nor ID. Every one is reported, also of readers never scanned.
- *      Nothing is put back in its place: scan. A program that drives libusb's events takes a reference of its
- *      own to the default context, by libusb_init(NULL); without it the context would end under that thread
- *      at unloading.
+ * - Mode 0: it does not; no handler is called.
+ * - Mode 1: a thread of the library polls the bus at the update rate. A connect event has the device ID, a
+ *   disconnect event the device ID and the handle. A reader of the scan list that comes back takes its old
+ *   place, is opened again if it was open, and keeps its handle; this is no event. Each device ID is
+ *   reported once per direction between two scans, so scan again to hear of it again. Where opening it
+ *   again fails, the handle stays and transfers answer GVUSB_ERR_NOT_OPENED: close the handle and open the
+ *   reader once more.
+ * - Mode 2: libusb reports to the library while it handles events, so some thread of the application has to
+ *   drive libusb_handle_events(NULL); transfers do so in passing. A connect event has the device ID; a
+ *   disconnect event has neither handle nor ID. Every one is reported, also of readers never scanned.
+ *   Nothing is put back in its place: scan. A program that drives libusb's events takes a reference of its
+ *   own to the default context, by libusb_init(NULL); without it the context would end under that thread
+ *   at unloading.
  *
- * What an event handler may do
- *   Handlers run one at a time, in a thread of the library or, in mode 2, in the thread that libusb calls
- *   back. Threads of the library have the application's signals blocked, and a program that a handler starts
- *   inherits that. No lock is held but that of the registrations, so a handler may call every function of
- *   this header except GVUSB_AddEventHandler and GVUSB_DelEventHandler, which would wait for ever. It may take
- *   its time, but until it returns no other event is reported and no handler can be added or removed. It may
- *   end the process by exit(). It must not throw an exception and must not unload the library.
+ * @par What an event handler may do
+ * Handlers run one at a time, in a thread of the library or, in mode 2, in the thread that libusb calls
+ * back. Threads of the library have the application's signals blocked, and a program that a handler starts
+ * inherits that. No lock is held but that of the registrations, so a handler may call every function of
+ * this header except GVUSB_AddEventHandler and GVUSB_DelEventHandler, which would wait for ever. It may take
+ * its time, but until it returns no other event is reported and no handler can be added or removed. It may
+ * end the process by exit(). It must not throw an exception and must not unload the library.
  *
+ * @par Without udev
  * Where udev does not run, in many containers for one, libusb's view of the bus stays as it was when the
  * library was loaded: readers that come later are not found, and nothing is ever reported, in any mode.
  *
+ * @par Asking
  * To ask whether a reader is there, call GVUSB_IsDevicePresent. Reading the key "PRESENT" blocks for ever.
+ *
+ * @{
  */
 
 /**
@@ -472,6 +548,8 @@ int GVUSB_AddEventHandler(int devHnd, GVUSB_EVENT_INIT* registration);
 /**
  * Removes an event handler: the registration with the same event and handler.
  *
+ * @param devHnd        0
+ * @param registration  event and handler, as they were registered
  * @return  0; GVUSB_ERR_NULL_POINTER; GVUSB_ERR_UNSUPPORTED_OPTION (devHnd is not 0);
  *          GVUSB_ERR_UNKNOWN_PARAMETER (there is no such registration)
  *
@@ -479,7 +557,12 @@ int GVUSB_AddEventHandler(int devHnd, GVUSB_EVENT_INIT* registration);
  */
 int GVUSB_DelEventHandler(int devHnd, GVUSB_EVENT_INIT* registration);
 
-/* Errors and versions */
+/** @} */
+
+/**
+ * @defgroup errors Errors and versions
+ * @{
+ */
 
 /**
  * Fetches a last error with its text. Reading the manager's last error clears it.
@@ -517,6 +600,8 @@ const char* GVUSB_GetDLLVersion(void);
  * @return  GVUSB_ERR_UNSUPPORTED_METHOD, and sets the last error to it. Any thread.
  */
 int GVUSB_GetDrvVersion(void);
+
+/** @} */
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,50 @@
+/*
+ * Sends one frame to a reader and prints the answer.
+ *
+ * usage: exchange_frame ID BYTE...     all in hexadecimal: exchange_frame 1A2B3C 02 00 07 FF 01
+ */
+#include <gvusb.h>
+
+#include <stdio.h>
+#include <stdlib.h>
+
+enum { MAX_FRAME = 4096 }; /* the longest that every reader takes, also one without bulk end points */
+
+static int fail(int code) {
+    char text[GVUSB_TEXT_SIZE];
+    GVUSB_GetErrorText(code, text);
+    fprintf(stderr, "%s\n", text);
+    return EXIT_FAILURE;
+}
+
+int main(int argc, char** argv) {
+    if (argc < 3 || argc - 2 > MAX_FRAME) {
+        fprintf(stderr, "usage: %s ID BYTE...\n", argv[0]);
+        return EXIT_FAILURE;
+    }
+    unsigned char frame[MAX_FRAME];
+    unsigned int length = 0;
+    for (int i = 2; i < argc; ++i) {
+        frame[length++] = (unsigned char)strtoul(argv[i], NULL, 16);
+    }
+
+    int code = GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
+    if (code != 0) {
+        return fail(code);
+    }
+    int handle = GVUSB_OpenDevice((unsigned int)strtoul(argv[1], NULL, 16));
+    if (handle < 0) {
+        return fail(handle);
+    }
+    unsigned char answer[MAX_FRAME];
+    int count = GVUSB_Transceive(handle, GVUSB_PROTOCOL, 0, frame, length, answer, sizeof answer);
+    GVUSB_CloseDevice(handle);
+    if (count < 0) {
+        return fail(count);
+    }
+    for (int i = 0; i < count; ++i) {
+        printf("%s%02X", i > 0 ? " " : "", answer[i]);
+    }
+    printf("\n");
+    return EXIT_SUCCESS;
+}

@@ -1,0 +1,90 @@
+/*
+ * Exchanges a frame every half second and overcomes what goes wrong: no answer in time, a reader that was
+ * pulled out and comes back, an end point that is halted.
+ *
+ * usage: handle_errors [EXCHANGES]
+ */
+#define _POSIX_C_SOURCE 199309L /* nanosleep */
+#include <gvusb.h>
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <time.h>
+
+enum { DEFAULT_EXCHANGES = 120, ANSWER_SIZE = 256 };
+
+static void sleep_ms(long ms) {
+    nanosleep(&(struct timespec){ms / 1000, ms % 1000 * 1000000L}, NULL);
+}
+
+/*
+ * After a time-out the answer may still be on its way, and the next exchange would take it for its own. So
+ * receive until nothing comes any more.
+ */
+static void drop_late_answer(int handle) {
+    unsigned char late[ANSWER_SIZE];
+    while (GVUSB_Receive(handle, GVUSB_PROTOCOL, late, sizeof late) > 0) {
+        puts("  a late answer was dropped");
+    }
+}
+
+/*
+ * A scan finds a reader that is back and puts it in its old place, open and with its handle; where the library
+ * polls, it has done so already.
+ */
+static void wait_for_reader(int handle) {
+    while (GVUSB_IsDevicePresent(handle) != 1) {
+        sleep_ms(500);
+        GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
+    }
+}
+
+/* What can be done about a failed exchange. Returns 0 to go on, or the code to give up with. */
+static int recover(int handle, int code) {
+    switch (code) {
+    case GVUSB_ERR_TIMEOUT:
+        drop_late_answer(handle);
+        return 0;
+    case GVUSB_ERR_BULK_TRANSFER: /* an end point may be halted */
+        return GVUSB_SetDevicePara(handle, "RESETPIPE", "");
+    case GVUSB_ERR_CONTROL_TRANSFER: /* the reader refused the frame; nothing is left to be cleared */
+        return 0;
+    case GVUSB_ERR_NOT_PRESENT:
+        puts("  waiting for the reader");
+        wait_for_reader(handle);
+        puts("  it is back");
+        return 0;
+    default: /* such as GVUSB_ERR_CANNOT_CLAIM, when another program has the reader */
+        return code;
+    }
+}
+
+int main(int argc, char** argv) {
+    static const unsigned char request[] = {0x02, 0x00, 0x07, 0xFF, 0x01};
+    int exchanges = argc > 1 ? atoi(argv[1]) : DEFAULT_EXCHANGES;
+    char text[GVUSB_TEXT_SIZE];
+    setvbuf(stdout, NULL, _IOLBF, 0);
+
+    int handle = GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, NULL);
+    int code = handle > 0 ? 0 : handle;
+    for (int i = 1; i <= exchanges && code == 0; ++i) {
+        unsigned char answer[ANSWER_SIZE];
+        int count =
+            GVUSB_Transceive(handle, GVUSB_PROTOCOL, 0, request, sizeof request, answer, sizeof answer);
+        if (count >= 0) {
+            printf("exchange %d: %d bytes\n", i, count);
+        } else {
+            GVUSB_GetErrorText(count, text);
+            printf("exchange %d: %s\n", i, text);
+            code = recover(handle, count);
+        }
+        sleep_ms(500);
+    }
+    if (code != 0) {
+        GVUSB_GetErrorText(code, text);
+        fprintf(stderr, "%s\n", text);
+        return EXIT_FAILURE;
+    }
+    GVUSB_CloseDevice(handle);
+    return EXIT_SUCCESS;
+}

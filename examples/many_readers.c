@@ -1,0 +1,81 @@
+/*
+ * Talks to every reader at once, each in a thread of its own.
+ *
+ * usage: many_readers [EXCHANGES]
+ *
+ * Every function of the library may be called from any thread. The library lets one exchange run at a time,
+ * so threads keep the readers' logic apart; they do not make the bus faster. A failed call tells its code by
+ * what it returns: the last error is one for the whole process and may be another thread's.
+ */
+#include <gvusb.h>
+
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+enum { MAX_READERS = 64, DEFAULT_EXCHANGES = 100 };
+
+struct reader {
+    pthread_t thread;
+    int handle;
+    int exchanges; /* to be made */
+    int answered;
+    int code; /* of the first failure, else 0 */
+};
+
+static void* talk(void* argument) {
+    static const unsigned char request[] = {0x02, 0x00, 0x07, 0xFF, 0x01};
+    struct reader* reader = argument;
+    while (reader->answered < reader->exchanges) {
+        unsigned char answer[256];
+        int count = GVUSB_Transceive(reader->handle, GVUSB_PROTOCOL, 0, request, sizeof request, answer,
+                                     sizeof answer);
+        if (count < 0) {
+            reader->code = count;
+            break;
+        }
+        ++reader->answered;
+    }
+    return NULL;
+}
+
+/* Tells how a reader did and closes it. Returns its code. */
+static int finish(const struct reader* reader) {
+    char id[GVUSB_PARAMETER_SIZE] = "";
+    char text[GVUSB_TEXT_SIZE] = "";
+    GVUSB_GetDevicePara(reader->handle, "DEVICE-ID", id);
+    GVUSB_GetErrorText(reader->code, text);
+    printf("%-8s  %d of %d frames answered, %s\n", id, reader->answered, reader->exchanges, text);
+    GVUSB_CloseDevice(reader->handle);
+    return reader->code;
+}
+
+int main(int argc, char** argv) {
+    int exchanges = argc > 1 ? atoi(argv[1]) : DEFAULT_EXCHANGES;
+    static struct reader readers[MAX_READERS];
+    int count = 0;
+
+    int code = GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, NULL);
+    if (code != 0) {
+        char text[GVUSB_TEXT_SIZE];
+        GVUSB_GetErrorText(code, text);
+        fprintf(stderr, "%s\n", text);
+        return EXIT_FAILURE;
+    }
+    for (int handle = GVUSB_GetDeviceList(0); handle != 0 && count < MAX_READERS;
+         handle = GVUSB_GetDeviceList(handle)) {
+        readers[count++] = (struct reader){.handle = handle, .exchanges = exchanges};
+    }
+    int started = 0;
+    while (started < count && pthread_create(&readers[started].thread, NULL, talk, &readers[started]) == 0) {
+        ++started;
+    }
+    int status = started == count ? EXIT_SUCCESS : EXIT_FAILURE;
+    for (int i = 0; i < started; ++i) {
+        pthread_join(readers[i].thread, NULL);
+        if (finish(&readers[i]) != 0) {
+            status = EXIT_FAILURE;
+        }
+    }
+    return status;
+}

@@ -1,0 +1,231 @@
+"""USB RFID readers from Python: the functions of libgvusb.so.7 by ctypes, under the same names.
+
+Functions return what the library returns, but a failure (a negative code) raises GvusbError. What C writes into
+a buffer of the caller's is returned: GVUSB_GetDevicePara gives the value, GVUSB_Receive the bytes.
+
+    import gvusb
+    handle = gvusb.GVUSB_ScanAndOpen(gvusb.GVUSB_SCAN_FIRST)
+    print(gvusb.GVUSB_Transceive(handle, bytes.fromhex("02 00 07 FF 01")).hex())
+    gvusb.GVUSB_CloseDevice(handle)
+
+Every function may be called from any thread. The environment variable GVUSB_LIBRARY names another file than the
+installed libgvusb.so.7.
+"""
+
+import ctypes
+import os
+
+GVUSB_PROTOCOL = "TESK-RCI2"
+
+GVUSB_SCAN_FIRST = 1
+GVUSB_SCAN_NEXT = 2
+GVUSB_SCAN_ALL = 3
+GVUSB_SCAN_SEARCH = 0x10000
+
+GVUSB_SEARCH_FAMILY_NAME = 0x1
+GVUSB_SEARCH_DEVICE_NAME = 0x2
+GVUSB_SEARCH_DEVICE_ID = 0x4
+
+GVUSB_DRIVER = -1
+GVUSB_ALL_DEVICES = 0
+
+GVUSB_EVENT_CONNECT = 1
+GVUSB_EVENT_DISCONNECT = 2
+
+GVUSB_ERR_NO_DEVICE_FOUND = -1112
+GVUSB_ERR_NO_CURRENT_ENTRY = -1115
+GVUSB_ERR_TIMEOUT = -1130
+GVUSB_ERR_NOT_PRESENT = -1137
+GVUSB_ERR_NOT_SCANNED = -1140
+GVUSB_ERR_CANNOT_OPEN = -1143
+GVUSB_ERR_NOT_OPENED = -1144
+GVUSB_ERR_CANNOT_CLAIM = -1145
+
+_CALLBACK_FUNCTION = 3
+_NO_SCAN_LIST_ENTRY = 1115  # positive, unlike every other failure
+_TEXT_SIZE = 57
+_PARAMETER_SIZE = 256
+
+
+class GVUSB_SCANSEARCH(ctypes.Structure):
+    """What a scan looks for: one of the GVUSB_SEARCH_... as mask, and the text that goes with it, as bytes."""
+
+    _fields_ = [
+        ("mask", ctypes.c_int32),
+        ("famName", ctypes.c_char * 25),
+        ("devName", ctypes.c_char * 50),
+        ("devId", ctypes.c_char * 25),
+    ]
+
+
+_Callback = ctypes.CFUNCTYPE(None, ctypes.c_int, ctypes.c_uint, ctypes.c_char_p)
+
+
+class GVUSB_EVENT_INIT(ctypes.Structure):
+    """An event handler: GVUSB_EVENT_INIT.of(GVUSB_EVENT_CONNECT, function(handle, device_id, text)).
+
+    The function runs in a thread of the library. Keep the record as long as it is registered.
+    """
+
+    _fields_ = [
+        ("uiEvent", ctypes.c_uint32),
+        ("uiReserved1", ctypes.c_uint32),
+        ("uiCallbackType", ctypes.c_uint32),
+        ("uiReserved2", ctypes.c_uint32),
+        ("cbFct", _Callback),
+    ]
+
+    @classmethod
+    def of(cls, event, function):
+        return cls(event, 0, _CALLBACK_FUNCTION, 0, _Callback(function))
+
+
+class GvusbError(Exception):
+    """A call failed: `code` is what it returned, the text is the library's."""
+
+    def __init__(self, code):
+        super().__init__(GVUSB_GetErrorText(code))
+        self.code = code
+
+
+_library = ctypes.CDLL(os.environ.get("GVUSB_LIBRARY", "libgvusb.so.7"))
+
+
+def _declare(name, *arguments, result=ctypes.c_int):
+    function = getattr(_library, name)
+    function.argtypes = arguments
+    function.restype = result
+    return function
+
+
+_int, _uint, _text = ctypes.c_int, ctypes.c_uint, ctypes.c_char_p
+_search, _event = ctypes.POINTER(GVUSB_SCANSEARCH), ctypes.POINTER(GVUSB_EVENT_INIT)
+
+_scan = _declare("GVUSB_Scan", _int, _search)
+_scan_and_open = _declare("GVUSB_ScanAndOpen", _int, _search)
+_get_scan_list_para = _declare("GVUSB_GetScanListPara", _int, _text, _text)
+_get_scan_list_size = _declare("GVUSB_GetScanListSize")
+_clear_scan_list = _declare("GVUSB_ClearScanList")
+_open_device = _declare("GVUSB_OpenDevice", _uint)
+_close_device = _declare("GVUSB_CloseDevice", _int)
+_is_device_present = _declare("GVUSB_IsDevicePresent", _int)
+_get_device_list = _declare("GVUSB_GetDeviceList", _int)
+_get_device_hnd = _declare("GVUSB_GetDeviceHnd", _uint)
+_transceive = _declare("GVUSB_Transceive", _int, _text, _int, _text, _uint, _text, _uint)
+_transmit = _declare("GVUSB_Transmit", _int, _text, _text, _uint)
+_receive = _declare("GVUSB_Receive", _int, _text, _text, _uint)
+_get_device_para = _declare("GVUSB_GetDevicePara", _int, _text, _text)
+_set_device_para = _declare("GVUSB_SetDevicePara", _int, _text, _text)
+_add_event_handler = _declare("GVUSB_AddEventHandler", _int, _event)
+_del_event_handler = _declare("GVUSB_DelEventHandler", _int, _event)
+_get_last_error = _declare("GVUSB_GetLastError", _int, ctypes.POINTER(_int), _text)
+_get_error_text = _declare("GVUSB_GetErrorText", _int, _text)
+_get_dll_version = _declare("GVUSB_GetDLLVersion", result=_text)
+_get_drv_version = _declare("GVUSB_GetDrvVersion")
+
+
+def _check(result):
+    if result < 0:
+        raise GvusbError(result)
+    return result
+
+
+def GVUSB_Scan(scan_option, search=None):
+    return _check(_scan(scan_option, search))
+
+
+def GVUSB_ScanAndOpen(scan_option, search=None):
+    return _check(_scan_and_open(scan_option, search))
+
+
+def GVUSB_GetScanListPara(index, key):
+    value = ctypes.create_string_buffer(_PARAMETER_SIZE)
+    if _check(_get_scan_list_para(index, key.encode(), value)) == _NO_SCAN_LIST_ENTRY:
+        raise IndexError(f"the scan list has no entry {index}")
+    return value.value.decode("latin-1")
+
+
+def GVUSB_GetScanListSize():
+    return _get_scan_list_size()
+
+
+def GVUSB_ClearScanList():
+    return _check(_clear_scan_list())
+
+
+def GVUSB_OpenDevice(device_id):
+    return _check(_open_device(device_id))
+
+
+def GVUSB_CloseDevice(handle):
+    return _check(_close_device(handle))
+
+
+def GVUSB_IsDevicePresent(handle):
+    return bool(_check(_is_device_present(handle)))
+
+
+def GVUSB_GetDeviceList(handle):
+    return _get_device_list(handle)
+
+
+def GVUSB_GetDeviceHnd(device_id):
+    return _check(_get_device_hnd(device_id))
+
+
+def GVUSB_Transceive(handle, frame, size=4096, interface_name=GVUSB_PROTOCOL):
+    """Sends a frame and returns the answer, which may have up to `size` bytes."""
+    answer = ctypes.create_string_buffer(size)
+    name = interface_name.encode()
+    count = _check(_transceive(handle, name, 0, frame, len(frame), answer, size))
+    return answer.raw[:count]
+
+
+def GVUSB_Transmit(handle, frame, interface_name=GVUSB_PROTOCOL):
+    return _check(_transmit(handle, interface_name.encode(), frame, len(frame)))
+
+
+def GVUSB_Receive(handle, size=4096, interface_name=GVUSB_PROTOCOL):
+    answer = ctypes.create_string_buffer(size)
+    count = _check(_receive(handle, interface_name.encode(), answer, size))
+    return answer.raw[:count]
+
+
+def GVUSB_GetDevicePara(handle, key):
+    value = ctypes.create_string_buffer(_PARAMETER_SIZE)
+    _check(_get_device_para(handle, key.encode(), value))
+    return value.value.decode("latin-1")
+
+
+def GVUSB_SetDevicePara(handle, key, value):
+    return _check(_set_device_para(handle, key.encode(), str(value).encode()))
+
+
+def GVUSB_AddEventHandler(handle, registration):
+    return _check(_add_event_handler(handle, registration))
+
+
+def GVUSB_DelEventHandler(handle, registration):
+    return _check(_del_event_handler(handle, registration))
+
+
+def GVUSB_GetLastError(handle):
+    """Returns the last error as (code, text)."""
+    code = ctypes.c_int()
+    text = ctypes.create_string_buffer(_TEXT_SIZE)
+    _get_last_error(handle, ctypes.byref(code), text)
+    return code.value, text.value.decode()
+
+
+def GVUSB_GetErrorText(code):
+    text = ctypes.create_string_buffer(_TEXT_SIZE)
+    _get_error_text(code, text)
+    return text.value.decode()
+
+
+def GVUSB_GetDLLVersion():
+    return _get_dll_version().decode()
+
+
+def GVUSB_GetDrvVersion():
+    return _check(_get_drv_version())

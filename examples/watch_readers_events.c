@@ -1,0 +1,88 @@
+/*
+ * Watches readers come and go in hot-plug mode 2, where libusb reports them while its events are handled. For
+ * programs that have an event loop anyway: this one is nothing but the loop.
+ *
+ * usage: watch_readers_events [SECONDS]
+ *
+ * /etc/gavo/gvusb.conf has to say gvusb_hotplug=2. In mode 1, the usual one, nobody has to handle events: see
+ * watch_readers.c.
+ */
+#define _POSIX_C_SOURCE 199309L /* clock_gettime */
+#include <gvusb.h>
+
+#include <libusb.h>
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+enum { DEFAULT_SECONDS = 60 };
+
+/* Handlers may run in another thread than main; printf is all that these two share with it. */
+static void on_connect(int handle, unsigned int id, const char* text) {
+    (void)handle;
+    (void)text;
+    printf("reader %X was connected\n", id);
+}
+
+/* libusb does not tell which one it was; GVUSB_IsDevicePresent tells it of each handle. */
+static void on_disconnect(int handle, unsigned int id, const char* text) {
+    (void)handle;
+    (void)id;
+    (void)text;
+    printf("a reader was disconnected\n");
+}
+
+static int fail(int code) {
+    char text[GVUSB_TEXT_SIZE];
+    GVUSB_GetErrorText(code, text);
+    fprintf(stderr, "%s\n", text);
+    return EXIT_FAILURE;
+}
+
+int main(int argc, char** argv) {
+    int seconds = argc > 1 ? atoi(argv[1]) : DEFAULT_SECONDS;
+    setvbuf(stdout, NULL, _IOLBF, 0);
+
+    char mode[GVUSB_PARAMETER_SIZE] = "";
+    int code = GVUSB_GetDevicePara(GVUSB_DRIVER, "HOTPLUG-MODE", mode);
+    if (code != 0) {
+        return fail(code);
+    }
+    if (strcmp(mode, "2") != 0) {
+        fprintf(stderr, "The hot-plug mode is %s; /etc/gavo/gvusb.conf has to say gvusb_hotplug=2.\n", mode);
+        return EXIT_FAILURE;
+    }
+
+    /* The library's context is libusb's default one. A reference of our own keeps it until main is over. */
+    if (libusb_init(NULL) != 0) {
+        fprintf(stderr, "libusb could not be started.\n");
+        return EXIT_FAILURE;
+    }
+    GVUSB_EVENT_INIT connect = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, on_connect};
+    GVUSB_EVENT_INIT disconnect = {GVUSB_EVENT_DISCONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, on_disconnect};
+    code = GVUSB_AddEventHandler(0, &connect);
+    if (code == 0) {
+        code = GVUSB_AddEventHandler(0, &disconnect);
+    }
+    if (code != 0) {
+        libusb_exit(NULL);
+        return fail(code);
+    }
+
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const time_t end = now.tv_sec + seconds;
+    while (now.tv_sec < end) {
+        struct timeval second = {1, 0};
+        libusb_handle_events_timeout(NULL, &second);
+        clock_gettime(CLOCK_MONOTONIC, &now);
+    }
+
+    /* Once they are removed no handler runs any more. */
+    GVUSB_DelEventHandler(0, &connect);
+    GVUSB_DelEventHandler(0, &disconnect);
+    libusb_exit(NULL);
+    return EXIT_SUCCESS;
+}

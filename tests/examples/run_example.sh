@@ -1,0 +1,150 @@
+#!/usr/bin/env bash
+# usage: run_example.sh CASE EXAMPLES_FOLDER LAUNCHER LIBRARY [PYTHON_FOLDER]
+# An example does on virtual readers what it is there to show. Each case is a function below.
+set -euo pipefail
+case=$1 examples=$2 launcher=$3 library=$4 python=${5:-}
+
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+
+fail() {
+    echo "$*" >&2
+    exit 1
+}
+
+expect_equal() {
+    [ "$1" = "$2" ] || fail "expected:"$'\n'"$2"$'\n'"but it was:"$'\n'"$1"
+}
+
+# on_bus LAUNCHER_OPTIONS... -- CASE_FUNCTION: runs the function in a shell on that bus.
+on_bus() {
+    local options=()
+    while [ "$1" != -- ]; do
+        options+=("$1")
+        shift
+    done
+    "$launcher" "${options[@]}" -- "$BASH" "${BASH_SOURCE[0]}" "$2" "$examples" "$launcher" "$library"
+}
+
+send() {
+    "$launcher" --send "$1" >/dev/null
+}
+
+# Starts an example whose output `await` reads.
+start() {
+    coproc example { "$@"; }
+}
+
+# Reads the example's output until all of these texts have come, in whatever order.
+await() {
+    local line text missing=("$@") rest
+    while [ ${#missing[@]} -gt 0 ]; do
+        IFS= read -r -t 30 -u "${example[0]}" line || fail "not printed: ${missing[*]}"
+        echo "$line"
+        rest=()
+        for text in "${missing[@]}"; do
+            [[ $line == *"$text"* ]] || rest+=("$text")
+        done
+        missing=("${rest[@]}")
+    done
+}
+
+lists_readers() {
+    expect_equal "$("$launcher" --reader 'id=12AB0,family=Gate,name=Gate reader' -- "$examples/list_readers")" \
+        "ID        Family            Name                      Interface
+12AB0     Gate              Gate reader               TESK-RCI2"
+}
+
+lists_no_reader() {
+    expect_equal "$("$launcher" --no-readers -- "$examples/list_readers")" "There is no reader on the bus."
+}
+
+exchanges_a_frame() {
+    expect_equal "$("$launcher" -- "$examples/exchange_frame" 1a2b3c 02 00 FF)" "02 00 FF"
+}
+
+says_why_no_frame_is_exchanged() {
+    local error status=0
+    error=$("$launcher" -- "$examples/exchange_frame" 77 02 2>&1) || status=$?
+    expect_equal "$status: $error" "1: GVUSB: (-1140) device not scanned"
+}
+
+talks_to_many_readers() {
+    local output
+    output=$("$launcher" --reader id=1,copies=8 -- "$examples/many_readers" 20)
+    echo "$output"
+    expect_equal "$(grep -c '20 of 20 frames answered, GVUSB: OK' <<<"$output")" 8
+}
+
+overcomes_errors() {
+    on_bus --reader id=1A2B3C -- overcomes_errors_on_bus
+}
+
+overcomes_errors_on_bus() {
+    start "$examples/handle_errors" 40
+    await "exchange 1: 5 bytes"
+    send "mute 1 in"
+    await "(-1130) timeout"
+    send "unmute 1 in"
+    await "5 bytes"
+    send "stall 1 out"
+    await "(-1139) bulk transfer error"
+    await "5 bytes"
+    send "unplug 1"
+    await "(-1137) device is not present"
+    await "waiting for the reader"
+    send "plug 1"
+    await "it is back"
+    await "5 bytes"
+    kill "$example_PID"
+}
+
+watches_by_polling() {
+    on_bus --reader id=1A2B3C -- watches_by_polling_on_bus
+}
+
+watches_by_polling_on_bus() {
+    start "$examples/watch_readers" 120
+    await "a frame was answered"
+    send "unplug 1"
+    await "event: reader 1A2B3C was disconnected" "the reader does not answer any more"
+    send "plug 1"
+    await "the reader is back"
+    await "a frame was answered"
+    send "plug id=2B0001"
+    await "event: reader 2B0001 was connected"
+    kill "$example_PID"
+}
+
+watches_by_libusb_events() {
+    echo "gvusb_hotplug=2" >"$folder/gvusb.conf"
+    on_bus --config "$folder/gvusb.conf" --reader id=1A2B3C -- watches_by_libusb_events_on_bus
+}
+
+watches_by_libusb_events_on_bus() {
+    start "$examples/watch_readers_events" 3
+
+    sleep 1 # it says nothing before the first event
+    send "plug id=2B0001"
+    await "reader 2B0001 was connected"
+    send "unplug 1"
+    await "a reader was disconnected"
+    wait "$example_PID"
+}
+
+says_which_mode_it_needs() {
+    local error status=0
+    error=$("$launcher" --no-config -- "$examples/watch_readers_events" 2>&1) || status=$?
+    expect_equal "$status: $error" \
+        "1: The hot-plug mode is 1; /etc/gavo/gvusb.conf has to say gvusb_hotplug=2."
+}
+
+exchanges_a_frame_from_python() {
+    export GVUSB_LIBRARY=$library PYTHONDONTWRITEBYTECODE=1
+    expect_equal "$("$launcher" --reader 'id=12AB0,name=Gate reader' -- "$python/exchange_frame.py")" \
+        "12AB0 Gate reader
+  sent     02 00 07 FF 01
+  received 02 00 07 FF 01"
+}
+
+"$case"
