@@ -4,7 +4,8 @@
 export CMAKE_GENERATOR=Ninja
 
 # What building the library, the virtual readers and the examples takes.
-build_packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev libumockdev-dev umockdev libcli11-dev)
+build_packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev libumockdev-dev umockdev libcli11-dev
+    nlohmann-json3-dev)
 
 # What the tests take beyond that: clang for its sanitizers and its analysis of locks, llvm to name functions in reports,
 # abigail-tools to compare the binary interface.

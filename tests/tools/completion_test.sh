@@ -1,0 +1,74 @@
+#!/usr/bin/env bash
+# Tests of the completion for bash.
+# shellcheck disable=SC1090
+export completion=$5
+source "$(dirname "$0")/testing.sh"
+
+# What completes the last of the words, one a line, sorted.
+complete_words() { # WORD...
+    COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)) COMPREPLY=()
+    _gvusb
+    printf '%s\n' "${COMPREPLY[@]}" | sort
+}
+
+expect_completion() { # WANTED WORD...
+    local wanted=$1
+    shift
+    expect_equal "the completion of '$*'" "$(complete_words "$gvusb" "$@" | paste -sd' ')" "$wanted"
+}
+
+completes_commands() {
+    source "$completion"
+    expect_completion '--help --version doctor explain get info list monitor send set' ''
+    expect_completion 'get' g
+    expect_completion 'send set' s
+    expect_completion '--version' --v
+}
+
+# The options of every command, as its help tells them.
+completes_every_option() {
+    source "$completion"
+    for command in list info get set send monitor explain doctor; do
+        options=$("$gvusb" "$command" --help | grep -o -e '^ *\(-h,\)*--[a-z-]*' | tr -d ' ' | sed 's/^-h,//' |
+            sort | paste -sd' ')
+        expect_completion "$options" "$command" --
+    done
+}
+
+completes_keys() {
+    source "$completion"
+    expect_completion 'HOTPLUG-MODE' get driver ''
+    expect_completion 'HOTPLUG-SUSPEND HOTPLUG-UPDATERATE' set driver ''
+    expect_completion 'DEVICE-ID DEVICEHND DEVICENAME FAMILYNAME INTERFACE PRESENT TIMEOUT TYPENUMBER' get A1 ''
+    expect_completion 'RESETDEVICE RESETPIPE TIMEOUT' set A1 ''
+    expect_completion 'TIMEOUT TYPENUMBER' get A1 T
+}
+
+completes_codes() {
+    source "$completion"
+    expect_completion '-1130 -1131 -1132 -1133 -1134 -1135 -1136 -1137 -1138 -1139' explain -113
+}
+
+completes_readers_on_the_bus() {
+    readers=(--reader 'id=A1,name=A reader with blanks' --reader id=B2 --reader id=B23)
+    shell_on_bus 'source "$completion"
+        ids() { COMP_WORDS=("$gvusb" "$@") COMP_CWORD=$#; COMPREPLY=(); _gvusb; printf "%s\n" "${COMPREPLY[@]}" | sort | paste -sd" "; }
+        ids info ""; ids send B; ids get ""; ids list --id B2; ids send b2; ids info --json ""'
+    expect_errors ''
+    expect_output 'A1 B2 B23
+B2 B23
+A1 B2 B23 driver
+B2 B23
+B2 B23
+A1 B2 B23'
+}
+
+is_quiet_without_readers() {
+    readers=(--no-readers)
+    shell_on_bus 'source "$completion"
+        COMP_WORDS=("$gvusb" info "") COMP_CWORD=2; _gvusb; echo "${#COMPREPLY[@]}"'
+    expect_errors ''
+    expect_output 0
+}
+
+run_case

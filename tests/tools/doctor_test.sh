@@ -1,0 +1,153 @@
+#!/usr/bin/env bash
+# Tests of `gvusb doctor`. Whether udev runs is played by a preload, for the emulated bus sends udev's events without it.
+source "$(dirname "$0")/testing.sh"
+
+doctor='LD_PRELOAD="$udev_preload:$LD_PRELOAD" "$gvusb" doctor'
+export GVUSB_TEST_UDEV=yes
+
+# Standard output in one line, so that sentences are found wherever they were broken.
+expect_sentence() { # PATTERN
+    tr -s ' \n' '  ' <"$scratch/output" | grep -q -e "$1" || fail "no '$1' in the output: $output"
+}
+
+finds_that_all_is_well() {
+    shell_on_bus "$doctor"
+    expect_status 0
+    expect_errors ''
+    expect_in_output '^ok       library         gvusb 07\.01\.00 (libusb 1\.0\.[0-9]*)$'
+    expect_in_output '^ok       udev            running$'
+    expect_in_output '^ok       bus 1 device 1  reader A1 (/dev/bus/usb/001/001)$'
+    expect_in_output '^ok       bus 1 device 2  reader B2 (/dev/bus/usb/001/002)$'
+    expect_equal "the last line" "$(tail -n 1 "$scratch/output")" 'All is well.'
+}
+
+shows_the_configuration() {
+    shell_on_bus "$doctor"
+    expect_sentence 'no /etc/gavo/gvusb.conf, so defaults hold; hot-plug mode 1: the library polls'
+    configure 'gvusb_debuglevel=0 gvusb_hotplug=2'
+    shell_on_bus "$doctor"
+    expect_status 0
+    expect_sentence '/etc/gavo/gvusb.conf: gvusb_debuglevel=0, gvusb_hotplug=2; hot-plug mode 2: libusb reports'
+    configure 'gvusb_updaterate=20 nopnp'
+    shell_on_bus "$doctor"
+    expect_sentence 'gvusb.conf: gvusb_updaterate=20, nopnp; hot-plug mode 0: nothing is reported'
+    configure 'empty, more or less'
+    shell_on_bus "$doctor"
+    expect_sentence 'gvusb.conf: no settings;'
+    configure "$(printf '%1024s' '') gvusb_hotplug=0"
+    shell_on_bus "$doctor"
+    expect_status 0
+    expect_sentence 'gvusb.conf: no settings; hot-plug mode 1'
+    expect_sentence 'note configuration only the first 1023 of its 1041 bytes are read'
+}
+
+finds_a_configuration_that_cannot_be_read() {
+    # A file that nobody may open, root included: a link that leads to itself.
+    ln -s loop "$scratch/loop"
+    shell_on_bus "GVUSB_EMULATE_CONFIG=\"\$scratch/loop\" $doctor"
+    expect_status 1
+    expect_sentence 'PROBLEM configuration /etc/gavo/gvusb.conf cannot be read: Too many levels'
+    expect_sentence ' sudo chmod a+r /etc/gavo/gvusb.conf'
+}
+
+finds_that_udev_does_not_run() {
+    GVUSB_TEST_UDEV=no shell_on_bus "$doctor"
+    expect_status 1
+    expect_sentence 'PROBLEM udev not running, so plugging and unplugging is never noticed'
+    expect_in_output '^            sudo systemctl start systemd-udevd$'
+    expect_equal "the last line" "$(tail -n 1 "$scratch/output")" '1 problem.'
+}
+
+finds_that_no_reader_is_there() {
+    readers=(--reader 'id=A1,vendor=0x1234' --reader 'id=B2,product=5')
+    shell_on_bus "$doctor"
+    expect_status 1
+    expect_sentence 'note devices [0-9a-f]*:0005 is of the vendor, but none of the readers'
+    expect_sentence 'PROBLEM readers no reader (USB vendor [0-9a-f]*) is on the bus'
+    expect_in_output '^            lsusb -d [0-9a-f]*:$'
+}
+
+finds_a_node_that_may_not_be_written() {
+    shell_on_bus "bus 'refuse 1 EACCES'; $doctor"
+    expect_status 1
+    expect_sentence 'PROBLEM bus 1 device 1 this user may not write to /dev/bus/usb/001/001'
+    expect_in_output 'into /etc/udev/rules.d/70-gvusb.rules:$'
+    expect_in_output '^            SUBSYSTEM=="usb", ATTR{idVendor}=="[0-9a-f]*", MODE="0660", GROUP="plugdev", TAG+="uaccess"$'
+    expect_in_output '^            sudo udevadm control --reload && sudo udevadm trigger --action=add --attr-match=idVendor=[0-9a-f]*$'
+    expect_in_output '^ok       bus 1 device 2  reader B2 '
+}
+
+finds_a_node_that_is_not_there() {
+    shell_on_bus "bus 'refuse 1 ENOENT'; $doctor"
+    expect_status 1
+    expect_sentence 'PROBLEM bus 1 device 1 /dev/bus/usb/001/001 cannot be opened: '
+    expect_sentence 'share /dev/bus/usb with it'
+}
+
+finds_a_reader_without_device_id() {
+    readers=(--reader missing=1 --reader id=xyz --reader id=1)
+    shell_on_bus "$doctor"
+    expect_status 1
+    expect_sentence 'PROBLEM bus 1 device 1 the reader does not tell a device ID'
+    expect_sentence 'PROBLEM bus 1 device 2 the reader does not tell a device ID'
+    expect_in_output '^2 problems\.$'
+}
+
+tells_of_a_kernel_driver() {
+    readers=(--reader 'id=A1,driver=usbhid')
+    shell_on_bus "$doctor"' && "$gvusb" send A1 02'
+    expect_status 0
+    expect_sentence 'note bus 1 device 1 reader A1 .*: the kernel driver usbhid is bound to interface 0; the library takes'
+    expect_equal "the last line" "$(tail -n 1 "$scratch/output")" '02'
+}
+
+finds_a_kernel_driver_in_the_way() {
+    readers=(--reader 'id=A1,driver=usbhid,configuration=2+1')
+    shell_on_bus "$doctor"
+    expect_status 1
+    expect_sentence 'PROBLEM .* usbhid is bound to interface 0, so the reader cannot be switched to configuration 1'
+    expect_in_output 'sudo tee /sys/bus/usb/drivers/usbhid/unbind$'
+}
+
+# Has another process claim reader 1 while the text runs.
+while_claimed() { # TEXT
+    shell_on_bus 'mkfifo "$scratch/frames"; "$gvusb" send A1 <"$scratch/frames" >"$scratch/answers" & other=$!
+        exec 3>"$scratch/frames"; echo 02 >&3; await test -s "$scratch/answers"
+        '"$1"'
+        status=$?; exec 3>&-; wait $other; echo "other: $other"; exit $status'
+}
+
+names_the_process_that_has_claimed_the_interface() {
+    while_claimed "$doctor"
+    expect_status 1
+    other=$(sed -n 's/^other: //p' "$scratch/output")
+    # The emulator has the node open too.
+    expect_sentence "PROBLEM bus 1 device 1 reader A1 .*: interface 0 is claimed by .*gvusb (process $other).*, so it cannot"
+    expect_in_output "^            kill .*$other"
+    expect_in_output '^ok       bus 1 device 2  reader B2 '
+}
+
+says_when_only_root_could_name_the_process() {
+    # Only who has every capability of a process may look into it.
+    if [ "$(id -u)" -eq 0 ]; then
+        lesser='setpriv --bounding-set=-sys_ptrace,-chown'
+    else
+        lesser='unshare --user --map-root-user'
+    fi
+    $lesser true || {
+        echo "Skipped: neither root nor allowed to make a user namespace."
+        exit 77
+    }
+    while_claimed "$lesser bash -c '$doctor'"
+    expect_status 1
+    expect_sentence "interface 0 is claimed by another program"
+    expect_sentence "Run 'gvusb doctor' as root to see which program it is"
+}
+
+refuses_mistakes() {
+    on_bus doctor now
+    expect_status 2
+    expect_in_errors "^Run 'gvusb doctor --help' for more.$"
+}
+
+run_case

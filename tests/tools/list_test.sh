@@ -1,0 +1,126 @@
+#!/usr/bin/env bash
+# Tests of `gvusb list` and `gvusb info`.
+source "$(dirname "$0")/testing.sh"
+
+shows_readers_in_a_table() {
+    on_bus list
+    expect_status 0
+    expect_errors ''
+    expect_equal "the first column" "$(cut -d' ' -f1 "$scratch/output" | paste -sd' ')" 'INDEX 0 1'
+    # The order is the bus's.
+    expect_equal "the others" "$(cut -c8- "$scratch/output" | sort)" \
+        'A1  Desk    Desk reader  TESK-RCI2  D-100
+B2  Gate    Gate reader  TESK-RCI2  G-200
+ID  FAMILY  NAME         INTERFACE  TYPE'
+}
+
+writes_json() {
+    on_bus list --json --id b2
+    expect_status 0
+    expect_output '[
+  {
+    "index": 0,
+    "id": "B2",
+    "family": "Gate",
+    "name": "Gate reader",
+    "interface": "TESK-RCI2",
+    "type": "G-200"
+  }
+]'
+}
+
+searches() {
+    for search in '--family Gate' '--id 0xB2' '--id b2'; do
+        # shellcheck disable=SC2086
+        on_bus list $search
+        expect_status 0
+        expect_in_output '^0  *B2 '
+        expect_not_in_output 'A1'
+    done
+    on_bus list --name 'Desk reader'
+    expect_in_output '^0  *A1 '
+    expect_not_in_output 'B2'
+}
+
+tells_when_nothing_matches() {
+    on_bus list --family Garden
+    expect_status 4
+    expect_output ''
+    expect_errors "gvusb: GVUSB: (-1112) no device found
+'gvusb list' without a search shows every reader."
+    on_bus list --family Garden --json
+    expect_status 4
+    expect_output '[]'
+}
+
+tells_when_there_is_no_reader() {
+    readers=(--no-readers)
+    on_bus list
+    expect_status 4
+    expect_errors "gvusb: GVUSB: (-1112) no device found
+'gvusb doctor' finds out why."
+}
+
+refuses_mistakes() {
+    on_bus list --id B2X
+    expect_status 2
+    expect_in_errors "'B2X' is no device ID"
+    on_bus list --family A --name B
+    expect_status 2
+    expect_in_errors "excludes"
+    on_bus list --family 'a name of more than twenty-five characters'
+    expect_status 2
+    expect_in_errors 'longer than any name'
+    on_bus list A1
+    expect_status 2
+}
+
+shows_readers_with_the_same_id() {
+    readers=(--reader 'id=A1,type=first' --reader 'id=A1,type=second')
+    on_bus list
+    expect_status 0
+    expect_in_output '^[01]  *A1 .* first$'
+    expect_in_output '^[01]  *A1 .* second$'
+}
+
+shows_readers_without_a_type_number() {
+    readers=(--reader 'id=A1,missing=10')
+    on_bus list
+    expect_status 0
+    expect_in_output '^0  *A1 .* -$'
+    on_bus list --json
+    expect_in_output '"type": null'
+}
+
+leaves_control_characters_out() {
+    readers=(--reader "id=A1,name=$(printf 'a\033[2Jb')")
+    on_bus list
+    expect_in_output 'a?\[2Jb'
+}
+
+tells_of_one_reader() {
+    on_bus info 0xa1
+    expect_status 0
+    expect_errors ''
+    expect_in_output '^Device ID       A1$'
+    expect_in_output '^Family          Desk$'
+    expect_in_output '^Name            Desk reader$'
+    expect_in_output '^Interface       TESK-RCI2$'
+    expect_in_output '^Type number     D-100$'
+    expect_in_output '^Device handle   [1-9][0-9]*$'
+    expect_in_output '^Time-out in ms  1000$'
+    on_bus info A1 --json
+    expect_in_output '"type": "D-100",'
+    expect_in_output '"timeout": 1000$'
+}
+
+tells_of_a_reader_without_a_type_number() {
+    readers=(--reader 'id=A1,missing=10')
+    on_bus info A1
+    expect_status 0
+    expect_in_output '^Type number     -$'
+    on_bus info A1 --json
+    expect_in_output '"type": null,'
+}
+
+run_case

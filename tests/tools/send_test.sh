@@ -1,0 +1,186 @@
+#!/usr/bin/env bash
+# Tests of `gvusb send`.
+source "$(dirname "$0")/testing.sh"
+
+prints_the_answer() {
+    for id in A1 b2 0xB2; do
+        on_bus send $id 02 0007 ff:01
+        expect_status 0
+        expect_output '02 00 07 FF 01'
+        expect_errors ''
+    done
+}
+
+writes_json() {
+    on_bus send A1 0x02 0x00 --json
+    expect_status 0
+    expect_equal "without the time" "$(sed 's/"ms":[0-9.]*}/"ms":T}/' "$scratch/output")" \
+        '{"sent":"0200","received":"0200","ms":T}'
+}
+
+prints_an_empty_line_for_an_empty_answer() {
+    shell_on_bus 'bus "short 1 in 0"; "$gvusb" send A1 02'
+    expect_status 0
+    expect_equal "the output" "$(od -An -c "$scratch/output" | tr -d ' ')" '\n'
+}
+
+tells_a_time_out() {
+    shell_on_bus 'bus "mute 1 in"; "$gvusb" send A1 02 --timeout 30'
+    expect_status 3
+    expect_output ''
+    expect_errors 'gvusb: reader A1: GVUSB: (-1130) timeout'
+    shell_on_bus 'bus "mute 1 in"; "$gvusb" send A1 02 --timeout 30 --json'
+    expect_status 3
+    expect_in_output '"sent":"02","code":-1130,"error":"GVUSB: (-1130) timeout","ms":'
+}
+
+obeys_the_time_out() {
+    shell_on_bus 'bus "delay 1 in 1200"; "$gvusb" send A1 02'
+    expect_status 3
+    shell_on_bus 'bus "delay 1 in 1200"; "$gvusb" send A1 02 --timeout 30000'
+    expect_status 0
+}
+
+tells_other_failures() {
+    shell_on_bus 'bus "stall 1 out stuck"; "$gvusb" send A1 02'
+    expect_status 1
+    expect_errors 'gvusb: reader A1: GVUSB: (-1139) bulk transfer error'
+    shell_on_bus 'bus "busy 1 on"; "$gvusb" send A1 02'
+    expect_status 1
+    expect_in_errors '(-1145) interface cannot be claimed'
+    on_bus send C3 02
+    expect_status 4
+}
+
+tells_that_the_reader_is_gone() {
+    shell_on_bus '"$gvusb" send A1 02 --repeat 1000000 --keep-going & sleep 0.3; bus "unplug 1"; wait $!'
+    expect_status 4
+    expect_errors 'gvusb: reader A1: GVUSB: (-1137) device is not present'
+    expect_in_output '^failed           1$'
+}
+
+reads_frames_from_standard_input() {
+    shell_on_bus 'printf "02 00\n\n  # a comment\n0x07\r\nFF" | "$gvusb" send A1'
+    expect_status 0
+    expect_output '02 00
+07
+FF'
+    shell_on_bus '"$gvusb" send A1 </dev/null'
+    expect_status 0
+    expect_output ''
+}
+
+names_the_line_that_is_no_frame() {
+    shell_on_bus 'printf "02\n\n0x0\n03\n" | "$gvusb" send A1'
+    expect_status 2
+    expect_output '02'
+    expect_errors "gvusb: standard input, line 3: '0x0' is no frame in hexadecimal"
+}
+
+stops_at_the_first_failure() {
+    shell_on_bus 'bus "mute 1 in"; printf "02\n03\n" | "$gvusb" send A1 --timeout 20'
+    expect_status 3
+    shell_on_bus 'bus "mute 1 in"; printf "02\n03\n" | "$gvusb" send A1 --timeout 20; "$emulate" --send "frames 1"'
+    expect_in_output '^ok 1 '
+}
+
+keeps_going() {
+    shell_on_bus 'bus "mute 1 in"
+        printf "02\n03\n" | "$gvusb" send A1 --timeout 20 --keep-going
+        echo $?; "$emulate" --send "frames 1"'
+    expect_in_output '^3$'
+    expect_in_output '^ok 2 '
+    expect_equal "lines of errors" "$(grep -c timeout "$scratch/errors")" 2
+}
+
+tells_how_long_exchanges_took() {
+    on_bus send A1 02 --repeat 20
+    expect_status 0
+    expect_equal "without the times" "$(sed 's/[0-9]*\.[0-9]* ms/T/' "$scratch/output")" \
+        '02
+answered         20
+failed           0
+minimum          T
+median           T
+99th percentile  T
+maximum          T'
+    expect_errors ''
+}
+
+repeats_in_json() {
+    on_bus send A1 02 --repeat 3 --json
+    expect_status 0
+    expect_equal "without the times" "$(sed 's/:[0-9]*\.[0-9]*/:T/g' "$scratch/output")" \
+        '{"sent":"02","received":"02","ms":T}
+{"sent":"02","received":"02","ms":T}
+{"sent":"02","received":"02","ms":T}
+{"summary":{"answered":3,"failed":0,"ms":{"minimum":T,"median":T,"p99":T,"maximum":T}}}'
+}
+
+summarises_failures_alone() {
+    shell_on_bus 'bus "mute 1 in"; "$gvusb" send A1 02 --timeout 20 --repeat 2 --keep-going'
+    expect_status 3
+    expect_output 'answered  0
+failed    2'
+}
+
+prints_answers_that_change() {
+    shell_on_bus '"$gvusb" send A1 02 --repeat 1000000 >"$scratch/answers" &
+        await test -s "$scratch/answers"
+        bus "reply 1 fixed:0909"; await contains "$scratch/answers" "^09 09$"
+        kill -INT $!; wait $!; echo $?'
+    expect_output 0
+    expect_equal "the answers" "$(head -n 2 "$scratch/answers")" '02
+09 09'
+}
+
+sends_standard_input_repeatedly() {
+    shell_on_bus 'printf "02\n03\n" | "$gvusb" send A1 --repeat 4; "$emulate" --send "frames 1"'
+    expect_in_output '^answered         8$'
+    expect_in_output '^ok 8 '
+}
+
+ends_by_a_signal_with_the_summary() {
+    for signal in INT TERM; do
+        shell_on_bus '"$gvusb" send A1 02 --repeat 1000000 >"$scratch/answers" &
+            await test -s "$scratch/answers"; kill -'$signal' $!; wait $!; echo $?'
+        expect_output 0
+        expect_equal "the last line" "$(tail -n 1 "$scratch/answers" | sed 's/[0-9.]* ms/T/')" 'maximum          T'
+    done
+}
+
+ends_by_a_signal_while_it_waits_for_input() {
+    shell_on_bus 'mkfifo "$scratch/frames"; "$gvusb" send A1 <"$scratch/frames" >"$scratch/answers" &
+        exec 3>"$scratch/frames"; echo 02 >&3; await test -s "$scratch/answers"; kill -INT $!; wait $!; echo $?'
+    expect_output 0
+}
+
+ends_quietly_when_nobody_reads() {
+    shell_on_bus 'printf "%s\n" 02 03 04 05 >"$scratch/frames"
+        { "$gvusb" send A1 --json --repeat 200000 <"$scratch/frames"; echo $? >"$scratch/status"; } | head -n 1'
+    expect_in_output '^{"sent":"02"'
+    expect_errors ''
+    expect_equal "exit status" "$(cat "$scratch/status")" 0
+}
+
+tells_when_the_output_cannot_be_written() {
+    shell_on_bus '"$gvusb" send A1 02 >/dev/full'
+    expect_status 1
+    expect_errors 'gvusb: standard output: No space left on device'
+    shell_on_bus '"$gvusb" send A1 02 >&-'
+    expect_status 1
+    expect_errors 'gvusb: standard output: Bad file descriptor'
+}
+
+refuses_mistakes() {
+    for arguments in 'A1 0' 'A1 xy' 'A1 02 --timeout 0' 'A1 02 --timeout x' 'A1 02 --repeat 0' 'xyz 02' \
+        'A1 02 --colour'; do
+        # shellcheck disable=SC2086
+        on_bus send $arguments
+        expect_status 2
+        expect_output ''
+        expect_in_errors "^Run 'gvusb send --help' for more.$"
+    done
+}
+
+run_case

@@ -1,0 +1,38 @@
+#include "table.h"
+#include "wrapped_text.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(TableTest, ColumnsAreAsWideAsTheirLongestText) {
+    Table table;
+    table.add({"ID", "NAME", "TYPE"});
+    table.add({"1A2B3C", "x", "D"});
+    EXPECT_EQ(table.text(), "ID      NAME  TYPE\n"
+                            "1A2B3C  x     D\n");
+}
+
+TEST(TableTest, LinesHaveNoBlanksAtTheirEnds) {
+    Table table;
+    table.add({"a", "long"});
+    table.add({"b", ""});
+    table.add({});
+    EXPECT_EQ(table.text(), "a  long\nb\n\n");
+}
+
+TEST(TableTest, ControlCharactersBecomeQuestionMarks) {
+    EXPECT_EQ(printable("a\033[2Jb\n\177 c"), "a?[2Jb?? c");
+}
+
+TEST(WrappedTextTest, BreaksBetweenWordsAndIndents) {
+    const std::string text =
+        wrapped("Cause:  ", std::string(40, 'a') + " " + std::string(31, 'b') + " cc dd");
+    EXPECT_EQ(text, "Cause:  " + std::string(40, 'a') + " " + std::string(31, 'b') + "\n        cc dd\n");
+}
+
+TEST(WrappedTextTest, LeavesAWordThatIsTooLongWhole) {
+    EXPECT_EQ(wrapped("", std::string(100, 'a') + " b"), std::string(100, 'a') + "\nb\n");
+}
+
+} // namespace

@@ -1,0 +1,69 @@
+# Completion of gvusb's commands, options, keys, codes and of the readers on the bus, for bash.
+
+_gvusb_readers() {
+    "$1" list 2>/dev/null | while read -r index id _; do
+        if [ "$index" != INDEX ]; then
+            echo "$id"
+        fi
+    done
+}
+
+# The words behind the command that are no options, without the one that is being completed.
+_gvusb_arguments() {
+    local i=2 word
+    for ((; i < COMP_CWORD; ++i)); do
+        word=${COMP_WORDS[i]}
+        case $word in
+        --timeout | --repeat | --count | --idle-timeout | --poll-interval | --family | --name | --id) ((++i)) ;;
+        -*) ;;
+        *) echo "$word" ;;
+        esac
+    done
+}
+
+_gvusb_options() { # COMMAND
+    echo --help
+    case $1 in
+    list) echo --family --name --id --json ;;
+    info | explain) echo --json ;;
+    send) echo --timeout --repeat --keep-going --json ;;
+    monitor) echo --json --count --idle-timeout --poll-interval ;;
+    esac
+}
+
+_gvusb_keys() { # COMMAND TARGET
+    case $1:$2 in
+    get:driver) echo HOTPLUG-MODE ;;
+    set:driver) echo HOTPLUG-SUSPEND HOTPLUG-UPDATERATE ;;
+    get:*) echo DEVICE-ID DEVICEHND DEVICENAME FAMILYNAME INTERFACE PRESENT TIMEOUT TYPENUMBER ;;
+    set:*) echo RESETDEVICE RESETPIPE TIMEOUT ;;
+    esac
+}
+
+_gvusb() {
+    local tool=${COMP_WORDS[0]} command=${COMP_WORDS[1]} word=${COMP_WORDS[COMP_CWORD]} words='' arguments
+    if [ "$COMP_CWORD" -eq 1 ]; then
+        words='doctor explain get info list monitor send set --help --version'
+    elif [[ $command == explain && $word != --* ]]; then
+        words=$("$tool" explain 2>/dev/null | while read -r code _; do echo "$code"; done)
+        words=${words#CODE}
+    elif [[ $word == -* ]]; then
+        words=$(_gvusb_options "$command")
+    elif [ "${COMP_WORDS[COMP_CWORD - 1]}" = --id ]; then
+        words=$(_gvusb_readers "$tool")
+    else
+        mapfile -t arguments < <(_gvusb_arguments)
+        case $command:${#arguments[@]} in
+        info:0 | send:0) words=$(_gvusb_readers "$tool") ;;
+        get:0 | set:0) words="driver $(_gvusb_readers "$tool")" ;;
+        get:1 | set:1) words=$(_gvusb_keys "$command" "${arguments[0]}") ;;
+        esac
+    fi
+    # Device IDs and keys are the same in lower case.
+    mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
+    if [ ${#COMPREPLY[@]} -eq 0 ] && [ "$COMP_CWORD" -gt 1 ]; then
+        mapfile -t COMPREPLY < <(compgen -W "$words" -- "${word^^}")
+    fi
+}
+
+complete -F _gvusb gvusb

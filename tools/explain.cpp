@@ -1,0 +1,96 @@
+#include "command.h"
+#include "explanations.h"
+#include "failure.h"
+#include "json.h"
+#include "output.h"
+#include "table.h"
+#include "wrapped_text.h"
+
+#include <charconv>
+#include <memory>
+#include <optional>
+
+namespace {
+
+struct Options {
+    std::string code;
+    bool json = false;
+};
+
+constexpr int lowestPublished = 1100;
+
+// The codes are negative, but 1144 means -1144 to everybody.
+std::optional<int> parseCode(const std::string& text) {
+    int code = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, code);
+    if (error != std::errc{} || stop != end)
+        return std::nullopt;
+    return code >= lowestPublished ? -code : code;
+}
+
+const CLI::Validator isCode(
+    [](std::string& text) {
+        return parseCode(text) ? std::string{} : "'" + text + "' is no code, which is a number such as -1144";
+    },
+    "");
+
+void explainAll(bool json) {
+    if (json) {
+        Json all = Json::array();
+        for (const Explanation& each : explanations())
+            all.push_back({{"code", each.code},
+                           {"text", libraryText(each.code)},
+                           {"cause", each.cause},
+                           {"remedy", each.remedy}});
+        output::print(jsonLine(all, 2));
+        return;
+    }
+    Table table;
+    table.add({"CODE", "TEXT"});
+    for (const Explanation& each : explanations())
+        table.add({std::to_string(each.code), libraryText(each.code)});
+    output::print(table.text());
+}
+
+void explainOne(int code, bool json) {
+    const Explanation* const found = findExplanation(code);
+    if (json) {
+        Json object = {{"code", code}, {"text", libraryText(code)}};
+        object["cause"] = found != nullptr ? Json(found->cause) : Json(nullptr);
+        object["remedy"] = found != nullptr ? Json(found->remedy) : Json(nullptr);
+        output::print(jsonLine(object, 2));
+        return;
+    }
+    std::string text = libraryText(code) + '\n';
+    if (found == nullptr) {
+        text += wrapped("", "This is none of the published codes.");
+    } else {
+        text += '\n' + wrapped("Cause:   ", found->cause);
+        if (!found->remedy.empty())
+            text += wrapped("Remedy:  ", found->remedy);
+    }
+    output::print(text);
+}
+
+ExitStatus explain(const Options& options) {
+    if (options.code.empty())
+        explainAll(options.json);
+    else
+        explainOne(parseCode(options.code).value_or(0), options.json);
+    return ExitStatus::ok;
+}
+
+} // namespace
+
+void addExplain(CLI::App& app, Action& action) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command =
+        app.add_subcommand("explain", "Tell what a code means, what usually causes it and what to do");
+    command->add_option("CODE", options->code, "A code such as -1144 or 1144; without one, all are listed")
+        ->type_name("")
+        ->check(isCode);
+    command->add_flag("--json", options->json, "Write an object, or an array of all, instead of text");
+    command->footer(std::string(exitStatusHelp) + "\nEXAMPLES\n  gvusb explain -1145\n  gvusb explain\n");
+    command->callback([options, &action] { action = [options] { return explain(*options); }; });
+}

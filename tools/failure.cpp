@@ -1,0 +1,41 @@
+#include "failure.h"
+
+#include <utility>
+
+#include <gvusb.h>
+
+Failure::Failure(const std::string& message, ExitStatus status, std::string hint)
+    : std::runtime_error(message)
+    , status_(status)
+    , hint_(std::move(hint)) {
+}
+
+std::string libraryText(int code) {
+    char text[GVUSB_TEXT_SIZE] = "";
+    GVUSB_GetErrorText(code, text);
+    return text;
+}
+
+ExitStatus statusOf(int code) {
+    switch (code) {
+    case GVUSB_ERR_TIMEOUT:
+        return ExitStatus::timeOut;
+    case GVUSB_ERR_NO_DEVICE_FOUND:
+    case GVUSB_ERR_NOT_SCANNED:
+    case GVUSB_ERR_NOT_PRESENT:
+        return ExitStatus::notFound;
+    default:
+        return ExitStatus::failure;
+    }
+}
+
+Failure libraryFailure(std::string_view what, int code) {
+    return Failure(std::string(what) + ": " + libraryText(code), statusOf(code),
+                   "'gvusb explain " + std::to_string(code) + "' says what may be the cause.");
+}
+
+int check(std::string_view what, int result) {
+    if (result < 0)
+        throw libraryFailure(what, result);
+    return result;
+}

@@ -1,0 +1,60 @@
+#include "command.h"
+#include "json.h"
+#include "output.h"
+#include "reader.h"
+#include "table.h"
+
+#include <array>
+#include <memory>
+
+namespace {
+
+struct Options {
+    std::string id;
+    bool json = false;
+};
+
+struct Fact {
+    const char* label;
+    const char* member;
+    const char* key;
+};
+
+constexpr std::array facts = {
+    Fact{"Device ID", "id", "DEVICE-ID"},        Fact{"Family", "family", "FAMILYNAME"},
+    Fact{"Name", "name", "DEVICENAME"},          Fact{"Interface", "interface", "INTERFACE"},
+    Fact{"Type number", "type", "TYPENUMBER"},   Fact{"Device handle", "handle", "DEVICEHND"},
+    Fact{"Time-out in ms", "timeout", "TIMEOUT"}};
+
+// A reader without one of the texts still has the others.
+std::string value(const Reader& reader, const char* key) {
+    std::array<char, GVUSB_PARAMETER_SIZE> text{};
+    const int code = GVUSB_GetDevicePara(reader.handle(), key, text.data());
+    return code == 0 ? text.data() : std::string("-");
+}
+
+ExitStatus info(const Options& options) {
+    const Reader reader(checkedId(options.id));
+    Table table;
+    Json object = Json::object();
+    for (const Fact& fact : facts) {
+        const std::string text = value(reader, fact.key);
+        table.add({fact.label, printable(text)});
+        const bool isNumber =
+            std::string_view(fact.key) == "DEVICEHND" || std::string_view(fact.key) == "TIMEOUT";
+        object[fact.member] = isNumber ? Json(std::stoul(text)) : text == "-" ? Json(nullptr) : Json(text);
+    }
+    output::print(options.json ? jsonLine(object, 2) : table.text());
+    return ExitStatus::ok;
+}
+
+} // namespace
+
+void addInfo(CLI::App& app, Action& action) {
+    auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand("info", "Show everything that one reader tells of itself");
+    addReaderArgument(*command, options->id);
+    command->add_flag("--json", options->json, "Write an object instead of a table");
+    command->footer(std::string(exitStatusHelp) + "\nEXAMPLES\n  gvusb info 1A2B3C\n");
+    command->callback([options, &action] { action = [options] { return info(*options); }; });
+}

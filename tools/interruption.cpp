@@ -1,0 +1,53 @@
+#include "interruption.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <system_error>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace {
+
+std::atomic<bool> isWished = false;
+std::atomic<int> wakeUp = -1;
+
+void noteSignal(int) {
+    const int error = errno;
+    const std::uint64_t one = 1;
+    isWished = true;
+    [[maybe_unused]] const ssize_t written = ::write(wakeUp, &one, sizeof one);
+    errno = error;
+}
+
+void setAction(void (*handler)(int)) {
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+}
+
+} // namespace
+
+Interruption::Interruption() {
+    wakeUp = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wakeUp < 0)
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    setAction(noteSignal);
+}
+
+Interruption::~Interruption() {
+    setAction(SIG_DFL);
+    ::close(wakeUp.exchange(-1));
+}
+
+bool Interruption::wished() const {
+    return isWished;
+}
+
+int Interruption::descriptor() const {
+    return wakeUp;
+}

@@ -1,0 +1,25 @@
+#include "output.h"
+
+#include "failure.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <unistd.h>
+
+namespace output {
+
+void print(std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = ::write(descriptor(), text.data(), text.size());
+        if (written >= 0) {
+            text.remove_prefix(static_cast<std::size_t>(written));
+        } else if (errno == EPIPE) {
+            throw Closed();
+        } else if (errno != EINTR) {
+            throw Failure(std::string("standard output: ") + std::strerror(errno));
+        }
+    }
+}
+
+} // namespace output

@@ -1,0 +1,41 @@
+#include "table.h"
+
+#include <algorithm>
+#include <utility>
+
+std::string printable(std::string_view text) {
+    constexpr unsigned char firstPrintable = 0x20;
+    constexpr unsigned char deleteCharacter = 0x7F;
+    std::string result(text);
+    std::ranges::replace_if(
+        result, [](unsigned char c) { return c < firstPrintable || c == deleteCharacter; }, '?');
+    return result;
+}
+
+std::string padded(std::string_view text, std::size_t width) {
+    std::string result(text);
+    result.resize(std::max(result.size(), width), ' ');
+    return result;
+}
+
+void Table::add(Row row) {
+    rows_.push_back(std::move(row));
+}
+
+std::string Table::text() const {
+    std::vector<std::size_t> widths;
+    for (const Row& row : rows_) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (std::size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], row[i].size());
+    }
+    std::string text;
+    for (const Row& row : rows_) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i)
+            line += (i == 0 ? "" : "  ") + padded(row[i], widths[i]);
+        line.erase(line.find_last_not_of(' ') + 1);
+        text += line + '\n';
+    }
+    return text;
+}
