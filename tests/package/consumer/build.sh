@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# usage: build.sh FOLDER
+# Builds the consumers in FOLDER against an installed library, which pkg-config and CMake have to find: in C and in C++,
+# by each of the two. Prints the programs' paths.
+set -euo pipefail
+source=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+folder=$1
+mkdir -p "$folder"
+
+# Words are split on purpose: these are lists of options.
+read -ra flags <<<"$(pkg-config --cflags --libs gvusb)"
+"${CC:-cc}" -Wall -Wextra -Wpedantic -Werror "$source/consumer.c" -o "$folder/pkg-config-c" "${flags[@]}"
+"${CXX:-c++}" -Wall -Wextra -Wpedantic -Werror "$source/consumer.cpp" -o "$folder/pkg-config-cxx" "${flags[@]}"
+
+cmake -S "$source" -B "$folder/cmake" >"$folder/cmake.log" || { cat "$folder/cmake.log"; exit 1; }
+cmake --build "$folder/cmake" >"$folder/cmake.log" || { cat "$folder/cmake.log"; exit 1; }
+printf '%s\n' "$folder/pkg-config-c" "$folder/pkg-config-cxx" "$folder/cmake/consumer_c" "$folder/cmake/consumer_cxx"

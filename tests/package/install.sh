@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# usage: install.sh BUILD_FOLDER PROGRAM...
+# What is installed is complete, works wherever its prefix is moved to, and can be taken away again.
+set -euo pipefail
+build=$1
+shift
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+fail() {
+    echo "$*"
+    exit 1
+}
+contents() { (cd "$1" && find . -type f -o -type l | LC_ALL=C sort); }
+
+# As a package of the system: /etc belongs to it, and nothing is installed outside.
+DESTDIR=$folder/system cmake --install "$build" --prefix /usr >/dev/null
+contents "$folder/system" >"$folder/installed"
+for file in ./etc/gavo/gvusb.conf ./usr/lib/udev/rules.d/70-gvusb.rules ./usr/include/gvusb.h \
+    ./usr/share/doc/libgvusb-dev/examples/tour.c "${@/#/./usr/bin/}"; do
+    grep -qxF "$file" "$folder/installed" || fail "not installed: $file"
+done
+for name in libgvusb.so libgvusb.so.7 libgvusb.so.7.1.0 pkgconfig/gvusb.pc cmake/gvusb/gvusb-config.cmake \
+    gvusb/libgvusb-emulate-preload.so; do
+    grep -q "^\./usr/lib.*/$name\$" "$folder/installed" || fail "not installed: $name"
+done
+grep -qE 'ATTR\{idVendor\}=="[0-9a-f]{4}"' "$folder/system/usr/lib/udev/rules.d/70-gvusb.rules" ||
+    fail "the udev rule has no vendor ID as udev writes it"
+
+# Settings that the administrator has made survive the next installation.
+echo gvusb_debuglevel=1 >"$folder/system/etc/gavo/gvusb.conf"
+DESTDIR=$folder/system cmake --install "$build" --prefix /usr >/dev/null
+grep -q '^gvusb_debuglevel=1$' "$folder/system/etc/gavo/gvusb.conf" || fail "the configuration was overwritten"
+
+# Taking away what the installation lists leaves nothing but the configuration that was there before.
+(cd "$folder/system" && sed 's|^/||' "$build/install_manifest.txt" | xargs -d '\n' rm)
+[ "$(contents "$folder/system")" = ./etc/gavo/gvusb.conf ] || fail "left over: $(contents "$folder/system")"
+
+# Every file belongs to one of the components that the packages are made of.
+for component in runtime development tools; do
+    DESTDIR=$folder/components cmake --install "$build" --prefix /usr --component "$component" >/dev/null
+done
+contents "$folder/components" | diff "$folder/installed" - || fail "files that no component has, or that nobody installs"
+
+# With a prefix of its own, which is moved afterwards.
+cmake --install "$build" --prefix "$folder/before" >/dev/null
+prefix=$folder/moved
+mv "$folder/before" "$prefix"
+[ ! -e "$prefix/etc" ] || fail "a configuration that nobody reads was installed"
+libraries=$(dirname "$(find "$prefix" -name libgvusb.so)")
+export LD_LIBRARY_PATH=$libraries PKG_CONFIG_PATH=$libraries/pkgconfig CMAKE_PREFIX_PATH=$prefix
+"$here/consumer/build.sh" "$folder/consumers" >"$folder/programs"
+while read -r program; do
+    for configuration in --no-config "--config=$prefix/share/doc/gvusb/gvusb.conf"; do
+        answer=$("$prefix/bin/gvusb-emulate" "$configuration" -- "$program" 2>&1) || true
+        echo "$(basename "$program") ${configuration%%=*}: $answer"
+        [ "$answer" = "version 07.01.00, mode 1, 5 bytes" ] || fail "that is not what was expected"
+    done
+done <"$folder/programs"
