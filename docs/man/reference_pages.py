@@ -1,0 +1,162 @@
+#!/usr/bin/env python3
+"""usage: reference_pages.py DOXYGEN_XML_FOLDER VERSION OUTPUT_FOLDER
+
+Makes the manual's section 3 from what Doxygen read in the public header: libgvusb(3) from its first page, one page for
+each group of functions, and a reference to it under each function's name.
+"""
+
+import os
+import sys
+import xml.etree.ElementTree as ElementTree
+
+GROUPS = ["finding", "opening", "frames", "settings", "events", "errors", "types"]
+
+
+def escape(text):
+    text = text.replace("\\", "\\e").replace("-", "\\-")
+    return "\n".join("\\&" + line if line[:1] in (".", "'") else line for line in text.split("\n"))
+
+
+def inline(element):
+    """The text of an element with its inline markup, without that of the blocks in it."""
+    text = escape(element.text or "")
+    for child in element:
+        if child.tag not in BLOCKS:
+            piece = inline(child)
+            text += f"\\fB{piece}\\fR" if child.tag in ("bold", "computeroutput") else piece
+        text += escape(child.tail or "")
+    return " ".join(text.split())
+
+
+def items(element):
+    lines = []
+    for item in element.findall("listitem"):
+        lines += [".IP \\(bu 2"] + [inline(para) for para in item.findall("para")]
+    return lines + [".PP"]
+
+
+def parameters(element):
+    lines = []
+    for item in element.findall("parameteritem"):
+        names = ", ".join(escape(name.text) for name in item.iter("parametername"))
+        description = [inline(para) for para in item.findall("parameterdescription/para")]
+        lines += [".TP", f"\\fI{names}\\fR"] + description
+    return lines
+
+
+def section(element):
+    kind = element.get("kind")
+    title = {"return": "Returns", "see": "See also"}.get(kind) or inline(element.find("title"))
+    lines = [".TP", f"\\fB{title}\\fR"] if kind == "return" else [".SS " + title]
+    return lines + [line for para in element.findall("para") for line in paragraph(para)]
+
+
+BLOCKS = {"itemizedlist": items, "parameterlist": parameters, "simplesect": section}
+
+
+def paragraph(para):
+    text = inline(para)
+    lines = [text] if text else []
+    for child in para:
+        if child.tag in BLOCKS:
+            lines += BLOCKS[child.tag](child)
+    return lines
+
+
+def paragraphs(element):
+    lines = []
+    for child in [] if element is None else element:
+        if child.tag == "para":
+            lines += [".PP"] + paragraph(child)
+        elif child.tag == "sect1":
+            lines += [f'.SH "{inline(child.find("title")).upper()}"'] + paragraphs(child)
+    return lines
+
+
+def synopsis(member):
+    result = "".join(member.find("type").itertext())
+    arguments = [" ".join("".join(parameter.find("type").itertext()).split()).replace(" *", "*") + " "
+                 + parameter.findtext("declname", "") for parameter in member.findall("param")]
+    return [".PP", ".nf", f'\\fB{escape(result)} {member.findtext("name")}({escape(", ".join(arguments).strip())});\\fR',
+            ".fi"]
+
+
+def function(member):
+    name = member.findtext("name")
+    return [f".SS {name}"] + synopsis(member) + paragraphs(member.find("briefdescription")) + \
+        paragraphs(member.find("detaileddescription"))
+
+
+def described(element):
+    """One line on an enumerator or a field."""
+    paras = element.findall("briefdescription/para") + element.findall("detaileddescription/para")
+    return " ".join(inline(para) for para in paras)
+
+
+def enumeration(member):
+    lines = [".SS " + (member.findtext("name") if member.findtext("name")[:1] != "@" else "Constants")]
+    lines += paragraphs(member.find("briefdescription"))
+    for value in member.findall("enumvalue"):
+        initializer = escape(value.findtext("initializer", ""))
+        lines += [".TP", f'\\fB{value.findtext("name")}\\fR {initializer}', described(value)]
+    return lines
+
+
+def record(folder, reference):
+    compound = ElementTree.parse(os.path.join(folder, reference + ".xml")).find("compounddef")
+    lines = [".SS struct " + compound.findtext("compoundname")] + paragraphs(compound.find("briefdescription"))
+    lines += paragraphs(compound.find("detaileddescription"))
+    for field in compound.iter("memberdef"):
+        declaration = "".join(field.find("type").itertext()) + " " + field.findtext("name") + field.findtext("argsstring", "")
+        lines += [".TP", f"\\fB{escape(declaration)}\\fR", described(field)]
+    return lines
+
+
+class Manual:
+    def __init__(self, version, folder):
+        self.version = version
+        self.folder = folder
+
+    def write(self, name, brief, names, lines):
+        head = [f'.TH {name} 3 "" "gvusb {self.version}" "USB RFID readers"', ".nh", ".ad l", ".SH NAME",
+                ", ".join([name] + names) + " \\- " + brief]
+        others = [f"\\fBgvusb_{group}\\fR(3)" for group in GROUPS if f"gvusb_{group}" != name]
+        if name != "libgvusb":
+            others.insert(0, "\\fBlibgvusb\\fR(3)")
+        also = [".SH SEE ALSO", ", ".join(others + ["\\fBgvusb.conf\\fR(5)", "\\fBgvusb\\fR(1)",
+                                                    "\\fBgvusb\\-emulate\\fR(1)"])]
+        with open(os.path.join(self.folder, f"{name}.3"), "w", encoding="utf-8") as file:
+            file.write("\n".join(line for line in head + lines + also if line.strip()) + "\n")
+        for other in names:
+            with open(os.path.join(self.folder, f"{other}.3"), "w", encoding="utf-8") as file:
+                file.write(f".so man3/{name}.3\n")
+
+
+INCLUDE = [".SH SYNOPSIS", ".nf", "#include <gvusb.h>", ".fi"]
+
+
+def main():
+    xml, version, output = sys.argv[1:]
+    os.makedirs(output, exist_ok=True)
+    manual = Manual(version, output)
+    front = ElementTree.parse(os.path.join(xml, "indexpage.xml")).find("compounddef/detaileddescription")
+    manual.write("libgvusb", "find, open and talk to USB RFID readers", [],
+                 INCLUDE + [".PP", "Link with \\fB\\-lgvusb\\fR.", ".SH DESCRIPTION"] + paragraphs(front))
+    for group in GROUPS:
+        compound = ElementTree.parse(os.path.join(xml, f"group__{group}.xml")).find("compounddef")
+        members = list(compound.iter("memberdef"))
+        functions = [member for member in members if member.get("kind") == "function"]
+        lines = INCLUDE + [".SH DESCRIPTION"] + paragraphs(compound.find("detaileddescription"))
+        for member in functions:
+            lines += function(member)
+        for member in members:
+            if member.get("kind") == "enum":
+                lines += enumeration(member)
+        for inner in compound.findall("innerclass"):
+            lines += record(xml, inner.get("refid"))
+        title = compound.findtext("title")
+        manual.write(f"gvusb_{group}", title[0].lower() + title[1:], [member.findtext("name") for member in functions], lines)
+
+
+if __name__ == "__main__":
+    main()

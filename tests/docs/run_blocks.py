@@ -1,0 +1,133 @@
+#!/usr/bin/env python3
+"""usage: run_blocks.py DOCUMENT [NAME=PATH...]
+
+Does what a document shows, from its first code block to its last, in a folder that has nothing but links to these:
+
+  c        a program is compiled without a warning and kept as program.c; a part of one (without main) is compiled
+           inside a function
+  python   kept as program.py
+  conf     kept as gvusb.conf
+  console  each line with "$ " is run in a shell; what follows it must be its output, where "..." stands for any text
+           in a line and, alone, for any lines. A trailing "# exit status N" says how it ends, 0 if nothing is said.
+
+Other languages show what cannot be run, and are counted. The environment says where to find the compiler (CC), the
+programs (PATH), the header (CPATH) and the library (LIBRARY_PATH, LD_LIBRARY_PATH).
+"""
+
+import os
+import re
+import subprocess
+import sys
+import tempfile
+
+WARNINGS = ["-std=c11", "-Wall", "-Wextra", "-Wpedantic", "-Werror"]
+FENCE = re.compile(r"^```(\w*)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+STATUS = re.compile(r"\s+# exit status (\d+)$")
+
+# What a part of a program finds around it.
+FRAME = """#include <gvusb.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+int part(int handle, int code, const unsigned char* request, unsigned int length);
+int part(int handle, int code, const unsigned char* request, unsigned int length) {
+    unsigned char answer[256];
+    char value[GVUSB_PARAMETER_SIZE] = "";
+    (void)handle, (void)code, (void)request, (void)length, (void)answer, (void)value;
+#line 1 "part"
+%s
+    return 0;
+}
+"""
+
+
+class Mismatch(Exception):
+    pass
+
+
+def compile_c(text, folder):
+    source = os.path.join(folder, "program.c" if "int main(" in text else "part.c")
+    with open(source, "w", encoding="utf-8") as file:
+        file.write(text if "int main(" in text else FRAME % text)
+    result = subprocess.run([os.environ.get("CC", "cc"), *WARNINGS, "-fsyntax-only", source],
+                            capture_output=True, text=True, check=False)
+    if result.returncode != 0:
+        raise Mismatch(f"does not compile:\n{text}\n{result.stderr}")
+
+
+def keep(name):
+    def write(text, folder):
+        with open(os.path.join(folder, name), "w", encoding="utf-8") as file:
+            file.write(text)
+    return write
+
+
+def pattern_of(lines):
+    """The expected lines as a regular expression."""
+    parts = []
+    for line in lines:
+        if line.strip() == "...":
+            parts.append(r"(?:.*\n)*")
+        else:
+            parts.append(".*".join(re.escape(piece) for piece in line.split("...")) + r"\n")
+    return "".join(parts)
+
+
+def run_command(command, expected, folder):
+    status = STATUS.search(command)
+    wanted = int(status.group(1)) if status else 0
+    result = subprocess.run(["bash", "-c", STATUS.sub("", command)], cwd=folder, stdout=subprocess.PIPE,
+                            stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, text=True, timeout=60, check=False)
+    output = "".join(line.rstrip() + "\n" for line in result.stdout.splitlines())
+    print(f"$ {command}\n{output}", end="")
+    if result.returncode != wanted:
+        raise Mismatch(f"{command}\nends with {result.returncode}, not with {wanted}:\n{output}")
+    if not re.fullmatch(pattern_of(expected), output):
+        shown = "".join(line + "\n" for line in expected)
+        raise Mismatch(f"{command}\nshall print\n{shown}but prints\n{output}")
+
+
+def run_console(text, folder):
+    command, expected = None, []
+    for line in text.splitlines():
+        if command is not None and command.endswith("\\"):
+            command = command[:-1] + line.strip()
+        elif line.startswith("$ "):
+            if command is not None:
+                run_command(command, expected, folder)
+            command, expected = line[2:], []
+        else:
+            expected.append(line.rstrip())
+    run_command(command, expected, folder)
+
+
+RUNNERS = {"c": compile_c, "python": keep("program.py"), "conf": keep("gvusb.conf"), "console": run_console}
+
+
+def main():
+    with open(sys.argv[1], encoding="utf-8") as file:
+        document = file.read()
+    done = left = failed = 0
+    with tempfile.TemporaryDirectory() as folder:
+        for link in sys.argv[2:]:
+            name, path = link.split("=", 1)
+            os.symlink(path, os.path.join(folder, name))
+        for block in FENCE.finditer(document):
+            language, text = block.groups()
+            runner = RUNNERS.get(language)
+            if runner is None:
+                left += 1
+                continue
+            try:
+                runner(text, folder)
+                done += 1
+            except Mismatch as mismatch:
+                failed += 1
+                line = document.count("\n", 0, block.start()) + 1
+                print(f"{sys.argv[1]}:{line}: {mismatch}", file=sys.stderr)
+    print(f"{done} blocks hold, {failed} do not, {left} show what is not run")
+    return 1 if failed or done == 0 else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
