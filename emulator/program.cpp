@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -22,6 +21,7 @@ constexpr int notFound = 127;
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
     std::vector<char*> result;
+    result.reserve(texts.size() + 1);
     for (std::string& text : texts)
         result.push_back(text.data());
     result.push_back(nullptr);
@@ -74,7 +74,9 @@ std::vector<pid_t> children() {
                            int errorPipe, pid_t launcher) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() == launcher) {
-        ::signal(SIGPIPE, SIG_DFL);
+        struct sigaction byDefault = {};
+        byDefault.sa_handler = SIG_DFL;
+        ::sigaction(SIGPIPE, &byDefault, nullptr);
         ::sigprocmask(SIG_SETMASK, &mask, nullptr);
         ::execvpe(arguments[0], arguments, environment);
     }
@@ -104,7 +106,7 @@ Program::Program(const std::vector<std::string>& arguments, const Environment& e
     ::close(pipe[1]);
     int error = 0;
     if (process_ > 0 && ::read(pipe[0], &error, sizeof error) == sizeof error)
-        error_ = arguments[0] + ": " + std::strerror(error);
+        error_ = arguments[0] + ": " + std::generic_category().message(error);
     ::close(pipe[0]);
     if (process_ < 0)
         throw std::system_error(forkError, std::generic_category(), "fork");

@@ -78,6 +78,7 @@ void writeAttributes(const std::string& folder, const ReaderDescription& reader,
 // Null-terminated name and value pairs, as umockdev takes them.
 std::vector<gchar*> pairs(std::vector<std::string>& texts) {
     std::vector<gchar*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts)
         pointers.push_back(text.data());
     pointers.push_back(nullptr);

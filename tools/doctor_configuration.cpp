@@ -5,8 +5,8 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <fstream>
+#include <system_error>
 
 #include <gvusb.h>
 #include <libusb.h>
@@ -70,7 +70,8 @@ void examineConfiguration(Findings& findings) {
                         std::string("no ") + configurationFile + ", so defaults hold; " + modeInWords());
         else
             findings.problem("configuration",
-                             std::string(configurationFile) + " cannot be read: " + std::strerror(errno),
+                             std::string(configurationFile) +
+                                 " cannot be read: " + std::generic_category().message(errno),
                              {"Let everybody read it:", std::string(" sudo chmod a+r ") + configurationFile});
         return;
     }

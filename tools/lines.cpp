@@ -4,7 +4,7 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 #include <utility>
 
 #include <poll.h>
@@ -25,7 +25,7 @@ bool Lines::fill() {
     std::array<char, 4096> chunk{};
     const ssize_t count = ::read(STDIN_FILENO, chunk.data(), chunk.size());
     if (count < 0)
-        throw Failure(std::string("standard input: ") + std::strerror(errno));
+        throw Failure(std::string("standard input: ") + std::generic_category().message(errno));
     buffer_.append(chunk.data(), static_cast<std::size_t>(count));
     return count > 0;
 }

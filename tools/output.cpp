@@ -3,7 +3,7 @@
 #include "failure.h"
 
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
 #include <unistd.h>
 
@@ -17,7 +17,7 @@ void print(std::string_view text) {
         } else if (errno == EPIPE) {
             throw Closed();
         } else if (errno != EINTR) {
-            throw Failure(std::string("standard output: ") + std::strerror(errno));
+            throw Failure(std::string("standard output: ") + std::generic_category().message(errno));
         }
     }
 }

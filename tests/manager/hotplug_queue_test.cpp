@@ -283,7 +283,7 @@ TEST_F(HotPlugQueueTest, EventWithoutAThreadIsReportedWithTheNextOne) {
     pthread_attr_t enormous;
     ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
     ASSERT_EQ(pthread_getattr_default_np(&enormous), 0);
-    ASSERT_EQ(pthread_attr_setstacksize(&enormous, std::size_t{1} << 50), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&enormous, ~std::size_t{0xFFFF}), 0);
     Reports reports;
     {
         HotPlugQueue queue(&Reports::take, &reports);
