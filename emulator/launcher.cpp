@@ -211,6 +211,7 @@ void ensurePreloaded(char* const* arguments) {
     if (present.find(umockdevPreload) != std::string::npos)
         return;
     const std::string wanted = present + (present.empty() ? "" : ":") + std::string(umockdevPreload);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet
     if (::setenv(preloadVariable, wanted.c_str(), 1) == 0)
         ::execv("/proc/self/exe", arguments);
     throw std::system_error(errno, std::generic_category(), "/proc/self/exe");
@@ -225,6 +226,7 @@ int launch(Options options) {
     const char* before = std::getenv("TMPDIR");
     const std::string temporary = before != nullptr ? before : "";
     // umockdev makes its folder where TMPDIR says, and GLib reads the variable once.
+    // NOLINTBEGIN(concurrency-mt-unsafe): no other thread of the launcher reads the environment
     ::setenv("TMPDIR", folder.path().c_str(), 1);
     ::unsetenv("UMOCKDEV_DIR");
     Session session(std::move(options), signals, folder.path());
@@ -232,6 +234,7 @@ int launch(Options options) {
         ::setenv("TMPDIR", temporary.c_str(), 1);
     else
         ::unsetenv("TMPDIR");
+    // NOLINTEND(concurrency-mt-unsafe)
     return session.run(folder.path());
 }
 

@@ -2,6 +2,7 @@
 #include "launcher.h"
 #include "options.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -24,17 +25,20 @@ int send(const std::string& command) {
 } // namespace
 
 int main(int count, char** arguments) {
-    const auto options = emulator::readOptions(count, arguments);
-    if (const int* status = std::get_if<int>(&options))
-        return *status;
-    const auto& wanted = std::get<emulator::Options>(options);
+    int failure = busError;
     try {
-        if (wanted.command)
+        const auto options = emulator::readOptions(count, arguments);
+        if (const int* status = std::get_if<int>(&options))
+            return *status;
+        const auto& wanted = std::get<emulator::Options>(options);
+        if (wanted.command) {
+            failure = EXIT_FAILURE;
             return send(*wanted.command);
+        }
         emulator::ensurePreloaded(arguments);
         return emulator::launch(wanted);
     } catch (const std::exception& error) {
-        std::cerr << "gvusb-emulate: " << error.what() << '\n';
-        return wanted.command ? EXIT_FAILURE : busError;
+        std::fprintf(stderr, "gvusb-emulate: %s\n", error.what());
+        return failure;
     }
 }

@@ -77,7 +77,7 @@ std::vector<pid_t> children() {
         struct sigaction byDefault = {};
         byDefault.sa_handler = SIG_DFL;
         ::sigaction(SIGPIPE, &byDefault, nullptr);
-        ::sigprocmask(SIG_SETMASK, &mask, nullptr);
+        ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
         ::execvpe(arguments[0], arguments, environment);
     }
     const int error = errno;
