@@ -267,7 +267,7 @@ TEST_F(StartTest, LoadingAndUnloadingWorkWithoutWorkerThread) {
     pthread_attr_t enormous;
     ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
     ASSERT_EQ(pthread_getattr_default_np(&enormous), 0);
-    ASSERT_EQ(pthread_attr_setstacksize(&enormous, std::size_t{1} << 50), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&enormous, ~std::size_t{0xFFFF}), 0);
     load(std::nullopt, [&] { pthread_setattr_default_np(&enormous); });
     pthread_setattr_default_np(&usual);
     pthread_attr_destroy(&usual);

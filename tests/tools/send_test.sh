@@ -142,6 +142,7 @@ sends_standard_input_repeatedly() {
 
 ends_by_a_signal_with_the_summary() {
     for signal in INT TERM; do
+        rm -f "$scratch/answers" # or the last round's would be taken for this one's
         shell_on_bus '"$gvusb" send A1 02 --repeat 1000000 >"$scratch/answers" &
             await test -s "$scratch/answers"; kill -'$signal' $!; wait $!; echo $?'
         expect_output 0
