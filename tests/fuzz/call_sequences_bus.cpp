@@ -14,20 +14,6 @@ constexpr std::ptrdiff_t mostPlugged = 6;
 // Codes that libusb returns, one that it does not, and 0 for a read of nothing.
 constexpr std::array codes = {-1, -2, -3, -4, -5, -6, -7, -8, -9, -10, -11, -12, -99, -77};
 
-constexpr std::array<std::string_view, 13> fallible = {"libusb_get_device_list",
-                                                       "libusb_get_device_descriptor",
-                                                       "libusb_get_config_descriptor",
-                                                       "libusb_open",
-                                                       "libusb_get_string_descriptor_ascii",
-                                                       "libusb_set_configuration",
-                                                       "libusb_detach_kernel_driver",
-                                                       "libusb_claim_interface",
-                                                       "libusb_release_interface",
-                                                       "libusb_clear_halt",
-                                                       "libusb_reset_device",
-                                                       "libusb_bulk_transfer",
-                                                       "libusb_control_transfer"};
-
 struct IdText {
     const char* text; // null: cannot be read
     std::optional<unsigned> id;
@@ -196,7 +182,7 @@ void Bus::queueAnswer(Input& input) {
 }
 
 void Bus::failNextCall(Input& input) {
-    const std::string_view function = input.oneOf(fallible);
+    const std::string_view function = input.oneOf(fake::fallibleFunctions);
     const int code = input.oneOf(codes);
     const std::size_t n = 1 + input.number(4);
     const Device* const device = input.number(2) == 0 ? nullptr : choose(input);

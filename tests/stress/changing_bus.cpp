@@ -16,22 +16,6 @@ constexpr std::size_t mostReaders = 5;
 constexpr std::size_t goneRemembered = 200;
 constexpr std::size_t mostChangesWaiting = 100;
 
-constexpr std::array fallible = {
-    "libusb_get_device_list",
-    "libusb_open",
-    "libusb_get_device_descriptor",
-    "libusb_get_config_descriptor",
-    "libusb_get_string_descriptor_ascii",
-    "libusb_set_configuration",
-    "libusb_detach_kernel_driver",
-    "libusb_claim_interface",
-    "libusb_release_interface",
-    "libusb_clear_halt",
-    "libusb_reset_device",
-    "libusb_bulk_transfer",
-    "libusb_control_transfer",
-};
-
 constexpr std::array codes = {LIBUSB_ERROR_IO,     LIBUSB_ERROR_ACCESS,  LIBUSB_ERROR_NO_DEVICE,
                               LIBUSB_ERROR_BUSY,   LIBUSB_ERROR_PIPE,    LIBUSB_ERROR_TIMEOUT,
                               LIBUSB_ERROR_NO_MEM, LIBUSB_ERROR_OVERFLOW};
@@ -132,7 +116,8 @@ void ChangingBus::fail() {
     if (pick(4) == 0) {
         fake::failCall(1 + pick(20), code);
     } else {
-        fake::failNth(fallible[pick(fallible.size())], 1 + pick(4), code);
+        fake::failNth(fake_libusb::fallibleFunctions[pick(fake_libusb::fallibleFunctions.size())],
+                      1 + pick(4), code);
     }
 }
 

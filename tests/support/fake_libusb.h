@@ -13,6 +13,7 @@
 
 #include "fake_reader.h"
 
+#include <array>
 #include <cstddef>
 #include <functional>
 #include <initializer_list>
@@ -105,6 +106,22 @@ std::size_t timesCalled(std::string_view function);
 // What the device has been sent (bulk OUT and control 0x40), oldest first, transfers answered with an error
 // too.
 std::vector<Bytes> frames(std::string_view name);
+
+// The functions that a manager calls on a bus and that can fail: all of those below but starting libusb and
+// registering callbacks. Fuzz inputs choose by position.
+inline constexpr std::array<std::string_view, 13> fallibleFunctions = {"libusb_get_device_list",
+                                                                       "libusb_get_device_descriptor",
+                                                                       "libusb_get_config_descriptor",
+                                                                       "libusb_open",
+                                                                       "libusb_get_string_descriptor_ascii",
+                                                                       "libusb_set_configuration",
+                                                                       "libusb_detach_kernel_driver",
+                                                                       "libusb_claim_interface",
+                                                                       "libusb_release_interface",
+                                                                       "libusb_clear_halt",
+                                                                       "libusb_reset_device",
+                                                                       "libusb_bulk_transfer",
+                                                                       "libusb_control_transfer"};
 
 // Failures.
 
