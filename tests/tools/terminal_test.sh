@@ -3,10 +3,11 @@
 source "$(dirname "$0")/testing.sh"
 
 # Runs a text in the shell's language in a terminal of its own; what appears there is the output. Standard input is typed.
+# No other shell stays in between: the interrupt key would end that one too, with a status of its own.
 in_terminal() { # TEXT
     printf '%s\n' "$1" >"$scratch/commands"
     keep "$emulate" "${configuration[@]}" "${readers[@]}" -- \
-        script -qec "bash $scratch/commands" "$scratch/typescript"
+        script -qec "exec bash $scratch/commands" "$scratch/typescript"
 }
 
 shows_progress_and_takes_it_away() {
