@@ -135,8 +135,10 @@ int GVUSB_GetDeviceHnd(unsigned int devId) {
     return g_GvUsbMan.GetDeviceHnd(devId);
 }
 
-int GVUSB_Transceive(int devHnd, const char* interfaceName, int /*reserved*/, const unsigned char* sendData,
-                     unsigned int sendLength, unsigned char* receiveBuffer, unsigned int receiveSize) {
+// The call that applications live on, so the link makes one function of it and all that it calls.
+[[gnu::flatten]] int GVUSB_Transceive(int devHnd, const char* interfaceName, int /*reserved*/,
+                                      const unsigned char* sendData, unsigned int sendLength,
+                                      unsigned char* receiveBuffer, unsigned int receiveSize) {
     if (const int code = checkHandle(devHnd); code != 0) {
         return refuse(code);
     }

@@ -1,7 +1,5 @@
 #include "api/log.h"
 
-#include "base/relaxed.h"
-
 #include <cstdio>
 
 int g_GvUsbDebugLevel = 0;
@@ -13,10 +11,6 @@ void GVLOG_SetLevel(int level) {
     relaxed::store(g_GvUsbStarttime.tv_sec, now.tv_sec);
     relaxed::store(g_GvUsbStarttime.tv_usec, now.tv_usec);
     relaxed::store(g_GvUsbDebugLevel, level);
-}
-
-int GVLOG_Level() {
-    return relaxed::load(g_GvUsbDebugLevel);
 }
 
 void GVLOG_Msg(const char* tag, const char* text) {

@@ -9,6 +9,8 @@
 // poll.
 #pragma once
 
+#include "base/relaxed.h"
+
 #include <locale>
 #include <new>
 #include <sstream>
@@ -19,13 +21,16 @@ extern int g_GvUsbDebugLevel;
 extern struct timeval g_GvUsbStarttime;
 
 void GVLOG_SetLevel(int level);
-int GVLOG_Level();
+// Used: the library exports it too, for programs that call it.
+[[gnu::used]] inline int GVLOG_Level() {
+    return relaxed::load(g_GvUsbDebugLevel);
+}
 void GVLOG_Msg(const char* tag, const char* text);
 
-// Streams the pieces into one message. std::hex holds to the end of the message; a null text ends it there. A
+// Streams the pieces into one message. They come by value, which leaves the callers' variables in registers. std::hex holds to the end of the message; a null text ends it there. A
 // message that there is no memory for is left out: what it tells of goes on, also where nothing may be thrown.
 template <class... Pieces>
-[[gnu::cold, gnu::noinline]] void logLine(const char* tag, const Pieces&... pieces) {
+[[gnu::cold, gnu::noinline]] void logLine(const char* tag, Pieces... pieces) {
     try {
         std::ostringstream message;
         message.imbue(std::locale::classic());

@@ -1,10 +1,8 @@
 #include "base/key_text.h"
 
-#include <cstring>
-
 namespace {
 
-constexpr char upper(char c) noexcept {
+constexpr char upperCase(char c) noexcept {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
 }
 
@@ -12,15 +10,16 @@ constexpr char upper(char c) noexcept {
 
 void g_ToUpperString(const char* src, char* dst) {
     for (; *src != '\0'; ++src, ++dst) {
-        *dst = upper(*src);
+        *dst = upperCase(*src);
     }
     *dst = '\0';
 }
 
-UpperKey::UpperKey(const char* key) noexcept {
-    if (strnlen(key, sizeof m_text) < sizeof m_text) {
-        g_ToUpperString(key, m_text);
-    } else {
-        m_text[0] = '\0';
+bool equalsInUpperCase(const char* text, const char* known) noexcept {
+    for (; *known != '\0'; ++text, ++known) {
+        if (upperCase(*text) != *known) {
+            return false;
+        }
     }
+    return *text == '\0';
 }

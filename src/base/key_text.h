@@ -1,18 +1,20 @@
 // Keys and protocol names as callers give them, for comparison without regard to case.
 #pragma once
 
-#include <string_view>
+#include <cstddef>
+#include <utility>
 
 // Copies src to dst, which must have room, in upper case: ASCII letters only, whatever the process's locale.
 void g_ToUpperString(const char* src, char* dst);
 
-// The upper-case form of a key. A key too long for the buffer is longer than any that exists and becomes an
-// empty text, which equals none.
-class UpperKey {
-public:
-    explicit UpperKey(const char* key) noexcept;
-    bool operator==(std::string_view known) const noexcept { return known == m_text; }
+bool equalsInUpperCase(const char* text, const char* known) noexcept;
 
-private:
-    char m_text[128];
-};
+// Whether a text is the known key, which is given in upper case. It is mostly written so, and then each character is one
+// comparison in the caller's own code.
+template <std::size_t Size>
+bool isKey(const char* text, const char (&known)[Size]) noexcept {
+    const auto equals = [&]<std::size_t... I>(std::index_sequence<I...> /*indices*/) {
+        return ((text[I] == known[I]) && ...);
+    };
+    return equals(std::make_index_sequence<Size>()) || equalsInUpperCase(text, known);
+}

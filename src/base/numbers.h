@@ -1,7 +1,8 @@
-// Numbers in texts, read as C reads them; decimal numbers that do not fit saturate.
+// Numbers in texts, read and written as C does; decimal numbers that do not fit saturate.
 #pragma once
 
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
@@ -28,3 +29,10 @@ std::optional<std::uint32_t> unsignedNumber(const char* text);
 // The hexadecimal number at the start of a text, as the conversion "%x" reads it: leading blanks and "0x" are
 // accepted, what follows the digits is ignored. Nothing when there are no digits.
 std::optional<std::uint32_t> hexadecimalNumber(std::string_view text);
+
+// Writes a number in decimal digits, for which there must be room. Much quicker than a format.
+template <class Number>
+void writeDecimal(char* text, Number number) noexcept {
+    constexpr int longest = std::numeric_limits<Number>::digits10 + 2; // a sign and one digit more
+    *std::to_chars(text, text + longest, number).ptr = '\0';
+}

@@ -9,7 +9,9 @@
 
 int GVDevice::Transmit_Bulk(const unsigned char* data, unsigned int len) {
     constexpr const char* tag = "bulkTransmit";
-    LogSent(tag, data, len);
+    if (GVLOG_Level() > 1) {
+        LogSent(tag, data, len);
+    }
     if (len > INT_MAX) {
         return GVUSB_ERR_SEND_LENGTH;
     }
@@ -41,7 +43,9 @@ int GVDevice::Receive_Bulk(unsigned char* buf, unsigned int size) {
         }
         return transferCode(rc, GVUSB_ERR_BULK_TRANSFER);
     }
-    LogReceived("bulkReceive ", buf, transferred);
+    if (GVLOG_Level() > 1) {
+        LogReceived("bulkReceive ", buf, transferred);
+    }
     return transferred;
 }
 

@@ -22,7 +22,9 @@ constexpr unsigned int longestReceive = 4096; // what libusb takes in one contro
 
 int GVDevice::Transmit_Ctrl(const unsigned char* data, unsigned int len) {
     constexpr const char* tag = "ctrlTransmit";
-    LogSent(tag, data, len);
+    if (GVLOG_Level() > 1) {
+        LogSent(tag, data, len);
+    }
     if (len > UINT16_MAX) {
         return GVUSB_ERR_SEND_LENGTH;
     }
@@ -49,7 +51,9 @@ int GVDevice::Receive_Ctrl(unsigned char* buf, unsigned int size) {
         }
         return transferCode(rc, GVUSB_ERR_CONTROL_TRANSFER);
     }
-    LogReceived("ctrlReceive ", buf, rc);
+    if (GVLOG_Level() > 1) {
+        LogReceived("ctrlReceive ", buf, rc);
+    }
     return rc;
 }
 

@@ -96,8 +96,8 @@ private:
     void ForgetBulkEndPoints() GVUSB_REQUIRES(mutex);
     int BeginTransfer(const char* tag, bool knownProtocol) GVUSB_REQUIRES(mutex);
     int EndTransfer(const char* tag, int result);
-    void LogSent(const char* tag, const unsigned char* data, unsigned int len);
-    void LogReceived(const char* tag, const unsigned char* data, int count);
+    [[gnu::cold]] void LogSent(const char* tag, const unsigned char* data, unsigned int len);
+    [[gnu::cold]] void LogReceived(const char* tag, const unsigned char* data, int count);
 };
 
 // Opens a libusb device; the option has no effect.

@@ -16,17 +16,13 @@ void GVDevice::logBuffer(const char* tag, const char* prefix, const unsigned cha
 
 // An empty precision prints nothing for a count of 0.
 void GVDevice::LogSent(const char* tag, const unsigned char* data, unsigned int len) {
-    if (GVLOG_Level() > 1) {
-        char prefix[64];
-        std::snprintf(prefix, sizeof prefix, "%3.zu Bytes >> ", static_cast<std::size_t>(len));
-        logBuffer(tag, prefix, data, len);
-    }
+    char prefix[64];
+    std::snprintf(prefix, sizeof prefix, "%3.zu Bytes >> ", static_cast<std::size_t>(len));
+    logBuffer(tag, prefix, data, len);
 }
 
 void GVDevice::LogReceived(const char* tag, const unsigned char* data, int count) {
-    if (GVLOG_Level() > 1) {
-        char prefix[64];
-        std::snprintf(prefix, sizeof prefix, "%3.d Bytes << ", count);
-        logBuffer(tag, prefix, data, static_cast<unsigned int>(count));
-    }
+    char prefix[64];
+    std::snprintf(prefix, sizeof prefix, "%3.d Bytes << ", count);
+    logBuffer(tag, prefix, data, static_cast<unsigned int>(count));
 }

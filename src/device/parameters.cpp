@@ -9,29 +9,28 @@
 #include <cstring>
 
 int GVDevice::GetDevicePara(const char* key, char* value) {
-    const UpperKey upperKey(key);
     const MutexLock lock(mutex);
     SetLastError(GVUSB_OK);
-    if (upperKey == "TIMEOUT") {
-        std::snprintf(value, GVUSB_PARAMETER_SIZE, "%u", timeout);
-    } else if (upperKey == "DEVICEHND") {
-        std::snprintf(value, GVUSB_PARAMETER_SIZE, "%d", usbdev_hnd == nullptr ? 0 : devHnd);
-    } else if (upperKey == "DEVICE-ID") {
+    if (isKey(key, "TIMEOUT")) {
+        writeDecimal(value, timeout);
+    } else if (isKey(key, "DEVICEHND")) {
+        writeDecimal(value, usbdev_hnd == nullptr ? 0 : devHnd);
+    } else if (isKey(key, "DEVICE-ID")) {
         std::snprintf(value, GVUSB_PARAMETER_SIZE, "%X", devId);
-    } else if (upperKey == "DEVICENAME") {
+    } else if (isKey(key, "DEVICENAME")) {
         std::strcpy(value, devName);
-    } else if (upperKey == "FAMILYNAME") {
+    } else if (isKey(key, "FAMILYNAME")) {
         std::strcpy(value, famName);
-    } else if (upperKey == "INTERFACE") {
+    } else if (isKey(key, "INTERFACE")) {
         std::strcpy(value, intType);
-    } else if (upperKey == "TYPENUMBER") {
+    } else if (isKey(key, "TYPENUMBER")) {
         if (usbdev_hnd == nullptr) {
             return SetLastError(GVUSB_ERR_NOT_OPENED);
         }
         if (readString(usbdev_hnd, StringIndex::typeNumber, value) < 0) {
             return SetLastError(GVUSB_ERR_STRING_DESCRIPTOR_READ);
         }
-    } else if (upperKey == "PRESENT") {
+    } else if (isKey(key, "PRESENT")) {
         // Waits for ever: IsPresent takes the mutex that is held here. The key is kept as it is known.
         std::strcpy(value, IsPresent() ? "1" : "0");
     } else {
@@ -41,21 +40,20 @@ int GVDevice::GetDevicePara(const char* key, char* value) {
 }
 
 int GVDevice::SetDevicePara(const char* key, const char* value) {
-    const UpperKey upperKey(key);
     const MutexLock lock(mutex);
     SetLastError(GVUSB_OK);
-    if (upperKey == "TIMEOUT") {
+    if (isKey(key, "TIMEOUT")) {
         const auto milliseconds = leadingNumber<std::uint32_t>(value);
         if (milliseconds.value_or(0) < 1) {
             return SetLastError(GVUSB_ERR_OUT_OF_RANGE);
         }
         timeout = *milliseconds;
-    } else if (upperKey == "RESETPIPE") {
+    } else if (isKey(key, "RESETPIPE")) {
         if (usbdev_hnd == nullptr) {
             return SetLastError(GVUSB_ERR_NOT_OPENED);
         }
         ResetBulkEndPoints();
-    } else if (upperKey == "RESETDEVICE") {
+    } else if (isKey(key, "RESETDEVICE")) {
         if (usbdev_hnd == nullptr) {
             return SetLastError(GVUSB_ERR_NOT_OPENED);
         }

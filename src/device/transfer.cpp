@@ -7,7 +7,7 @@
 namespace {
 
 bool isKnownProtocol(const char* interfaceName) {
-    return UpperKey(interfaceName) == GVUSB_PROTOCOL;
+    return isKey(interfaceName, GVUSB_PROTOCOL);
 }
 
 } // namespace

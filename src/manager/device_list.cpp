@@ -54,12 +54,10 @@ GVDevice* GVDrvHnd::DL_DeviceOfUsbDev(const libusb_device* dev) {
 }
 
 GVDevice* GVDrvHnd::DL_DeviceOfDevHnd(int devHnd) {
-    for (GVDevice* device : m_DeviceList) {
-        if (device != nullptr && device->devHnd == devHnd) {
-            return device;
-        }
-    }
-    return nullptr;
+    const auto found = std::find_if(m_DeviceList.begin(), m_DeviceList.end(), [&](const GVDevice* device) {
+        return device != nullptr && device->devHnd == devHnd;
+    });
+    return found == m_DeviceList.end() ? nullptr : *found;
 }
 
 int GVDrvHnd::DL_HandleOfDeviceId(unsigned int devId) {

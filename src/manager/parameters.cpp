@@ -60,7 +60,7 @@ int GVDrvHnd::SetDevicePara(int devHnd, const char* key, const char* value) {
 }
 
 int GVDrvHnd::GetDriverPara(const char* key, char* value) {
-    if (UpperKey(key) == "HOTPLUG-MODE") {
+    if (isKey(key, "HOTPLUG-MODE")) {
         std::snprintf(value, GVUSB_PARAMETER_SIZE, "%u", static_cast<unsigned int>(m_iHotPlugMode));
         return SetLastError(GVUSB_OK);
     }
@@ -68,14 +68,13 @@ int GVDrvHnd::GetDriverPara(const char* key, char* value) {
 }
 
 int GVDrvHnd::SetDriverPara(const char* key, const char* value) {
-    const UpperKey upperKey(key);
-    if (upperKey == "HOTPLUG-UPDATERATE") {
+    if (isKey(key, "HOTPLUG-UPDATERATE")) {
         const auto microseconds = unsignedNumber(value);
         if (microseconds.value_or(0) < 10) {
             return SetLastError(GVUSB_ERR_OUT_OF_RANGE);
         }
         relaxed::store(m_uiUpdateRate, *microseconds);
-    } else if (upperKey == "HOTPLUG-SUSPEND") {
+    } else if (isKey(key, "HOTPLUG-SUSPEND")) {
         const std::string_view suspend(value);
         if (suspend != "0" && suspend != "1") {
             return SetLastError(GVUSB_ERR_OUT_OF_RANGE);

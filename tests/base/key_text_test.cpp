@@ -1,8 +1,11 @@
 #include "base/key_text.h"
 
+#include "edge_buffer.h"
 #include "turkish_letters.h"
 
+#include <cstring>
 #include <string>
+#include <string_view>
 
 #include <gtest/gtest.h>
 
@@ -49,29 +52,41 @@ TEST(ToUpperString, DoesNotDependOnTheProcessLocale) {
     EXPECT_EQ(upper("timeout \xFD"), "TIMEOUT \xFD");
 }
 
-TEST(UpperKey, EqualsAKnownKeyWhateverItsCase) {
-    for (const char* key : {"TIMEOUT", "timeout", "TimeOut"}) {
-        EXPECT_TRUE(UpperKey(key) == "TIMEOUT") << key;
+TEST(IsKey, WhateverTheCase) {
+    for (const char* text : {"TIMEOUT", "timeout", "TimeOut", "TIMEOUt", "tIMEOUT"}) {
+        EXPECT_TRUE(isKey(text, "TIMEOUT")) << text;
+    }
+    EXPECT_TRUE(isKey("tesk-rci2", "TESK-RCI2"));
+}
+
+TEST(IsKey, ComparesWholeTexts) {
+    for (const char* text :
+         {"TIMEOU", "TIMEOUTS", "timeou", "timeouts", " TIMEOUT", "TIMEOUT ", "TIME-OUT", "T", ""}) {
+        EXPECT_FALSE(isKey(text, "TIMEOUT")) << text;
     }
 }
 
-TEST(UpperKey, IsComparedWhole) {
-    for (const char* key : {"TIMEOU", "TIMEOUTS", " TIMEOUT", "TIMEOUT ", "TIME-OUT", ""}) {
-        EXPECT_FALSE(UpperKey(key) == "TIMEOUT") << key;
+TEST(IsKey, TellsLettersFromTheirNeighbours) {
+    EXPECT_FALSE(isKey("TIMEOU`", "TIMEOU@"));
+    EXPECT_FALSE(isKey("{", "["));
+}
+
+TEST(IsKey, ReadsNoFurtherThanTheEndOfTheText) {
+    for (const char* text : {"TIM", "tim", ""}) {
+        support::EdgeBuffer buffer(std::string_view(text, std::strlen(text) + 1));
+        EXPECT_FALSE(isKey(buffer.text(), "TIMEOUT")) << text;
     }
 }
 
-TEST(UpperKey, HoldsUpTo127Characters) {
-    EXPECT_TRUE(UpperKey(std::string(127, 'k').c_str()) == std::string(127, 'K'));
+TEST(IsKey, RefusesATextOfAnyLength) {
+    for (const std::size_t length : {127U, 128U, 129U, 100'000U}) {
+        EXPECT_FALSE(isKey(std::string(length, 'T').c_str(), "TIMEOUT")) << length;
+    }
 }
 
-TEST(UpperKey, EqualsNothingWhenItIsLonger) {
-    for (const std::size_t length : {128u, 129u, 100'000u}) {
-        const std::string key(length, 'k');
-        const UpperKey upperKey(key.c_str());
-        EXPECT_FALSE(upperKey == std::string(length, 'K')) << length;
-        EXPECT_FALSE(upperKey == std::string(127, 'K')) << length;
-    }
+TEST(IsKey, DoesNotDependOnTheProcessLocale) {
+    const TurkishLetters turkish;
+    EXPECT_TRUE(isKey("timeout", "TIMEOUT"));
 }
 
 } // namespace

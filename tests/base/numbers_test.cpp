@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -130,6 +131,27 @@ TEST(HexadecimalNumber, ReadsAsTheConversionForHexadecimalDoes) {
 TEST(HexadecimalNumber, EndsWithItsText) {
     const char field[] = {'1', '2', '3', '4'};
     EXPECT_EQ(hexadecimalNumber({field, 3}), 0x123u);
+}
+
+template <class Number>
+std::string written(Number number) {
+    char text[16] = {};
+    writeDecimal(text, number);
+    return text;
+}
+
+TEST(WriteDecimal, WritesAsTheConversionsForDecimalNumbersDo) {
+    EXPECT_EQ(written(0), "0");
+    EXPECT_EQ(written(1000U), "1000");
+    EXPECT_EQ(written(highestUnsigned), "4294967295");
+    EXPECT_EQ(written(highestInt), "2147483647");
+    EXPECT_EQ(written(lowestInt), "-2147483648");
+}
+
+TEST(WriteDecimal, WritesNothingBehindTheTerminatingZero) {
+    char text[] = "########";
+    writeDecimal(text, 1000U);
+    EXPECT_EQ(std::string(text, sizeof text), std::string("1000\0###", 9));
 }
 
 } // namespace
