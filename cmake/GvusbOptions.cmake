@@ -8,6 +8,7 @@ endif()
 set(GVUSB_SANITIZE "" CACHE STRING "Sanitizers for library and tests, as -fsanitize= takes them (address,undefined or thread)")
 option(GVUSB_WERROR "Treat compiler warnings as errors" OFF)
 option(GVUSB_COVERAGE "Measure test coverage" OFF)
+option(GVUSB_BUILD_BENCHMARKS "Build the benchmarks (scripts/bench)" OFF)
 option(GVUSB_FUZZ "Make the fuzz targets coverage-guided fuzzers (clang)" OFF)
 
 find_package(PkgConfig QUIET)

@@ -15,6 +15,9 @@ test_packages=(clang libclang-rt-14-dev llvm clang-format libgtest-dev libgmock-
 # What looking for mistakes without running anything takes beyond both; run-clang-tidy is a Python program.
 analysis_packages=(clang-tidy cppcheck gcc jq python3)
 
+# What measuring takes beyond the first.
+bench_packages=(binutils libbenchmark-dev python3 strace valgrind)
+
 # What building Debian packages and trying them takes beyond the first.
 packaging_packages=(blhc debhelper doxygen dpkg-dev git help2man lintian mmdebstrap python3)
 

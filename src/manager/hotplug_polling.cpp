@@ -115,7 +115,10 @@ bool GVDrvHnd::WasReported(std::vector<unsigned int>& ids, unsigned int id) {
 
 void GVDrvHnd::SetReported(std::vector<unsigned int>& ids, unsigned int id) {
     const MutexLock lock(m_mtxReported);
-    ToDevIds(&ids, id);
+    const auto isIt = [&](unsigned int reported) { return reported == id; };
+    if (!m_ReportedSearch.find(ids, isIt)) {
+        ToDevIds(&ids, id);
+    }
 }
 
 void GVDrvHnd::ForgetReported() {

@@ -32,12 +32,9 @@ void GVDrvHnd::ClearScanList() {
 }
 
 GVDevice* GVDrvHnd::SL_DeviceOfUsbDev(const libusb_device* dev) {
-    for (GVDevice* device : m_ScanList) {
-        if (device != nullptr && device->usbdev == dev) {
-            return device;
-        }
-    }
-    return nullptr;
+    const auto isIt = [&](const GVDevice* device) { return device != nullptr && device->usbdev == dev; };
+    const auto index = m_ScanListSearch.find(m_ScanList, isIt);
+    return index ? m_ScanList[*index] : nullptr;
 }
 
 int GVDrvHnd::SL_IndexOfDevId(unsigned int devId) {

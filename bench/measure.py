@@ -1,0 +1,263 @@
+#!/usr/bin/env python3
+"""Prints what the library's operations cost, beside the same calls made straight to libusb, and fails where a bound
+is broken. usage: measure.py [--counted] BUILD
+
+Counted are instructions, allocations, system calls and calls of libusb, which come out the same on any machine at any
+load; --counted leaves out the times."""
+
+import argparse
+import collections
+import json
+import os
+import re
+import subprocess
+import sys
+import tempfile
+
+import callgrind
+
+RECORD_SIZE = 872  # of a reader, on a 64-bit machine; what a scan keeps for it is measured against this
+
+
+class Bench:
+    def __init__(self, build):
+        self.build = os.path.abspath(build)
+        self.launcher = self.path("emulator", "gvusb-emulate")
+        self.library = self.path("libgvusb.so.7")
+
+    def path(self, *parts):
+        return os.path.join(self.build, *parts)
+
+    def on_nothing(self, readers=1, **more):
+        """The environment in which libusb does nothing."""
+        return os.environ | {"LD_LIBRARY_PATH": self.path("bench", "do_nothing"),
+                             "GVUSB_BENCH_READERS": str(readers)} | more
+
+    def program(self, name, *arguments):
+        return [self.path("bench", "gvusb_bench_" + name), *map(str, arguments)]
+
+    def emulated(self, *readers, configuration=None):
+        options = ["--config", configuration] if configuration else ["--no-config"]
+        for reader in readers:
+            options += ["--reader", reader]
+        return [self.launcher, *options, "--"]
+
+    # Counting.
+
+    def instructions(self, operation, function, times=1000, readers=1, launcher=()):
+        """Instructions for one call of a function during an operation; libusb does nothing."""
+        return callgrind.instructions([function], self._command(operation, launcher), times, self.on_nothing(readers))[0]
+
+    def instructions_on_bus(self, operation, functions, times, launcher):
+        """The same for several functions at once, with the real libusb on an emulated bus."""
+        return callgrind.instructions(functions, self._command(operation, launcher), times, os.environ)
+
+    def _command(self, operation, launcher):
+        return lambda times: (list(launcher), self.program("count", operation, times))
+
+    def memory(self, operation, times, readers=1, launcher=()):
+        done = subprocess.run([*launcher, *self.program("count", operation, times)], env=self.on_nothing(readers),
+                              check=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        return json.loads(done.stderr) | {"lines": done.stdout.count("\n")}
+
+    def allocations(self, operation, times=1000, readers=1):
+        return self.memory(operation, times, readers)["allocations"] / times
+
+    def system_calls(self, operation, times=1000):
+        def count(n):
+            with tempfile.NamedTemporaryFile("r") as trace:
+                subprocess.run(["strace", "-f", "-o", trace.name, *self.program("count", operation, n)],
+                               env=self.on_nothing(), check=True, stderr=subprocess.DEVNULL)
+                return len(trace.readlines())
+        return round((count(2 * times) - count(times)) / times)
+
+    def libusb_calls(self, operation, readers):
+        """How often one more time of an operation calls each function of libusb."""
+        def count(n):
+            with tempfile.NamedTemporaryFile("r") as calls:
+                subprocess.run(self.program("count", operation, n), check=True, stderr=subprocess.DEVNULL,
+                               env=self.on_nothing(readers, GVUSB_BENCH_CALLS=calls.name))
+                return collections.Counter(calls.read().split())
+        return count(2) - count(1)
+
+    def idle_system_calls(self, mode):
+        """The system calls of an idle process, by name."""
+        with tempfile.NamedTemporaryFile("r") as trace, configuration(f"gvusb_hotplug={mode}") as path:
+            subprocess.run([*self.emulated("id=1", configuration=path), "strace", "-f", "-o", trace.name,
+                            *self.program("idle", 2)], check=True, stdout=subprocess.DEVNULL)
+            lines = trace.read().splitlines()
+        marks = [i for i, line in enumerate(lines) if "getppid()" in line]
+        between = lines[marks[0] + 1:marks[1]]
+        return {match[1] for line in between if (match := re.match(r"\d+ +(?:<\.\.\. )?(\w+)", line))}
+
+
+class configuration:
+    """A configuration file of these lines, while the context lasts."""
+
+    def __init__(self, *lines):
+        self.lines = lines
+
+    def __enter__(self):
+        self.file = tempfile.NamedTemporaryFile("w", suffix=".conf")
+        self.file.write("\n".join(self.lines) + "\n")
+        self.file.flush()
+        return self.file.name
+
+    def __exit__(self, *error):
+        self.file.close()
+
+
+class Table:
+    COLUMNS = ("operation", "unit", "ours", "bare libusb", "ratio", "bound", "")
+    WIDTHS = (64, 13, 10, 12, 7, 9, 6)
+
+    def __init__(self):
+        self.broken = 0
+        self._print(self.COLUMNS)
+
+    def _print(self, cells):
+        print("  ".join(cell.ljust(width) if i < 2 else cell.rjust(width)
+                        for i, (cell, width) in enumerate(zip(cells, self.WIDTHS))).rstrip(), flush=True)
+
+    @staticmethod
+    def _number(value):
+        return "" if value is None else f"{value:,.0f}" if abs(value) >= 100 or value == int(value) else f"{value:.3g}"
+
+    def row(self, operation, unit, ours, bare=None, *, most=None, most_ratio=None):
+        """A row; `most` bounds ours, `most_ratio` ours over bare."""
+        ratio = ours / bare if bare else None
+        holds = (most is None or ours <= most) and (most_ratio is None or ratio <= most_ratio)
+        bound = f"{most_ratio:g} x" if most_ratio is not None else self._number(most)
+        self._print((operation, unit, self._number(ours), self._number(bare),
+                     "" if ratio is None else f"{ratio:.3f}", bound,
+                     "" if not bound else "ok" if holds else "BROKEN"))
+        self.broken += not holds
+
+
+def exchanges(bench, table):
+    exchange = bench.instructions("exchange", "GVUSB_Transceive")
+    bare = bench.instructions("exchange.bare", "BareReader::exchange")
+    table.row("exchange of 16 bytes, libusb does nothing", "instructions", exchange, bare, most=350)
+    table.row("the same, last of 64 open readers", "instructions",
+              bench.instructions("exchange", "GVUSB_Transceive", readers=64), bare, most=700)
+    table.row("exchange", "allocations", bench.allocations("exchange"), 0, most=0)
+    table.row("exchange", "system calls", bench.system_calls("exchange"), 0, most=0)
+    table.row("what 4,080 bytes more to send add", "instructions",
+              bench.instructions("exchange-long-frame", "GVUSB_Transceive") - exchange, 0, most=0)
+    fill = bench.instructions("zero-fill-large-buffer", "zeroFill(") - bench.instructions("zero-fill", "zeroFill(")
+    table.row("what a receive buffer of 64 KiB adds; bare: filling it with zeros", "instructions",
+              bench.instructions("exchange-large-buffer", "GVUSB_Transceive") - exchange, fill, most=fill + 16)
+    # Of the transfers in the same run: how often libusb looks for the end of one is a matter of luck.
+    ours, transfer = bench.instructions_on_bus("exchange", ["GVUSB_Transceive", "libusb_bulk_transfer"], 100,
+                                               bench.emulated("id=1"))
+    table.row("exchange of 16 bytes, emulated bus; bare: its two transfers", "instructions", ours, 2 * transfer,
+              most_ratio=1.05)
+
+
+def parameters(bench, table):
+    table.row('reading "TIMEOUT"', "instructions", bench.instructions("read-timeout", "GVUSB_GetDevicePara"), most=600)
+    table.row('reading "TIMEOUT"', "allocations", bench.allocations("read-timeout"), most=0)
+
+
+def scans(bench, table):
+    for readers in (1, 32, 120):
+        ours = bench.libusb_calls("scan", readers)
+        bare = bench.libusb_calls("scan.bare", readers)
+        table.row(f"scan of {readers}", "libusb calls", ours.total(), bare.total(), most=bare.total())
+        if ours != bare:
+            print(f"  the calls differ: {ours - bare} more, {bare - ours} fewer")
+            table.broken += 1
+    kept = [bench.memory("scan", 1, readers)["bytes"] for readers in (1, 120)]
+    table.row("heap kept for a scanned reader; bare: its record", "bytes", (kept[1] - kept[0]) / 119, RECORD_SIZE,
+              most=RECORD_SIZE + 64)
+
+
+def polls(bench, table):
+    for readers in (1, 32, 120):
+        launcher = bench.emulated(f"id=1,copies={readers}", "vendor=0x046d,bus=2,copies=120")
+        ours = bench.instructions_on_bus("poll", ["GVDrvHnd::UpdateDevices"], 20, launcher)[0]
+        bare = bench.instructions_on_bus("list-devices.bare", ["listDevices"], 20, launcher)[0]
+        table.row(f"poll, {readers} known readers and 120 other devices", "instructions", ours, bare, most_ratio=2)
+
+
+def logging(bench, table):
+    with configuration("gvusb_hotplug=0", "gvusb_debuglevel=2") as path:
+        logged = {"launcher": bench.emulated(configuration=path)}
+        for operation in ("exchange", "scan"):
+            few, many = (bench.memory(operation, times, **logged) for times in (100, 200))
+            table.row(f"a line of the log, level 2, {operation}", "allocations",
+                      (many["allocations"] - few["allocations"]) / (many["lines"] - few["lines"]), most=6)
+        long, longer = (bench.instructions(operation, "GVUSB_Transceive", times=100, **logged)
+                        for operation in ("exchange-long-frame", "exchange-longer-frame"))
+        table.row("exchange, level 2: what 4 KiB behind a full dump add", "instructions", longer - long, most=16)
+
+
+def sizes(bench, table):
+    with tempfile.NamedTemporaryFile() as stripped:
+        subprocess.run(["strip", "-o", stripped.name, bench.library], check=True)
+        table.row("stripped library", "bytes", os.path.getsize(stripped.name), most=128 * 1024 - 1)
+    table.row("own heap after loading", "bytes", load(bench, 1, 300_000)["heap"], most=8 * 1024 - 1)
+
+
+def load(bench, samples, update_rate):
+    done = subprocess.run([*bench.emulated("id=1"), *bench.program("load", bench.library, samples, update_rate)],
+                          check=True, stdout=subprocess.PIPE, text=True)
+    return json.loads(done.stdout)
+
+
+def idling(bench, table):
+    for mode in (0, 2):
+        others = bench.idle_system_calls(mode) - {"clock_nanosleep", "restart_syscall"}
+        table.row(f"idle, hot-plug mode {mode}: but the wake-up", "system calls", len(others), most=0)
+        if others:
+            print("  " + ", ".join(sorted(others)))
+
+
+def processor_time(bench, table):
+    for mode in (1, 0, 2):
+        with configuration(f"gvusb_hotplug={mode}") as path:
+            done = subprocess.run([*bench.emulated("id=1", configuration=path), *bench.program("idle", 20)],
+                                  check=True, stdout=subprocess.PIPE, text=True)
+        table.row(f"idle, hot-plug mode {mode}, 300 ms", "% of a core", 100 * json.loads(done.stdout)["core"], most=0.05)
+
+
+def scan_times(bench, table):
+    for readers in (1, 32, 120):
+        done = subprocess.run(
+            [*bench.emulated(f"id=1,copies={readers}"), *bench.program(
+                "times", "--benchmark_repetitions=15", "--benchmark_enable_random_interleaving=true",
+                "--benchmark_format=json")],
+            check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        times = {result["run_name"]: result["real_time"] / 1000 for result in json.loads(done.stdout)["benchmarks"]
+                 if result.get("aggregate_name") == "median"}
+        table.row(f"scan of {readers}, emulated bus", "us", times["scan"], times["scan.bare"], most_ratio=1.05)
+
+
+def load_times(bench, table):
+    for update_rate, name in ((300_000, "300 ms"), (10, "10 us"), (3_600_000_000, "an hour")):
+        times = load(bench, 50, update_rate)
+        if update_rate == 300_000:
+            table.row("load to ready; bare: libusb_init", "us", times["load"], times["init"], most_ratio=1.3)
+        table.row(f"unload, update rate {name}; bare: libusb_exit", "us", times["unload"], times["exit"],
+                  most=times["exit"] + 5000)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--counted", action="store_true")
+    parser.add_argument("build")
+    arguments = parser.parse_args()
+    bench = Bench(arguments.build)
+    table = Table()
+    for measure in (exchanges, parameters, scans, polls, logging, sizes, idling):
+        measure(bench, table)
+    if not arguments.counted:
+        for measure in (processor_time, scan_times, load_times):
+            measure(bench, table)
+    if table.broken:
+        print(f"{table.broken} bounds are broken", file=sys.stderr)
+    return 1 if table.broken else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,140 @@
+#include "operations.h"
+
+#include "bare_reader.h"
+#include "gvusb.h"
+
+#include <array>
+#include <chrono>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+namespace {
+
+using Action = std::function<void(long times)>;
+
+// The loop is in here, so that next to nothing is counted but the operation.
+template <class Operate>
+Action repeated(Operate operate) {
+    return [operate](long times) mutable {
+        for (long i = 0; i < times; ++i) {
+            operate();
+        }
+    };
+}
+
+constexpr std::size_t frameLength = 16;
+constexpr std::size_t longFrameLength = 4096;
+constexpr std::size_t largeBufferSize = 64 * 1024;
+
+void check(int code, const char* what) {
+    if (code < 0) {
+        throw std::runtime_error(std::string(what) + " returned " + std::to_string(code));
+    }
+}
+
+// No polls beside what is measured.
+void suspendPolls() {
+    check(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1"), "suspending the polls");
+}
+
+// The last opened of all readers on the bus, whose first exchange is over.
+int lastOpenedReader() {
+    suspendPolls();
+    check(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), "opening the readers");
+    int last = 0;
+    for (int next = GVUSB_GetDeviceList(0); next > 0; next = GVUSB_GetDeviceList(next)) {
+        last = next;
+    }
+    std::array<unsigned char, frameLength> frame = {2, 0, 7, 0xFF, 1};
+    check(GVUSB_Transceive(last, GVUSB_PROTOCOL, 0, frame.data(), frame.size(), frame.data(), frame.size()),
+          "the first exchange");
+    return last;
+}
+
+template <std::size_t SendLength, std::size_t ReceiveSize>
+Action exchange() {
+    struct Buffers {
+        std::array<unsigned char, SendLength> sent = {2, 0, 7, 0xFF, 1};
+        std::array<unsigned char, ReceiveSize> received = {};
+    };
+    return repeated([reader = lastOpenedReader(), buffers = Buffers{}]() mutable {
+        check(GVUSB_Transceive(reader, GVUSB_PROTOCOL, 0, buffers.sent.data(), SendLength,
+                               buffers.received.data(), ReceiveSize),
+              "an exchange");
+    });
+}
+
+Action bareExchange() {
+    struct Exchange {
+        BareReader reader;
+        std::array<unsigned char, frameLength> sent = {2, 0, 7, 0xFF, 1};
+        std::array<unsigned char, frameLength> received = {};
+    };
+    return repeated([exchange = std::make_shared<Exchange>()] {
+        exchange->reader.exchange(exchange->sent.data(), frameLength, exchange->received.data(), frameLength);
+    });
+}
+
+template <std::size_t Size>
+Action zeroFilling() {
+    return repeated(
+        [buffer = std::array<unsigned char, Size>()]() mutable { zeroFill(buffer.data(), Size); });
+}
+
+Action readTimeout() {
+    return repeated(
+        [reader = lastOpenedReader(), value = std::array<char, GVUSB_PARAMETER_SIZE>()]() mutable {
+            check(GVUSB_GetDevicePara(reader, "TIMEOUT", value.data()), "reading the time-out");
+        });
+}
+
+Action scan() {
+    suspendPolls();
+    return repeated([] { check(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), "a scan"); });
+}
+
+// The library's thread does it, some times in each of these ten milliseconds; how often is for the counter to tell.
+Action poll() {
+    suspendPolls();
+    check(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), "a scan");
+    check(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-UPDATERATE", "1000"), "setting the update rate");
+    // The thread still sleeps as long as it did by the old rate.
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    check(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "0"), "starting the polls");
+    return repeated([] { std::this_thread::sleep_for(std::chrono::milliseconds(10)); });
+}
+
+Action bareScan() {
+    return repeated([bus = std::make_shared<BareBus>()] { bus->scan(); });
+}
+
+} // namespace
+
+const std::vector<Operation>& operations() {
+    static const std::vector<Operation> all = {
+        {"exchange", &exchange<frameLength, frameLength>},
+        {"exchange.bare", &bareExchange},
+        {"exchange-long-frame", &exchange<longFrameLength, frameLength>},
+        {"exchange-longer-frame", &exchange<2 * longFrameLength, frameLength>},
+        {"exchange-large-buffer", &exchange<frameLength, largeBufferSize>},
+        {"zero-fill", &zeroFilling<frameLength>},
+        {"zero-fill-large-buffer", &zeroFilling<largeBufferSize>},
+        {"read-timeout", &readTimeout},
+        {"poll", &poll},
+        {"scan", &scan},
+        {"scan.bare", &bareScan},
+        {"list-devices.bare", [] { return repeated(&listDevices); }},
+    };
+    return all;
+}
+
+const Operation& operationNamed(std::string_view name) {
+    for (const Operation& operation : operations()) {
+        if (operation.name == name) {
+            return operation;
+        }
+    }
+    throw std::invalid_argument("there is no operation named " + std::string(name));
+}

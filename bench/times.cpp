@@ -1,0 +1,21 @@
+// Times of a scan by the library and of the same calls made straight to libusb, in turns, by Google Benchmark.
+
+#include "operations.h"
+
+#include <string>
+
+#include <benchmark/benchmark.h>
+
+int main(int count, char** arguments) {
+    for (const char* const name : {"scan", "scan.bare"}) {
+        benchmark::RegisterBenchmark(name, [name](benchmark::State& state) {
+            const auto operation = operationNamed(name).prepare();
+            for ([[maybe_unused]] const auto iteration : state) {
+                operation(1);
+            }
+        });
+    }
+    benchmark::Initialize(&count, arguments);
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}
