@@ -71,6 +71,7 @@ void libusb_exit(libusb_context* context) {
 }
 
 const struct libusb_version* libusb_get_version(void) {
+    note(__func__);
     static const struct libusb_version version = {
         .major = 1, .minor = 0, .micro = 26, .rc = "", .describe = ""};
     return &version;
@@ -78,12 +79,14 @@ const struct libusb_version* libusb_get_version(void) {
 
 int libusb_has_capability(uint32_t capability) {
     (void)capability;
+    note(__func__);
     return 1;
 }
 
 void libusb_set_debug(libusb_context* context, int level) {
     (void)context;
     (void)level;
+    note(__func__);
 }
 
 int libusb_hotplug_register_callback(libusb_context* context, int events, int flags, int vendor, int product,
@@ -91,6 +94,7 @@ int libusb_hotplug_register_callback(libusb_context* context, int events, int fl
                                      libusb_hotplug_callback_handle* handle) {
     (void)context, (void)events, (void)flags, (void)vendor, (void)product, (void)class, (void)callback,
         (void)data;
+    note(__func__);
     *handle = 1;
     return LIBUSB_SUCCESS;
 }
@@ -98,6 +102,7 @@ int libusb_hotplug_register_callback(libusb_context* context, int events, int fl
 void libusb_hotplug_deregister_callback(libusb_context* context, libusb_hotplug_callback_handle handle) {
     (void)context;
     (void)handle;
+    note(__func__);
 }
 
 ssize_t libusb_get_device_list(libusb_context* context, libusb_device*** found) {
@@ -159,10 +164,12 @@ void libusb_free_config_descriptor(struct libusb_config_descriptor* descriptor) 
 
 uint8_t libusb_get_bus_number(libusb_device* device) {
     (void)device;
+    note(__func__);
     return 1;
 }
 
 uint8_t libusb_get_device_address(libusb_device* device) {
+    note(__func__);
     return (uint8_t)device->number;
 }
 
@@ -219,11 +226,13 @@ int libusb_release_interface(libusb_device_handle* handle, int number) {
 int libusb_clear_halt(libusb_device_handle* handle, unsigned char endpoint) {
     (void)handle;
     (void)endpoint;
+    note(__func__);
     return LIBUSB_SUCCESS;
 }
 
 int libusb_reset_device(libusb_device_handle* handle) {
     (void)handle;
+    note(__func__);
     return LIBUSB_SUCCESS;
 }
 
@@ -241,5 +250,6 @@ int libusb_control_transfer(libusb_device_handle* handle, uint8_t requestType, u
                             uint16_t value, uint16_t index, unsigned char* data, uint16_t length,
                             unsigned timeout) {
     (void)handle, (void)requestType, (void)request, (void)value, (void)index, (void)data, (void)timeout;
+    note(__func__);
     return length;
 }
