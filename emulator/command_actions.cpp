@@ -28,12 +28,12 @@ void noMore(Text arguments) {
         throw TextError("'" + std::string(arguments) + "' is too much");
 }
 
-std::size_t oneReader(const VirtualBus& bus, Text& arguments) {
+std::size_t oneReader(const Bus& bus, Text& arguments) {
     return static_cast<std::size_t>(
         number("reader", takeWord(arguments), 1, std::max<std::size_t>(bus.size(), 1)));
 }
 
-std::vector<std::size_t> readersNamed(const VirtualBus& bus, Text& arguments) {
+std::vector<std::size_t> readersNamed(const Bus& bus, Text& arguments) {
     Text ahead = arguments;
     if (takeWord(ahead) != "all")
         return {oneReader(bus, arguments)};
@@ -58,15 +58,15 @@ std::uint8_t takeStringIndex(Text& arguments) {
 
 // Changes the faults of the pipes that the next words name: READER PIPE.
 template <typename Change>
-CommandAnswer onPipes(VirtualBus& bus, Text arguments, Change change) {
+CommandAnswer onPipes(Bus& bus, Text arguments, Change change) {
     const std::vector<std::size_t> readers = readersNamed(bus, arguments);
     const Text pipe = takeWord(arguments);
     for (const std::size_t reader : readers) {
-        bus.with(reader, [&](Reader& r) {
-            for (const Pipe each : r.model.pipesNamed(pipe)) {
-                PipeFaults faults = r.model.pipeFaults(each);
+        bus.with(reader, [&](ReaderModel& r) {
+            for (const Pipe each : r.pipesNamed(pipe)) {
+                PipeFaults faults = r.pipeFaults(each);
                 change(faults, arguments);
-                r.model.setPipeFaults(each, faults, now());
+                r.setPipeFaults(each, faults, now());
             }
         });
     }
@@ -74,15 +74,23 @@ CommandAnswer onPipes(VirtualBus& bus, Text arguments, Change change) {
 }
 
 template <typename Change>
-CommandAnswer onReaders(VirtualBus& bus, Text arguments, Change change) {
+CommandAnswer onReaders(Bus& bus, Text arguments, Change change) {
     for (const std::size_t reader : readersNamed(bus, arguments))
-        bus.with(reader, [&](Reader& r) { change(r, arguments); });
+        bus.with(reader, [&](ReaderModel& r) { change(r, arguments); });
+    return ok();
+}
+
+// Changes what goes wrong on the host's side.
+template <typename Change>
+CommandAnswer ofHost(const Bus& bus, Text arguments, Change change) {
+    for (const std::size_t reader : readersNamed(bus, arguments))
+        change(reader, arguments);
     return ok();
 }
 
 } // namespace
 
-CommandAnswer plug(VirtualBus& bus, Text arguments) {
+CommandAnswer plug(Bus& bus, Text arguments) {
     if (arguments.find('=') == Text::npos) {
         Text ahead = arguments;
         const bool all = takeWord(ahead) == "all";
@@ -104,7 +112,7 @@ CommandAnswer plug(VirtualBus& bus, Text arguments) {
     return ok(numbers);
 }
 
-CommandAnswer unplug(VirtualBus& bus, Text arguments) {
+CommandAnswer unplug(Bus& bus, Text arguments) {
     Text ahead = arguments;
     const bool all = takeWord(ahead) == "all";
     for (const std::size_t reader : readersNamed(bus, arguments)) {
@@ -115,7 +123,7 @@ CommandAnswer unplug(VirtualBus& bus, Text arguments) {
     return ok();
 }
 
-CommandAnswer replug(VirtualBus& bus, Text arguments) {
+CommandAnswer replug(Bus& bus, Text arguments) {
     for (const std::size_t reader : readersNamed(bus, arguments)) {
         bus.unplug(reader);
         bus.plug(reader);
@@ -124,32 +132,32 @@ CommandAnswer replug(VirtualBus& bus, Text arguments) {
     return ok();
 }
 
-CommandAnswer setString(VirtualBus& bus, Text arguments) {
-    return onReaders(bus, arguments, [](Reader& r, Text rest) {
+CommandAnswer setString(Bus& bus, Text arguments) {
+    return onReaders(bus, arguments, [](ReaderModel& r, Text rest) {
         const std::uint8_t index = takeStringIndex(rest);
-        r.model.setString(index, std::string(rest));
+        r.setString(index, std::string(rest));
     });
 }
 
-CommandAnswer removeString(VirtualBus& bus, Text arguments) {
-    return onReaders(bus, arguments, [](Reader& r, Text rest) {
+CommandAnswer removeString(Bus& bus, Text arguments) {
+    return onReaders(bus, arguments, [](ReaderModel& r, Text rest) {
         const std::uint8_t index = takeStringIndex(rest);
         noMore(rest);
-        r.model.setString(index, std::nullopt);
+        r.setString(index, std::nullopt);
     });
 }
 
-CommandAnswer failString(VirtualBus& bus, Text arguments) {
-    return onReaders(bus, arguments, [](Reader& r, Text rest) {
+CommandAnswer failString(Bus& bus, Text arguments) {
+    return onReaders(bus, arguments, [](ReaderModel& r, Text rest) {
         const std::uint8_t index = takeStringIndex(rest);
         if (takeSwitch(rest))
-            r.model.requestFaults().unreadableStrings.insert(index);
+            r.requestFaults().unreadableStrings.insert(index);
         else
-            r.model.requestFaults().unreadableStrings.erase(index);
+            r.requestFaults().unreadableStrings.erase(index);
     });
 }
 
-CommandAnswer stall(VirtualBus& bus, Text arguments) {
+CommandAnswer stall(Bus& bus, Text arguments) {
     return onPipes(bus, arguments, [](PipeFaults& faults, Text rest) {
         const Text word = takeWord(rest);
         if (!word.empty() && word != "stuck")
@@ -160,35 +168,35 @@ CommandAnswer stall(VirtualBus& bus, Text arguments) {
     });
 }
 
-CommandAnswer unstall(VirtualBus& bus, Text arguments) {
+CommandAnswer unstall(Bus& bus, Text arguments) {
     return onPipes(bus, arguments, [](PipeFaults& faults, Text rest) {
         noMore(rest);
         faults.stalled = faults.stuck = false;
     });
 }
 
-CommandAnswer mute(VirtualBus& bus, Text arguments) {
+CommandAnswer mute(Bus& bus, Text arguments) {
     return onPipes(bus, arguments, [](PipeFaults& faults, Text rest) {
         noMore(rest);
         faults.mute = true;
     });
 }
 
-CommandAnswer unmute(VirtualBus& bus, Text arguments) {
+CommandAnswer unmute(Bus& bus, Text arguments) {
     return onPipes(bus, arguments, [](PipeFaults& faults, Text rest) {
         noMore(rest);
         faults.mute = false;
     });
 }
 
-CommandAnswer delay(VirtualBus& bus, Text arguments) {
+CommandAnswer delay(Bus& bus, Text arguments) {
     return onPipes(bus, arguments, [](PipeFaults& faults, Text rest) {
         faults.delay = Milliseconds(number("delay", takeWord(rest), 0, longestWait));
         noMore(rest);
     });
 }
 
-CommandAnswer shorten(VirtualBus& bus, Text arguments) {
+CommandAnswer shorten(Bus& bus, Text arguments) {
     return onPipes(bus, arguments, [](PipeFaults& faults, Text rest) {
         const Text word = takeWord(rest);
         noMore(rest);
@@ -198,32 +206,31 @@ CommandAnswer shorten(VirtualBus& bus, Text arguments) {
     });
 }
 
-CommandAnswer reply(VirtualBus& bus, Text arguments) {
-    return onReaders(bus, arguments, [](Reader& r, Text rest) { r.model.setReply(ReplyRule::parse(rest)); });
+CommandAnswer reply(Bus& bus, Text arguments) {
+    return onReaders(bus, arguments, [](ReaderModel& r, Text rest) { r.setReply(ReplyRule::parse(rest)); });
 }
 
-CommandAnswer flush(VirtualBus& bus, Text arguments) {
-    return onReaders(bus, arguments, [](Reader& r, Text rest) {
+CommandAnswer flush(Bus& bus, Text arguments) {
+    return onReaders(bus, arguments, [](ReaderModel& r, Text rest) {
         noMore(rest);
-        r.model.forgetAnswers();
+        r.forgetAnswers();
     });
 }
 
-CommandAnswer busy(VirtualBus& bus, Text arguments) {
-    return onReaders(bus, arguments, [](Reader& r, Text rest) { r.faults.busy = takeSwitch(rest); });
+CommandAnswer busy(Bus& bus, Text arguments) {
+    return ofHost(bus, arguments,
+                  [&](std::size_t reader, Text rest) { bus.setBusy(reader, takeSwitch(rest)); });
 }
 
-CommandAnswer driver(VirtualBus& bus, Text arguments) {
-    return onReaders(bus, arguments, [](Reader& r, Text rest) {
+CommandAnswer driver(Bus& bus, Text arguments) {
+    return ofHost(bus, arguments, [&](std::size_t reader, Text rest) {
         const Text name = takeWord(rest);
         noMore(rest);
-        r.model.setKernelDriver(name == "none" ? std::string{} : std::string(name));
-        if (r.device)
-            r.device->bindDriver(r.model.description().kernelDriver);
+        bus.bindDriver(reader, name == "none" ? std::string{} : std::string(name));
     });
 }
 
-CommandAnswer refuse(VirtualBus& bus, Text arguments) {
+CommandAnswer refuse(Bus& bus, Text arguments) {
     constexpr std::array<std::pair<Text, int>, 6> errors = {{{"EACCES", EACCES},
                                                              {"EPERM", EPERM},
                                                              {"ENODEV", ENODEV},
@@ -242,31 +249,27 @@ CommandAnswer refuse(VirtualBus& bus, Text arguments) {
     return ok();
 }
 
-CommandAnswer failConfiguration(VirtualBus& bus, Text arguments) {
-    return onReaders(bus, arguments, [](Reader& r, Text rest) {
-        r.model.requestFaults().refusesConfiguration = takeSwitch(rest);
+CommandAnswer failConfiguration(Bus& bus, Text arguments) {
+    return onReaders(bus, arguments, [](ReaderModel& r, Text rest) {
+        r.requestFaults().refusesConfiguration = takeSwitch(rest);
     });
 }
 
-CommandAnswer failReset(VirtualBus& bus, Text arguments) {
-    return onReaders(bus, arguments, [](Reader& r, Text rest) { r.faults.failReset = takeSwitch(rest); });
+CommandAnswer failReset(Bus& bus, Text arguments) {
+    return ofHost(bus, arguments,
+                  [&](std::size_t reader, Text rest) { bus.failReset(reader, takeSwitch(rest)); });
 }
 
-CommandAnswer list(VirtualBus& bus, Text arguments) {
+CommandAnswer list(Bus& bus, Text arguments) {
     noMore(arguments);
     std::string text;
     for (std::size_t reader = 1; reader <= bus.size(); ++reader) {
-        std::array<char, 64> line{};
-        bus.with(reader, [&](Reader& r) {
-            const ReaderDescription& description = r.model.description();
+        const std::string place = bus.plugged(reader) ? bus.place(reader) : "unplugged";
+        bus.with(reader, [&](const ReaderModel& r) {
+            const ReaderDescription& description = r.description();
+            std::array<char, 64> line{};
             std::snprintf(line.data(), line.size(), "%zu %04x:%04x ", reader, description.vendor,
                           description.product);
-            std::string place = "unplugged";
-            if (r.node) {
-                std::array<char, 16> address{};
-                std::snprintf(address.data(), address.size(), "%03u/%03u", description.bus, r.address);
-                place = address.data();
-            }
             const auto id = description.strings.find(deviceIdString);
             text += (text.empty() ? "" : "; ") + std::string(line.data()) + place + " " +
                     (id == description.strings.end() ? "-" : id->second);
@@ -275,13 +278,13 @@ CommandAnswer list(VirtualBus& bus, Text arguments) {
     return ok(text);
 }
 
-CommandAnswer frames(VirtualBus& bus, Text arguments) {
+CommandAnswer frames(Bus& bus, Text arguments) {
     const std::size_t reader = oneReader(bus, arguments);
     noMore(arguments);
-    return ok(bus.with(reader, [](Reader& r) {
-        std::string text = std::to_string(r.model.frameCount());
-        if (r.model.frameCount() != 0) {
-            const auto& frame = r.model.lastFrame();
+    return ok(bus.with(reader, [](ReaderModel& r) {
+        std::string text = std::to_string(r.frameCount());
+        if (r.frameCount() != 0) {
+            const auto& frame = r.lastFrame();
             const std::array<std::uint8_t, 1> endpoint = {frame.endpoint};
             text += " 0x" + hexText(endpoint) + " " + hexText(frame.data);
         }
@@ -289,28 +292,16 @@ CommandAnswer frames(VirtualBus& bus, Text arguments) {
     }));
 }
 
-CommandAnswer counts(VirtualBus& bus, Text arguments) {
+CommandAnswer counts(Bus& bus, Text arguments) {
     const std::size_t reader = oneReader(bus, arguments);
     noMore(arguments);
-    const HostCounts counted = bus.with(reader, [](Reader& r) { return r.counts; });
     std::string text;
-    const auto add = [&](const char* name, std::uint64_t count) {
-        text += (text.empty() ? "" : " ") + std::string(name) + "=" + std::to_string(count);
-    };
-    add("opens", counted.opens);
-    add("closes", counted.closes);
-    add("claims", counted.claims);
-    add("releases", counted.releases);
-    add("clear-halts", counted.clearHalts);
-    add("resets", counted.resets);
-    add("set-configurations", counted.setConfigurations);
-    add("driver-detaches", counted.driverDetaches);
-    add("transfers", counted.transfers);
-    add("cancels", counted.cancels);
+    for (const auto& [name, count] : bus.counts(reader))
+        text += (text.empty() ? "" : " ") + name + "=" + std::to_string(count);
     return ok(text);
 }
 
-CommandAnswer wait(VirtualBus&, Text arguments) {
+CommandAnswer wait(Bus&, Text arguments) {
     CommandAnswer answer = ok();
     answer.pause = Milliseconds(number("time to wait", takeWord(arguments), 0, longestWait));
     noMore(arguments);

@@ -10,29 +10,29 @@
 
 namespace emulator::actions {
 
-CommandAnswer plug(VirtualBus& bus, std::string_view arguments);
-CommandAnswer unplug(VirtualBus& bus, std::string_view arguments);
-CommandAnswer replug(VirtualBus& bus, std::string_view arguments);
-CommandAnswer setString(VirtualBus& bus, std::string_view arguments);
-CommandAnswer removeString(VirtualBus& bus, std::string_view arguments);
-CommandAnswer failString(VirtualBus& bus, std::string_view arguments);
-CommandAnswer stall(VirtualBus& bus, std::string_view arguments);
-CommandAnswer unstall(VirtualBus& bus, std::string_view arguments);
-CommandAnswer mute(VirtualBus& bus, std::string_view arguments);
-CommandAnswer unmute(VirtualBus& bus, std::string_view arguments);
-CommandAnswer delay(VirtualBus& bus, std::string_view arguments);
-CommandAnswer shorten(VirtualBus& bus, std::string_view arguments);
-CommandAnswer reply(VirtualBus& bus, std::string_view arguments);
-CommandAnswer flush(VirtualBus& bus, std::string_view arguments);
-CommandAnswer busy(VirtualBus& bus, std::string_view arguments);
-CommandAnswer driver(VirtualBus& bus, std::string_view arguments);
-CommandAnswer refuse(VirtualBus& bus, std::string_view arguments);
-CommandAnswer failConfiguration(VirtualBus& bus, std::string_view arguments);
-CommandAnswer failReset(VirtualBus& bus, std::string_view arguments);
-CommandAnswer list(VirtualBus& bus, std::string_view arguments);
-CommandAnswer frames(VirtualBus& bus, std::string_view arguments);
-CommandAnswer counts(VirtualBus& bus, std::string_view arguments);
-CommandAnswer wait(VirtualBus& bus, std::string_view arguments);
+CommandAnswer plug(Bus& bus, std::string_view arguments);
+CommandAnswer unplug(Bus& bus, std::string_view arguments);
+CommandAnswer replug(Bus& bus, std::string_view arguments);
+CommandAnswer setString(Bus& bus, std::string_view arguments);
+CommandAnswer removeString(Bus& bus, std::string_view arguments);
+CommandAnswer failString(Bus& bus, std::string_view arguments);
+CommandAnswer stall(Bus& bus, std::string_view arguments);
+CommandAnswer unstall(Bus& bus, std::string_view arguments);
+CommandAnswer mute(Bus& bus, std::string_view arguments);
+CommandAnswer unmute(Bus& bus, std::string_view arguments);
+CommandAnswer delay(Bus& bus, std::string_view arguments);
+CommandAnswer shorten(Bus& bus, std::string_view arguments);
+CommandAnswer reply(Bus& bus, std::string_view arguments);
+CommandAnswer flush(Bus& bus, std::string_view arguments);
+CommandAnswer busy(Bus& bus, std::string_view arguments);
+CommandAnswer driver(Bus& bus, std::string_view arguments);
+CommandAnswer refuse(Bus& bus, std::string_view arguments);
+CommandAnswer failConfiguration(Bus& bus, std::string_view arguments);
+CommandAnswer failReset(Bus& bus, std::string_view arguments);
+CommandAnswer list(Bus& bus, std::string_view arguments);
+CommandAnswer frames(Bus& bus, std::string_view arguments);
+CommandAnswer counts(Bus& bus, std::string_view arguments);
+CommandAnswer wait(Bus& bus, std::string_view arguments);
 
 } // namespace emulator::actions
 

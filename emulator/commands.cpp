@@ -17,7 +17,7 @@ struct Command {
     Text arguments;
     Text meaning;
     unsigned needed; // arguments that must be there
-    CommandAnswer (*run)(VirtualBus& bus, Text arguments);
+    CommandAnswer (*run)(Bus& bus, Text arguments);
 };
 
 constexpr std::array commands = {
@@ -74,7 +74,7 @@ void checkArguments(const Command& command, Text arguments) {
 
 } // namespace
 
-CommandAnswer runCommand(VirtualBus& bus, std::string_view line) {
+CommandAnswer runCommand(Bus& bus, std::string_view line) {
     try {
         const Command& command = commandNamed(takeWord(line));
         checkArguments(command, line);

@@ -6,7 +6,7 @@
 #ifndef GVUSB_EMULATOR_COMMANDS_H
 #define GVUSB_EMULATOR_COMMANDS_H
 
-#include "virtual_bus.h"
+#include "bus.h"
 
 #include <string>
 #include <string_view>
@@ -19,7 +19,7 @@ struct CommandAnswer {
 };
 
 // Never throws TextError: what is wrong stands in the answer.
-CommandAnswer runCommand(VirtualBus& bus, std::string_view line);
+CommandAnswer runCommand(Bus& bus, std::string_view line);
 
 // Whether `line` is a command with as many arguments as it needs; what the bus will say to it shows when it
 // runs. Throws TextError.

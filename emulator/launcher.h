@@ -1,4 +1,4 @@
-// Runs one program on one bus, from the making of the bus to its last file.
+// Makes a bus, runs one program on it or serves it to others, and leaves nothing behind.
 
 #ifndef GVUSB_EMULATOR_LAUNCHER_H
 #define GVUSB_EMULATOR_LAUNCHER_H
@@ -11,8 +11,8 @@ namespace emulator {
 // yet. Throws std::system_error.
 void ensurePreloaded(char* const* arguments);
 
-// Returns the exit status of the program. Throws std::exception if the bus cannot be made.
-int launch(Options options);
+// Returns the exit status of the program, or 0 where there is none. Throws std::exception if the bus cannot be made.
+int launch(const Options& options);
 
 } // namespace emulator
 

@@ -35,7 +35,8 @@ int main(int count, char** arguments) {
             failure = EXIT_FAILURE;
             return send(*wanted.command);
         }
-        emulator::ensurePreloaded(arguments);
+        if (!wanted.usbip)
+            emulator::ensurePreloaded(arguments);
         return emulator::launch(wanted);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "gvusb-emulate: %s\n", error.what());

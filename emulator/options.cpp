@@ -40,16 +40,40 @@ std::string footer() {
            "\nCONFIGURATION\n"
            "A program may give the children that it starts another configuration file: the path in\n"
            "GVUSB_EMULATE_CONFIG, or an empty text for none.\n"
+           "\nUSB/IP\n"
+           "With --usbip the readers are on no bus of their own: any Linux machine attaches them with its "
+           "usbip "
+           "client\n"
+           "(modprobe vhci-hcd; usbip attach -r HOST -b BUSID), and every program there sees them as "
+           "devices. "
+           "\"list\"\n"
+           "and \"usbip list -r HOST\" tell the bus IDs, such as 1-1. To be unplugged is to be taken from "
+           "who has "
+           "attached\n"
+           "the reader; plugged again, it can be attached again. \"counts\" counts as opened how often it "
+           "was "
+           "attached. The\n"
+           "commands busy, driver, refuse and fail-reset are errors, for the machine that attaches is the "
+           "host. "
+           "Without a\n"
+           "program a line on standard output tells the address and, as GVUSB_EMULATE_SOCKET=PATH, where "
+           "commands "
+           "go;\n"
+           "SIGINT or SIGTERM ends it. A program runs beside it and finds the address in "
+           "GVUSB_EMULATE_USBIP.\n"
+           "USB/IP has no passwords and no encryption: whoever reaches the port has the readers.\n"
            "\nEXIT STATUS\n"
            "That of the program, or 128 and the number of the signal that ended it; 127 if there is no such "
            "program,\n"
            "126 if it cannot be run, 125 if the bus could not be made, 2 for a mistake on the command line.\n"
-           "With --send: 0 for \"ok\", 1 for an error.\n"
+           "With --usbip and no program: 0 at the end by a signal. With --send: 0 for \"ok\", 1 for an "
+           "error.\n"
            "\nEXAMPLES\n"
            "  gvusb-emulate -- lsusb\n"
            "  gvusb-emulate --reader id=CAFE,endpoints=none --reader id=BEEF,speed=high -- ./my-test "
            "--verbose\n"
            "  gvusb-emulate --reader copies=32 -- ./my-test\n"
+           "  gvusb-emulate --usbip --reader id=CAFE\n"
            "  gvusb-emulate -- sh -c 'my-test & gvusb-emulate --send \"unplug 1\"; wait'\n"
            "  printf 'at 500 unplug 1\\nat 1000 plug 1\\n' > script; gvusb-emulate --script script -- "
            "./monitor\n";
@@ -58,8 +82,8 @@ std::string footer() {
 // CLI11 would take the program's own options for ours, so what follows is cut off before it reads: everything
 // after the first "--", or from the first word on that is neither an option nor an option's value.
 std::vector<std::string> cutProgram(std::vector<std::string>& arguments) {
-    static constexpr std::array<std::string_view, 5> withValue = {"--reader", "--readers", "--script",
-                                                                  "--config", "--send"};
+    static constexpr std::array<std::string_view, 6> withValue = {"--reader", "--readers", "--script",
+                                                                  "--config", "--send",    "--listen"};
     auto word = arguments.begin();
     while (word != arguments.end() && word->starts_with("-") && *word != "--") {
         const bool takesNext = std::ranges::find(withValue, *word) != withValue.end();
@@ -76,6 +100,8 @@ std::vector<std::string> cutProgram(std::vector<std::string>& arguments) {
 class HelpText : public CLI::Formatter {
     std::string make_usage(const CLI::App*, std::string) const override {
         return "Usage: gvusb-emulate [OPTIONS] [--] PROGRAM [ARGUMENTS...]\n"
+               "       gvusb-emulate --usbip [--listen ADDRESS:PORT] [OPTIONS] [[--] PROGRAM "
+               "[ARGUMENTS...]]\n"
                "       gvusb-emulate --send COMMAND\n";
     }
 };
@@ -87,9 +113,10 @@ std::variant<Options, int> readOptions(int count, const char* const* arguments) 
     std::vector<std::string> words(arguments + 1, arguments + count);
     options.program = cutProgram(words);
 
-    CLI::App app(
-        "Runs a program on an emulated USB bus with virtual readers. Needs no privilege and no hardware.",
-        "gvusb-emulate");
+    CLI::App app("Runs a program on an emulated USB bus with virtual readers, or serves them by USB/IP. "
+                 "Needs no privilege "
+                 "and no hardware.",
+                 "gvusb-emulate");
     app.formatter(std::make_shared<HelpText>());
     app.footer(footer());
     std::vector<std::string> descriptions;
@@ -112,6 +139,15 @@ std::variant<Options, int> readOptions(int count, const char* const* arguments) 
         ->excludes(config);
     app.add_flag("-v,--verbose", options.verbose,
                  "Report plugs, commands and their answers on standard error");
+    bool usbip = false;
+    std::string address(defaultUsbipAddress);
+    CLI::Option* serve = app.add_flag(
+        "--usbip", usbip,
+        "Serve the readers by USB/IP to machines that attach them, until a signal or the program's end");
+    app.add_option("--listen", address, "Where USB/IP clients reach them; port 0 takes a free one")
+        ->type_name("ADDRESS:PORT")
+        ->capture_default_str()
+        ->needs(serve);
     CLI::Option* send = app.add_option("--send", command,
                                        "Send a command to the bus that this runs on, and print the answer");
     send->type_name("COMMAND");
@@ -124,8 +160,13 @@ std::variant<Options, int> readOptions(int count, const char* const* arguments) 
             options.command = command;
             return options;
         }
-        if (options.program.empty())
+        if (usbip)
+            options.usbip = parseSocketAddress(address);
+        if (options.program.empty() && !usbip)
             throw TextError("no program to run");
+        if (usbip && (noConfiguration || config->count() != 0))
+            throw TextError(
+                "--config and --no-config do not go with --usbip, where no bus is the program's own");
         if (noReaders && !(descriptions.empty() && readerFiles.empty()))
             throw TextError("--no-readers goes with no other readers");
         for (const std::string& description : descriptions)

@@ -5,6 +5,7 @@
 
 #include "reader_description.h"
 #include "script.h"
+#include "usbip_address.h"
 
 #include <optional>
 #include <string>
@@ -20,7 +21,8 @@ struct Options {
         configurationFile; // what the program reads in its place; "" stands for no file
     bool verbose = false;
     std::optional<std::string> command; // send it to a running bus and do nothing else
-    std::vector<std::string> program;
+    std::optional<SocketAddress> usbip; // serve the readers there, and not on a bus of the program's own
+    std::vector<std::string> program;   // empty only where they are served
 };
 
 // The options, or the exit status where --help, --version or a mistake ended the matter, with its text

@@ -123,7 +123,7 @@ Completion ReaderModel::perform(const Transfer& transfer, const PipeFaults& faul
         takeFrame(transfer.endpoint, std::move(frame));
         return completion;
     }
-    Answer& answer = bulkAnswers_.front();
+    WaitingAnswer& answer = bulkAnswers_.front();
     if (faults.shortTo && answer.sent == 0)
         answer.data.resize(std::min(answer.data.size(), *faults.shortTo));
     return sendPackets(transfer);
@@ -132,7 +132,7 @@ Completion ReaderModel::perform(const Transfer& transfer, const PipeFaults& faul
 // Packets go until the answer ends or the host has what it asked for. An answer's end ends the transfer, as
 // the zero-length packet does where it is needed. A packet that does not fit is lost, as on the wire.
 Completion ReaderModel::sendPackets(const Transfer& transfer) {
-    Answer& answer = bulkAnswers_.front();
+    WaitingAnswer& answer = bulkAnswers_.front();
     const auto endpoint = std::ranges::find(description_.endpoints, transfer.endpoint, &Endpoint::address);
     const std::size_t packet = packetSize(description_, *endpoint);
     const std::size_t left = answer.data.size() - answer.sent;
@@ -147,7 +147,7 @@ Completion ReaderModel::sendPackets(const Transfer& transfer) {
     completion.data.assign(begin, begin + static_cast<std::ptrdiff_t>(completion.actual));
     answer.sent += taken;
     if (answer.sent == answer.data.size())
-        bulkAnswers_.pop_front();
+        bulkAnswers_.pop();
     return completion;
 }
 
@@ -162,7 +162,7 @@ void ReaderModel::takeFrame(std::uint8_t endpoint, Bytes frame) {
     for (const Endpoint& way : description_.endpoints)
         mute |= !byControl && way.in() && pipeFaults(pipeOf(way.address)).mute;
     if (answer && !mute)
-        (byControl ? controlAnswers_ : bulkAnswers_).push_back({.data = std::move(*answer), .sent = 0});
+        (byControl ? controlAnswers_ : bulkAnswers_).push(std::move(*answer));
 }
 
 // ------------------------------------------------------------------------------------------- life on the bus

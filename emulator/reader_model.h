@@ -8,6 +8,7 @@
 #ifndef GVUSB_EMULATOR_READER_MODEL_H
 #define GVUSB_EMULATOR_READER_MODEL_H
 
+#include "answer_queue.h"
 #include "reader_description.h"
 #include "reader_faults.h"
 #include "transfer.h"
@@ -77,10 +78,6 @@ private:
         Transfer transfer;
         std::optional<Time> ready = std::nullopt; // when its delay is over, once it could complete
     };
-    struct Answer {
-        Bytes data;
-        std::size_t sent = 0;
-    };
 
     void run(std::uint8_t endpoint, Time now);
     bool runFirst(std::deque<Waiting>& queue, Time now);
@@ -100,8 +97,8 @@ private:
     RequestFaults requestFaults_;
     std::map<std::uint8_t, std::deque<Waiting>> waiting_; // by end point; each completes in order
     std::deque<Completion> completions_;
-    std::deque<Answer> bulkAnswers_;
-    std::deque<Answer> controlAnswers_;
+    AnswerQueue bulkAnswers_;
+    AnswerQueue controlAnswers_;
     std::uint64_t frameCount_ = 0;
     SeenFrame lastFrame_;
     TransferId lastId_ = 0;

@@ -54,7 +54,7 @@ Completion ReaderModel::control(const Transfer& transfer, const PipeFaults& faul
         if (controlAnswers_.empty())
             return stall();
         Bytes answer = std::move(controlAnswers_.front().data);
-        controlAnswers_.pop_front();
+        controlAnswers_.pop();
         answer.resize(std::min(answer.size(), faults.shortTo.value_or(answer.size())));
         return send(std::move(answer), transfer);
     }

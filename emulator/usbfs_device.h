@@ -6,6 +6,7 @@
 #ifndef GVUSB_EMULATOR_USBFS_DEVICE_H
 #define GVUSB_EMULATOR_USBFS_DEVICE_H
 
+#include "host_counts.h"
 #include "reader_model.h"
 
 #include <deque>
@@ -21,20 +22,6 @@ struct HostFaults {
     bool busy = false;      // claiming answers "busy", as if another program had the interface
     bool failReset = false; // a port reset fails
     int refuseOpen = 0;     // the errno that opening answers
-};
-
-// What the host did to a reader since the start.
-struct HostCounts {
-    std::uint64_t opens = 0;
-    std::uint64_t closes = 0;
-    std::uint64_t claims = 0;
-    std::uint64_t releases = 0;
-    std::uint64_t clearHalts = 0;
-    std::uint64_t resets = 0;
-    std::uint64_t setConfigurations = 0;
-    std::uint64_t driverDetaches = 0;
-    std::uint64_t transfers = 0;
-    std::uint64_t cancels = 0;
 };
 
 using OpenId = std::uint64_t;

@@ -240,6 +240,54 @@ void VirtualBus::deliver(Reader& reader) {
     reader.node->refresh();
 }
 
+void VirtualBus::onModel(std::size_t number, const std::function<void(ReaderModel&)>& action) {
+    Reader& reader = readerNumber(number);
+    const std::lock_guard lock(mutex_);
+    action(reader.model);
+    deliver(reader);
+}
+
+std::string VirtualBus::place(std::size_t number) const {
+    const Reader& reader = readerNumber(number);
+    return numbered("%03u/%03u", reader.model.description().bus, reader.address);
+}
+
+Bus::NamedCounts VirtualBus::counts(std::size_t number) {
+    const Reader& reader = readerNumber(number);
+    const std::lock_guard lock(mutex_);
+    const HostCounts& counted = reader.counts;
+    return {{"opens", counted.opens},
+            {"closes", counted.closes},
+            {"claims", counted.claims},
+            {"releases", counted.releases},
+            {"clear-halts", counted.clearHalts},
+            {"resets", counted.resets},
+            {"set-configurations", counted.setConfigurations},
+            {"driver-detaches", counted.driverDetaches},
+            {"transfers", counted.transfers},
+            {"cancels", counted.cancels}};
+}
+
+void VirtualBus::setBusy(std::size_t number, bool busy) {
+    Reader& reader = readerNumber(number);
+    const std::lock_guard lock(mutex_);
+    reader.faults.busy = busy;
+}
+
+void VirtualBus::bindDriver(std::size_t number, const std::string& name) {
+    Reader& reader = readerNumber(number);
+    const std::lock_guard lock(mutex_);
+    reader.model.setKernelDriver(name);
+    if (reader.device)
+        reader.device->bindDriver(name);
+}
+
+void VirtualBus::failReset(std::size_t number, bool fails) {
+    Reader& reader = readerNumber(number);
+    const std::lock_guard lock(mutex_);
+    reader.faults.failReset = fails;
+}
+
 void VirtualBus::refuseOpening(std::size_t number, int error) {
     Reader& reader = readerNumber(number);
     reader.faults.refuseOpen = error;
@@ -269,18 +317,21 @@ std::optional<Time> VirtualBus::nextDeadline() {
     return earliest;
 }
 
-void VirtualBus::advance() {
+void VirtualBus::addPolled(std::vector<pollfd>& descriptors) {
+    descriptors.push_back({.fd = wakeUp_, .events = POLLIN, .revents = 0});
+}
+
+void VirtualBus::serve(const std::vector<pollfd>& polled, std::size_t first) {
+    if (polled[first].revents != 0) {
+        std::uint64_t count = 0;
+        [[maybe_unused]] const ssize_t read = ::read(wakeUp_, &count, sizeof count);
+    }
     const std::lock_guard lock(mutex_);
     const Time present = now();
     for (const auto& reader : readers_) {
         reader->model.advance(present);
         deliver(*reader);
     }
-}
-
-void VirtualBus::noteWakeUp() {
-    std::uint64_t count = 0;
-    [[maybe_unused]] const ssize_t read = ::read(wakeUp_, &count, sizeof count);
 }
 
 } // namespace emulator

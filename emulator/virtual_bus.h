@@ -7,6 +7,7 @@
 #ifndef GVUSB_EMULATOR_VIRTUAL_BUS_H
 #define GVUSB_EMULATOR_VIRTUAL_BUS_H
 
+#include "bus.h"
 #include "device_node.h"
 #include "usbfs_device.h"
 
@@ -16,7 +17,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -40,51 +40,34 @@ struct Reader {
     std::uint8_t address = 0;
 };
 
-class VirtualBus {
+class VirtualBus final : public Bus {
 public:
     // `folder` is where the preload finds what it must know. Throws std::runtime_error.
     explicit VirtualBus(std::filesystem::path folder);
-    VirtualBus(const VirtualBus&) = delete;
-    VirtualBus& operator=(const VirtualBus&) = delete;
-    ~VirtualBus();
+    ~VirtualBus() override;
 
     // The folder that umockdev's preload reads the bus from.
     std::string root() const;
 
-    // Adds a reader, unplugged, and returns its number.
-    std::size_t add(ReaderDescription description);
-    std::size_t size() const { return readers_.size(); }
-    bool plugged(std::size_t number) const;
+    std::size_t add(ReaderDescription description) override;
+    std::size_t size() const override { return readers_.size(); }
+    bool plugged(std::size_t number) const override;
+    void plug(std::size_t number) override;
+    void unplug(std::size_t number) override;
+    std::string place(std::size_t number) const override;
 
-    // Throw TextError where the bus is full, the reader is already there, or not, or a program takes no events.
-    void plug(std::size_t number);
-    void unplug(std::size_t number);
+    NamedCounts counts(std::size_t number) override;
+    void setBusy(std::size_t number, bool busy) override;
+    void bindDriver(std::size_t number, const std::string& name) override;
+    void refuseOpening(std::size_t number, int error) override;
+    void failReset(std::size_t number, bool fails) override;
 
-    // Runs an action on a reader under the mutex, then delivers what it completed.
-    template <typename Action>
-    auto with(std::size_t number, Action action) {
-        Reader& reader = readerNumber(number);
-        const std::lock_guard lock(mutex_);
-        if constexpr (std::is_void_v<decltype(action(reader))>) {
-            action(reader);
-            deliver(reader);
-        } else {
-            auto result = action(reader);
-            deliver(reader);
-            return result;
-        }
-    }
+    void addPolled(std::vector<pollfd>& descriptors) override;
+    void serve(const std::vector<pollfd>& polled, std::size_t first) override;
+    std::optional<Time> nextDeadline() override;
 
-    // Opening the reader's node fails with this errno from now on; 0 lets programs in.
-    void refuseOpening(std::size_t number, int error);
-
-    // When advance() is due.
-    std::optional<Time> nextDeadline();
-    void advance();
-
-    // Readable when the deadline may have become earlier; noteWakeUp() clears it.
-    int wakeUpDescriptor() const { return wakeUp_; }
-    void noteWakeUp();
+protected:
+    void onModel(std::size_t number, const std::function<void(ReaderModel&)>& action) override;
 
 private:
     Reader& readerNumber(std::size_t number) const;
@@ -96,7 +79,7 @@ private:
 
     std::filesystem::path folder_;
     UMockdevTestbed* testbed_ = nullptr;
-    int wakeUp_ = -1;
+    int wakeUp_ = -1; // readable when the deadline may have become earlier
     std::mutex mutex_;
     std::vector<std::unique_ptr<Reader>> readers_;
     std::map<std::uint8_t, std::uint8_t> lastAddress_; // by bus

@@ -209,6 +209,85 @@ runs_script() {
     expect_output 'script line 4: error: reader is'
 }
 
+# Starts a server without a program; waits for its line, of which it takes the address and the socket.
+start_server() { # OPTION...
+    rm -f "$scratch/line"
+    env --default-signal=INT,TERM,HUP "$emulate" --usbip --listen 127.0.0.1:0 "$@" >"$scratch/line" &
+    launcher=$!
+    await grep -q . "$scratch/line"
+    port=$(sed -n 's/^gvusb-emulate: USB\/IP at 127\.0\.0\.1:\([1-9][0-9]*\), .*/\1/p' "$scratch/line")
+    GVUSB_EMULATE_SOCKET=$(sed -n 's/.*, commands at GVUSB_EMULATE_SOCKET=//p' "$scratch/line")
+    export GVUSB_EMULATE_SOCKET
+    [ -n "$port" ] && [ -S "$GVUSB_EMULATE_SOCKET" ] || fail "line is '$(cat "$scratch/line")'"
+}
+
+serves_usbip_until_a_signal() {
+    for signal in TERM INT HUP; do
+        start_server
+        folder=${GVUSB_EMULATE_SOCKET%/*}
+        kill "-$signal" "$launcher"
+        wait "$launcher"
+        expect_equal "exit status by $signal" $? 0
+        folder_gone "$folder" || fail "$signal left $folder"
+    done
+}
+
+takes_commands_while_it_serves_usbip() {
+    printf 'at 300 string 2 1 BEEF\n' >"$scratch/script"
+    start_server --reader id=CAFE --reader id=D00F,plugged=no --script "$scratch/script"
+    expect_status 0 "$emulate" --send list
+    expect_output '^ok 1 [0-9a-f]*:0001 1-1 CAFE; 2 [0-9a-f]*:0001 unplugged D00F$'
+    expect_status 1 "$emulate" --send 'busy 1 on'
+    expect_output '^error: over USB/IP that is up to the machine that attaches the reader$'
+    expect_status 0 "$emulate" --send 'plug 2'
+    expect_status 0 "$emulate" --send 'wait 400'
+    expect_status 0 "$emulate" --send list
+    expect_output '1-2 BEEF$'
+    kill "$launcher"
+    wait "$launcher"
+}
+
+runs_program_beside_usbip() {
+    expect_status 7 "$emulate" --usbip --listen '[::1]:0' -- sh -c 'echo "$GVUSB_EMULATE_USBIP ${LD_PRELOAD-none}"
+        "$1" --send "unplug 1"; exit 7' sh "$emulate"
+    expect_output '^\[::1\]:[1-9][0-9]* none$'
+    expect_output '^ok$'
+}
+
+reports_mistakes_with_usbip() {
+    expect_status 2 "$emulate" --listen 127.0.0.1:0 -- true
+    expect_output 'usbip'
+    expect_status 2 "$emulate" --usbip --listen localhost
+    expect_output "'localhost' is not ADDRESS:PORT"
+    expect_status 2 "$emulate" --usbip --no-config
+    expect_status 125 "$emulate" --usbip --listen 127.0.0.1:0 --reader driver=usbhid
+    expect_output 'up to the machine that attaches'
+    start_server
+    expect_status 125 "$emulate" --usbip --listen "127.0.0.1:$port"
+    expect_output "127.0.0.1:$port: Address already in use"
+    kill "$launcher"
+    wait "$launcher"
+}
+
+stock_client_lists_what_it_could_attach() {
+    PATH=$PATH:/usr/sbin:/sbin
+    command -v usbip >"$scratch/where" || {
+        echo "SKIPPED: there is no usbip client here"
+        exit 77
+    }
+    start_server --reader vendor=0x1234,product=0x5678 --reader vendor=0x1234,product=0x9abc,interfaces=2,bus=3
+    expect_status 0 usbip --tcp-port "$port" list -r 127.0.0.1
+    expect_output '^ *1-1: .*(1234:5678)$'
+    expect_output '^ *3-2: .*(1234:9abc)$'
+    expect_output '/sys/devices/gvusb/usb3/3-2$'
+    expect_equal "interfaces" "$(grep -c '(ff/00/00)$' "$scratch/output")" 3
+    expect_status 0 "$emulate" --send 'unplug 1'
+    expect_status 0 usbip --tcp-port "$port" list -r 127.0.0.1
+    expect_equal "readers" "$(grep -c '(1234:....)$' "$scratch/output")" 1
+    kill "$launcher"
+    wait "$launcher"
+}
+
 runs_beside_another() {
     for name in AAAA BBBB; do
         (

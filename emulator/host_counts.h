@@ -1,0 +1,24 @@
+// What the host did to a reader since the start.
+//
+// Plain values; whoever owns them guards them.
+
+#pragma once
+
+#include <cstdint>
+
+namespace emulator {
+
+struct HostCounts {
+    std::uint64_t opens = 0;
+    std::uint64_t closes = 0;
+    std::uint64_t claims = 0;
+    std::uint64_t releases = 0;
+    std::uint64_t clearHalts = 0;
+    std::uint64_t resets = 0;
+    std::uint64_t setConfigurations = 0;
+    std::uint64_t driverDetaches = 0;
+    std::uint64_t transfers = 0;
+    std::uint64_t cancels = 0;
+};
+
+} // namespace emulator

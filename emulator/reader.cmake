@@ -1,0 +1,19 @@
+# The reader by itself, and how USB/IP clients talk to it, as sources: each who uses them compiles them with the flags of
+# its own.
+add_library(gvusb_reader INTERFACE)
+foreach(source
+        descriptors.cpp
+        reader_description.cpp
+        reader_model.cpp
+        reader_requests.cpp
+        reply_rule.cpp
+        text.cpp
+        usbfs_device.cpp
+        usbip_connection.cpp
+        usbip_import.cpp
+        usbip_messages.cpp
+        usbip_readers.cpp)
+    target_sources(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR}/${source})
+endforeach()
+target_include_directories(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR})
+target_compile_definitions(gvusb_reader INTERFACE GVUSB_VENDOR_ID=${GVUSB_VENDOR_ID})

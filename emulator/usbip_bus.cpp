@@ -1,0 +1,82 @@
+#include "usbip_bus.h"
+
+#include <algorithm>
+#include <chrono>
+
+namespace emulator {
+
+namespace {
+
+Time now() {
+    return std::chrono::steady_clock::now();
+}
+
+[[noreturn]] void refuse() {
+    throw TextError("over USB/IP that is up to the machine that attaches the reader");
+}
+
+} // namespace
+
+std::size_t UsbipBus::add(ReaderDescription description) {
+    if (!description.kernelDriver.empty())
+        refuse();
+    return readers_.add(std::move(description));
+}
+
+void UsbipBus::plug(std::size_t number) {
+    readers_.plug(number, now());
+}
+
+void UsbipBus::unplug(std::size_t number) {
+    readers_.unplug(number);
+    server_.settle();
+}
+
+Bus::NamedCounts UsbipBus::counts(std::size_t number) {
+    const HostCounts& counted = readers_.at(number).counts;
+    return {{"opens", counted.opens},
+            {"closes", counted.closes},
+            {"clear-halts", counted.clearHalts},
+            {"resets", counted.resets},
+            {"set-configurations", counted.setConfigurations},
+            {"transfers", counted.transfers},
+            {"cancels", counted.cancels}};
+}
+
+void UsbipBus::setBusy(std::size_t, bool) {
+    refuse();
+}
+
+void UsbipBus::bindDriver(std::size_t, const std::string&) {
+    refuse();
+}
+
+void UsbipBus::refuseOpening(std::size_t, int) {
+    refuse();
+}
+
+void UsbipBus::failReset(std::size_t, bool) {
+    refuse();
+}
+
+void UsbipBus::serve(const std::vector<pollfd>& polled, std::size_t first) {
+    readers_.advance(now());
+    server_.serve(polled, first);
+}
+
+std::optional<Time> UsbipBus::nextDeadline() {
+    std::optional<Time> earliest = server_.nextDeadline();
+    if (const std::optional<Time> due = readers_.nextDeadline())
+        earliest = std::min(earliest.value_or(*due), *due);
+    return earliest;
+}
+
+void UsbipBus::onModel(std::size_t number, const std::function<void(ReaderModel&)>& action) {
+    usbip::Reader& reader = readers_.at(number);
+    action(reader.model);
+    if (reader.importer != nullptr)
+        reader.importer->collect();
+    server_.settle();
+}
+
+} // namespace emulator

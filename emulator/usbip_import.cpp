@@ -1,0 +1,156 @@
+#include "usbip_import.h"
+
+#include <cerrno>
+
+namespace emulator::usbip {
+
+namespace {
+
+constexpr std::uint8_t deviceOut = 0x00;
+constexpr std::uint8_t endpointOut = 0x02;
+constexpr std::uint8_t portOut = 0x23;
+constexpr std::uint8_t clearFeature = 1;
+constexpr std::uint8_t setFeature = 3;
+constexpr std::uint8_t setConfiguration = 9;
+constexpr std::uint16_t endpointHalt = 0;
+constexpr std::uint16_t portReset = 4;
+
+int status(Outcome outcome) {
+    switch (outcome) {
+    case Outcome::done:
+        return 0;
+    case Outcome::stalled:
+        return -EPIPE;
+    case Outcome::overflow:
+        return -EOVERFLOW;
+    case Outcome::cancelled:
+        return -ECONNRESET;
+    case Outcome::gone:
+        break;
+    }
+    return -ESHUTDOWN;
+}
+
+std::uint8_t endpointAddress(const UrbHeader& header) {
+    constexpr std::uint32_t inBit = 0x80;
+    return static_cast<std::uint8_t>(header.endpoint |
+                                     (header.endpoint != 0 && header.direction != 0 ? inBit : 0));
+}
+
+// A hub's request in the place of a device's: the client wants the port that the reader is plugged in reset.
+bool resetsPort(const Submit& submit) {
+    return submit.setup.requestType == portOut && submit.setup.request == setFeature &&
+           submit.setup.value == portReset;
+}
+
+} // namespace
+
+const char* Import::mistake(const UrbHeader& header, const Submit& submit) const {
+    constexpr std::uint32_t highestEndpoint = 15;
+    if (submit.length < 0 || static_cast<std::size_t>(submit.length) > longestTransfer)
+        return "a transfer's length";
+    if (submit.packets != 0 && submit.packets != -1)
+        return "isochronous packets";
+    if (header.endpoint > highestEndpoint || !reader_.model.hasEndpoint(endpointAddress(header)))
+        return "an end point that the reader does not have";
+    if (transfers_.contains(header.sequence))
+        return "a sequence number that is in use";
+    if (transfers_.size() == mostRequests || bytes_ + static_cast<std::size_t>(submit.length) > mostBytes)
+        return "more than may be under way";
+    const ControlSetup& setup = submit.setup;
+    if (header.endpoint == 0 && setup.length > submit.length)
+        return "a control transfer's length";
+    if (header.endpoint == 0 && setup.length != 0 && setup.in() != (header.direction != 0))
+        return "a control transfer's direction";
+    return nullptr;
+}
+
+void Import::count(const Submit& submit, std::uint8_t endpoint) {
+    ++reader_.counts.transfers;
+    const ControlSetup& setup = submit.setup;
+    if (endpoint != 0)
+        return;
+    if (setup.requestType == deviceOut && setup.request == setConfiguration)
+        ++reader_.counts.setConfigurations;
+    if (setup.requestType == endpointOut && setup.request == clearFeature && setup.value == endpointHalt)
+        ++reader_.counts.clearHalts;
+}
+
+void Import::submit(const UrbHeader& header, const Submit& submit, Input payload, Time now, Bytes& replies) {
+    const std::uint8_t endpoint = endpointAddress(header);
+    if (endpoint == 0 && resetsPort(submit)) {
+        ++reader_.counts.resets;
+        reader_.model.reset(now);
+        collect(replies);
+        appendSubmitted(replies, header.sequence, 0, 0, {});
+        return;
+    }
+    count(submit, endpoint);
+    const auto length = static_cast<std::size_t>(submit.length);
+    const bool in = header.direction != 0;
+    Transfer transfer{.endpoint = endpoint};
+    if (endpoint == 0)
+        transfer.setup = submit.setup;
+    if (in)
+        transfer.capacity = length;
+    else
+        transfer.data.assign(payload.begin(), payload.end());
+    if (endpoint == 0) {
+        transfer.data.resize(std::min<std::size_t>(transfer.data.size(), submit.setup.length));
+        transfer.capacity = std::min<std::size_t>(transfer.capacity, submit.setup.length);
+    }
+    // Listed before the replies are collected, so that a completion finds it.
+    const TransferId id = reader_.model.submit(std::move(transfer), now);
+    const bool mustBeWhole = in && (submit.flags & shortNotOk) != 0;
+    flying_.emplace(id, Flying{.sequence = header.sequence, .length = length, .mustBeWhole = mustBeWhole});
+    transfers_.emplace(header.sequence, id);
+    bytes_ += length;
+    collect(replies);
+}
+
+// As the kernel's own server does: the reply stands for that to the submit, or tells by status 0 that it came too late.
+void Import::unlink(std::uint32_t sequence, std::uint32_t unlinked, Time now, Bytes& replies) {
+    const auto found = transfers_.find(unlinked);
+    if (found == transfers_.end()) {
+        appendUnlinked(replies, sequence, 0);
+        return;
+    }
+    const TransferId id = found->second;
+    transfers_.erase(found);
+    const auto flying = flying_.find(id);
+    bytes_ -= flying->second.length;
+    flying_.erase(flying);
+    ++reader_.counts.cancels;
+    reader_.model.cancel(id, now);
+    appendUnlinked(replies, sequence, status(Outcome::cancelled));
+    collect(replies);
+}
+
+void Import::collect(Bytes& replies) {
+    while (const std::optional<Completion> completion = reader_.model.takeCompletion()) {
+        const auto found = flying_.find(completion->id);
+        if (found == flying_.end())
+            continue;
+        const Flying flying = found->second;
+        flying_.erase(found);
+        transfers_.erase(flying.sequence);
+        bytes_ -= flying.length;
+        int result = status(completion->outcome);
+        if (result == 0 && flying.mustBeWhole && completion->actual < flying.length)
+            result = -EREMOTEIO;
+        appendSubmitted(replies, flying.sequence, result, completion->actual, completion->data);
+    }
+}
+
+void Import::release(Time now) {
+    ++reader_.counts.closes;
+    for (const auto& [id, flying] : flying_)
+        reader_.model.cancel(id, now);
+    flying_.clear();
+    transfers_.clear();
+    reader_.model.reset(now);
+    while (reader_.model.takeCompletion()) {
+    }
+}
+
+} // namespace emulator::usbip

@@ -1,0 +1,83 @@
+#include "usbip_readers.h"
+
+#include "usbip_connection.h"
+
+#include <algorithm>
+
+namespace emulator::usbip {
+
+Reader::Reader(ReaderDescription description, std::size_t number_)
+    : model(std::move(description))
+    , busId(std::to_string(model.description().bus) + "-" + std::to_string(number_))
+    , bus(model.description().bus)
+    , number(model.description().address.value_or(static_cast<std::uint32_t>(number_))) {
+}
+
+std::size_t Readers::add(ReaderDescription description) {
+    constexpr std::size_t mostReaders = 65535; // a reader's number has 16 bits
+    if (readers_.size() == mostReaders)
+        throw TextError("there are too many readers");
+    readers_.push_back(std::make_unique<Reader>(std::move(description), readers_.size() + 1));
+    return readers_.size();
+}
+
+Reader& Readers::at(std::size_t number) const {
+    if (number < 1 || number > readers_.size())
+        throw TextError("there is no reader " + std::to_string(number));
+    return *readers_[number - 1];
+}
+
+void Readers::plug(std::size_t number, Time now) {
+    Reader& reader = at(number);
+    if (reader.plugged)
+        throw TextError("reader " + std::to_string(number) + " is plugged");
+    reader.plugged = true;
+    reader.model.power(now);
+}
+
+void Readers::unplug(std::size_t number) {
+    Reader& reader = at(number);
+    if (!reader.plugged)
+        throw TextError("reader " + std::to_string(number) + " is not plugged");
+    reader.plugged = false;
+    if (reader.importer != nullptr)
+        reader.importer->abort();
+}
+
+Reader* Readers::find(std::string_view busId) const {
+    const auto found = std::ranges::find_if(
+        readers_, [&](const auto& reader) { return reader->plugged && reader->busId == busId; });
+    return found == readers_.end() ? nullptr : found->get();
+}
+
+void Readers::appendList(Bytes& bytes) const {
+    std::vector<const Reader*> free;
+    for (const auto& reader : readers_) {
+        if (reader->plugged && reader->importer == nullptr)
+            free.push_back(reader.get());
+    }
+    append32(bytes, static_cast<std::uint32_t>(free.size()));
+    for (const Reader* reader : free) {
+        appendDevice(bytes, reader->device(), reader->model.description());
+        appendInterfaces(bytes, reader->device(), reader->model.description());
+    }
+}
+
+std::optional<Time> Readers::nextDeadline() const {
+    std::optional<Time> earliest;
+    for (const auto& reader : readers_) {
+        if (const std::optional<Time> deadline = reader->model.nextDeadline())
+            earliest = std::min(earliest.value_or(*deadline), *deadline);
+    }
+    return earliest;
+}
+
+void Readers::advance(Time now) {
+    for (const auto& reader : readers_) {
+        reader->model.advance(now);
+        if (reader->importer != nullptr)
+            reader->importer->collect();
+    }
+}
+
+} // namespace emulator::usbip

@@ -1,0 +1,161 @@
+#include "usbip_server.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <system_error>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <unistd.h>
+
+namespace emulator::usbip {
+
+namespace {
+
+// How long no client is accepted where there was no descriptor for one.
+constexpr std::chrono::milliseconds pause(100);
+
+Time now() {
+    return std::chrono::steady_clock::now();
+}
+
+void set(int descriptor, int level, int option) {
+    const int on = 1;
+    ::setsockopt(descriptor, level, option, &on, sizeof on);
+}
+
+} // namespace
+
+Server::Server(Readers& readers, const SocketAddress& address, Milliseconds patience)
+    : readers_(readers)
+    , patience_(patience)
+    , listening_(
+          ::socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_TCP)) {
+    if (listening_ >= 0)
+        set(listening_, SOL_SOCKET, SO_REUSEADDR);
+    if (listening_ < 0 || ::bind(listening_, address.get(), address.size) != 0 ||
+        ::listen(listening_, SOMAXCONN) != 0) {
+        const int error = errno;
+        if (listening_ >= 0)
+            ::close(listening_);
+        throw std::system_error(error, std::generic_category(), socketAddressText(address));
+    }
+}
+
+Server::~Server() {
+    for (const Client& client : clients_)
+        ::close(client.descriptor);
+    ::close(listening_);
+}
+
+std::string Server::address() const {
+    SocketAddress address;
+    address.size = sizeof address.storage;
+    if (::getsockname(listening_, address.get(), &address.size) != 0)
+        throw std::system_error(errno, std::generic_category(), "getsockname");
+    return socketAddressText(address);
+}
+
+bool Server::full() const {
+    return std::ranges::count_if(clients_, [](const Client& client) {
+               return !client.connection.hasImported();
+           }) >= mostStrangers;
+}
+
+void Server::addPolled(std::vector<pollfd>& descriptors) {
+    const bool accepts = !full() && !pausedUntil_;
+    descriptors.push_back(
+        {.fd = listening_, .events = static_cast<short>(accepts ? POLLIN : 0), .revents = 0});
+    for (const Client& client : clients_) {
+        const bool reads = client.connection.wantsInput();
+        const bool writes = !client.connection.output().empty();
+        descriptors.push_back({.fd = client.descriptor,
+                               .events = static_cast<short>((reads ? POLLIN : 0) | (writes ? POLLOUT : 0)),
+                               .revents = 0});
+    }
+}
+
+void Server::serve(const std::vector<pollfd>& polled, std::size_t first) {
+    const Time present = now();
+    std::size_t at = first + 1;
+    for (Client& client : clients_) {
+        const short ready = polled[at++].revents;
+        if ((ready & (POLLIN | POLLHUP | POLLERR)) != 0)
+            receive(client, present);
+        const std::optional<Time> due = deadline(client);
+        if (due && *due <= present)
+            client.connection.abort();
+    }
+    settle();
+    if (pausedUntil_ && *pausedUntil_ <= present)
+        pausedUntil_.reset();
+    if (polled[first].revents != 0)
+        accept(present);
+}
+
+void Server::accept(Time now) {
+    const int descriptor = ::accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (descriptor < 0) {
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+            pausedUntil_ = now + pause;
+        return;
+    }
+    set(descriptor, IPPROTO_TCP, TCP_NODELAY);
+    set(descriptor, SOL_SOCKET, SO_KEEPALIVE);
+    clients_.emplace_back(readers_, descriptor, now);
+}
+
+void Server::receive(Client& client, Time now) {
+    std::array<std::uint8_t, 65536> buffer;
+    const ssize_t count = ::recv(client.descriptor, buffer.data(), buffer.size(), 0);
+    if (count > 0) {
+        client.heard = now;
+        client.connection.receive(Input(buffer).first(static_cast<std::size_t>(count)), now);
+    } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
+        client.connection.abort();
+    }
+}
+
+void Server::send(Client& client, Time now) {
+    for (Input output = client.connection.output(); !output.empty(); output = client.connection.output()) {
+        const ssize_t count = ::send(client.descriptor, output.data(), output.size(), MSG_NOSIGNAL);
+        if (count < 0) {
+            if (errno != EAGAIN && errno != EINTR)
+                client.connection.abort();
+            return;
+        }
+        client.connection.sent(static_cast<std::size_t>(count), now);
+    }
+}
+
+void Server::settle() {
+    const Time present = now();
+    for (Client& client : clients_)
+        send(client, present);
+    clients_.remove_if([](const Client& client) {
+        if (client.connection.closing())
+            ::close(client.descriptor);
+        return client.connection.closing();
+    });
+}
+
+std::optional<Time> Server::deadline(const Client& client) const {
+    if (!client.connection.hasImported())
+        return client.accepted + patience_;
+    if (client.connection.owesRest())
+        return client.heard + patience_;
+    return std::nullopt;
+}
+
+std::optional<Time> Server::nextDeadline() const {
+    std::optional<Time> earliest = pausedUntil_;
+    for (const Client& client : clients_) {
+        if (const std::optional<Time> due = deadline(client))
+            earliest = std::min(earliest.value_or(*due), *due);
+    }
+    return earliest;
+}
+
+} // namespace emulator::usbip

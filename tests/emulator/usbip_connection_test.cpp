@@ -1,0 +1,352 @@
+#include "usbip_connection.h"
+
+#include "usbip_client.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+namespace emulator::usbip {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace usbip_client;
+
+class UsbipConnectionTest : public testing::Test {
+protected:
+    explicit UsbipConnectionTest(const std::string& description = "") {
+        for (ReaderDescription& reader : parseReaders(description))
+            readers.plug(readers.add(std::move(reader)), now);
+    }
+
+    Bytes take(Connection& from) {
+        const Bytes output(from.output().begin(), from.output().end());
+        from.sent(output.size(), now);
+        return output;
+    }
+
+    std::uint32_t importStatus(Connection& by, std::string_view busId = "1-1") {
+        by.receive(importRequest(busId), now);
+        const Bytes reply = take(by);
+        EXPECT_EQ(reply.size(), wordAt(reply, 4) == 0 ? importReplySize : 8);
+        return wordAt(reply, 4);
+    }
+
+    std::string replies(std::initializer_list<std::uint32_t> fetched = {}) {
+        return Replies(take(connection), fetched).text();
+    }
+
+    std::string say(const Bytes& message, std::initializer_list<std::uint32_t> fetched = {}) {
+        connection.receive(message, now);
+        return replies(fetched);
+    }
+
+    ReaderModel& model() { return readers.at(1).model; }
+    void fault(Pipe pipe, const PipeFaults& faults) { model().setPipeFaults(pipe, faults, now); }
+
+    Time now{};
+    Readers readers;
+    Connection connection{readers};
+};
+
+TEST_F(UsbipConnectionTest, TakesMessagesInAnyPieces) {
+    const Bytes all = join({importRequest("1-1"), sendFrame(1, {1, 2, 3}), fetchFrame(2), unlink(3, 9)});
+    for (const std::uint8_t byte : all)
+        connection.receive(Bytes{byte}, now);
+    Bytes output = take(connection);
+    ASSERT_GT(output.size(), importReplySize);
+    output.erase(output.begin(), output.begin() + importReplySize);
+    EXPECT_EQ(Replies(output, {2}).text(), "submitted 1 0 +3; submitted 2 0 010203; unlinked 3 0");
+}
+
+TEST_F(UsbipConnectionTest, OwesTheRestOfWhatItBegan) {
+    EXPECT_FALSE(connection.owesRest());
+    connection.receive(Bytes{0x01}, now);
+    EXPECT_TRUE(connection.owesRest());
+    connection.abort();
+    EXPECT_FALSE(connection.owesRest());
+}
+
+TEST_F(UsbipConnectionTest, ReaderIsImportedByOneAtATime) {
+    Connection second(readers);
+    EXPECT_EQ(importStatus(connection), 0U);
+    EXPECT_EQ(importStatus(second), 2U) << "busy";
+    EXPECT_TRUE(second.closing());
+    Connection third(readers);
+    third.receive(listRequest(), now);
+    EXPECT_EQ(wordAt(take(third), 8), 0U) << "nor is it listed";
+    connection.abort();
+    Connection fourth(readers);
+    EXPECT_EQ(importStatus(fourth), 0U);
+}
+
+TEST_F(UsbipConnectionTest, ReaderIsFreeAgainWhenItsConnectionIsGone) {
+    {
+        Connection passing(readers);
+        EXPECT_EQ(importStatus(passing), 0U);
+    }
+    EXPECT_EQ(importStatus(connection), 0U);
+    EXPECT_EQ(readers.at(1).counts.opens, 2U);
+    EXPECT_EQ(readers.at(1).counts.closes, 1U);
+}
+
+TEST_F(UsbipConnectionTest, NextImporterFindsNothingOfTheLast) {
+    importStatus(connection);
+    say(sendFrame(1, {1, 2, 3}));
+    fault(pipeOf(0x81), {.stalled = true});
+    fault(pipeOf(0x02), {.mute = true});
+    EXPECT_EQ(say(sendFrame(2, {4, 5})), "");
+    connection.abort();
+    fault(pipeOf(0x02), {});
+    Connection next(readers);
+    importStatus(next);
+    next.receive(fetchFrame(1), now);
+    EXPECT_EQ(Replies(take(next), {1}).text(), "");
+    EXPECT_EQ(model().frameCount(), 1U);
+}
+
+TEST_F(UsbipConnectionTest, UnplugEndsTheImport) {
+    importStatus(connection);
+    EXPECT_EQ(say(fetchFrame(1), {1}), "");
+    readers.unplug(1);
+    EXPECT_TRUE(connection.closing());
+    Connection next(readers);
+    EXPECT_EQ(importStatus(next), 4U) << "no device";
+    readers.plug(1, now);
+    Connection last(readers);
+    EXPECT_EQ(importStatus(last), 0U);
+    EXPECT_THROW(readers.plug(1, now), TextError);
+    EXPECT_THROW(readers.plug(2, now), TextError);
+}
+
+TEST_F(UsbipConnectionTest, AnswersOutlastTheirRequestUntilFetched) {
+    importStatus(connection);
+    EXPECT_EQ(say(fetchFrame(1), {1}), "");
+    EXPECT_EQ(say(sendFrame(2, {7, 8}), {1}), "submitted 2 0 +2; submitted 1 0 0708");
+}
+
+TEST_F(UsbipConnectionTest, CompletesWhenTheTimeHasCome) {
+    importStatus(connection);
+    fault(pipeOf(0x02), {.delay = 50ms});
+    EXPECT_EQ(say(sendFrame(1, {7})), "");
+    EXPECT_EQ(readers.nextDeadline(), now + 50ms);
+    readers.advance(now + 49ms);
+    EXPECT_EQ(replies(), "");
+    readers.advance(now + 50ms);
+    EXPECT_EQ(replies(), "submitted 1 0 +1");
+}
+
+TEST_F(UsbipConnectionTest, UnlinkedSubmitHasNoReplyOfItsOwn) {
+    importStatus(connection);
+    EXPECT_EQ(say(join({fetchFrame(1), fetchFrame(2), unlink(3, 1)}), {1, 2}), "unlinked 3 -104");
+    EXPECT_EQ(say(sendFrame(4, {7}), {2}), "submitted 4 0 +1; submitted 2 0 07");
+    EXPECT_EQ(say(unlink(5, 2)), "unlinked 5 0") << "it came too late";
+    EXPECT_EQ(say(unlink(6, 77)), "unlinked 6 0") << "there never was one";
+    EXPECT_EQ(readers.at(1).counts.cancels, 1U);
+}
+
+TEST_F(UsbipConnectionTest, StallLastsUntilTheHaltIsCleared) {
+    importStatus(connection);
+    fault(pipeOf(0x81), {.stalled = true});
+    EXPECT_EQ(say(fetchFrame(1), {1}), "submitted 1 -32 ");
+    EXPECT_EQ(say(control(2, {0x82, 0, 0, 0, 0x81, 0, 2, 0}), {2}), "submitted 2 0 0100");
+    EXPECT_EQ(say(control(3, {0x02, 1, 0, 0, 0x81, 0, 0, 0})), "submitted 3 0 +0");
+    EXPECT_EQ(say(control(4, {0x82, 0, 0, 0, 0x81, 0, 2, 0}), {4}), "submitted 4 0 0000");
+    EXPECT_EQ(say(fetchFrame(5), {5}), "");
+    EXPECT_EQ(readers.at(1).counts.clearHalts, 1U);
+}
+
+TEST_F(UsbipConnectionTest, ConfigurationIsChosenByTheClient) {
+    importStatus(connection);
+    EXPECT_EQ(say(control(1, {0x00, 9, 0, 0, 0, 0, 0, 0})), "submitted 1 0 +0");
+    EXPECT_EQ(model().configuration(), 0);
+    EXPECT_EQ(say(control(2, {0x00, 9, 1, 0, 0, 0, 0, 0})), "submitted 2 0 +0");
+    EXPECT_EQ(say(control(3, {0x00, 9, 5, 0, 0, 0, 0, 0})), "submitted 3 -32 +0");
+    EXPECT_EQ(say(control(4, {0x80, 8, 0, 0, 0, 0, 1, 0}), {4}), "submitted 4 0 01");
+    EXPECT_EQ(say(control(5, {0x01, 11, 0, 0, 0, 0, 0, 0})), "submitted 5 0 +0");
+    EXPECT_EQ(readers.at(1).counts.setConfigurations, 3U);
+}
+
+TEST_F(UsbipConnectionTest, ChoosingAConfigurationEndsWhatWaits) {
+    importStatus(connection);
+    EXPECT_EQ(say(fetchFrame(1), {1}), "");
+    EXPECT_EQ(say(control(2, {0x00, 9, 1, 0, 0, 0, 0, 0}), {1}), "submitted 1 -108 ; submitted 2 0 +0");
+}
+
+TEST_F(UsbipConnectionTest, PortResetIsTheReadersReset) {
+    importStatus(connection);
+    fault(pipeOf(0x02), {.stalled = true});
+    EXPECT_EQ(say(fetchFrame(1), {1}), "");
+    EXPECT_EQ(say(control(2, {0x23, 3, 4, 0, 1, 0, 0, 0}), {1}), "submitted 1 -108 ; submitted 2 0 +0");
+    EXPECT_EQ(say(sendFrame(3, {7})), "submitted 3 0 +1");
+    EXPECT_EQ(readers.at(1).counts.resets, 1U);
+}
+
+TEST_F(UsbipConnectionTest, TooShortIsAMistakeOnlyWhereTheClientSaysSo) {
+    importStatus(connection);
+    SubmitRequest fetch{.sequence = 2, .direction = in, .endpoint = 1, .length = 8};
+    say(sendFrame(1, {1, 2, 3}));
+    EXPECT_EQ(say(submit(fetch), {2}), "submitted 2 0 010203");
+    say(sendFrame(1, {1, 2, 3}));
+    fetch.flags = 1;
+    EXPECT_EQ(say(submit(fetch), {2}), "submitted 2 -121 010203");
+    say(sendFrame(1, {1, 2, 3}));
+    fetch.length = 3;
+    EXPECT_EQ(say(submit(fetch), {2}), "submitted 2 0 010203");
+}
+
+TEST_F(UsbipConnectionTest, TooLongOverflows) {
+    importStatus(connection);
+    say(sendFrame(1, {1, 2, 3}));
+    EXPECT_EQ(say(fetchFrame(2, 2), {2}), "submitted 2 -75 0102");
+}
+
+TEST_F(UsbipConnectionTest, FrameGoesByControlTransferToo) {
+    importStatus(connection);
+    EXPECT_EQ(
+        say(submit({.sequence = 1, .length = 3, .setup = {0x40, 0, 0, 0, 0, 0, 3, 0}, .data = {4, 5, 6}})),
+        "submitted 1 0 +3");
+    EXPECT_EQ(say(control(2, {0xC0, 0, 0, 0, 0, 0, 64, 0}), {2}), "submitted 2 0 040506");
+}
+
+TEST_F(UsbipConnectionTest, ControlTransferWithoutDataGoesEitherWay) {
+    importStatus(connection);
+    EXPECT_EQ(say(submit({.sequence = 1, .direction = in, .setup = {0x00, 9, 1, 0, 0, 0, 0, 0}}), {1}),
+              "submitted 1 0 ");
+    EXPECT_EQ(say(submit({.sequence = 2, .direction = out, .setup = {0x80, 6, 0, 1, 0, 0, 0, 0}})),
+              "submitted 2 0 +0");
+}
+
+TEST_F(UsbipConnectionTest, ClientThatDoesNotReadIsNotListenedTo) {
+    importStatus(connection);
+    model().setReply(ReplyRule::parse("pattern:65536"));
+    std::uint32_t sequence = 0;
+    while (connection.wantsInput() && sequence < 1000) {
+        connection.receive(join({sendFrame(sequence, {1}), fetchFrame(sequence + 1, 65536)}), now);
+        sequence += 2;
+    }
+    EXPECT_FALSE(connection.wantsInput());
+    EXPECT_LT(connection.output().size(), std::size_t{2} << 20);
+    EXPECT_FALSE(connection.owesRest()) << "it is the client's turn to read";
+    // What had been said before is dealt with as the client reads.
+    const Bytes more = join({sendFrame(sequence, {1}), fetchFrame(sequence + 1, 65536)});
+    connection.receive(more, now);
+    EXPECT_EQ(model().frameCount(), sequence / 2);
+    connection.sent(connection.output().size() / 2, now);
+    EXPECT_TRUE(connection.wantsInput());
+    EXPECT_EQ(model().frameCount(), sequence / 2 + 1);
+}
+
+// ---------------------------------------------------------------------------------------------- hostile clients
+
+struct Mistake {
+    const char* name;
+    Bytes message;
+    const char* complaint;
+};
+
+void PrintTo(const Mistake& mistake, std::ostream* stream) {
+    *stream << mistake.name;
+}
+
+class UsbipMistakeTest : public UsbipConnectionTest, public testing::WithParamInterface<Mistake> {
+protected:
+    UsbipMistakeTest()
+        : UsbipConnectionTest("copies=2") {}
+};
+
+class UsbipOperationMistakeTest : public UsbipMistakeTest {};
+class UsbipUrbMistakeTest : public UsbipMistakeTest {};
+
+TEST_P(UsbipOperationMistakeTest, EndsTheConnection) {
+    connection.receive(GetParam().message, now);
+    EXPECT_TRUE(connection.closing());
+    EXPECT_STREQ(connection.complaint(), GetParam().complaint);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , UsbipOperationMistakeTest,
+    testing::Values(
+        Mistake{"older version", {0x01, 0x06, 0x80, 0x05, 0, 0, 0, 0}, "another version of the protocol"},
+        Mistake{"newer version", {0x02, 0x11, 0x80, 0x05, 0, 0, 0, 0}, "another version of the protocol"},
+        Mistake{"a reply", {0x01, 0x11, 0x00, 0x05, 0, 0, 0, 0}, "an unknown operation"},
+        Mistake{"the reply to an import", {0x01, 0x11, 0x00, 0x03, 0, 0, 0, 0}, "an unknown operation"},
+        Mistake{"no operation", {0x01, 0x11, 0x80, 0x09, 0, 0, 0, 0}, "an unknown operation"}));
+
+TEST_P(UsbipUrbMistakeTest, EndsTheConnectionAndNoOther) {
+    Connection other(readers);
+    ASSERT_EQ(importStatus(other, "1-2"), 0U);
+    ASSERT_EQ(importStatus(connection), 0U);
+    EXPECT_EQ(say(fetchFrame(1), {1}), "");
+    connection.receive(GetParam().message, now);
+    EXPECT_TRUE(connection.closing());
+    EXPECT_STREQ(connection.complaint(), GetParam().complaint);
+    connection.receive(fetchFrame(2), now);
+    EXPECT_TRUE(connection.output().empty());
+
+    other.receive(submit({.endpoint = 2, .length = 1, .data = {1}, .device = 0x00010002}), now);
+    EXPECT_EQ(Replies(take(other)).text(), "submitted 1 0 +1");
+    Connection next(readers);
+    EXPECT_EQ(importStatus(next), 0U);
+}
+
+constexpr auto length = "a transfer's length";
+constexpr auto endpoint = "an end point that the reader does not have";
+
+INSTANTIATE_TEST_SUITE_P(
+    , UsbipUrbMistakeTest,
+    testing::Values(
+        Mistake{"negative length", submit({.sequence = 2, .endpoint = 2, .length = 0xFFFFFFFF}), length},
+        Mistake{"least length", submit({.sequence = 2, .endpoint = 2, .length = 0x80000000}), length},
+        Mistake{"16 MiB and a byte", submit({.sequence = 2, .endpoint = 2, .length = (16 << 20) + 1}),
+                length},
+        Mistake{"isochronous", submit({.sequence = 2, .endpoint = 2, .packets = 1}), "isochronous packets"},
+        Mistake{"negative packets", submit({.sequence = 2, .endpoint = 2, .packets = 0x80000000}),
+                "isochronous packets"},
+        Mistake{"no such end point", submit({.sequence = 2, .endpoint = 5}), endpoint},
+        Mistake{"high end point", submit({.sequence = 2, .endpoint = 16}), endpoint},
+        Mistake{"end point with direction", submit({.sequence = 2, .direction = in, .endpoint = 0x81}),
+                endpoint},
+        Mistake{"end point of the other way", submit({.sequence = 2, .direction = in, .endpoint = 2}),
+                endpoint},
+        Mistake{"no direction", submit({.sequence = 2, .direction = Direction{2}, .endpoint = 2}),
+                "a direction that there is not"},
+        Mistake{"unconfigured end point", join({control(2, {0x00, 9, 0, 0, 0, 0, 0, 0}), fetchFrame(3)}),
+                endpoint},
+        Mistake{"control transfer the other way",
+                submit({.sequence = 2, .length = 18, .setup = {0x80, 6, 0, 1, 0, 0, 18, 0}}),
+                "a control transfer's direction"},
+        Mistake{"control transfer without its data",
+                submit({.sequence = 2, .setup = {0x40, 0, 0, 0, 0, 0, 3, 0}}), "a control transfer's length"},
+        Mistake{"sequence number twice", fetchFrame(1), "a sequence number that is in use"},
+        Mistake{"another's device", submit({.sequence = 2, .endpoint = 2, .device = 0x00010002}),
+                "another device than the imported one"},
+        Mistake{"unlink at another's device", unlink(2, 1, 0x00010002),
+                "another device than the imported one"},
+        Mistake{"a reply", join({word(3), word(2), word(firstReader), Bytes(36)}), "an unknown command"},
+        Mistake{"no command", join({word(0), word(2), word(firstReader), Bytes(36)}), "an unknown command"}));
+
+TEST_F(UsbipConnectionTest, TooManyRequestsEndTheConnection) {
+    importStatus(connection);
+    for (std::uint32_t sequence = 0; sequence < 4096; ++sequence)
+        connection.receive(fetchFrame(sequence), now);
+    EXPECT_FALSE(connection.closing());
+    connection.receive(fetchFrame(4096), now);
+    EXPECT_TRUE(connection.closing());
+    EXPECT_STREQ(connection.complaint(), "more than may be under way");
+}
+
+TEST_F(UsbipConnectionTest, TooManyBytesEndTheConnection) {
+    importStatus(connection);
+    for (std::uint32_t sequence = 0; sequence < 4; ++sequence)
+        connection.receive(fetchFrame(sequence, 16 << 20), now);
+    EXPECT_EQ(say(unlink(10, 0)), "unlinked 10 -104");
+    connection.receive(fetchFrame(4, 16 << 20), now);
+    EXPECT_FALSE(connection.closing()) << "what is taken back does not count";
+    connection.receive(fetchFrame(5, 1), now);
+    EXPECT_TRUE(connection.closing());
+    EXPECT_STREQ(connection.complaint(), "more than may be under way");
+}
+
+} // namespace
+} // namespace emulator::usbip

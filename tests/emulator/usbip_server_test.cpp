@@ -1,0 +1,385 @@
+#include "commands.h"
+#include "usbip_bus.h"
+
+#include "usbip_client.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <memory>
+#include <span>
+
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace emulator {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace usbip_client;
+
+// A client's end of a connection.
+class Client {
+public:
+    explicit Client(const std::string& address, int receiveBuffer = 0) {
+        const SocketAddress server = parseSocketAddress(address);
+        descriptor_ = ::socket(server.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (receiveBuffer != 0)
+            ::setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+        EXPECT_EQ(::connect(descriptor_, server.get(), server.size), 0) << address;
+    }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+    ~Client() { ::close(descriptor_); }
+
+    void say(const Bytes& bytes) const {
+        EXPECT_EQ(::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+
+    // As many as the socket takes now.
+    std::size_t saySome(std::span<const std::uint8_t> bytes) const {
+        const ssize_t count = ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        return count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
+
+    void hear() {
+        std::array<std::uint8_t, 65536> buffer;
+        const ssize_t count = ::recv(descriptor_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (count > 0)
+            heard.insert(heard.end(), buffer.begin(), buffer.begin() + count);
+        ended |= count == 0 || (count < 0 && errno != EAGAIN);
+    }
+
+    Bytes heard;
+    bool ended = false;
+
+private:
+    int descriptor_ = -1;
+};
+
+class UsbipServerTest : public testing::Test {
+protected:
+    template <typename Loop>
+    static void turn(Loop& loop, std::chrono::milliseconds atMost) {
+        std::vector<pollfd> polled(1, {.fd = -1, .events = 0, .revents = 0}); // something of the launcher's
+        loop.addPolled(polled);
+        ::poll(polled.data(), polled.size(), static_cast<int>(atMost.count()));
+        loop.serve(polled, 1);
+    }
+
+    // Serves until it is so, or too long.
+    template <typename Condition>
+    bool until(Condition condition) {
+        const Time end = std::chrono::steady_clock::now() + 5s;
+        while (!condition() && std::chrono::steady_clock::now() < end)
+            turn(bus, 5ms);
+        return condition();
+    }
+
+    bool hears(Client& client, std::size_t count) {
+        return until([&] {
+            client.hear();
+            return client.heard.size() >= count || client.ended;
+        });
+    }
+
+    bool ends(Client& client) {
+        return until([&] {
+            client.hear();
+            return client.ended;
+        });
+    }
+
+    void imports(Client& client, std::string_view busId = "1-1") {
+        client.say(importRequest(busId));
+        ASSERT_TRUE(hears(client, importReplySize));
+        ASSERT_EQ(client.heard.size(), importReplySize) << "status " << wordAt(client.heard, 4);
+        client.heard.clear();
+    }
+
+    std::string exchange(Client& client, const Bytes& request, std::size_t count,
+                         std::initializer_list<std::uint32_t> fetched = {}) {
+        client.heard.clear();
+        client.say(request);
+        EXPECT_TRUE(hears(client, count));
+        return Replies(client.heard, fetched).text();
+    }
+
+    std::string command(std::string_view line) { return runCommand(bus, line).text; }
+
+    UsbipBus bus{parseSocketAddress("127.0.0.1:0")};
+    std::string two = command("plug copies=2");
+};
+
+TEST_F(UsbipServerTest, EchoesAFrame) {
+    Client client(bus.address());
+    imports(client);
+    EXPECT_EQ(exchange(client, join({sendFrame(1, {1, 2, 3}), fetchFrame(2)}), 2 * headerSize + 3, {2}),
+              "submitted 1 0 +3; submitted 2 0 010203");
+    EXPECT_EQ(command("frames 1"), "ok 1 0x02 010203");
+}
+
+TEST_F(UsbipServerTest, MovesALargeTransfer) {
+    Client client(bus.address());
+    imports(client);
+    constexpr std::uint32_t size = 16 << 20;
+    const Bytes request = join({sendFrame(1, Bytes(size, 0x5A)), fetchFrame(2, size)});
+    std::size_t said = 0;
+    EXPECT_TRUE(until([&] {
+        said += client.saySome(std::span(request).subspan(said));
+        client.hear();
+        return client.heard.size() == 2 * headerSize + size || client.ended;
+    }));
+    ASSERT_FALSE(client.ended);
+    EXPECT_EQ(client.heard.back(), 0x5A);
+    EXPECT_EQ(wordAt(client.heard, headerSize + 24), size);
+}
+
+TEST_F(UsbipServerTest, ServesSeveralClientsAtOnce) {
+    Client first(bus.address());
+    Client second(bus.address());
+    Client third(bus.address());
+    imports(first, "1-1");
+    imports(second, "1-2");
+    third.say(importRequest("1-1"));
+    EXPECT_TRUE(ends(third));
+    EXPECT_EQ(third.heard, (Bytes{0x01, 0x11, 0, 3, 0, 0, 0, 2}));
+    second.say(submit({.direction = in, .endpoint = 1, .length = 64, .device = firstReader + 1}));
+    EXPECT_EQ(exchange(first, sendFrame(1, {9}), headerSize), "submitted 1 0 +1");
+    second.hear();
+    EXPECT_TRUE(second.heard.empty());
+    EXPECT_EQ(
+        exchange(second,
+                 submit({.sequence = 2, .endpoint = 2, .length = 1, .data = {8}, .device = firstReader + 1}),
+                 2 * headerSize + 1, {1}),
+        "submitted 2 0 +1; submitted 1 0 08");
+    EXPECT_EQ(command("frames 2"), "ok 1 0x02 08");
+}
+
+TEST_F(UsbipServerTest, ReaderIsFreeWhenItsClientIsGone) {
+    auto gone = std::make_unique<Client>(bus.address());
+    imports(*gone);
+    gone->say(Bytes(20)); // in the middle of a message
+    gone.reset();
+    EXPECT_TRUE(until([&] { return command("counts 1").starts_with("ok opens=1 closes=1 "); }));
+    Client next(bus.address());
+    imports(next);
+}
+
+TEST_F(UsbipServerTest, ListenerOnIpVersion6IsReachedThere) {
+    UsbipBus other(parseSocketAddress("[::1]:0"));
+    EXPECT_EQ(other.address().find("[::1]:"), 0U) << other.address();
+    EXPECT_EQ(other.address().find(":0", 5), std::string::npos) << other.address();
+    Client client(other.address());
+    client.say(listRequest());
+    for (int i = 0; i < 100 && !client.ended; ++i) {
+        turn(other, 5ms);
+        client.hear();
+    }
+    EXPECT_EQ(client.heard, (Bytes{0x01, 0x11, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST_F(UsbipServerTest, SecondListenerOnAPortIsRefused) {
+    EXPECT_THROW(UsbipBus(parseSocketAddress(bus.address())), std::system_error);
+}
+
+// ------------------------------------------------------------------------------------------------------ commands
+
+TEST_F(UsbipServerTest, UnplugEndsTheClientAndPlugBringsTheReaderBack) {
+    Client client(bus.address());
+    imports(client);
+    EXPECT_EQ(command("unplug 1"), "ok");
+    client.hear();
+    EXPECT_TRUE(client.ended) << "at once";
+    EXPECT_EQ(command("list"), "ok 1 1209:0001 unplugged 1A2B3C; 2 1209:0001 1-2 1A2B3D");
+    Client early(bus.address());
+    early.say(importRequest("1-1"));
+    EXPECT_TRUE(ends(early));
+    EXPECT_EQ(early.heard, (Bytes{0x01, 0x11, 0, 3, 0, 0, 0, 4}));
+    EXPECT_EQ(command("plug 1"), "ok");
+    Client next(bus.address());
+    imports(next);
+    EXPECT_EQ(command("replug all"), "ok");
+    EXPECT_TRUE(ends(next));
+}
+
+TEST_F(UsbipServerTest, FaultsReachTheClient) {
+    Client client(bus.address());
+    imports(client);
+    EXPECT_EQ(command("stall 1 in"), "ok");
+    EXPECT_EQ(exchange(client, fetchFrame(1), headerSize, {1}), "submitted 1 -32 ");
+    EXPECT_EQ(command("unstall 1 in"), "ok");
+    EXPECT_EQ(command("mute 1 out"), "ok");
+    EXPECT_EQ(exchange(client, join({sendFrame(2, {1}), unlink(3, 2)}), headerSize), "unlinked 3 -104");
+    client.heard.clear();
+    client.say(sendFrame(4, {1}));
+    turn(bus, 1s);
+    client.hear();
+    EXPECT_TRUE(client.heard.empty());
+    EXPECT_EQ(command("unmute 1 out"), "ok");
+    client.hear();
+    EXPECT_EQ(Replies(client.heard).text(), "submitted 4 0 +1") << "at once";
+    EXPECT_EQ(command("flush 1"), "ok");
+    EXPECT_EQ(command("reply 1 fixed:9000"), "ok");
+    EXPECT_EQ(command("short 1 in 1"), "ok");
+    EXPECT_EQ(exchange(client, join({sendFrame(5, {1}), fetchFrame(6)}), 2 * headerSize + 1, {6}),
+              "submitted 5 0 +1; submitted 6 0 90");
+    EXPECT_EQ(command("string 1 5 Gate"), "ok");
+    EXPECT_EQ(exchange(client, control(7, {0x80, 6, 5, 3, 9, 4, 255, 0}), headerSize + 10, {7}),
+              "submitted 7 0 0a034700610074006500");
+    EXPECT_EQ(command("fail-string 1 5 on"), "ok");
+    EXPECT_EQ(exchange(client, control(8, {0x80, 6, 5, 3, 9, 4, 255, 0}), headerSize, {8}),
+              "submitted 8 -32 ");
+    EXPECT_EQ(command("fail-configuration 1 on"), "ok");
+    EXPECT_EQ(exchange(client, control(9, {0x00, 9, 1, 0, 0, 0, 0, 0}), headerSize), "submitted 9 -32 +0");
+}
+
+TEST_F(UsbipServerTest, DelayedAnswerComesWhenItIsDue) {
+    Client client(bus.address());
+    imports(client);
+    EXPECT_EQ(command("delay 1 out 60"), "ok");
+    client.say(sendFrame(1, {1}));
+    const Time start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(until([&] { return bus.nextDeadline() < start + 1s; }));
+    EXPECT_TRUE(hears(client, headerSize));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
+}
+
+TEST_F(UsbipServerTest, HostsFaultsAreUpToTheHost) {
+    for (const char* line :
+         {"busy 1 on", "driver 1 usbhid", "refuse 1 EACCES", "fail-reset 1 on", "plug driver=usbhid"})
+        EXPECT_EQ(command(line), "error: over USB/IP that is up to the machine that attaches the reader")
+            << line;
+}
+
+TEST_F(UsbipServerTest, CountsWhatTheClientDid) {
+    Client client(bus.address());
+    imports(client);
+    exchange(client,
+             join({control(1, {0x00, 9, 1, 0, 0, 0, 0, 0}), control(2, {0x02, 1, 0, 0, 0x81, 0, 0, 0}),
+                   fetchFrame(3), unlink(4, 3), control(5, {0x23, 3, 4, 0, 1, 0, 0, 0})}),
+             4 * headerSize);
+    EXPECT_EQ(command("counts 1"),
+              "ok opens=1 closes=0 clear-halts=1 resets=1 set-configurations=1 transfers=3 cancels=1");
+}
+
+// ----------------------------------------------------------------------------------------------- hostile clients
+
+TEST_F(UsbipServerTest, NonsenseEndsItsConnectionOnly) {
+    Client good(bus.address());
+    imports(good);
+    for (const Bytes& nonsense :
+         {Bytes(8), Bytes{'G', 'E', 'T', ' ', '/', ' ', 'H', 'T'}, Bytes(100000, 0xFF)}) {
+        Client client(bus.address());
+        client.say(nonsense);
+        EXPECT_TRUE(ends(client));
+        EXPECT_TRUE(client.heard.empty());
+    }
+    EXPECT_EQ(exchange(good, sendFrame(1, {1}), headerSize), "submitted 1 0 +1");
+}
+
+TEST_F(UsbipServerTest, ClientThatReadsNothingIsNoLongerListenedTo) {
+    Client client(bus.address(), 4096);
+    imports(client);
+    EXPECT_EQ(command("reply 1 pattern:65536"), "ok");
+    std::uint32_t sequence = 0;
+    std::size_t refused = 0;
+    while (sequence < 100'000 && refused < 20) {
+        const Bytes request = join({sendFrame(sequence, {1}), fetchFrame(sequence + 1, 65536)});
+        if (client.saySome(request) == request.size()) {
+            sequence += 2;
+            refused = 0;
+        } else {
+            ++refused;
+        }
+        turn(bus, 0ms);
+    }
+    EXPECT_EQ(refused, 20U) << "after " << sequence;
+    Client other(bus.address());
+    imports(other, "1-2");
+}
+
+class UsbipImpatientServerTest : public UsbipServerTest {
+protected:
+    // The server with the readers by itself, without the bus's usual patience.
+    bool endsWithin(Client& client, std::chrono::milliseconds time) {
+        const Time end = std::chrono::steady_clock::now() + time;
+        while (!client.ended && std::chrono::steady_clock::now() < end) {
+            turn(server, 5ms);
+            client.hear();
+        }
+        return client.ended;
+    }
+
+    usbip::Readers readers;
+    usbip::Server server{readers, parseSocketAddress("127.0.0.1:0"), 100ms};
+    std::size_t reader = readers.add(parseReaders("").front());
+};
+
+TEST_F(UsbipImpatientServerTest, SilentClientIsEnded) {
+    readers.plug(reader, std::chrono::steady_clock::now());
+    Client silent(server.address());
+    Client halfRequest(server.address());
+    halfRequest.say({0x01, 0x11, 0x80});
+    Client importer(server.address());
+    importer.say(importRequest("1-1"));
+    EXPECT_TRUE(endsWithin(silent, 5s));
+    EXPECT_TRUE(endsWithin(halfRequest, 5s));
+    EXPECT_FALSE(endsWithin(importer, 200ms)) << "it may wait as long as it likes";
+    importer.say(Bytes{0, 0, 0, 1});
+    EXPECT_TRUE(endsWithin(importer, 5s)) << "but not inside a message";
+    EXPECT_EQ(readers.at(reader).importer, nullptr);
+}
+
+TEST_F(UsbipServerTest, ManySilentClientsKeepTheImportersServed) {
+    Client importer(bus.address());
+    imports(importer);
+    std::vector<std::unique_ptr<Client>> silent;
+    for (std::ptrdiff_t i = 0; i < usbip::Server::mostStrangers + 10; ++i) {
+        silent.push_back(std::make_unique<Client>(bus.address()));
+        turn(bus, 1ms);
+    }
+    std::vector<pollfd> polled;
+    bus.addPolled(polled);
+    EXPECT_EQ(polled.size(), 1 + 1 + static_cast<std::size_t>(usbip::Server::mostStrangers));
+    EXPECT_EQ(polled[0].events, 0) << "no other is accepted";
+    EXPECT_EQ(exchange(importer, sendFrame(1, {1}), headerSize), "submitted 1 0 +1");
+    silent.clear();
+    Client next(bus.address());
+    imports(next, "1-2");
+}
+
+TEST_F(UsbipServerTest, WaitsWhereThereIsNoDescriptorForAClient) {
+    Client client(bus.address());
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{.rlim_cur = 3, .rlim_max = before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    turn(bus, 1s);
+    std::vector<pollfd> polled;
+    bus.addPolled(polled);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(polled[0].events, 0) << "does not spin";
+    imports(client);
+}
+
+// ------------------------------------------------------------------------------------------------------ addresses
+
+TEST(SocketAddressTest, IsReadAndWritten) {
+    for (const char* text : {"127.0.0.1:3240", "0.0.0.0:1", "[::1]:65535", "[::]:0", "[fe80::1]:3240"})
+        EXPECT_EQ(socketAddressText(parseSocketAddress(text)), text);
+}
+
+TEST(SocketAddressTest, MustHaveAnAddressAndAPort) {
+    for (const char* text : {"", ":", ":3240", "127.0.0.1", "127.0.0.1:", "127.0.0.1:x", "127.0.0.1:65536",
+                             "::1:3240", "[::1]", "[::1:3240", "[]:3240", "localhost:3240", "1.2.3:3240"})
+        EXPECT_THROW(parseSocketAddress(text), TextError) << text;
+}
+
+} // namespace
+} // namespace emulator
