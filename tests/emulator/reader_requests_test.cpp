@@ -63,6 +63,14 @@ TEST_F(ReaderRequestsTest, KnowsOneAlternateSetting) {
     expectStall({0x01, 11, 1, 0, 0});
 }
 
+TEST_F(ReaderRequestsTest, ChoosingTheAlternateSettingClearsTheInterfacesHalts) {
+    reader.setPipeFaults(pipeOf(0x81), {.stalled = true}, Time{});
+    EXPECT_EQ(request({0x01, 11, 0, 3, 0}).outcome, Outcome::done);
+    expectAnswer({0x82, 0, 0, 0x81, 2}, {1, 0});
+    EXPECT_EQ(request({0x01, 11, 0, 0, 0}).outcome, Outcome::done);
+    expectAnswer({0x82, 0, 0, 0x81, 2}, {0, 0});
+}
+
 TEST_F(ReaderRequestsTest, SetsReportsAndClearsHalt) {
     expectAnswer({0x82, 0, 0, 0x81, 2}, {0, 0});
     EXPECT_EQ(request({0x02, 3, 0, 0x81, 0}).outcome, Outcome::done);
