@@ -6,7 +6,7 @@
 #ifndef GVUSB_EMULATOR_COMMANDS_H
 #define GVUSB_EMULATOR_COMMANDS_H
 
-#include "bus.h"
+#include "reader_bus.h"
 
 #include <string>
 #include <string_view>

@@ -4,7 +4,7 @@
 
 #pragma once
 
-#include "bus.h"
+#include "reader_bus.h"
 #include "usbip_server.h"
 
 namespace emulator {
