@@ -1,0 +1,174 @@
+// What USB/IP clients say, how slowly they read, and what happens to the readers meanwhile. There are two readers and
+// three clients.
+//
+// Each byte of the input chooses what is done, and those behind it with what.
+#include "input.h"
+#include "usbip_peer.h"
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+
+namespace {
+
+using namespace emulator;
+using namespace usbip_client;
+using fuzz::Input;
+
+constexpr std::array<std::uint32_t, 8> lengths = {0, 1, 8, 64, 65, 512, 1 << 16, 1 << 24};
+constexpr std::array<std::uint8_t, 6> pipes = {0x81, 0x02, 0x83, 0x04, 0x00, 0x85};
+
+struct Fixture {
+    explicit Fixture(Input rest)
+        : input(rest) {
+        readers.add(parseReaders("").front());
+        readers.add(parseReaders("endpoints=0x81+0x02+0x83:interrupt+0x04:iso,configuration=2+1,interfaces=2,"
+                                 "speed=high,reply=reverse")
+                        .front());
+        for (std::size_t number = 1; number <= readers.size(); ++number)
+            readers.plug(number, now);
+        for (auto& peer : peers)
+            peer = std::make_unique<fuzz::UsbipPeer>(readers);
+    }
+
+    fuzz::UsbipPeer& anyPeer() { return *peers[input.below(peers.size())]; }
+    std::size_t anyReader() { return 1 + input.below(readers.size()); }
+    Bytes bytes(std::size_t most) {
+        const std::string_view taken = input.bytes(most);
+        return {taken.begin(), taken.end()};
+    }
+
+    Input input;
+    Time now{};
+    usbip::Readers readers;
+    std::array<std::unique_ptr<fuzz::UsbipPeer>, 3> peers;
+};
+
+void sayBytes(Fixture& f) {
+    fuzz::UsbipPeer& peer = f.anyPeer();
+    const std::string_view said = f.input.countedBytes();
+    peer.say({said.begin(), said.end()}, f.now);
+}
+
+void sayImport(Fixture& f) {
+    fuzz::UsbipPeer& peer = f.anyPeer();
+    peer.say(importRequest("1-" + std::to_string(f.anyReader())), f.now);
+}
+
+void saySubmit(Fixture& f) {
+    fuzz::UsbipPeer& peer = f.anyPeer();
+    SubmitRequest request{.sequence = f.input.byte(), .device = 0x00010000U + f.input.byte() % 3};
+    const std::uint8_t endpoint = f.input.oneOf(pipes);
+    request.endpoint = endpoint & 0x0FU;
+    request.direction = (endpoint & 0x80) != 0 ? in : out;
+    request.flags = f.input.byte();
+    request.length = f.input.oneOf(lengths);
+    if (endpoint == 0) {
+        request.setup = f.bytes(8);
+        request.setup.resize(8);
+        request.length = static_cast<std::uint32_t>(request.setup[6] | request.setup[7] << 8);
+        request.direction = (request.setup[0] & 0x80) != 0 ? in : out;
+    }
+    if (request.direction == out) {
+        request.data = f.bytes(std::min<std::size_t>(request.length, 16));
+        if (f.input.flag() && request.length <= 1 << 16)
+            request.data.resize(request.length);
+    }
+    peer.say(submit(request), f.now);
+}
+
+void sayUnlink(Fixture& f) {
+    fuzz::UsbipPeer& peer = f.anyPeer();
+    const std::uint32_t sequence = f.input.byte();
+    const std::uint32_t unlinked = f.input.byte();
+    peer.say(unlink(sequence, unlinked, 0x00010000U + f.input.byte() % 3), f.now);
+}
+
+void hear(Fixture& f) {
+    fuzz::UsbipPeer& peer = f.anyPeer();
+    const std::size_t most = f.input.byte();
+    peer.hear(most == 255 ? std::size_t{1} << 26 : most, f.now);
+}
+
+void connectAnew(Fixture& f) {
+    f.peers[f.input.below(f.peers.size())] = std::make_unique<fuzz::UsbipPeer>(f.readers);
+}
+
+void plugOrUnplug(Fixture& f) {
+    const std::size_t reader = f.anyReader();
+    if (f.readers.at(reader).plugged)
+        f.readers.unplug(reader);
+    else
+        f.readers.plug(reader, f.now);
+}
+
+void changeFaults(Fixture& f) {
+    usbip::Reader& reader = f.readers.at(f.anyReader());
+    const Pipe pipe = pipeOf(f.input.oneOf(pipes));
+    PipeFaults faults{.mute = f.input.flag(), .stalled = f.input.flag(), .stuck = f.input.flag()};
+    faults.delay = Milliseconds(f.input.byte());
+    if (f.input.flag())
+        faults.shortTo = f.input.byte();
+    reader.model.setPipeFaults(pipe, faults, f.now);
+    if (reader.importer != nullptr)
+        reader.importer->collect();
+}
+
+void letTimePass(Fixture& f) {
+    f.now += Milliseconds(f.input.byte());
+    f.readers.advance(f.now);
+}
+
+void checkImporters(const Fixture& f) {
+    // What a client may leave unread, and then the replies to all that may be under way.
+    constexpr std::size_t mostOutput =
+        (std::size_t{1} << 20) + usbip::mostRequests * headerSize + AnswerQueue::mostRoom;
+    std::size_t importing = 0;
+    for (const auto& peer : f.peers) {
+        importing += peer->connection.hasImported() ? 1 : 0;
+        fuzz::expect(peer->connection.output().size() <= mostOutput, "what is to be sent is bounded");
+    }
+    for (std::size_t number = 1; number <= f.readers.size(); ++number) {
+        const usbip::Reader& reader = f.readers.at(number);
+        fuzz::expect(reader.importer == nullptr || reader.plugged, "only what is plugged is imported");
+        importing -= reader.importer != nullptr ? 1 : 0;
+    }
+    fuzz::expect(importing == 0, "each importer has one reader, and nobody else has it");
+}
+
+// Whatever has happened, the next client finds a reader that works.
+void checkThatReadersWork(Fixture& f) {
+    for (auto& peer : f.peers)
+        peer.reset();
+    usbip::Reader& reader = f.readers.at(1);
+    if (!reader.plugged)
+        f.readers.plug(1, f.now);
+    for (const std::uint8_t pipe : pipes)
+        reader.model.setPipeFaults(pipeOf(pipe), {}, f.now);
+    usbip::Connection connection(f.readers);
+    connection.receive(importRequest("1-1"), f.now);
+    connection.sent(importReplySize, f.now);
+    connection.receive(join({control(1, {0x00, 9, 1, 0, 0, 0, 0, 0}), sendFrame(2, {1, 2}), fetchFrame(3)}),
+                       f.now);
+    fuzz::expect(Replies(connection.output(), {3}).text() ==
+                     "submitted 1 0 +0; submitted 2 0 +2; submitted 3 0 0102",
+                 "a reader works for the next client");
+}
+
+constexpr std::array steps = {sayBytes,    saySubmit,    saySubmit,    sayUnlink,   hear,
+                              connectAnew, plugOrUnplug, changeFaults, letTimePass, sayImport};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Fixture fixture(Input(data, size));
+    while (!fixture.input.atEnd()) {
+        fixture.input.oneOf(steps)(fixture);
+        checkImporters(fixture);
+    }
+    checkThatReadersWork(fixture);
+    return 0;
+}
