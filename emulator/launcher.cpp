@@ -101,7 +101,10 @@ int launchEmulated(const Options& options, const BlockedSignals& signals) {
 int launchUsbip(const Options& options, const BlockedSignals& signals) {
     const ScratchFolder folder;
     const std::string socket = (folder.path() / "commands").string();
-    UsbipBus bus(*options.usbip);
+    UsbipBus bus(*options.usbip, [verbose = options.verbose](const char* complaint) {
+        if (verbose)
+            std::cerr << "gvusb-emulate: a USB/IP client was ended: " << complaint << '\n';
+    });
     Session session(options, signals, bus, socket);
     if (!options.program.empty())
         return session.run({{"GVUSB_EMULATE_USBIP", bus.address()}});

@@ -138,7 +138,7 @@ std::variant<Options, int> readOptions(int count, const char* const* arguments) 
     app.add_flag("--no-config", noConfiguration, "The program finds no /etc/gavo/gvusb.conf")
         ->excludes(config);
     app.add_flag("-v,--verbose", options.verbose,
-                 "Report plugs, commands and their answers on standard error");
+                 "Report commands, their answers and USB/IP clients that talk nonsense on standard error");
     bool usbip = false;
     std::string address(defaultUsbipAddress);
     CLI::Option* serve = app.add_flag(

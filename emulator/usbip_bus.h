@@ -7,13 +7,15 @@
 #include "reader_bus.h"
 #include "usbip_server.h"
 
+#include <utility>
+
 namespace emulator {
 
 class UsbipBus final : public Bus {
 public:
     // Throws std::system_error.
-    explicit UsbipBus(const SocketAddress& address)
-        : server_(readers_, address) {}
+    UsbipBus(const SocketAddress& address, usbip::Server::Report report)
+        : server_(readers_, address, std::move(report)) {}
 
     // Where it listens.
     std::string address() const { return server_.address(); }

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <system_error>
+#include <utility>
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -28,8 +29,9 @@ void set(int descriptor, int level, int option) {
 
 } // namespace
 
-Server::Server(Readers& readers, const SocketAddress& address, Milliseconds patience)
+Server::Server(Readers& readers, const SocketAddress& address, Report report, Milliseconds patience)
     : readers_(readers)
+    , report_(std::move(report))
     , patience_(patience)
     , listening_(
           ::socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_TCP)) {
@@ -134,10 +136,13 @@ void Server::settle() {
     const Time present = now();
     for (Client& client : clients_)
         send(client, present);
-    clients_.remove_if([](const Client& client) {
-        if (client.connection.closing())
-            ::close(client.descriptor);
-        return client.connection.closing();
+    clients_.remove_if([this](const Client& client) {
+        if (!client.connection.closing())
+            return false;
+        ::close(client.descriptor);
+        if (client.connection.complaint() != nullptr)
+            report_(client.connection.complaint());
+        return true;
     });
 }
 

@@ -7,6 +7,7 @@
 #include "usbip_address.h"
 #include "usbip_connection.h"
 
+#include <functional>
 #include <list>
 #include <optional>
 #include <string>
@@ -24,8 +25,12 @@ public:
     // How many clients may be there that have not imported a reader. Those that have are as many as the readers at most.
     static constexpr std::ptrdiff_t mostStrangers = 64;
 
+    // Told of each client that was ended for what it said.
+    using Report = std::function<void(const char* complaint)>;
+
     // Listens. Throws std::system_error.
-    Server(Readers& readers, const SocketAddress& address, Milliseconds patience = usualPatience);
+    Server(Readers& readers, const SocketAddress& address, Report report,
+           Milliseconds patience = usualPatience);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
     ~Server();
@@ -64,6 +69,7 @@ private:
     bool full() const;
 
     Readers& readers_;
+    Report report_;
     Milliseconds patience_;
     int listening_ = -1;
     std::list<Client> clients_;

@@ -112,7 +112,9 @@ protected:
 
     std::string command(std::string_view line) { return runCommand(bus, line).text; }
 
-    UsbipBus bus{parseSocketAddress("127.0.0.1:0")};
+    std::vector<std::string> reports;
+    UsbipBus bus{parseSocketAddress("127.0.0.1:0"),
+                 [this](const char* complaint) { reports.emplace_back(complaint); }};
     std::string two = command("plug copies=2");
 };
 
@@ -172,7 +174,7 @@ TEST_F(UsbipServerTest, ReaderIsFreeWhenItsClientIsGone) {
 }
 
 TEST_F(UsbipServerTest, ListenerOnIpVersion6IsReachedThere) {
-    UsbipBus other(parseSocketAddress("[::1]:0"));
+    UsbipBus other(parseSocketAddress("[::1]:0"), {});
     EXPECT_EQ(other.address().find("[::1]:"), 0U) << other.address();
     EXPECT_EQ(other.address().find(":0", 5), std::string::npos) << other.address();
     Client client(other.address());
@@ -185,7 +187,7 @@ TEST_F(UsbipServerTest, ListenerOnIpVersion6IsReachedThere) {
 }
 
 TEST_F(UsbipServerTest, SecondListenerOnAPortIsRefused) {
-    EXPECT_THROW(UsbipBus(parseSocketAddress(bus.address())), std::system_error);
+    EXPECT_THROW(UsbipBus(parseSocketAddress(bus.address()), {}), std::system_error);
 }
 
 // ------------------------------------------------------------------------------------------------------ commands
@@ -281,6 +283,7 @@ TEST_F(UsbipServerTest, NonsenseEndsItsConnectionOnly) {
         EXPECT_TRUE(client.heard.empty());
     }
     EXPECT_EQ(exchange(good, sendFrame(1, {1}), headerSize), "submitted 1 0 +1");
+    EXPECT_EQ(reports, std::vector<std::string>(3, "another version of the protocol"));
 }
 
 TEST_F(UsbipServerTest, ClientThatReadsNothingIsNoLongerListenedTo) {
@@ -317,7 +320,7 @@ protected:
     }
 
     usbip::Readers readers;
-    usbip::Server server{readers, parseSocketAddress("127.0.0.1:0"), 100ms};
+    usbip::Server server{readers, parseSocketAddress("127.0.0.1:0"), {}, 100ms};
     std::size_t reader = readers.add(parseReaders("").front());
 };
 
