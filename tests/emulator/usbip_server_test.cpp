@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -47,12 +48,15 @@ public:
         return count > 0 ? static_cast<std::size_t>(count) : 0;
     }
 
+    // All that has come.
     void hear() {
         std::array<std::uint8_t, 65536> buffer;
-        const ssize_t count = ::recv(descriptor_, buffer.data(), buffer.size(), MSG_DONTWAIT);
-        if (count > 0)
-            heard.insert(heard.end(), buffer.begin(), buffer.begin() + count);
-        ended |= count == 0 || (count < 0 && errno != EAGAIN);
+        ssize_t count = 1;
+        while (count > 0) {
+            count = ::recv(descriptor_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+            heard.insert(heard.end(), buffer.begin(), buffer.begin() + std::max<ssize_t>(count, 0));
+        }
+        ended |= count == 0 || errno != EAGAIN;
     }
 
     Bytes heard;
@@ -75,7 +79,7 @@ protected:
     // Serves until it is so, or too long.
     template <typename Condition>
     bool until(Condition condition) {
-        const Time end = std::chrono::steady_clock::now() + 5s;
+        const Time end = std::chrono::steady_clock::now() + 30s;
         while (!condition() && std::chrono::steady_clock::now() < end)
             turn(bus, 5ms);
         return condition();
