@@ -17,6 +17,10 @@ enum { longest_frame = 65536 };
  * call. */
 __attribute__((format(printf, 1, 2))) const char* bus(const char* format, ...);
 
+/* False where the readers are attached to a real kernel: what goes wrong on the host's side cannot be played
+ * there, and what the host does is not seen but for what it says to the readers. */
+bool bus_is_emulated(void);
+
 /* Plugs a new reader and returns its number. */
 int plug_new(const char* description);
 

@@ -270,6 +270,17 @@ static void AResetReachesTheReader(void** state) {
     check_echo(handle);
 }
 
+static void AReaderIsUsedOnAfterAReset(void** state) {
+    static const unsigned int ids[] = {bulk_id, control_id};
+    for (int reader = 1; reader <= readers; ++reader) {
+        const int handle = open_reader(ids[reader - 1]);
+        check_echo(handle);
+        assert_int_equal(GVUSB_SetDevicePara(handle, "RESETDEVICE", ""), 0);
+        assert_int_equal(GVUSB_IsDevicePresent(handle), 1);
+        check_echo(handle);
+    }
+}
+
 static void AFailingResetIsTold(void** state) {
     const int handle = open_reader(bulk_id);
     check_echo(handle);
@@ -315,6 +326,7 @@ int main(int argc, char** argv) {
         TEST_CASE(AReaderPluggedAgainIsUsedByItsOldHandleAfterAScan),
         TEST_CASE(AScanWithoutAnOpenReaderKeepsItsHandle),
         TEST_CASE(AResetReachesTheReader),
+        TEST_CASE(AReaderIsUsedOnAfterAReset),
         TEST_CASE(AFailingResetIsTold),
         TEST_CASE(EachReaderKeepsItsOwnLastError),
     };

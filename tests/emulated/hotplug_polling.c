@@ -8,22 +8,26 @@
 #include <unistd.h>
 
 /*
- * The readers as CMakeLists.txt describes them, by number. Every poll opens the watcher, as it cannot tell
- * who it is and so is never known: how often it was opened tells how many polls there were.
+ * The readers as CMakeLists.txt describes them, by number. Every poll asks the watcher, as it cannot tell who
+ * it is and so is never known: for its languages and then for its ID.
  */
-enum { desk = 1, gate, watcher, usable = 2 };
+enum { desk = 1, gate, watcher, usable = 2, transfers_per_poll = 2 };
 enum { desk_id = 0xA1, gate_id = 0xB2, newcomer_id = 0x77 };
 
 static struct program_run run;
 
-static bool has_opens(void* wanted) {
-    return host_count(watcher, "opens") >= *(const long*)wanted;
+static bool has_transfers(void* wanted) {
+    return host_count(watcher, "transfers") >= *(const long*)wanted;
+}
+
+static void await_poll(int polls) {
+    long wanted = host_count(watcher, "transfers") + polls * transfers_per_poll;
+    assert_true(await(has_transfers, &wanted, long_enough_ms));
 }
 
 /* When the second poll from now on is under way, all is reported that could be seen before. */
 static void await_polls(void) {
-    long wanted = host_count(watcher, "opens") + 2;
-    assert_true(await(has_opens, &wanted, long_enough_ms));
+    await_poll(2);
 }
 
 static void resume_polling(void) {
@@ -249,12 +253,12 @@ static void NothingIsReportedWhilePollingIsSuspended(void** state) {
     /* A poll that is under way comes to its end. */
     assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL, NULL), 0);
     usleep(some_update_rates_us);
-    const long opens = host_count(watcher, "opens");
+    const long transfers = host_count(watcher, "transfers");
     plug_new("id=77");
     bus("unplug %d", desk);
     usleep(some_update_rates_us);
     assert_int_equal(event_count(), 0);
-    assert_int_equal(host_count(watcher, "opens"), opens);
+    assert_int_equal(host_count(watcher, "transfers"), transfers);
     resume_polling();
     assert_true(await_events(2));
     assert_int_equal(events_about(GVUSB_EVENT_CONNECT, newcomer_id), 1);
@@ -266,8 +270,7 @@ static void TheUpdateRateIsTheTimeBetweenTwoPolls(void** state) {
     await_polls();
     double times[3];
     for (int i = 0; i < 3; ++i) {
-        long wanted = host_count(watcher, "opens") + 1;
-        assert_true(await(has_opens, &wanted, long_enough_ms));
+        await_poll(1);
         times[i] = now_ms();
     }
     /* Each look at the bus may come a little late. */

@@ -211,6 +211,7 @@ static void AReaderUnpluggedAfterTheScanCannotBeOpened(void** state) {
 static void AReaderInAnotherConfigurationIsSetToTheFirst(void** state) {
     scan();
     const long before = host_count(second_configuration, "set-configurations");
+    const long desk_before = host_count(desk, "set-configurations");
     const int handle = GVUSB_OpenDevice(second_configuration_id);
     assert_true(handle > 0);
     assert_int_equal(host_count(second_configuration, "set-configurations"), before + 1);
@@ -218,7 +219,7 @@ static void AReaderInAnotherConfigurationIsSetToTheFirst(void** state) {
 
     const int other = GVUSB_OpenDevice(desk_id);
     check_echo(other);
-    assert_int_equal(host_count(desk, "set-configurations"), 0);
+    assert_int_equal(host_count(desk, "set-configurations"), desk_before);
 }
 
 static void AReaderThatCannotBeConfiguredIsClosedAndTriedAgain(void** state) {
@@ -229,8 +230,10 @@ static void AReaderThatCannotBeConfiguredIsClosedAndTriedAgain(void** state) {
         assert_int_equal(GVUSB_OpenDevice(second_configuration_id), GVUSB_ERR_SET_CONFIGURATION);
         assert_int_equal(last_error(0), GVUSB_ERR_SET_CONFIGURATION);
         assert_int_equal(host_count(second_configuration, "set-configurations"), tries + 1);
-        assert_int_equal(host_count(second_configuration, "opens"),
-                         host_count(second_configuration, "closes"));
+        if (bus_is_emulated()) {
+            assert_int_equal(host_count(second_configuration, "opens"),
+                             host_count(second_configuration, "closes"));
+        }
         assert_int_equal(GVUSB_GetDeviceHnd(second_configuration_id), GVUSB_ERR_NOT_OPENED);
     }
     bus("fail-configuration %d off", second_configuration);

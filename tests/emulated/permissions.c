@@ -1,6 +1,7 @@
 /* Readers whose device nodes the program may not write to. */
 #include "testing.h"
 
+#include <libusb.h>
 #include <linux/capability.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -9,7 +10,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-/* The readers as CMakeLists.txt describes them, by number; their addresses are their numbers. */
+/* The readers as CMakeLists.txt describes them, by their product IDs. */
 enum { desk = 1, gate };
 enum { desk_id = 0xA1, gate_id = 0xB2 };
 
@@ -22,10 +23,24 @@ static void obey_permissions(void) {
     assert_int_equal(syscall(SYS_capset, &header, sets), 0);
 }
 
-static void change_mode(int address, mode_t mode) {
-    char node[1024];
-    snprintf(node, sizeof node, "%s/dev/bus/usb/001/%03d", getenv("UMOCKDEV_DIR"), address);
-    assert_int_equal(chmod(node, mode), 0);
+/* The node that libusb would open, whose place the emulated bus has in a folder of its own. */
+static void change_mode(int product, mode_t mode) {
+    const char* root = getenv("UMOCKDEV_DIR");
+    libusb_device** list = NULL;
+    const ssize_t count = libusb_get_device_list(NULL, &list);
+    int changed = 0;
+    for (ssize_t i = 0; i < count; ++i) {
+        struct libusb_device_descriptor descriptor;
+        char node[1024];
+        if (libusb_get_device_descriptor(list[i], &descriptor) == 0 &&
+            descriptor.idVendor == GVUSB_VENDOR_ID && descriptor.idProduct == product) {
+            snprintf(node, sizeof node, "%s/dev/bus/usb/%03d/%03d", root != NULL ? root : "",
+                     libusb_get_bus_number(list[i]), libusb_get_device_address(list[i]));
+            changed += chmod(node, mode) == 0;
+        }
+    }
+    libusb_free_device_list(list, 1);
+    assert_int_equal(changed, 1);
 }
 
 static int give_permissions_back(void** state) {

@@ -14,17 +14,27 @@
 
 extern char** environ;
 
-/* The variable by which the program's preload learns what stands for the configuration file. */
+/* The variable by which the program's preload learns what stands for the configuration file. Without a preload
+ * there is only the file itself, which another variable names to permit that it is written. */
 static const char configuration_variable[] = "GVUSB_EMULATE_CONFIG";
+static const char own_file_variable[] = "GVUSB_TEST_CONFIGURATION_FILE";
 
 enum { longest_run_ms = 60000 };
 
-static void write_configuration(const char* text, char* path) {
-    int file = mkstemp(path);
+static void write_text(int file, const char* text) {
     assert_true(file >= 0);
     const size_t length = strlen(text);
     assert_int_equal(write(file, text, length), length);
     close(file);
+}
+
+/* Without a preload that could tell each program another file there is the file itself. What stood in it the
+ * calling program has read long ago. */
+static void replace_configuration(const char* path, const char* text) {
+    unlink(path);
+    if (text != NULL) {
+        write_text(open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644), text);
+    }
 }
 
 static pid_t start(char** arguments, int output) {
@@ -65,16 +75,9 @@ static bool read_output(int output, struct program_run* run) {
     return false;
 }
 
-void run_program(struct program_run* run, const char* configuration, const char* name, const char* first,
-                 const char* second, const char* third) {
-    char file[] = "/tmp/gvusb-test-XXXXXX";
-    if (configuration != NULL) {
-        write_configuration(configuration, file);
-    }
-    const char* const before = getenv(configuration_variable);
-    char* const restored = before != NULL ? strdup(before) : NULL;
-    setenv(configuration_variable, configuration != NULL ? file : "", 1);
-
+/* False if the program had to be killed. */
+static bool run_child(struct program_run* run, const char* name, const char* first, const char* second,
+                      const char* third) {
     char path[1024];
     snprintf(path, sizeof path, "%s/%s", GVUSB_TEST_PROGRAMS, name);
     char* arguments[] = {path, (char*)first, (char*)second, (char*)third, NULL};
@@ -91,7 +94,19 @@ void run_program(struct program_run* run, const char* configuration, const char*
     waitpid(process, &status, 0);
     run->status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     close(output[0]);
+    return ended;
+}
 
+static bool run_child_with_preload(struct program_run* run, const char* configuration, const char* name,
+                                   const char* first, const char* second, const char* third) {
+    char file[] = "/tmp/gvusb-test-XXXXXX";
+    if (configuration != NULL) {
+        write_text(mkstemp(file), configuration);
+    }
+    const char* const before = getenv(configuration_variable);
+    char* const restored = before != NULL ? strdup(before) : NULL;
+    setenv(configuration_variable, configuration != NULL ? file : "", 1);
+    const bool ended = run_child(run, name, first, second, third);
     if (configuration != NULL) {
         unlink(file);
     }
@@ -101,6 +116,19 @@ void run_program(struct program_run* run, const char* configuration, const char*
         unsetenv(configuration_variable);
     }
     free(restored);
+    return ended;
+}
+
+void run_program(struct program_run* run, const char* configuration, const char* name, const char* first,
+                 const char* second, const char* third) {
+    const char* const own_file = getenv(own_file_variable);
+    bool ended = false;
+    if (own_file != NULL) {
+        replace_configuration(own_file, configuration);
+        ended = run_child(run, name, first, second, third);
+    } else {
+        ended = run_child_with_preload(run, configuration, name, first, second, third);
+    }
     if (!ended) {
         fail_msg("%s did not end; it printed:\n%s", name, run->output);
     }

@@ -217,6 +217,9 @@ static void AReaderThatCannotIdentifyItselfIsLeftOut(void** state) {
         assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL, NULL), 0);
         check_all_usable();
     }
+}
+
+static void AReaderThatMayNotBeOpenedIsLeftOut(void** state) {
     bus("refuse %d EACCES", gate + 1);
     assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL, NULL), 0);
     assert_int_equal(scan_list_index("B2"), -1);
@@ -296,6 +299,7 @@ int main(int argc, char** argv) {
         TEST_CASE(SearchAndOpenOpensWhatWasFoundAlone),
         TEST_CASE(AnEmptyBusHasNothingToScan),
         TEST_CASE(AReaderThatCannotIdentifyItselfIsLeftOut),
+        TEST_CASE(AReaderThatMayNotBeOpenedIsLeftOut),
         TEST_CASE(ADeviceIdThatIsNoNumberIsLeftOut),
         TEST_CASE(ReadersWithTheSameDeviceIdAreAllListed),
         TEST_CASE(ThirtyTwoReadersAreFoundAndOpened),

@@ -20,7 +20,8 @@
 /* What a reader or a thread may be late on a busy machine before a test takes it to be stuck. */
 enum { long_enough_ms = 10000 };
 
-/* Runs the tests, or those alone whose names match the pattern on the command line; returns main's result. */
+/* Runs the tests, or those alone whose names match the pattern on the command line, without those that
+ * GVUSB_TEST_LEAVE_OUT in the environment names; returns main's result. */
 int run_group(const char* name, const struct CMUnitTest* tests, size_t count, int argc, char** argv);
 
 /* A test that begins with start_afresh. */
