@@ -9,9 +9,9 @@ build_packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev libumockdev-de
 
 # What the tests take beyond that: clang for its sanitizers and its analysis of locks, llvm to name functions in reports,
 # abigail-tools to compare the binary interface, doxygen and help2man to make the manual, python3 to do what it shows,
-# usbip to look at virtual readers with the client that everybody has.
+# usbip to look at virtual readers with the client that everybody has, QEMU and cpio for a machine with its own kernel.
 test_packages=(clang libclang-rt-14-dev llvm clang-format libgtest-dev libgmock-dev libcmocka-dev gcovr git
-    abigail-tools doxygen help2man python3 usbip)
+    abigail-tools doxygen help2man python3 usbip qemu-system-x86 cpio)
 
 # What looking for mistakes without running anything takes beyond both; run-clang-tidy is a Python program.
 analysis_packages=(clang-tidy cppcheck gcc jq python3)

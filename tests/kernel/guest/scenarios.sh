@@ -1,0 +1,70 @@
+# Runs every scenario, or the one that the kernel's command line names, and tells what came of it. A scenario is a
+# script that checks one thing after the other; sourced, so that it has what is here. Everything is exported, functions
+# too, for the shells that run on a set of readers.
+# shellcheck shell=bash source=/dev/null
+set -ua
+. /kernel/settings
+GVUSB_KERNEL_EMULATOR=$emulator
+GVUSB_TEST_SETTLE=$settle
+GVUSB_TEST_CONFIGURATION_FILE=/etc/gavo/gvusb.conf
+HOME=/root
+LC_ALL=C
+vendor=$(sed -n 's/.*idVendor}=="\([0-9a-f]*\)".*/\1/p' "$rule")
+launcher=/kernel/gvusb-emulate
+results=/run/results
+
+# check NAME COMMAND... says "ok" when the command succeeds. Where it does not, what it printed is shown too.
+check() {
+    local name=$1 log=/run/check.log status=0
+    shift
+    "$@" >$log 2>&1 || status=$?
+    if [ $status -eq 0 ]; then
+        echo "ok - $scenario: $name" | tee -a "$results"
+    else
+        echo "not ok - $scenario: $name (status $status)" | tee -a "$results"
+        sed 's/^/# /' $log
+    fi
+}
+
+# Succeeds when the command does and a line that it prints matches.
+prints() {
+    local pattern=$1
+    shift
+    "$@" >/run/printed 2>&1
+    local status=$?
+    cat /run/printed
+    [ $status -eq 0 ] && grep -q -e "$pattern" /run/printed
+}
+
+# on_readers OPTION... -- FUNCTION [ARGUMENT...] calls the function in a shell on these readers.
+on_readers() {
+    local options=()
+    while [ "$1" != -- ]; do
+        options+=("$1")
+        shift
+    done
+    shift
+    "$launcher" "${options[@]}" -- bash -c '"$@"' bash "$@"
+}
+
+seconds() {
+    cut -d' ' -f1 /proc/uptime
+}
+
+# What the kernel's command line says after a key.
+told() {
+    sed -n "s/.*gvusb\\.$1=\\([^ ]*\\).*/\\1/p" /proc/cmdline
+}
+
+wanted=$(told scenario)
+program_wanted=$(told program)
+: >$results
+for file in /kernel/scenarios/*.sh; do
+    scenario=$(basename "$file" .sh)
+    if [ "${wanted:-$scenario}" = "$scenario" ]; then
+        began=$(seconds)
+        . "$file"
+        echo "# $scenario took from $began to $(seconds) s"
+    fi
+done
+echo "# passed: $(grep -c '^ok' $results), failed: $(grep -c '^not ok' $results)"

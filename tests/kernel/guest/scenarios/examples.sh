@@ -1,0 +1,5 @@
+# The examples do here what they are there to show.
+for case in lists_readers lists_no_reader exchanges_a_frame says_why_no_frame_is_exchanged talks_to_many_readers \
+    overcomes_errors watches_by_polling watches_by_libusb_events; do
+    check "$case" bash "$example_tests" "$case" "$examples" "$launcher" "$library"
+done

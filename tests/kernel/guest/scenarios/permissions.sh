@@ -1,0 +1,46 @@
+# Who may use a reader: root alone, until the rule is installed; then the group's members too.
+as_user() {
+    local user=$1
+    shift
+    su "$user" -c "$*"
+}
+
+finds_no_reader() {
+    as_user "$1" "$tool list"
+    [ $? -eq 4 ]
+}
+
+exchanges() {
+    prints '^02 00 FF$' as_user "$1" "$tool send 1A2B3C '02 00 FF'"
+}
+
+doctor_blames_the_node() {
+    as_user "$1" "$tool doctor" >/run/doctor
+    local status=$?
+    cat /run/doctor
+    [ $status -eq 1 ] && grep -q 'this user may not write to /dev/bus/usb' /run/doctor
+}
+
+on_the_bus() {
+    check "without the rule root uses the reader" exchanges root
+    check "without the rule no other user finds it" finds_no_reader member
+    check "without the rule the diagnosis names the device node" doctor_blames_the_node member
+
+    mkdir -p /etc/udev/rules.d
+    cp "$rule" /etc/udev/rules.d
+    # What the diagnosis advises; the vendor's readers that are plugged in already get their rights by it too.
+    udevadm control --reload
+    udevadm trigger --action=add --attr-match=idVendor="$vendor"
+    udevadm settle
+    check "with the rule a member of the group uses the reader" exchanges member
+    check "with the rule a user outside the group does not find it" finds_no_reader user
+
+    "$launcher" --send "replug 1" >/dev/null
+    check "with the rule a member uses a reader that is plugged in anew" exchanges member
+    rm /etc/udev/rules.d/*
+    udevadm control --reload
+    "$launcher" --send "replug 1" >/dev/null
+    check "with the rule gone again no other user finds the reader" finds_no_reader member
+}
+
+on_readers --reader id=1A2B3C -- on_the_bus

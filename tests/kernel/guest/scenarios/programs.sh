@@ -1,0 +1,22 @@
+# The programs of tests/emulated, each with the readers and the configuration that it has there.
+run_program() {
+    local program=$1 readers=$2 configuration=$3 options=()
+    [ -z "$readers" ] || options+=(--readers "$readers")
+    if [ -n "$configuration" ]; then
+        options+=(--config "$configuration")
+    else
+        options+=(--no-config)
+    fi
+    "$launcher" "${options[@]}" -- "$program"
+}
+
+while IFS='|' read -r name program readers configuration left_out; do
+    [ -n "$name" ] && [ "${program_wanted:-$name}" = "$name" ] || continue
+    CMOCKA_MESSAGE_OUTPUT=TAP
+    GVUSB_TEST_LEAVE_OUT=$left_out
+    # What is plugged takes a real kernel half a second to learn.
+    GVUSB_TEST_CHURN=12
+    check "$name" run_program "$program" "$readers" "$configuration"
+    grep -E '^(ok|not ok)' /run/check.log | sed 's/ [0-9]* - / - /' | sed "s/ - / - $name./" | tee -a "$results"
+    [ -z "$left_out" ] || echo "# left out of $name: $left_out"
+done <<<"$programs"

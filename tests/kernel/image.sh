@@ -1,0 +1,57 @@
+# Makes the root file system that the guest's kernel unpacks into its memory. Sourced by run.
+
+# What a reader takes from the kernel: the USB core, a controller whose ports lead to a server, and one driver that may
+# have taken a reader before the library does.
+guest_modules=(usb/common/usb-common usb/core/usbcore usb/usbip/usbip-core usb/usbip/vhci-hcd usb/serial/usbserial)
+
+# What udev does to every device and to USB's; the rest is about hardware that the guest does not have.
+guest_rules=(50-udev-default.rules 80-drivers.rules)
+
+# make_image GUEST_ROOT SCRIPTS IMAGE FILE... makes IMAGE with what the packages in GUEST_ROOT, the folder SCRIPTS and
+# these files give, each file under the path that it has here, with the libraries that it takes.
+make_image() {
+    local root=$1 scripts=$2 image=$3 stage folder programs
+    shift 3
+    stage=$(mktemp -d)
+    chmod 755 "$stage"
+    mkdir -p "$stage"/{dev,proc,sys,run,tmp,etc,root,var}
+    ln -s /run "$stage/var/run"
+    for folder in bin sbin lib lib64; do
+        mkdir -p "$stage/usr/$folder"
+        ln -s "usr/$folder" "$stage/$folder"
+    done
+    add_system "$root" "$stage"
+    cp -r "$scripts" "$stage/kernel"
+    ln -s kernel/init "$stage/init"
+    cp --parents --recursive -t "$stage" "$@" /bin/bash
+    mapfile -d '' programs < <(find "$@" -type d -name CMakeFiles -prune -o -type f -perm /111 -print0)
+    add_libraries "$stage" /bin/bash "${programs[@]}"
+    (cd "$stage" && find . -print0 | cpio --quiet --null --create --format=newc --owner=0:0) >"$image"
+    rm -rf "$stage"
+}
+
+add_system() {
+    local root=$1 stage=$2 modules module
+    cp "$root/bin/busybox" "$root/bin/udevadm" "$stage/bin"
+    cp "$root/usr/sbin/usbip" "$stage/sbin"
+    mkdir -p "$stage/lib/systemd" "$stage/lib/udev/rules.d"
+    ln -s /bin/udevadm "$stage/lib/systemd/systemd-udevd"
+    cp "${guest_rules[@]/#/$root/lib/udev/rules.d/}" "$stage/lib/udev/rules.d"
+    add_libraries "$stage" "$root/bin/udevadm" "$root/usr/sbin/usbip"
+
+    modules=$(echo "$root"/lib/modules/*)
+    modules=${modules#"$root/"}
+    for module in "${guest_modules[@]}"; do
+        (cd "$root" && cp --parents -t "$stage" "$modules/kernel/drivers/$module.ko")
+    done
+    cp "$root/$modules"/modules.{builtin,order} "$stage/$modules"
+    "$root/bin/busybox" depmod -b "$stage" "${modules##*/}"
+}
+
+# What the programs link, and the loader that they name.
+add_libraries() {
+    local stage=$1
+    shift
+    { ldd "$@" 2>/dev/null || true; } | grep -v ':$' | grep -o '/[^ ]*\.so[^ ]*' | sort -u |
+        xargs cp --dereference --parents --update -t "$stage"
+}
