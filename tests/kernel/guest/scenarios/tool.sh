@@ -8,8 +8,7 @@ check_tool() {
 }
 
 check_tool list shows_readers_in_a_table tells_when_there_is_no_reader tells_of_one_reader
-check_tool send prints_the_answer tells_a_time_out tells_that_the_reader_is_gone
-check_tool monitor tells_a_quick_replug
+check_tool send prints_the_answer tells_a_time_out
 
 rm -f /etc/gavo/gvusb.conf
 check "doctor finds all well" prints '^All is well' "$launcher" -- "$tool" doctor
