@@ -8,7 +8,9 @@ driver_is() {
 }
 
 has_no_driver() {
-    [ -d /sys/bus/usb/devices/*-[1-9]*:1.0 ] && [ ! -e /sys/bus/usb/devices/*-[1-9]*:1.0/driver ]
+    local interface
+    interface=$(echo /sys/bus/usb/devices/*-[1-9]*:1.0)
+    [ -d "$interface" ] && [ ! -e "$interface/driver" ]
 }
 
 exchanges() {

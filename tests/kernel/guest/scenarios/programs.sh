@@ -11,7 +11,9 @@ run_program() {
 }
 
 while IFS='|' read -r name program readers configuration left_out; do
-    [ -n "$name" ] && [ "${program_wanted:-$name}" = "$name" ] || continue
+    if [ -z "$name" ] || [ "${program_wanted:-$name}" != "$name" ]; then
+        continue
+    fi
     CMOCKA_MESSAGE_OUTPUT=TAP
     GVUSB_TEST_LEAVE_OUT=$left_out
     # What is plugged takes a real kernel half a second to learn.
