@@ -12,7 +12,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 #include <system_error>
+#include <utility>
 
 #include <sys/prctl.h>
 #include <unistd.h>
