@@ -11,7 +11,6 @@
 #include "base/mutex.h"
 #include "base/own_process.h"
 #include "base/relaxed.h"
-#include "base/sequential_search.h"
 #include "gvusb.h"
 #include "manager/event_handlers.h"
 #include "manager/hotplug_queue.h"
@@ -119,9 +118,6 @@ public:
     // Readers reported since the last scan: each is reported once per direction. Guarded by m_mtxReported.
     std::vector<unsigned int> m_ReportedConnects;
     std::vector<unsigned int> m_ReportedDisconnects;
-    // The bus, the scan list and the reported readers are mostly in the same order.
-    SequentialSearch m_ScanListSearch GVUSB_GUARDED_BY(m_mtxDevList);
-    SequentialSearch m_ReportedSearch GVUSB_GUARDED_BY(m_mtxReported);
     int m_iLibUsbDebugLevel = 0;
     bool m_bHasHotPlug = false;
     int m_iDebugLevel = 0;

@@ -1,6 +1,7 @@
 #include "manager/gvdrvhnd.h"
 
 #include "api/log.h"
+#include "base/sequential_search.h"
 #include "base/usb_owners.h"
 #include "device/gvdevice.h"
 
@@ -12,6 +13,9 @@ struct VanishedReader {
     unsigned int devId;
     int devHnd;
 };
+
+// A poll meets the readers in the order in which the one before reported them.
+constinit SequentialSearch reportedSearch;
 
 } // namespace
 
@@ -116,7 +120,7 @@ bool GVDrvHnd::WasReported(std::vector<unsigned int>& ids, unsigned int id) {
 void GVDrvHnd::SetReported(std::vector<unsigned int>& ids, unsigned int id) {
     const MutexLock lock(m_mtxReported);
     const auto isIt = [&](unsigned int reported) { return reported == id; };
-    if (!m_ReportedSearch.find(ids, isIt)) {
+    if (!reportedSearch.find(ids, isIt)) {
         ToDevIds(&ids, id);
     }
 }

@@ -1,7 +1,15 @@
 #include "manager/gvdrvhnd.h"
 
 #include "api/log.h"
+#include "base/sequential_search.h"
 #include "device/gvdevice.h"
+
+namespace {
+
+// A poll asks for the readers in the order of the bus, which is mostly the list's.
+constinit SequentialSearch scanListSearch;
+
+} // namespace
 
 int GVDrvHnd::GetScanListPara(int index, const char* key, char* value) {
     const MutexLock lock(m_mtxDevList);
@@ -33,7 +41,7 @@ void GVDrvHnd::ClearScanList() {
 
 GVDevice* GVDrvHnd::SL_DeviceOfUsbDev(const libusb_device* dev) {
     const auto isIt = [&](const GVDevice* device) { return device != nullptr && device->usbdev == dev; };
-    const auto index = m_ScanListSearch.find(m_ScanList, isIt);
+    const auto index = scanListSearch.find(m_ScanList, isIt);
     return index ? m_ScanList[*index] : nullptr;
 }
 
