@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <fstream>
 #include <system_error>
 
@@ -18,6 +19,9 @@ constexpr const char* configurationFile = "/etc/gavo/gvusb.conf";
 
 // udev's daemon listens there. libudev, and so libusb, looks for the same file before it subscribes to events.
 constexpr const char* udevSocket = "/run/udev/control";
+
+// The launcher of virtual readers tells its programs by this where it listens. It sends udev's events itself.
+constexpr const char* virtualBus = "GVUSB_EMULATE_SOCKET";
 
 // The library reads no more of the file.
 constexpr std::size_t bytesRead = 1023;
@@ -87,6 +91,10 @@ void examineConfiguration(Findings& findings) {
 void examineUdev(Findings& findings) {
     if (::access(udevSocket, F_OK) == 0) {
         findings.ok("udev", "running");
+        return;
+    }
+    if (std::getenv(virtualBus) != nullptr) {
+        findings.note("udev", "not running; the virtual readers that gvusb-emulate made here need none");
         return;
     }
     findings.problem(

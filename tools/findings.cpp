@@ -27,10 +27,13 @@ void Findings::problem(std::string_view topic, std::string_view text,
                        const std::vector<std::string>& remedy) {
     ++problems_;
     std::string lines = line("PROBLEM", topic, text);
+    const std::string indent(markWidth, ' ');
     for (const std::string& sentence : remedy) {
-        const std::string indent(markWidth, ' ');
-        lines +=
-            sentence.starts_with(' ') ? indent + "  " + sentence + '\n' : wrapped(indent + "> ", sentence);
+        if (sentence.starts_with(' ')) {
+            lines.append(indent).append("  ").append(sentence).append("\n");
+        } else {
+            lines += wrapped(indent + "> ", sentence);
+        }
     }
     output::print(lines);
 }

@@ -8,6 +8,7 @@
 #include <initializer_list>
 #include <sstream>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -41,7 +42,13 @@ ExitStatus answerParser(const CLI::App& app, const CLI::ParseError& error) {
     }
     const auto commands = app.get_subcommands();
     const std::string command = commands.empty() ? "" : " " + commands.front()->get_name();
-    std::fprintf(stderr, "gvusb: %s\nRun 'gvusb%s --help' for more.\n", error.what(), command.c_str());
+    std::string what = error.what();
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError) && commands.empty()) {
+        // The parser tells of the command that is missing, not of what stands in its place.
+        const std::vector<std::string> unknown = app.remaining();
+        what = unknown.empty() ? "no command" : "'" + unknown.front() + "' is no command";
+    }
+    std::fprintf(stderr, "gvusb: %s\nRun 'gvusb%s --help' for more.\n", what.c_str(), command.c_str());
     return ExitStatus::usage;
 }
 

@@ -13,8 +13,12 @@ struct Options {
 };
 
 void setParameter(const std::string& title, int handle, const Options& options) {
-    check(title + ": " + options.key,
-          GVUSB_SetDevicePara(handle, options.key.c_str(), options.value.c_str()));
+    const std::string what = title + ": " + options.key;
+    const int code = GVUSB_SetDevicePara(handle, options.key.c_str(), options.value.c_str());
+    if (code == GVUSB_ERR_OUT_OF_RANGE && options.value.empty())
+        throw Failure(what + ": " + libraryText(code), ExitStatus::failure,
+                      "No value was given; see 'gvusb set --help'.");
+    check(what, code);
 }
 
 ExitStatus set(const Options& options) {

@@ -33,11 +33,14 @@ refuses_mistakes() {
     keep "$gvusb"
     expect_status 2
     expect_output ''
+    expect_in_errors "^gvusb: no command$"
     expect_in_errors "^Run 'gvusb --help' for more.$"
     keep "$gvusb" dance
     expect_status 2
+    expect_in_errors "^gvusb: 'dance' is no command$"
     keep "$gvusb" --colour
     expect_status 2
+    expect_in_errors "^gvusb: '--colour' is no command$"
     keep "$gvusb" list --colour
     expect_status 2
     expect_in_errors "^Run 'gvusb list --help' for more.$"

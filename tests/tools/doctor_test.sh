@@ -51,11 +51,17 @@ finds_a_configuration_that_cannot_be_read() {
 }
 
 finds_that_udev_does_not_run() {
-    GVUSB_TEST_UDEV=no shell_on_bus "$doctor"
+    GVUSB_TEST_UDEV=no shell_on_bus "unset GVUSB_EMULATE_SOCKET; $doctor"
     expect_status 1
     expect_sentence 'PROBLEM udev not running, so plugging and unplugging is never noticed'
     expect_in_output '^            sudo systemctl start systemd-udevd$'
     expect_equal "the last line" "$(tail -n 1 "$scratch/output")" '1 problem.'
+}
+
+needs_no_udev_for_virtual_readers() {
+    GVUSB_TEST_UDEV=no shell_on_bus "$doctor"
+    expect_status 0
+    expect_sentence 'note udev not running; the virtual readers that gvusb-emulate made here need none'
 }
 
 finds_that_no_reader_is_there() {

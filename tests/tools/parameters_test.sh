@@ -65,6 +65,11 @@ tells_what_cannot_be_set() {
     on_bus set A1 TIMEOUT 0
     expect_status 1
     expect_in_errors '^gvusb: reader A1: TIMEOUT: GVUSB: (-1151) parameter out of range$'
+    expect_in_errors "^'gvusb explain -1151' says"
+    on_bus set A1 TIMEOUT
+    expect_status 1
+    expect_in_errors '^gvusb: reader A1: TIMEOUT: GVUSB: (-1151) parameter out of range$'
+    expect_in_errors '^No value was given; '
     on_bus set driver HOTPLUG-UPDATERATE 9
     expect_status 1
     expect_in_errors '^gvusb: driver: HOTPLUG-UPDATERATE: GVUSB: (-1151) parameter out of range$'
