@@ -63,7 +63,8 @@
  * @section examples Examples
  *
  * list_readers.c, exchange_frame.c, handle_errors.c, many_readers.c, watch_readers.c,
- * watch_readers_events.c; in Python python/gvusb.py.
+ * watch_readers_events.c; in Python python/gvusb.py. They are installed in share/doc/libgvusb-dev/examples, and
+ * the guides in share/doc/libgvusb-dev/guides.
  */
 #ifndef GVUSB_H
 #define GVUSB_H

@@ -1,18 +1,36 @@
 #!/bin/sh
 # usage: tool_page.sh PROGRAM BRIEF OUTPUT [COMMAND...]
-# Makes a program's manual page from what it says of itself, and of each of its commands.
+# Makes a program's manual page from what it says of itself, and of each of its commands. help2man lays out the usage and
+# the options. What comes behind them, under headings in capitals, keeps its lines: it has tables and command lines.
 set -eu
 program=$1 brief=$2 output=$3
 shift 3
 
-include=$(mktemp)
-trap 'rm -f "$include"' EXIT
-for command in "$@"; do
-    printf '[%s %s]\n.nf\n' "$(basename "$program")" "$command"
-    "$program" "$command" --help | sed 's/\\/\\\\/g; s/-/\\-/g; s/^\./\\\&./'
-    printf '.fi\n\n'
-done >"$include"
-printf '[see also]\n.BR libgvusb (3),\n.BR gvusb.conf (5),\n.BR gvusb (1),\n.BR gvusb\\-emulate (1)\n' >>"$include"
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+heading='^[A-Z][A-Z ]*$'
+escaped() { sed 's/\\/\\e/g; s/-/\\-/g; s/^\./\\\&./'; }
 
-help2man --no-info --no-discard-stderr --locale=C.UTF-8 --section=1 --name="$brief" --include="$include" \
-    --manual="USB RFID readers" --output="$output" "$program"
+"$program" --help >"$scratch/help"
+{
+    sed -n "/$heading/,\$p" "$scratch/help" | escaped | awk -v heading="$heading" '
+        $0 ~ heading { if (sections++) print ".fi\n"; print "[" $0 "]\n.nf"; next }
+        { print }
+        END { if (sections) print ".fi\n" }'
+    for command in "$@"; do
+        printf '[%s %s]\n.nf\n' "$(basename "$program")" "$command"
+        "$program" "$command" --help | escaped
+        printf '.fi\n\n'
+    done
+    printf '[see also]\n.BR libgvusb (3),\n.BR gvusb.conf (5),\n.BR gvusb (1),\n.BR gvusb\\-emulate (1)\n'
+} >"$scratch/include"
+
+# The program as help2man is to see it.
+sed "/$heading/,\$d" "$scratch/help" >"$scratch/options"
+"$program" --version >"$scratch/version"
+seen=$scratch/$(basename "$program")
+printf '#!/bin/sh\nexec cat "%s/$([ "$1" = --version ] && echo version || echo options)"\n' "$scratch" >"$seen"
+chmod +x "$seen"
+
+help2man --no-info --no-discard-stderr --locale=C.UTF-8 --section=1 --name="$brief" --include="$scratch/include" \
+    --manual="USB RFID readers" --output="$output" "$seen"
