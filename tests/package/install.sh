@@ -17,7 +17,8 @@ contents() { (cd "$1" && find . -type f -o -type l | LC_ALL=C sort); }
 DESTDIR=$folder/system cmake --install "$build" --prefix /usr >/dev/null
 contents "$folder/system" >"$folder/installed"
 for file in ./etc/gavo/gvusb.conf ./usr/lib/udev/rules.d/70-gvusb.rules ./usr/include/gvusb.h \
-    ./usr/share/doc/libgvusb-dev/examples/tour.c "${@/#/./usr/bin/}"; do
+    ./usr/share/doc/libgvusb-dev/examples/tour.c ./usr/share/doc/libgvusb-dev/guides/getting-started.md \
+    ./usr/share/man/man5/gvusb.conf.5 "${@/#/./usr/bin/}" "${@/#/./usr/share/bash-completion/completions/}"; do
     grep -qxF "$file" "$folder/installed" || fail "not installed: $file"
 done
 for name in libgvusb.so libgvusb.so.7 libgvusb.so.7.1.0 pkgconfig/gvusb.pc cmake/gvusb/gvusb-config.cmake \

@@ -71,4 +71,25 @@ is_quiet_without_readers() {
     expect_output 0
 }
 
+# The launcher's completion.
+complete_launcher() { # WORD...
+    source "$(dirname "$completion")/../../emulator/completion/gvusb-emulate.bash"
+    COMP_WORDS=(gvusb-emulate "$@") COMP_CWORD=$# COMPREPLY=()
+    _gvusb_emulate
+    printf '%s\n' "${COMPREPLY[@]}" | sort | paste -sd' '
+}
+
+completes_the_launchers_options() {
+    options=$("$emulate" --help | grep -o -e '^ *\(-[hv],\)*--[a-z-]*' | tr -d ' ' | sed 's/^-[hv],//' | sort | paste -sd' ')
+    expect_equal "the launcher's options" "$(complete_launcher --)" "-- $options"
+    touch "$scratch/script"
+    expect_equal "the files of an option" "$(complete_launcher --script "$scratch/scr")" "$scratch/script"
+    expect_equal "what cannot be known" "$(complete_launcher --reader '')" ''
+}
+
+leaves_the_program_to_its_own_completion() {
+    _command_offset() { COMPREPLY=("word $1 and on"); }
+    expect_equal "behind --" "$(complete_launcher --reader id=1 -- gvusb '')" 'word 4 and on'
+}
+
 run_case

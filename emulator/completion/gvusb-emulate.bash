@@ -1,0 +1,25 @@
+# Completion of gvusb-emulate's options and, behind "--", of the program that it starts, for bash.
+
+_gvusb_emulate() {
+    local i word=${COMP_WORDS[COMP_CWORD]}
+    for ((i = 1; i < COMP_CWORD; ++i)); do
+        if [ "${COMP_WORDS[i]}" = -- ]; then
+            # A function of bash-completion, which loads this file.
+            _command_offset $((i + 1))
+            return
+        fi
+    done
+    case ${COMP_WORDS[COMP_CWORD - 1]} in
+    --reader | --send | --listen) COMPREPLY=() ;;
+    --readers | --script | --config)
+        compopt -o filenames 2>/dev/null
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+        ;;
+    *)
+        mapfile -t COMPREPLY < <(compgen -W '--help --reader --readers --no-readers --script --config --no-config --usbip
+            --listen --verbose --send --version --' -- "$word")
+        ;;
+    esac
+}
+
+complete -F _gvusb_emulate gvusb-emulate
