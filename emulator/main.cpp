@@ -14,7 +14,8 @@ constexpr int busError = 125;
 int send(const std::string& command) {
     const char* socket = std::getenv(emulator::socketVariable);
     if (socket == nullptr) {
-        std::cerr << "gvusb-emulate: " << emulator::socketVariable << " is not set; this runs on no bus\n";
+        std::cerr << "gvusb-emulate: " << emulator::socketVariable << " is not set; this runs on no bus.\n"
+                  << "Start it from a program that runs under the launcher: gvusb-emulate -- sh -c '...'\n";
         return EXIT_FAILURE;
     }
     const std::string answer = emulator::sendCommand(socket, command);

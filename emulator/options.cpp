@@ -70,7 +70,7 @@ std::string footer() {
            "error.\n"
            "\nEXAMPLES\n"
            "  gvusb-emulate -- lsusb\n"
-           "  gvusb-emulate --reader id=CAFE,endpoints=none --reader id=BEEF,speed=high -- ./my-test "
+           "  gvusb-emulate --reader id=CAFE,endpoints=control --reader id=BEEF,speed=high -- ./my-test "
            "--verbose\n"
            "  gvusb-emulate --reader copies=32 -- ./my-test\n"
            "  gvusb-emulate --usbip --reader id=CAFE\n"

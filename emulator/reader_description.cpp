@@ -133,8 +133,8 @@ constexpr std::array keys = {
             d.reader.release = static_cast<std::uint16_t>(number("release", v, 0, 0xFFFF));
         }},
     Key{"endpoints",
-        "bulk (0x81 and 0x02), control, in-only, out-only, interrupt, or a list of "
-        "ADDRESS[:bulk|interrupt|iso[:PACKETSIZE]] joined by +",
+        "bulk (0x81 and 0x02), control (or none), in-only, out-only, interrupt, or a list of\n"
+        "                    ADDRESS[:bulk|interrupt|iso[:PACKETSIZE]] joined by +",
         [](Draft& d, Value v) { d.reader.endpoints = parseEndpoints(v); }},
     Key{"configuration", "configuration values in descriptor order: 1, or 2+1, or none",
         [](Draft& d, Value v) { d.reader.configurations = parseConfigurations(v); }},
