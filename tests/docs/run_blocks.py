@@ -5,13 +5,16 @@ Does what a document shows, from its first code block to its last, in a folder t
 
   c        a program is compiled without a warning and kept as program.c; a part of one (without main) is compiled
            inside a function
+  cmake    kept as CMakeLists.txt
   python   kept as program.py
   conf     kept as gvusb.conf
   console  each line with "$ " is run in a shell; what follows it must be its output, where "..." stands for any text
            in a line and, alone, for any lines. A trailing "# exit status N" says how it ends, 0 if nothing is said.
+  udev     each line is a comment or has the form of a rule
+  sh       changes the machine or takes long, so it is not run here; it must be run elsewhere: see shell_blocks.py
 
-Other languages show what cannot be run, and are counted. The environment says where to find the compiler (CC), the
-programs (PATH), the header (CPATH) and the library (LIBRARY_PATH, LD_LIBRARY_PATH).
+There are no others. The environment says where to find the compiler (CC), the programs (PATH), the header (CPATH), the
+library (LIBRARY_PATH, LD_LIBRARY_PATH) and what CMake finds (CMAKE_PREFIX_PATH).
 """
 
 import os
@@ -20,8 +23,10 @@ import subprocess
 import sys
 import tempfile
 
+import shell_blocks
+
 WARNINGS = ["-std=c11", "-Wall", "-Wextra", "-Wpedantic", "-Werror"]
-FENCE = re.compile(r"^```(\w*)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+RULE = re.compile(r'[A-Z]+(\{\w+\})?(==|!=|\+=|=)"[^"]*"(, [A-Z]+(\{\w+\})?(==|!=|\+=|=)"[^"]*")*')
 STATUS = re.compile(r"\s+# exit status (\d+)$")
 
 # What a part of a program finds around it.
@@ -60,6 +65,12 @@ def keep(name):
         with open(os.path.join(folder, name), "w", encoding="utf-8") as file:
             file.write(text)
     return write
+
+
+def check_rules(text, _):
+    for line in text.splitlines():
+        if not line.startswith("#") and not RULE.fullmatch(line):
+            raise Mismatch(f"is no rule for udev: {line}")
 
 
 def pattern_of(lines):
@@ -101,32 +112,37 @@ def run_console(text, folder):
     run_command(command, expected, folder)
 
 
-RUNNERS = {"c": compile_c, "python": keep("program.py"), "conf": keep("gvusb.conf"), "console": run_console}
+RUNNERS = {"c": compile_c, "cmake": keep("CMakeLists.txt"), "python": keep("program.py"), "conf": keep("gvusb.conf"),
+           "udev": check_rules, "console": run_console}
 
 
 def main():
     with open(sys.argv[1], encoding="utf-8") as file:
         document = file.read()
-    done = left = failed = 0
+    done = elsewhere = failed = 0
     with tempfile.TemporaryDirectory() as folder:
         for link in sys.argv[2:]:
-            name, path = link.split("=", 1)
-            os.symlink(path, os.path.join(folder, name))
-        for block in FENCE.finditer(document):
+            target, path = link.split("=", 1)
+            os.symlink(path, os.path.join(folder, target))
+        for block in shell_blocks.BLOCK.finditer(document):
             language, text = block.groups()
-            runner = RUNNERS.get(language)
-            if runner is None:
-                left += 1
-                continue
             try:
-                runner(text, folder)
-                done += 1
+                if language == "sh":
+                    elsewhere += 1
+                    nowhere = shell_blocks.run_nowhere(text)
+                    if nowhere:
+                        raise Mismatch("run nowhere, see shell_blocks.py:\n" + "\n".join(nowhere))
+                elif language not in RUNNERS:
+                    raise Mismatch(f"a block of \"{language}\", which nothing runs")
+                else:
+                    RUNNERS[language](text, folder)
+                    done += 1
             except Mismatch as mismatch:
                 failed += 1
                 line = document.count("\n", 0, block.start()) + 1
                 print(f"{sys.argv[1]}:{line}: {mismatch}", file=sys.stderr)
-    print(f"{done} blocks hold, {failed} do not, {left} show what is not run")
-    return 1 if failed or done == 0 else 0
+    print(f"{done} blocks hold, {failed} do not, {elsewhere} are run elsewhere")
+    return 1 if failed or done + elsewhere == 0 else 0
 
 
 if __name__ == "__main__":

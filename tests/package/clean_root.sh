@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# usage: clean_root.sh FOLDER
-# Runs as root in a root file system of its own with nothing in it but a compiler, CMake and udev. Installs the packages
-# in FOLDER, uses them as their users would, and removes them without a trace. FOLDER also holds consumer/, the programs
-# to compile.
+# usage: clean_root.sh SOURCES
+# Runs as root in a root file system of its own with nothing in it but a compiler, CMake, udev and sudo. Installs the
+# packages in SOURCES/build-debian-packages as the guides say, uses them as their users would, and removes them without
+# a trace; then does as the README says to build and install the sources.
 set -euo pipefail
-folder=$1
+sources=$1
 export DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8
 fail() {
     echo "$*"
@@ -14,24 +14,39 @@ expect() {
     echo "$1: $3"
     [ "$2" = "$3" ] || fail "but \"$2\" was expected"
 }
-# What others write at any installation: the package manager's own books, caches, logs, and the virtual file systems.
+# Without what others write at any installation: the package manager's own books, caches, logs, what was in /etc/passwd
+# and its like before, and the virtual file systems.
 contents() {
-    find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /run -o -path /tmp -o -path "$folder" \
-        -o -path /var/lib/dpkg -o -path /var/lib/apt -o -path /var/cache -o -path /var/log \) -prune -o -print |
+    find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /run -o -path /tmp -o -path "$sources" \
+        -o -path '/etc/*-' -o -path /var/lib/dpkg -o -path /var/lib/apt -o -path /var/cache -o -path /var/log \) \
+        -prune -o -print |
         LC_ALL=C sort
 }
 quietly() {
     "$@" >/tmp/log 2>&1 || { cat /tmp/log; fail "failed: $*"; }
+}
+# Does what the n-th shell block of a guide shows.
+shown() {
+    local guide=$sources/docs/$1.md
+    if [ "$1" = README ]; then
+        guide=$sources/README.md
+    fi
+    awk -v wanted="$2" '
+        /^```/ { inside = !fenced && $0 == "```sh" && ++number == wanted; fenced = !fenced; next }
+        inside' "$guide" >/tmp/block
+    [ -s /tmp/block ] || fail "$guide has no shell block $2"
+    echo "$1 shows: $(paste -sd '|' /tmp/block | sed 's/|/; /g')"
+    (cd "$sources" && quietly bash -e /tmp/block)
 }
 
 mount -t proc proc /proc
 mount -t sysfs -o ro sysfs /sys
 trap 'umount /proc /sys' EXIT
 
+echo 'APT { Get::Assume-Yes "true"; Install-Recommends "false"; };' >/etc/apt/apt.conf.d/90answers
 contents >/tmp/before
-# apt takes from Debian what the packages say that they depend on.
 quietly apt-get update
-quietly apt-get install -y --no-install-recommends "$folder"/*.deb
+shown getting-started 1
 contents >/tmp/installed
 
 expect "the tool" "gvusb 07.01.00 " "$(gvusb --version | cut -d'(' -f1)"
@@ -39,7 +54,7 @@ readers=$(gvusb-emulate --reader id=1A2B3C -- gvusb list)
 echo "$readers"
 grep -qi 1a2b3c <<<"$readers" || fail "the tool does not list the reader"
 
-"$folder/consumer/build.sh" /tmp/consumers >/tmp/programs
+"$sources/tests/package/consumer/build.sh" /tmp/consumers >/tmp/programs
 while read -r program; do
     expect "$(basename "$program")" "version 07.01.00, mode 1, 5 bytes" "$(gvusb-emulate -- "$program")"
 done </tmp/programs
@@ -56,6 +71,27 @@ for product in 1 2 3 4; do
 done
 expect "udev about product 5" "" "$(judge product=5)"
 
+# A daemon in a network namespace of its own, where the kernel tells it of none of this machine's devices.
+unshare --net /lib/systemd/systemd-udevd --daemon
+shown containers-and-permissions 1
+shown containers-and-permissions 2
+expect "the service's group" plugdev "$(id -gn my-service)"
+quietly deluser --system my-service
+udevadm control --exit
+# It leaves its socket there.
+rm /run/udev/control
+
+# Here are no readers, and no udev any more. That is what the tool has to say.
+if (shown getting-started 4) >/tmp/diagnosis; then
+    fail "gvusb doctor finds nothing wrong"
+fi
+for problem in udev readers; do
+    grep "^PROBLEM  $problem" /tmp/diagnosis || {
+        cat /tmp/diagnosis
+        fail "gvusb doctor misses this problem: $problem"
+    }
+done
+
 quietly apt-get purge -y libgvusb7 libgvusb-dev gvusb-tools
 quietly apt-get autoremove -y --purge
 contents >/tmp/after
@@ -64,3 +100,14 @@ if ! diff /tmp/before /tmp/after >/tmp/left; then
     fail "the packages left something behind"
 fi
 echo "$(comm -13 /tmp/before /tmp/installed | wc -l) files and folders were installed and are gone again"
+
+shown README 3
+shown README 4
+expect "the program of the README, from the sources" "GVUSB: (-1112) no device found" "$(
+    awk '/^```/ { inside = $0 == "```c"; next } inside' "$sources/README.md" >/tmp/program.c
+    cc /tmp/program.c -lgvusb -o /tmp/program
+    /tmp/program 2>&1 || true
+)"
+shown README 5
+expect "left in /usr/local" "" "$(find /usr/local -name '*gvusb*' ! -type d)"
+shown getting-started 2
