@@ -20,8 +20,8 @@ constexpr const char* configurationFile = "/etc/gavo/gvusb.conf";
 // udev's daemon listens there. libudev, and so libusb, looks for the same file before it subscribes to events.
 constexpr const char* udevSocket = "/run/udev/control";
 
-// The launcher of virtual readers tells its programs by this where it listens. It sends udev's events itself.
-constexpr const char* virtualBus = "GVUSB_EMULATE_SOCKET";
+// A program on umockdev's private bus is told by this where it is. udev's events come from there, too.
+constexpr const char* virtualBus = "UMOCKDEV_DIR";
 
 // The library reads no more of the file.
 constexpr std::size_t bytesRead = 1023;

@@ -6,12 +6,16 @@ guest_packages=(udev usbip busybox-static)
 # unpack_guest_packages FOLDER puts them into FOLDER/NAMES-AND-VERSIONS and tells that folder in $guest_root. What has
 # been fetched once is used without asking the archive again for a week.
 unpack_guest_packages() {
-    local kept=$1 new log names
+    local kept=$1 new log names lock
+    mkdir -p "$kept"
+    # Guests that start together fetch once.
+    exec {lock}>"$kept/lock"
+    flock "$lock"
     guest_root=$(find "$kept" -maxdepth 1 -name 'guest-*' -mtime -7 -print -quit 2>/dev/null || true)
     if [ -n "$guest_root" ]; then
+        exec {lock}>&-
         return
     fi
-    mkdir -p "$kept"
     new=$(mktemp -d "$kept/new-XXXXXX")
     log=$new.log
     if ! fetch_guest_packages "$new" >"$log" 2>&1; then
@@ -25,6 +29,7 @@ unpack_guest_packages() {
     guest_root=$kept/guest-$names
     mv "$new" "$guest_root"
     touch "$guest_root"
+    exec {lock}>&-
 }
 
 fetch_guest_packages() {

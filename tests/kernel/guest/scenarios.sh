@@ -1,4 +1,4 @@
-# Runs every scenario, or the one that the kernel's command line names, and tells what came of it. A scenario is a
+# Runs every scenario, or those that the kernel's command line names, and tells what came of it. A scenario is a
 # script that checks one thing after the other; sourced, so that it has what is here. Everything is exported, functions
 # too, for the shells that run on a set of readers.
 # shellcheck shell=bash source=/dev/null
@@ -51,17 +51,17 @@ seconds() {
     cut -d' ' -f1 /proc/uptime
 }
 
-# What the kernel's command line says after a key.
-told() {
-    sed -n "s/.*gvusb\\.$1=\\([^ ]*\\).*/\\1/p" /proc/cmdline
+# is_wanted KEY NAME tells whether the kernel's command line has the name in the list after the key, or no such list.
+is_wanted() {
+    local list
+    list=$(sed -n "s/.*gvusb\\.$1=\\([^ ]*\\).*/\\1/p" /proc/cmdline)
+    [ -z "$list" ] || [[ ,$list, == *,$2,* ]]
 }
 
-wanted=$(told scenario)
-program_wanted=$(told program)
 : >$results
 for file in /kernel/scenarios/*.sh; do
     scenario=$(basename "$file" .sh)
-    if [ "${wanted:-$scenario}" = "$scenario" ]; then
+    if is_wanted scenarios "$scenario"; then
         began=$(seconds)
         . "$file"
         echo "# $scenario took from $began to $(seconds) s"

@@ -11,14 +11,16 @@ run_program() {
 }
 
 while IFS='|' read -r name program readers configuration left_out; do
-    if [ -z "$name" ] || [ "${program_wanted:-$name}" != "$name" ]; then
+    if [ -z "$name" ] || ! is_wanted programs "$name"; then
         continue
     fi
+    program_began=$(seconds)
     CMOCKA_MESSAGE_OUTPUT=TAP
     GVUSB_TEST_LEAVE_OUT=$left_out
     # What is plugged takes a real kernel half a second to learn.
     GVUSB_TEST_CHURN=12
     check "$name" run_program "$program" "$readers" "$configuration"
     grep -E '^(ok|not ok)' /run/check.log | sed 's/ [0-9]* - / - /' | sed "s/ - / - $name./" | tee -a "$results"
+    echo "# $name took from $program_began to $(seconds) s"
     [ -z "$left_out" ] || echo "# left out of $name: $left_out"
 done <<<"$programs"
