@@ -20,8 +20,10 @@ constexpr const char* configurationFile = "/etc/gavo/gvusb.conf";
 // udev's daemon listens there. libudev, and so libusb, looks for the same file before it subscribes to events.
 constexpr const char* udevSocket = "/run/udev/control";
 
-// A program on umockdev's private bus is told by this where it is. udev's events come from there, too.
-constexpr const char* virtualBus = "UMOCKDEV_DIR";
+// The launcher of virtual readers tells its programs by the first where it listens. It sends udev's events itself, unless
+// it serves the readers to real USB controllers, which the second tells.
+constexpr const char* virtualReaders = "GVUSB_EMULATE_SOCKET";
+constexpr const char* servedByUsbip = "GVUSB_EMULATE_USBIP";
 
 // The library reads no more of the file.
 constexpr std::size_t bytesRead = 1023;
@@ -93,7 +95,7 @@ void examineUdev(Findings& findings) {
         findings.ok("udev", "running");
         return;
     }
-    if (std::getenv(virtualBus) != nullptr) {
+    if (std::getenv(virtualReaders) != nullptr && std::getenv(servedByUsbip) == nullptr) {
         findings.note("udev", "not running; the virtual readers that gvusb-emulate made here need none");
         return;
     }

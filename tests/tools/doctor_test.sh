@@ -64,6 +64,12 @@ needs_no_udev_for_virtual_readers() {
     expect_sentence 'note udev not running; the virtual readers that gvusb-emulate made here need none'
 }
 
+needs_udev_for_readers_served_by_usbip() {
+    GVUSB_TEST_UDEV=no shell_on_bus "GVUSB_EMULATE_USBIP=127.0.0.1:3240; export GVUSB_EMULATE_USBIP; $doctor"
+    expect_status 1
+    expect_sentence 'PROBLEM udev not running, so plugging and unplugging is never noticed'
+}
+
 finds_that_no_reader_is_there() {
     readers=(--reader 'id=A1,vendor=0x1234' --reader 'id=B2,product=5')
     shell_on_bus "$doctor"
