@@ -19,8 +19,8 @@ for heading in "${headings[@]}"; do
     sed 's/^\.SH "\(.*\)"$/.SH \1/' "$page" | awk -v heading=".SH $heading" '
         /^\.SH / { inside = $0 == heading; next }
         inside && /^\.nf$/ { unfilled = 1; next }
-        inside && /^\.fi$/ { exit }
-        inside && unfilled' | sed 's/^\\&//; s/\\-/-/g; s/\\e/\\/g' >"$folder/found"
+        inside && /^\.fi$/ { over = 1 }
+        inside && unfilled && !over' | sed 's/^\\&//; s/\\-/-/g; s/\\e/\\/g' >"$folder/found"
     echo "$heading: $(wc -l <"$folder/wanted") lines"
     diff -B "$folder/wanted" "$folder/found"
 done
