@@ -9,12 +9,14 @@ void g_ToUpperString(const char* src, char* dst);
 
 bool equalsInUpperCase(const char* text, const char* known) noexcept;
 
+template <std::size_t Size, std::size_t... I>
+bool equals(const char* text, const char (&known)[Size], std::index_sequence<I...> /*indices*/) noexcept {
+    return ((text[I] == known[I]) && ...);
+}
+
 // Whether a text is the known key, which is given in upper case. It is mostly written so, and then each character is one
 // comparison in the caller's own code.
 template <std::size_t Size>
 bool isKey(const char* text, const char (&known)[Size]) noexcept {
-    const auto equals = [&]<std::size_t... I>(std::index_sequence<I...> /*indices*/) {
-        return ((text[I] == known[I]) && ...);
-    };
-    return equals(std::make_index_sequence<Size>()) || equalsInUpperCase(text, known);
+    return equals(text, known, std::make_index_sequence<Size>()) || equalsInUpperCase(text, known);
 }
