@@ -46,6 +46,10 @@ void visitDevices(Visit visit) {
     libusb_free_device_list(list, 1);
 }
 
+bool isReader(const libusb_device_descriptor& descriptor) {
+    return descriptor.idVendor == GVUSB_VENDOR_ID && descriptor.idProduct >= 1 && descriptor.idProduct <= 4;
+}
+
 void identify(libusb_device* device) {
     libusb_ref_device(device);
     libusb_get_bus_number(device);
@@ -62,10 +66,6 @@ void identify(libusb_device* device) {
 }
 
 } // namespace
-
-bool isReader(const libusb_device_descriptor& descriptor) {
-    return descriptor.idVendor == GVUSB_VENDOR_ID && descriptor.idProduct >= 1 && descriptor.idProduct <= 4;
-}
 
 void listDevices() {
     visitDevices([](libusb_device*, const libusb_device_descriptor&) {});

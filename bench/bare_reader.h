@@ -6,8 +6,6 @@
 
 #include <libusb.h>
 
-bool isReader(const libusb_device_descriptor& descriptor);
-
 // What any look at the bus takes: the list, a descriptor for each device, and giving the list back.
 void listDevices();
 

@@ -7,6 +7,7 @@
 
 #include "text.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -40,6 +41,23 @@ enum class Outcome {
     cancelled, // on the host's demand
     gone,      // the reader was unplugged or reset
 };
+
+// What Linux says of a transfer that ended so: 0 or a negative errno. What it says of a cancelled one depends on who asks.
+constexpr int urbStatus(Outcome outcome, int cancelled) {
+    switch (outcome) {
+    case Outcome::done:
+        return 0;
+    case Outcome::stalled:
+        return -EPIPE;
+    case Outcome::overflow:
+        return -EOVERFLOW;
+    case Outcome::cancelled:
+        return cancelled;
+    case Outcome::gone:
+        break;
+    }
+    return -ESHUTDOWN;
+}
 
 using TransferId = std::uint64_t;
 

@@ -5,26 +5,6 @@
 
 namespace emulator {
 
-namespace {
-
-int urbStatus(Outcome outcome) {
-    switch (outcome) {
-    case Outcome::done:
-        return 0;
-    case Outcome::stalled:
-        return -EPIPE;
-    case Outcome::overflow:
-        return -EOVERFLOW;
-    case Outcome::cancelled:
-        return -ENOENT;
-    case Outcome::gone:
-        break;
-    }
-    return -ESHUTDOWN;
-}
-
-} // namespace
-
 UsbfsDevice::UsbfsDevice(ReaderModel& model, HostFaults& faults, HostCounts& counts, Time now)
     : model_(&model)
     , faults_(faults)
@@ -212,7 +192,7 @@ void UsbfsDevice::collect() {
         const auto opening = openings_.find(found->opening);
         if (opening != openings_.end())
             opening->second.completed.push_back({.urb = found->urb,
-                                                 .status = urbStatus(completion->outcome),
+                                                 .status = urbStatus(completion->outcome, -ENOENT),
                                                  .data = std::move(completion->data),
                                                  .actual = completion->actual});
         flying_.erase(found);

@@ -15,22 +15,6 @@ constexpr std::uint8_t setConfiguration = 9;
 constexpr std::uint16_t endpointHalt = 0;
 constexpr std::uint16_t portReset = 4;
 
-int status(Outcome outcome) {
-    switch (outcome) {
-    case Outcome::done:
-        return 0;
-    case Outcome::stalled:
-        return -EPIPE;
-    case Outcome::overflow:
-        return -EOVERFLOW;
-    case Outcome::cancelled:
-        return -ECONNRESET;
-    case Outcome::gone:
-        break;
-    }
-    return -ESHUTDOWN;
-}
-
 std::uint8_t endpointAddress(const UrbHeader& header) {
     constexpr std::uint32_t inBit = 0x80;
     return static_cast<std::uint8_t>(header.endpoint |
@@ -122,7 +106,7 @@ void Import::unlink(std::uint32_t sequence, std::uint32_t unlinked, Time now, By
     flying_.erase(flying);
     ++reader_.counts.cancels;
     reader_.model.cancel(id, now);
-    appendUnlinked(replies, sequence, status(Outcome::cancelled));
+    appendUnlinked(replies, sequence, -ECONNRESET);
     collect(replies);
 }
 
@@ -135,7 +119,7 @@ void Import::collect(Bytes& replies) {
         flying_.erase(found);
         transfers_.erase(flying.sequence);
         bytes_ -= flying.length;
-        int result = status(completion->outcome);
+        int result = urbStatus(completion->outcome, -ECONNRESET);
         if (result == 0 && flying.mustBeWhole && completion->actual < flying.length)
             result = -EREMOTEIO;
         appendSubmitted(replies, flying.sequence, result, completion->actual, completion->data);

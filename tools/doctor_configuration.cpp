@@ -21,7 +21,7 @@ constexpr const char* configurationFile = "/etc/gavo/gvusb.conf";
 constexpr const char* udevSocket = "/run/udev/control";
 
 // The launcher of virtual readers tells its programs by the first where it listens. It sends udev's events itself, unless
-// it serves the readers to real USB controllers, which the second tells.
+// it serves the readers to Linux's own USB stack, which the second tells.
 constexpr const char* virtualReaders = "GVUSB_EMULATE_SOCKET";
 constexpr const char* servedByUsbip = "GVUSB_EMULATE_USBIP";
 
