@@ -11,7 +11,7 @@ void listDevices();
 
 void zeroFill(unsigned char* buffer, std::size_t size);
 
-// The first reader on the bus, open, with its interface claimed. Its end points are those of virtual readers.
+// The first reader on the bus, open, with its interface claimed. Its endpoints are those of virtual readers.
 class BareReader {
 public:
     BareReader();

@@ -52,7 +52,7 @@ constexpr std::array commands = {
     Command{"fail-reset", "READER on|off", "resetting the reader fails", 2, actions::failReset},
     Command{"list", "", "number, vendor:product, bus/address or \"unplugged\" and device ID of each reader",
             0, actions::list},
-    Command{"frames", "READER", "how many frames it has got, and the last one with its end point", 1,
+    Command{"frames", "READER", "how many frames it has got, and the last one with its endpoint", 1,
             actions::frames},
     Command{"counts", "READER", "how often it was opened, claimed, reset ...", 1, actions::counts},
     Command{"wait", "MS", "answer after that time", 1, actions::wait},

@@ -24,7 +24,7 @@ Bytes stringDescriptor(std::string_view text);
 // String descriptor 0: US English.
 Bytes languageDescriptor();
 
-// The end point's packet size, also where its description leaves it to the speed.
+// The endpoint's packet size, also where its description leaves it to the speed.
 std::uint16_t packetSize(const ReaderDescription& reader, const Endpoint& endpoint);
 
 } // namespace emulator

@@ -20,7 +20,7 @@ constexpr int usageError = 2;
 
 std::string footer() {
     return "READERS\n"
-           "Without --reader and --readers there are two: number 1 with bulk end points (product 1, device "
+           "Without --reader and --readers there are two: number 1 with bulk endpoints (product 1, device "
            "ID 1A2B3C)\n"
            "and number 2 without (product 2, device ID 1A2B3D), to which frames go by control transfers.\n"
            "A description has KEY=VALUE pairs with commas between them; \\, is a comma inside a value. In a "
@@ -33,7 +33,7 @@ std::string footer() {
            "answered by a line \"ok\", \"ok DATA\" or \"error: WHY\"; --send does the same from a shell. "
            "READER is a "
            "number\n"
-           "or \"all\"; PIPE is in or out (the way of frames), control, all, or an end point such as "
+           "or \"all\"; PIPE is in or out (the way of frames), control, all, or an endpoint such as "
            "0x81:\n" +
            describeCommands() +
            "\nA script has lines \"at MS COMMAND\", MS after the program's start, in order of time.\n"

@@ -39,9 +39,9 @@ std::vector<Endpoint> parseEndpoints(std::string_view text) {
                 "endpoints has '" + piece +
                 "'; it takes bulk, control, none, in-only, out-only, interrupt, or a list such as "
                 "0x81+0x02:bulk:64+0x83:interrupt");
-        endpoint.address = static_cast<std::uint8_t>(number("end point address", parts[0], 0x01, 0x8F));
+        endpoint.address = static_cast<std::uint8_t>(number("endpoint address", parts[0], 0x01, 0x8F));
         if ((endpoint.address & 0x70) != 0 || (endpoint.address & 0x0F) == 0)
-            throw TextError("end point address is '" + parts[0] + "'; it takes 0x01 to 0x0F or 0x81 to 0x8F");
+            throw TextError("endpoint address is '" + parts[0] + "'; it takes 0x01 to 0x0F or 0x81 to 0x8F");
         if (parts.size() > 1) {
             if (parts[1] == "bulk")
                 endpoint.type = TransferType::bulk;
@@ -50,7 +50,7 @@ std::vector<Endpoint> parseEndpoints(std::string_view text) {
             else if (parts[1] == "iso")
                 endpoint.type = TransferType::isochronous;
             else
-                throw TextError("end point type is '" + parts[1] + "'; it takes bulk, interrupt or iso");
+                throw TextError("endpoint type is '" + parts[1] + "'; it takes bulk, interrupt or iso");
         }
         if (parts.size() > 2)
             endpoint.packetSize = static_cast<std::uint16_t>(number("packet size", parts[2], 1, 1024));

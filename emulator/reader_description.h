@@ -23,7 +23,7 @@ namespace emulator {
 
 enum class Speed { low, full, high };
 
-// The two low bits of an end point descriptor's attributes.
+// The two low bits of an endpoint descriptor's attributes.
 enum class TransferType : std::uint8_t { control = 0, isochronous = 1, bulk = 2, interrupt = 3 };
 
 struct Endpoint {
@@ -73,7 +73,7 @@ std::vector<ReaderDescription> parseReaders(std::string_view line);
 // All readers of a file. Throws TextError, with file and line.
 std::vector<ReaderDescription> readReaders(const std::filesystem::path& file);
 
-// Two readers: one with bulk end points, one without.
+// Two readers: one with bulk endpoints, one without.
 std::vector<ReaderDescription> defaultReaders();
 
 // The keys with their meaning, for a help text.

@@ -13,7 +13,7 @@
 
 namespace emulator {
 
-// A way that bytes go: an end point with its direction, or one of the three uses of end point 0.
+// A way that bytes go: an endpoint with its direction, or one of the three uses of endpoint 0.
 enum class Pipe : std::uint16_t {
     control = 0x000,         // every control transfer, the two below included
     controlFrameOut = 0x100, // frames to the reader by vendor request

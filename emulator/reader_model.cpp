@@ -254,10 +254,10 @@ std::vector<Pipe> ReaderModel::pipesNamed(std::string_view name) const {
         return pipes;
     }
     const auto address =
-        static_cast<std::uint8_t>(number("pipe (in, out, control, all or an end point)", name, 1, 0x8F));
+        static_cast<std::uint8_t>(number("pipe (in, out, control, all or an endpoint)", name, 1, 0x8F));
     if (std::ranges::find(description_.endpoints, address, &Endpoint::address) ==
         description_.endpoints.end())
-        throw TextError("the reader has no end point " + std::string(name));
+        throw TextError("the reader has no endpoint " + std::string(name));
     return {pipeOf(address)};
 }
 

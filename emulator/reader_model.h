@@ -59,8 +59,8 @@ public:
     void forgetAnswers();
     RequestFaults& requestFaults() { return requestFaults_; }
 
-    // The pipes that a name stands for: "in", "out" (frames, by whichever way), "control", "all" or an end
-    // point such as "0x81". Throws TextError.
+    // The pipes that a name stands for: "in", "out" (frames, by whichever way), "control", "all" or an
+    // endpoint such as "0x81". Throws TextError.
     std::vector<Pipe> pipesNamed(std::string_view name) const;
     PipeFaults pipeFaults(Pipe pipe) const;
     void setPipeFaults(Pipe pipe, const PipeFaults& faults, Time now);
@@ -95,7 +95,7 @@ private:
     std::uint8_t configuration_ = 0;
     std::map<Pipe, PipeFaults> pipeFaults_;
     RequestFaults requestFaults_;
-    std::map<std::uint8_t, std::deque<Waiting>> waiting_; // by end point; each completes in order
+    std::map<std::uint8_t, std::deque<Waiting>> waiting_; // by endpoint; each completes in order
     std::deque<Completion> completions_;
     AnswerQueue bulkAnswers_;
     AnswerQueue controlAnswers_;

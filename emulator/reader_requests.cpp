@@ -91,7 +91,7 @@ Completion ReaderModel::standardRequest(const Transfer& transfer, Time now) {
         return configure(low, now) ? accept() : stall();
     if (setup.request == setInterface && recipient == toInterface && setup.value == 0 &&
         configuration_ != 0) {
-        // Its end points are as new, also where the setting is the one it has.
+        // Its endpoints are as new, also where the setting is the one it has.
         if (setup.index == description_.firstInterface) {
             for (const Endpoint& each : description_.endpoints)
                 clearHalt(each.address, now);

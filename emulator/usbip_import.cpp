@@ -36,7 +36,7 @@ const char* Import::mistake(const UrbHeader& header, const Submit& submit) const
     if (submit.packets != 0 && submit.packets != -1)
         return "isochronous packets";
     if (header.endpoint > highestEndpoint || !reader_.model.hasEndpoint(endpointAddress(header)))
-        return "an end point that the reader does not have";
+        return "an endpoint that the reader does not have";
     if (transfers_.contains(header.sequence))
         return "a sequence number that is in use";
     if (transfers_.size() == mostRequests || bytes_ + static_cast<std::size_t>(submit.length) > mostBytes)

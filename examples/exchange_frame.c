@@ -8,7 +8,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-enum { MAX_FRAME = 4096 }; /* the longest that every reader takes, also one without bulk end points */
+enum { MAX_FRAME = 4096 }; /* the longest that every reader takes, also one without bulk endpoints */
 
 static int fail(int code) {
     char text[GVUSB_TEXT_SIZE];

@@ -1,6 +1,6 @@
 /*
  * Exchanges a frame every half second and overcomes what goes wrong: no answer in time, a reader that was
- * pulled out and comes back, an end point that is halted.
+ * pulled out and comes back, an endpoint that is halted.
  *
  * usage: handle_errors [EXCHANGES]
  */
@@ -45,7 +45,7 @@ static int recover(int handle, int code) {
     case GVUSB_ERR_TIMEOUT:
         drop_late_answer(handle);
         return 0;
-    case GVUSB_ERR_BULK_TRANSFER: /* an end point may be halted */
+    case GVUSB_ERR_BULK_TRANSFER: /* an endpoint may be halted */
         return GVUSB_SetDevicePara(handle, "RESETPIPE", "");
     case GVUSB_ERR_CONTROL_TRANSFER: /* the reader refused the frame; nothing is left to be cleared */
         return 0;

@@ -380,12 +380,12 @@ int GVUSB_GetDeviceHnd(unsigned int devId);
 
 /**
  * Sends a frame and receives the answer; no other call reaches the reader between the two. A reader with a
- * bulk IN and a bulk OUT end point on interface 0 is talked to over these, any other over vendor control
+ * bulk IN and a bulk OUT endpoint on interface 0 is talked to over these, any other over vendor control
  * transfers. The first transfer after opening claims interface 0.
  *
  * Each of the two transfers may take as long as the reader's "TIMEOUT" says. What has arrived when the time
  * is over is lost; an answer that comes later is received by the next call. A frame that is not taken in time
- * over a bulk end point clears the halts of both. Let the buffer be large enough for any answer: a longer one
+ * over a bulk endpoint clears the halts of both. Let the buffer be large enough for any answer: a longer one
  * fails.
  *
  * @param devHnd         handle of the reader
@@ -474,7 +474,7 @@ int GVUSB_GetDevicePara(int devHnd, const char* key, char* value);
  *
  * Of a reader:
  * - "TIMEOUT": milliseconds that a transfer may take, in decimal, at least 1; it is 1000 at first
- * - "RESETPIPE": clears a halt of both bulk end points; the value is ignored
+ * - "RESETPIPE": clears a halt of both bulk endpoints; the value is ignored
  * - "RESETDEVICE": resets the reader; the value is ignored
  *
  * Of the driver:

@@ -83,7 +83,7 @@ constexpr std::array table = {
     never(GVUSB_ERR_TRANSMIT_PROCESS),
     Explanation{
         GVUSB_ERR_BULK_TRANSFER,
-        "A bulk transfer failed: the end point is halted, the answer is longer than the buffer, or the "
+        "A bulk transfer failed: the endpoint is halted, the answer is longer than the buffer, or the "
         "line is disturbed.",
         "Clear the halt ('gvusb set ID RESETPIPE') or reset the reader ('gvusb set ID RESETDEVICE'); "
         "pass a larger buffer; try another cable."},

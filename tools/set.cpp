@@ -44,7 +44,7 @@ void addSet(CLI::App& app, Action& action) {
     command->footer(
         std::string(
             "KEYS\n"
-            "  of a reader    RESETDEVICE resets it, RESETPIPE clears a halt of its bulk end points,\n"
+            "  of a reader    RESETDEVICE resets it, RESETPIPE clears a halt of its bulk endpoints,\n"
             "                 TIMEOUT (milliseconds, at least 1)\n"
             "  of the driver  HOTPLUG-UPDATERATE (microseconds, at least 10), HOTPLUG-SUSPEND (1 or "
             "0)\n\n"

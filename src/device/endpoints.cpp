@@ -11,7 +11,7 @@ namespace {
 
 constexpr int usedInterface = 0;
 
-// The end points of interface 0 in its alternate setting 0; none when the configuration has no such
+// The endpoints of interface 0 in its alternate setting 0; none when the configuration has no such
 // interface.
 std::span<const libusb_endpoint_descriptor> endpointsOf(const libusb_config_descriptor& config) {
     for (const libusb_interface& interface : std::span(config.interface, config.bNumInterfaces)) {

@@ -41,7 +41,7 @@ public:
     void CloseDev() GVUSB_REQUIRES(mutex);
     int SetConfiguration() GVUSB_REQUIRES(mutex);
 
-    // Bulk end points.
+    // Bulk endpoints.
     int GetBulkEndPoints() GVUSB_REQUIRES(mutex);
     void ResetBulkEndPoints() GVUSB_REQUIRES(mutex);
 

@@ -65,7 +65,7 @@ protected:
 
     // Opens the device and forgets the calls that it took.
     static void open(GVDevice& device);
-    // The same with the end points looked up and interface 0 claimed.
+    // The same with the endpoints looked up and interface 0 claimed.
     static void makeReady(GVDevice& device);
 
     // The log lines that the work writes at this level, without their times.

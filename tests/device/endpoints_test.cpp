@@ -11,7 +11,7 @@ constexpr fake::FakeEndpoint bulk(std::uint8_t address) {
     return {address, 2};
 }
 
-// A reader whose interface 0 has these end points in its alternate setting 0.
+// A reader whose interface 0 has these endpoints in its alternate setting 0.
 fake::FakeReader readerWith(fake::FakeAltSetting endpoints) {
     fake::FakeReader reader;
     reader.configurations[0].interfaces[0].altSettings = {std::move(endpoints)};

@@ -1,4 +1,4 @@
-/* Exchanging frames over bulk end points and over control transfers. */
+/* Exchanging frames over bulk endpoints and over control transfers. */
 #include "testing.h"
 
 #include <string.h>

@@ -1,5 +1,5 @@
 /*
- * A thread that exchanges frames with readers that stay: one over bulk end points, one over control
+ * A thread that exchanges frames with readers that stay: one over bulk endpoints, one over control
  * transfers, and one that is closed and opened again every now and then.
  *
  * Any thread.

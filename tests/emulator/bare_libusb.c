@@ -163,7 +163,7 @@ static void lists_both_readers(void) {
         expect("speed", libusb_get_device_speed(list[i]), LIBUSB_SPEED_FULL);
         expect("configuration descriptor", libusb_get_config_descriptor(list[i], 0, &configuration), 0);
         expect("configuration value", configuration->bConfigurationValue, 1);
-        expect("end points", configuration->interface[0].altsetting[0].bNumEndpoints,
+        expect("endpoints", configuration->interface[0].altsetting[0].bNumEndpoints,
                device.idProduct == bulk_product ? 2 : 0);
         libusb_free_config_descriptor(configuration);
         seen |= 1U << device.idProduct;
@@ -274,7 +274,7 @@ static void stalls_until_halt_is_cleared(void) {
     expect("stuck", bulk(handle, bulk_in, data, sizeof data, &moved, patience), LIBUSB_ERROR_PIPE);
     tell("unstall 1 0x81");
     expect_bulk_echo(handle, 5, 64);
-    expect("halt of an end point that is not there", libusb_clear_halt(handle, 0x85), LIBUSB_ERROR_NOT_FOUND);
+    expect("halt of an endpoint that is not there", libusb_clear_halt(handle, 0x85), LIBUSB_ERROR_NOT_FOUND);
     tell("stall 1 control");
     expect("stalled string", libusb_get_string_descriptor_ascii(handle, 1, data, sizeof data),
            LIBUSB_ERROR_PIPE);

@@ -98,9 +98,9 @@ TEST(ReaderDescriptionTest, SaysWhatIsWrong) {
     EXPECT_EQ(complaint("speed=warp"), "speed is 'warp'; it takes low, full or high");
     EXPECT_EQ(complaint("configuration=1+1"), "configuration has the value 1 twice");
     EXPECT_EQ(complaint("endpoints=0x80"),
-              "end point address is '0x80'; it takes 0x01 to 0x0F or 0x81 to 0x8F");
+              "endpoint address is '0x80'; it takes 0x01 to 0x0F or 0x81 to 0x8F");
     EXPECT_EQ(complaint("endpoints=0x81+0x81"), "endpoints has 0x81 twice");
-    EXPECT_EQ(complaint("endpoints=0x81:warp"), "end point type is 'warp'; it takes bulk, interrupt or iso");
+    EXPECT_EQ(complaint("endpoints=0x81:warp"), "endpoint type is 'warp'; it takes bulk, interrupt or iso");
     EXPECT_EQ(complaint("name=" + std::string(127, 'x')), "string 5 has more than 126 characters");
     EXPECT_EQ(complaint("name=" + std::string(126, 'x')), "none");
     EXPECT_EQ(complaint("id=xyz,copies=2"),

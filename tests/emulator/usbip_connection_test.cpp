@@ -291,7 +291,7 @@ TEST_P(UsbipUrbMistakeTest, EndsTheConnectionAndNoOther) {
 }
 
 constexpr auto length = "a transfer's length";
-constexpr auto endpoint = "an end point that the reader does not have";
+constexpr auto endpoint = "an endpoint that the reader does not have";
 
 INSTANTIATE_TEST_SUITE_P(
     , UsbipUrbMistakeTest,
@@ -303,15 +303,15 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{"isochronous", submit({.sequence = 2, .endpoint = 2, .packets = 1}), "isochronous packets"},
         Mistake{"negative packets", submit({.sequence = 2, .endpoint = 2, .packets = 0x80000000}),
                 "isochronous packets"},
-        Mistake{"no such end point", submit({.sequence = 2, .endpoint = 5}), endpoint},
-        Mistake{"high end point", submit({.sequence = 2, .endpoint = 16}), endpoint},
-        Mistake{"end point with direction", submit({.sequence = 2, .direction = in, .endpoint = 0x81}),
+        Mistake{"no such endpoint", submit({.sequence = 2, .endpoint = 5}), endpoint},
+        Mistake{"high endpoint", submit({.sequence = 2, .endpoint = 16}), endpoint},
+        Mistake{"endpoint with direction", submit({.sequence = 2, .direction = in, .endpoint = 0x81}),
                 endpoint},
-        Mistake{"end point of the other way", submit({.sequence = 2, .direction = in, .endpoint = 2}),
+        Mistake{"endpoint of the other way", submit({.sequence = 2, .direction = in, .endpoint = 2}),
                 endpoint},
         Mistake{"no direction", submit({.sequence = 2, .direction = Direction{2}, .endpoint = 2}),
                 "a direction that there is not"},
-        Mistake{"unconfigured end point", join({control(2, {0x00, 9, 0, 0, 0, 0, 0, 0}), fetchFrame(3)}),
+        Mistake{"unconfigured endpoint", join({control(2, {0x00, 9, 0, 0, 0, 0, 0, 0}), fetchFrame(3)}),
                 endpoint},
         Mistake{"control transfer the other way",
                 submit({.sequence = 2, .length = 18, .setup = {0x80, 6, 0, 1, 0, 0, 18, 0}}),

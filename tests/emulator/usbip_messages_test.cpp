@@ -86,7 +86,7 @@ TEST_F(UsbipMessagesTest, RefusesAnImportWithItsReason) {
 TEST_F(UsbipMessagesTest, CarriesUrbs) {
     plug("");
     answer("0111 8003 00000000" + text("1-1", 32));
-    // The device descriptor, by a control transfer: to the end point 0, from the device, 18 bytes at most.
+    // The device descriptor, by a control transfer: to the endpoint 0, from the device, 18 bytes at most.
     EXPECT_EQ(answer("00000001 00000a0b 00010001 00000001 00000000"
                      "00000200 00000012 00000000 00000000 00000000"
                      "8006000100001200"),
@@ -102,7 +102,7 @@ TEST_F(UsbipMessagesTest, CarriesUrbs) {
               "00000000"
               "0000000000000000"
               "120110010000004009120100000103050101");
-    // A frame to the end point 2, and one that waits at the end point 1, which is taken back.
+    // A frame to the endpoint 2, and one that waits at the endpoint 1, which is taken back.
     EXPECT_EQ(answer("00000001 00000a0c 00010001 00000000 00000002"
                      "00000000 00000003 00000000 ffffffff 00000000"
                      "0000000000000000 aabbcc"),

@@ -1,4 +1,4 @@
-"""The Python module, on two virtual readers: 1A2B3C with bulk end points and 4D5E6F without."""
+"""The Python module, on two virtual readers: 1A2B3C with bulk endpoints and 4D5E6F without."""
 
 import os
 import re

@@ -31,7 +31,7 @@ inline int transferFailure(int usbCode, int otherwise) {
     }
 }
 
-// Of an exchange of frames: the end points and the interface at the first one after opening, then the frames.
+// Of an exchange of frames: the endpoints and the interface at the first one after opening, then the frames.
 // Detaching a kernel driver and clearing halts may fail; a driver that stays keeps the interface.
 inline int exchangeCode(const Failing& failing, bool kernelDriver = false) {
     if (failing.fails("libusb_get_device_descriptor")) {

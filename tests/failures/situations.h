@@ -9,7 +9,7 @@
 
 namespace failures {
 
-// dev1 and dev2 have bulk end points, dev2 a kernel driver too; dev3 is served by control transfers and has to be
+// dev1 and dev2 have bulk endpoints, dev2 a kernel driver too; dev3 is served by control transfers and has to be
 // set to configuration 1. Between dev2 and dev3 there is a device of somebody else's.
 inline constexpr unsigned bulkId = 0xA1;
 inline constexpr unsigned kernelDriverId = 0xA2;

@@ -31,7 +31,7 @@ void expectFree(Mutex& mutex, const char* what) {
     mutex.unlock();
 }
 
-// An interface is claimed by an open record's own handle, once the record has looked for end points.
+// An interface is claimed by an open record's own handle, once the record has looked for endpoints.
 void checkClaims(GVDevice& record) GVUSB_NO_THREAD_SAFETY_ANALYSIS {
     expectFree(record.mutex, "a reader's mutex");
     if (record.usbdev_hnd == nullptr) {

@@ -63,7 +63,7 @@ void checkWriting(const Session& session, GVDevice& record, const char* key, int
     if (isKey(key, "TIMEOUT")) {
         expect(result == 0 || result == GVUSB_ERR_OUT_OF_RANGE, "the result for the time-out");
     } else if (isKey(key, "RESETPIPE")) {
-        expectEqual(result, open ? 0 : int{GVUSB_ERR_NOT_OPENED}, "the result for the end points");
+        expectEqual(result, open ? 0 : int{GVUSB_ERR_NOT_OPENED}, "the result for the endpoints");
     } else if (isKey(key, "RESETDEVICE")) {
         const Device* const device = session.bus.find(record.usbdev);
         const bool refused = result == GVUSB_ERR_PARAMETER_NOT_AVAILABLE;

@@ -148,7 +148,7 @@ void stopFailing();          // forgets all failures that are not played yet
 // By default a device echoes: what it is sent over bulk OUT or control 0x40 waits in a queue of its own and
 // is what the next bulk IN or control 0xC0 returns; with nothing waiting, IN answers LIBUSB_ERROR_TIMEOUT at
 // once. A bulk IN shorter than the waiting frame leaves the rest for the next one; a control IN drops the
-// rest; libusb_reset_device drops everything. A bulk end point that the active configuration does not have,
+// rest; libusb_reset_device drops everything. A bulk endpoint that the active configuration does not have,
 // and any other control request, answer LIBUSB_ERROR_IO and LIBUSB_ERROR_PIPE; a control transfer over 4096
 // bytes LIBUSB_ERROR_INVALID_PARAM.
 enum class Transfer { bulkOut, bulkIn, controlOut, controlIn };
@@ -162,7 +162,7 @@ struct Answer {
 struct Request {
     std::string device = {};
     Transfer transfer = Transfer::bulkOut;
-    std::uint8_t endpoint = 0; // bulk: the end point; control: the request type
+    std::uint8_t endpoint = 0; // bulk: the endpoint; control: the request type
     std::uint8_t request = 0;  // control only, as are the next two
     std::uint16_t value = 0;
     std::uint16_t index = 0;

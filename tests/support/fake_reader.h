@@ -65,7 +65,7 @@ struct FakeReader {
     bool claimedElsewhere = false; // another process holds interface 0: claiming answers LIBUSB_ERROR_BUSY
 };
 
-// A reader whose interface 0 has the bulk end points 0x81 (IN) and 0x02 (OUT).
+// A reader whose interface 0 has the bulk endpoints 0x81 (IN) and 0x02 (OUT).
 inline FakeReader bulkReader(std::string deviceId = "1A2B3C") {
     FakeReader reader;
     reader.strings[1] = std::move(deviceId);
@@ -73,7 +73,7 @@ inline FakeReader bulkReader(std::string deviceId = "1A2B3C") {
     return reader;
 }
 
-// A reader without end points of its own, served by vendor control transfers.
+// A reader without endpoints of its own, served by vendor control transfers.
 inline FakeReader controlReader(std::string deviceId = "4D5E6F") {
     FakeReader reader;
     reader.product = 2;
