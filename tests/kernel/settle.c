@@ -18,7 +18,7 @@
 #include <time.h>
 #include <unistd.h>
 
-enum { most_readers = 256, longest_wait_s = 40, pause_us = 2000 };
+enum { most_readers = 256, longest_wait_s = 40, pause_us = 50000 };
 
 static struct usbip_reader readers[most_readers];
 static struct usbip_port ports[most_readers];

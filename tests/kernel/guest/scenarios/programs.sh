@@ -18,7 +18,7 @@ while IFS='|' read -r name program readers configuration left_out; do
     CMOCKA_MESSAGE_OUTPUT=TAP
     GVUSB_TEST_LEAVE_OUT=$left_out
     # What is plugged takes a real kernel half a second to learn.
-    GVUSB_TEST_CHURN=12
+    GVUSB_TEST_CHURN=4
     check "$name" run_program "$program" "$readers" "$configuration"
     grep -E '^(ok|not ok)' /run/check.log | sed 's/ [0-9]* - / - /' | sed "s/ - / - $name./" | tee -a "$results"
     echo "# $name took from $program_began to $(seconds) s"

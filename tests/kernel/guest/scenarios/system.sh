@@ -11,8 +11,18 @@ by_client() {
     check "the detached reader is found no more" [ "$("$tool" list 2>&1 | head -n 1)" = 'gvusb: GVUSB: (-1112) no device found' ]
 }
 
+# What a program leaves behind is killed, but ends only once the reader has given back what flies, which nobody makes
+# it do any more when the server has ended.
+leaves_a_waiting_program_behind() {
+    "$launcher" --send "mute 1 in" >/dev/null
+    "$tool" send --timeout 600000 A1 00 >/dev/null 2>&1 &
+    until [ "$("$launcher" --send "frames 1" | cut -d' ' -f2)" = 1 ]; do usleep 10000; done
+}
+
 check "udev answers" udevadm control --ping
 check "no reader is there yet" [ -z "$(cat /sys/bus/usb/devices/*/idVendor | grep -v 1d6b)" ]
 check "the controllers have ports enough" \
     [ "$(cat /sys/devices/platform/vhci_hcd.0/status* | grep -c '^hs')" -gt 40 ]
 "$emulator" --usbip --reader id=A1,speed=high --reader id=B2 -- bash -c by_client
+check "the launcher ends although its program leaves another waiting for a reader" \
+    timeout -k 1 20 "$launcher" --reader id=A1 -- bash -c leaves_a_waiting_program_behind
