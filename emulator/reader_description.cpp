@@ -149,9 +149,10 @@ constexpr std::array keys = {
     Key{"speed", "low, full or high (full)", [](Draft& d, Value v) { d.reader.speed = parseSpeed(v); }},
     Key{"bus", "bus number (1)",
         [](Draft& d, Value v) { d.reader.bus = static_cast<std::uint8_t>(number("bus", v, 1, 255)); }},
-    Key{"address", "device address, the same at each plug; without it each plug takes the next free one",
+    Key{"address",
+        "device address from 2, the same at each plug; without it each plug takes the next free one",
         [](Draft& d, Value v) {
-            d.reader.address = static_cast<std::uint8_t>(number("address", v, 1, 127));
+            d.reader.address = static_cast<std::uint8_t>(number("address", v, 2, 127));
         }},
     Key{"driver", "kernel driver bound to the first interface, such as usbhid",
         [](Draft& d, Value v) { d.reader.kernelDriver = v; }},

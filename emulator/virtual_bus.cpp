@@ -59,20 +59,55 @@ std::string configurationText(std::uint8_t value) {
     return (value != 0 ? std::to_string(value) : std::string{}) + "\n";
 }
 
+std::string_view asText(const Bytes& bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+// What the system shows of a device.
+struct ShownDevice {
+    std::uint8_t bus = 1;
+    std::uint8_t address = 0;
+    std::uint16_t vendor = 0;
+    std::uint16_t product = 0;
+    std::uint16_t release = 0;
+    Speed speed = Speed::full;
+    std::uint8_t configuration = 0;
+    Bytes descriptors; // the device's, then those of each configuration
+};
+
+// Each bus begins with the hub of its host controller, as the kernel shows it.
+constexpr std::uint8_t rootHubAddress = 1;
+
+ShownDevice rootHub(std::uint8_t bus) {
+    return {.bus = bus,
+            .address = rootHubAddress,
+            .vendor = 0x1D6B, // the Linux Foundation's
+            .product = 0x0002,
+            .release = 0x0601,
+            .speed = Speed::high,
+            .configuration = 1,
+            .descriptors = {18,   1,    0x00, 0x02, 9,    0, 0, 64,   0x6B,
+                            0x1D, 0x02, 0x00, 0x01, 0x06, 3, 2, 1,    1, // device
+                            9,    2,    25,   0,    1,    1, 0, 0xE0, 0, // configuration
+                            9,    4,    0,    0,    1,    9, 0, 0,    0, // interface
+                            7,    5,    0x81, 3,    4,    0, 12}}; // endpoint that tells of changes at ports
+}
+
+std::string nodePath(const ShownDevice& device) {
+    return numbered("/dev/bus/usb/%03u/%03u", device.bus, device.address);
+}
+
 // The files that libusb reads, and the two that udev rules commonly match. They are written here and not by
 // umockdev, which makes each under another name first: with hundreds of readers that is most of the time it
 // takes to start.
-void writeAttributes(const std::string& folder, const ReaderDescription& reader, std::uint8_t address,
-                     std::uint8_t configuration) {
-    const Bytes descriptors = allDescriptors(reader);
-    writeFile(folder + "descriptors",
-              {reinterpret_cast<const char*>(descriptors.data()), descriptors.size()});
-    writeFile(folder + "busnum", std::to_string(reader.bus) + "\n");
-    writeFile(folder + "devnum", std::to_string(address) + "\n");
-    writeFile(folder + "idVendor", hex16(reader.vendor) + "\n");
-    writeFile(folder + "idProduct", hex16(reader.product) + "\n");
-    writeFile(folder + "speed", megabits(reader.speed) + std::string("\n"));
-    writeFile(folder + "bConfigurationValue", configurationText(configuration));
+void writeAttributes(const std::string& folder, const ShownDevice& device) {
+    writeFile(folder + "descriptors", asText(device.descriptors));
+    writeFile(folder + "busnum", std::to_string(device.bus) + "\n");
+    writeFile(folder + "devnum", std::to_string(device.address) + "\n");
+    writeFile(folder + "idVendor", hex16(device.vendor) + "\n");
+    writeFile(folder + "idProduct", hex16(device.product) + "\n");
+    writeFile(folder + "speed", megabits(device.speed) + std::string("\n"));
+    writeFile(folder + "bConfigurationValue", configurationText(device.configuration));
 }
 
 // Null-terminated name and value pairs, as umockdev takes them.
@@ -83,6 +118,32 @@ std::vector<gchar*> pairs(std::vector<std::string>& texts) {
         pointers.push_back(text.data());
     pointers.push_back(nullptr);
     return pointers;
+}
+
+// Makes a device with this name appear, whose node is there already. The event that tells of it comes last:
+// whoever hears it finds everything in its place. Returns the device's path in sysfs.
+std::string show(UMockdevTestbed* testbed, const std::string& root, const std::string& name,
+                 const ShownDevice& device) {
+    const std::string path = "/sys/devices/" + name;
+    std::filesystem::create_directories(root + path);
+    writeAttributes(root + path + "/", device);
+    std::vector<std::string> properties;
+    const auto property = [&](const char* key, std::string value) {
+        properties.emplace_back(key);
+        properties.push_back(std::move(value));
+    };
+    property("DEVTYPE", "usb_device");
+    property("DEVNAME", nodePath(device));
+    property("BUSNUM", numbered("%03u", device.bus, 0));
+    property("DEVNUM", numbered("%03u", device.address, 0));
+    property("MAJOR", "189"); // the kernel's for USB devices
+    property("MINOR", std::to_string((device.bus - 1) * 128 + device.address - 1));
+    property("PRODUCT",
+             numbered("%x/%x", device.vendor, device.product) + numbered("/%x", device.release, 0));
+    std::array<gchar*, 1> noAttributes = {nullptr};
+    g_free(umockdev_testbed_add_devicev(testbed, "usb", name.c_str(), nullptr, noAttributes.data(),
+                                        pairs(properties).data()));
+    return path;
 }
 
 } // namespace
@@ -97,6 +158,7 @@ VirtualBus::VirtualBus(std::filesystem::path folder)
     // libusb looks for the bus's folder when it starts, also while it is empty.
     std::filesystem::create_directories(root() + "/dev/bus/usb");
     std::filesystem::create_directories(root() + "/sys/bus/usb/devices");
+    begin(1);
 }
 
 VirtualBus::~VirtualBus() {
@@ -125,6 +187,18 @@ std::size_t VirtualBus::add(ReaderDescription description) {
     return readers_.size();
 }
 
+// A host controller's hub is there before any reader is. Nobody talks to it; its node holds what reading any
+// device's node gives.
+void VirtualBus::begin(std::uint8_t bus) {
+    if (!lastAddress_.try_emplace(bus, rootHubAddress).second)
+        return;
+    const ShownDevice hub = rootHub(bus);
+    const std::filesystem::path node = root() + nodePath(hub);
+    std::filesystem::create_directories(node.parent_path());
+    writeFile(node, asText(hub.descriptors));
+    show(testbed_, root(), numbered("usb%u", bus, 0), hub);
+}
+
 // Before anything is changed, so that what is refused has not half happened.
 void VirtualBus::awaitListeners() const {
     if (!waitForRoomAtListeners(root(), patience))
@@ -140,10 +214,10 @@ bool VirtualBus::plugged(std::size_t number) const {
 std::uint8_t VirtualBus::freeAddress(const ReaderDescription& description) {
     constexpr std::uint8_t highestAddress = 127;
     const auto taken = [&](std::uint8_t address) {
-        return std::ranges::any_of(readers_, [&](const auto& reader) {
-            return reader->node != nullptr && reader->model.description().bus == description.bus &&
-                   reader->address == address;
-        });
+        return address == rootHubAddress || std::ranges::any_of(readers_, [&](const auto& reader) {
+                   return reader->node != nullptr && reader->model.description().bus == description.bus &&
+                          reader->address == address;
+               });
     };
     if (description.address) {
         if (taken(*description.address))
@@ -165,6 +239,7 @@ void VirtualBus::plug(std::size_t number) {
         throw TextError("reader " + std::to_string(number) + " is plugged");
     awaitListeners();
     const ReaderDescription& description = reader.model.description();
+    begin(description.bus);
     reader.address = freeAddress(description);
     {
         const std::lock_guard lock(mutex_);
@@ -173,15 +248,21 @@ void VirtualBus::plug(std::size_t number) {
     writeRefusal(reader);
 
     const std::string name = numbered("%u-%u", description.bus, static_cast<unsigned>(number));
-    reader.sysfsPath = "/sys/devices/" + name;
-    const std::string devicePath = numbered("/dev/bus/usb/%03u/%03u", description.bus, reader.address);
+    const ShownDevice shown = {.bus = description.bus,
+                               .address = reader.address,
+                               .vendor = description.vendor,
+                               .product = description.product,
+                               .release = description.release,
+                               .speed = description.speed,
+                               .configuration = reader.model.configuration(),
+                               .descriptors = allDescriptors(description)};
     std::erase_if(retired_, [&](const auto& entry) {
-        return entry.second->path() == devicePath || now() - entry.first > retirement;
+        return entry.second->path() == nodePath(shown) || now() - entry.first > retirement;
     });
     reader.node = std::make_unique<DeviceNode>(
-        testbed_, devicePath, reader.device, mutex_,
+        testbed_, nodePath(shown), reader.device, mutex_,
         NodeHooks{.configured =
-                      [testbed = testbed_, path = reader.sysfsPath](std::uint8_t value) {
+                      [testbed = testbed_, path = "/sys/devices/" + name](std::uint8_t value) {
                           umockdev_testbed_set_attribute_int(testbed, path.c_str(), "bConfigurationValue",
                                                              value);
                       },
@@ -190,28 +271,7 @@ void VirtualBus::plug(std::size_t number) {
                           const std::uint64_t one = 1;
                           [[maybe_unused]] const ssize_t written = ::write(wakeUp_, &one, sizeof one);
                       }});
-
-    // The event that adding the device sends comes last: whoever hears it finds everything in its place.
-    std::filesystem::create_directories(root() + reader.sysfsPath);
-    writeAttributes(root() + reader.sysfsPath + "/", description, reader.address,
-                    reader.model.configuration());
-    std::vector<std::string> properties;
-    const auto property = [&](const char* key, std::string value) {
-        properties.emplace_back(key);
-        properties.push_back(std::move(value));
-    };
-    property("DEVTYPE", "usb_device");
-    property("DEVNAME", devicePath);
-    property("BUSNUM", numbered("%03u", description.bus, 0));
-    property("DEVNUM", numbered("%03u", reader.address, 0));
-    property("MAJOR", "189"); // the kernel's for USB devices
-    property("MINOR", std::to_string((description.bus - 1) * 128 + reader.address - 1));
-    property("PRODUCT", numbered("%x/%x", description.vendor, description.product) +
-                            numbered("/%x", description.release, 0));
-    std::array<gchar*, 1> noAttributes = {nullptr};
-    gchar* path = umockdev_testbed_add_devicev(testbed_, "usb", name.c_str(), nullptr, noAttributes.data(),
-                                               pairs(properties).data());
-    g_free(path);
+    reader.sysfsPath = show(testbed_, root(), name, shown);
 }
 
 void VirtualBus::unplug(std::size_t number) {

@@ -72,6 +72,7 @@ protected:
 private:
     Reader& readerNumber(std::size_t number) const;
     static void deliver(Reader& reader);
+    void begin(std::uint8_t bus);
     std::uint8_t freeAddress(const ReaderDescription& description);
     void awaitListeners() const;
     std::filesystem::path refusalFile(const Reader& reader) const;

@@ -133,6 +133,9 @@ static void expect_bulk_echo(libusb_device_handle* handle, int length, int room)
     expect("echo differs", memcmp(out, in, (size_t)length), 0);
 }
 
+// The bus is there before any reader is.
+enum { root_hubs = 1 };
+
 static long list_size(void) {
     libusb_device** list;
     const ssize_t count = libusb_get_device_list(NULL, &list);
@@ -152,12 +155,14 @@ static void await_list_size(long wanted) {
 static void lists_both_readers(void) {
     libusb_device** list;
     const ssize_t count = libusb_get_device_list(NULL, &list);
-    expect("devices", count, 2);
+    expect("devices", count, 2 + root_hubs);
     unsigned seen = 0;
     for (ssize_t i = 0; i < count; ++i) {
         struct libusb_device_descriptor device;
         struct libusb_config_descriptor* configuration;
         expect("device descriptor", libusb_get_device_descriptor(list[i], &device), 0);
+        if (device.bDeviceClass == LIBUSB_CLASS_HUB)
+            continue;
         expect("vendor", device.idVendor, maker);
         expect("bus", libusb_get_bus_number(list[i]), 1);
         expect("speed", libusb_get_device_speed(list[i]), LIBUSB_SPEED_FULL);
@@ -169,6 +174,29 @@ static void lists_both_readers(void) {
         seen |= 1U << device.idProduct;
     }
     expect("products 1 and 2", seen, 1U << bulk_product | 1U << control_product);
+    libusb_free_device_list(list, 1);
+}
+
+// As the kernel shows it: device 1 of the bus, above the readers at its ports.
+static void begins_with_a_root_hub(void) {
+    libusb_device** list;
+    const ssize_t count = libusb_get_device_list(NULL, &list);
+    expect("devices", count, 2 + root_hubs);
+    for (ssize_t i = 0; i < count; ++i) {
+        struct libusb_device_descriptor device;
+        struct libusb_config_descriptor* configuration;
+        expect("device descriptor", libusb_get_device_descriptor(list[i], &device), 0);
+        const bool hub = libusb_get_device_address(list[i]) == 1;
+        expect("class", device.bDeviceClass == LIBUSB_CLASS_HUB, hub);
+        expect("parent", libusb_get_parent(list[i]) == NULL, hub);
+        expect("port", libusb_get_port_number(list[i]) == 0, hub);
+        expect("configuration descriptor", libusb_get_active_config_descriptor(list[i], &configuration), 0);
+        libusb_free_config_descriptor(configuration);
+        if (hub) {
+            expect("vendor", device.idVendor, 0x1D6B);
+            expect("speed", libusb_get_device_speed(list[i]), LIBUSB_SPEED_HIGH);
+        }
+    }
     libusb_free_device_list(list, 1);
 }
 
@@ -340,7 +368,7 @@ static void unplugged_in_flight(void) {
     expect("string", libusb_get_string_descriptor_ascii(handle, 1, data, sizeof data),
            LIBUSB_ERROR_NO_DEVICE);
     expect("clear halt", libusb_clear_halt(handle, bulk_in), LIBUSB_ERROR_NO_DEVICE);
-    await_list_size(1);
+    await_list_size(1 + root_hubs);
     libusb_close(handle);
     expect("opened while away", open_product(bulk_product) == NULL, 1);
 }
@@ -410,7 +438,7 @@ static void hears_of_plugs(void) {
     await_events(&count, 2, 1);
     ask("plug id=BEEF,vendor=0x1D6B", answer, sizeof answer);
     expect_text("device of another maker", answer, "ok 4");
-    await_list_size(4);
+    await_list_size(4 + root_hubs);
     expect("no arrival of another maker's", count.arrived, 2);
     tell("unplug all");
     await_events(&count, 2, 4);
@@ -500,7 +528,11 @@ static void is_reset(void) {
 static int open_first(libusb_device_handle** handle) {
     libusb_device** list;
     const ssize_t count = libusb_get_device_list(NULL, &list);
-    const int result = count > 0 ? libusb_open(list[0], handle) : LIBUSB_ERROR_NOT_FOUND;
+    int result = LIBUSB_ERROR_NOT_FOUND;
+    for (ssize_t i = 0; i < count && result == LIBUSB_ERROR_NOT_FOUND; ++i) {
+        if (libusb_get_parent(list[i]) != NULL)
+            result = libusb_open(list[i], handle);
+    }
     libusb_free_device_list(list, 1);
     return result;
 }
@@ -522,9 +554,9 @@ static void is_refused(void) {
     // libusb takes a device whose node has gone for unplugged and forgets it.
     tell("refuse 1 ENOENT");
     expect("ENOENT", open_first(&handle), LIBUSB_ERROR_NO_DEVICE);
-    await_list_size(0);
+    await_list_size(root_hubs);
     tell("replug 1");
-    await_list_size(1);
+    await_list_size(1 + root_hubs);
     tell("refuse 1 off");
     expect("opens by then", counted(1, "opens"), 0);
     expect("let in", open_first(&handle), 0);
@@ -597,7 +629,7 @@ static void opens_many_readers(void) {
     enum { readers = 32 };
     libusb_device** list;
     libusb_device_handle* handles[readers];
-    expect("devices", libusb_get_device_list(NULL, &list), readers);
+    expect("devices", libusb_get_device_list(NULL, &list), readers + root_hubs);
     for (int i = 0; i < readers; ++i) {
         expect("open", libusb_open(list[i], &handles[i]), 0);
         expect("claim", libusb_claim_interface(handles[i], 0), 0);
@@ -671,6 +703,7 @@ static const struct {
     void (*run)(void);
 } cases[] = {
     {"lists_both_readers", lists_both_readers},
+    {"begins_with_a_root_hub", begins_with_a_root_hub},
     {"reads_strings", reads_strings},
     {"echoes_over_bulk", echoes_over_bulk},
     {"echoes_over_control", echoes_over_control},

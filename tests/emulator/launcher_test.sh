@@ -185,7 +185,7 @@ sends_commands() {
     expect_status 1 env -u GVUSB_EMULATE_SOCKET "$emulate" --send list
     expect_output 'GVUSB_EMULATE_SOCKET is not set'
     expect_status 0 "$emulate" --reader id=CAFE -- "$emulate" --send list
-    expect_output '^ok 1 [0-9a-f]*:0001 001/001 CAFE$'
+    expect_output '^ok 1 [0-9a-f]*:0001 001/002 CAFE$'
     expect_status 1 "$emulate" -- "$emulate" --send 'unplug 3'
     expect_output '^error: reader is .3.; it takes a number from 1 to 2$'
     expect_status 1 "$emulate" -- "$emulate" --send 'stall 1'
@@ -194,7 +194,7 @@ sends_commands() {
     expect_output '^error: the reader has no endpoint 0x81$'
     expect_status 0 "$emulate" -- sh -c "'$emulate' --send 'unplug 1' && ! '$emulate' --send 'unplug 1' &&
         '$emulate' --send 'plug 1' && '$emulate' --send list"
-    expect_output '^ok 1 [0-9a-f]*:0001 001/003 1A2B3C; 2 [0-9a-f]*:0002 001/002 1A2B3D$'
+    expect_output '^ok 1 [0-9a-f]*:0001 001/004 1A2B3C; 2 [0-9a-f]*:0002 001/003 1A2B3D$'
     start=$(date +%s%N)
     expect_status 0 "$emulate" -- "$emulate" --send 'wait 300'
     [ $(($(date +%s%N) - start)) -ge 300000000 ] || fail "did not wait"
@@ -205,7 +205,7 @@ runs_script() {
     expect_status 0 "$emulate" --script "$scratch/script" -- sh -c "sleep 0.1; '$emulate' --send list;
         '$emulate' --send 'wait 400'; '$emulate' --send list"
     expect_output '^ok 1 [0-9a-f:]* unplugged 1A2B3C; 2 .*$'
-    expect_output '^ok 1 [0-9a-f:]* 001/003 1A2B3C; 2 .*$'
+    expect_output '^ok 1 [0-9a-f:]* 001/004 1A2B3C; 2 .*$'
     expect_output 'script line 4: error: reader is'
 }
 

@@ -105,7 +105,8 @@ TEST(ReaderDescriptionTest, SaysWhatIsWrong) {
     EXPECT_EQ(complaint("name=" + std::string(126, 'x')), "none");
     EXPECT_EQ(complaint("id=xyz,copies=2"),
               "id of several copies is '0xxyz'; it takes a number from 0 to 4294967295");
-    EXPECT_EQ(complaint("address=1,copies=2"),
+    EXPECT_EQ(complaint("address=1"), "address is '1'; it takes a number from 2 to 127");
+    EXPECT_EQ(complaint("address=2,copies=2"),
               "copies and address do not go together: two readers cannot have one address");
 }
 

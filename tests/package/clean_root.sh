@@ -63,7 +63,7 @@ done </tmp/programs
 # a device has had.
 judge() {
     rm -rf /run/udev/data /run/udev/tags
-    { gvusb-emulate --reader "$1,address=1" -- udevadm test /sys/bus/usb/devices/1-1 2>&1 || true; } |
+    { gvusb-emulate --reader "$1,address=2" -- udevadm test /sys/bus/usb/devices/1-1 2>&1 || true; } |
         sed -nE 's/.*70-gvusb\.rules:[0-9]+ ((GROUP|MODE) .*)/\1/p; /^TAGS=/p' | tr '\n' ' '
 }
 for product in 1 2 3 4; do

@@ -16,8 +16,8 @@ finds_that_all_is_well() {
     expect_errors ''
     expect_in_output '^ok       library         gvusb 07\.01\.00 (libusb 1\.0\.[0-9]*)$'
     expect_in_output '^ok       udev            running$'
-    expect_in_output '^ok       bus 1 device 1  reader A1 (/dev/bus/usb/001/001)$'
-    expect_in_output '^ok       bus 1 device 2  reader B2 (/dev/bus/usb/001/002)$'
+    expect_in_output '^ok       bus 1 device 2  reader A1 (/dev/bus/usb/001/002)$'
+    expect_in_output '^ok       bus 1 device 3  reader B2 (/dev/bus/usb/001/003)$'
     expect_equal "the last line" "$(tail -n 1 "$scratch/output")" 'All is well.'
 }
 
@@ -82,17 +82,17 @@ finds_that_no_reader_is_there() {
 finds_a_node_that_may_not_be_written() {
     shell_on_bus "bus 'refuse 1 EACCES'; $doctor"
     expect_status 1
-    expect_sentence 'PROBLEM bus 1 device 1 this user may not write to /dev/bus/usb/001/001'
+    expect_sentence 'PROBLEM bus 1 device 2 this user may not write to /dev/bus/usb/001/002'
     expect_in_output 'into /etc/udev/rules.d/70-gvusb.rules:$'
     expect_in_output '^            SUBSYSTEM=="usb", ATTR{idVendor}=="[0-9a-f]*", MODE="0660", GROUP="plugdev", TAG+="uaccess"$'
     expect_in_output '^            sudo udevadm control --reload && sudo udevadm trigger --action=add --attr-match=idVendor=[0-9a-f]*$'
-    expect_in_output '^ok       bus 1 device 2  reader B2 '
+    expect_in_output '^ok       bus 1 device 3  reader B2 '
 }
 
 finds_a_node_that_is_not_there() {
     shell_on_bus "bus 'refuse 1 ENOENT'; $doctor"
     expect_status 1
-    expect_sentence 'PROBLEM bus 1 device 1 /dev/bus/usb/001/001 cannot be opened: '
+    expect_sentence 'PROBLEM bus 1 device 2 /dev/bus/usb/001/002 cannot be opened: '
     expect_sentence 'share /dev/bus/usb with it'
 }
 
@@ -100,8 +100,8 @@ finds_a_reader_without_device_id() {
     readers=(--reader missing=1 --reader id=xyz --reader id=1)
     shell_on_bus "$doctor"
     expect_status 1
-    expect_sentence 'PROBLEM bus 1 device 1 the reader does not tell a device ID'
     expect_sentence 'PROBLEM bus 1 device 2 the reader does not tell a device ID'
+    expect_sentence 'PROBLEM bus 1 device 3 the reader does not tell a device ID'
     expect_in_output '^2 problems\.$'
 }
 
@@ -109,7 +109,7 @@ tells_of_a_kernel_driver() {
     readers=(--reader 'id=A1,driver=usbhid')
     shell_on_bus "$doctor"' && "$gvusb" send A1 02'
     expect_status 0
-    expect_sentence 'note bus 1 device 1 reader A1 .*: the kernel driver usbhid is bound to interface 0; the library takes'
+    expect_sentence 'note bus 1 device 2 reader A1 .*: the kernel driver usbhid is bound to interface 0; the library takes'
     expect_equal "the last line" "$(tail -n 1 "$scratch/output")" '02'
 }
 
@@ -134,9 +134,9 @@ names_the_process_that_has_claimed_the_interface() {
     expect_status 1
     other=$(sed -n 's/^other: //p' "$scratch/output")
     # The emulator has the node open too.
-    expect_sentence "PROBLEM bus 1 device 1 reader A1 .*: interface 0 is claimed by .*gvusb (process $other).*, so it cannot"
+    expect_sentence "PROBLEM bus 1 device 2 reader A1 .*: interface 0 is claimed by .*gvusb (process $other).*, so it cannot"
     expect_in_output "^            kill .*$other"
-    expect_in_output '^ok       bus 1 device 2  reader B2 '
+    expect_in_output '^ok       bus 1 device 3  reader B2 '
 }
 
 says_when_only_root_could_name_the_process() {
