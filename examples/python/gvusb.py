@@ -1,4 +1,5 @@
-"""USB RFID readers from Python: the functions of libgvusb.so.7 by ctypes, under the same names.
+"""USB RFID readers from Python: the functions of libgvusb.so.7 by ctypes, and the constants of gvusb.h, under the
+same names.
 
 Functions return what the library returns, but a failure (a negative code) raises GvusbError. What C writes into
 a buffer of the caller's is returned: GVUSB_GetDevicePara gives the value, GVUSB_Receive the bytes.
@@ -15,12 +16,75 @@ installed libgvusb.so.7.
 import ctypes
 import os
 
-GVUSB_PROTOCOL = "TESK-RCI2"
+GVUSB_OK = 0
+GVUSB_ERR_EMPTY_DEVICE_LIST = -1100
+GVUSB_ERR_EMPTY_SCAN_LIST = -1101
+GVUSB_ERR_NULL_POINTER = -1102
+GVUSB_ERR_NO_MEMORY = -1103
+GVUSB_ERR_SET_CONFIGURATION = -1104
+GVUSB_ERR_KERNEL_FUNCTION = -1105
+GVUSB_ERR_UNSUPPORTED_OPTION = -1106
+GVUSB_ERR_UNSUPPORTED_METHOD = -1107
+GVUSB_ERR_NO_CONFIGURATION = -1108
+GVUSB_ERR_LIBUSB_API = -1109
+GVUSB_ERR_NO_GAVO_DEVICE = -1110
+GVUSB_ERR_SEARCH_MISMATCH = -1111
+GVUSB_ERR_NO_DEVICE_FOUND = -1112
+GVUSB_ERR_ALREADY_SCANNED = -1113
+GVUSB_ERR_SCAN_LIST_OVERFLOW = -1114
+GVUSB_ERR_NO_CURRENT_ENTRY = -1115
+GVUSB_ERR_UNKNOWN_DEVICE_HANDLE = -1120
+GVUSB_ERR_NULL_HANDLE = -1121
+GVUSB_ERR_NEGATIVE_HANDLE = -1122
+GVUSB_ERR_HANDLE_NOT_FOUND = -1123
+GVUSB_ERR_TIMEOUT = -1130
+GVUSB_ERR_NO_SEND_DATA = -1131
+GVUSB_ERR_UNKNOWN_INTERFACE = -1132
+GVUSB_ERR_UNKNOWN_DIRECTION = -1133
+GVUSB_ERR_RECEIVE_BUFFER_TOO_SMALL = -1134
+GVUSB_ERR_SEND_LENGTH = -1135
+GVUSB_ERR_UNKNOWN_DESCRIPTOR = -1136
+GVUSB_ERR_NOT_PRESENT = -1137
+GVUSB_ERR_TRANSMIT_PROCESS = -1138
+GVUSB_ERR_BULK_TRANSFER = -1139
+GVUSB_ERR_NOT_SCANNED = -1140
+GVUSB_ERR_NOT_IN_SCAN_LIST = -1141
+GVUSB_ERR_DEVICE_LIST_HANDLE = -1142
+GVUSB_ERR_CANNOT_OPEN = -1143
+GVUSB_ERR_NOT_OPENED = -1144
+GVUSB_ERR_CANNOT_CLAIM = -1145
+GVUSB_ERR_WRONG_DEVICE = -1146
+GVUSB_ERR_UNKNOWN_PARAMETER = -1150
+GVUSB_ERR_OUT_OF_RANGE = -1151
+GVUSB_ERR_ODD_PARAMETER = -1152
+GVUSB_ERR_INDEX_OUT_OF_RANGE = -1153
+GVUSB_ERR_UNKNOWN_SCAN_OPTION = -1154
+GVUSB_ERR_UNKNOWN_ERROR_CODE = -1155
+GVUSB_ERR_PARAMETER_SYNTAX = -1156
+GVUSB_ERR_PARAMETER_NOT_AVAILABLE = -1157
+GVUSB_ERR_DEVICE_DESCRIPTOR_LENGTH = -1160
+GVUSB_ERR_CONFIG_DESCRIPTOR_LENGTH = -1161
+GVUSB_ERR_INTERFACE_DESCRIPTOR_LENGTH = -1162
+GVUSB_ERR_ENDPOINT_DESCRIPTOR_LENGTH = -1163
+GVUSB_ERR_HID_DESCRIPTOR_LENGTH = -1164
+GVUSB_ERR_STRING_DESCRIPTOR_LENGTH = -1165
+GVUSB_ERR_DEVICE_DESCRIPTOR_READ = -1166
+GVUSB_ERR_CONFIG_DESCRIPTOR_READ = -1167
+GVUSB_ERR_STRING_DESCRIPTOR_READ = -1168
+GVUSB_ERR_TOO_MANY_INTERFACES = -1170
+GVUSB_ERR_TOO_MANY_ENDPOINTS = -1171
+GVUSB_ERR_TOO_MANY_STRINGS = -1172
+GVUSB_ERR_CONTROL_TRANSFER = -1180
+GVUSB_ERR_INTERNAL = -1199
+
+GVUSB_NO_SCAN_LIST_ENTRY = 1115  # positive, unlike every other failure
 
 GVUSB_SCAN_FIRST = 1
 GVUSB_SCAN_NEXT = 2
 GVUSB_SCAN_ALL = 3
+GVUSB_SCAN_ALL_15 = 15
 GVUSB_SCAN_SEARCH = 0x10000
+GVUSB_SCAN_NOTHING = 0x20000
 
 GVUSB_SEARCH_FAMILY_NAME = 0x1
 GVUSB_SEARCH_DEVICE_NAME = 0x2
@@ -29,22 +93,15 @@ GVUSB_SEARCH_DEVICE_ID = 0x4
 GVUSB_DRIVER = -1
 GVUSB_ALL_DEVICES = 0
 
+GVUSB_TEXT_SIZE = 57
+GVUSB_PARAMETER_SIZE = 256
+GVUSB_KEY_SIZE = 128
+
+GVUSB_PROTOCOL = "TESK-RCI2"
+
 GVUSB_EVENT_CONNECT = 1
 GVUSB_EVENT_DISCONNECT = 2
-
-GVUSB_ERR_NO_DEVICE_FOUND = -1112
-GVUSB_ERR_NO_CURRENT_ENTRY = -1115
-GVUSB_ERR_TIMEOUT = -1130
-GVUSB_ERR_NOT_PRESENT = -1137
-GVUSB_ERR_NOT_SCANNED = -1140
-GVUSB_ERR_CANNOT_OPEN = -1143
-GVUSB_ERR_NOT_OPENED = -1144
-GVUSB_ERR_CANNOT_CLAIM = -1145
-
-_CALLBACK_FUNCTION = 3
-_NO_SCAN_LIST_ENTRY = 1115  # positive, unlike every other failure
-_TEXT_SIZE = 57
-_PARAMETER_SIZE = 256
+GVUSB_CALLBACK_FUNCTION = 3
 
 
 class GVUSB_SCANSEARCH(ctypes.Structure):
@@ -77,7 +134,7 @@ class GVUSB_EVENT_INIT(ctypes.Structure):
 
     @classmethod
     def of(cls, event, function):
-        return cls(event, 0, _CALLBACK_FUNCTION, 0, _Callback(function))
+        return cls(event, 0, GVUSB_CALLBACK_FUNCTION, 0, _Callback(function))
 
 
 class GvusbError(Exception):
@@ -139,8 +196,8 @@ def GVUSB_ScanAndOpen(scan_option, search=None):
 
 
 def GVUSB_GetScanListPara(index, key):
-    value = ctypes.create_string_buffer(_PARAMETER_SIZE)
-    if _check(_get_scan_list_para(index, key.encode(), value)) == _NO_SCAN_LIST_ENTRY:
+    value = ctypes.create_string_buffer(GVUSB_PARAMETER_SIZE)
+    if _check(_get_scan_list_para(index, key.encode(), value)) == GVUSB_NO_SCAN_LIST_ENTRY:
         raise IndexError(f"the scan list has no entry {index}")
     return value.value.decode("latin-1")
 
@@ -192,7 +249,7 @@ def GVUSB_Receive(handle, size=4096, interface_name=GVUSB_PROTOCOL):
 
 
 def GVUSB_GetDevicePara(handle, key):
-    value = ctypes.create_string_buffer(_PARAMETER_SIZE)
+    value = ctypes.create_string_buffer(GVUSB_PARAMETER_SIZE)
     _check(_get_device_para(handle, key.encode(), value))
     return value.value.decode("latin-1")
 
@@ -212,13 +269,13 @@ def GVUSB_DelEventHandler(handle, registration):
 def GVUSB_GetLastError(handle):
     """Returns the last error as (code, text)."""
     code = ctypes.c_int()
-    text = ctypes.create_string_buffer(_TEXT_SIZE)
+    text = ctypes.create_string_buffer(GVUSB_TEXT_SIZE)
     _get_last_error(handle, ctypes.byref(code), text)
     return code.value, text.value.decode()
 
 
 def GVUSB_GetErrorText(code):
-    text = ctypes.create_string_buffer(_TEXT_SIZE)
+    text = ctypes.create_string_buffer(GVUSB_TEXT_SIZE)
     _get_error_text(code, text)
     return text.value.decode()
 
