@@ -102,6 +102,24 @@ def enumeration(member):
     return lines
 
 
+def defined(member, definition):
+    return [".SS " + member.findtext("name"), ".PP", ".nf", f"\\fB{escape(definition)}\\fR", ".fi"] + \
+        paragraphs(member.find("briefdescription")) + paragraphs(member.find("detaileddescription"))
+
+
+def macro(member):
+    return defined(member, f'#define {member.findtext("name")} {member.findtext("initializer")}')
+
+
+def type_name(member):
+    """Doxygen sets blanks of its own beside stars and brackets; here they stand as in the header."""
+    definition = member.findtext("definition").replace(" *", "* ").replace("(* ", " (*").replace(") (", ")(")
+    return defined(member, definition + ";")
+
+
+MEMBERS = {"function": function, "enum": enumeration, "define": macro, "typedef": type_name}
+
+
 def record(folder, reference):
     compound = ElementTree.parse(os.path.join(folder, reference + ".xml")).find("compounddef")
     lines = [".SS struct " + compound.findtext("compoundname")] + paragraphs(compound.find("briefdescription"))
@@ -145,17 +163,17 @@ def main():
     for group in GROUPS:
         compound = ElementTree.parse(os.path.join(xml, f"group__{group}.xml")).find("compounddef")
         members = list(compound.iter("memberdef"))
-        functions = [member for member in members if member.get("kind") == "function"]
-        lines = INCLUDE + [".SH DESCRIPTION"] + paragraphs(compound.find("detaileddescription"))
-        for member in functions:
-            lines += function(member)
-        for member in members:
-            if member.get("kind") == "enum":
-                lines += enumeration(member)
+        functions = [member.findtext("name") for member in members if member.get("kind") == "function"]
+        lines = INCLUDE + [".SH DESCRIPTION"] + paragraphs(compound.find("briefdescription"))
+        lines += paragraphs(compound.find("detaileddescription"))
+        for kind, described_by in MEMBERS.items():
+            for member in members:
+                if member.get("kind") == kind:
+                    lines += described_by(member)
         for inner in compound.findall("innerclass"):
             lines += record(xml, inner.get("refid"))
         title = compound.findtext("title")
-        manual.write(f"gvusb_{group}", title[0].lower() + title[1:], [member.findtext("name") for member in functions], lines)
+        manual.write(f"gvusb_{group}", title[0].lower() + title[1:], functions, lines)
 
 
 if __name__ == "__main__":
