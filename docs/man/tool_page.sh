@@ -8,12 +8,12 @@ shift 3
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
-heading='^[A-Z][A-Z ]*$'
+heading='^[A-Z][A-Z/ ]*$'
 escaped() { sed 's/\\/\\e/g; s/-/\\-/g; s/^\./\\\&./'; }
 
 "$program" --help >"$scratch/help"
 {
-    sed -n "/$heading/,\$p" "$scratch/help" | escaped | awk -v heading="$heading" '
+    sed -n "\|$heading|,\$p" "$scratch/help" | escaped | awk -v heading="$heading" '
         $0 ~ heading { if (sections++) print ".fi\n"; print "[" $0 "]\n.nf"; next }
         { print }
         END { if (sections) print ".fi\n" }'
@@ -25,8 +25,8 @@ escaped() { sed 's/\\/\\e/g; s/-/\\-/g; s/^\./\\\&./'; }
     printf '[see also]\n.BR libgvusb (3),\n.BR gvusb.conf (5),\n.BR gvusb (1),\n.BR gvusb\\-emulate (1)\n'
 } >"$scratch/include"
 
-# The program as help2man is to see it.
-sed "/$heading/,\$d" "$scratch/help" >"$scratch/options"
+# The program as help2man is to see it: forms of the usage behind the first begin with "or:".
+sed "\|$heading|,\$d" "$scratch/help" | sed '/^Usage: /,/^$/s/^  */  or:  /' >"$scratch/options"
 "$program" --version >"$scratch/version"
 seen=$scratch/$(basename "$program")
 printf '#!/bin/sh\nexec cat "%s/$([ "$1" = --version ] && echo version || echo options)"\n' "$scratch" >"$seen"

@@ -1,20 +1,33 @@
 #!/usr/bin/env bash
-# usage: man_page_test.sh PROGRAM PAGE
-# A program's manual page has the sections of its help, line by line.
+# usage: man_page_test.sh PROGRAM PAGE FORMS HEADING...
+# A program's manual page has that many forms in its synopsis, all of its help's, and the sections of its help, these
+# among them, line by line.
 set -euo pipefail
 program=$1
 page=$2
+forms=$3
+shift 3
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 
 "$program" --help >"$folder/help"
-mapfile -t headings < <(grep -xE '[A-Z][A-Z ]*' "$folder/help")
-for wanted in 'EXIT STATUS' EXAMPLES; do
+
+sed -n '/^Usage: /,/^$/{s/^Usage: *//; s/^ *//; /./p}' "$folder/help" >"$folder/wanted"
+awk '/^\.SH / { inside = $2 == "SYNOPSIS"; next } inside' "$page" |
+    sed 's/\\f[BIR]//g; s/\\[,/]//g; s/\\-/-/g; /^\.br$/d' |
+    awk '/^\.B / { form = substr($0, 4); next } { print form, $0 }' >"$folder/found"
+echo "SYNOPSIS: $(wc -l <"$folder/found") forms"
+diff "$folder/wanted" "$folder/found"
+[ "$(wc -l <"$folder/found")" = "$forms" ]
+
+any='^[A-Z][A-Z/ ]*$'
+mapfile -t headings < <(grep -E "$any" "$folder/help")
+for wanted in "$@"; do
     [[ " ${headings[*]} " == *" $wanted "* ]] || { echo "the help has no $wanted"; exit 1; }
 done
 for heading in "${headings[@]}"; do
-    awk -v heading="$heading" '
-        /^[A-Z][A-Z ]*$/ { inside = $0 == heading; next }
+    awk -v heading="$heading" -v any="$any" '
+        $0 ~ any { inside = $0 == heading; next }
         inside' "$folder/help" >"$folder/wanted"
     sed 's/^\.SH "\(.*\)"$/.SH \1/' "$page" | awk -v heading=".SH $heading" '
         /^\.SH / { inside = $0 == heading; next }
