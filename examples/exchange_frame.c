@@ -17,22 +17,34 @@ static int fail(int code) {
     return EXIT_FAILURE;
 }
 
+/* A number in hexadecimal; anything else ends the program. */
+static unsigned int hexadecimal(const char* text, unsigned int largest) {
+    char* end;
+    unsigned long value = strtoul(text, &end, 16);
+    if (end == text || *end != '\0' || value > largest) {
+        fprintf(stderr, "'%s' is not a hexadecimal number up to %X\n", text, largest);
+        exit(EXIT_FAILURE);
+    }
+    return (unsigned int)value;
+}
+
 int main(int argc, char** argv) {
     if (argc < 3 || argc - 2 > MAX_FRAME) {
         fprintf(stderr, "usage: %s ID BYTE...\n", argv[0]);
         return EXIT_FAILURE;
     }
+    unsigned int id = hexadecimal(argv[1], 0xFFFFFFFF);
     unsigned char frame[MAX_FRAME];
     unsigned int length = 0;
     for (int i = 2; i < argc; ++i) {
-        frame[length++] = (unsigned char)strtoul(argv[i], NULL, 16);
+        frame[length++] = (unsigned char)hexadecimal(argv[i], 0xFF);
     }
 
     int code = GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
     if (code != 0) {
         return fail(code);
     }
-    int handle = GVUSB_OpenDevice((unsigned int)strtoul(argv[1], NULL, 16));
+    int handle = GVUSB_OpenDevice(id);
     if (handle < 0) {
         return fail(handle);
     }

@@ -66,11 +66,18 @@ int main(int argc, char** argv) {
          handle = GVUSB_GetDeviceList(handle)) {
         readers[count++] = (struct reader){.handle = handle, .exchanges = exchanges};
     }
+    if (count == MAX_READERS) {
+        fprintf(stderr, "Any readers beyond %d are left alone.\n", MAX_READERS);
+    }
     int started = 0;
     while (started < count && pthread_create(&readers[started].thread, NULL, talk, &readers[started]) == 0) {
         ++started;
     }
-    int status = started == count ? EXIT_SUCCESS : EXIT_FAILURE;
+    int status = EXIT_SUCCESS;
+    if (started < count) {
+        fprintf(stderr, "There are threads for %d of %d readers only.\n", started, count);
+        status = EXIT_FAILURE;
+    }
     for (int i = 0; i < started; ++i) {
         pthread_join(readers[i].thread, NULL);
         if (finish(&readers[i]) != 0) {

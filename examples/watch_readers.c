@@ -4,7 +4,8 @@
  * usage: watch_readers [SECONDS]
  *
  * The library polls the bus in a thread of its own and calls the handlers there. A reader that was opened and
- * comes back takes its old place: its handle works again, without an event.
+ * comes back takes its old place: its handle works again. Each handler scans, as a reader is reported only once
+ * between two scans.
  */
 #define _POSIX_C_SOURCE 199309L /* nanosleep, clock_gettime */
 #include <gvusb.h>
@@ -32,12 +33,14 @@ static void on_connect(int handle, unsigned int id, const char* text) {
     (void)handle;
     (void)text;
     printf("  %4.1f s  event: reader %X was connected\n", seconds_since_start(), id);
+    GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
 }
 
 static void on_disconnect(int handle, unsigned int id, const char* text) {
     (void)text;
     printf("  %4.1f s  event: reader %X was disconnected, its handle is 0x%x\n", seconds_since_start(), id,
            (unsigned int)handle);
+    GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
 }
 
 static int watch_events(void) {
@@ -77,7 +80,7 @@ int main(int argc, char** argv) {
     setvbuf(stdout, NULL, _IOLBF, 0);
 
     int code = GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, NULL);
-    if (code == 0) {
+    if (code == 0 || code == GVUSB_ERR_NO_DEVICE_FOUND) { /* there may be one later */
         code = watch_events();
     }
     if (code != 0) {

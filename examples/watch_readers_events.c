@@ -74,9 +74,10 @@ int main(int argc, char** argv) {
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     const time_t end = now.tv_sec + seconds;
-    while (now.tv_sec < end) {
+    int result = 0;
+    while (now.tv_sec < end && (result == 0 || result == LIBUSB_ERROR_INTERRUPTED)) {
         struct timeval second = {1, 0};
-        libusb_handle_events_timeout(NULL, &second);
+        result = libusb_handle_events_timeout(NULL, &second);
         clock_gettime(CLOCK_MONOTONIC, &now);
     }
 
@@ -84,5 +85,9 @@ int main(int argc, char** argv) {
     GVUSB_DelEventHandler(0, &connect);
     GVUSB_DelEventHandler(0, &disconnect);
     libusb_exit(NULL);
+    if (result != 0 && result != LIBUSB_ERROR_INTERRUPTED) {
+        fprintf(stderr, "Events could not be handled: %s\n", libusb_strerror(result));
+        return EXIT_FAILURE;
+    }
     return EXIT_SUCCESS;
 }

@@ -273,8 +273,8 @@ int GVUSB_Scan(int scanOption, GVUSB_SCANSEARCH* search);
  * @param scanOption  as in GVUSB_Scan
  * @param search      as in GVUSB_Scan
  * @return  with GVUSB_SCAN_ALL 0, or the code of the last reader that could not be opened (the others are
- *          open); with GVUSB_SCAN_FIRST and GVUSB_SCAN_NEXT the handle, above 0; the codes of GVUSB_Scan and
- *          GVUSB_OpenDevice otherwise
+ *          open); with GVUSB_SCAN_FIRST and GVUSB_SCAN_NEXT the handle, above 0; with GVUSB_SCAN_NOTHING 0;
+ *          the codes of GVUSB_Scan and GVUSB_OpenDevice otherwise
  *
  * Sets the last error to 0 or to the returned code. Any thread.
  */

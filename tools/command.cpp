@@ -5,7 +5,7 @@
 namespace {
 
 std::string refuseId(const std::string& text) {
-    return "'" + text + "' is no device ID, which has up to eight hexadecimal digits";
+    return "'" + text + "' is not a device ID, which has up to eight hexadecimal digits";
 }
 
 const CLI::Validator isTarget(

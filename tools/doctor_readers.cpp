@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <optional>
 
@@ -41,6 +42,18 @@ std::string formatted(const char* format, unsigned int first, unsigned int secon
 
 std::string vendorText() {
     return formatted("%04x", GVUSB_VENDOR_ID);
+}
+
+// The rule that lets users open readers, wherever udev reads it from; empty when it is nowhere.
+std::string installedRule() {
+    for (const char* folder : {"/etc/udev/rules.d", "/run/udev/rules.d", "/usr/local/lib/udev/rules.d",
+                               "/usr/lib/udev/rules.d", "/lib/udev/rules.d"}) {
+        const std::filesystem::path file = std::filesystem::path(folder) / "70-gvusb.rules";
+        std::error_code ignored;
+        if (std::filesystem::exists(file, ignored))
+            return file.string();
+    }
+    return {};
 }
 
 // One device of the vendor's.
@@ -83,13 +96,23 @@ public:
 private:
     static std::vector<std::string> accessRemedy() {
         const std::string vendor = vendorText();
+        const std::string trigger =
+            " sudo udevadm control --reload && sudo udevadm trigger --action=add --attr-match=idVendor=" +
+            vendor;
+        if (const std::string rule = installedRule(); !rule.empty())
+            return {
+                rule +
+                    " admits who sits at the machine and the members of the group plugdev. It applies when a "
+                    "reader is plugged in: do that again, or:",
+                trigger, "To use readers over the network or in a service, join the group and log in again:",
+                " sudo usermod --append --groups plugdev USER"};
         return {"Put this line into /etc/udev/rules.d/70-gvusb.rules:",
-                " SUBSYSTEM==\"usb\", ATTR{idVendor}==\"" + vendor +
-                    "\", MODE=\"0660\", GROUP=\"plugdev\", TAG+=\"uaccess\"",
+                " ACTION!=\"remove\", SUBSYSTEM==\"usb\", ENV{DEVTYPE}==\"usb_device\", ATTR{idVendor}==\"" +
+                    vendor +
+                    "\", ATTR{idProduct}==\"000[1-4]\", MODE=\"0660\", GROUP=\"plugdev\", TAG+=\"uaccess\"",
                 "It admits who sits at the machine and the members of the group plugdev. Then unplug the "
                 "reader and plug it in again, or:",
-                " sudo udevadm control --reload && sudo udevadm trigger --action=add --attr-match=idVendor=" +
-                    vendor};
+                trigger};
     }
 
     // As the library reads it: a hexadecimal number at the beginning of string 1.

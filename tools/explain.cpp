@@ -31,7 +31,8 @@ std::optional<int> parseCode(const std::string& text) {
 
 const CLI::Validator isCode(
     [](std::string& text) {
-        return parseCode(text) ? std::string{} : "'" + text + "' is no code, which is a number such as -1144";
+        return parseCode(text) ? std::string{}
+                               : "'" + text + "' is not a code, which is a number such as -1144";
     },
     "");
 

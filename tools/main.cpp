@@ -46,7 +46,7 @@ ExitStatus answerParser(const CLI::App& app, const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError) && commands.empty()) {
         // The parser tells of the command that is missing, not of what stands in its place.
         const std::vector<std::string> unknown = app.remaining();
-        what = unknown.empty() ? "no command" : "'" + unknown.front() + "' is no command";
+        what = unknown.empty() ? "no command" : "'" + unknown.front() + "' is not a command";
     }
     std::fprintf(stderr, "gvusb: %s\nRun 'gvusb%s --help' for more.\n", what.c_str(), command.c_str());
     return ExitStatus::usage;

@@ -88,7 +88,7 @@ private:
             const std::optional<Bytes> frame = parseFrame(*line);
             if (!frame)
                 throw Failure("standard input, line " + std::to_string(number) + ": '" + printable(*line) +
-                                  "' is no frame in hexadecimal",
+                                  "' is not a frame in hexadecimal",
                               ExitStatus::usage);
             if (!sendRepeatedly(*frame))
                 return;
@@ -193,7 +193,7 @@ private:
 
 const CLI::Validator isFrame(
     [](std::string& text) {
-        return parseFrame(text) ? std::string{} : "'" + text + "' is no bytes in hexadecimal";
+        return parseFrame(text) ? std::string{} : "'" + text + "' is not a frame in hexadecimal";
     },
     "");
 
@@ -224,7 +224,8 @@ void addSend(CLI::App& app, Action& action) {
                     "With --repeat an answer is printed when it differs from the one before, then how many "
                     "frames were\n"
                     "answered and the times of these exchanges. Ctrl-C ends the run and shows the summary so "
-                    "far.\n\n") +
+                    "far;\n"
+                    "the status tells of the exchanges until then.\n\n") +
         exitStatusHelp +
         "With --keep-going the status tells of a failure that was no time-out before it tells of "
         "time-outs.\n"

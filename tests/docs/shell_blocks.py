@@ -19,7 +19,6 @@ NOT_RUN = {
     "ssh ": "takes two machines",
     "sudo modprobe": "loads modules into the kernel of this very machine",
     "sudo usbip": "takes these modules, or readers to lend",
-    "usbip list": "shows readers to lend; tests/emulator runs it with virtual ones",
     "ctest --preset": "chooses among the very tests that this is one of",
     "GVUSB_STRESS_CALLS=": "takes minutes; tests/stress makes fewer calls",
     "scripts/fuzz": "takes an hour; what it has collected is replayed by tests/fuzz",

@@ -67,6 +67,9 @@ says_why_no_frame_is_exchanged() {
     local error status=0
     error=$("$launcher" -- "$examples/exchange_frame" 77 02 2>&1) || status=$?
     expect_equal "$status: $error" "1: GVUSB: (-1140) device not scanned"
+    status=0
+    error=$("$launcher" -- "$examples/exchange_frame" 1A2B3C 02 1FF 2>&1) || status=$?
+    expect_equal "$status: $error" "1: '1FF' is not a hexadecimal number up to FF"
 }
 
 talks_to_many_readers() {
@@ -113,6 +116,8 @@ watches_by_polling_on_bus() {
     await "a frame was answered"
     send "plug id=2B0001"
     await "event: reader 2B0001 was connected"
+    send "unplug 2"
+    await "event: reader 2B0001 was disconnected"
     kill "$example_PID"
 }
 

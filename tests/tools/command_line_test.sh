@@ -37,10 +37,10 @@ refuses_mistakes() {
     expect_in_errors "^Run 'gvusb --help' for more.$"
     keep "$gvusb" dance
     expect_status 2
-    expect_in_errors "^gvusb: 'dance' is no command$"
+    expect_in_errors "^gvusb: 'dance' is not a command$"
     keep "$gvusb" --colour
     expect_status 2
-    expect_in_errors "^gvusb: '--colour' is no command$"
+    expect_in_errors "^gvusb: '--colour' is not a command$"
     keep "$gvusb" list --colour
     expect_status 2
     expect_in_errors "^Run 'gvusb list --help' for more.$"
@@ -104,7 +104,7 @@ refuses_codes_that_are_none() {
     for code in x 12x 99999999999; do
         keep "$gvusb" explain $code
         expect_status 2
-        expect_in_errors "'$code' is no code"
+        expect_in_errors "'$code' is not a code"
     done
 }
 

@@ -64,7 +64,7 @@ tells_when_there_is_no_reader() {
 refuses_mistakes() {
     on_bus list --id B2X
     expect_status 2
-    expect_in_errors "'B2X' is no device ID"
+    expect_in_errors "'B2X' is not a device ID"
     on_bus list --family A --name B
     expect_status 2
     expect_in_errors "excludes"

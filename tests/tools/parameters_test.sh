@@ -84,7 +84,7 @@ refuses_mistakes() {
     expect_in_errors "Run 'gvusb get --help' for more."
     on_bus get drivers KEY
     expect_status 2
-    expect_in_errors "'drivers' is no device ID"
+    expect_in_errors "'drivers' is not a device ID"
     on_bus set A1
     expect_status 2
 }

@@ -74,7 +74,7 @@ names_the_line_that_is_no_frame() {
     shell_on_bus 'printf "02\n\n0x0\n03\n" | "$gvusb" send A1'
     expect_status 2
     expect_output '02'
-    expect_errors "gvusb: standard input, line 3: '0x0' is no frame in hexadecimal"
+    expect_errors "gvusb: standard input, line 3: '0x0' is not a frame in hexadecimal"
 }
 
 stops_at_the_first_failure() {

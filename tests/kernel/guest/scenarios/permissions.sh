@@ -21,6 +21,10 @@ doctor_blames_the_node() {
     [ $status -eq 1 ] && grep -q 'this user may not write to /dev/bus/usb' /run/doctor
 }
 
+doctor_knows_the_rule() {
+    doctor_blames_the_node "$1" && grep -q '/etc/udev/rules.d/70-gvusb.rules admits' /run/doctor
+}
+
 on_the_bus() {
     check "without the rule root uses the reader" exchanges root
     check "without the rule no other user finds it" finds_no_reader member
@@ -34,6 +38,7 @@ on_the_bus() {
     udevadm settle
     check "with the rule a member of the group uses the reader" exchanges member
     check "with the rule a user outside the group does not find it" finds_no_reader user
+    check "with the rule the diagnosis names it and the group" doctor_knows_the_rule user
 
     "$launcher" --send "replug 1" >/dev/null
     check "with the rule a member uses a reader that is plugged in anew" exchanges member
