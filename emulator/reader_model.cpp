@@ -77,8 +77,12 @@ void ReaderModel::run(std::uint8_t endpoint, Time now) {
 bool ReaderModel::runFirst(std::deque<Waiting>& queue, Time now) {
     Waiting& first = queue.front();
     const PipeFaults faults = faultsFor(first.transfer);
-    if (faults.mute || (!faults.stalled && !couldComplete(first.transfer)))
+    if (faults.mute)
         return false;
+    if (!faults.stalled && !couldComplete(first.transfer)) {
+        first.ready.reset(); // what it was to complete with is gone
+        return false;
+    }
     if (!first.ready)
         first.ready = now + faults.delay;
     if (now < *first.ready)

@@ -213,6 +213,35 @@ TEST_F(ReaderModelTest, DelayCountsFromWhenTheTransferCouldComplete) {
     EXPECT_FALSE(reader.nextDeadline().has_value());
 }
 
+TEST_F(ReaderModelTest, NothingIsDueWhereNothingCanCompleteAnyMore) {
+    fault("in", {.delay = 100ms});
+    reader.submit({.endpoint = 0, .setup = {0x02, 3, 0, 0x81, 0}}, now);
+    const TransferId waiting = in();
+    take();
+    EXPECT_EQ(reader.nextDeadline(), now + 100ms) << "it stalls late";
+    reader.submit({.endpoint = 0, .setup = {0x02, 1, 0, 0x81, 0}}, now);
+    take();
+    now += 100ms;
+    reader.advance(now);
+    expectNothing();
+    EXPECT_FALSE(reader.nextDeadline().has_value());
+
+    out({1});
+    take();
+    reader.forgetAnswers();
+    now += 100ms;
+    reader.advance(now);
+    expectNothing();
+    EXPECT_FALSE(reader.nextDeadline().has_value());
+
+    out({2});
+    take();
+    EXPECT_EQ(reader.nextDeadline(), now + 100ms) << "the delay begins anew";
+    now += 100ms;
+    reader.advance(now);
+    expectCompletion(waiting, Outcome::done, {2});
+}
+
 TEST_F(ReaderModelTest, DelayedOutThatIsDueAnswersWhatWaits) {
     fault("out", {.delay = 5ms});
     const TransferId waiting = in();

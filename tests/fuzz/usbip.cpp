@@ -118,6 +118,8 @@ void changeFaults(Fixture& f) {
 void letTimePass(Fixture& f) {
     f.now += Milliseconds(f.input.byte());
     f.readers.advance(f.now);
+    const std::optional<Time> due = f.readers.nextDeadline();
+    fuzz::expect(!due || *due > f.now, "what is due has been done");
 }
 
 void checkImporters(const Fixture& f) {
