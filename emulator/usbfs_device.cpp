@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ranges>
 
 namespace emulator {
 
@@ -32,7 +33,8 @@ void UsbfsDevice::close(OpenId id, Time now) {
     std::erase_if(flying_, [&](const Flying& urb) { return urb.opening == id; });
     if (model_ == nullptr)
         return;
-    for (const Flying& urb : own)
+    // The last first: taken back from the front, each would let the next be carried out.
+    for (const Flying& urb : std::views::reverse(own))
         model_->cancel(urb.transfer, now);
     collect();
 }

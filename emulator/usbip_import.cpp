@@ -128,10 +128,11 @@ void Import::collect(Bytes& replies) {
 
 void Import::release(Time now) {
     ++reader_.counts.closes;
-    for (const auto& [id, flying] : flying_)
-        reader_.model.cancel(id, now);
+    // All at once: taken back one by one, each would let the next be carried out.
+    reader_.model.unplug();
     flying_.clear();
     transfers_.clear();
+    bytes_ = 0;
     reader_.model.reset(now);
     while (reader_.model.takeCompletion()) {
     }

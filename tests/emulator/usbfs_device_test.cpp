@@ -43,6 +43,13 @@ TEST_F(UsbfsDeviceTest, ClosingReleasesAndCancels) {
     EXPECT_EQ(counts.closes, 1U);
 }
 
+TEST_F(UsbfsDeviceTest, ClosingCarriesOutNothingThatWaits) {
+    device.submit(first, 1, {.endpoint = 0, .setup = {0xC0, 0, 0, 0, 64}, .capacity = 64}, now);
+    device.submit(first, 2, {.endpoint = 0, .setup = {0x40, 0, 0, 0, 1}, .data = {7}}, now);
+    device.close(first, now);
+    EXPECT_EQ(reader.frameCount(), 0U);
+}
+
 TEST_F(UsbfsDeviceTest, EachOpeningReapsItsOwn) {
     EXPECT_EQ(submit(first, 0x1000, 0x02, {1}), 0);
     EXPECT_FALSE(device.reap(second).has_value());

@@ -105,6 +105,21 @@ TEST_F(UsbipConnectionTest, NextImporterFindsNothingOfTheLast) {
     EXPECT_EQ(model().frameCount(), 1U);
 }
 
+TEST_F(UsbipConnectionTest, WhatWaitsIsNotCarriedOutWhenTheImportEnds) {
+    const Bytes fetchThenSend =
+        join({control(1, {0xC0, 0, 0, 0, 0, 0, 64, 0}),
+              submit({.sequence = 2, .length = 1, .setup = {0x40, 0, 0, 0, 0, 0, 1, 0}, .data = {7}})});
+    importStatus(connection);
+    EXPECT_EQ(say(fetchThenSend), "");
+    connection.abort();
+    EXPECT_EQ(model().frameCount(), 0U);
+    Connection next(readers);
+    importStatus(next);
+    next.receive(fetchThenSend, now);
+    readers.unplug(1);
+    EXPECT_EQ(model().frameCount(), 0U);
+}
+
 TEST_F(UsbipConnectionTest, UnplugEndsTheImport) {
     importStatus(connection);
     EXPECT_EQ(say(fetchFrame(1), {1}), "");
