@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <iostream>
+#include <memory>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -103,19 +104,17 @@ int launchEmulated(const Options& options, const BlockedSignals& signals) {
 int launchUsbip(const Options& options, const BlockedSignals& signals) {
     const ScratchFolder folder;
     const std::string socket = (folder.path() / "commands").string();
-    std::optional<UsbipBus> bus(
-        std::in_place, *options.usbip, [verbose = options.verbose](const char* complaint) {
+    auto made =
+        std::make_unique<UsbipBus>(*options.usbip, [verbose = options.verbose](const char* complaint) {
             if (verbose)
                 std::cerr << "gvusb-emulate: a USB/IP client was ended: " << complaint << '\n';
         });
-    Session session(options, signals, *bus, socket);
-    if (!options.program.empty()) {
-        const int status = session.run({{"GVUSB_EMULATE_USBIP", bus->address()}});
-        // What the program has left behind is ended with the session, and one that has transfers under way ends
-        // only when they are answered or the reader has gone.
-        bus.reset();
-        return status;
-    }
+    Session session(options, signals, *made, socket);
+    // The bus ends first, whatever happens: the session waits for what the program leaves behind, and that may be stuck
+    // in the kernel for as long as a reader that it has attached neither answers nor goes.
+    const std::unique_ptr<UsbipBus> bus = std::move(made);
+    if (!options.program.empty())
+        return session.run({{"GVUSB_EMULATE_USBIP", bus->address()}});
     std::cout << "gvusb-emulate: USB/IP at " << bus->address() << ", commands at " << socketVariable << '='
               << socket << std::endl; // NOLINT(performance-avoid-endl): somebody waits for it
     session.runAlone();
