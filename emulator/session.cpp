@@ -100,8 +100,10 @@ void Session::serve() {
     runScript();
     while (const std::optional<signalfd_siginfo> signal = signals_.take())
         handle(*signal);
-    if (endBy_ && *endBy_ <= now())
+    if (endBy_ && !killed_ && *endBy_ <= now()) {
         program_->signal(SIGKILL);
+        killed_ = true;
+    }
 }
 
 int Session::millisecondsToNextDeadline() {
@@ -111,7 +113,8 @@ int Session::millisecondsToNextDeadline() {
             earliest = std::min(earliest.value_or(*time), *time);
     };
     consider(channel_.nextDeadline());
-    consider(endBy_);
+    if (!killed_)
+        consider(endBy_);
     if (const std::optional<Milliseconds> next = options_.script.next())
         consider(start_ + *next);
     if (!earliest)

@@ -62,6 +62,7 @@ private:
     std::optional<Program> program_;
     Time start_;
     std::optional<Time> endBy_; // when a program that was told to end is killed
+    bool killed_ = false;       // as it had not ended by then
     bool ended_ = false;        // by a signal, where there is no program
 };
 
