@@ -128,7 +128,10 @@ void Server::send(Client& client, Time now) {
                 client.connection.abort();
             return;
         }
+        const bool listened = client.connection.wantsInput();
         client.connection.sent(static_cast<std::size_t>(count), now);
+        if (!listened && client.connection.wantsInput())
+            client.heard = now; // until now it could not say anything
     }
 }
 

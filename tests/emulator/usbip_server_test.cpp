@@ -11,6 +11,7 @@
 #include <chrono>
 #include <memory>
 #include <span>
+#include <thread>
 
 #include <poll.h>
 #include <sys/resource.h>
@@ -341,6 +342,53 @@ TEST_F(UsbipImpatientServerTest, SilentClientIsEnded) {
     importer.say(Bytes{0, 0, 0, 1});
     EXPECT_TRUE(endsWithin(importer, 5s)) << "but not inside a message";
     EXPECT_EQ(readers.at(reader).importer, nullptr);
+}
+
+// Whoever is not listened to cannot finish what it says.
+TEST_F(UsbipImpatientServerTest, PatienceBeginsAnewWhereAClientIsListenedToAgain) {
+    constexpr auto patience = 500ms;
+    usbip::Server patient(readers, parseSocketAddress("127.0.0.1:0"), {}, patience);
+    readers.at(reader).model.setReply(ReplyRule::parse("pattern:65536"));
+    readers.plug(reader, std::chrono::steady_clock::now());
+    const auto listens = [&] {
+        std::vector<pollfd> polled;
+        patient.addPolled(polled);
+        return polled.size() == 2 && (polled[1].events & POLLIN) != 0;
+    };
+    Client client(patient.address());
+    client.say(importRequest("1-1"));
+    turn(patient, 1s);
+
+    // There is always a begun message behind the whole ones.
+    const Bytes begun = {0, 0, 0, 1};
+    client.say(begun);
+    turn(patient, 1s);
+    std::uint32_t said = 0;
+    const auto restOfRequests = [&] {
+        Bytes requests = join({sendFrame(said, {1}), fetchFrame(said + 1, 65536)});
+        said += 2;
+        return Bytes(requests.begin() + static_cast<std::ptrdiff_t>(begun.size()), requests.end());
+    };
+    while (listens() && said < 100'000) {
+        client.say(join({restOfRequests(), begun}));
+        turn(patient, 10ms);
+    }
+    ASSERT_FALSE(listens());
+    std::this_thread::sleep_for(patience + 10ms);
+    const Time end = std::chrono::steady_clock::now() + 30s;
+    while (!listens() && !client.ended && std::chrono::steady_clock::now() < end) {
+        client.hear();
+        turn(patient, 1ms);
+    }
+    turn(patient, 0ms);
+    client.say(restOfRequests());
+    const std::size_t all = importReplySize + said / 2 * (2 * headerSize + 65536);
+    while (client.heard.size() < all && !client.ended && std::chrono::steady_clock::now() < end) {
+        turn(patient, 1ms);
+        client.hear();
+    }
+    EXPECT_EQ(client.heard.size(), all);
+    EXPECT_FALSE(client.ended);
 }
 
 TEST_F(UsbipServerTest, ManySilentClientsKeepTheImportersServed) {
