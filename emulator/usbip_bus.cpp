@@ -20,6 +20,9 @@ Time now() {
 std::size_t UsbipBus::add(ReaderDescription description) {
     if (!description.kernelDriver.empty())
         refuse();
+    if (std::ranges::find(description.endpoints, TransferType::isochronous, &Endpoint::type) !=
+        description.endpoints.end())
+        throw TextError("over USB/IP there are no isochronous end points");
     return readers_.add(std::move(description));
 }
 

@@ -264,6 +264,12 @@ TEST_F(UsbipServerTest, HostsFaultsAreUpToTheHost) {
             << line;
 }
 
+TEST_F(UsbipServerTest, IsochronousEndpointsAreRefused) {
+    EXPECT_EQ(command("plug endpoints=0x81+0x02+0x83:iso"),
+              "error: over USB/IP there are no isochronous end points");
+    EXPECT_EQ(bus.size(), 2U);
+}
+
 TEST_F(UsbipServerTest, CountsWhatTheClientDid) {
     Client client(bus.address());
     imports(client);

@@ -23,9 +23,10 @@ struct Fixture {
     explicit Fixture(Input rest)
         : input(rest) {
         readers.add(parseReaders("").front());
-        readers.add(parseReaders("endpoints=0x81+0x02+0x83:interrupt+0x04:iso,configuration=2+1,interfaces=2,"
-                                 "speed=high,reply=reverse")
-                        .front());
+        readers.add(
+            parseReaders("endpoints=0x81+0x02+0x83:interrupt+0x04:interrupt,configuration=2+1,interfaces=2,"
+                         "speed=high,reply=reverse")
+                .front());
         for (std::size_t number = 1; number <= readers.size(); ++number)
             readers.plug(number, now);
         for (auto& peer : peers)
