@@ -1,7 +1,7 @@
 // The answers that a reader has ready and nobody has fetched yet, oldest first.
 //
-// There is room for so many bytes; an answer beyond that is lost, as those of a reader are that nobody asks, so that
-// who only sends does not eat up the emulator's memory. One thread at a time.
+// Room is limited: an answer that does not fit is lost, so that a client that only sends cannot use up the emulator's
+// memory. One thread at a time.
 
 #pragma once
 

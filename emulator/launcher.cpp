@@ -100,7 +100,7 @@ int launchEmulated(const Options& options, const BlockedSignals& signals) {
     return session.run(emulatedEnvironment(options, bus, folder.path()));
 }
 
-// Without a program, who wants to send commands reads where from the line that says where the readers are.
+// Without a program, the line on standard output tells where commands go.
 int launchUsbip(const Options& options, const BlockedSignals& signals) {
     const ScratchFolder folder;
     const std::string socket = (folder.path() / "commands").string();

@@ -226,8 +226,7 @@ void ReaderModel::clearHalt(std::uint8_t endpoint, Time now) {
     run(endpoint, now);
 }
 
-// --------------------------------------------------------------------------------------------- what tests
-// turn
+// -------------------------------------------------------------------------------------------- what tests turn
 
 void ReaderModel::setString(std::uint8_t index, std::optional<std::string> text) {
     if (text)

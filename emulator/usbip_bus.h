@@ -1,6 +1,6 @@
 // Readers that other machines, or this one, attach by USB/IP.
 //
-// Who attaches a reader is its host, so what goes wrong on a host's side is not for this bus to say.
+// The machine that attaches a reader is its host, so faults on the host's side cannot be made here.
 
 #pragma once
 
@@ -29,7 +29,7 @@ public:
     // What clients call the bus ID.
     std::string place(std::size_t number) const override { return readers_.at(number).busId; }
 
-    // Opened is a reader by who imports it.
+    // Importing a reader counts as opening it.
     NamedCounts counts(std::size_t number) override;
     void setBusy(std::size_t number, bool busy) override;
     void bindDriver(std::size_t number, const std::string& name) override;

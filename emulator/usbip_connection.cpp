@@ -111,7 +111,7 @@ std::size_t Connection::urb(Input bytes, Time now) {
     if (header.device != import_->reader().device().id())
         return refuse("another device than the imported one");
     if (header.direction > directionIn)
-        return refuse("a direction that there is not");
+        return refuse("an unknown direction");
     switch (static_cast<Command>(header.command)) {
     case Command::submit: {
         const Submit submit = readSubmit(bytes);

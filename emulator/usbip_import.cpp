@@ -32,20 +32,20 @@ bool resetsPort(const Submit& submit) {
 const char* Import::mistake(const UrbHeader& header, const Submit& submit) const {
     constexpr std::uint32_t highestEndpoint = 15;
     if (submit.length < 0 || static_cast<std::size_t>(submit.length) > longestTransfer)
-        return "a transfer's length";
+        return "a transfer that is too long";
     if (submit.packets != 0 && submit.packets != -1)
-        return "isochronous packets";
+        return "an isochronous transfer";
     if (header.endpoint > highestEndpoint || !reader_.model.hasEndpoint(endpointAddress(header)))
         return "an endpoint that the reader does not have";
     if (transfers_.contains(header.sequence))
         return "a sequence number that is in use";
     if (transfers_.size() == mostRequests || bytes_ + static_cast<std::size_t>(submit.length) > mostBytes)
-        return "more than may be under way";
+        return "more transfers or bytes than may be under way";
     const ControlSetup& setup = submit.setup;
     if (header.endpoint == 0 && setup.length > submit.length)
-        return "a control transfer's length";
+        return "a control transfer that is shorter than its setup packet says";
     if (header.endpoint == 0 && setup.length != 0 && setup.in() != (header.direction != 0))
-        return "a control transfer's direction";
+        return "a control transfer against the direction in its setup packet";
     return nullptr;
 }
 

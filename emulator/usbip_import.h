@@ -30,7 +30,7 @@ public:
 
     Reader& reader() const { return reader_; }
 
-    // What is wrong with a submit, of which only the header is there yet; nothing: it can be submitted.
+    // What is wrong with a submit, of which only the header is there yet; nullptr if it can be submitted.
     const char* mistake(const UrbHeader& header, const Submit& submit) const;
 
     // Both append the replies that are due.

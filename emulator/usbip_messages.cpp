@@ -47,7 +47,7 @@ std::uint8_t interfaceCount(const Device& device, const ReaderDescription& reade
     return device.configuration == 0 ? std::uint8_t{0} : reader.interfaces;
 }
 
-// What the headers of replies have: of the first numbers only two count.
+// The beginning of every reply; device, direction and endpoint are 0 in replies.
 void appendReplyHeader(Bytes& bytes, Command command, std::uint32_t sequence, int status) {
     append32(bytes, static_cast<std::uint32_t>(command));
     append32(bytes, sequence);

@@ -47,7 +47,7 @@ public:
     void plug(std::size_t number, Time now);
     void unplug(std::size_t number);
 
-    // The plugged reader with this bus ID; none: there is no such.
+    // The plugged reader with this bus ID; nullptr if there is none.
     Reader* find(std::string_view busId) const;
 
     // Those that can be imported now, as the reply to a client's request for the list.

@@ -305,7 +305,7 @@ TEST_P(UsbipUrbMistakeTest, EndsTheConnectionAndNoOther) {
     EXPECT_EQ(importStatus(next), 0U);
 }
 
-constexpr auto length = "a transfer's length";
+constexpr auto length = "a transfer that is too long";
 constexpr auto endpoint = "an endpoint that the reader does not have";
 
 INSTANTIATE_TEST_SUITE_P(
@@ -315,9 +315,10 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{"least length", submit({.sequence = 2, .endpoint = 2, .length = 0x80000000}), length},
         Mistake{"16 MiB and a byte", submit({.sequence = 2, .endpoint = 2, .length = (16 << 20) + 1}),
                 length},
-        Mistake{"isochronous", submit({.sequence = 2, .endpoint = 2, .packets = 1}), "isochronous packets"},
+        Mistake{"isochronous", submit({.sequence = 2, .endpoint = 2, .packets = 1}),
+                "an isochronous transfer"},
         Mistake{"negative packets", submit({.sequence = 2, .endpoint = 2, .packets = 0x80000000}),
-                "isochronous packets"},
+                "an isochronous transfer"},
         Mistake{"no such endpoint", submit({.sequence = 2, .endpoint = 5}), endpoint},
         Mistake{"high endpoint", submit({.sequence = 2, .endpoint = 16}), endpoint},
         Mistake{"endpoint with direction", submit({.sequence = 2, .direction = in, .endpoint = 0x81}),
@@ -325,14 +326,15 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{"endpoint of the other way", submit({.sequence = 2, .direction = in, .endpoint = 2}),
                 endpoint},
         Mistake{"no direction", submit({.sequence = 2, .direction = Direction{2}, .endpoint = 2}),
-                "a direction that there is not"},
+                "an unknown direction"},
         Mistake{"unconfigured endpoint", join({control(2, {0x00, 9, 0, 0, 0, 0, 0, 0}), fetchFrame(3)}),
                 endpoint},
         Mistake{"control transfer the other way",
                 submit({.sequence = 2, .length = 18, .setup = {0x80, 6, 0, 1, 0, 0, 18, 0}}),
-                "a control transfer's direction"},
+                "a control transfer against the direction in its setup packet"},
         Mistake{"control transfer without its data",
-                submit({.sequence = 2, .setup = {0x40, 0, 0, 0, 0, 0, 3, 0}}), "a control transfer's length"},
+                submit({.sequence = 2, .setup = {0x40, 0, 0, 0, 0, 0, 3, 0}}),
+                "a control transfer that is shorter than its setup packet says"},
         Mistake{"sequence number twice", fetchFrame(1), "a sequence number that is in use"},
         Mistake{"another's device", submit({.sequence = 2, .endpoint = 2, .device = 0x00010002}),
                 "another device than the imported one"},
@@ -348,7 +350,7 @@ TEST_F(UsbipConnectionTest, TooManyRequestsEndTheConnection) {
     EXPECT_FALSE(connection.closing());
     connection.receive(fetchFrame(4096), now);
     EXPECT_TRUE(connection.closing());
-    EXPECT_STREQ(connection.complaint(), "more than may be under way");
+    EXPECT_STREQ(connection.complaint(), "more transfers or bytes than may be under way");
 }
 
 TEST_F(UsbipConnectionTest, TooManyBytesEndTheConnection) {
@@ -360,7 +362,7 @@ TEST_F(UsbipConnectionTest, TooManyBytesEndTheConnection) {
     EXPECT_FALSE(connection.closing()) << "what is taken back does not count";
     connection.receive(fetchFrame(5, 1), now);
     EXPECT_TRUE(connection.closing());
-    EXPECT_STREQ(connection.complaint(), "more than may be under way");
+    EXPECT_STREQ(connection.complaint(), "more transfers or bytes than may be under way");
 }
 
 } // namespace
