@@ -55,7 +55,7 @@ std::string footer() {
            "attached. The\n"
            "commands busy, driver, refuse and fail-reset are errors, for the machine that attaches is the "
            "host. Readers\n"
-           "with a driver or with isochronous end points are refused. Without a program a line on standard "
+           "with a driver or with isochronous endpoints are refused. Without a program a line on standard "
            "output tells\n"
            "the address and, as GVUSB_EMULATE_SOCKET=PATH, where commands go; SIGINT or SIGTERM ends it. A "
            "program runs\n"

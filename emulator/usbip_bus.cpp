@@ -22,7 +22,7 @@ std::size_t UsbipBus::add(ReaderDescription description) {
         refuse();
     if (std::ranges::find(description.endpoints, TransferType::isochronous, &Endpoint::type) !=
         description.endpoints.end())
-        throw TextError("over USB/IP there are no isochronous end points");
+        throw TextError("over USB/IP there are no isochronous endpoints");
     return readers_.add(std::move(description));
 }
 

@@ -266,7 +266,7 @@ TEST_F(UsbipServerTest, HostsFaultsAreUpToTheHost) {
 
 TEST_F(UsbipServerTest, IsochronousEndpointsAreRefused) {
     EXPECT_EQ(command("plug endpoints=0x81+0x02+0x83:iso"),
-              "error: over USB/IP there are no isochronous end points");
+              "error: over USB/IP there are no isochronous endpoints");
     EXPECT_EQ(bus.size(), 2U);
 }
 
