@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <ranges>
 
 namespace emulator {
 
@@ -28,13 +27,13 @@ void UsbfsDevice::close(OpenId id, Time now) {
         return;
     ++counts_.closes;
     std::deque<Flying> own;
-    std::ranges::copy_if(flying_, std::back_inserter(own),
+    std::ranges::copy_if(flying_, std::front_inserter(own),
                          [&](const Flying& urb) { return urb.opening == id; });
     std::erase_if(flying_, [&](const Flying& urb) { return urb.opening == id; });
     if (model_ == nullptr)
         return;
     // The last first: taken back from the front, each would let the next be carried out.
-    for (const Flying& urb : std::views::reverse(own))
+    for (const Flying& urb : own)
         model_->cancel(urb.transfer, now);
     collect();
 }
