@@ -124,7 +124,7 @@ std::vector<gchar*> pairs(std::vector<std::string>& texts) {
 // whoever hears it finds everything in its place. Returns the device's path in sysfs.
 std::string show(UMockdevTestbed* testbed, const std::string& root, const std::string& name,
                  const ShownDevice& device) {
-    const std::string path = "/sys/devices/" + name;
+    std::string path = "/sys/devices/" + name;
     std::filesystem::create_directories(root + path);
     writeAttributes(root + path + "/", device);
     std::vector<std::string> properties;

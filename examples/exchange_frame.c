@@ -17,15 +17,16 @@ static int fail(int code) {
     return EXIT_FAILURE;
 }
 
-/* A number in hexadecimal; anything else ends the program. */
-static unsigned int hexadecimal(const char* text, unsigned int largest) {
+/* Reads a number in hexadecimal. Returns 0, and says why, when the text is none. */
+static int read_hexadecimal(const char* text, unsigned int largest, unsigned int* number) {
     char* end;
     unsigned long value = strtoul(text, &end, 16);
-    if (end == text || *end != '\0' || value > largest) {
-        fprintf(stderr, "'%s' is not a hexadecimal number up to %X\n", text, largest);
-        exit(EXIT_FAILURE);
+    *number = (unsigned int)value;
+    if (end != text && *end == '\0' && value <= largest) {
+        return 1;
     }
-    return (unsigned int)value;
+    fprintf(stderr, "'%s' is not a hexadecimal number up to %X\n", text, largest);
+    return 0;
 }
 
 int main(int argc, char** argv) {
@@ -33,11 +34,18 @@ int main(int argc, char** argv) {
         fprintf(stderr, "usage: %s ID BYTE...\n", argv[0]);
         return EXIT_FAILURE;
     }
-    unsigned int id = hexadecimal(argv[1], 0xFFFFFFFF);
+    unsigned int id;
+    unsigned int byte;
     unsigned char frame[MAX_FRAME];
     unsigned int length = 0;
+    if (!read_hexadecimal(argv[1], 0xFFFFFFFF, &id)) {
+        return EXIT_FAILURE;
+    }
     for (int i = 2; i < argc; ++i) {
-        frame[length++] = (unsigned char)hexadecimal(argv[i], 0xFF);
+        if (!read_hexadecimal(argv[i], 0xFF, &byte)) {
+            return EXIT_FAILURE;
+        }
+        frame[length++] = (unsigned char)byte;
     }
 
     int code = GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
