@@ -1,6 +1,8 @@
 #include "text.h"
 
+#include <array>
 #include <charconv>
+#include <cstdio>
 
 namespace emulator {
 
@@ -92,6 +94,12 @@ std::string hexText(std::span<const std::uint8_t> bytes) {
         text += digits[byte & 0x0F];
     }
     return text;
+}
+
+std::string numbered(const char* format, unsigned first, unsigned second) {
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), format, first, second);
+    return text.data();
 }
 
 } // namespace emulator

@@ -1,4 +1,4 @@
-// Small readings of text that descriptions and commands share: splitting, numbers, hexadecimal bytes.
+// Small readings and writings of text: splitting, numbers, hexadecimal bytes.
 //
 // Plain functions on plain values; any thread may call them.
 
@@ -39,6 +39,9 @@ Bytes hexBytes(std::string_view what, std::string_view text);
 
 // Bytes to "0102ff".
 std::string hexText(std::span<const std::uint8_t> bytes);
+
+// A short text with two numbers in it, such as "%03u/%03u".
+std::string numbered(const char* format, unsigned first, unsigned second = 0);
 
 } // namespace emulator
 

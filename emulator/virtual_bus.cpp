@@ -2,13 +2,12 @@
 
 #include "descriptors.h"
 #include "event_listeners.h"
+#include "shown_device.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <fstream>
+#include <filesystem>
 #include <system_error>
 
 #include <sys/eventfd.h>
@@ -26,124 +25,6 @@ constexpr std::chrono::seconds patience(20);
 
 Time now() {
     return std::chrono::steady_clock::now();
-}
-
-std::string numbered(const char* format, unsigned first, unsigned second) {
-    std::array<char, 64> text{};
-    std::snprintf(text.data(), text.size(), format, first, second);
-    return text.data();
-}
-
-std::string hex16(std::uint16_t value) {
-    return numbered("%04x", value, 0);
-}
-
-const char* megabits(Speed speed) {
-    switch (speed) {
-    case Speed::low:
-        return "1.5";
-    case Speed::full:
-        return "12";
-    case Speed::high:
-        break;
-    }
-    return "480";
-}
-
-void writeFile(const std::string& file, std::string_view content) {
-    std::ofstream(file, std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
-}
-
-// An unconfigured device has an empty line there.
-std::string configurationText(std::uint8_t value) {
-    return (value != 0 ? std::to_string(value) : std::string{}) + "\n";
-}
-
-std::string_view asText(const Bytes& bytes) {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
-// What the system shows of a device.
-struct ShownDevice {
-    std::uint8_t bus = 1;
-    std::uint8_t address = 0;
-    std::uint16_t vendor = 0;
-    std::uint16_t product = 0;
-    std::uint16_t release = 0;
-    Speed speed = Speed::full;
-    std::uint8_t configuration = 0;
-    Bytes descriptors; // the device's, then those of each configuration
-};
-
-// Each bus begins with the hub of its host controller, as the kernel shows it.
-constexpr std::uint8_t rootHubAddress = 1;
-
-ShownDevice rootHub(std::uint8_t bus) {
-    return {.bus = bus,
-            .address = rootHubAddress,
-            .vendor = 0x1D6B, // the Linux Foundation's
-            .product = 0x0002,
-            .release = 0x0601,
-            .speed = Speed::high,
-            .configuration = 1,
-            .descriptors = {18,   1,    0x00, 0x02, 9,    0, 0, 64,   0x6B,
-                            0x1D, 0x02, 0x00, 0x01, 0x06, 3, 2, 1,    1, // device
-                            9,    2,    25,   0,    1,    1, 0, 0xE0, 0, // configuration
-                            9,    4,    0,    0,    1,    9, 0, 0,    0, // interface
-                            7,    5,    0x81, 3,    4,    0, 12}}; // endpoint that tells of changes at ports
-}
-
-std::string nodePath(const ShownDevice& device) {
-    return numbered("/dev/bus/usb/%03u/%03u", device.bus, device.address);
-}
-
-// The files that libusb reads, and the two that udev rules commonly match. They are written here and not by
-// umockdev, which makes each under another name first: with hundreds of readers that is most of the time it
-// takes to start.
-void writeAttributes(const std::string& folder, const ShownDevice& device) {
-    writeFile(folder + "descriptors", asText(device.descriptors));
-    writeFile(folder + "busnum", std::to_string(device.bus) + "\n");
-    writeFile(folder + "devnum", std::to_string(device.address) + "\n");
-    writeFile(folder + "idVendor", hex16(device.vendor) + "\n");
-    writeFile(folder + "idProduct", hex16(device.product) + "\n");
-    writeFile(folder + "speed", megabits(device.speed) + std::string("\n"));
-    writeFile(folder + "bConfigurationValue", configurationText(device.configuration));
-}
-
-// Null-terminated name and value pairs, as umockdev takes them.
-std::vector<gchar*> pairs(std::vector<std::string>& texts) {
-    std::vector<gchar*> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (std::string& text : texts)
-        pointers.push_back(text.data());
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
-// Makes a device with this name appear, whose node is there already. The event that tells of it comes last:
-// whoever hears it finds everything in its place. Returns the device's path in sysfs.
-std::string show(UMockdevTestbed* testbed, const std::string& root, const std::string& name,
-                 const ShownDevice& device) {
-    std::string path = "/sys/devices/" + name;
-    std::filesystem::create_directories(root + path);
-    writeAttributes(root + path + "/", device);
-    std::vector<std::string> properties;
-    const auto property = [&](const char* key, std::string value) {
-        properties.emplace_back(key);
-        properties.push_back(std::move(value));
-    };
-    property("DEVTYPE", "usb_device");
-    property("DEVNAME", nodePath(device));
-    property("BUSNUM", numbered("%03u", device.bus, 0));
-    property("DEVNUM", numbered("%03u", device.address, 0));
-    property("MAJOR", "189"); // the kernel's for USB devices
-    property("MINOR", std::to_string((device.bus - 1) * 128 + device.address - 1));
-    property("PRODUCT",
-             numbered("%x/%x", device.vendor, device.product) + numbered("/%x", device.release, 0));
-    std::array<gchar*, 1> noAttributes = {nullptr};
-    g_free(umockdev_testbed_add_devicev(testbed, "usb", name.c_str(), nullptr, noAttributes.data(),
-                                        pairs(properties).data()));
-    return path;
 }
 
 } // namespace
@@ -187,16 +68,9 @@ std::size_t VirtualBus::add(ReaderDescription description) {
     return readers_.size();
 }
 
-// A host controller's hub is there before any reader is. Nobody talks to it; its node holds what reading any
-// device's node gives.
 void VirtualBus::begin(std::uint8_t bus) {
-    if (!lastAddress_.try_emplace(bus, rootHubAddress).second)
-        return;
-    const ShownDevice hub = rootHub(bus);
-    const std::filesystem::path node = root() + nodePath(hub);
-    std::filesystem::create_directories(node.parent_path());
-    writeFile(node, asText(hub.descriptors));
-    show(testbed_, root(), numbered("usb%u", bus, 0), hub);
+    if (lastAddress_.try_emplace(bus, rootHubAddress).second)
+        showRootHub(testbed_, root(), bus);
 }
 
 // Before anything is changed, so that what is refused has not half happened.
