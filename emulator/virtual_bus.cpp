@@ -39,7 +39,7 @@ VirtualBus::VirtualBus(std::filesystem::path folder)
     // libusb looks for the bus's folder when it starts, also while it is empty.
     std::filesystem::create_directories(root() + "/dev/bus/usb");
     std::filesystem::create_directories(root() + "/sys/bus/usb/devices");
-    begin(1);
+    ensureRootHub(1);
 }
 
 VirtualBus::~VirtualBus() {
@@ -68,7 +68,7 @@ std::size_t VirtualBus::add(ReaderDescription description) {
     return readers_.size();
 }
 
-void VirtualBus::begin(std::uint8_t bus) {
+void VirtualBus::ensureRootHub(std::uint8_t bus) {
     if (lastAddress_.try_emplace(bus, rootHubAddress).second)
         showRootHub(testbed_, root(), bus);
 }
@@ -113,7 +113,7 @@ void VirtualBus::plug(std::size_t number) {
         throw TextError("reader " + std::to_string(number) + " is plugged");
     awaitListeners();
     const ReaderDescription& description = reader.model.description();
-    begin(description.bus);
+    ensureRootHub(description.bus);
     reader.address = freeAddress(description);
     {
         const std::lock_guard lock(mutex_);

@@ -72,7 +72,7 @@ protected:
 private:
     Reader& readerNumber(std::size_t number) const;
     static void deliver(Reader& reader);
-    void begin(std::uint8_t bus); // with its hub, which is there before any reader is
+    void ensureRootHub(std::uint8_t bus); // it is there before any reader of its bus
     std::uint8_t freeAddress(const ReaderDescription& description);
     void awaitListeners() const;
     std::filesystem::path refusalFile(const Reader& reader) const;

@@ -11,8 +11,8 @@ by_client() {
     check "the detached reader is found no more" [ "$("$tool" list 2>&1 | head -n 1)" = 'gvusb: GVUSB: (-1112) no device found' ]
 }
 
-# What a program leaves behind is killed, but ends only once the reader has given back what flies, which nobody makes
-# it do any more when the server has ended.
+# A program that is killed ends only when its transfers have been given back, and a server that no longer serves gives
+# nothing back.
 leaves_a_waiting_program_behind() {
     "$launcher" --send "mute 1 in" >/dev/null
     "$tool" send --timeout 600000 A1 00 >/dev/null 2>&1 &
