@@ -5,7 +5,8 @@
  *
  * The library polls the bus in a thread of its own and calls the handlers there. A reader that was opened and
  * comes back takes its old place: its handle works again. Each handler scans, as a reader is reported only once
- * between two scans.
+ * between two scans, and it scans before it tells of the reader: the leaving of a reader is reported only of
+ * those that the last scan found.
  */
 #define _POSIX_C_SOURCE 199309L /* nanosleep, clock_gettime */
 #include <gvusb.h>
@@ -32,15 +33,15 @@ static double seconds_since_start(void) {
 static void on_connect(int handle, unsigned int id, const char* text) {
     (void)handle;
     (void)text;
-    printf("  %4.1f s  event: reader %X was connected\n", seconds_since_start(), id);
     GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
+    printf("  %4.1f s  event: reader %X was connected\n", seconds_since_start(), id);
 }
 
 static void on_disconnect(int handle, unsigned int id, const char* text) {
     (void)text;
+    GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
     printf("  %4.1f s  event: reader %X was disconnected, its handle is 0x%x\n", seconds_since_start(), id,
            (unsigned int)handle);
-    GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
 }
 
 static int watch_events(void) {

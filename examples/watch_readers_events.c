@@ -70,6 +70,7 @@ int main(int argc, char** argv) {
         libusb_exit(NULL);
         return fail(code);
     }
+    printf("waiting for readers to come and go\n");
 
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
