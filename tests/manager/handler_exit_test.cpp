@@ -12,8 +12,8 @@ namespace fake = fake_libusb;
 
 namespace {
 
-// A process that takes longer than a second to end is killed. Registered before any static object of the
-// library is built, so that the second is over when they are gone; what sanitizers do then is not counted.
+// A process that takes longer than ten seconds to end is killed. Registered before any static object of the
+// library is built, so that the time is over when they are gone; what sanitizers do then is not counted.
 void endInTime() {
     alarm(0);
 }
@@ -29,7 +29,7 @@ void exitingHandler(int, unsigned int, const char*) {
         // The threads that shall wait for this handler get there in this time.
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    alarm(1);
+    alarm(10);
     std::exit(7);
 }
 

@@ -1,5 +1,6 @@
 // Hot-plug callbacks inside and outside libusb's event handling: what they do there, and which thread reports.
 #include "captured_stdout.h"
+#include "hotplug_queue_probe.h"
 #include "manager_lists.h"
 #include "manager_test.h"
 #include "mutex_probe.h"
@@ -269,6 +270,7 @@ TEST_F(HotPlugDeliveryTest, ReportInProgressIsAwaitedAtUnloadAndTheRestDropped) 
         deregistered = deregistered || function == "libusb_hotplug_deregister_callback";
     });
     auto unloading = std::async(std::launch::async, [] { g_GvUsbMan.~GVDrvHnd(); });
+    ASSERT_TRUE(isBeingStopped(g_GvUsbMan.m_HotPlugQueue, "dev2"));
     EXPECT_EQ(unloading.wait_for(std::chrono::milliseconds(10)), std::future_status::timeout);
     EXPECT_FALSE(deregistered);
     turnstile.letOneThrough();

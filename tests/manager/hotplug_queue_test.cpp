@@ -1,6 +1,7 @@
 #include "manager/hotplug_queue.h"
 
 #include "allocation_failure.h"
+#include "hotplug_queue_probe.h"
 #include "manager_test.h"
 #include "waiting.h"
 
@@ -212,6 +213,7 @@ TEST_F(HotPlugQueueTest, StopWaitsForTheReportInProgressAndDropsTheRest) {
         queue.Post(arrived, devices[static_cast<std::size_t>(i)]);
     }
     auto stopping = std::async(std::launch::async, [&] { queue.Stop(); });
+    ASSERT_TRUE(isBeingStopped(queue, "dev5"));
     EXPECT_EQ(stopping.wait_for(std::chrono::milliseconds(10)), std::future_status::timeout);
     turnstile.letOneThrough();
     EXPECT_EQ(stopping.wait_for(std::chrono::seconds(5)), std::future_status::ready);

@@ -1,0 +1,19 @@
+// Tells when another thread has begun to stop a queue of hot-plug events.
+#pragma once
+
+#include "manager/hotplug_queue.h"
+
+#include "fake_libusb.h"
+#include "waiting.h"
+
+#include <string_view>
+
+// What is posted from then on is not kept, so it takes no more references to the device. What this posts before is
+// dropped with the rest.
+inline bool isBeingStopped(HotPlugQueue& queue, std::string_view device) {
+    return waiting::eventually([&] {
+        const int before = fake_libusb::references(device);
+        queue.Post(LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED, fake_libusb::device(device));
+        return fake_libusb::references(device) == before;
+    });
+}
