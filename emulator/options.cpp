@@ -23,6 +23,7 @@ std::string footer() {
            "Without --reader and --readers there are two: number 1 with bulk endpoints (product 1, device "
            "ID 1A2B3C)\n"
            "and number 2 without (product 2, device ID 1A2B3D), to which frames go by control transfers.\n"
+           "A program has room for 50 that are open.\n"
            "A description has KEY=VALUE pairs with commas between them; \\, is a comma inside a value. In a "
            "file there\n"
            "is one to a line. What is in parentheses holds where nothing is said:\n" +

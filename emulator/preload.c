@@ -1,14 +1,13 @@
 // The companion of umockdev's preload inside the emulated program: it evens out what that one leaves to be
 // desired and redirects the library's configuration file.
 //
-// - umockdev's table of open nodes is not locked, and a failed open stays in it: opens and closes go one at a
-// time,
-//   and a failed one is followed by close(-1), which takes it out again.
-// - The node tells the emulator that it is about to be closed and waits for the answer, so that interfaces
-// are free
-//   when close() returns.
+// - umockdev's table of what is open below /dev is not locked, and a failed open stays in it: opens and closes
+//   go one at a time, and a failed one is followed by close(-1), which takes it out again.
+// - That table has 50 places, and umockdev aborts the program that wants one more: its open() fails instead.
+// - The node tells the emulator that it is about to be closed and waits for the answer, so that interfaces are
+//   free when close() returns.
 // - umockdev names a program's udev socket by its file descriptor alone; two programs would take each other's
-// place.
+//   place.
 // - Opening a node can be refused, to root as well.
 //
 // All functions may be called from any thread, also before constructors have run.
@@ -43,8 +42,8 @@ static const char configuration_file[] = "/etc/gavo/gvusb.conf";
 static const unsigned long closing_request = _IO('U', 0xE0);
 
 // What a file descriptor is, for those that close() has to look at.
-enum kind { other, node, event_socket };
-enum { most_descriptors = 4096 };
+enum kind { other, device, node, event_socket };
+enum { most_descriptors = 4096, most_open_devices = 50 };
 static struct {
     enum kind kind;
     pid_t owner; // a forked child that closes its copy must not end what its parent uses
@@ -79,6 +78,7 @@ static struct {
     fopen_function* fopen;
     fopen_function* fopen64;
     int (*close)(int);
+    int (*fclose)(FILE*);
     int (*ioctl)(int, unsigned long, ...);
     int (*bind)(int, __CONST_SOCKADDR_ARG, socklen_t);
 } next;
@@ -100,6 +100,7 @@ static void find_all(void) {
     find("fopen", &next.fopen, sizeof next.fopen);
     find("fopen64", &next.fopen64, sizeof next.fopen64);
     find("close", &next.close, sizeof next.close);
+    find("fclose", &next.fclose, sizeof next.fclose);
     find("ioctl", &next.ioctl, sizeof next.ioctl);
     find("bind", &next.bind, sizeof next.bind);
 }
@@ -126,12 +127,26 @@ static enum kind take_note(int descriptor) {
     return kind;
 }
 
+static bool is_device(int descriptor) {
+    return descriptor >= 0 && descriptor < most_descriptors &&
+           (descriptors[descriptor].kind == device || descriptors[descriptor].kind == node);
+}
+
+static int open_devices(void) {
+    int count = 0;
+    for (int i = 0; i < most_descriptors; ++i)
+        count += is_device(i);
+    return count;
+}
+
 static bool begins_with(const char* text, const char* beginning) {
     return strncmp(text, beginning, strlen(beginning)) == 0;
 }
 
-// The errno with which opening a node is refused at present; 0: it is not.
+// The errno with which opening something below /dev is refused at present; 0: it is not.
 static int refusal(const char* path) {
+    if (open_devices() >= most_open_devices)
+        return EMFILE;
     const char* folder = getenv("GVUSB_EMULATE_FOLDER");
     if (folder == NULL || !begins_with(path, node_folder))
         return 0;
@@ -156,8 +171,7 @@ static const char* redirected(const char* path) {
 // Keeps account of an open below /dev that has just been tried.
 static void after_open(const char* path, int opened) {
     if (opened >= 0) {
-        if (begins_with(path, node_folder))
-            note(opened, node);
+        note(opened, begins_with(path, node_folder) ? node : device);
         return;
     }
     const int error = errno;
@@ -192,6 +206,22 @@ static int checked_open_by(checked_open_function* function, const char* path, in
     } else {
         opened = function(path, flags);
         after_open(path, opened);
+    }
+    leave_lock();
+    return opened;
+}
+
+static FILE* fopen_by(fopen_function* function, const char* path, const char* mode) {
+    if (!begins_with(path, device_folder))
+        return function(redirected(path), mode);
+    take_lock();
+    FILE* opened = NULL;
+    const int error = refusal(path);
+    if (error != 0) {
+        errno = error;
+    } else {
+        opened = function(path, mode);
+        after_open(path, opened != NULL ? fileno(opened) : -1);
     }
     leave_lock();
     return opened;
@@ -254,12 +284,12 @@ EXPORT int openat64(int folder, const char* path, int flags, ...) {
 
 EXPORT FILE* fopen(const char* path, const char* mode) {
     prepare();
-    return next.fopen(redirected(path), mode);
+    return fopen_by(next.fopen, path, mode);
 }
 
 EXPORT FILE* fopen64(const char* path, const char* mode) {
     prepare();
-    return next.fopen64(redirected(path), mode);
+    return fopen_by(next.fopen64, path, mode);
 }
 
 static void event_socket_name(char* name, size_t size, int descriptor, bool with_process) {
@@ -288,9 +318,8 @@ EXPORT int bind(int descriptor, __CONST_SOCKADDR_ARG address, socklen_t length) 
     return result;
 }
 
-EXPORT int close(int descriptor) {
-    prepare();
-    take_lock();
+// Tells those who have to know that a descriptor is about to be closed, and forgets it.
+static void before_close(int descriptor) {
     const enum kind kind = take_note(descriptor);
     if (kind == node) {
         next.ioctl(descriptor, closing_request, NULL);
@@ -299,7 +328,27 @@ EXPORT int close(int descriptor) {
         event_socket_name(name, sizeof name, descriptor, true);
         unlink(name);
     }
+}
+
+EXPORT int close(int descriptor) {
+    prepare();
+    take_lock();
+    before_close(descriptor);
     const int result = next.close(descriptor);
     leave_lock();
+    return result;
+}
+
+EXPORT int fclose(FILE* file) {
+    prepare();
+    take_lock();
+    const int descriptor = fileno(file);
+    const bool of_device = is_device(descriptor);
+    before_close(descriptor);
+    if (!of_device)
+        leave_lock(); // what is written out may take long
+    const int result = next.fclose(file);
+    if (of_device)
+        leave_lock();
     return result;
 }

@@ -6,6 +6,7 @@
 // Reader 1 is the default bulk reader and reader 2 the default control reader, unless the case says
 // otherwise.
 
+#include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -641,6 +642,50 @@ static void opens_many_readers(void) {
         libusb_close(handles[i]);
 }
 
+// Opens a file and closes it again; the errno of what failed.
+static int open_in_passing(const char* path) {
+    FILE* const file = fopen(path, "r");
+    if (file == NULL)
+        return errno;
+    return fclose(file) == 0 ? 0 : errno;
+}
+
+// What is below /dev shares the room. The program goes on when there is none, and has it again after closing.
+static void opens_no_more_than_there_is_room_for(void) {
+    enum { readers = 50, room = 50, other_devices = 3, beyond = room - other_devices };
+    libusb_device** list;
+    libusb_device_handle* handles[readers];
+    int others[other_devices];
+    for (int i = 0; i < 2 * room; ++i) {
+        expect("open in passing", open_in_passing("/dev/null"), 0);
+        expect("open nothing", open_in_passing("/dev/no-such-device"), ENOENT);
+    }
+    for (int i = 0; i < other_devices; ++i)
+        others[i] = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    expect("devices", libusb_get_device_list(NULL, &list), readers + root_hubs);
+    for (int i = 0; i < beyond; ++i)
+        expect("open", libusb_open(list[i], &handles[i]), 0);
+    for (int i = beyond; i < readers; ++i)
+        expect("open without room", libusb_open(list[i], &handles[i]), LIBUSB_ERROR_IO);
+    expect("open without room", open_in_passing("/dev/null"), EMFILE);
+    expect("open what is no device", open_in_passing("/proc/self/maps"), 0);
+
+    libusb_close(handles[0]);
+    expect("open in the room of a reader", libusb_open(list[beyond], &handles[beyond]), 0);
+    expect("open without room", libusb_open(list[0], &handles[0]), LIBUSB_ERROR_IO);
+    for (int i = 0; i < other_devices; ++i)
+        expect("close", close(others[i]), 0);
+    expect("open again", libusb_open(list[0], &handles[0]), 0);
+    for (int i = beyond + 1; i < readers; ++i)
+        expect("open in the room of other devices", libusb_open(list[i], &handles[i]), 0);
+    libusb_free_device_list(list, 1);
+    for (int i = 0; i < readers; ++i) {
+        expect("claim", libusb_claim_interface(handles[i], 0), 0);
+        expect_bulk_echo(handles[i], i + 1, 64);
+        libusb_close(handles[i]);
+    }
+}
+
 static void* open_and_close(void* product) {
     unsigned char text[64];
     for (int i = 0; i < 50; ++i) {
@@ -723,6 +768,7 @@ static const struct {
     {"waits_for_a_departure", waits_for_a_departure},
     {"two_processes_hear_of_plugs", two_processes_hear_of_plugs},
     {"opens_many_readers", opens_many_readers},
+    {"opens_no_more_than_there_is_room_for", opens_no_more_than_there_is_room_for},
     {"opens_from_two_threads", opens_from_two_threads},
     {"finds_what_is_there_after_being_stopped", finds_what_is_there_after_being_stopped},
 };
