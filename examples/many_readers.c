@@ -62,12 +62,12 @@ int main(int argc, char** argv) {
         fprintf(stderr, "%s\n", text);
         return EXIT_FAILURE;
     }
-    for (int handle = GVUSB_GetDeviceList(0); handle != 0 && count < MAX_READERS;
-         handle = GVUSB_GetDeviceList(handle)) {
+    int handle = GVUSB_GetDeviceList(0);
+    for (; handle != 0 && count < MAX_READERS; handle = GVUSB_GetDeviceList(handle)) {
         readers[count++] = (struct reader){.handle = handle, .exchanges = exchanges};
     }
-    if (count == MAX_READERS) {
-        fprintf(stderr, "Any readers beyond %d are left alone.\n", MAX_READERS);
+    if (handle != 0) {
+        fprintf(stderr, "The readers beyond %d are left alone.\n", MAX_READERS);
     }
     int started = 0;
     while (started < count && pthread_create(&readers[started].thread, NULL, talk, &readers[started]) == 0) {
