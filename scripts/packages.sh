@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Installs Debian packages that are missing; sourced by the scripts beside it.
 
 # For build folders that do not exist yet; one that somebody has configured by hand keeps its generator.
@@ -14,7 +15,7 @@ test_packages=(clang libclang-rt-14-dev llvm clang-format libgtest-dev libgmock-
     abigail-tools doxygen help2man python3 usbip qemu-system-x86 cpio)
 
 # What looking for mistakes without running anything takes beyond both; run-clang-tidy is a Python program.
-analysis_packages=(clang-tidy cppcheck gcc jq python3)
+analysis_packages=(clang-tidy cppcheck gcc git jq python3 shellcheck)
 
 # What measuring takes beyond the first.
 bench_packages=(binutils libbenchmark-dev python3 strace valgrind)

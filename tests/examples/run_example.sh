@@ -33,6 +33,8 @@ send() {
 # Starts an example whose output `await` reads.
 start() {
     coproc example { "$@"; }
+    # shellcheck disable=SC2154 # set by coproc
+    pid=$example_PID
 }
 
 # Reads the example's output until all of these texts have come, in whatever order.
@@ -99,7 +101,7 @@ overcomes_errors_on_bus() {
     send "plug 1"
     await "it is back"
     await "5 bytes"
-    kill "$example_PID"
+    kill "$pid"
 }
 
 watches_by_polling() {
@@ -118,7 +120,7 @@ watches_by_polling_on_bus() {
     await "event: reader 2B0001 was connected"
     send "unplug 2"
     await "event: reader 2B0001 was disconnected"
-    kill "$example_PID"
+    kill "$pid"
 }
 
 watches_by_libusb_events() {
@@ -127,13 +129,13 @@ watches_by_libusb_events() {
 }
 
 watches_by_libusb_events_on_bus() {
-    start "$examples/watch_readers_events" 3
+    start "$examples/watch_readers_events" 5
     await "waiting for readers"
     send "plug id=2B0001"
     await "reader 2B0001 was connected"
     send "unplug 1"
     await "a reader was disconnected"
-    wait "$example_PID"
+    wait "$pid"
 }
 
 says_which_mode_it_needs() {

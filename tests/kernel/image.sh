@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Makes the root file system that the guest's kernel unpacks into its memory. Sourced by run.
 
 # What a reader takes from the kernel: the USB core, a controller whose ports lead to a server, and one driver that may

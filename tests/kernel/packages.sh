@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # The packages that the guest is made of: fetched, unpacked and kept, but never installed. Sourced by run.
 
 # Debian's own kernel, the udev and the USB/IP client that belong to it, and a shell with the usual commands.
