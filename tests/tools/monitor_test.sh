@@ -4,13 +4,14 @@ source "$(dirname "$0")/testing.sh"
 
 # Starts the monitor and waits until it watches: a first reader comes, again and again until it is told of.
 watching='
+    last_is_of_leaving() { tail -n 1 "$scratch/events" | grep -q disconnect; }
     "$gvusb" monitor $monitor_options >"$scratch/events" 2>"$scratch/complaints" &
     monitor=$!
     bus "plug id=F0,plugged=no"
     until [ -s "$scratch/events" ]; do
         bus "plug 3"; sleep 0.3; bus "unplug 3"; sleep 0.3
     done
-    sleep 0.3
+    await last_is_of_leaving
     : >"$scratch/events"
 '
 

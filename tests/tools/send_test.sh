@@ -53,7 +53,8 @@ tells_other_failures() {
 }
 
 tells_that_the_reader_is_gone() {
-    shell_on_bus '"$gvusb" send A1 02 --repeat 1000000 --keep-going & sleep 0.3; bus "unplug 1"; wait $!'
+    shell_on_bus '"$gvusb" send A1 02 --repeat 1000000 --keep-going >"$scratch/answers" &
+        await test -s "$scratch/answers"; bus "unplug 1"; wait $!; status=$?; cat "$scratch/answers"; exit $status'
     expect_status 4
     expect_errors 'gvusb: reader A1: GVUSB: (-1137) device is not present'
     expect_in_output '^failed           1$'
