@@ -201,12 +201,13 @@ sends_commands() {
 }
 
 runs_script() {
-    printf '# away and back\nat 0 unplug 1\nat 300 plug 1\n at 300 unplug 9\n' >"$scratch/script"
-    expect_status 0 "$emulate" --script "$scratch/script" -- sh -c "sleep 0.1; '$emulate' --send list;
-        '$emulate' --send 'wait 400'; '$emulate' --send list"
+    printf '# away and back\nat 0 unplug 1\n at 1500 unplug 9\nat 1500 plug 1\n' >"$scratch/script"
+    expect_status 0 "$emulate" --script "$scratch/script" -- sh -c "
+        until '$emulate' --send list | grep 'unplugged'; do sleep 0.02; done
+        while '$emulate' --send list | grep -q 'unplugged'; do sleep 0.02; done; '$emulate' --send list"
     expect_output '^ok 1 [0-9a-f:]* unplugged 1A2B3C; 2 .*$'
     expect_output '^ok 1 [0-9a-f:]* 001/004 1A2B3C; 2 .*$'
-    expect_output 'script line 4: error: reader is'
+    expect_output 'script line 3: error: reader is'
 }
 
 # Starts a server without a program; waits for its line, of which it takes the address and the socket.
@@ -232,17 +233,17 @@ serves_usbip_until_a_signal() {
     done
 }
 
+listed() { "$emulate" --send list | grep -q "$1"; } # PATTERN
+
 takes_commands_while_it_serves_usbip() {
-    printf 'at 300 string 2 1 BEEF\n' >"$scratch/script"
+    printf 'at 1500 string 2 1 BEEF\n' >"$scratch/script"
     start_server --reader id=CAFE --reader id=D00F,plugged=no --script "$scratch/script"
     expect_status 0 "$emulate" --send list
     expect_output '^ok 1 [0-9a-f]*:0001 1-1 CAFE; 2 [0-9a-f]*:0001 unplugged D00F$'
     expect_status 1 "$emulate" --send 'busy 1 on'
     expect_output '^error: over USB/IP that is up to the machine that attaches the reader$'
     expect_status 0 "$emulate" --send 'plug 2'
-    expect_status 0 "$emulate" --send 'wait 400'
-    expect_status 0 "$emulate" --send list
-    expect_output '1-2 BEEF$'
+    await listed '1-2 BEEF$'
     kill "$launcher"
     wait "$launcher"
 }
