@@ -403,9 +403,8 @@ int GVUSB_GetDeviceHnd(unsigned int devId);
  *          GVUSB_ERR_UNKNOWN_INTERFACE; GVUSB_ERR_NO_CONFIGURATION, GVUSB_ERR_CONFIG_DESCRIPTOR_READ,
  *          GVUSB_ERR_CANNOT_CLAIM from the first transfer after opening (close and open the reader then;
  *          later transfers go on without the interface); GVUSB_ERR_SEND_LENGTH (over 65535 bytes by control
- *          transfers, over 2147483647 by bulk); GVUSB_ERR_TIMEOUT; GVUSB_ERR_NOT_PRESENT (unplugged);
- *          GVUSB_ERR_BULK_TRANSFER or GVUSB_ERR_CONTROL_TRANSFER (anything else, lengths that libusb does not
- *          take included)
+ *          transfers); GVUSB_ERR_TIMEOUT; GVUSB_ERR_NOT_PRESENT (unplugged); GVUSB_ERR_BULK_TRANSFER or
+ *          GVUSB_ERR_CONTROL_TRANSFER (anything else, lengths that libusb does not take included)
  *
  * Sets the last error to 0 or to the returned code, and so the reader's own. Any thread.
  */

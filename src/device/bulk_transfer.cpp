@@ -5,19 +5,30 @@
 #include "gvusb.h"
 
 #include <climits>
+#include <cstdint>
 #include <cstring>
+
+namespace {
+
+// libusb counts bytes in an int.
+int bulkTransfer(libusb_device_handle* handle, std::uint8_t endpoint, unsigned char* data,
+                 unsigned int length, int& transferred, unsigned int timeout) {
+    if (length > INT_MAX) {
+        return LIBUSB_ERROR_INVALID_PARAM;
+    }
+    return libusb_bulk_transfer(handle, endpoint, data, static_cast<int>(length), &transferred, timeout);
+}
+
+} // namespace
 
 int GVDevice::Transmit_Bulk(const unsigned char* data, unsigned int len) {
     constexpr const char* tag = "bulkTransmit";
     if (GVLOG_Level() > 1) {
         LogSent(tag, data, len);
     }
-    if (len > INT_MAX) {
-        return GVUSB_ERR_SEND_LENGTH;
-    }
     int transferred = 0;
-    const int rc = libusb_bulk_transfer(usbdev_hnd, addrOut, const_cast<unsigned char*>(data),
-                                        static_cast<int>(len), &transferred, timeout);
+    const int rc =
+        bulkTransfer(usbdev_hnd, addrOut, const_cast<unsigned char*>(data), len, transferred, timeout);
     if (rc >= 0) {
         return GVUSB_OK;
     }
@@ -34,9 +45,7 @@ int GVDevice::Transmit_Bulk(const unsigned char* data, unsigned int len) {
 int GVDevice::Receive_Bulk(unsigned char* buf, unsigned int size) {
     std::memset(buf, 0, size);
     int transferred = 0;
-    const int rc = size > INT_MAX ? int{LIBUSB_ERROR_INVALID_PARAM}
-                                  : libusb_bulk_transfer(usbdev_hnd, addrIn, buf, static_cast<int>(size),
-                                                         &transferred, timeout);
+    const int rc = bulkTransfer(usbdev_hnd, addrIn, buf, size, transferred, timeout);
     if (rc < 0) {
         if (GVLOG_Level() > 1) {
             logLine("bulkReceive", "returned ", rc);
