@@ -1,5 +1,7 @@
 #include "base/key_text.h"
 
+#include <cctype>
+
 namespace {
 
 constexpr char upperCase(char c) noexcept {
@@ -10,7 +12,7 @@ constexpr char upperCase(char c) noexcept {
 
 void g_ToUpperString(const char* src, char* dst) {
     for (; *src != '\0'; ++src, ++dst) {
-        *dst = upperCase(*src);
+        *dst = static_cast<char>(std::toupper(static_cast<unsigned char>(*src)));
     }
     *dst = '\0';
 }

@@ -4,9 +4,10 @@
 #include <cstddef>
 #include <utility>
 
-// Copies src to dst, which must have room, in upper case: ASCII letters only, whatever the process's locale.
+// Copies src to dst, which must have room, in the upper case of the process's locale.
 void g_ToUpperString(const char* src, char* dst);
 
+// Keys are ASCII, and the same keys in every locale.
 bool equalsInUpperCase(const char* text, const char* known) noexcept;
 
 template <std::size_t Size, std::size_t... I>
