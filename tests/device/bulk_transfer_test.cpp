@@ -187,6 +187,12 @@ TEST_F(BulkTransferTest, EmptyReceptionIsDumpedWithABlankCount) {
     EXPECT_EQ(device.lastError, GVUSB_OK);
 }
 
+TEST_F(BulkTransferTest, LongestLengthThatLibusbTakesReachesIt) {
+    fake::failNext("libusb_bulk_transfer", LIBUSB_ERROR_NO_MEM); // which reads nothing of the frame
+    EXPECT_EQ(device.Transmit(protocol, sentFrame.data(), 0x7FFFFFFF), GVUSB_ERR_BULK_TRANSFER);
+    EXPECT_THAT(fake::takeCalls(), ElementsAre("libusb_bulk_transfer(hnd1, 0x02, 2147483647, 1000) = -11"));
+}
+
 TEST_F(BulkTransferTest, LengthBeyondWhatLibusbTakesIsATransferErrorAfterTheDump) {
     const fake::Bytes start(1400, 0x55); // more is never read of it
     for (const unsigned int length : {0x80000000u, 0xFFFFFFFFu}) {
