@@ -41,6 +41,13 @@ TEST_F(IdentifyTest, ReadsTheFourTextsAndLeavesTheReaderClosed) {
     EXPECT_EQ(stateOf(device), closedState);
 }
 
+TEST_F(IdentifyTest, OpenReaderLosesNoHandle) {
+    makeReady(device);
+    EXPECT_EQ(device.IdentifyDevice(), GVUSB_OK);
+    EXPECT_EQ(fake::openHandles("dev1"), 0);
+    EXPECT_EQ(stateOf(device), closedState);
+}
+
 TEST_F(IdentifyTest, LogsEachTextWhenTheLevelIsAboveOne) {
     const auto identify = [&] { EXPECT_EQ(device.IdentifyDevice(), GVUSB_OK); };
     EXPECT_THAT(logOf(2, identify),
