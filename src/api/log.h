@@ -27,8 +27,9 @@ void GVLOG_SetLevel(int level);
 }
 void GVLOG_Msg(const char* tag, const char* text);
 
-// Streams the pieces into one message. They come by value, which leaves the callers' variables in registers. std::hex holds to the end of the message; a null text ends it there. A
-// message that there is no memory for is left out: what it tells of goes on, also where nothing may be thrown.
+// Streams the pieces into one message. They come by value, which leaves the callers' variables in registers.
+// std::hex holds to the end of the message; a null text ends it there. A message that there is no memory for is
+// left out: what it tells of goes on, also where nothing may be thrown.
 template <class... Pieces>
 [[gnu::cold, gnu::noinline]] void logLine(const char* tag, Pieces... pieces) {
     try {
