@@ -2,13 +2,16 @@
 
 #include "manager_lists.h"
 #include "manager_test.h"
+#include "waiting.h"
 
 #include <cstring>
+#include <future>
 
 #include <gmock/gmock.h>
 
 namespace fake = fake_libusb;
 using namespace manager_lists;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
@@ -118,6 +121,20 @@ TEST_F(DiscoverLogTest, ScanTellsWhatItDoesWithEachDevice) {
     }
 }
 
+TEST_F(DiscoverLogTest, SearchIsToldBeforeTheScanWaitsForAnUpdateToEnd) {
+    LogAt log(1);
+    std::future<int> scan;
+    {
+        const MutexLock update(g_GvUsbMan.m_mtxScanList);
+        scan = std::async(std::launch::async, [] { return g_GvUsbMan.DiscoverDevices(nullptr); });
+        Lines lines;
+        EXPECT_TRUE(waiting::eventually([&] { return !(lines = log.takeLines()).empty(); }));
+        EXPECT_THAT(lines, ElementsAre("[search-opt] all"));
+    }
+    EXPECT_EQ(scan.get(), 0);
+    EXPECT_THAT(log.takeLines(), ElementsAre("[scan] numDev=0", "[scan-list] no devices"));
+}
+
 TEST_F(DiscoverLogTest, OpenReaderThatDoesNotMatchIsNotWanted) {
     fake::plug("dev1", fake::bulkReader("A1"));
     ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
@@ -196,6 +213,15 @@ TEST_F(DiscoverLogTest, ReplacementOfAnOpenReaderIsTold) {
                             "[to ... ] " + replaced, "[open] devHnd=0x10000001 devId=0xa1: ok",
                             "[scan] Replace in device list: devId=0xa1",
                             "[scan-list] dev0: " + deviceText(firstHandle, 0xA1, "dev2", false)));
+}
+
+TEST_F(DiscoverLogTest, ReplacementIsToldAboveLevelZero) {
+    fake::plug("dev1", fake::bulkReader("A1"));
+    ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
+    fake::replug("dev1", "dev2");
+    LogAt log(1);
+    EXPECT_EQ(g_GvUsbMan.DiscoverDevices(nullptr), 1);
+    EXPECT_THAT(log.takeLines(), Contains("[scan] Replace in device list: devId=0xa1"));
 }
 
 TEST_F(DiscoverLogTest, ReadingADeviceIdIsToldAboveLevelTwo) {
