@@ -1,7 +1,9 @@
 #include "manager_lists.h"
 #include "manager_test.h"
 
+#include <chrono>
 #include <cstring>
+#include <future>
 #include <new>
 
 #include <gmock/gmock.h>
@@ -250,6 +252,21 @@ TEST_F(DiscoverTest, ScanBeginsANewPeriodOfReports) {
     EXPECT_THAT(g_GvUsbMan.m_ReportedConnects, IsEmpty());
     EXPECT_THAT(g_GvUsbMan.m_ReportedDisconnects, IsEmpty());
     EXPECT_GE(g_GvUsbMan.m_ReportedConnects.capacity(), 2u) << "the storage is kept";
+}
+
+TEST_F(DiscoverTest, NewPeriodBeginsWhenThePollInProgressIsOver) {
+    std::future<int> found;
+    {
+        const MutexLock poll(g_GvUsbMan.m_mtxScanList);
+        found = std::async(std::launch::async, [] { return scan(); });
+        found.wait_for(std::chrono::milliseconds(10));
+        const MutexLock lock(g_GvUsbMan.m_mtxReported);
+        g_GvUsbMan.m_ReportedConnects = {1};
+        g_GvUsbMan.m_ReportedDisconnects = {2};
+    }
+    EXPECT_EQ(found.get(), 0);
+    EXPECT_THAT(g_GvUsbMan.m_ReportedConnects, IsEmpty());
+    EXPECT_THAT(g_GvUsbMan.m_ReportedDisconnects, IsEmpty());
 }
 
 TEST_F(DiscoverTest, ReopenedReaderTakesThePlaceOfItsFormerSelf) {
