@@ -41,7 +41,7 @@ static const char configuration_file[] = "/etc/gavo/gvusb.conf";
 // The emulator's own request: see closingRequest in usbfs_opening.cpp.
 static const unsigned long closing_request = _IO('U', 0xE0);
 
-// What a file descriptor is, for those that close() has to look at.
+// What a file descriptor is: a node of a USB device, a device that is anything else below /dev, or udev's socket.
 enum kind { other, device, node, event_socket };
 enum { most_descriptors = 4096, most_open_devices = 50 };
 static struct {

@@ -4,7 +4,8 @@
 #include <cstddef>
 #include <utility>
 
-// Copies src to dst, which must have room, in the upper case of the process's locale.
+// Copies src to dst, which must have room, in the upper case of the process's locale. Exported; the library itself
+// compares keys where they stand, by what follows.
 void g_ToUpperString(const char* src, char* dst);
 
 // Keys are ASCII, and the same keys in every locale.
