@@ -128,8 +128,8 @@ public:
     bool m_bLibUsbUsable = false;
     bool m_bThreadStarted = false; // there is a thread to join
     Mutex m_mtxReported;           // innermost: nothing is called while it is held
-    HotPlugQueue m_HotPlugQueue{&ReportQueued, this};
     const OwnProcess m_Process;
+    HotPlugQueue m_HotPlugQueue{m_Process, &ReportQueued, this};
 
 private:
     void ApplyDebugLevels();

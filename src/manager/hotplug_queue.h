@@ -19,8 +19,9 @@ class HotPlugQueue {
 public:
     using Reporter = void (*)(void* context, libusb_hotplug_event event, libusb_device* dev);
 
-    HotPlugQueue(Reporter reporter, void* context) noexcept
-        : m_reporter(reporter)
+    HotPlugQueue(const OwnProcess& process, Reporter reporter, void* context) noexcept
+        : m_process(process)
+        , m_reporter(reporter)
         , m_context(context) {}
     ~HotPlugQueue() { Stop(); }
     HotPlugQueue(const HotPlugQueue&) = delete;
@@ -44,7 +45,7 @@ private:
     std::vector<Event> WaitForEvents() GVUSB_EXCLUDES(m_mutex);
     bool IsStopped() GVUSB_EXCLUDES(m_mutex);
 
-    const OwnProcess m_process;
+    const OwnProcess& m_process;
     const Reporter m_reporter;
     void* const m_context;
     Mutex m_mutex;

@@ -75,6 +75,8 @@ protected:
     static bool isGivenBack(const std::string& name) {
         return eventually([&] { return fake::references(name) == 0; });
     }
+
+    const OwnProcess process;
 };
 
 } // namespace
@@ -85,7 +87,7 @@ TEST_F(HotPlugQueueTest, ReportsEverythingInTheOrderOfPostingFromOneThread) {
         devices.push_back(plug("dev" + std::to_string(i)));
     }
     Reports reports;
-    HotPlugQueue queue(&Reports::take, &reports);
+    HotPlugQueue queue(process, &Reports::take, &reports);
     std::vector<Report> posted;
     for (std::size_t i = 0; i < 500; ++i) {
         posted.emplace_back(i % 3 == 0 ? left : arrived, devices[i * i % devices.size()]);
@@ -108,7 +110,7 @@ TEST_F(HotPlugQueueTest, StartsItsOneThreadWithTheFirstEventAndEndsItWhenStopped
     libusb_device* const dev1 = plug("dev1");
     Reports reports;
     const auto before = waiting::settledThreads();
-    HotPlugQueue queue(&Reports::take, &reports);
+    HotPlugQueue queue(process, &Reports::take, &reports);
     EXPECT_EQ(waiting::settledThreads(), before);
     for (std::size_t i = 1; i <= 3; ++i) {
         queue.Post(arrived, dev1);
@@ -124,7 +126,7 @@ TEST_F(HotPlugQueueTest, ItsThreadTakesNoSignal) {
     sigset_t blocked;
     sigemptyset(&blocked);
     Reports reports([&](libusb_device*) { pthread_sigmask(SIG_BLOCK, nullptr, &blocked); });
-    HotPlugQueue queue(&Reports::take, &reports);
+    HotPlugQueue queue(process, &Reports::take, &reports);
     queue.Post(arrived, dev1);
     EXPECT_TRUE(reports.come(1));
     queue.Stop();
@@ -137,7 +139,7 @@ TEST_F(HotPlugQueueTest, PostingWaitsForNoReport) {
     libusb_device* const dev1 = plug("dev1");
     waiting::Turnstile turnstile;
     Reports reports([&](libusb_device*) { turnstile.pass(); });
-    HotPlugQueue queue(&Reports::take, &reports);
+    HotPlugQueue queue(process, &Reports::take, &reports);
     queue.Post(arrived, dev1);
     ASSERT_TRUE(turnstile.isReached());
     auto posting = std::async(std::launch::async, [&] { queue.Post(left, dev1); });
@@ -157,7 +159,7 @@ TEST_F(HotPlugQueueTest, ReportMayPost) {
             poster->Post(left, dev2);
         }
     });
-    HotPlugQueue queue(&Reports::take, &reports);
+    HotPlugQueue queue(process, &Reports::take, &reports);
     poster = &queue;
     queue.Post(arrived, dev1);
     EXPECT_TRUE(reports.come(2));
@@ -174,7 +176,7 @@ TEST_F(HotPlugQueueTest, KeepsADeviceUntilItIsReported) {
         libusb_device_descriptor descriptor = {};
         described = libusb_get_device_descriptor(dev, &descriptor);
     });
-    HotPlugQueue queue(&Reports::take, &reports);
+    HotPlugQueue queue(process, &Reports::take, &reports);
     queue.Post(arrived, dev1);
     ASSERT_TRUE(turnstile.isReached());
     queue.Post(left, dev2);
@@ -201,7 +203,7 @@ TEST_F(HotPlugQueueTest, StopWaitsForTheReportInProgressAndDropsTheRest) {
     }
     waiting::Turnstile turnstile;
     Reports reports([&](libusb_device*) { turnstile.pass(); });
-    HotPlugQueue queue(&Reports::take, &reports);
+    HotPlugQueue queue(process, &Reports::take, &reports);
     queue.Post(arrived, devices[0]);
     ASSERT_TRUE(turnstile.isReached());
     for (const int i : {1, 2, 3}) {
@@ -228,7 +230,7 @@ TEST_F(HotPlugQueueTest, DestructionStops) {
     const auto before = waiting::settledThreads();
     Reports reports;
     {
-        HotPlugQueue queue(&Reports::take, &reports);
+        HotPlugQueue queue(process, &Reports::take, &reports);
         queue.Post(arrived, dev1);
         EXPECT_TRUE(reports.come(1));
     }
@@ -240,7 +242,7 @@ TEST_F(HotPlugQueueTest, WhatIsPostedAfterTheStopIsDropped) {
     libusb_device* const dev1 = plug("dev1");
     for (const bool used : {false, true}) {
         Reports reports;
-        HotPlugQueue queue(&Reports::take, &reports);
+        HotPlugQueue queue(process, &Reports::take, &reports);
         if (used) {
             queue.Post(arrived, dev1);
             EXPECT_TRUE(reports.come(1));
@@ -267,7 +269,7 @@ TEST_F(HotPlugQueueTest, StopInsideAReportDoesNotWaitForItself) {
         stopped->Stop();
         pthread_detach(pthread_self()); // nobody joins it any more
     });
-    HotPlugQueue queue(&Reports::take, &reports);
+    HotPlugQueue queue(process, &Reports::take, &reports);
     stopped = &queue;
     queue.Post(arrived, dev1);
     ASSERT_TRUE(turnstile.isReached());
@@ -288,8 +290,8 @@ TEST_F(HotPlugQueueTest, EventWithoutAThreadIsReportedWithTheNextOne) {
     ASSERT_EQ(pthread_attr_setstacksize(&enormous, ~std::size_t{0xFFFF}), 0);
     Reports reports;
     {
-        HotPlugQueue queue(&Reports::take, &reports);
-        HotPlugQueue neverStarted(&Reports::take, &reports);
+        HotPlugQueue queue(process, &Reports::take, &reports);
+        HotPlugQueue neverStarted(process, &Reports::take, &reports);
         ASSERT_EQ(pthread_setattr_default_np(&enormous), 0);
         queue.Post(arrived, dev1);
         neverStarted.Post(arrived, dev1);
@@ -312,7 +314,7 @@ TEST_F(HotPlugQueueTest, FailedAllocationDropsThatEventOnly) {
     waiting::Turnstile turnstile;
     Reports reports([&](libusb_device*) { turnstile.pass(); });
     const auto before = waiting::settledThreads();
-    HotPlugQueue queue(&Reports::take, &reports);
+    HotPlugQueue queue(process, &Reports::take, &reports);
     // Returns whether an allocation was asked for; each one fails.
     const auto postWithoutMemory = [&](libusb_hotplug_event event) {
         const auto failure = support::failAllocation(1);
@@ -355,7 +357,7 @@ TEST_F(HotPlugQueueTest, ManyThreadsMayPostWhileItIsStopped) {
         devices.push_back(plug("dev" + std::to_string(i)));
     }
     Reports reports;
-    HotPlugQueue queue(&Reports::take, &reports);
+    HotPlugQueue queue(process, &Reports::take, &reports);
     std::vector<std::thread> threads;
     for (libusb_device* const device : devices) {
         threads.emplace_back([&queue, device] {
