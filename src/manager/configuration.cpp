@@ -5,6 +5,10 @@
 #include <cstring>
 #include <string_view>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
 // What stands behind the first occurrence of a key, null without one.
@@ -45,4 +49,38 @@ Configuration parseConfiguration(const char* text) {
         configuration.hotPlugMode = 0;
     }
     return configuration;
+}
+
+ConfigurationFile::ConfigurationFile() noexcept
+    : m_descriptor(open("/etc/gavo/gvusb.conf", O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)) {
+    struct stat status = {};
+    if (m_descriptor >= 0 && (fstat(m_descriptor, &status) != 0 || !S_ISREG(status.st_mode))) {
+        close();
+    }
+}
+
+ConfigurationFile::~ConfigurationFile() {
+    close();
+}
+
+std::optional<Configuration> ConfigurationFile::read() {
+    if (m_descriptor < 0) {
+        return std::nullopt;
+    }
+    char text[1024] = {};
+    std::size_t length = 0;
+    ssize_t count = 0;
+    while (length < sizeof text - 1 &&
+           (count = ::read(m_descriptor, text + length, sizeof text - 1 - length)) > 0) {
+        length += static_cast<std::size_t>(count);
+    }
+    close();
+    return parseConfiguration(text);
+}
+
+void ConfigurationFile::close() noexcept {
+    if (m_descriptor >= 0) {
+        ::close(m_descriptor);
+        m_descriptor = -1;
+    }
 }

@@ -5,8 +5,7 @@
 #include "manager/own_thread.h"
 #include "version.h"
 
-#include <cstdio>
-#include <memory>
+#include <optional>
 
 // In this order: what is built last goes first, so the registrations are still there when the manager clears
 // them.
@@ -16,11 +15,6 @@ GVDrvHnd g_GvUsbMan;
 
 namespace {
 
-struct FileCloser {
-    void operator()(std::FILE* file) const noexcept { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
-
 // A program can be linked against a newer libusb than it runs with; this is the interface that is used here.
 constexpr unsigned int usedLibUsbApi = 0x01000105;
 
@@ -28,7 +22,7 @@ constexpr unsigned int usedLibUsbApi = 0x01000105;
 
 GVDrvHnd::GVDrvHnd() {
     allowEventHandlers();
-    File configurationFile(std::fopen("/etc/gavo/gvusb.conf", "r"));
+    ConfigurationFile configurationFile;
     m_bLibUsbUsable = libusb_init(nullptr) == LIBUSB_SUCCESS;
     const libusb_version* const libUsbVersion = libusb_get_version();
     if (libusb_has_capability(LIBUSB_CAP_HAS_CAPABILITY) == 0) {
@@ -38,16 +32,11 @@ GVDrvHnd::GVDrvHnd() {
     m_bHasHotPlug = libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG) != 0;
     ApplyDebugLevels();
 
-    if (configurationFile != nullptr) {
-        char text[1024] = {};
-        [[maybe_unused]] const std::size_t length =
-            std::fread(text, 1, sizeof text - 1, configurationFile.get());
-        configurationFile.reset();
-        const Configuration configuration = parseConfiguration(text);
-        m_iLibUsbDebugLevel = configuration.libUsbDebugLevel;
-        m_iDebugLevel = configuration.debugLevel;
-        m_iHotPlugMode = configuration.hotPlugMode;
-        relaxed::store(m_uiUpdateRate, configuration.updateRate);
+    if (const std::optional<Configuration> configuration = configurationFile.read()) {
+        m_iLibUsbDebugLevel = configuration->libUsbDebugLevel;
+        m_iDebugLevel = configuration->debugLevel;
+        m_iHotPlugMode = configuration->hotPlugMode;
+        relaxed::store(m_uiUpdateRate, configuration->updateRate);
         ApplyDebugLevels();
     }
     if (m_iHotPlugMode == 2 && !m_bHasHotPlug) {

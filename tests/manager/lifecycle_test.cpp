@@ -14,6 +14,8 @@
 
 #include <gmock/gmock.h>
 #include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace fake = fake_libusb;
 using testing::ElementsAre;
@@ -196,7 +198,7 @@ TEST_F(StartTest, ConfigurationFileIsClosed) {
     const int before = openFiles();
     load("nopnp");
     EXPECT_EQ(openFiles(), before);
-    load("", [] { support::makeConfigurationADirectory(); });
+    load("", [] { support::setConfigurationPath("/"); });
     EXPECT_EQ(openFiles(), before);
 }
 
@@ -206,12 +208,18 @@ TEST_F(StartTest, UnreadableConfigurationFileIsLikeNone) {
     EXPECT_THAT(fake::takeCalls(), ElementsAreArray(callsWithoutFile));
 }
 
-TEST_F(StartTest, DirectoryInTheConfigurationFilesPlaceIsLikeAnEmptyFile) {
-    load("nopnp", [] { support::makeConfigurationADirectory(); });
-    EXPECT_EQ(mode(), 1);
-    EXPECT_EQ(updateRate(), 300000u);
-    EXPECT_THAT(fake::takeCalls(),
-                ElementsAreArray(withMore(callsWithoutFile, {"libusb_set_debug(default, 0)"})));
+// A FIFO without a writer would be waited for, a device can be read without end.
+TEST_F(StartTest, OnlyARegularConfigurationFileIsRead) {
+    const std::string fifo = testing::TempDir() + "gvusb_fifo_" + std::to_string(getpid());
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string& path : {std::string("/"), std::string("/dev/zero"), fifo}) {
+        load("", [&] { support::setConfigurationPath(path); });
+        EXPECT_EQ(support::configurationOpens(), 1) << path;
+        EXPECT_EQ(mode(), 1) << path;
+        EXPECT_EQ(updateRate(), 300000u) << path;
+        EXPECT_THAT(fake::takeCalls(), ElementsAreArray(callsWithoutFile)) << path;
+    }
+    unlink(fifo.c_str());
 }
 
 TEST_F(StartTest, ConfigurationFileIsReadUpToItsFirst1023Bytes) {

@@ -3,26 +3,27 @@
 #include "allocation_failure.h"
 
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <dlfcn.h>
+#include <cstdarg>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
-#include <utility>
 
 namespace {
 
 constexpr std::string_view configurationPath = "/etc/gavo/gvusb.conf";
 
-enum class Kind { missing, text, unreadable, directory };
+enum class Kind { missing, text, unreadable, another };
 
 struct Configuration {
     std::mutex mutex;
     Kind kind = Kind::missing;
-    std::string text;
+    std::string text; // or the path of another file
     int opens = 0;
 
     Configuration() {
@@ -53,60 +54,74 @@ void set(Kind kind, std::string text = {}) {
     present.opens = 0;
 }
 
-std::FILE* realOpen(const char* path, const char* mode) {
-    using Fopen = std::FILE* (*)(const char*, const char*);
-    static const Fopen real = reinterpret_cast<Fopen>(dlsym(RTLD_NEXT, "fopen"));
-    return real(path, mode);
+int realOpen(const char* path, int flags, mode_t mode) {
+    using Open = int (*)(const char*, int, ...);
+    static const Open real = reinterpret_cast<Open>(dlsym(RTLD_NEXT, "open"));
+    return real(path, flags, mode);
 }
 
-// A file without a name rather than fmemopen: an empty text behaves as an empty file, reads past a buffer's
-// size work as they do on disk, and closing is checked by the descriptor count.
-std::FILE* openText(const std::string& text, const char* mode) {
+// A file without a name: reads past a buffer's size work as they do on disk, and closing is checked by the
+// descriptor count.
+int openText(const std::string& text) {
     const int descriptor = memfd_create("gvusb.conf", MFD_CLOEXEC);
     if (descriptor < 0) {
-        return nullptr;
+        return -1;
     }
     if (write(descriptor, text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
         lseek(descriptor, 0, SEEK_SET) != 0) {
         close(descriptor);
         errno = EIO;
-        return nullptr;
+        return -1;
     }
-    return fdopen(descriptor, mode);
+    return descriptor;
 }
 
-std::FILE* openConfiguration(const char* mode) {
+int openConfiguration(int flags) {
     const support::AllocationPause pause;
     Configuration& present = configuration();
     const std::lock_guard lock(present.mutex);
     ++present.opens;
-    if (std::strchr(mode, 'r') == nullptr || std::strchr(mode, '+') != nullptr) {
+    if ((flags & O_ACCMODE) != O_RDONLY) {
         errno = EROFS;
-        return nullptr;
+        return -1;
     }
     switch (present.kind) {
     case Kind::text:
-        return openText(present.text, mode);
+        return openText(present.text);
     case Kind::unreadable:
         errno = EACCES;
-        return nullptr;
-    case Kind::directory:
-        return realOpen("/", mode);
+        return -1;
+    case Kind::another:
+        return realOpen(present.text.c_str(), flags, 0);
     case Kind::missing:
         break;
     }
     errno = ENOENT;
-    return nullptr;
+    return -1;
+}
+
+int openAny(const char* path, int flags, va_list arguments) {
+    const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    const auto mode = creates ? va_arg(arguments, mode_t) : 0;
+    return path == configurationPath ? openConfiguration(flags) : realOpen(path, flags, mode);
 }
 
 } // namespace
 
-extern "C" std::FILE* fopen(const char* path, const char* mode) {
-    return path == configurationPath ? openConfiguration(mode) : realOpen(path, mode);
+extern "C" int open(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const int descriptor = openAny(path, flags, arguments);
+    va_end(arguments);
+    return descriptor;
 }
 
-extern "C" std::FILE* fopen64(const char* path, const char* mode) {
-    return fopen(path, mode);
+extern "C" int open64(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const int descriptor = openAny(path, flags, arguments);
+    va_end(arguments);
+    return descriptor;
 }
 
 namespace support {
@@ -123,8 +138,8 @@ void makeConfigurationUnreadable() {
     set(Kind::unreadable);
 }
 
-void makeConfigurationADirectory() {
-    set(Kind::directory);
+void setConfigurationPath(std::string path) {
+    set(Kind::another, std::move(path));
 }
 
 int configurationOpens() {

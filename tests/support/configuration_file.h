@@ -1,5 +1,4 @@
-// What the test program reads when it opens "/etc/gavo/gvusb.conf" with fopen; all other paths are the real
-// ones.
+// What the test program reads when it opens "/etc/gavo/gvusb.conf" with open(); all other paths are the real ones.
 //
 // May be used from any thread, and before main: the library reads the file while the program is loaded.
 #pragma once
@@ -19,8 +18,8 @@ void setConfigurationText(std::optional<std::string> text);
 // Opening fails with EACCES.
 void makeConfigurationUnreadable();
 
-// Opening succeeds and every read fails with EISDIR.
-void makeConfigurationADirectory();
+// What is opened is this file, whatever it is.
+void setConfigurationPath(std::string path);
 
 // How often the file has been asked for since one of the three above was called last, or since the start.
 int configurationOpens();
