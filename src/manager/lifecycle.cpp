@@ -18,12 +18,17 @@ namespace {
 // A program can be linked against a newer libusb than it runs with; this is the interface that is used here.
 constexpr unsigned int usedLibUsbApi = 0x01000105;
 
+bool startLibUsb() {
+    const BlockedSignals blocked; // libusb starts a thread
+    return libusb_init(nullptr) == LIBUSB_SUCCESS;
+}
+
 } // namespace
 
 GVDrvHnd::GVDrvHnd() {
     allowEventHandlers();
     ConfigurationFile configurationFile;
-    m_bLibUsbUsable = libusb_init(nullptr) == LIBUSB_SUCCESS;
+    m_bLibUsbUsable = startLibUsb();
     const libusb_version* const libUsbVersion = libusb_get_version();
     if (libusb_has_capability(LIBUSB_CAP_HAS_CAPABILITY) == 0) {
         SetLastError(GVUSB_ERR_LIBUSB_API);

@@ -8,6 +8,7 @@
 #include "api/log.h"
 
 #include <climits>
+#include <csignal>
 #include <filesystem>
 #include <iterator>
 #include <string>
@@ -220,6 +221,27 @@ TEST_F(StartTest, OnlyARegularConfigurationFileIsRead) {
         EXPECT_THAT(fake::takeCalls(), ElementsAreArray(callsWithoutFile)) << path;
     }
     unlink(fifo.c_str());
+}
+
+TEST_F(StartTest, SignalsAreBlockedWhileLibusbStartsItsThread) {
+    sigset_t during;
+    sigemptyset(&during);
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, nullptr, &before);
+    load("nopnp", [&] {
+        fake::setHook([&](std::string_view function, std::string_view) {
+            if (function == "libusb_init") {
+                pthread_sigmask(SIG_BLOCK, nullptr, &during);
+            }
+        });
+    });
+    fake::setHook(nullptr);
+    EXPECT_EQ(sigismember(&during, SIGTERM), 1);
+    EXPECT_EQ(sigismember(&during, SIGCHLD), 1);
+    EXPECT_EQ(sigismember(&during, SIGSEGV), 0);
+    sigset_t after;
+    pthread_sigmask(SIG_BLOCK, nullptr, &after);
+    EXPECT_EQ(sigismember(&before, SIGTERM), sigismember(&after, SIGTERM));
 }
 
 TEST_F(StartTest, ConfigurationFileIsReadUpToItsFirst1023Bytes) {

@@ -1,0 +1,37 @@
+/*
+ * Takes SIGTERM by signalfd, as services do: main blocks it and reads the descriptor. A thread that existed before main
+ * with the signal unblocked would receive it instead, which ends the process.
+ *
+ * Built with and without the library.
+ */
+#ifdef GVUSB_TEST_WITH_LIBRARY
+#include <gvusb.h>
+#endif
+
+#include <poll.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+int main(void) {
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    sigprocmask(SIG_BLOCK, &term, NULL);
+    const int descriptor = signalfd(-1, &term, SFD_CLOEXEC);
+#ifdef GVUSB_TEST_WITH_LIBRARY
+    GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, NULL);
+#endif
+    kill(getpid(), SIGTERM);
+    struct pollfd readable = {.fd = descriptor, .events = POLLIN};
+    if (poll(&readable, 1, 10000) != 1) {
+        return 1;
+    }
+    struct signalfd_siginfo taken;
+    if (read(descriptor, &taken, sizeof taken) != sizeof taken || taken.ssi_signo != SIGTERM) {
+        return 2;
+    }
+    printf("taken\n");
+    return 0;
+}
