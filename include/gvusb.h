@@ -95,7 +95,7 @@ enum GVUSB_ErrorCode {
     GVUSB_ERR_UNSUPPORTED_OPTION = -1106, /**< an event handler for anything but handle 0 */
     GVUSB_ERR_UNSUPPORTED_METHOD = -1107, /**< the function is not supported */
     GVUSB_ERR_NO_CONFIGURATION = -1108,   /**< the reader has no USB configuration */
-    GVUSB_ERR_LIBUSB_API = -1109,         /**< libusb lacks its capability query */
+    GVUSB_ERR_LIBUSB_API = -1109,         /**< libusb lacks its capability query, or the library has ended */
     GVUSB_ERR_NO_GAVO_DEVICE = -1110,     /**< published, never returned */
     GVUSB_ERR_SEARCH_MISMATCH = -1111,    /**< published, never returned */
     GVUSB_ERR_NO_DEVICE_FOUND = -1112,    /**< a scan found nothing, or the scan list is at its end */

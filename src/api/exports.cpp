@@ -19,6 +19,15 @@ void clearLastError() noexcept {
     g_GvUsbMan.SetLastError(GVUSB_OK);
 }
 
+// Runs a call on the manager. Before it is built and when it is gone, a call has nothing to work on.
+template <class Call>
+int onManager(Call call, int otherwise = GVUSB_ERR_LIBUSB_API) {
+    if (!relaxed::load(managerIsUsable)) {
+        return otherwise < 0 ? refuse(otherwise) : otherwise;
+    }
+    return call();
+}
+
 // The code that a reader's handle deserves, 0 for one that may exist.
 int checkHandle(int devHnd) noexcept {
     if (devHnd < 0) {
@@ -39,12 +48,12 @@ int checkParameterRequest(int devHnd, const char* key, const char* value) noexce
 
 int GVUSB_Scan(int scanOption, GVUSB_SCANSEARCH* search) {
     clearLastError();
-    return g_GvUsbMan.Scan(scanOption, search, false);
+    return onManager([&] { return g_GvUsbMan.Scan(scanOption, search, false); });
 }
 
 int GVUSB_ScanAndOpen(int scanOption, GVUSB_SCANSEARCH* search) {
     clearLastError();
-    return g_GvUsbMan.Scan(scanOption, search, true);
+    return onManager([&] { return g_GvUsbMan.Scan(scanOption, search, true); });
 }
 
 int GVUSB_GetScanListPara(int index, const char* key, char* value) {
@@ -52,18 +61,22 @@ int GVUSB_GetScanListPara(int index, const char* key, char* value) {
         return refuse(GVUSB_ERR_NULL_POINTER);
     }
     clearLastError();
-    return g_GvUsbMan.GetScanListPara(index, key, value);
+    return onManager([&] { return g_GvUsbMan.GetScanListPara(index, key, value); });
 }
 
 int GVUSB_GetScanListSize(void) {
     clearLastError();
-    return g_GvUsbMan.GetScanListSize();
+    return onManager([] { return g_GvUsbMan.GetScanListSize(); }, 0);
 }
 
 int GVUSB_ClearScanList(void) {
     clearLastError();
-    g_GvUsbMan.ClearScanList();
-    return GVUSB_OK;
+    return onManager(
+        [] {
+            g_GvUsbMan.ClearScanList();
+            return GVUSB_OK;
+        },
+        GVUSB_OK);
 }
 
 int GVUSB_AddEventHandler(int devHnd, GVUSB_EVENT_INIT* registration) {
@@ -71,7 +84,7 @@ int GVUSB_AddEventHandler(int devHnd, GVUSB_EVENT_INIT* registration) {
         return refuse(GVUSB_ERR_NULL_POINTER);
     }
     clearLastError();
-    return g_GvUsbMan.AddEventHandler(devHnd, registration);
+    return onManager([&] { return g_GvUsbMan.AddEventHandler(devHnd, registration); });
 }
 
 int GVUSB_DelEventHandler(int devHnd, GVUSB_EVENT_INIT* registration) {
@@ -79,29 +92,29 @@ int GVUSB_DelEventHandler(int devHnd, GVUSB_EVENT_INIT* registration) {
         return refuse(GVUSB_ERR_NULL_POINTER);
     }
     clearLastError();
-    return g_GvUsbMan.DelEventHandler(devHnd, registration);
+    return onManager([&] { return g_GvUsbMan.DelEventHandler(devHnd, registration); });
 }
 
 int GVUSB_OpenDevice(unsigned int devId) {
-    return g_GvUsbMan.OpenDevice(devId);
+    return onManager([&] { return g_GvUsbMan.OpenDevice(devId); });
 }
 
 int GVUSB_CloseDevice(int devHnd) {
     if (const int code = checkHandle(devHnd); code != 0) {
         return refuse(code);
     }
-    return g_GvUsbMan.CloseDevice(devHnd);
+    return onManager([&] { return g_GvUsbMan.CloseDevice(devHnd); });
 }
 
 int GVUSB_IsDevicePresent(int devHnd) {
     if (const int code = checkHandle(devHnd); code != 0) {
         return refuse(code);
     }
-    return g_GvUsbMan.IsDevicePresent(devHnd);
+    return onManager([&] { return g_GvUsbMan.IsDevicePresent(devHnd); });
 }
 
 int GVUSB_GetDeviceList(int devHnd) {
-    return g_GvUsbMan.FindFirstOrNextDeviceHandle(devHnd);
+    return onManager([&] { return g_GvUsbMan.FindFirstOrNextDeviceHandle(devHnd); }, 0);
 }
 
 const char* GVUSB_GetDLLVersion(void) {
@@ -121,18 +134,18 @@ int GVUSB_GetDevicePara(int devHnd, const char* key, char* value) {
     if (const int code = checkParameterRequest(devHnd, key, value); code != 0) {
         return refuse(code);
     }
-    return g_GvUsbMan.GetDevicePara(devHnd, key, value);
+    return onManager([&] { return g_GvUsbMan.GetDevicePara(devHnd, key, value); });
 }
 
 int GVUSB_SetDevicePara(int devHnd, const char* key, const char* value) {
     if (const int code = checkParameterRequest(devHnd, key, value); code != 0) {
         return refuse(code);
     }
-    return g_GvUsbMan.SetDevicePara(devHnd, key, value);
+    return onManager([&] { return g_GvUsbMan.SetDevicePara(devHnd, key, value); });
 }
 
 int GVUSB_GetDeviceHnd(unsigned int devId) {
-    return g_GvUsbMan.GetDeviceHnd(devId);
+    return onManager([&] { return g_GvUsbMan.GetDeviceHnd(devId); });
 }
 
 // The call that applications live on, so the link makes one function of it and all that it calls.
@@ -151,7 +164,9 @@ int GVUSB_GetDeviceHnd(unsigned int devId) {
     if (receiveSize == 0) {
         return refuse(GVUSB_ERR_RECEIVE_BUFFER_TOO_SMALL);
     }
-    return g_GvUsbMan.Transceive(devHnd, interfaceName, sendData, sendLength, receiveBuffer, receiveSize);
+    return onManager([&] {
+        return g_GvUsbMan.Transceive(devHnd, interfaceName, sendData, sendLength, receiveBuffer, receiveSize);
+    });
 }
 
 int GVUSB_Transmit(int devHnd, const char* interfaceName, const unsigned char* data, unsigned int length) {
@@ -164,7 +179,7 @@ int GVUSB_Transmit(int devHnd, const char* interfaceName, const unsigned char* d
     if (length == 0) {
         return refuse(GVUSB_ERR_NO_SEND_DATA);
     }
-    return g_GvUsbMan.Transmit(devHnd, interfaceName, data, length);
+    return onManager([&] { return g_GvUsbMan.Transmit(devHnd, interfaceName, data, length); });
 }
 
 int GVUSB_Receive(int devHnd, const char* interfaceName, unsigned char* buffer, unsigned int size) {
@@ -177,7 +192,7 @@ int GVUSB_Receive(int devHnd, const char* interfaceName, unsigned char* buffer, 
     if (size == 0) {
         return refuse(GVUSB_ERR_RECEIVE_BUFFER_TOO_SMALL);
     }
-    return g_GvUsbMan.Receive(devHnd, interfaceName, buffer, size);
+    return onManager([&] { return g_GvUsbMan.Receive(devHnd, interfaceName, buffer, size); });
 }
 
 int GVUSB_GetErrorText(int code, char* text) {
@@ -195,8 +210,8 @@ int GVUSB_GetErrorText(int code, char* text) {
 
 // Fetching the manager's last error clears it, as it is GVUSB_GetErrorText that tells the text.
 int GVUSB_GetLastError(int devHnd, int* code, char* text) {
-    const int lastError =
-        devHnd == 0 ? relaxed::load(g_GvUsbMan.m_iLastError) : g_GvUsbMan.GetLastError(devHnd);
+    const int lastError = devHnd == 0 ? relaxed::load(g_GvUsbMan.m_iLastError)
+                                      : onManager([&] { return g_GvUsbMan.GetLastError(devHnd); });
     *code = lastError;
     return GVUSB_GetErrorText(lastError, text);
 }

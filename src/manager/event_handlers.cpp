@@ -35,12 +35,14 @@ void allowEventHandlers() {
     relaxed::store(exiting, false);
 }
 
-void leaveEventHandlerForExit() GVUSB_NO_THREAD_SAFETY_ANALYSIS {
-    if (relaxed::load(handlerThread) == pthread_self()) {
-        relaxed::store(exiting, true);
-        relaxed::store(handlerThread, 0);
-        g_MtxEvtInitAry.unlock();
+bool leaveEventHandlerForExit() GVUSB_NO_THREAD_SAFETY_ANALYSIS {
+    if (relaxed::load(handlerThread) != pthread_self()) {
+        return false;
     }
+    relaxed::store(exiting, true);
+    relaxed::store(handlerThread, 0);
+    g_MtxEvtInitAry.unlock();
+    return true;
 }
 
 int GVDrvHnd::AddEventHandler(int devHnd, _GVUSB_EVENT_INIT* registration) {

@@ -26,8 +26,8 @@ extern std::vector<_GVUSB_INTERNAL_EVENT_INIT*>
 
 // A handler may end the process by calling exit(), which tears the manager down inside the handler. Then no
 // handler runs any more, and the mutex that this one holds is given back, as whoever waits for it has to end
-// first. In a thread that is not running a handler this does nothing.
-void leaveEventHandlerForExit();
+// first. In a thread that is not running a handler this does nothing. Returns whether it was running one.
+bool leaveEventHandlerForExit();
 
 // Undoes that for a new manager.
 void allowEventHandlers();

@@ -134,6 +134,7 @@ public:
 private:
     void ApplyDebugLevels();
     void LogStart(const libusb_version& libUsbVersion);
+    static void LeaveLibUsb(bool inHandler);
     void RegisterHotPlugCallbacks();
     void StopThread();
 
@@ -161,3 +162,7 @@ private:
 };
 
 extern GVDrvHnd g_GvUsbMan;
+
+// Whether g_GvUsbMan has been built and is not yet going. Other libraries' initializers and destructors may call before
+// and after.
+[[gnu::visibility("hidden")]] extern bool managerIsUsable;

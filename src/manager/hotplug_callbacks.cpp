@@ -1,27 +1,7 @@
 #include "manager/gvdrvhnd.h"
 
 #include "api/log.h"
-
-// Older or other implementations of libusb may lack these two: then no callback is taken to be inside event
-// handling.
-#pragma weak libusb_try_lock_events
-#pragma weak libusb_unlock_events
-
-namespace {
-
-// While a thread handles events it holds their lock, and nobody else can take it, that thread included.
-bool eventsAreBeingHandled() {
-    if (&libusb_try_lock_events == nullptr || &libusb_unlock_events == nullptr) {
-        return false;
-    }
-    if (libusb_try_lock_events(nullptr) != 0) {
-        return true;
-    }
-    libusb_unlock_events(nullptr);
-    return false;
-}
-
-} // namespace
+#include "manager/event_handling.h"
 
 int LIBUSB_CALL GVDrvHnd::ExecDeviceConnectCallbacks(libusb_context* /*ctx*/, libusb_device* dev,
                                                      libusb_hotplug_event /*event*/, void* manager) {

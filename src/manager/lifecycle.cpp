@@ -2,16 +2,25 @@
 
 #include "api/log.h"
 #include "manager/configuration.h"
+#include "manager/event_handling.h"
 #include "manager/own_thread.h"
 #include "version.h"
 
+#include <memory>
 #include <optional>
+
+#include <sys/stat.h>
+
+// Older implementations of libusb may lack these. Without them its descriptors are taken to be open.
+#pragma weak libusb_get_pollfds
+#pragma weak libusb_free_pollfds
 
 // In this order: what is built last goes first, so the registrations are still there when the manager clears
 // them.
 constinit Mutex g_MtxEvtInitAry;
 constinit std::vector<_GVUSB_INTERNAL_EVENT_INIT*> g_EvtInitAry;
 GVDrvHnd g_GvUsbMan;
+constinit bool managerIsUsable = false;
 
 namespace {
 
@@ -21,6 +30,21 @@ constexpr unsigned int usedLibUsbApi = 0x01000105;
 bool startLibUsb() {
     const BlockedSignals blocked; // libusb starts a thread
     return libusb_init(nullptr) == LIBUSB_SUCCESS;
+}
+
+// Whether libusb's descriptors are open. A program may have closed them together with all others, to become a daemon.
+bool descriptorsAreOpen() {
+    if (&libusb_get_pollfds == nullptr || &libusb_free_pollfds == nullptr) {
+        return true;
+    }
+    const std::unique_ptr<const libusb_pollfd*[], decltype(&libusb_free_pollfds)> all(
+        libusb_get_pollfds(nullptr), &libusb_free_pollfds);
+    bool open = true;
+    for (std::size_t i = 0; all != nullptr && all[i] != nullptr; ++i) {
+        struct stat status = {};
+        open = open && fstat(all[i]->fd, &status) == 0;
+    }
+    return open;
 }
 
 } // namespace
@@ -57,31 +81,36 @@ GVDrvHnd::GVDrvHnd() {
     } else if (m_iHotPlugMode == 2) {
         RegisterHotPlugCallbacks();
     }
+    relaxed::store(managerIsUsable, true);
 }
 
 GVDrvHnd::~GVDrvHnd() {
     // A forked child that exits leaves the readers, which it shares with its parent, alone.
     if (!m_Process.isCurrent()) {
+        relaxed::store(managerIsUsable, false);
         return;
     }
     if (GVLOG_Level() > 0) {
         logLine("exit", "cleaning up ...");
     }
-    leaveEventHandlerForExit();
+    const bool inHandler = leaveEventHandlerForExit();
     StopThread();
     m_HotPlugQueue.Stop();
+    relaxed::store(managerIsUsable, false);
     // Never unlocked: a scan that somebody starts while this runs, against all rules, waits instead of using
     // what is going.
     m_mtxScanList.lock();
+    bool contextInUse = m_bLibUsbUsable && eventsAreBeingHandled();
     if (m_iHotPlugMode == 2 && m_bLibUsbUsable) {
         libusb_hotplug_deregister_callback(nullptr, m_hCbConnect);
         libusb_hotplug_deregister_callback(nullptr, m_hCbDisconnect);
+        contextInUse = awaitDeregisteredCallbacks() || contextInUse;
     }
     ClearEventInitList();
     ClearScanList();
     ClearDeviceList();
-    if (m_bLibUsbUsable) {
-        libusb_exit(nullptr);
+    if (m_bLibUsbUsable && !contextInUse) {
+        LeaveLibUsb(inHandler);
     }
     if (GVLOG_Level() > 0) {
         logLine("exit", "... done");
@@ -97,6 +126,17 @@ void GVDrvHnd::ApplyDebugLevels() {
 #pragma GCC diagnostic pop
     }
     GVLOG_SetLevel(m_iDebugLevel);
+}
+
+// Leaves libusb, unless that would free its context under a thread of the application that handles events, or wait for
+// ever for libusb's own thread, which closed descriptors keep from waking up. Then the process keeps the context.
+void GVDrvHnd::LeaveLibUsb(bool inHandler) {
+    // A handler that ends the process was called because of an event, so whoever handled that is likely to be between two
+    // rounds.
+    const std::chrono::milliseconds betweenRounds(inHandler ? 20 : 1);
+    if (!eventsAreHandledWithin(betweenRounds) && descriptorsAreOpen()) {
+        libusb_exit(nullptr);
+    }
 }
 
 void GVDrvHnd::LogStart(const libusb_version& libUsbVersion) {

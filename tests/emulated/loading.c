@@ -14,6 +14,8 @@ enum { longest_end_ms = 100 };
 #endif
 enum { longest_end_in_emulated_machine_ms = 1500 };
 
+static const char* const every_mode[] = {"gvusb_hotplug=0", "gvusb_updaterate=10", "gvusb_hotplug=2", NULL};
+
 static struct program_run run;
 
 static int occurrences(const char* text) {
@@ -99,6 +101,31 @@ static void ReadersLeftOpenAreClosedAtTheEnd(void** state) {
     check_echo(open_reader(0x1A2B3C));
 }
 
+/* libusb could not wake its own thread any more, and would wait for it for ever. */
+static void AProgramThatHasClosedEveryDescriptorEnds(void** state) {
+    for (const char* const* configuration = every_mode; *configuration != NULL; ++configuration) {
+        run_program(&run, *configuration, "close_every_descriptor", NULL, NULL, NULL);
+        check_status(42);
+    }
+}
+
+static void CallsAfterTheEndGetACode(void** state) {
+    for (const char* const* configuration = every_mode; *configuration != NULL; ++configuration) {
+        run_program(&run, *configuration, "call_after_the_end", GVUSB_TEST_LIBRARY, NULL, NULL);
+        check_status(0);
+        assert_string_equal(run.output, "scan: -1109\n"
+                                        "scan and open: -1109\n"
+                                        "next handle: 0\n"
+                                        "transmit: -1109\n");
+    }
+}
+
+static void AChildWithItsParentsProcessIdLeavesTheReadersAlone(void** state) {
+    run_program(&run, NULL, "end_child_with_same_id", GVUSB_TEST_LIBRARY, NULL, NULL);
+    check_status(0);
+    assert_string_equal(run.output, "process 1, child: 0, present: 1, then 1\n");
+}
+
 int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
         TEST_CASE(ACProgramLoadsAndUnloadsItAgainAndAgain),
@@ -107,6 +134,9 @@ int main(int argc, char** argv) {
         TEST_CASE(AnUpdateRateOfHoursDoesNotDelayTheEnd),
         TEST_CASE(TheEndIsQuickInEveryMode),
         TEST_CASE(ReadersLeftOpenAreClosedAtTheEnd),
+        TEST_CASE(AProgramThatHasClosedEveryDescriptorEnds),
+        TEST_CASE(CallsAfterTheEndGetACode),
+        TEST_CASE(AChildWithItsParentsProcessIdLeavesTheReadersAlone),
     };
     return run_group("loading", tests, sizeof tests / sizeof *tests, argc, argv);
 }

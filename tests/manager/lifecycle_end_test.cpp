@@ -36,6 +36,12 @@ protected:
         return g_EvtInitAry.size();
     }
 
+    // How unloading finds out whether another thread handles libusb's events.
+    static bool isAboutEventHandling(std::string_view function) {
+        return function.find("event") != std::string_view::npos ||
+               function.find("pollfds") != std::string_view::npos;
+    }
+
     static std::chrono::steady_clock::duration timeToUnload() {
         const auto begin = std::chrono::steady_clock::now();
         unload();
@@ -119,7 +125,9 @@ TEST_F(EndTest, StopsTheWorkerThenKeepsScansOutThenClears) {
             EXPECT_THAT(manager_lists::scanList(), IsEmpty());
             EXPECT_THAT(manager_lists::deviceList(), IsEmpty());
         }
-        seen.emplace_back(function);
+        if (!isAboutEventHandling(function)) {
+            seen.emplace_back(function);
+        }
     });
     g_GvUsbMan.~GVDrvHnd();
     fake::setHook(nullptr);
@@ -188,6 +196,83 @@ TEST_F(EndTest, WaitsForAPollInProgress) {
     EXPECT_EQ(fake::timesCalled("libusb_get_device_list"), 1u);
     EXPECT_EQ(fake::timesCalled("libusb_free_device_list"), 1u);
     EXPECT_EQ(fake::leftovers(), "");
+    new (&g_GvUsbMan) GVDrvHnd;
+}
+
+// The context would be freed under the thread that handles its events.
+TEST_F(EndTest, LeavesTheContextToAThreadThatHandlesEvents) {
+    for (const char* configuration : {"nopnp", "gvusb_hotplug=1", "gvusb_hotplug=2"}) {
+        load(configuration);
+        fake::plug("dev1", fake::bulkReader("1"));
+        ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
+        addHandler();
+        fake::setEventsHandled(true);
+        g_GvUsbMan.~GVDrvHnd();
+        EXPECT_EQ(fake::timesCalled("libusb_exit"), 0u) << configuration;
+        EXPECT_EQ(fake::leftovers(), "libusb_init: 1 without libusb_exit\n") << configuration;
+        EXPECT_THAT(fake::misuses(), IsEmpty()) << configuration;
+        fake::setEventsHandled(false);
+        libusb_exit(nullptr);
+        new (&g_GvUsbMan) GVDrvHnd;
+    }
+}
+
+TEST_F(EndTest, LeavesTheContextToAThreadThatIsBetweenTwoRounds) {
+    load("nopnp");
+    fake::setHook([&](std::string_view function, std::string_view) {
+        if (function == "libusb_event_handler_active" && fake::timesCalled(function) == 3) {
+            fake::setEventsHandled(true);
+        }
+    });
+    g_GvUsbMan.~GVDrvHnd();
+    fake::setHook(nullptr);
+    EXPECT_EQ(fake::timesCalled("libusb_exit"), 0u);
+    fake::setEventsHandled(false);
+    libusb_exit(nullptr);
+    new (&g_GvUsbMan) GVDrvHnd;
+}
+
+// libusb_exit would wait for a thread that it cannot wake up any more.
+TEST_F(EndTest, LeavesTheContextWhereItsDescriptorsAreClosed) {
+    load("nopnp");
+    const int closed = dup(STDOUT_FILENO);
+    close(closed);
+    fake::setPollDescriptors({STDOUT_FILENO, closed});
+    g_GvUsbMan.~GVDrvHnd();
+    EXPECT_EQ(fake::timesCalled("libusb_exit"), 0u);
+    libusb_exit(nullptr);
+    new (&g_GvUsbMan) GVDrvHnd;
+    fake::setPollDescriptors({STDOUT_FILENO});
+    EXPECT_THAT(unload(), ElementsAre("libusb_exit(default)"));
+}
+
+TEST_F(EndTest, InterruptsTheEventHandlerAndWaitsForItInModeTwo) {
+    load("gvusb_hotplug=2");
+    fake::setEventsHandled(true);
+    fake::takeCalls();
+    g_GvUsbMan.~GVDrvHnd();
+    EXPECT_THAT(fake::takeCalls(),
+                ElementsAre("libusb_try_lock_events(default) = 1",
+                            "libusb_hotplug_deregister_callback(default, 1)",
+                            "libusb_hotplug_deregister_callback(default, 2)",
+                            "libusb_try_lock_events(default) = 1", "libusb_lock_event_waiters(default)",
+                            "libusb_interrupt_event_handler(default)", "libusb_try_lock_events(default) = 0",
+                            "libusb_unlock_event_waiters(default)", "libusb_unlock_events(default)"));
+    fake::setEventsHandled(false);
+    libusb_exit(nullptr);
+    new (&g_GvUsbMan) GVDrvHnd;
+}
+
+// Such a thread handles events and ends the process from a callback of its own, say.
+TEST_F(EndTest, WaitsForAnEventHandlerThatDoesNotMoveForOneSecondOnly) {
+    load("gvusb_hotplug=2");
+    fake::setEventHandlerStuck();
+    const auto begin = std::chrono::steady_clock::now();
+    g_GvUsbMan.~GVDrvHnd();
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+    EXPECT_EQ(fake::timesCalled("libusb_exit"), 0u);
+    fake::setEventsHandled(false);
+    libusb_exit(nullptr);
     new (&g_GvUsbMan) GVDrvHnd;
 }
 

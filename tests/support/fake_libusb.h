@@ -84,6 +84,9 @@ libusb_device* device(std::string_view name);
 //     taken)
 //   libusb_hotplug_deregister_callback(default, 1)
 //   libusb_try_lock_events(default) = 0                     libusb_unlock_events(default)
+//   libusb_lock_event_waiters(default)                      libusb_unlock_event_waiters(default)
+//   libusb_event_handler_active(default) = 0                libusb_interrupt_event_handler(default)
+//   libusb_get_pollfds(default)                             libusb_free_pollfds(pollfds)
 // A call that a hook left by an exception ends in " threw". A null pointer is written as "null", one that
 // libusb never gave out as "unknown".
 std::vector<std::string> takeCalls(); // returns them and clears
@@ -208,8 +211,14 @@ void setCapability(std::uint32_t capability, bool present);
 // 1.0.26.11724 with an empty release candidate unless told otherwise; `rc` may be null. The texts must last.
 void setVersion(libusb_version version);
 
-// true: another thread handles events, so that libusb_try_lock_events answers 1.
+// true: another thread handles events in a loop, so that libusb_try_lock_events answers 1. A round of it that is
+// interrupted while the event waiters' lock is held ends, and the next one begins when that lock is released. A thread
+// that is stuck in a callback does not end its round.
 void setEventsHandled(bool handled);
+void setEventHandlerStuck();
+
+// What libusb_get_pollfds returns; null without any.
+void setPollDescriptors(std::vector<int> descriptors);
 
 // Accounting.
 
@@ -222,6 +231,7 @@ void setEventsHandled(bool handled);
 //   callback 1: registered
 //   libusb_init: 1 without libusb_exit
 //   events lock: held
+//   event waiters' lock: held
 std::string leftovers();
 
 // What is held at this moment, whenever taken. The references are those of the code under test, without the

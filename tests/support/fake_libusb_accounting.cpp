@@ -59,6 +59,9 @@ std::string leftovers() {
     if (all->test.eventsLockHolder) {
         text += "events lock: held\n";
     }
+    if (all->test.waitersLockHolder) {
+        text += "event waiters' lock: held\n";
+    }
     return text;
 }
 

@@ -2,6 +2,8 @@
 
 #include "fake_libusb_call.h"
 
+#include <utility>
+
 using namespace fake_libusb;
 
 extern "C" {
@@ -65,7 +67,9 @@ int libusb_try_lock_events(libusb_context* context) {
     if (!call.usable(context)) {
         return call.returns(LIBUSB_ERROR_OTHER, context);
     }
-    if (test.eventsHandledElsewhere || test.eventsLockHolder || insideEventHandling()) {
+    const bool betweenRounds =
+        test.eventHandlerInterrupted && test.waitersLockHolder && !test.eventHandlerStuck;
+    if ((test.eventsHandledElsewhere && !betweenRounds) || test.eventsLockHolder || insideEventHandling()) {
         return call.returns(1, context);
     }
     test.eventsLockHolder = std::this_thread::get_id();
@@ -82,7 +86,72 @@ void libusb_unlock_events(libusb_context* context) {
         call.misuse("this thread does not hold the events lock");
         return;
     }
+    if (call.state.test.waitersLockHolder == std::this_thread::get_id()) {
+        call.misuse("hangs, for this thread holds the event waiters' lock");
+    }
     call.state.test.eventsLockHolder.reset();
+}
+
+int libusb_event_handler_active(libusb_context* context) {
+    Call call("libusb_event_handler_active");
+    const Test& test = call.state.test;
+    if (!call.usable(context)) {
+        return call.returns(LIBUSB_ERROR_OTHER, context);
+    }
+    return call.returns(test.eventsHandledElsewhere || test.eventsLockHolder ? 1 : 0, context);
+}
+
+void libusb_lock_event_waiters(libusb_context* context) {
+    Call call("libusb_lock_event_waiters");
+    call.done(context);
+    if (call.usable(context)) {
+        call.state.test.waitersLockHolder = std::this_thread::get_id();
+    }
+}
+
+void libusb_unlock_event_waiters(libusb_context* context) {
+    Call call("libusb_unlock_event_waiters");
+    call.done(context);
+    if (!call.usable(context)) {
+        return;
+    }
+    if (call.state.test.waitersLockHolder != std::this_thread::get_id()) {
+        call.misuse("this thread does not hold the event waiters' lock");
+        return;
+    }
+    call.state.test.waitersLockHolder.reset();
+    call.state.test.eventHandlerInterrupted = false;
+}
+
+void libusb_interrupt_event_handler(libusb_context* context) {
+    Call call("libusb_interrupt_event_handler");
+    call.done(context);
+    if (call.usable(context)) {
+        call.state.test.eventHandlerInterrupted = true;
+    }
+}
+
+const libusb_pollfd** libusb_get_pollfds(libusb_context* context) {
+    Call call("libusb_get_pollfds");
+    call.done(context);
+    const std::vector<int>& descriptors = call.state.test.pollDescriptors;
+    if (!call.usable(context) || descriptors.empty()) {
+        return nullptr;
+    }
+    auto* const list = new const libusb_pollfd*[descriptors.size() + 1]();
+    for (std::size_t i = 0; i < descriptors.size(); ++i) {
+        list[i] = new libusb_pollfd{.fd = descriptors[i], .events = 0};
+    }
+    return list;
+}
+
+void libusb_free_pollfds(const libusb_pollfd** list) {
+    Call call("libusb_free_pollfds");
+    call.done(list == nullptr ? "null" : "pollfds");
+    for (std::size_t i = 0; list != nullptr && list[i] != nullptr; ++i) {
+        delete list[i];
+    }
+    delete[] list;
 }
 
 } // extern "C"
@@ -99,7 +168,19 @@ void setVersion(libusb_version version) {
 }
 
 void setEventsHandled(bool handled) {
-    Access()->test.eventsHandledElsewhere = handled;
+    Access all;
+    all->test.eventsHandledElsewhere = handled;
+    all->test.eventHandlerStuck = false;
+}
+
+void setEventHandlerStuck() {
+    Access all;
+    all->test.eventsHandledElsewhere = true;
+    all->test.eventHandlerStuck = true;
+}
+
+void setPollDescriptors(std::vector<int> descriptors) {
+    Access()->test.pollDescriptors = std::move(descriptors);
 }
 
 int initialisations() {

@@ -87,6 +87,47 @@ TEST_F(FakeContextTest, EventsLockBelongsToOneThread) {
     EXPECT_EQ(libusb_try_lock_events(nullptr), 1);
 }
 
+TEST_F(FakeContextTest, AnInterruptedEventHandlerCannotComeBackWhileTheWaitersAreLocked) {
+    const Context context;
+    EXPECT_EQ(libusb_event_handler_active(nullptr), 0);
+    fake::setEventsHandled(true);
+    EXPECT_EQ(libusb_event_handler_active(nullptr), 1);
+    libusb_interrupt_event_handler(nullptr);
+    EXPECT_EQ(libusb_try_lock_events(nullptr), 1);
+    libusb_lock_event_waiters(nullptr);
+    EXPECT_EQ(libusb_try_lock_events(nullptr), 0);
+    libusb_unlock_event_waiters(nullptr);
+    libusb_unlock_events(nullptr);
+    EXPECT_EQ(libusb_try_lock_events(nullptr), 1);
+    EXPECT_EQ(fake::misuses(), Lines());
+}
+
+TEST_F(FakeContextTest, EventsLockIsReleasedAfterTheWaitersLock) {
+    const Context context;
+    libusb_lock_event_waiters(nullptr);
+    EXPECT_EQ(libusb_try_lock_events(nullptr), 0);
+    EXPECT_EQ(fake::leftovers(), "events lock: held\n"
+                                 "event waiters' lock: held\n");
+    libusb_unlock_events(nullptr);
+    libusb_unlock_event_waiters(nullptr);
+    libusb_unlock_event_waiters(nullptr);
+    EXPECT_EQ(fake::misuses(),
+              (Lines{"libusb_unlock_events: hangs, for this thread holds the event waiters' lock",
+                     "libusb_unlock_event_waiters: this thread does not hold the event waiters' lock"}));
+}
+
+TEST_F(FakeContextTest, PollDescriptorsAreThoseOfTheTest) {
+    const Context context;
+    EXPECT_EQ(libusb_get_pollfds(nullptr), nullptr);
+    fake::setPollDescriptors({3, 4});
+    const libusb_pollfd** const list = libusb_get_pollfds(nullptr);
+    ASSERT_NE(list, nullptr);
+    EXPECT_EQ(list[0]->fd, 3);
+    EXPECT_EQ(list[1]->fd, 4);
+    EXPECT_EQ(list[2], nullptr);
+    libusb_free_pollfds(list);
+}
+
 TEST_F(FakeContextTest, WaitingWhileHoldingTheEventsLockIsNoted) {
     const Context context;
     libusb_device_handle* const handle = open(fake::plug("dev1", fake::bulkReader()));

@@ -48,6 +48,12 @@ inline constexpr std::array functionTraits = std::to_array<FunctionTraits>({
     {"libusb_control_transfer", true, false},
     {"libusb_try_lock_events", false, true},
     {"libusb_unlock_events", false, true},
+    {"libusb_event_handler_active", false, true},
+    {"libusb_lock_event_waiters", false, true},
+    {"libusb_unlock_event_waiters", false, true},
+    {"libusb_interrupt_event_handler", false, true},
+    {"libusb_get_pollfds", false, true},
+    {"libusb_free_pollfds", false, true},
 });
 
 inline constexpr std::size_t functionCount = functionTraits.size();

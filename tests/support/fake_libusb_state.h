@@ -109,6 +109,10 @@ struct Test {
                                                   {LIBUSB_CAP_HAS_HOTPLUG, true}};
     const libusb_version* version = &usualVersion;
     bool eventsHandledElsewhere = false;
+    bool eventHandlerStuck = false;
+    bool eventHandlerInterrupted = false;
+    std::optional<std::thread::id> waitersLockHolder;
+    std::vector<int> pollDescriptors;
     std::optional<std::thread::id> eventsLockHolder;
     bool initialisationFailed = false;
     int initialisations = 0; // since reset()

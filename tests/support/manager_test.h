@@ -27,6 +27,7 @@ protected:
 
     // Whatever a test did, the manager gives everything back when it goes.
     ~ManagerTest() override {
+        fake_libusb::setEventsHandled(false);
         g_GvUsbMan.~GVDrvHnd();
         EXPECT_EQ(fake_libusb::leftovers(), "");
         EXPECT_EQ(fake_libusb::misuses(), std::vector<std::string>());

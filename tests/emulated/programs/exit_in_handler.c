@@ -1,6 +1,6 @@
 /*
- * Ends by calling exit() in an event handler, while main handles libusb's events. For that it starts libusb
- * itself too: the library's end then leaves libusb's default context to it.
+ * Ends by calling exit() in an event handler, while main handles libusb's events without a reference of its own to libusb's
+ * default context.
  */
 #include "bus.h"
 
@@ -19,7 +19,7 @@ static void end_program(int handle, unsigned int id, const char* text) {
 
 int main(void) {
     GVUSB_EVENT_INIT connect = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, end_program};
-    if (libusb_init(NULL) != 0 || GVUSB_AddEventHandler(0, &connect) != 0) {
+    if (GVUSB_AddEventHandler(0, &connect) != 0) {
         return 1;
     }
     plug_new("id=E0E");

@@ -1,0 +1,81 @@
+/*
+ * Loads and unloads the library, argument 1, as often as argument 2 says, while one thread handles libusb's events and
+ * another plugs and unplugs a reader. The event thread has a reference of its own to libusb's context.
+ */
+#include "bus.h"
+
+#include <libusb.h>
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <stdatomic.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+static atomic_bool stopping;
+
+static void* handle_events(void* nothing) {
+    while (!atomic_load(&stopping)) {
+        struct timeval longest = {.tv_sec = 0, .tv_usec = 200000};
+        libusb_handle_events_timeout_completed(NULL, &longest, NULL);
+    }
+    return nothing;
+}
+
+static void* change_bus(void* nothing) {
+    const int reader = plug_new("id=77");
+    while (!atomic_load(&stopping)) {
+        bus("unplug %d", reader);
+        bus("plug %d", reader);
+    }
+    bus("unplug %d", reader);
+    return nothing;
+}
+
+/* The emulated bus looks up the C library's functions when they are first needed, which waits for the loader's lock. A
+ * thread of the library that did this during dlclose would be waited for in vain. */
+static void open_each_device_once(void) {
+    libusb_device** devices = NULL;
+    libusb_device_handle* handle = NULL;
+    const ssize_t count = libusb_get_device_list(NULL, &devices);
+    for (ssize_t i = 0; i < count; ++i) {
+        if (libusb_open(devices[i], &handle) == 0) {
+            unsigned char text[8];
+            libusb_get_string_descriptor_ascii(handle, 1, text, sizeof text);
+            libusb_close(handle);
+        }
+    }
+    libusb_free_device_list(devices, 1);
+}
+
+int main(int argc, char** argv) {
+    if (argc != 3 || libusb_init(NULL) != 0) {
+        return 2;
+    }
+    open_each_device_once();
+    pthread_t events;
+    pthread_t changes;
+    if (pthread_create(&events, NULL, handle_events, NULL) != 0 ||
+        pthread_create(&changes, NULL, change_bus, NULL) != 0) {
+        return 2;
+    }
+    const double begin = now_ms();
+    const int times = atoi(argv[2]);
+    for (int i = 0; i < times; ++i) {
+        void* library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
+        if (library == NULL) {
+            fprintf(stderr, "%s\n", dlerror());
+            return 2;
+        }
+        dlclose(library);
+        if (dlopen(argv[1], RTLD_NOW | RTLD_NOLOAD) != NULL) {
+            fprintf(stderr, "still loaded\n");
+            return 3;
+        }
+    }
+    printf("%.2f ms each\n", (now_ms() - begin) / times);
+    atomic_store(&stopping, true);
+    pthread_join(changes, NULL);
+    pthread_join(events, NULL);
+    return 0;
+}
