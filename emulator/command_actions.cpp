@@ -157,6 +157,11 @@ CommandAnswer failString(Bus& bus, Text arguments) {
     });
 }
 
+CommandAnswer setDescriptors(Bus& bus, Text arguments) {
+    return onReaders(bus, arguments,
+                     [](ReaderModel& r, Text rest) { r.setDescriptors(hexBytes("descriptors", rest)); });
+}
+
 CommandAnswer stall(Bus& bus, Text arguments) {
     return onPipes(bus, arguments, [](PipeFaults& faults, Text rest) {
         const Text word = takeWord(rest);

@@ -16,6 +16,7 @@ CommandAnswer replug(Bus& bus, std::string_view arguments);
 CommandAnswer setString(Bus& bus, std::string_view arguments);
 CommandAnswer removeString(Bus& bus, std::string_view arguments);
 CommandAnswer failString(Bus& bus, std::string_view arguments);
+CommandAnswer setDescriptors(Bus& bus, std::string_view arguments);
 CommandAnswer stall(Bus& bus, std::string_view arguments);
 CommandAnswer unstall(Bus& bus, std::string_view arguments);
 CommandAnswer mute(Bus& bus, std::string_view arguments);

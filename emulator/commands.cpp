@@ -30,6 +30,9 @@ constexpr std::array commands = {
             actions::removeString},
     Command{"fail-string", "READER INDEX on|off", "reading the string descriptor stalls", 3,
             actions::failString},
+    Command{"descriptors", "READER HEX",
+            "set the device and configuration descriptors that programs read from the next plug on", 2,
+            actions::setDescriptors},
     Command{"stall", "READER PIPE [stuck]",
             "transfers stall, on a bulk pipe until the halt is cleared; not even then "
             "when stuck",

@@ -7,9 +7,7 @@ namespace emulator {
 
 namespace {
 
-constexpr std::uint8_t deviceType = 1;
-constexpr std::uint8_t configurationType = 2;
-constexpr std::uint8_t stringType = 3;
+constexpr std::uint8_t deviceSize = 18;
 constexpr std::uint8_t interfaceType = 4;
 constexpr std::uint8_t endpointType = 5;
 constexpr std::uint8_t vendorClass = 0xFF;
@@ -69,7 +67,7 @@ std::uint16_t packetSize(const ReaderDescription& reader, const Endpoint& endpoi
 }
 
 Bytes deviceDescriptor(const ReaderDescription& reader) {
-    Bytes bytes = {18, deviceType};
+    Bytes bytes = {deviceSize, deviceType};
     append16(bytes, reader.speed == Speed::high ? 0x0200 : 0x0110);
     bytes.insert(bytes.end(), {0, 0, 0}); // class, subclass and protocol: see the interface
     bytes.push_back(reader.speed == Speed::low ? 8 : 64);
@@ -109,10 +107,24 @@ Bytes configurationDescriptor(const ReaderDescription& reader, std::size_t index
 }
 
 Bytes allDescriptors(const ReaderDescription& reader) {
+    if (reader.descriptors)
+        return *reader.descriptors;
     Bytes bytes = deviceDescriptor(reader);
     for (std::size_t i = 0; i < reader.configurations.size(); ++i)
         std::ranges::copy(configurationDescriptor(reader, i), std::back_inserter(bytes));
     return bytes;
+}
+
+std::optional<Bytes> givenDescriptor(const Bytes& given, std::uint8_t type, std::uint8_t index) {
+    const std::size_t deviceEnd = std::min<std::size_t>(deviceSize, given.size());
+    if (type == deviceType)
+        return index == 0 ? std::optional(Bytes(given.data(), given.data() + deviceEnd)) : std::nullopt;
+    std::size_t begin = deviceEnd;
+    for (; index > 0 && begin + 4 <= given.size(); --index)
+        begin += given[begin + 2] + std::size_t{256} * given[begin + 3];
+    if (index > 0 || begin >= given.size())
+        return std::nullopt;
+    return Bytes(given.data() + begin, given.data() + given.size());
 }
 
 Bytes stringDescriptor(std::string_view text) {

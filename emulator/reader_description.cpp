@@ -146,6 +146,10 @@ constexpr std::array keys = {
         [](Draft& d, Value v) {
             d.reader.firstInterface = static_cast<std::uint8_t>(number("first-interface", v, 0, 7));
         }},
+    Key{"descriptors",
+        "device and configuration descriptors as programs read them, in hexadecimal, for a\n"
+        "                    reader that describes itself wrongly; how it behaves is up to the other keys",
+        [](Draft& d, Value v) { d.reader.descriptors = hexBytes("descriptors", v); }},
     Key{"speed", "low, full or high (full)", [](Draft& d, Value v) { d.reader.speed = parseSpeed(v); }},
     Key{"bus", "bus number (1)",
         [](Draft& d, Value v) { d.reader.bus = static_cast<std::uint8_t>(number("bus", v, 1, 255)); }},

@@ -64,6 +64,10 @@ struct ReaderDescription {
     std::string kernelDriver; // bound to the first interface when plugged; empty: none
     ReplyRule reply;
     bool plugged = true;
+
+    // What programs read as the device's descriptors and those of its configurations, byte for byte, in the
+    // place of what all of the above makes them. The reader itself stays as described above.
+    std::optional<Bytes> descriptors;
 };
 
 // The readers that one line describes: one, or as many as its "copies" says, their device IDs counting up.

@@ -54,6 +54,7 @@ public:
     // -------------------------------------------------------------------------------------- what tests turn
     const ReaderDescription& description() const { return description_; }
     void setString(std::uint8_t index, std::optional<std::string> text);
+    void setDescriptors(Bytes descriptors) { description_.descriptors = std::move(descriptors); }
     void setReply(ReplyRule rule) { description_.reply = std::move(rule); }
     void setKernelDriver(std::string name) { description_.kernelDriver = std::move(name); }
     void forgetAnswers();

@@ -110,9 +110,8 @@ Completion ReaderModel::standardRequest(const Transfer& transfer, Time now) {
 }
 
 std::optional<Bytes> ReaderModel::descriptor(std::uint8_t type, std::uint8_t index) const {
-    constexpr std::uint8_t deviceType = 1;
-    constexpr std::uint8_t configurationType = 2;
-    constexpr std::uint8_t stringType = 3;
+    if (description_.descriptors && (type == deviceType || type == configurationType))
+        return givenDescriptor(*description_.descriptors, type, index);
     if (type == deviceType && index == 0)
         return deviceDescriptor(description_);
     if (type == configurationType && index < description_.configurations.size())

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <optional>
+
 namespace emulator {
 namespace {
 
@@ -40,6 +43,36 @@ TEST(DescriptorsTest, AllDescriptorsAreDeviceThenEachConfiguration) {
     EXPECT_EQ(allDescriptors(reader), wanted);
     EXPECT_EQ(configurationDescriptor(reader, 0)[5], 2);
     EXPECT_EQ(configurationDescriptor(reader, 1)[5], 1);
+}
+
+TEST(DescriptorsTest, GivenDescriptorsAreShownAsTheyAre) {
+    EXPECT_EQ(allDescriptors(described("descriptors=12 01FF")), (Bytes{0x12, 0x01, 0xFF}));
+    EXPECT_EQ(allDescriptors(described("descriptors=")), Bytes{});
+}
+
+TEST(DescriptorsTest, GivenConfigurationBeginsWhereTheTotalLengthsBeforeItSay) {
+    Bytes given(18, 0x11);
+    given.insert(given.end(), {4, 2, 5, 0, 0x33, 9, 2, 0, 1, 0x44});
+    const Bytes device(18, 0x11);
+    EXPECT_EQ(givenDescriptor(given, deviceType, 0), device);
+    EXPECT_EQ(givenDescriptor(given, deviceType, 1), std::nullopt);
+    EXPECT_EQ(givenDescriptor(given, configurationType, 0), Bytes(given.begin() + 18, given.end()));
+    EXPECT_EQ(givenDescriptor(given, configurationType, 1), (Bytes{9, 2, 0, 1, 0x44}));
+    EXPECT_EQ(givenDescriptor(given, configurationType, 2), std::nullopt);
+    EXPECT_EQ(givenDescriptor(given, configurationType, 255), std::nullopt);
+}
+
+TEST(DescriptorsTest, GivenDescriptorsMayEndAnywhere) {
+    const Bytes all = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 9, 2, 0, 0};
+    for (std::size_t length = 0; length <= all.size(); ++length) {
+        const Bytes given(all.data(), all.data() + length);
+        const Bytes device(all.data(), all.data() + std::min<std::size_t>(length, 18));
+        EXPECT_EQ(givenDescriptor(given, deviceType, 0), device) << length;
+        const std::optional<Bytes> configuration = givenDescriptor(given, configurationType, 0);
+        EXPECT_EQ(configuration.value_or(Bytes{}).size(), length - device.size()) << length;
+        // A total length of 0 leads from one configuration to the same.
+        EXPECT_EQ(givenDescriptor(given, configurationType, 255).has_value(), length == all.size()) << length;
+    }
 }
 
 TEST(DescriptorsTest, PacketSizeFollowsSpeed) {

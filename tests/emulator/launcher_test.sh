@@ -192,6 +192,8 @@ sends_commands() {
     expect_output '^error: usage: stall READER PIPE'
     expect_status 1 "$emulate" -- "$emulate" --send 'stall 2 0x81'
     expect_output '^error: the reader has no endpoint 0x81$'
+    expect_status 1 "$emulate" -- "$emulate" --send 'descriptors all 120'
+    expect_output '^error: descriptors is .120.; its last byte lacks a digit$'
     expect_status 0 "$emulate" -- sh -c "'$emulate' --send 'unplug 1' && ! '$emulate' --send 'unplug 1' &&
         '$emulate' --send 'plug 1' && '$emulate' --send list"
     expect_output '^ok 1 [0-9a-f]*:0001 001/004 1A2B3C; 2 [0-9a-f]*:0002 001/003 1A2B3D$'

@@ -32,13 +32,14 @@ TEST(ReaderDescriptionTest, DescribesABulkReaderUnlessTold) {
     EXPECT_EQ(reader.endpoints[1].address, 0x02);
     EXPECT_EQ(reader.configurations, std::vector<std::uint8_t>{1});
     EXPECT_TRUE(reader.plugged);
+    EXPECT_EQ(reader.descriptors, std::nullopt);
 }
 
 TEST(ReaderDescriptionTest, TakesEveryKey) {
     const ReaderDescription reader = one(
         "id=xyz,family=F,name=A\\,B,interface=TESK RCI2,type=7,string20=more,product=0x2,vendor=0x1234,"
         "release=0x0203,endpoints=control,configuration=2+1,interfaces=3,first-interface=1,speed=high,bus=4,"
-        "address=9,driver=usbhid,reply=none,plugged=no");
+        "address=9,driver=usbhid,reply=none,plugged=no,descriptors=1201");
     EXPECT_EQ(reader.strings.at(1), "xyz");
     EXPECT_EQ(reader.strings.at(3), "F");
     EXPECT_EQ(reader.strings.at(5), "A,B");
@@ -58,6 +59,7 @@ TEST(ReaderDescriptionTest, TakesEveryKey) {
     EXPECT_EQ(reader.kernelDriver, "usbhid");
     EXPECT_EQ(reader.reply.text(), "none");
     EXPECT_FALSE(reader.plugged);
+    EXPECT_EQ(reader.descriptors, (Bytes{0x12, 0x01}));
 }
 
 TEST(ReaderDescriptionTest, LeavesStringsOut) {
@@ -96,6 +98,9 @@ TEST(ReaderDescriptionTest, SaysWhatIsWrong) {
     EXPECT_EQ(complaint("product"), "'product' is not KEY=VALUE");
     EXPECT_EQ(complaint("product=70000"), "product is '70000'; it takes a number from 0 to 65535");
     EXPECT_EQ(complaint("speed=warp"), "speed is 'warp'; it takes low, full or high");
+    EXPECT_EQ(complaint("descriptors=12 0"), "descriptors is '12 0'; its last byte lacks a digit");
+    EXPECT_EQ(complaint("descriptors=0x12"),
+              "descriptors is '0x12'; it takes bytes as pairs of hexadecimal digits");
     EXPECT_EQ(complaint("configuration=1+1"), "configuration has the value 1 twice");
     EXPECT_EQ(complaint("endpoints=0x80"),
               "endpoint address is '0x80'; it takes 0x01 to 0x0F or 0x81 to 0x8F");

@@ -44,6 +44,18 @@ TEST_F(ReaderRequestsTest, StallsDescriptorsThatItDoesNotHave) {
     expectStall({0x80, 6, 0x0300, 0, 255});
 }
 
+TEST_F(ReaderRequestsTest, ReturnsGivenDescriptorsInThePlaceOfItsOwn) {
+    Bytes given = deviceDescriptor(reader.description());
+    given[17] = 9;
+    const Bytes device = given;
+    given.insert(given.end(), {9, 2, 0xFF, 0xFF, 3});
+    reader.setDescriptors(given);
+    expectAnswer({0x80, 6, 0x0100, 0, 18}, device);
+    expectAnswer({0x80, 6, 0x0200, 0, 255}, {9, 2, 0xFF, 0xFF, 3});
+    expectStall({0x80, 6, 0x0201, 0, 255});
+    expectAnswer({0x80, 6, 0x0301, 0x0409, 255}, stringDescriptor("1A2B3C"));
+}
+
 TEST_F(ReaderRequestsTest, StallsUnreadableStringsOnly) {
     reader.requestFaults().unreadableStrings = {3};
     expectStall({0x80, 6, 0x0303, 0x0409, 255});
