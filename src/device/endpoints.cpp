@@ -11,15 +11,20 @@ namespace {
 
 constexpr int usedInterface = 0;
 
+// libusb's counts are those that the reader tells. Where its descriptors end early, there may be no list.
+template <class Entry>
+std::span<const Entry> listed(const Entry* first, int count) {
+    return {first, first == nullptr ? 0 : static_cast<std::size_t>(std::max(count, 0))};
+}
+
 // The endpoints of interface 0 in its alternate setting 0; none when the configuration has no such
 // interface.
 std::span<const libusb_endpoint_descriptor> endpointsOf(const libusb_config_descriptor& config) {
-    for (const libusb_interface& interface : std::span(config.interface, config.bNumInterfaces)) {
-        const std::span settings(interface.altsetting,
-                                 static_cast<std::size_t>(std::max(interface.num_altsetting, 0)));
-        for (const libusb_interface_descriptor& setting : settings) {
+    for (const libusb_interface& interface : listed(config.interface, config.bNumInterfaces)) {
+        for (const libusb_interface_descriptor& setting :
+             listed(interface.altsetting, interface.num_altsetting)) {
             if (setting.bInterfaceNumber == usedInterface && setting.bAlternateSetting == 0) {
-                return {setting.endpoint, setting.bNumEndpoints};
+                return listed(setting.endpoint, setting.bNumEndpoints);
             }
         }
     }

@@ -186,6 +186,19 @@ TEST_F(EndpointsTest, WithoutAlternateSettingThereAreNoEndPoints) {
     EXPECT_EQ(stateOf(*device), controlState);
 }
 
+// libusb's counts come from the reader and say nothing about the lists beside them.
+TEST_F(EndpointsTest, CountsWithoutTheirListsAreReadersWithoutEndPoints) {
+    for (const fake::FakeList list :
+         {fake::FakeList::endpoints, fake::FakeList::altSettings, fake::FakeList::interfaces}) {
+        SCOPED_TRACE(static_cast<int>(list));
+        fake::FakeReader reader = fake::bulkReader();
+        reader.configurations[0].nullList = list;
+        const auto device = makeOpen(reader);
+        EXPECT_EQ(lookUp(*device), GVUSB_OK);
+        EXPECT_EQ(stateOf(*device), controlState);
+    }
+}
+
 TEST_F(EndpointsTest, ControlModeDetachesAndClaimsToo) {
     const auto device = makeOpen(readerWith({bulk(0x81)}));
     EXPECT_THAT(logOf(2, [&] { EXPECT_EQ(lookUp(*device), GVUSB_OK); }),

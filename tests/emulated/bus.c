@@ -10,8 +10,8 @@
 #include <time.h>
 #include <unistd.h>
 
-/* The longest answer tells a frame in hexadecimal. */
-enum { longest_command = 512, longest_answer = 2 * longest_frame + 64 };
+/* The longest command gives a reader's descriptors, the longest answer tells a frame, in hexadecimal. */
+enum { longest_command = 4096, longest_answer = 2 * longest_frame + 64 };
 
 /* Names the program that makes a real kernel follow the bus. */
 static const char settle_variable[] = "GVUSB_TEST_SETTLE";

@@ -91,6 +91,28 @@ TEST_F(FakeBusTest, OddConfigurationsCanBeDescribed) {
     EXPECT_EQ(descriptor.bNumConfigurations, 0);
 }
 
+TEST_F(FakeBusTest, AListCanBeNullBesideItsCount) {
+    const auto described = [](std::string_view name, fake::FakeList list) {
+        fake::FakeReader reader = fake::bulkReader();
+        reader.configurations[0].nullList = list;
+        libusb_config_descriptor* config = nullptr;
+        EXPECT_EQ(libusb_get_config_descriptor(fake::plug(name, reader), 0, &config), 0);
+        return config;
+    };
+    libusb_config_descriptor* config = described("dev1", fake::FakeList::interfaces);
+    EXPECT_EQ(config->bNumInterfaces, 1);
+    EXPECT_EQ(config->interface, nullptr);
+    libusb_free_config_descriptor(config);
+    config = described("dev2", fake::FakeList::altSettings);
+    EXPECT_EQ(config->interface[0].num_altsetting, 1);
+    EXPECT_EQ(config->interface[0].altsetting, nullptr);
+    libusb_free_config_descriptor(config);
+    config = described("dev3", fake::FakeList::endpoints);
+    EXPECT_EQ(config->interface[0].altsetting[0].bNumEndpoints, 2);
+    EXPECT_EQ(config->interface[0].altsetting[0].endpoint, nullptr);
+    libusb_free_config_descriptor(config);
+}
+
 TEST_F(FakeBusTest, AddressesCountUpUnlessGiven) {
     EXPECT_EQ(libusb_get_device_address(fake::plug("dev1", fake::bulkReader())), 1);
     EXPECT_EQ(libusb_get_device_address(fake::plug("dev2", fake::bulkReader())), 2);

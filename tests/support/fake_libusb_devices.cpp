@@ -8,6 +8,7 @@ namespace {
 
 std::unique_ptr<Configuration> describe(const libusb_device& device, const FakeConfiguration& description) {
     auto made = std::make_unique<Configuration>();
+    const auto isNull = [&](FakeList list, bool empty) { return empty || description.nullList == list; };
     made->name = "config of " + device.name;
     for (const FakeInterface& interface : description.interfaces) {
         auto& altSettings = made->altSettings.emplace_back();
@@ -29,11 +30,12 @@ std::unique_ptr<Configuration> describe(const libusb_device& device, const FakeC
             described.bAlternateSetting = static_cast<std::uint8_t>(altSettings.size());
             described.bNumEndpoints = static_cast<std::uint8_t>(endpoints.size());
             described.bInterfaceClass = LIBUSB_CLASS_VENDOR_SPEC;
-            described.endpoint = endpoints.empty() ? nullptr : endpoints.data();
+            described.endpoint = isNull(FakeList::endpoints, endpoints.empty()) ? nullptr : endpoints.data();
             altSettings.push_back(described);
         }
         made->interfaces.push_back(
-            {altSettings.empty() ? nullptr : altSettings.data(), static_cast<int>(altSettings.size())});
+            {isNull(FakeList::altSettings, altSettings.empty()) ? nullptr : altSettings.data(),
+             static_cast<int>(altSettings.size())});
     }
     libusb_config_descriptor& descriptor = made->descriptor;
     descriptor.bLength = LIBUSB_DT_CONFIG_SIZE;
@@ -41,7 +43,8 @@ std::unique_ptr<Configuration> describe(const libusb_device& device, const FakeC
     descriptor.bNumInterfaces = static_cast<std::uint8_t>(made->interfaces.size());
     descriptor.bConfigurationValue = description.value;
     descriptor.bmAttributes = 0x80;
-    descriptor.interface = made->interfaces.empty() ? nullptr : made->interfaces.data();
+    descriptor.interface =
+        isNull(FakeList::interfaces, made->interfaces.empty()) ? nullptr : made->interfaces.data();
     return made;
 }
 

@@ -34,9 +34,16 @@ struct FakeInterface {
     std::optional<std::uint8_t> number = std::nullopt;
 };
 
+// A list of libusb's description of a configuration.
+enum class FakeList { interfaces, altSettings, endpoints };
+
 struct FakeConfiguration {
     std::uint8_t value = 1; // bConfigurationValue
     std::vector<FakeInterface> interfaces = {FakeInterface{}};
+
+    // Such lists are null, and their counts are as if they were there. That is what libusb leaves of the
+    // endpoints of a configuration that ends inside the first of them.
+    std::optional<FakeList> nullList = std::nullopt;
 };
 
 // What a string descriptor holds, or the libusb code that reading it returns. The bytes are handed over as
