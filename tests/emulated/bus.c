@@ -1,5 +1,6 @@
 #include "bus.h"
 
+#include <errno.h>
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -53,11 +54,14 @@ static void exchange_line(const char* command, char* answer) {
     size_t received = 0;
     do {
         ssize_t count = recv(descriptor, answer + received, longest_answer - 1 - received, 0);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
         if (count <= 0) {
             give_up(command, "no answer");
         }
         received += (size_t)count;
-    } while (answer[received - 1] != '\n');
+    } while (received == 0 || answer[received - 1] != '\n');
     pthread_mutex_unlock(&channel_lock);
     answer[received - 1] = '\0';
 }
