@@ -25,6 +25,10 @@ void GVLOG_Msg(const char* tag, const char* text) {
         microseconds += 1000000;
         seconds -= 1;
     }
+    if (seconds < 0) { // the clock was set back
+        seconds = 0;
+        microseconds = 0;
+    }
     std::printf("%2lu.%06d :: gvusb: [%s] %s\n", static_cast<unsigned long>(seconds),
                 static_cast<int>(microseconds), tag, text);
 }

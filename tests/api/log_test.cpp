@@ -90,10 +90,31 @@ TEST_F(Log, TimeCountsFromTheLevelsSetting) {
     }
 }
 
-// The seconds are printed as an unsigned long, so a clock that was put back shows as an enormous time.
-TEST_F(Log, TimeBeforeTheLevelsSettingWrapsAround) {
+TEST_F(Log, ClockThatIsSetBackBeforeTheLevelsSettingShowsItsTime) {
+    struct Row {
+        long startSeconds, startMicroseconds, seconds, microseconds;
+    };
+    const Row rows[] = {
+        {10, 500000, 10, 499999},
+        {10, 500000, 9, 500000},
+        {10, 500000, 9, 999999},
+        {10, 0, 9, 999999},
+        {10, 500000, 0, 0},
+        {1700000000, 1, 1699999999, 0},
+        {1700000000, 999999, 0, 5000},
+        {10, 0, -5, 1},
+    };
+    for (const Row& row : rows) {
+        startAt(row.startSeconds, row.startMicroseconds);
+        EXPECT_EQ(lineAt(row.seconds, row.microseconds), " 0.000000 :: gvusb: [scan] no devices\n");
+    }
+}
+
+TEST_F(Log, TimeGoesOnFromZeroOnceASetBackClockHasReachedTheLevelsSetting) {
     startAt(10, 500000);
-    EXPECT_EQ(lineAt(10, 400000), std::to_string(ULONG_MAX) + ".900000 :: gvusb: [scan] no devices\n");
+    EXPECT_EQ(lineAt(10, 499999), " 0.000000 :: gvusb: [scan] no devices\n");
+    EXPECT_EQ(lineAt(10, 500000), " 0.000000 :: gvusb: [scan] no devices\n");
+    EXPECT_EQ(lineAt(11, 600000), " 1.100000 :: gvusb: [scan] no devices\n");
 }
 
 TEST_F(Log, SettingTheLevelAgainRestartsTheTime) {
