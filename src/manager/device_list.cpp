@@ -9,13 +9,24 @@ namespace {
 constexpr int firstHandle = 0x10000001;
 constexpr int handleCount = 0x0FFFFFFF;
 
+bool hasHandle(const std::vector<GVDevice*>& devices, int devHnd) {
+    return std::any_of(devices.begin(), devices.end(),
+                       [&](const GVDevice* device) { return device != nullptr && device->devHnd == devHnd; });
+}
+
 } // namespace
 
+// After the wrap the next handles may belong to readers that are still open, or that wait in the scan list to be
+// opened again.
 int GVDrvHnd::NextDeviceHandle() {
-    if (m_iHandleCounter >= handleCount) {
-        m_iHandleCounter = 0;
-    }
-    return firstHandle + m_iHandleCounter++;
+    int devHnd;
+    do {
+        if (m_iHandleCounter >= handleCount) {
+            m_iHandleCounter = 0;
+        }
+        devHnd = firstHandle + m_iHandleCounter++;
+    } while (hasHandle(m_DeviceList, devHnd) || hasHandle(m_ScanList, devHnd));
+    return devHnd;
 }
 
 void GVDrvHnd::ClearDeviceList() {

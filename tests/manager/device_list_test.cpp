@@ -2,6 +2,7 @@
 #include "manager_test.h"
 #include "mutex_probe.h"
 
+#include <array>
 #include <climits>
 #include <memory>
 
@@ -54,6 +55,46 @@ TEST_F(DeviceListTest, HandlesStartAgainAfterTheLastOne) {
     EXPECT_THAT(drawHandles(0x0FFFFFFD, 4), ElementsAre(0x1FFFFFFE, 0x1FFFFFFF, 0x10000001, 0x10000002));
     const MutexLock lock(g_GvUsbMan.m_mtxDevList);
     EXPECT_EQ(g_GvUsbMan.m_iHandleCounter, 2);
+}
+
+TEST_F(DeviceListTest, HandleOfAnOpenReaderIsNotDrawnAgain) {
+    setDeviceList({record(0x10000001, 1, "dev1")});
+    EXPECT_THAT(drawHandles(0x0FFFFFFE, 3), ElementsAre(0x1FFFFFFF, 0x10000002, 0x10000003));
+    const MutexLock lock(g_GvUsbMan.m_mtxDevList);
+    EXPECT_EQ(g_GvUsbMan.m_iHandleCounter, 3);
+}
+
+TEST_F(DeviceListTest, HandlesOfOpenReadersAreSkippedAlsoInARowAndAcrossTheWrap) {
+    setDeviceList({record(0x10000002, 1, "dev1"), nullptr, record(0x1FFFFFFF, 2, "dev2"),
+                   record(0x10000001, 3, "dev3"), record(0x10000004, 4, "dev4")});
+    EXPECT_THAT(drawHandles(0x0FFFFFFD, 4), ElementsAre(0x1FFFFFFE, 0x10000003, 0x10000005, 0x10000006));
+}
+
+TEST_F(DeviceListTest, HandleIsDrawnAgainOnceItsReaderIsClosed) {
+    setDeviceList({record(0x10000001, 1, "dev1")});
+    EXPECT_THAT(drawHandles(0, 1), ElementsAre(0x10000002));
+    ASSERT_EQ(GVUSB_CloseDevice(0x10000001), 0);
+    EXPECT_THAT(drawHandles(0, 1), ElementsAre(0x10000001));
+}
+
+// It has its handle again when it is opened.
+TEST_F(DeviceListTest, HandleOfAClosedReaderInTheScanListIsNotDrawnAgain) {
+    ASSERT_EQ(openReader("dev1", "A1"), firstHandle);
+    ASSERT_EQ(GVUSB_CloseDevice(firstHandle), 0);
+    EXPECT_THAT(drawHandles(0, 1), ElementsAre(firstHandle + 1));
+    EXPECT_EQ(GVUSB_OpenDevice(0xA1), firstHandle);
+}
+
+TEST_F(DeviceListTest, ScanAfterTheWrapGivesNoReaderTheHandleOfAnother) {
+    ASSERT_EQ(openReader("dev1", "A1"), firstHandle);
+    drawHandles(0, 0);
+    EXPECT_EQ(openReader("dev2", "A2"), firstHandle + 1);
+    EXPECT_THAT(openHandlesInOrder(), ElementsAre(firstHandle, firstHandle + 1));
+    EXPECT_EQ(
+        GVUSB_Transceive(firstHandle, GVUSB_PROTOCOL, 0, frame, 1, std::array<unsigned char, 8>().data(), 8),
+        1);
+    EXPECT_EQ(fake::frames("dev1").size(), 1u);
+    EXPECT_THAT(fake::frames("dev2"), IsEmpty());
 }
 
 TEST_F(DeviceListTest, WalkOfAnEmptyListEndsAtOnce) {
