@@ -29,9 +29,14 @@ void logUnwanted(const GVDevice& device) {
 int GVDrvHnd::DiscoverDevices(_GVUSB_SCANSEARCH* search) {
     logScanSearchOpt(search);
     const MutexLock scanLock(m_mtxScanList);
-    ForgetReported();
-    ClearScanList();
     const MutexLock listLock(m_mtxDevList);
+    return RebuildScanList(search);
+}
+
+// The list is empty in between, which nobody sees who holds the device-list mutex.
+int GVDrvHnd::RebuildScanList(_GVUSB_SCANSEARCH* search) {
+    ForgetReported();
+    EmptyScanList();
 
     const UsbDeviceList usbDevices(m_bLibUsbUsable);
     if (GVLOG_Level() > 0) {

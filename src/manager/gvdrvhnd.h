@@ -3,9 +3,9 @@
 //
 // One instance exists, g_GvUsbMan, from loading to unloading. Two mutexes guard it, always taken in this
 // order: the scan-list mutex, which keeps a scan and an update of the lists apart, and the device-list mutex,
-// which guards both lists and is held during all work on a reader. Event handlers run with neither of them
-// held, under g_MtxEvtInitAry. The other members are constant after construction, or single values that any
-// thread may read and write.
+// which guards both lists and is held during all work on a reader. A scan that opens holds both until the readers
+// that it found are open. Event handlers run with neither of them held, under g_MtxEvtInitAry. The other members
+// are constant after construction, or single values that any thread may read and write.
 #pragma once
 
 #include "base/mutex.h"
@@ -47,7 +47,7 @@ public:
     int GetDeviceHnd(unsigned int devId) GVUSB_EXCLUDES(m_mtxDevList);
 
     // Scan and scan list.
-    int Scan(int option, _GVUSB_SCANSEARCH* search, bool open);
+    int Scan(int option, _GVUSB_SCANSEARCH* search, bool open) GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
     int DiscoverDevices(_GVUSB_SCANSEARCH* search) GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
     bool IsUsableGavoDevice(libusb_device_descriptor* desc);
     unsigned int ReadDeviceIdOfUsbDev(libusb_device* dev);
@@ -106,7 +106,8 @@ public:
 
     int m_iLastError = 0;
     int m_iHandleCounter GVUSB_GUARDED_BY(m_mtxDevList) = 0;
-    int m_iScanCursor = -1; // index of the scan-list entry last handed out, -1 for none
+    // Index of the scan-list entry last handed out, -1 for none.
+    int m_iScanCursor GVUSB_GUARDED_BY(m_mtxDevList) = -1;
     std::vector<GVDevice*> m_ScanList GVUSB_GUARDED_BY(m_mtxDevList);
     std::vector<GVDevice*> m_DeviceList GVUSB_GUARDED_BY(m_mtxDevList);
     Mutex m_mtxDevList;
@@ -143,8 +144,17 @@ private:
     void DestroyDevice(GVDevice* device) GVUSB_REQUIRES(m_mtxDevList);
     void DropFromScanList(std::size_t index) GVUSB_REQUIRES(m_mtxDevList);
 
+    int ScanAll(_GVUSB_SCANSEARCH* search, bool open) GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
+    int ScanFirst(_GVUSB_SCANSEARCH* search, bool open) GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
+    int ScanNext(bool open) GVUSB_EXCLUDES(m_mtxDevList);
+    int RebuildScanList(_GVUSB_SCANSEARCH* search) GVUSB_REQUIRES(m_mtxScanList, m_mtxDevList);
+    int CountScanList() GVUSB_REQUIRES(m_mtxDevList);
+    void EmptyScanList() GVUSB_REQUIRES(m_mtxDevList);
+
     int OpenScanned(GVDevice& device) GVUSB_REQUIRES(m_mtxDevList);
     int OpenEntry(GVDevice& device) GVUSB_REQUIRES(m_mtxDevList);
+    int OpenEntryAt(int index) GVUSB_REQUIRES(m_mtxDevList);
+    int OpenEveryEntry() GVUSB_REQUIRES(m_mtxDevList);
 
     int GetDriverPara(const char* key, char* value);
     int SetDriverPara(const char* key, const char* value);

@@ -67,6 +67,10 @@ int GVDrvHnd::OpenEntry(GVDevice& device) {
 
 int GVDrvHnd::OpenAllDevices() {
     const MutexLock lock(m_mtxDevList);
+    return OpenEveryEntry();
+}
+
+int GVDrvHnd::OpenEveryEntry() {
     int lastFailure = GVUSB_OK;
     for (GVDevice* device : m_ScanList) {
         if (device == nullptr || DL_HandleOfDeviceId(device->devId) != 0) {
@@ -82,6 +86,10 @@ int GVDrvHnd::OpenAllDevices() {
 
 int GVDrvHnd::OpenDevice(int index) {
     const MutexLock lock(m_mtxDevList);
+    return OpenEntryAt(index);
+}
+
+int GVDrvHnd::OpenEntryAt(int index) {
     if (index < 0 || static_cast<std::size_t>(index) >= m_ScanList.size()) {
         return SetLastError(GVUSB_ERR_INDEX_OUT_OF_RANGE);
     }

@@ -10,33 +10,11 @@ int GVDrvHnd::Scan(int option, _GVUSB_SCANSEARCH* search, bool open) {
     switch (option & ~GVUSB_SCAN_SEARCH) {
     case GVUSB_SCAN_ALL:
     case GVUSB_SCAN_ALL_15:
-        relaxed::store(m_iScanCursor, -1);
-        if (DiscoverDevices(search) <= 0) {
-            return SetLastError(GVUSB_ERR_NO_DEVICE_FOUND);
-        }
-        SetLastError(GVUSB_OK);
-        return open ? OpenAllDevices() : GVUSB_OK;
+        return ScanAll(search, open);
     case GVUSB_SCAN_FIRST:
-        if (DiscoverDevices(search) <= 0) {
-            relaxed::store(m_iScanCursor, -1);
-            return SetLastError(GVUSB_ERR_NO_DEVICE_FOUND);
-        }
-        SetLastError(GVUSB_OK);
-        relaxed::store(m_iScanCursor, 0);
-        return open ? OpenDevice(0) : GVUSB_OK;
-    case GVUSB_SCAN_NEXT: {
-        const int current = relaxed::load(m_iScanCursor);
-        if (current < 0) {
-            return SetLastError(GVUSB_ERR_NO_CURRENT_ENTRY);
-        }
-        const int next = current + 1;
-        if (next >= GetScanListSize()) {
-            relaxed::store(m_iScanCursor, -1);
-            return SetLastError(GVUSB_ERR_NO_DEVICE_FOUND);
-        }
-        relaxed::store(m_iScanCursor, next);
-        return open ? OpenDevice(next) : next;
-    }
+        return ScanFirst(search, open);
+    case GVUSB_SCAN_NEXT:
+        return ScanNext(open);
     case GVUSB_SCAN_NOTHING:
         return GVUSB_OK;
     default:
@@ -45,4 +23,44 @@ int GVDrvHnd::Scan(int option, _GVUSB_SCANSEARCH* search, bool open) {
         }
         return SetLastError(GVUSB_ERR_UNKNOWN_SCAN_OPTION);
     }
+}
+
+// What a scan opens is what it found: no other thread's scan comes between the two.
+int GVDrvHnd::ScanAll(_GVUSB_SCANSEARCH* search, bool open) {
+    logScanSearchOpt(search);
+    const MutexLock scanLock(m_mtxScanList);
+    const MutexLock listLock(m_mtxDevList);
+    m_iScanCursor = -1;
+    if (RebuildScanList(search) <= 0) {
+        return SetLastError(GVUSB_ERR_NO_DEVICE_FOUND);
+    }
+    SetLastError(GVUSB_OK);
+    return open ? OpenEveryEntry() : GVUSB_OK;
+}
+
+int GVDrvHnd::ScanFirst(_GVUSB_SCANSEARCH* search, bool open) {
+    logScanSearchOpt(search);
+    const MutexLock scanLock(m_mtxScanList);
+    const MutexLock listLock(m_mtxDevList);
+    if (RebuildScanList(search) <= 0) {
+        m_iScanCursor = -1;
+        return SetLastError(GVUSB_ERR_NO_DEVICE_FOUND);
+    }
+    SetLastError(GVUSB_OK);
+    m_iScanCursor = 0;
+    return open ? OpenEntryAt(0) : GVUSB_OK;
+}
+
+int GVDrvHnd::ScanNext(bool open) {
+    const MutexLock lock(m_mtxDevList);
+    if (m_iScanCursor < 0) {
+        return SetLastError(GVUSB_ERR_NO_CURRENT_ENTRY);
+    }
+    const int next = m_iScanCursor + 1;
+    if (next >= CountScanList()) {
+        m_iScanCursor = -1;
+        return SetLastError(GVUSB_ERR_NO_DEVICE_FOUND);
+    }
+    m_iScanCursor = next;
+    return open ? OpenEntryAt(next) : next;
 }

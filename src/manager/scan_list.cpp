@@ -22,8 +22,12 @@ int GVDrvHnd::GetScanListPara(int index, const char* key, char* value) {
 }
 
 int GVDrvHnd::GetScanListSize() {
-    SetLastError(GVUSB_OK);
     const MutexLock lock(m_mtxDevList);
+    return CountScanList();
+}
+
+int GVDrvHnd::CountScanList() {
+    SetLastError(GVUSB_OK);
     const int size = static_cast<int>(m_ScanList.size());
     if (GVLOG_Level() > 0) {
         logLine("scan-list", "size=", size);
@@ -33,6 +37,10 @@ int GVDrvHnd::GetScanListSize() {
 
 void GVDrvHnd::ClearScanList() {
     const MutexLock lock(m_mtxDevList);
+    EmptyScanList();
+}
+
+void GVDrvHnd::EmptyScanList() {
     for (std::size_t i = 0; i < m_ScanList.size(); ++i) {
         DropFromScanList(i);
     }

@@ -166,6 +166,55 @@ static void ThreadsOpenAndCloseDifferentReaders(void** state) {
     assert_int_equal(GVUSB_GetDeviceList(0), 0);
 }
 
+/* What a thread's own search finds is what it opens, whatever the others search for. All stay open. */
+static void* scan_and_open_own(void* argument) {
+    const unsigned int id = *(const unsigned int*)argument;
+    GVUSB_SCANSEARCH search = {.mask = GVUSB_SEARCH_DEVICE_ID};
+    snprintf(search.devId, sizeof search.devId, "%X", id);
+    const int own = GVUSB_GetDeviceHnd(id);
+    for (int i = 0; i < 1000; ++i) {
+        const int handle = GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST | GVUSB_SCAN_SEARCH, &search);
+        if (handle != own) {
+            note_problem("a scan for a thread's own reader", handle);
+        }
+    }
+    return NULL;
+}
+
+static void ThreadsThatScanAndOpenGetTheReaderThatTheySearchedFor(void** state) {
+    enum { searchers = 2 };
+    pthread_t threads[searchers];
+    unsigned int ids[searchers];
+    forget_problems();
+    assert_int_equal(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, NULL), 0);
+    for (int i = 0; i < searchers; ++i) {
+        ids[i] = reader_id(i + 1);
+        assert_int_equal(pthread_create(&threads[i], NULL, scan_and_open_own, &ids[i]), 0);
+    }
+    for (int i = 0; i < searchers; ++i) {
+        pthread_join(threads[i], NULL);
+    }
+    check_no_problems();
+}
+
+static void AReaderThatStaysIsOpenedWhateverIsScannedMeanwhile(void** state) {
+    forget_problems();
+    assert_int_equal(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, NULL), 0);
+    const int handle = GVUSB_GetDeviceHnd(reader_id(1));
+    pthread_t scanner;
+    atomic_store(&working, true);
+    assert_int_equal(pthread_create(&scanner, NULL, scan_all_the_time, NULL), 0);
+    for (int i = 0; i < 10000; ++i) {
+        const int result = GVUSB_OpenDevice(reader_id(1));
+        if (result != handle) {
+            note_problem("opening", result);
+        }
+    }
+    atomic_store(&working, false);
+    pthread_join(scanner, NULL);
+    check_no_problems();
+}
+
 /* ---- Readers that come and go */
 
 static int kept_handle; /* of the first reader, which no thread closes */
@@ -320,6 +369,8 @@ int main(int argc, char** argv) {
         TEST_CASE(FourThreadsExchangeWhileOneScans),
         TEST_CASE(ThreadsThatShareAReaderGetTheirOwnAnswers),
         TEST_CASE(ThreadsOpenAndCloseDifferentReaders),
+        TEST_CASE(ThreadsThatScanAndOpenGetTheReaderThatTheySearchedFor),
+        TEST_CASE(AReaderThatStaysIsOpenedWhateverIsScannedMeanwhile),
         TEST_CASE(NothingIsLostWhileReadersComeAndGo),
     };
     return run_group("threads", tests, sizeof tests / sizeof *tests, argc, argv);

@@ -79,9 +79,10 @@ void checkNewScan(Session& session, bool first, bool open, bool searched, std::o
     model.reported.clear();
     model.follow({.opens = open, .replaces = true, .collapses = true, .mayFailToOpen = session.mayFail()});
     if (!result) {
-        expect(!first || session.model.cursor == g_GvUsbMan.m_iScanCursor || g_GvUsbMan.m_iScanCursor == 0,
+        expect(!first || session.model.cursor == manager_lists::scanCursor() ||
+                   manager_lists::scanCursor() == 0,
                "the current entry is another one");
-        model.cursor = first ? g_GvUsbMan.m_iScanCursor : -1;
+        model.cursor = first ? manager_lists::scanCursor() : -1;
         return;
     }
     const bool found = *result != GVUSB_ERR_NO_DEVICE_FOUND;
@@ -129,11 +130,11 @@ void checkNext(Session& session, bool open, std::optional<int> result) {
     }
     const auto next = static_cast<std::size_t>(model.cursor) + 1;
     if (next >= list.size()) {
-        model.cursor = result ? -1 : g_GvUsbMan.m_iScanCursor;
+        model.cursor = result ? -1 : manager_lists::scanCursor();
         expectEqual(result.value_or(GVUSB_ERR_NO_DEVICE_FOUND), int{GVUSB_ERR_NO_DEVICE_FOUND}, "the result");
         return;
     }
-    model.cursor = result ? static_cast<int>(next) : g_GvUsbMan.m_iScanCursor;
+    model.cursor = result ? static_cast<int>(next) : manager_lists::scanCursor();
     if (!result) {
         return;
     }

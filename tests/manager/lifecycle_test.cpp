@@ -58,7 +58,6 @@ constexpr const char* registerDisconnect =
 TEST_F(StartTest, WithoutConfigurationFileTheDefaultsHold) {
     load(std::nullopt);
     EXPECT_EQ(relaxed::load(g_GvUsbMan.m_iLastError), 0);
-    EXPECT_EQ(g_GvUsbMan.m_iScanCursor, -1);
     EXPECT_FALSE(g_GvUsbMan.m_bStopThread);
     EXPECT_FALSE(suspended());
     EXPECT_EQ(updateRate(), 300000u);
@@ -71,6 +70,7 @@ TEST_F(StartTest, WithoutConfigurationFileTheDefaultsHold) {
     EXPECT_TRUE(g_GvUsbMan.m_ReportedDisconnects.empty());
     const MutexLock lock(g_GvUsbMan.m_mtxDevList);
     EXPECT_EQ(g_GvUsbMan.m_iHandleCounter, 0);
+    EXPECT_EQ(g_GvUsbMan.m_iScanCursor, -1);
     EXPECT_TRUE(g_GvUsbMan.m_ScanList.empty());
     EXPECT_TRUE(g_GvUsbMan.m_DeviceList.empty());
 }

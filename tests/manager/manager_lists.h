@@ -1,6 +1,6 @@
 // What the manager's lists hold, and the log that shows it.
 //
-// Reads and writes the lists under the device-list mutex.
+// Reads and writes each under its mutex.
 #pragma once
 
 #include "api/log.h"
@@ -40,6 +40,16 @@ inline void setScanList(Devices devices) {
 inline void setDeviceList(Devices devices) {
     const MutexLock lock(g_GvUsbMan.m_mtxDevList);
     g_GvUsbMan.m_DeviceList = std::move(devices);
+}
+
+inline int scanCursor() {
+    const MutexLock lock(g_GvUsbMan.m_mtxDevList);
+    return g_GvUsbMan.m_iScanCursor;
+}
+
+inline void setScanCursor(int cursor) {
+    const MutexLock lock(g_GvUsbMan.m_mtxDevList);
+    g_GvUsbMan.m_iScanCursor = cursor;
 }
 
 inline std::vector<unsigned> deviceIds(const Devices& devices) {

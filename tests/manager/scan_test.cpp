@@ -24,8 +24,6 @@ protected:
         fake::plug("dev3", fake::bulkReader("A3"));
     }
 
-    static int cursor() { return relaxed::load(g_GvUsbMan.m_iScanCursor); }
-
     static int next() { return GVUSB_Scan(GVUSB_SCAN_NEXT, nullptr); }
 
     static GVUSB_SCANSEARCH forId(const char* devId) {
@@ -42,10 +40,10 @@ TEST_F(ScanTest, ScanThatFindsNothingFailsAndLeavesNoCurrentEntry) {
     for (const int option : {GVUSB_SCAN_ALL, GVUSB_SCAN_ALL_15, GVUSB_SCAN_FIRST}) {
         for (const bool open : {false, true}) {
             SCOPED_TRACE(option);
-            relaxed::store(g_GvUsbMan.m_iScanCursor, 5);
+            setScanCursor(5);
             EXPECT_EQ(g_GvUsbMan.Scan(option, nullptr, open), -1112);
             EXPECT_EQ(lastError(), -1112);
-            EXPECT_EQ(cursor(), -1);
+            EXPECT_EQ(scanCursor(), -1);
             EXPECT_THAT(scanList(), IsEmpty());
             EXPECT_EQ(next(), -1115);
             EXPECT_EQ(lastError(), -1115);
@@ -65,14 +63,14 @@ TEST_F(ScanTest, StepWithoutCurrentEntryHasACodeWithoutText) {
 TEST_F(ScanTest, ScanOfAllHasNoCurrentEntry) {
     plugThree();
     for (const int option : {GVUSB_SCAN_ALL, GVUSB_SCAN_ALL_15}) {
-        relaxed::store(g_GvUsbMan.m_iScanCursor, 1);
+        setScanCursor(1);
         g_GvUsbMan.SetLastError(-1111);
         EXPECT_EQ(g_GvUsbMan.Scan(option, nullptr, false), 0);
         EXPECT_EQ(lastError(), 0);
-        EXPECT_EQ(cursor(), -1);
+        EXPECT_EQ(scanCursor(), -1);
         EXPECT_EQ(GVUSB_GetScanListSize(), 3);
         EXPECT_EQ(next(), -1115);
-        EXPECT_EQ(cursor(), -1);
+        EXPECT_EQ(scanCursor(), -1);
     }
 }
 
@@ -81,15 +79,15 @@ TEST_F(ScanTest, StepsWalkTheListOnceAfterAScanOfTheFirst) {
     g_GvUsbMan.SetLastError(-1111);
     EXPECT_EQ(g_GvUsbMan.Scan(GVUSB_SCAN_FIRST, nullptr, false), 0);
     EXPECT_EQ(lastError(), 0);
-    EXPECT_EQ(cursor(), 0);
+    EXPECT_EQ(scanCursor(), 0);
     EXPECT_EQ(GVUSB_GetScanListSize(), 3);
     EXPECT_EQ(next(), 1);
-    EXPECT_EQ(cursor(), 1);
+    EXPECT_EQ(scanCursor(), 1);
     EXPECT_EQ(next(), 2);
     EXPECT_EQ(lastError(), 0);
     EXPECT_EQ(next(), -1112);
     EXPECT_EQ(lastError(), -1112);
-    EXPECT_EQ(cursor(), -1);
+    EXPECT_EQ(scanCursor(), -1);
     EXPECT_EQ(next(), -1115);
 }
 
@@ -107,9 +105,9 @@ TEST_F(ScanTest, StepBeyondAListThatWasClearedFails) {
     plugThree();
     ASSERT_EQ(GVUSB_Scan(GVUSB_SCAN_FIRST, nullptr), 0);
     GVUSB_ClearScanList();
-    EXPECT_EQ(cursor(), 0);
+    EXPECT_EQ(scanCursor(), 0);
     EXPECT_EQ(next(), -1112);
-    EXPECT_EQ(cursor(), -1);
+    EXPECT_EQ(scanCursor(), -1);
 }
 
 TEST_F(ScanTest, NothingOptionChangesNothing) {
@@ -126,7 +124,7 @@ TEST_F(ScanTest, NothingOptionChangesNothing) {
             EXPECT_EQ(lastError(), -1111);
         }
     }
-    EXPECT_EQ(cursor(), 0);
+    EXPECT_EQ(scanCursor(), 0);
     EXPECT_EQ(scanList(), before);
     EXPECT_THAT(fake::takeCalls(), IsEmpty());
     EXPECT_THAT(log.takeLines(), IsEmpty());
@@ -153,7 +151,7 @@ TEST_F(ScanTest, UnknownOptionsAreRefused) {
             EXPECT_THAT(log.takeLines(), ElementsAre("[scan] unknown scan option"));
         }
     }
-    EXPECT_EQ(cursor(), 0);
+    EXPECT_EQ(scanCursor(), 0);
     EXPECT_EQ(scanList(), before);
     EXPECT_THAT(fake::takeCalls(), IsEmpty());
 
@@ -190,7 +188,7 @@ TEST_F(ScanTest, SearchWithoutMatchFails) {
     GVUSB_SCANSEARCH record = forId("FF");
     for (const int option : {GVUSB_SCAN_FIRST, GVUSB_SCAN_ALL, GVUSB_SCAN_ALL_15}) {
         EXPECT_EQ(GVUSB_Scan(option | search, &record), -1112);
-        EXPECT_EQ(cursor(), -1);
+        EXPECT_EQ(scanCursor(), -1);
         EXPECT_THAT(scanList(), IsEmpty());
     }
 }
@@ -209,7 +207,7 @@ TEST_F(ScanTest, ScanAndOpenOfTheFirstGivesItsHandle) {
     g_GvUsbMan.SetLastError(-1111);
     EXPECT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr), firstHandle);
     EXPECT_EQ(lastError(), 0);
-    EXPECT_EQ(cursor(), 0);
+    EXPECT_EQ(scanCursor(), 0);
     EXPECT_THAT(openHandlesInOrder(), ElementsAre(firstHandle));
     EXPECT_EQ(fake::openHandles("dev1"), 1);
     EXPECT_EQ(fake::openHandles("dev2"), 0);
@@ -219,7 +217,7 @@ TEST_F(ScanTest, ScanAndOpenStepsFromReaderToReader) {
     plugThree();
     ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr), firstHandle);
     EXPECT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_NEXT, nullptr), firstHandle + 1);
-    EXPECT_EQ(cursor(), 1);
+    EXPECT_EQ(scanCursor(), 1);
     EXPECT_EQ(next(), 2);
     EXPECT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_NEXT, nullptr), -1112);
     EXPECT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_NEXT, nullptr), -1115);
@@ -232,7 +230,7 @@ TEST_F(ScanTest, ScanAndOpenOfAllOpensEveryReader) {
         g_GvUsbMan.SetLastError(-1111);
         EXPECT_EQ(GVUSB_ScanAndOpen(option, nullptr), 0);
         EXPECT_EQ(lastError(), 0);
-        EXPECT_EQ(cursor(), -1);
+        EXPECT_EQ(scanCursor(), -1);
         EXPECT_THAT(openHandlesInOrder(), ElementsAre(firstHandle, firstHandle + 1, firstHandle + 2));
     }
 }
@@ -251,13 +249,13 @@ TEST_F(ScanTest, ScanAndOpenReportsAFailureToOpen) {
     fake::failNth("libusb_open", 2, LIBUSB_ERROR_ACCESS, "dev1");
     EXPECT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr), -1143);
     EXPECT_EQ(lastError(), -1143);
-    EXPECT_EQ(cursor(), 0);
+    EXPECT_EQ(scanCursor(), 0);
     EXPECT_EQ(scanList().size(), 3u);
 
     fake::failNext("libusb_open", LIBUSB_ERROR_ACCESS, "dev2");
     EXPECT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_NEXT, nullptr), -1143);
     EXPECT_EQ(lastError(), -1143);
-    EXPECT_EQ(cursor(), 1) << "the entry is the current one all the same";
+    EXPECT_EQ(scanCursor(), 1) << "the entry is the current one all the same";
 
     fake::failNth("libusb_open", 2, LIBUSB_ERROR_ACCESS, "dev2");
     EXPECT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), -1143);
@@ -290,7 +288,7 @@ TEST_F(ScanTest, StepTellsTheSizeInTheLog) {
     LogAt log(1);
     EXPECT_EQ(next(), 1);
     EXPECT_THAT(log.takeLines(), ElementsAre("[scan-list] size=3"));
-    relaxed::store(g_GvUsbMan.m_iScanCursor, -1);
+    setScanCursor(-1);
     EXPECT_EQ(next(), -1115);
     EXPECT_THAT(log.takeLines(), IsEmpty());
 }
