@@ -35,7 +35,8 @@ int GVDrvHnd::DiscoverDevices(_GVUSB_SCANSEARCH* search) {
 
 // The list is empty in between, which nobody sees who holds the device-list mutex.
 int GVDrvHnd::RebuildScanList(_GVUSB_SCANSEARCH* search) {
-    ForgetReported();
+    m_ReportedConnects.clear();
+    m_ReportedDisconnects.clear();
     EmptyScanList();
 
     const UsbDeviceList usbDevices(m_bLibUsbUsable);

@@ -2,10 +2,11 @@
 // out device handles, opens and closes readers, and watches the bus for readers that come and go.
 //
 // One instance exists, g_GvUsbMan, from loading to unloading. Two mutexes guard it, always taken in this
-// order: the scan-list mutex, which keeps a scan and an update of the lists apart, and the device-list mutex,
-// which guards both lists and is held during all work on a reader. A scan that opens holds both until the readers
-// that it found are open. Event handlers run with neither of them held, under g_MtxEvtInitAry. The other members
-// are constant after construction, or single values that any thread may read and write.
+// order: the scan-list mutex, which keeps a scan and an update of the lists apart and guards what has been
+// reported, and the device-list mutex, which guards both lists and is held during all work on a reader. A scan
+// that opens holds both until the readers that it found are open. Event handlers run with neither of them held,
+// under g_MtxEvtInitAry. The other members are constant after construction, or single values that any thread may
+// read and write.
 #pragma once
 
 #include "base/mutex.h"
@@ -116,9 +117,9 @@ public:
     bool m_bStopThread = false;
     bool m_bSuspend = true;
     unsigned int m_uiUpdateRate = 300000; // microseconds between two polls
-    // Readers reported since the last scan: each is reported once per direction. Guarded by m_mtxReported.
-    std::vector<unsigned int> m_ReportedConnects;
-    std::vector<unsigned int> m_ReportedDisconnects;
+    // Readers whose report began since the last scan: each is reported once per direction.
+    std::vector<unsigned int> m_ReportedConnects GVUSB_GUARDED_BY(m_mtxScanList);
+    std::vector<unsigned int> m_ReportedDisconnects GVUSB_GUARDED_BY(m_mtxScanList);
     int m_iLibUsbDebugLevel = 0;
     bool m_bHasHotPlug = false;
     int m_iDebugLevel = 0;
@@ -128,7 +129,6 @@ public:
     // Whether libusb has a default context; without one most of its functions must not be called.
     bool m_bLibUsbUsable = false;
     bool m_bThreadStarted = false; // there is a thread to join
-    Mutex m_mtxReported;           // innermost: nothing is called while it is held
     const OwnProcess m_Process;
     HotPlugQueue m_HotPlugQueue{m_Process, &ReportQueued, this};
 
@@ -164,11 +164,18 @@ private:
     int ReportArrival(libusb_device* dev);
     static void ReportDeparture();
     static void ReportQueued(void* manager, libusb_hotplug_event event, libusb_device* dev);
-    void UpdateFromUsbDevice(libusb_device* usbDevice, std::vector<unsigned int>& arrived)
-        GVUSB_REQUIRES(m_mtxDevList);
-    bool WasReported(std::vector<unsigned int>& ids, unsigned int id) GVUSB_EXCLUDES(m_mtxReported);
-    void SetReported(std::vector<unsigned int>& ids, unsigned int id) GVUSB_EXCLUDES(m_mtxReported);
-    void ForgetReported() GVUSB_EXCLUDES(m_mtxReported);
+    struct Report {
+        unsigned int devId;
+        int devHnd;
+    };
+    struct Reports {
+        std::vector<Report> disconnects;
+        std::vector<Report> connects;
+    };
+    Reports BeginReports() GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
+    Reports CompareWithBus() GVUSB_REQUIRES(m_mtxScanList, m_mtxDevList);
+    void UpdateFromUsbDevice(libusb_device* usbDevice, std::vector<Report>& arrived)
+        GVUSB_REQUIRES(m_mtxScanList, m_mtxDevList);
 };
 
 extern GVDrvHnd g_GvUsbMan;

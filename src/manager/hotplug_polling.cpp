@@ -9,73 +9,100 @@
 
 namespace {
 
-struct VanishedReader {
-    unsigned int devId;
-    int devHnd;
-};
+// A poll meets the readers in the order in which the one before met them.
+constinit SequentialSearch connectSearch;
+constinit SequentialSearch disconnectSearch;
 
-// A poll meets the readers in the order in which the one before reported them.
-constinit SequentialSearch reportedSearch;
+// Returns whether the device ID is new in this period.
+bool addReported(std::vector<unsigned int>& reported, unsigned int devId, SequentialSearch& search) {
+    if (search.find(reported, [&](unsigned int id) { return id == devId; })) {
+        return false;
+    }
+    GVDrvHnd::ToDevIds(&reported, devId);
+    return true;
+}
+
+// Leaves the reports that are due, each device ID once.
+template <class Report>
+void keepUnreported(std::vector<Report>& reports, std::vector<unsigned int>& reported,
+                    SequentialSearch& search) {
+    auto kept = reports.begin();
+    for (const Report& report : reports) {
+        if (addReported(reported, report.devId, search)) {
+            *kept++ = report;
+        }
+    }
+    reports.erase(kept, reports.end());
+}
 
 } // namespace
 
 // One poll: compares the bus with the scan list, puts readers that came back in their old place and reports
 // those that came or went.
 void GVDrvHnd::UpdateDevices() {
-    std::vector<unsigned int> arrived;
-    std::vector<VanishedReader> vanished;
-    {
-        const MutexLock scanLock(m_mtxScanList);
-        const MutexLock listLock(m_mtxDevList);
-        for (GVDevice* device : m_ScanList) {
-            if (device != nullptr) {
-                device->updateMark = 0;
-            }
-        }
-        {
-            const UsbDeviceList usbDevices(m_bLibUsbUsable);
-            for (libusb_device* const usbDevice : usbDevices.devices()) {
-                libusb_device_descriptor descriptor = {};
-                libusb_get_device_descriptor(usbDevice, &descriptor);
-                if (IsUsableGavoDevice(&descriptor)) {
-                    UpdateFromUsbDevice(usbDevice, arrived);
-                }
-            }
-        }
-        for (const GVDevice* device : m_ScanList) {
-            if (device != nullptr && device->updateMark != 1) {
-                vanished.push_back({.devId = device->devId, .devHnd = device->devHnd});
-            }
-        }
-    }
+    const Reports reports = BeginReports();
 
     // Handlers run without the list mutexes, so that they may call the library.
-    for (const auto& [devId, devHnd] : vanished) {
-        if (!WasReported(m_ReportedDisconnects, devId)) {
-            if (GVLOG_Level() > 0) {
-                logLine("update", "MESSAGE \"disconnect\": devId=0x", std::hex, devId, " devHnd=0x", devHnd);
-            }
-            ExecEventInitListCallbacks(GVUSB_EVENT_DISCONNECT, devHnd, devId);
-            SetReported(m_ReportedDisconnects, devId);
+    for (const auto& [devId, devHnd] : reports.disconnects) {
+        if (GVLOG_Level() > 0) {
+            logLine("update", "MESSAGE \"disconnect\": devId=0x", std::hex, devId, " devHnd=0x", devHnd);
         }
+        ExecEventInitListCallbacks(GVUSB_EVENT_DISCONNECT, devHnd, devId);
     }
-    for (const unsigned int devId : arrived) {
-        if (!WasReported(m_ReportedConnects, devId)) {
-            if (GVLOG_Level() > 0) {
-                logLine("update", "MESSAGE \"connect\": devId=0x", std::hex, devId);
-            }
-            ExecEventInitListCallbacks(GVUSB_EVENT_CONNECT, 0, devId);
-            SetReported(m_ReportedConnects, devId);
+    for (const auto& [devId, devHnd] : reports.connects) {
+        if (GVLOG_Level() > 0) {
+            logLine("update", "MESSAGE \"connect\": devId=0x", std::hex, devId);
         }
+        ExecEventInitListCallbacks(GVUSB_EVENT_CONNECT, devHnd, devId);
     }
 }
 
-// What one usable device on the bus means for the scan list; device IDs that are not in it are added to
+// A report counts in the period in which the poll saw the change, so it is noted before the mutexes are released:
+// a scan in the meantime, in a handler or in another thread, begins a period that this report does not belong to.
+// The room is made first: when memory runs out, none of them counts.
+GVDrvHnd::Reports GVDrvHnd::BeginReports() {
+    const MutexLock scanLock(m_mtxScanList);
+    const MutexLock listLock(m_mtxDevList);
+    Reports reports = CompareWithBus();
+    m_ReportedDisconnects.reserve(m_ReportedDisconnects.size() + reports.disconnects.size());
+    m_ReportedConnects.reserve(m_ReportedConnects.size() + reports.connects.size());
+    keepUnreported(reports.disconnects, m_ReportedDisconnects, disconnectSearch);
+    keepUnreported(reports.connects, m_ReportedConnects, connectSearch);
+    return reports;
+}
+
+// The readers that are not where the scan list has them, and those on the bus that it does not have.
+GVDrvHnd::Reports GVDrvHnd::CompareWithBus() {
+    Reports reports;
+    for (GVDevice* device : m_ScanList) {
+        if (device != nullptr) {
+            device->updateMark = 0;
+        }
+    }
+    {
+        const UsbDeviceList usbDevices(m_bLibUsbUsable);
+        for (libusb_device* const usbDevice : usbDevices.devices()) {
+            libusb_device_descriptor descriptor = {};
+            libusb_get_device_descriptor(usbDevice, &descriptor);
+            if (IsUsableGavoDevice(&descriptor)) {
+                UpdateFromUsbDevice(usbDevice, reports.connects);
+            }
+        }
+    }
+    for (const GVDevice* device : m_ScanList) {
+        if (device != nullptr && device->updateMark != 1) {
+            reports.disconnects.push_back({.devId = device->devId, .devHnd = device->devHnd});
+        }
+    }
+    return reports;
+}
+
+// What one usable device on the bus means for the scan list; readers that are not in it are added to
 // arrived.
-void GVDrvHnd::UpdateFromUsbDevice(libusb_device* usbDevice, std::vector<unsigned int>& arrived) {
+void GVDrvHnd::UpdateFromUsbDevice(libusb_device* usbDevice, std::vector<Report>& arrived) {
     if (GVDevice* const known = SL_DeviceOfUsbDev(usbDevice)) {
         known->updateMark = 1;
-        SetReported(m_ReportedConnects, known->devId);
+        addReported(m_ReportedConnects, known->devId, connectSearch);
         if (GVLOG_Level() > 2) {
             logLine("update", "known device in scan-list: devId=0x", std::hex, known->devId,
                     " usbDevPtr=", known->GetUsbDevPtr());
@@ -91,7 +118,7 @@ void GVDrvHnd::UpdateFromUsbDevice(libusb_device* usbDevice, std::vector<unsigne
     }
     const int index = SL_IndexOfDevId(devId);
     if (index < 0) {
-        arrived.push_back(devId);
+        arrived.push_back({.devId = devId, .devHnd = 0});
         if (GVLOG_Level() > 2) {
             logLine("update", "new device: devId=0x", std::hex, devId);
         }
@@ -110,23 +137,4 @@ void GVDrvHnd::UpdateFromUsbDevice(libusb_device* usbDevice, std::vector<unsigne
     if (GVLOG_Level() > 2) {
         logLine("update", "reconnected device: devId=0x", std::hex, devId);
     }
-}
-
-bool GVDrvHnd::WasReported(std::vector<unsigned int>& ids, unsigned int id) {
-    const MutexLock lock(m_mtxReported);
-    return IsInDevIds(&ids, id);
-}
-
-void GVDrvHnd::SetReported(std::vector<unsigned int>& ids, unsigned int id) {
-    const MutexLock lock(m_mtxReported);
-    const auto isIt = [&](unsigned int reported) { return reported == id; };
-    if (!reportedSearch.find(ids, isIt)) {
-        ToDevIds(&ids, id);
-    }
-}
-
-void GVDrvHnd::ForgetReported() {
-    const MutexLock lock(m_mtxReported);
-    m_ReportedConnects.clear();
-    m_ReportedDisconnects.clear();
 }

@@ -157,6 +157,64 @@ static void EachDirectionIsReportedOnceUntilTheNextScan(void** state) {
     }
 }
 
+static void scan_in_handler(int handle, unsigned int id, const char* text) {
+    (void)handle;
+    (void)id;
+    (void)text;
+    GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
+}
+
+struct wanted_events {
+    int kind;
+    int count;
+};
+
+static bool has_events_about_desk(void* context) {
+    const struct wanted_events* const wanted = context;
+    return events_about(wanted->kind, desk_id) >= wanted->count;
+}
+
+static void check_desk_events(int kind, int count) {
+    struct wanted_events wanted = {kind, count};
+    assert_true(await(has_events_about_desk, &wanted, long_enough_ms));
+    await_polls();
+    assert_int_equal(events_about(kind, desk_id), count);
+}
+
+static bool all_are_scanned(void* nothing) {
+    (void)nothing;
+    return GVUSB_GetScanListSize() == usable;
+}
+
+static void await_desk(int handle) {
+    check_answers_again(handle);
+    assert_true(await(all_are_scanned, NULL, long_enough_ms));
+    await_polls();
+}
+
+/* A poll that comes between the two halves of a replug reports the reader's coming too. */
+static void EveryLeaveIsReportedToAHandlerThatScans(void** state) {
+    GVUSB_EVENT_INIT connect = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, scan_in_handler};
+    GVUSB_EVENT_INIT disconnect = {GVUSB_EVENT_DISCONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, scan_in_handler};
+    const int handle = GVUSB_OpenDevice(desk_id);
+    assert_int_equal(GVUSB_AddEventHandler(0, &connect), 0);
+    assert_int_equal(GVUSB_AddEventHandler(0, &disconnect), 0);
+    int leaves = 0;
+    for (int round = 0; round < 3; ++round) {
+        bus("replug %d", desk);
+        check_desk_events(GVUSB_EVENT_DISCONNECT, ++leaves);
+        await_desk(handle);
+        bus("unplug %d", desk);
+        check_desk_events(GVUSB_EVENT_DISCONNECT, ++leaves);
+        const int arrivals = events_about(GVUSB_EVENT_CONNECT, desk_id);
+        bus("plug %d", desk);
+        check_desk_events(GVUSB_EVENT_CONNECT, arrivals + 1);
+        await_desk(handle);
+    }
+    assert_int_equal(GVUSB_DelEventHandler(0, &connect), 0);
+    assert_int_equal(GVUSB_DelEventHandler(0, &disconnect), 0);
+}
+
 static void AReaderThatNobodyScannedIsReportedOnceWithoutHandle(void** state) {
     const int newcomer = plug_new("id=77,name=Newcomer");
     check_event(0, GVUSB_EVENT_CONNECT, 0, newcomer_id);
@@ -299,6 +357,7 @@ int main(int argc, char** argv) {
         HOTPLUG_CASE(AClosedReaderThatComesBackIsOpenedWithoutAScan),
         HOTPLUG_CASE(AReplugWithinOnePollIsReportedAsALeave),
         HOTPLUG_CASE(EachDirectionIsReportedOnceUntilTheNextScan),
+        HOTPLUG_CASE(EveryLeaveIsReportedToAHandlerThatScans),
         HOTPLUG_CASE(AReaderThatNobodyScannedIsReportedOnceWithoutHandle),
         HOTPLUG_CASE(AReaderIsReportedWhenItCanBeReadAtLast),
         HOTPLUG_CASE(OtherDevicesAreNotReported),

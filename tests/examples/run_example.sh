@@ -123,6 +123,35 @@ watches_by_polling_on_bus() {
     kill "$pid"
 }
 
+reports_every_change() {
+    echo "gvusb_debuglevel=1" >"$folder/gvusb.conf"
+    on_bus --config "$folder/gvusb.conf" --reader id=1A2B3C -- reports_every_change_on_bus
+}
+
+reports_every_change_on_bus() {
+    start "$examples/watch_readers" 120
+    await "a frame was answered"
+    replug
+    replug
+    send "unplug 1"
+    await "event: reader 1A2B3C was disconnected"
+    send "plug 1"
+    await "event: reader 1A2B3C was connected"
+    kill "$pid"
+}
+
+# Leaves the reader in the scan list. Where a poll comes between the two halves of a replug, the handler's scan may not
+# find the reader, and its coming is reported too.
+replug() {
+    local seen
+    send "replug 1"
+    seen=$(await "event: reader 1A2B3C was disconnected")
+    echo "$seen"
+    if [[ $seen == *"[scan-list] no devices"* ]]; then
+        await "event: reader 1A2B3C was connected"
+    fi
+}
+
 watches_by_libusb_events() {
     echo "gvusb_hotplug=2" >"$folder/gvusb.conf"
     on_bus --config "$folder/gvusb.conf" --reader id=1A2B3C -- watches_by_libusb_events_on_bus

@@ -72,7 +72,7 @@ Outcome newcomerOf(const Failing& failing) {
 }
 
 void reportedNewcomer(const Events& events) {
-    EXPECT_NE(std::ranges::count(events, connect(newcomerId)), 0);
+    EXPECT_EQ(std::ranges::count(events, connect(newcomerId)), 1);
 }
 
 Outcome allNewOf(const Failing& failing) {
@@ -87,12 +87,16 @@ Outcome allNewOf(const Failing& failing) {
 
 void reportedAllNew(const Events& events) {
     for (const unsigned devId : {bulkId, kernelDriverId, controlId}) {
-        EXPECT_NE(std::ranges::count(events, connect(devId)), 0) << devId;
+        EXPECT_EQ(std::ranges::count(events, connect(devId)), 1) << devId;
     }
 }
 
 Outcome vanishedOf(const Failing& failing) {
     return reports(firstIsGone(failing, firstHandle));
+}
+
+void reportedVanished(const Events& events) {
+    EXPECT_EQ(std::ranges::count(events, disconnect(firstHandle, bulkId)), 1);
 }
 
 // A reader that came back counts as gone for this poll, whether its new record could take the old one's place or
@@ -159,7 +163,11 @@ std::vector<Operation> hotPlugOperations() {
          .run = poll,
          .outcome = newcomerOf,
          .settled = reportedNewcomer},
-        {.name = "pollVanished", .prepare = [] { listening(unplugged); }, .run = poll, .outcome = vanishedOf},
+        {.name = "pollVanished",
+         .prepare = [] { listening(unplugged); },
+         .run = poll,
+         .outcome = vanishedOf,
+         .settled = reportedVanished},
         {.name = "pollReconnectedClosed",
          .prepare = [] { listening(closedReplugged); },
          .run = poll,

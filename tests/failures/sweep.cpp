@@ -65,7 +65,6 @@ struct NamedMutex {
 std::vector<NamedMutex> mutexesOfManager() {
     return {{"the scan-list mutex", &g_GvUsbMan.m_mtxScanList},
             {"the device-list mutex", &g_GvUsbMan.m_mtxDevList},
-            {"the mutex of what was reported", &g_GvUsbMan.m_mtxReported},
             {"the mutex of the registrations", &g_MtxEvtInitAry}};
 }
 

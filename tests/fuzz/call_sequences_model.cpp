@@ -124,7 +124,6 @@ void Model::followReader(OpenReader& known, const OpenReader& now, const Changes
 void Model::check(bool inHandler) const {
     expectFree(g_GvUsbMan.m_mtxScanList, "the scan-list mutex");
     expectFree(g_GvUsbMan.m_mtxDevList, "the device-list mutex");
-    expectFree(g_GvUsbMan.m_mtxReported, "the mutex of what was reported");
     if (!inHandler) {
         expectFree(g_MtxEvtInitAry, "the mutex of the registrations");
     }

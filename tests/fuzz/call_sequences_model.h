@@ -9,6 +9,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -60,8 +61,9 @@ public:
     std::vector<Registration> registrations;
     int cursor = -1;
 
-    // What each handler has been told since the last scan, by event and device ID.
-    std::set<std::pair<Registration, unsigned>> reported;
+    // What polls have told each handler, by the number of scans before the poll, event and device ID.
+    std::set<std::tuple<int, Registration, unsigned>> reported;
+    int scans = 0;
 
 private:
     void followReader(OpenReader& known, const OpenReader& now, const Changes& changes);

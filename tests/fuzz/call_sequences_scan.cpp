@@ -76,7 +76,7 @@ void checkFound(const std::vector<Model::Found>& expected) {
 void checkNewScan(Session& session, bool first, bool open, bool searched, std::optional<int> result,
                   const std::vector<Model::Found>& expected) {
     Model& model = session.model;
-    model.reported.clear();
+    ++model.scans;
     model.follow({.opens = open, .replaces = true, .collapses = true, .mayFailToOpen = session.mayFail()});
     if (!result) {
         expect(!first || session.model.cursor == manager_lists::scanCursor() ||

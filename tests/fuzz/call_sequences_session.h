@@ -26,6 +26,7 @@ struct Session {
     int handlerCalls = 0;
     Changes outerChanges;                     // of the step that runs handlers
     bool polling = false;                     // whether that step is a poll
+    int scansBeforePoll = 0;                  // its reports belong to the period after these
     std::vector<std::uint8_t> handlerProgram; // what handlers do, used up front to back
     std::size_t handlerPosition = 0;
 };

@@ -73,7 +73,6 @@ TEST_F(DiscoverFaultsTest, BothListMutexesAreHeldFromTheEnumerationToTheEnd) {
 TEST_F(DiscoverFaultsTest, ScanWaitsForTheScanListMutexBeforeItTouchesTheList) {
     prepare();
     const Devices before = scanList();
-    g_GvUsbMan.m_ReportedConnects = {7};
     EXPECT_TRUE(waitsFor(g_GvUsbMan.m_mtxScanList, [&] { g_GvUsbMan.DiscoverDevices(nullptr); }));
     EXPECT_TRUE(waitsFor(g_GvUsbMan.m_mtxDevList, [&] { g_GvUsbMan.DiscoverDevices(nullptr); }));
 

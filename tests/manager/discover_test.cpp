@@ -246,9 +246,13 @@ TEST_F(DiscoverTest, DeviceWithoutReadableDescriptorIsNotUsable) {
 }
 
 TEST_F(DiscoverTest, ScanBeginsANewPeriodOfReports) {
-    g_GvUsbMan.m_ReportedConnects = {1, 2};
-    g_GvUsbMan.m_ReportedDisconnects = {3};
+    {
+        const MutexLock lock(g_GvUsbMan.m_mtxScanList);
+        g_GvUsbMan.m_ReportedConnects = {1, 2};
+        g_GvUsbMan.m_ReportedDisconnects = {3};
+    }
     EXPECT_EQ(scan(), 0);
+    const MutexLock lock(g_GvUsbMan.m_mtxScanList);
     EXPECT_THAT(g_GvUsbMan.m_ReportedConnects, IsEmpty());
     EXPECT_THAT(g_GvUsbMan.m_ReportedDisconnects, IsEmpty());
     EXPECT_GE(g_GvUsbMan.m_ReportedConnects.capacity(), 2u) << "the storage is kept";
@@ -260,13 +264,12 @@ TEST_F(DiscoverTest, NewPeriodBeginsWhenThePollInProgressIsOver) {
         const MutexLock poll(g_GvUsbMan.m_mtxScanList);
         found = std::async(std::launch::async, [] { return scan(); });
         found.wait_for(std::chrono::milliseconds(10));
-        const MutexLock lock(g_GvUsbMan.m_mtxReported);
         g_GvUsbMan.m_ReportedConnects = {1};
         g_GvUsbMan.m_ReportedDisconnects = {2};
     }
     EXPECT_EQ(found.get(), 0);
-    EXPECT_THAT(g_GvUsbMan.m_ReportedConnects, IsEmpty());
-    EXPECT_THAT(g_GvUsbMan.m_ReportedDisconnects, IsEmpty());
+    EXPECT_THAT(reportedConnects(), IsEmpty());
+    EXPECT_THAT(reportedDisconnects(), IsEmpty());
 }
 
 TEST_F(DiscoverTest, ReopenedReaderTakesThePlaceOfItsFormerSelf) {

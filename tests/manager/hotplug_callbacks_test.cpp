@@ -89,8 +89,8 @@ TEST_F(HotPlugCallbacksTest, ListsSetsAndLastErrorAreNotTouched) {
     disconnect("dev1");
     EXPECT_EQ(scanList(), scanned);
     EXPECT_EQ(deviceList(), opened);
-    EXPECT_THAT(g_GvUsbMan.m_ReportedConnects, IsEmpty());
-    EXPECT_THAT(g_GvUsbMan.m_ReportedDisconnects, IsEmpty());
+    EXPECT_THAT(reportedConnects(), IsEmpty());
+    EXPECT_THAT(reportedDisconnects(), IsEmpty());
     EXPECT_EQ(lastError(), -1111);
 }
 

@@ -41,7 +41,7 @@ TEST_F(HotPlugPollingTest, ReaderThatWasNeverScannedIsReportedOnceUntilTheNextSc
     EXPECT_THAT(events.take(), ElementsAre("connect hnd=0 id=a1", "connect hnd=0 id=a2"));
     EXPECT_THAT(scanList(), IsEmpty());
     EXPECT_THAT(deviceList(), IsEmpty());
-    EXPECT_THAT(g_GvUsbMan.m_ReportedConnects, ElementsAre(0xA1, 0xA2));
+    EXPECT_THAT(reportedConnects(), ElementsAre(0xA1, 0xA2));
     poll();
     fake::replug("dev1", "dev3");
     poll();
@@ -78,7 +78,7 @@ TEST_F(HotPlugPollingTest, KnownReaderCostsOneDescriptor) {
                                     "libusb_free_device_list(list, 1)\n");
     EXPECT_THAT(events.take(), IsEmpty());
     EXPECT_EQ(scanList().at(0)->updateMark, 1u);
-    EXPECT_THAT(g_GvUsbMan.m_ReportedConnects, ElementsAre(0xA1));
+    EXPECT_THAT(reportedConnects(), ElementsAre(0xA1));
 }
 
 TEST_F(HotPlugPollingTest, KnownReaderCountsAsReportedConnected) {
@@ -104,7 +104,7 @@ TEST_F(HotPlugPollingTest, PulledReaderIsReportedOnceWithHandleAndId) {
     fake::unplug("dev2");
     poll();
     EXPECT_THAT(events.take(), ElementsAre("disconnect hnd=10000002 id=a2"));
-    EXPECT_THAT(g_GvUsbMan.m_ReportedDisconnects, ElementsAre(0xA2));
+    EXPECT_THAT(reportedDisconnects(), ElementsAre(0xA2));
     poll();
     EXPECT_THAT(events.take(), IsEmpty());
     EXPECT_EQ(scanList().size(), 3u) << "it stays in the lists";
@@ -250,8 +250,8 @@ TEST_F(HotPlugPollingTest, DisconnectsComeFirstEachInTheOrderOfItsList) {
     poll();
     EXPECT_THAT(events.take(), ElementsAre("disconnect hnd=10000001 id=a1", "disconnect hnd=10000003 id=a3",
                                            "connect hnd=0 id=b2", "connect hnd=0 id=b1"));
-    EXPECT_THAT(g_GvUsbMan.m_ReportedDisconnects, ElementsAre(0xA1, 0xA3));
-    EXPECT_THAT(g_GvUsbMan.m_ReportedConnects, ElementsAre(0xA2, 0xB2, 0xB1));
+    EXPECT_THAT(reportedDisconnects(), ElementsAre(0xA1, 0xA3));
+    EXPECT_THAT(reportedConnects(), ElementsAre(0xA2, 0xB2, 0xB1));
 }
 
 TEST_F(HotPlugPollingTest, EqualDeviceIdsAreReportedOnce) {

@@ -66,6 +66,7 @@ TEST_F(StartTest, WithoutConfigurationFileTheDefaultsHold) {
     EXPECT_EQ(GVLOG_Level(), 0);
     EXPECT_TRUE(g_GvUsbMan.m_bHasHotPlug);
     EXPECT_EQ(mode(), 1);
+    const MutexLock scanLock(g_GvUsbMan.m_mtxScanList);
     EXPECT_TRUE(g_GvUsbMan.m_ReportedConnects.empty());
     EXPECT_TRUE(g_GvUsbMan.m_ReportedDisconnects.empty());
     const MutexLock lock(g_GvUsbMan.m_mtxDevList);

@@ -52,6 +52,17 @@ inline void setScanCursor(int cursor) {
     g_GvUsbMan.m_iScanCursor = cursor;
 }
 
+// The device IDs that count as reported since the last scan.
+inline std::vector<unsigned> reportedConnects() {
+    const MutexLock lock(g_GvUsbMan.m_mtxScanList);
+    return g_GvUsbMan.m_ReportedConnects;
+}
+
+inline std::vector<unsigned> reportedDisconnects() {
+    const MutexLock lock(g_GvUsbMan.m_mtxScanList);
+    return g_GvUsbMan.m_ReportedDisconnects;
+}
+
 inline std::vector<unsigned> deviceIds(const Devices& devices) {
     std::vector<unsigned> ids;
     for (const GVDevice* device : devices) {

@@ -1,0 +1,225 @@
+// Which period a report counts in: the one in which the poll looked at the bus, whatever is scanned before its
+// handlers have run.
+
+#include "allocation_failure.h"
+#include "list_invariants.h"
+#include "manager_test.h"
+#include "recorded_events.h"
+#include "waiting.h"
+
+#include <future>
+#include <new>
+
+#include <gmock/gmock.h>
+
+namespace fake = fake_libusb;
+using namespace manager_lists;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+class HotPlugPeriodsTest : public ManagerTest {
+protected:
+    static void poll() { g_GvUsbMan.UpdateDevices(); }
+    static void scan() { GVUSB_Scan(GVUSB_SCAN_ALL, nullptr); }
+
+    static void scanOnly(const char* devId) {
+        GVUSB_SCANSEARCH search = {.mask = GVUSB_SEARCH_DEVICE_ID, .famName = "", .devName = "", .devId = ""};
+        std::snprintf(search.devId, sizeof search.devId, "%s", devId);
+        GVUSB_Scan(GVUSB_SCAN_ALL | GVUSB_SCAN_SEARCH, &search);
+    }
+};
+
+} // namespace
+
+TEST_F(HotPlugPeriodsTest, ReportsCountBeforeTheirHandlersRun) {
+    fake::plug("dev1", fake::bulkReader("A1"));
+    fake::plug("dev2", fake::bulkReader("A2"));
+    scan();
+    fake::unplug("dev1");
+    fake::unplug("dev2");
+    fake::plug("dev3", fake::bulkReader("A3"));
+    std::vector<std::vector<unsigned>> counted;
+    RecordedEvents events([&] {
+        counted.push_back(reportedDisconnects());
+        counted.push_back(reportedConnects());
+    });
+    poll();
+    EXPECT_EQ(events.count(), 3u);
+    ASSERT_EQ(counted.size(), 6u);
+    for (std::size_t i = 0; i < counted.size(); i += 2) {
+        EXPECT_THAT(counted[i], ElementsAre(0xA1, 0xA2));
+        EXPECT_THAT(counted[i + 1], ElementsAre(0xA3));
+    }
+}
+
+TEST_F(HotPlugPeriodsTest, ScanInAHandlerBeginsAPeriodThatKnowsNothingOfThePollsReports) {
+    fake::plug("dev1", fake::bulkReader("A1"));
+    fake::plug("dev2", fake::bulkReader("A2"));
+    scan();
+    fake::unplug("dev1");
+    fake::unplug("dev2");
+    fake::plug("dev3", fake::bulkReader("A3"));
+    RecordedEvents events(scan);
+    poll();
+    EXPECT_EQ(events.count(), 3u);
+    EXPECT_THAT(reportedDisconnects(), IsEmpty());
+    EXPECT_THAT(reportedConnects(), IsEmpty());
+}
+
+TEST_F(HotPlugPeriodsTest, ReaderThatIsReplacedAndThenGoesIsReportedTwiceToAHandlerThatScans) {
+    fake::plug("dev1", fake::bulkReader("A1"));
+    scan();
+    RecordedEvents events(scan);
+    fake::replug("dev1", "dev2");
+    poll();
+    EXPECT_THAT(events.take(), ElementsAre("disconnect hnd=10000002 id=a1"));
+    poll();
+    EXPECT_THAT(events.take(), IsEmpty());
+    fake::unplug("dev2");
+    poll();
+    EXPECT_THAT(events.take(), ElementsAre("disconnect hnd=10000003 id=a1"));
+    poll();
+    EXPECT_THAT(events.take(), IsEmpty());
+}
+
+TEST_F(HotPlugPeriodsTest, EveryComingAndGoingIsReportedToAHandlerThatScans) {
+    fake::plug("dev1", fake::bulkReader("A1"));
+    scan();
+    RecordedEvents events(scan);
+    for (int round = 1; round <= 3; ++round) {
+        SCOPED_TRACE(round);
+        const std::string replaced = "replaced" + std::to_string(round);
+        fake::replug(round == 1 ? "dev1" : "back" + std::to_string(round - 1), replaced);
+        poll();
+        EXPECT_EQ(events.take().size(), 1u);
+        fake::unplug(replaced);
+        poll();
+        EXPECT_EQ(events.take().size(), 1u);
+        fake::plug("back" + std::to_string(round), fake::bulkReader("A1"));
+        poll();
+        EXPECT_THAT(events.take(), ElementsAre("connect hnd=0 id=a1"));
+    }
+}
+
+// The handler's scan does not find what it is told of.
+TEST_F(HotPlugPeriodsTest, ReaderThatTheHandlersScanLeavesOutIsReportedOnceMoreInTheNewPeriod) {
+    fake::plug("dev1", fake::bulkReader("A1"));
+    fake::plug("dev2", fake::bulkReader("A2"));
+    scanOnly("A1");
+    int scans = 0;
+    RecordedEvents events([&] {
+        if (++scans == 1) {
+            scanOnly("A1");
+        }
+    });
+    poll();
+    EXPECT_THAT(events.take(), ElementsAre("connect hnd=0 id=a2"));
+    poll();
+    EXPECT_THAT(events.take(), ElementsAre("connect hnd=0 id=a2"));
+    poll();
+    EXPECT_THAT(events.take(), IsEmpty());
+}
+
+TEST_F(HotPlugPeriodsTest, ReportsStillToComeAreReportedAfterAScanInAHandler) {
+    for (const char* const name : {"dev1", "dev2", "dev3"}) {
+        fake::plug(name, fake::bulkReader(std::string("A") + name[3]));
+    }
+    scan();
+    for (const char* const name : {"dev1", "dev2", "dev3"}) {
+        fake::unplug(name);
+    }
+    RecordedEvents events(scan);
+    poll();
+    EXPECT_THAT(events.take(), ElementsAre("disconnect hnd=10000001 id=a1", "disconnect hnd=10000002 id=a2",
+                                           "disconnect hnd=10000003 id=a3"));
+    poll();
+    EXPECT_THAT(events.take(), IsEmpty());
+}
+
+// The registrations are locked, so that the poll has looked at the bus and its handlers cannot run yet.
+TEST_F(HotPlugPeriodsTest, ScanOfAnotherThreadBeforeTheHandlersBeginsANewPeriod) {
+    fake::plug("dev1", fake::bulkReader("A1"));
+    fake::plug("dev2", fake::bulkReader("A2"));
+    scan();
+    RecordedEvents events;
+    fake::replug("dev1", "dev4");
+    fake::plug("dev3", fake::bulkReader("A3"));
+    std::future<void> polling;
+    {
+        const MutexLock handlers(g_MtxEvtInitAry);
+        const std::size_t looks = fake::timesCalled("libusb_get_device_list");
+        polling = std::async(std::launch::async, poll);
+        ASSERT_TRUE(waiting::eventually([&] {
+            return fake::timesCalled("libusb_get_device_list") > looks &&
+                   !support::isHeld(g_GvUsbMan.m_mtxScanList);
+        }));
+        scan();
+    }
+    polling.get();
+    EXPECT_THAT(events.take(), ElementsAre("disconnect hnd=10000003 id=a1", "connect hnd=0 id=a3"));
+    EXPECT_THAT(reportedDisconnects(), IsEmpty());
+    EXPECT_THAT(reportedConnects(), IsEmpty());
+
+    fake::unplug("dev4");
+    fake::unplug("dev3");
+    poll();
+    EXPECT_THAT(events.take(), ElementsAre("disconnect hnd=10000005 id=a1", "disconnect hnd=10000006 id=a3"));
+}
+
+TEST_F(HotPlugPeriodsTest, EqualDeviceIdsOfOnePollAreReportedOnceAlsoAroundAScanInTheHandler) {
+    fake::plug("dev1", fake::bulkReader("A1"));
+    fake::plug("dev2", fake::bulkReader("A1"));
+    RecordedEvents events(scan);
+    poll();
+    EXPECT_THAT(events.take(), ElementsAre("connect hnd=0 id=a1"));
+    fake::unplug("dev1");
+    fake::unplug("dev2");
+    poll();
+    EXPECT_THAT(events.take(), ElementsAre("disconnect hnd=10000001 id=a1"));
+    poll();
+    EXPECT_THAT(events.take(), IsEmpty());
+}
+
+TEST_F(HotPlugPeriodsTest, PollThatRunsOutOfMemoryCountsNothing) {
+    if (!support::allocationsAreWatched) {
+        GTEST_SKIP() << "operator new is the sanitizer's";
+    }
+    bool failed = true;
+    std::size_t n = 1;
+    for (; failed; ++n) {
+        SCOPED_TRACE(n);
+        reload();
+        for (const char* const name : {"dev1", "dev2", "dev3"}) {
+            fake::plug(name, fake::bulkReader(std::string("A") + name[3]));
+        }
+        scan();
+        fake::unplug("dev1");
+        fake::unplug("dev2");
+        fake::plug("dev4", fake::bulkReader("A4"));
+        fake::plug("dev5", fake::bulkReader("A5"));
+        RecordedEvents events;
+        bool thrown = false;
+        {
+            const auto failure = support::failAllocation(n);
+            try {
+                poll();
+            } catch (const std::bad_alloc&) {
+                thrown = true;
+            }
+            failed = failure.happened();
+        }
+        EXPECT_EQ(thrown, failed);
+        if (failed) {
+            EXPECT_THAT(events.take(), IsEmpty());
+            poll();
+        }
+        EXPECT_THAT(events.take(),
+                    ElementsAre("disconnect hnd=10000001 id=a1", "disconnect hnd=10000002 id=a2",
+                                "connect hnd=0 id=a4", "connect hnd=0 id=a5"));
+        poll();
+        EXPECT_THAT(events.take(), IsEmpty());
+    }
+    EXPECT_GT(n, 5u);
+}
