@@ -268,7 +268,12 @@ int GVUSB_Scan(int scanOption, GVUSB_SCANSEARCH* search);
 
 /**
  * Scans as GVUSB_Scan does and opens what was found: every reader with GVUSB_SCAN_ALL, the current entry with
- * GVUSB_SCAN_FIRST and GVUSB_SCAN_NEXT.
+ * GVUSB_SCAN_FIRST and GVUSB_SCAN_NEXT. Other threads' scans come before it or after it: what is opened is what
+ * this scan found.
+ *
+ * A reader that was open, was unplugged and is found again keeps its handle and is opened again. Where that fails,
+ * its handle is returned all the same, and transfers answer GVUSB_ERR_NOT_OPENED: close the handle and open the
+ * reader once more.
  *
  * @param scanOption  as in GVUSB_Scan
  * @param search      as in GVUSB_Scan
@@ -472,12 +477,15 @@ int GVUSB_GetDevicePara(int devHnd, const char* key, char* value);
  * Changes a parameter. Keys may be written in upper or lower case.
  *
  * Of a reader:
- * - "TIMEOUT": milliseconds that a transfer may take, in decimal, at least 1; it is 1000 at first
+ * - "TIMEOUT": milliseconds that a transfer may take, in decimal, at least 1; it is 1000 at first, and again when
+ *   the reader has been unplugged and has come back under its handle: set it anew then
  * - "RESETPIPE": clears a halt of both bulk endpoints; the value is ignored
  * - "RESETDEVICE": resets the reader; the value is ignored
  *
  * Of the driver:
- * - "HOTPLUG-UPDATERATE": microseconds between two polls, in decimal, at least 10
+ * - "HOTPLUG-UPDATERATE": microseconds between two polls, in decimal, at least 10. What is too large, and a
+ *   negative number such as "-1", counts as the longest, 4294967295 (71 minutes): check the sign of a number
+ *   before you pass it
  * - "HOTPLUG-SUSPEND": "1" suspends polling, "0" goes on with it, or begins with it in a mode without polling
  *
  * With GVUSB_ALL_DEVICES every open reader is changed, in order, until one refuses; when none is open nothing
@@ -504,10 +512,10 @@ int GVUSB_SetDevicePara(int devHnd, const char* key, const char* value);
  * - Mode 0: it does not; no handler is called.
  * - Mode 1: a thread of the library polls the bus at the update rate. A connect event has the device ID, a
  *   disconnect event the device ID and the handle. A reader of the scan list that comes back takes its old
- *   place, is opened again if it was open, and keeps its handle; this is no event. Each device ID is
- *   reported once per direction between two scans, so scan again to hear of it again. Where opening it
- *   again fails, the handle stays and transfers answer GVUSB_ERR_NOT_OPENED: close the handle and open the
- *   reader once more.
+ *   place, is opened again if it was open, and keeps its handle; this is no event. Its "TIMEOUT" is 1000 then:
+ *   set it anew. Where opening it again fails, the handle stays and transfers answer GVUSB_ERR_NOT_OPENED: close
+ *   the handle and open the reader once more. Each device ID is reported once per direction between two scans, so
+ *   scan again to hear of it again, in the handler if you like: a report counts as one from before the scan.
  * - Mode 2: libusb reports to the library while it handles events, so some thread of the application has to
  *   drive libusb_handle_events(NULL); transfers do so in passing. A connect event has the device ID; a
  *   disconnect event has neither handle nor ID. Every one is reported, also of readers never scanned.
@@ -522,6 +530,11 @@ int GVUSB_SetDevicePara(int devHnd, const char* key, const char* value);
  * this header except GVUSB_AddEventHandler and GVUSB_DelEventHandler, which would wait for ever. It may take
  * its time, but until it returns no other event is reported and no handler can be added or removed. It may
  * end the process by exit(). It must not throw an exception and must not unload the library.
+ *
+ * @par Readers with the device ID 0
+ * 0 means that the device ID is unknown. GVUSB_GetDeviceHnd does not find such a reader, no connect event tells of
+ * it, and in mode 1 it is not put back when it returns. Open it by GVUSB_ScanAndOpen and keep the handle; after it
+ * was unplugged, close the handle, scan and open. Give every reader an ID of its own where you can.
  *
  * @par Without udev
  * Where udev does not run, in many containers for one, libusb's view of the bus stays as it was when the

@@ -292,6 +292,24 @@ TEST_F(HotPlugPollingTest, ScannedReaderWithDeviceIdZeroIsReportedWhenItGoes) {
     EXPECT_THAT(events.take(), ElementsAre("disconnect hnd=10000001 id=0"));
 }
 
+TEST_F(HotPlugPollingTest, ReaderWithDeviceIdZeroIsNeitherReportedWhenItComesNorPutBack) {
+    fake::plug("dev1", fake::bulkReader("0"));
+    poll();
+    EXPECT_THAT(events.take(), IsEmpty());
+    ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr), firstHandle);
+    fake::replug("dev1", "dev2");
+    poll();
+    EXPECT_THAT(events.take(), ElementsAre("disconnect hnd=10000001 id=0"));
+    poll();
+    EXPECT_THAT(events.take(), IsEmpty());
+    EXPECT_EQ(GVUSB_IsDevicePresent(firstHandle), 0);
+    EXPECT_EQ(GVUSB_GetDeviceHnd(0), GVUSB_ERR_NOT_OPENED);
+
+    ASSERT_EQ(GVUSB_CloseDevice(firstHandle), 0);
+    const int devHnd = GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr);
+    EXPECT_EQ(GVUSB_IsDevicePresent(devHnd), 1) << "closed, scanned and opened it works again";
+}
+
 TEST_F(HotPlugPollingTest, ReaderThatChangesItsIdWhileItIsIdentifiedReplacesTheEntryOnly) {
     scanThree();
     ASSERT_EQ(GVUSB_OpenDevice(0xA1), firstHandle);

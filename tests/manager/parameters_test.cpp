@@ -126,6 +126,7 @@ TEST_F(ParametersTest, UpdateRateIsTakenInMicroseconds) {
         {"4294967296", UINT_MAX},
         {"4294967306", UINT_MAX},
         {"99999999999999999999999", UINT_MAX},
+        {"-1", UINT_MAX},
     };
     for (const auto& [text, microseconds] : rows) {
         g_GvUsbMan.SetLastError(earlier);

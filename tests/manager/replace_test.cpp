@@ -192,6 +192,46 @@ TEST_F(ReplaceTest, FailedReopeningLeavesTheNewRecordListedAndClosed) {
     }
 }
 
+TEST_F(ReplaceTest, ReaderUnderItsOldHandleHasTheUsualTimeOut) {
+    for (const bool byPoll : {true, false}) {
+        SCOPED_TRACE(byPoll);
+        reload();
+        fake::plug("dev1", fake::bulkReader());
+        const int devHnd = GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr);
+        ASSERT_EQ(GVUSB_SetDevicePara(devHnd, "TIMEOUT", "250"), 0);
+        fake::replug("dev1", "dev2");
+        if (byPoll) {
+            g_GvUsbMan.UpdateDevices();
+        } else {
+            ASSERT_EQ(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), 0);
+        }
+        ASSERT_EQ(GVUSB_IsDevicePresent(devHnd), 1);
+        char value[GVUSB_PARAMETER_SIZE] = {};
+        EXPECT_EQ(GVUSB_GetDevicePara(devHnd, "TIMEOUT", value), 0);
+        EXPECT_STREQ(value, "1000");
+    }
+}
+
+TEST_F(ReplaceTest, ScanThatOpensGivesTheHandleOfAReaderWhoseReopeningFailed) {
+    for (const int option : {GVUSB_SCAN_FIRST, GVUSB_SCAN_ALL}) {
+        SCOPED_TRACE(option);
+        reload();
+        fake::plug("dev1", fake::bulkReader("A1"));
+        const int devHnd = GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr);
+        fake::replug("dev1", "dev2");
+        fake::failNth("libusb_open", 2, LIBUSB_ERROR_ACCESS, "dev2"); // after the identification
+        EXPECT_EQ(GVUSB_ScanAndOpen(option, nullptr), option == GVUSB_SCAN_FIRST ? devHnd : 0);
+        const unsigned char frame[] = {1};
+        EXPECT_EQ(GVUSB_Transmit(devHnd, GVUSB_PROTOCOL, frame, 1), GVUSB_ERR_NOT_OPENED);
+        EXPECT_EQ(GVUSB_OpenDevice(0xA1), devHnd) << "it counts as open";
+        EXPECT_EQ(GVUSB_Transmit(devHnd, GVUSB_PROTOCOL, frame, 1), GVUSB_ERR_NOT_OPENED);
+
+        EXPECT_EQ(GVUSB_CloseDevice(devHnd), 0);
+        EXPECT_EQ(GVUSB_OpenDevice(0xA1), devHnd);
+        EXPECT_EQ(GVUSB_Transmit(devHnd, GVUSB_PROTOCOL, frame, 1), 0);
+    }
+}
+
 TEST_F(ReplaceTest, ClosedSuccessorIsReplacedByTheNextOneWithoutBeingOpened) {
     GVDevice* const old = record("dev1", oldHandle);
     open(old);
