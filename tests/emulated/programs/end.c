@@ -1,0 +1,268 @@
+/*
+ * Ends in the way that argument 1 names while a reader is open, in the situation that argument 2 names. Whatever ends
+ * it with a status of its own does so with 7.
+ */
+#include "bus.h"
+
+#include <gvusb.h>
+#include <libusb.h>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+/* As ending.c describes the readers. */
+enum { kept_id = 0xA1, newcomer = 2 };
+
+enum { status = 7, handler_us = 100000, transfer_begins_us = 20000 };
+
+static const char* program;
+
+/* ---- Ways to end */
+
+static void end_by_exit(void) {
+    exit(status);
+}
+
+static void end_by_quick_exit(void) {
+    quick_exit(status);
+}
+
+static void end_by_immediate_exit(void) {
+    _exit(status);
+}
+
+static void end_by_signal(int number) {
+    signal(number, SIG_DFL);
+    kill(getpid(), number);
+    for (;;) {
+        pause();
+    }
+}
+
+static void end_by_termination(void) {
+    end_by_signal(SIGTERM);
+}
+
+static void end_by_kill(void) {
+    end_by_signal(SIGKILL);
+}
+
+static void end_by_fault(void) {
+    end_by_signal(SIGSEGV);
+}
+
+static void exit_at_once(int number) {
+    (void)number;
+    _exit(status);
+}
+
+static void end_by_signal_handler(void) {
+    signal(SIGTERM, exit_at_once);
+    kill(getpid(), SIGTERM);
+    for (;;) {
+        pause();
+    }
+}
+
+/* umockdev has a connection for each open node and, unlike libusb, keeps it across exec. */
+static void close_emulated_nodes_on_exec(void) {
+    for (int descriptor = STDERR_FILENO + 1; descriptor < FD_SETSIZE; ++descriptor) {
+        int type = 0;
+        socklen_t size = sizeof type;
+        if (getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_STREAM) {
+            fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+        }
+    }
+}
+
+static void end_by_exec(void) {
+    close_emulated_nodes_on_exec();
+    char* arguments[] = {(char*)program, "use", "main", NULL};
+    execv(program, arguments);
+}
+
+static void* run_way(void* way) {
+    void (*end)(void);
+    memcpy(&end, way, sizeof end);
+    end();
+    return NULL;
+}
+
+static const struct way {
+    const char* name;
+    void (*end)(void); /* null: main returns */
+} ways[] = {
+    {"return", NULL},
+    {"exit", end_by_exit},
+    {"quick_exit", end_by_quick_exit},
+    {"_exit", end_by_immediate_exit},
+    {"abort", abort},
+    {"SIGTERM", end_by_termination},
+    {"SIGKILL", end_by_kill},
+    {"SIGSEGV", end_by_fault},
+    {"signal-handler", end_by_signal_handler},
+    {"exec", end_by_exec},
+};
+
+static struct way wanted;
+
+/* ---- Situations */
+
+static int kept_handle;
+
+static bool exchanges(int handle) {
+    static const unsigned char frame[] = {1, 2, 3};
+    unsigned char answer[16];
+    return GVUSB_Transceive(handle, GVUSB_PROTOCOL, 0, frame, sizeof frame, answer, sizeof answer) == 3 &&
+           memcmp(answer, frame, sizeof frame) == 0;
+}
+
+static int end_in_main(void) {
+    if (wanted.end != NULL) {
+        wanted.end();
+    }
+    return status;
+}
+
+/* The process goes on without its main thread until another one ends it. */
+static int end_in_thread(void) {
+    pthread_t thread;
+    if (pthread_create(&thread, NULL, run_way, &wanted.end) != 0) {
+        return 1;
+    }
+    pthread_exit(NULL);
+}
+
+static sem_t about_to_receive;
+
+static void* receive(void* nothing) {
+    unsigned char answer[16];
+    sem_post(&about_to_receive);
+    GVUSB_Receive(kept_handle, GVUSB_PROTOCOL, answer, sizeof answer);
+    return nothing;
+}
+
+/* The reader has nothing to say, so the transfer lasts longer than the process. */
+static int end_during_transfer(void) {
+    pthread_t thread;
+    if (sem_init(&about_to_receive, 0, 0) != 0 ||
+        GVUSB_SetDevicePara(kept_handle, "TIMEOUT", "600000") != 0 ||
+        pthread_create(&thread, NULL, receive, NULL) != 0) {
+        return 1;
+    }
+    sem_wait(&about_to_receive);
+    usleep(transfer_begins_us);
+    return end_in_main();
+}
+
+/* Mode 2 reports while somebody handles libusb's events, which does no harm in the others. The reference is the
+ * thread's own. */
+static void* handle_events(void* nothing) {
+    for (;;) {
+        libusb_handle_events(NULL);
+    }
+    return nothing;
+}
+
+static bool start_event_thread(void) {
+    pthread_t thread;
+    return libusb_init(NULL) == 0 && pthread_create(&thread, NULL, handle_events, NULL) == 0;
+}
+
+static int end_beside_event_thread(void) {
+    return start_event_thread() ? end_in_main() : 1;
+}
+
+static bool await_handler(void (*handler)(int, unsigned int, const char*)) {
+    GVUSB_EVENT_INIT connect = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, handler};
+    if (GVUSB_AddEventHandler(0, &connect) != 0 || !start_event_thread()) {
+        return false;
+    }
+    bus("plug %d", newcomer);
+    return true;
+}
+
+static void end_as_handler(int handle, unsigned int id, const char* text) {
+    (void)handle;
+    (void)id;
+    (void)text;
+    wanted.end();
+}
+
+static int end_in_handler(void) {
+    if (!await_handler(end_as_handler)) {
+        return 1;
+    }
+    for (;;) {
+        pause();
+    }
+}
+
+static sem_t handler_begun;
+
+static void be_slow(int handle, unsigned int id, const char* text) {
+    (void)handle;
+    (void)id;
+    (void)text;
+    sem_post(&handler_begun);
+    usleep(handler_us);
+}
+
+static int end_during_handler(void) {
+    if (sem_init(&handler_begun, 0, 0) != 0 || !await_handler(be_slow)) {
+        return 1;
+    }
+    sem_wait(&handler_begun);
+    return end_in_main();
+}
+
+static const struct situation {
+    const char* name;
+    int (*end)(void);
+} situations[] = {
+    {"main", end_in_main},
+    {"thread", end_in_thread},
+    {"transfer", end_during_transfer},
+    {"event-thread", end_beside_event_thread},
+    {"handler", end_in_handler},
+    {"during-handler", end_during_handler},
+};
+
+static bool find_way(const char* name) {
+    for (size_t i = 0; i < sizeof ways / sizeof *ways; ++i) {
+        if (strcmp(ways[i].name, name) == 0) {
+            wanted = ways[i];
+            return true;
+        }
+    }
+    return strcmp(name, "use") == 0;
+}
+
+int main(int argc, char** argv) {
+    static const struct rlimit no_core;
+    setrlimit(RLIMIT_CORE, &no_core);
+    if (argc != 3 || !find_way(argv[1])) {
+        return 2;
+    }
+    program = argv[0];
+    GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
+    kept_handle = GVUSB_OpenDevice(kept_id);
+    if (!exchanges(kept_handle)) {
+        return 3;
+    }
+    for (size_t i = 0; i < sizeof situations / sizeof *situations; ++i) {
+        if (strcmp(situations[i].name, argv[2]) == 0) {
+            return situations[i].end();
+        }
+    }
+    return 2;
+}
