@@ -100,6 +100,13 @@ static void AProgramEndsInEveryWayBesideAThreadThatHandlesEvents(void** state) {
     check_endings("event-thread", by_return);
 }
 
+/* The program has taken no reference to libusb's context, so that nothing but the library keeps it. */
+static void AProgramEndsInEveryWayBesideAThreadThatHandlesEventsWithoutAReference(void** state) {
+    check_endings("event-thread-without-reference", by_return);
+    check_endings_in_mode(1, "handler-without-reference", by_exit);
+    check_endings_in_mode(2, "handler-without-reference", by_exit);
+}
+
 /* In mode 0 no handler runs. */
 static void AProgramEndsInEveryWayInAHandler(void** state) {
     check_endings_in_mode(1, "handler", by_exit);
@@ -125,6 +132,7 @@ int main(int argc, char** argv) {
         TEST_CASE(AProgramEndsInEveryWayAfterMainsThread),
         TEST_CASE(AProgramEndsWithoutDestructorsDuringATransfer),
         TEST_CASE(AProgramEndsInEveryWayBesideAThreadThatHandlesEvents),
+        TEST_CASE(AProgramEndsInEveryWayBesideAThreadThatHandlesEventsWithoutAReference),
         TEST_CASE(AProgramEndsInEveryWayInAHandler),
         TEST_CASE(AProgramEndsInEveryWayWhileAHandlerRuns),
         TEST_CASE(AnExceptionThatNobodyCatchesEndsTheProgramAsAnywhere),

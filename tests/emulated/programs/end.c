@@ -164,8 +164,9 @@ static int end_during_transfer(void) {
     return end_in_main();
 }
 
-/* Mode 2 reports while somebody handles libusb's events, which does no harm in the others. The reference is the
- * thread's own. */
+static bool takes_reference; /* to libusb's context; else the library's is the only one */
+
+/* Mode 2 reports while somebody handles libusb's events, which does no harm in the others. */
 static void* handle_events(void* nothing) {
     for (;;) {
         libusb_handle_events(NULL);
@@ -175,7 +176,8 @@ static void* handle_events(void* nothing) {
 
 static bool start_event_thread(void) {
     pthread_t thread;
-    return libusb_init(NULL) == 0 && pthread_create(&thread, NULL, handle_events, NULL) == 0;
+    return (!takes_reference || libusb_init(NULL) == 0) &&
+           pthread_create(&thread, NULL, handle_events, NULL) == 0;
 }
 
 static int end_beside_event_thread(void) {
@@ -228,13 +230,16 @@ static int end_during_handler(void) {
 static const struct situation {
     const char* name;
     int (*end)(void);
+    bool takes_reference;
 } situations[] = {
-    {"main", end_in_main},
-    {"thread", end_in_thread},
-    {"transfer", end_during_transfer},
-    {"event-thread", end_beside_event_thread},
-    {"handler", end_in_handler},
-    {"during-handler", end_during_handler},
+    {"main", end_in_main, false},
+    {"thread", end_in_thread, false},
+    {"transfer", end_during_transfer, false},
+    {"event-thread", end_beside_event_thread, true},
+    {"event-thread-without-reference", end_beside_event_thread, false},
+    {"handler", end_in_handler, true},
+    {"handler-without-reference", end_in_handler, false},
+    {"during-handler", end_during_handler, true},
 };
 
 static bool find_way(const char* name) {
@@ -261,6 +266,7 @@ int main(int argc, char** argv) {
     }
     for (size_t i = 0; i < sizeof situations / sizeof *situations; ++i) {
         if (strcmp(situations[i].name, argv[2]) == 0) {
+            takes_reference = situations[i].takes_reference;
             return situations[i].end();
         }
     }
