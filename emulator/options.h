@@ -3,7 +3,7 @@
 #ifndef GVUSB_EMULATOR_OPTIONS_H
 #define GVUSB_EMULATOR_OPTIONS_H
 
-#include "reader_description.h"
+#include "model/description.h"
 #include "script.h"
 #include "usbip_address.h"
 

@@ -2,17 +2,17 @@
 # its own.
 add_library(gvusb_reader INTERFACE)
 foreach(source
-        descriptors.cpp
-        reader_description.cpp
-        reader_model.cpp
-        reader_requests.cpp
-        reply_rule.cpp
         text.cpp
         usbfs_device.cpp
         usbip_connection.cpp
         usbip_import.cpp
         usbip_messages.cpp
-        usbip_readers.cpp)
+        usbip_readers.cpp
+        model/description.cpp
+        model/descriptors.cpp
+        model/model.cpp
+        model/reply_rule.cpp
+        model/requests.cpp)
     target_sources(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR}/${source})
 endforeach()
 target_include_directories(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR})

@@ -4,7 +4,7 @@
 
 #pragma once
 
-#include "reader_model.h"
+#include "model/model.h"
 
 #include <functional>
 #include <optional>

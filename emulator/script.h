@@ -7,7 +7,7 @@
 #ifndef GVUSB_EMULATOR_SCRIPT_H
 #define GVUSB_EMULATOR_SCRIPT_H
 
-#include "transfer.h"
+#include "model/transfer.h"
 
 #include <deque>
 #include <filesystem>

@@ -5,7 +5,7 @@
 #ifndef GVUSB_EMULATOR_SHOWN_DEVICE_H
 #define GVUSB_EMULATOR_SHOWN_DEVICE_H
 
-#include "reader_description.h"
+#include "model/description.h"
 
 #include <string>
 

@@ -6,8 +6,8 @@
 #ifndef GVUSB_EMULATOR_USBFS_DEVICE_H
 #define GVUSB_EMULATOR_USBFS_DEVICE_H
 
-#include "host_counts.h"
-#include "reader_model.h"
+#include "model/host_counts.h"
+#include "model/model.h"
 
 #include <deque>
 #include <map>

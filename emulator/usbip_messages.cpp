@@ -1,6 +1,6 @@
 #include "usbip_messages.h"
 
-#include "descriptors.h"
+#include "model/descriptors.h"
 
 #include <algorithm>
 

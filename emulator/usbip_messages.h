@@ -6,8 +6,8 @@
 
 #pragma once
 
-#include "reader_description.h"
-#include "transfer.h"
+#include "model/description.h"
+#include "model/transfer.h"
 
 #include <optional>
 #include <span>

@@ -4,8 +4,8 @@
 
 #pragma once
 
-#include "host_counts.h"
-#include "reader_model.h"
+#include "model/host_counts.h"
+#include "model/model.h"
 #include "usbip_messages.h"
 
 #include <memory>

@@ -1,7 +1,7 @@
 #include "virtual_bus.h"
 
-#include "descriptors.h"
 #include "event_listeners.h"
+#include "model/descriptors.h"
 #include "shown_device.h"
 
 #include <algorithm>

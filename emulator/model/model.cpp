@@ -1,6 +1,6 @@
-#include "reader_model.h"
+#include "model/model.h"
 
-#include "descriptors.h"
+#include "model/descriptors.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "answer_queue.h"
+#include "model/answer_queue.h"
 
 #include <gtest/gtest.h>
 

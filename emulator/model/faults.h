@@ -5,7 +5,7 @@
 #ifndef GVUSB_EMULATOR_READER_FAULTS_H
 #define GVUSB_EMULATOR_READER_FAULTS_H
 
-#include "transfer.h"
+#include "model/transfer.h"
 
 #include <algorithm>
 #include <optional>

@@ -1,4 +1,4 @@
-#include "descriptors.h"
+#include "model/descriptors.h"
 
 #include <gtest/gtest.h>
 

@@ -5,7 +5,7 @@
 #ifndef GVUSB_EMULATOR_DESCRIPTORS_H
 #define GVUSB_EMULATOR_DESCRIPTORS_H
 
-#include "reader_description.h"
+#include "model/description.h"
 
 namespace emulator {
 

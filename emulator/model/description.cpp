@@ -1,4 +1,4 @@
-#include "reader_description.h"
+#include "model/description.h"
 
 #include <algorithm>
 #include <array>

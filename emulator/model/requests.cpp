@@ -1,7 +1,7 @@
 // The control requests that a reader answers: the standard ones, and frames by vendor request 0.
 
-#include "descriptors.h"
-#include "reader_model.h"
+#include "model/descriptors.h"
+#include "model/model.h"
 
 #include <algorithm>
 

@@ -8,10 +8,10 @@
 #ifndef GVUSB_EMULATOR_READER_MODEL_H
 #define GVUSB_EMULATOR_READER_MODEL_H
 
-#include "answer_queue.h"
-#include "reader_description.h"
-#include "reader_faults.h"
-#include "transfer.h"
+#include "model/answer_queue.h"
+#include "model/description.h"
+#include "model/faults.h"
+#include "model/transfer.h"
 
 #include <deque>
 #include <map>

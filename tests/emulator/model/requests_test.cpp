@@ -1,5 +1,5 @@
-#include "descriptors.h"
-#include "reader_model.h"
+#include "model/descriptors.h"
+#include "model/model.h"
 
 #include <gtest/gtest.h>
 

@@ -8,7 +8,7 @@
 #ifndef GVUSB_EMULATOR_READER_DESCRIPTION_H
 #define GVUSB_EMULATOR_READER_DESCRIPTION_H
 
-#include "reply_rule.h"
+#include "model/reply_rule.h"
 #include "text.h"
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "reply_rule.h"
+#include "model/reply_rule.h"
 
 namespace emulator {
 

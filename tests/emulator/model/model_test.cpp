@@ -1,4 +1,4 @@
-#include "reader_model.h"
+#include "model/model.h"
 
 #include <gtest/gtest.h>
 
