@@ -1,6 +1,6 @@
 #include "launcher.h"
 
-#include "command_channel.h"
+#include "control/channel.h"
 #include "program.h"
 #include "scratch_folder.h"
 #include "session.h"

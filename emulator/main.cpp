@@ -1,4 +1,4 @@
-#include "command_channel.h"
+#include "control/channel.h"
 #include "launcher.h"
 #include "options.h"
 

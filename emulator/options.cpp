@@ -1,6 +1,6 @@
 #include "options.h"
 
-#include "commands.h"
+#include "control/commands.h"
 
 #include <algorithm>
 #include <array>

@@ -3,8 +3,8 @@
 #ifndef GVUSB_EMULATOR_OPTIONS_H
 #define GVUSB_EMULATOR_OPTIONS_H
 
+#include "control/script.h"
 #include "model/description.h"
-#include "script.h"
 #include "usbip_address.h"
 
 #include <optional>

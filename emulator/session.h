@@ -4,10 +4,10 @@
 
 #pragma once
 
-#include "command_channel.h"
+#include "control/bus.h"
+#include "control/channel.h"
 #include "options.h"
 #include "program.h"
-#include "reader_bus.h"
 
 #include <csignal>
 #include <optional>

@@ -4,7 +4,7 @@
 
 #pragma once
 
-#include "reader_bus.h"
+#include "control/bus.h"
 #include "usbip_server.h"
 
 #include <utility>

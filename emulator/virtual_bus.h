@@ -7,8 +7,8 @@
 #ifndef GVUSB_EMULATOR_VIRTUAL_BUS_H
 #define GVUSB_EMULATOR_VIRTUAL_BUS_H
 
+#include "control/bus.h"
 #include "device_node.h"
-#include "reader_bus.h"
 #include "usbfs_device.h"
 
 #include <filesystem>

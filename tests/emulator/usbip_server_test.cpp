@@ -1,4 +1,4 @@
-#include "commands.h"
+#include "control/commands.h"
 #include "usbip_bus.h"
 
 #include "usbip_client.h"

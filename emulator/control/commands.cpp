@@ -1,6 +1,6 @@
-#include "commands.h"
+#include "control/commands.h"
 
-#include "command_actions.h"
+#include "control/actions.h"
 
 #include <algorithm>
 #include <array>

@@ -5,7 +5,7 @@
 #ifndef GVUSB_EMULATOR_COMMAND_CHANNEL_H
 #define GVUSB_EMULATOR_COMMAND_CHANNEL_H
 
-#include "commands.h"
+#include "control/commands.h"
 
 #include <deque>
 #include <functional>

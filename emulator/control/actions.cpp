@@ -1,4 +1,4 @@
-#include "command_actions.h"
+#include "control/actions.h"
 
 #include <algorithm>
 #include <array>

@@ -6,7 +6,7 @@
 #ifndef GVUSB_EMULATOR_COMMANDS_H
 #define GVUSB_EMULATOR_COMMANDS_H
 
-#include "reader_bus.h"
+#include "control/bus.h"
 
 #include <string>
 #include <string_view>

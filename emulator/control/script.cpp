@@ -1,6 +1,6 @@
-#include "script.h"
+#include "control/script.h"
 
-#include "commands.h"
+#include "control/commands.h"
 
 #include <fstream>
 

@@ -1,4 +1,4 @@
-#include "script.h"
+#include "control/script.h"
 
 #include <gtest/gtest.h>
 

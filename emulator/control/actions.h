@@ -6,7 +6,7 @@
 #ifndef GVUSB_EMULATOR_COMMAND_ACTIONS_H
 #define GVUSB_EMULATOR_COMMAND_ACTIONS_H
 
-#include "commands.h"
+#include "control/commands.h"
 
 namespace emulator::actions {
 
