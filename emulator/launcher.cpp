@@ -4,8 +4,8 @@
 #include "program.h"
 #include "scratch_folder.h"
 #include "session.h"
+#include "usbfs/virtual_bus.h"
 #include "usbip_bus.h"
-#include "virtual_bus.h"
 
 #include <algorithm>
 #include <array>

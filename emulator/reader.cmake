@@ -3,7 +3,6 @@
 add_library(gvusb_reader INTERFACE)
 foreach(source
         text.cpp
-        usbfs_device.cpp
         usbip_connection.cpp
         usbip_import.cpp
         usbip_messages.cpp
@@ -12,7 +11,8 @@ foreach(source
         model/descriptors.cpp
         model/model.cpp
         model/reply_rule.cpp
-        model/requests.cpp)
+        model/requests.cpp
+        usbfs/device.cpp)
     target_sources(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR}/${source})
 endforeach()
 target_include_directories(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR})

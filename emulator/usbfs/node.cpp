@@ -1,4 +1,4 @@
-#include "device_node.h"
+#include "usbfs/node.h"
 
 #include <filesystem>
 #include <stdexcept>

@@ -1,4 +1,4 @@
-#include "usbfs_opening.h"
+#include "usbfs/opening.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "event_listeners.h"
+#include "usbfs/uevent_listeners.h"
 
 #include <algorithm>
 #include <cerrno>

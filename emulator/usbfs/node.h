@@ -6,7 +6,7 @@
 #ifndef GVUSB_EMULATOR_DEVICE_NODE_H
 #define GVUSB_EMULATOR_DEVICE_NODE_H
 
-#include "usbfs_opening.h"
+#include "usbfs/opening.h"
 
 #include <memory>
 #include <mutex>

@@ -1,4 +1,4 @@
-#include "readiness_fifo.h"
+#include "usbfs/readiness_fifo.h"
 
 #include <array>
 #include <cerrno>

@@ -6,9 +6,9 @@
 #ifndef GVUSB_EMULATOR_USBFS_OPENING_H
 #define GVUSB_EMULATOR_USBFS_OPENING_H
 
-#include "program_memory.h"
-#include "readiness_fifo.h"
-#include "usbfs_device.h"
+#include "usbfs/device.h"
+#include "usbfs/program_memory.h"
+#include "usbfs/readiness_fifo.h"
 
 #include <chrono>
 #include <functional>

@@ -1,8 +1,8 @@
-#include "virtual_bus.h"
+#include "usbfs/virtual_bus.h"
 
-#include "event_listeners.h"
 #include "model/descriptors.h"
-#include "shown_device.h"
+#include "usbfs/sysfs.h"
+#include "usbfs/uevent_listeners.h"
 
 #include <algorithm>
 #include <cerrno>

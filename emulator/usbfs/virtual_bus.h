@@ -8,8 +8,8 @@
 #define GVUSB_EMULATOR_VIRTUAL_BUS_H
 
 #include "control/bus.h"
-#include "device_node.h"
-#include "usbfs_device.h"
+#include "usbfs/device.h"
+#include "usbfs/node.h"
 
 #include <filesystem>
 #include <map>

@@ -1,4 +1,4 @@
-#include "shown_device.h"
+#include "usbfs/sysfs.h"
 
 #include "text.h"
 

@@ -1,4 +1,4 @@
-#include "usbfs_device.h"
+#include "usbfs/device.h"
 
 #include <gtest/gtest.h>
 
