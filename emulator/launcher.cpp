@@ -5,7 +5,7 @@
 #include "scratch_folder.h"
 #include "session.h"
 #include "usbfs/virtual_bus.h"
-#include "usbip_bus.h"
+#include "usbip/bus.h"
 
 #include <algorithm>
 #include <array>

@@ -5,7 +5,7 @@
 
 #include "control/script.h"
 #include "model/description.h"
-#include "usbip_address.h"
+#include "usbip/address.h"
 
 #include <optional>
 #include <string>

@@ -3,16 +3,16 @@
 add_library(gvusb_reader INTERFACE)
 foreach(source
         text.cpp
-        usbip_connection.cpp
-        usbip_import.cpp
-        usbip_messages.cpp
-        usbip_readers.cpp
         model/description.cpp
         model/descriptors.cpp
         model/model.cpp
         model/reply_rule.cpp
         model/requests.cpp
-        usbfs/device.cpp)
+        usbfs/device.cpp
+        usbip/connection.cpp
+        usbip/import.cpp
+        usbip/messages.cpp
+        usbip/readers.cpp)
     target_sources(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR}/${source})
 endforeach()
 target_include_directories(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR})

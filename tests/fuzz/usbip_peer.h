@@ -3,8 +3,8 @@
 
 #include "expect.h"
 
-#include "usbip_client.h"
-#include "usbip_connection.h"
+#include "usbip/client.h"
+#include "usbip/connection.h"
 
 #include <deque>
 #include <map>

@@ -1,4 +1,4 @@
-#include "usbip_address.h"
+#include "usbip/address.h"
 
 #include "text.h"
 

@@ -7,7 +7,7 @@
 
 #pragma once
 
-#include "usbip_import.h"
+#include "usbip/import.h"
 
 #include <optional>
 #include <span>

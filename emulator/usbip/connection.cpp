@@ -1,4 +1,4 @@
-#include "usbip_connection.h"
+#include "usbip/connection.h"
 
 namespace emulator::usbip {
 

@@ -1,6 +1,6 @@
-#include "usbip_connection.h"
+#include "usbip/connection.h"
 
-#include "usbip_client.h"
+#include "usbip/client.h"
 
 #include <gtest/gtest.h>
 

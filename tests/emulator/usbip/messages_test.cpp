@@ -1,4 +1,4 @@
-#include "usbip_connection.h"
+#include "usbip/connection.h"
 
 #include <gtest/gtest.h>
 

@@ -5,7 +5,7 @@
 
 #pragma once
 
-#include "usbip_readers.h"
+#include "usbip/readers.h"
 
 #include <map>
 

@@ -1,7 +1,7 @@
 #include "control/commands.h"
-#include "usbip_bus.h"
+#include "usbip/bus.h"
 
-#include "usbip_client.h"
+#include "usbip/client.h"
 
 #include <gtest/gtest.h>
 

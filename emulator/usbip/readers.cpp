@@ -1,6 +1,6 @@
-#include "usbip_readers.h"
+#include "usbip/readers.h"
 
-#include "usbip_connection.h"
+#include "usbip/connection.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "usbip_server.h"
+#include "usbip/server.h"
 
 #include <algorithm>
 #include <array>

@@ -4,8 +4,8 @@
 
 #pragma once
 
-#include "usbip_address.h"
-#include "usbip_connection.h"
+#include "usbip/address.h"
+#include "usbip/connection.h"
 
 #include <functional>
 #include <list>

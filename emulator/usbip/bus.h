@@ -5,7 +5,7 @@
 #pragma once
 
 #include "control/bus.h"
-#include "usbip_server.h"
+#include "usbip/server.h"
 
 #include <utility>
 

@@ -6,7 +6,7 @@
 
 #include "model/host_counts.h"
 #include "model/model.h"
-#include "usbip_messages.h"
+#include "usbip/messages.h"
 
 #include <memory>
 #include <optional>

@@ -1,4 +1,4 @@
-#include "usbip_bus.h"
+#include "usbip/bus.h"
 
 #include <algorithm>
 #include <chrono>

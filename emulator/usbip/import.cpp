@@ -1,4 +1,4 @@
-#include "usbip_import.h"
+#include "usbip/import.h"
 
 #include <cerrno>
 

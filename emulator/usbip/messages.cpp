@@ -1,4 +1,4 @@
-#include "usbip_messages.h"
+#include "usbip/messages.h"
 
 #include "model/descriptors.h"
 
