@@ -37,8 +37,9 @@ std::string foreignPreloads() {
     std::string text = value != nullptr ? value : "";
     std::ranges::replace(text, ' ', ':');
     for (const std::string& entry : splitEscaped(text, ':')) {
-        if (!entry.empty() && !entry.ends_with(umockdevPreload) && !entry.ends_with(companionPreload))
+        if (!entry.empty() && !entry.ends_with(umockdevPreload) && !entry.ends_with(companionPreload)) {
             kept += (kept.empty() ? "" : ":") + entry;
+        }
     }
     return kept;
 }
@@ -50,8 +51,9 @@ fs::path findCompanion() {
                                    launcher.parent_path().parent_path() / GVUSB_EMULATE_PRELOAD_FOLDER /
                                        companionPreload};
     for (const fs::path& candidate : candidates) {
-        if (fs::exists(candidate))
+        if (fs::exists(candidate)) {
             return candidate;
+        }
     }
     throw std::runtime_error(candidates.front().string() + " is missing");
 }
@@ -71,23 +73,25 @@ class TemporaryFolderVariable {
 public:
     // NOLINTBEGIN(concurrency-mt-unsafe): no other thread of the launcher reads the environment
     explicit TemporaryFolderVariable(const fs::path& folder) {
-        if (const char* before = std::getenv(name))
-            before_ = before;
+        if (const char* before = std::getenv(name)) {
+            m_before = before;
+        }
         ::setenv(name, folder.c_str(), 1);
     }
     TemporaryFolderVariable(const TemporaryFolderVariable&) = delete;
     TemporaryFolderVariable& operator=(const TemporaryFolderVariable&) = delete;
     ~TemporaryFolderVariable() {
-        if (before_)
-            ::setenv(name, before_->c_str(), 1);
-        else
+        if (m_before) {
+            ::setenv(name, m_before->c_str(), 1);
+        } else {
             ::unsetenv(name);
+        }
     }
     // NOLINTEND(concurrency-mt-unsafe)
 
 private:
     static constexpr const char* name = "TMPDIR";
-    std::optional<std::string> before_;
+    std::optional<std::string> m_before;
 };
 
 int launchEmulated(const Options& options, const BlockedSignals& signals) {
@@ -106,15 +110,17 @@ int launchUsbip(const Options& options, const BlockedSignals& signals) {
     const std::string socket = (folder.path() / "commands").string();
     auto made =
         std::make_unique<UsbipBus>(*options.usbip, [verbose = options.verbose](const char* complaint) {
-            if (verbose)
+            if (verbose) {
                 std::cerr << "gvusb-emulate: a USB/IP client was ended: " << complaint << '\n';
+            }
         });
     Session session(options, signals, *made, socket);
     // The bus ends first, whatever happens: the session waits for what the program leaves behind, and that may be stuck
     // in the kernel for as long as a reader that it has attached neither answers nor goes.
     const std::unique_ptr<UsbipBus> bus = std::move(made);
-    if (!options.program.empty())
+    if (!options.program.empty()) {
         return session.run({{"GVUSB_EMULATE_USBIP", bus->address()}});
+    }
     std::cout << "gvusb-emulate: USB/IP at " << bus->address() << ", commands at " << socketVariable << '='
               << socket << std::endl; // NOLINT(performance-avoid-endl): somebody waits for it
     session.runAlone();
@@ -126,12 +132,14 @@ int launchUsbip(const Options& options, const BlockedSignals& signals) {
 void ensurePreloaded(char* const* arguments) {
     const char* value = std::getenv(preloadVariable);
     const std::string present = value != nullptr ? value : "";
-    if (present.find(umockdevPreload) != std::string::npos)
+    if (present.find(umockdevPreload) != std::string::npos) {
         return;
+    }
     const std::string wanted = present + (present.empty() ? "" : ":") + std::string(umockdevPreload);
     // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet
-    if (::setenv(preloadVariable, wanted.c_str(), 1) == 0)
+    if (::setenv(preloadVariable, wanted.c_str(), 1) == 0) {
         ::execv("/proc/self/exe", arguments);
+    }
     throw std::system_error(errno, std::generic_category(), "/proc/self/exe");
 }
 

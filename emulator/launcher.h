@@ -1,7 +1,5 @@
 // Makes a bus, runs one program on it or serves it to others, and leaves nothing behind.
-
-#ifndef GVUSB_EMULATOR_LAUNCHER_H
-#define GVUSB_EMULATOR_LAUNCHER_H
+#pragma once
 
 #include "options.h"
 
@@ -15,5 +13,3 @@ void ensurePreloaded(char* const* arguments);
 int launch(const Options& options);
 
 } // namespace emulator
-
-#endif

@@ -29,15 +29,17 @@ int main(int count, char** arguments) {
     int failure = busError;
     try {
         const auto options = emulator::readOptions(count, arguments);
-        if (const int* status = std::get_if<int>(&options))
+        if (const int* status = std::get_if<int>(&options)) {
             return *status;
+        }
         const auto& wanted = std::get<emulator::Options>(options);
         if (wanted.command) {
             failure = EXIT_FAILURE;
             return send(*wanted.command);
         }
-        if (!wanted.usbip)
+        if (!wanted.usbip) {
             emulator::ensurePreloaded(arguments);
+        }
         return emulator::launch(wanted);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "gvusb-emulate: %s\n", error.what());

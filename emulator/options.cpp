@@ -88,8 +88,9 @@ std::vector<std::string> cutProgram(std::vector<std::string>& arguments) {
     while (word != arguments.end() && word->starts_with("-") && *word != "--") {
         const bool takesNext = std::ranges::find(withValue, *word) != withValue.end();
         ++word;
-        if (takesNext && word != arguments.end())
+        if (takesNext && word != arguments.end()) {
             ++word;
+        }
     }
     const bool separator = word != arguments.end() && *word == "--";
     std::vector<std::string> program(word + (separator ? 1 : 0), arguments.end());
@@ -160,28 +161,38 @@ std::variant<Options, int> readOptions(int count, const char* const* arguments) 
             options.command = command;
             return options;
         }
-        if (usbip)
+        if (usbip) {
             options.usbip = parseSocketAddress(address);
-        if (options.program.empty() && !usbip)
+        }
+        if (options.program.empty() && !usbip) {
             throw TextError("no program to run");
-        if (usbip && (noConfiguration || config->count() != 0))
+        }
+        if (usbip && (noConfiguration || config->count() != 0)) {
             throw TextError(
                 "--config and --no-config do not go with --usbip, where no bus is the program's own");
-        if (noReaders && !(descriptions.empty() && readerFiles.empty()))
+        }
+        if (noReaders && !(descriptions.empty() && readerFiles.empty())) {
             throw TextError("--no-readers goes with no other readers");
-        for (const std::string& description : descriptions)
+        }
+        for (const std::string& description : descriptions) {
             std::ranges::move(parseReaders(description), std::back_inserter(options.readers));
-        for (const std::string& file : readerFiles)
+        }
+        for (const std::string& file : readerFiles) {
             std::ranges::move(readReaders(file), std::back_inserter(options.readers));
-        if (descriptions.empty() && readerFiles.empty() && !noReaders)
+        }
+        if (descriptions.empty() && readerFiles.empty() && !noReaders) {
             options.readers = defaultReaders();
-        if (!scriptFile.empty())
+        }
+        if (!scriptFile.empty()) {
             options.script = Script::read(scriptFile);
-        if (noConfiguration)
+        }
+        if (noConfiguration) {
             options.configurationFile = "";
+        }
         if (config->count() != 0) {
-            if (!std::filesystem::exists(configurationFile))
+            if (!std::filesystem::exists(configurationFile)) {
                 throw TextError(configurationFile + ": there is no such file");
+            }
             // The program may have another working directory by the time it reads it.
             options.configurationFile = std::filesystem::absolute(configurationFile).string();
         }

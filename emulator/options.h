@@ -1,7 +1,5 @@
 // The launcher's command line.
-
-#ifndef GVUSB_EMULATOR_OPTIONS_H
-#define GVUSB_EMULATOR_OPTIONS_H
+#pragma once
 
 #include "control/script.h"
 #include "model/description.h"
@@ -30,5 +28,3 @@ struct Options {
 std::variant<Options, int> readOptions(int count, const char* const* arguments);
 
 } // namespace emulator
-
-#endif

@@ -22,8 +22,9 @@ constexpr int notFound = 127;
 std::vector<char*> pointers(std::vector<std::string>& texts) {
     std::vector<char*> result;
     result.reserve(texts.size() + 1);
-    for (std::string& text : texts)
+    for (std::string& text : texts) {
         result.push_back(text.data());
+    }
     result.push_back(nullptr);
     return result;
 }
@@ -34,14 +35,17 @@ std::vector<std::string> environmentWith(const Program::Environment& changes) {
         const std::string_view text = *entry;
         const std::string_view name = text.substr(0, text.find('='));
         bool changed = false;
-        for (const auto& change : changes)
+        for (const auto& change : changes) {
             changed |= change.first == name;
-        if (!changed)
+        }
+        if (!changed) {
             result.emplace_back(text);
+        }
     }
     for (const auto& [name, value] : changes) {
-        if (value)
+        if (value) {
             result.push_back(name + "=" + *value);
+        }
     }
     return result;
 }
@@ -53,18 +57,21 @@ std::vector<pid_t> children() {
     for (const auto& entry : std::filesystem::directory_iterator("/proc", ignored)) {
         const std::string name = entry.path().filename().string();
         pid_t process = 0;
-        if (std::from_chars(name.data(), name.data() + name.size(), process).ec != std::errc{})
+        if (std::from_chars(name.data(), name.data() + name.size(), process).ec != std::errc{}) {
             continue;
+        }
         std::ifstream stream(entry.path() / "stat");
         const std::string status(std::istreambuf_iterator<char>(stream), {});
         // "PID (NAME) STATE PARENT ...", where NAME may hold anything.
-        const auto name_end = status.rfind(") ");
-        if (name_end == std::string::npos || name_end + 4 >= status.size())
+        const auto nameEnd = status.rfind(") ");
+        if (nameEnd == std::string::npos || nameEnd + 4 >= status.size()) {
             continue;
+        }
         pid_t parent = 0;
-        std::from_chars(status.data() + name_end + 4, status.data() + status.size(), parent);
-        if (parent == ::getpid())
+        std::from_chars(status.data() + nameEnd + 4, status.data() + status.size(), parent);
+        if (parent == ::getpid()) {
             result.push_back(process);
+        }
     }
     return result;
 }
@@ -94,29 +101,34 @@ Program::Program(const std::vector<std::string>& arguments, const Environment& e
     const std::vector<char*> argumentPointers = pointers(argumentTexts);
     const std::vector<char*> environmentPointers = pointers(environmentTexts);
     int pipe[2];
-    if (::pipe2(pipe, O_CLOEXEC) != 0)
+    if (::pipe2(pipe, O_CLOEXEC) != 0) {
         throw std::system_error(errno, std::generic_category(), "pipe");
+    }
     // Whatever the program starts and leaves behind becomes ours, so that it can be ended.
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
     const pid_t launcher = ::getpid();
-    process_ = ::fork();
-    if (process_ == 0)
+    m_process = ::fork();
+    if (m_process == 0) {
         runChild(argumentPointers.data(), environmentPointers.data(), mask, pipe[1], launcher);
+    }
     const int forkError = errno;
     ::close(pipe[1]);
     int error = 0;
-    if (process_ > 0 && ::read(pipe[0], &error, sizeof error) == sizeof error)
-        error_ = arguments[0] + ": " + std::generic_category().message(error);
+    if (m_process > 0 && ::read(pipe[0], &error, sizeof error) == sizeof error) {
+        m_error = arguments[0] + ": " + std::generic_category().message(error);
+    }
     ::close(pipe[0]);
-    if (process_ < 0)
+    if (m_process < 0) {
         throw std::system_error(forkError, std::generic_category(), "fork");
+    }
 }
 
 Program::~Program() {
     // Children of children become ours only when their parents end, so it takes rounds.
     while (::waitpid(-1, nullptr, WNOHANG) >= 0) {
-        for (const pid_t child : children())
+        for (const pid_t child : children()) {
             ::kill(child, SIGKILL);
+        }
         ::waitpid(-1, nullptr, 0);
     }
 }
@@ -124,14 +136,16 @@ Program::~Program() {
 void Program::noteEnded() {
     int status = 0;
     for (pid_t ended = ::waitpid(-1, &status, WNOHANG); ended > 0; ended = ::waitpid(-1, &status, WNOHANG)) {
-        if (ended == process_)
-            exitStatus_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+        if (ended == m_process) {
+            m_exitStatus = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+        }
     }
 }
 
 void Program::signal(int number) const {
-    if (!exitStatus_)
-        ::kill(process_, number);
+    if (!m_exitStatus) {
+        ::kill(m_process, number);
+    }
 }
 
 } // namespace emulator

@@ -1,9 +1,7 @@
 // The program that runs on the bus, as a child of the launcher, with all that it starts in turn.
 //
 // One thread calls the members, the one that lives as long as the launcher: the program is ended with it.
-
-#ifndef GVUSB_EMULATOR_PROGRAM_H
-#define GVUSB_EMULATOR_PROGRAM_H
+#pragma once
 
 #include <csignal>
 #include <optional>
@@ -29,22 +27,20 @@ public:
     // Ends what is left of the program and of its children.
     ~Program();
 
-    const std::string& error() const { return error_; }
+    const std::string& error() const { return m_error; }
 
     // Takes note of children that have ended; to be called at SIGCHLD.
     void noteEnded();
 
     // Once it has ended: its exit status, or 128 and the number of the signal that ended it.
-    std::optional<int> exitStatus() const { return exitStatus_; }
+    std::optional<int> exitStatus() const { return m_exitStatus; }
 
     void signal(int number) const;
 
 private:
-    pid_t process_ = -1;
-    std::optional<int> exitStatus_;
-    std::string error_;
+    pid_t m_process = -1;
+    std::optional<int> m_exitStatus;
+    std::string m_error;
 };
 
 } // namespace emulator
-
-#endif

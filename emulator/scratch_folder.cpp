@@ -35,14 +35,17 @@ bool abandoned(const fs::path& folder) {
     // A folder that is being set up has no lock for a moment.
     constexpr std::chrono::minutes youth{1};
     struct stat status {};
-    if (::lstat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || status.st_uid != ::geteuid())
+    if (::lstat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || status.st_uid != ::geteuid()) {
         return false;
+    }
     const auto changed = std::chrono::system_clock::from_time_t(status.st_mtime);
-    if (std::chrono::system_clock::now() - changed < youth)
+    if (std::chrono::system_clock::now() - changed < youth) {
         return false;
+    }
     const int lock = lockFolder(folder, 0);
-    if (lock < 0)
+    if (lock < 0) {
         return false;
+    }
     ::close(lock);
     return true;
 }
@@ -52,8 +55,9 @@ void removeAbandoned() {
     for (fs::directory_iterator entry(folderOfFolders, error), end; !error && entry != end;
          entry.increment(error)) {
         std::error_code ignored;
-        if (entry->path().filename().string().starts_with(prefix) && abandoned(entry->path()))
+        if (entry->path().filename().string().starts_with(prefix) && abandoned(entry->path())) {
             fs::remove_all(entry->path(), ignored);
+        }
     }
 }
 
@@ -62,18 +66,20 @@ void removeAbandoned() {
 ScratchFolder::ScratchFolder() {
     removeAbandoned();
     std::string name = std::string(folderOfFolders) + "/" + prefix + "XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr)
+    if (::mkdtemp(name.data()) == nullptr) {
         throw std::system_error(errno, std::generic_category(),
                                 "no folder can be made in " + std::string(folderOfFolders));
-    path_ = name;
-    lock_ = lockFolder(path_, O_CREAT);
+    }
+    m_path = name;
+    m_lock = lockFolder(m_path, O_CREAT);
 }
 
 ScratchFolder::~ScratchFolder() {
     std::error_code ignored;
-    fs::remove_all(path_, ignored);
-    if (lock_ >= 0)
-        ::close(lock_);
+    fs::remove_all(m_path, ignored);
+    if (m_lock >= 0) {
+        ::close(m_lock);
+    }
 }
 
 } // namespace emulator

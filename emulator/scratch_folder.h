@@ -2,9 +2,7 @@
 //
 // Its path is short whatever TMPDIR says, for sockets live in it and a socket's path has at most 107
 // characters. One thread at a time.
-
-#ifndef GVUSB_EMULATOR_SCRATCH_FOLDER_H
-#define GVUSB_EMULATOR_SCRATCH_FOLDER_H
+#pragma once
 
 #include <filesystem>
 
@@ -19,13 +17,11 @@ public:
     ScratchFolder& operator=(const ScratchFolder&) = delete;
     ~ScratchFolder();
 
-    const std::filesystem::path& path() const { return path_; }
+    const std::filesystem::path& path() const { return m_path; }
 
 private:
-    std::filesystem::path path_;
-    int lock_ = -1; // held as long as the owner lives, which is how others know
+    std::filesystem::path m_path;
+    int m_lock = -1; // held as long as the owner lives, which is how others know
 };
 
 } // namespace emulator
-
-#endif

@@ -1,7 +1,6 @@
 // One run of the launcher on a bus: its commands, its script, its signals, and the program, if there is one.
 //
 // One thread, the launcher's, calls the members.
-
 #pragma once
 
 #include "control/bus.h"
@@ -25,14 +24,14 @@ public:
     BlockedSignals& operator=(const BlockedSignals&) = delete;
     ~BlockedSignals();
 
-    const sigset_t& before() const { return before_; }
-    int descriptor() const { return descriptor_; }
+    const sigset_t& before() const { return m_before; }
+    int descriptor() const { return m_descriptor; }
     std::optional<signalfd_siginfo> take() const;
 
 private:
-    sigset_t handled_{};
-    sigset_t before_{};
-    int descriptor_ = -1;
+    sigset_t m_handled{};
+    sigset_t m_before{};
+    int m_descriptor = -1;
 };
 
 class Session {
@@ -54,16 +53,16 @@ private:
     void handle(const signalfd_siginfo& signal);
     void passOn(const signalfd_siginfo& signal);
 
-    Options options_;
-    const BlockedSignals& signals_;
-    Bus& bus_;
-    std::string socket_;
-    CommandChannel channel_;
-    std::optional<Program> program_;
-    Time start_;
-    std::optional<Time> endBy_; // when a program that was told to end is killed
-    bool killed_ = false;       // as it had not ended by then
-    bool ended_ = false;        // by a signal, where there is no program
+    Options m_options;
+    const BlockedSignals& m_signals;
+    Bus& m_bus;
+    std::string m_socket;
+    CommandChannel m_channel;
+    std::optional<Program> m_program;
+    Time m_start;
+    std::optional<Time> m_endBy; // when a program that was told to end is killed
+    bool m_killed = false;       // as it had not ended by then
+    bool m_ended = false;        // by a signal, where there is no program
 };
 
 } // namespace emulator

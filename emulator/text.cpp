@@ -11,12 +11,15 @@ namespace {
 constexpr std::string_view blanks = " \t\r\n";
 
 int hexDigit(char c) {
-    if (c >= '0' && c <= '9')
+    if (c >= '0' && c <= '9') {
         return c - '0';
-    if (c >= 'a' && c <= 'f')
+    }
+    if (c >= 'a' && c <= 'f') {
         return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
+    }
+    if (c >= 'A' && c <= 'F') {
         return c - 'A' + 10;
+    }
     return -1;
 }
 
@@ -24,20 +27,22 @@ int hexDigit(char c) {
 
 std::string_view trimmed(std::string_view text) {
     const auto first = text.find_first_not_of(blanks);
-    if (first == std::string_view::npos)
+    if (first == std::string_view::npos) {
         return {};
+    }
     return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
 std::vector<std::string> splitEscaped(std::string_view text, char separator) {
     std::vector<std::string> pieces(1);
     for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\\' && i + 1 < text.size())
+        if (text[i] == '\\' && i + 1 < text.size()) {
             pieces.back() += text[++i];
-        else if (text[i] == separator)
+        } else if (text[i] == separator) {
             pieces.emplace_back();
-        else
+        } else {
             pieces.back() += text[i];
+        }
     }
     return pieces;
 }
@@ -57,9 +62,10 @@ std::uint64_t number(std::string_view what, std::string_view text, std::uint64_t
     std::uint64_t value = 0;
     const char* end = digits.data() + digits.size();
     const auto [stopped, error] = std::from_chars(digits.data(), end, value, hexadecimal ? 16 : 10);
-    if (error != std::errc{} || stopped != end || value < lowest || value > highest)
+    if (error != std::errc{} || stopped != end || value < lowest || value > highest) {
         throw TextError(std::string(what) + " is '" + std::string(text) + "'; it takes a number from " +
                         std::to_string(lowest) + " to " + std::to_string(highest));
+    }
     return value;
 }
 
@@ -67,12 +73,14 @@ Bytes hexBytes(std::string_view what, std::string_view text) {
     Bytes bytes;
     int high = -1;
     for (const char c : text) {
-        if (blanks.find(c) != std::string_view::npos && high < 0)
+        if (blanks.find(c) != std::string_view::npos && high < 0) {
             continue;
+        }
         const int digit = hexDigit(c);
-        if (digit < 0)
+        if (digit < 0) {
             throw TextError(std::string(what) + " is '" + std::string(text) +
                             "'; it takes bytes as pairs of hexadecimal digits");
+        }
         if (high < 0) {
             high = digit;
         } else {
@@ -80,8 +88,9 @@ Bytes hexBytes(std::string_view what, std::string_view text) {
             high = -1;
         }
     }
-    if (high >= 0)
+    if (high >= 0) {
         throw TextError(std::string(what) + " is '" + std::string(text) + "'; its last byte lacks a digit");
+    }
     return bytes;
 }
 

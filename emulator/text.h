@@ -1,9 +1,7 @@
 // Small readings and writings of text: splitting, numbers, hexadecimal bytes.
 //
 // Plain functions on plain values; any thread may call them.
-
-#ifndef GVUSB_EMULATOR_TEXT_H
-#define GVUSB_EMULATOR_TEXT_H
+#pragma once
 
 #include <cstdint>
 #include <span>
@@ -44,5 +42,3 @@ std::string hexText(std::span<const std::uint8_t> bytes);
 std::string numbered(const char* format, unsigned first, unsigned second = 0);
 
 } // namespace emulator
-
-#endif

@@ -24,8 +24,9 @@ CommandAnswer ok(std::string_view data = {}) {
 }
 
 void noMore(Text arguments) {
-    if (!arguments.empty())
+    if (!arguments.empty()) {
         throw TextError("'" + std::string(arguments) + "' is too much");
+    }
 }
 
 std::size_t oneReader(const Bus& bus, Text& arguments) {
@@ -35,19 +36,22 @@ std::size_t oneReader(const Bus& bus, Text& arguments) {
 
 std::vector<std::size_t> readersNamed(const Bus& bus, Text& arguments) {
     Text ahead = arguments;
-    if (takeWord(ahead) != "all")
+    if (takeWord(ahead) != "all") {
         return {oneReader(bus, arguments)};
+    }
     arguments = ahead;
     std::vector<std::size_t> all(bus.size());
-    for (std::size_t i = 0; i < all.size(); ++i)
+    for (std::size_t i = 0; i < all.size(); ++i) {
         all[i] = i + 1;
+    }
     return all;
 }
 
 bool takeSwitch(Text& arguments) {
     const Text word = takeWord(arguments);
-    if (word != "on" && word != "off")
+    if (word != "on" && word != "off") {
         throw TextError("'" + std::string(word) + "' is neither on nor off");
+    }
     noMore(arguments);
     return word == "on";
 }
@@ -75,16 +79,18 @@ CommandAnswer onPipes(Bus& bus, Text arguments, Change change) {
 
 template <typename Change>
 CommandAnswer onReaders(Bus& bus, Text arguments, Change change) {
-    for (const std::size_t reader : readersNamed(bus, arguments))
+    for (const std::size_t reader : readersNamed(bus, arguments)) {
         bus.with(reader, [&](ReaderModel& r) { change(r, arguments); });
+    }
     return ok();
 }
 
 // Changes what goes wrong on the host's side.
 template <typename Change>
 CommandAnswer ofHost(const Bus& bus, Text arguments, Change change) {
-    for (const std::size_t reader : readersNamed(bus, arguments))
+    for (const std::size_t reader : readersNamed(bus, arguments)) {
         change(reader, arguments);
+    }
     return ok();
 }
 
@@ -95,8 +101,9 @@ CommandAnswer plug(Bus& bus, Text arguments) {
         Text ahead = arguments;
         const bool all = takeWord(ahead) == "all";
         for (const std::size_t reader : readersNamed(bus, arguments)) {
-            if (!all || !bus.plugged(reader))
+            if (!all || !bus.plugged(reader)) {
                 bus.plug(reader);
+            }
         }
         noMore(arguments);
         return ok();
@@ -105,8 +112,9 @@ CommandAnswer plug(Bus& bus, Text arguments) {
     for (ReaderDescription& description : parseReaders(arguments)) {
         const bool plugged = description.plugged;
         const std::size_t reader = bus.add(std::move(description));
-        if (plugged)
+        if (plugged) {
             bus.plug(reader);
+        }
         numbers += (numbers.empty() ? "" : " ") + std::to_string(reader);
     }
     return ok(numbers);
@@ -116,8 +124,9 @@ CommandAnswer unplug(Bus& bus, Text arguments) {
     Text ahead = arguments;
     const bool all = takeWord(ahead) == "all";
     for (const std::size_t reader : readersNamed(bus, arguments)) {
-        if (!all || bus.plugged(reader))
+        if (!all || bus.plugged(reader)) {
             bus.unplug(reader);
+        }
     }
     noMore(arguments);
     return ok();
@@ -150,10 +159,11 @@ CommandAnswer removeString(Bus& bus, Text arguments) {
 CommandAnswer failString(Bus& bus, Text arguments) {
     return onReaders(bus, arguments, [](ReaderModel& r, Text rest) {
         const std::uint8_t index = takeStringIndex(rest);
-        if (takeSwitch(rest))
+        if (takeSwitch(rest)) {
             r.requestFaults().unreadableStrings.insert(index);
-        else
+        } else {
             r.requestFaults().unreadableStrings.erase(index);
+        }
     });
 }
 
@@ -165,8 +175,9 @@ CommandAnswer setDescriptors(Bus& bus, Text arguments) {
 CommandAnswer stall(Bus& bus, Text arguments) {
     return onPipes(bus, arguments, [](PipeFaults& faults, Text rest) {
         const Text word = takeWord(rest);
-        if (!word.empty() && word != "stuck")
+        if (!word.empty() && word != "stuck") {
             throw TextError("'" + std::string(word) + "' is not 'stuck'");
+        }
         noMore(rest);
         faults.stalled = true;
         faults.stuck = !word.empty();
@@ -206,8 +217,9 @@ CommandAnswer shorten(Bus& bus, Text arguments) {
         const Text word = takeWord(rest);
         noMore(rest);
         faults.shortTo.reset();
-        if (word != "off")
+        if (word != "off") {
             faults.shortTo = static_cast<std::size_t>(number("count", word, 0, largestCount));
+        }
     });
 }
 
@@ -246,11 +258,13 @@ CommandAnswer refuse(Bus& bus, Text arguments) {
     const Text word = takeWord(arguments);
     noMore(arguments);
     const auto found = std::ranges::find(errors, word, &std::pair<Text, int>::first);
-    if (found == errors.end())
+    if (found == errors.end()) {
         throw TextError("'" + std::string(word) +
                         "' is none of EACCES, EPERM, ENODEV, ENOENT, EMFILE and off");
-    for (const std::size_t reader : readers)
+    }
+    for (const std::size_t reader : readers) {
         bus.refuseOpening(reader, found->second);
+    }
     return ok();
 }
 
@@ -301,8 +315,9 @@ CommandAnswer counts(Bus& bus, Text arguments) {
     const std::size_t reader = oneReader(bus, arguments);
     noMore(arguments);
     std::string text;
-    for (const auto& [name, count] : bus.counts(reader))
+    for (const auto& [name, count] : bus.counts(reader)) {
         text += (text.empty() ? "" : " ") + name + "=" + std::to_string(count);
+    }
     return ok(text);
 }
 

@@ -2,9 +2,7 @@
 // TextError.
 //
 // Run by the launcher's thread only.
-
-#ifndef GVUSB_EMULATOR_COMMAND_ACTIONS_H
-#define GVUSB_EMULATOR_COMMAND_ACTIONS_H
+#pragma once
 
 #include "control/commands.h"
 
@@ -36,5 +34,3 @@ CommandAnswer counts(Bus& bus, std::string_view arguments);
 CommandAnswer wait(Bus& bus, std::string_view arguments);
 
 } // namespace emulator::actions
-
-#endif

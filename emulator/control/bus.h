@@ -1,7 +1,6 @@
 // The readers that programs reach in one way or another, as the text commands and the launcher's loop see them.
 //
 // One thread, the launcher's, calls the members.
-
 #pragma once
 
 #include "model/model.h"

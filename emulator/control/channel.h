@@ -1,9 +1,7 @@
 // A Unix socket on which programs send commands: one command a line, one answer a line, in order.
 //
 // One thread, the launcher's, calls the members; it polls the descriptors and says which are readable.
-
-#ifndef GVUSB_EMULATOR_COMMAND_CHANNEL_H
-#define GVUSB_EMULATOR_COMMAND_CHANNEL_H
+#pragma once
 
 #include "control/commands.h"
 
@@ -52,9 +50,9 @@ private:
     void runLines(Client& client);
     static void send(Client& client, const std::string& text);
 
-    int listening_;
-    Run run_;
-    std::list<Client> clients_;
+    int m_listening;
+    Run m_run;
+    std::list<Client> m_clients;
 };
 
 // Sends one command over the socket at `path` and returns the answer without its line end. Throws
@@ -62,5 +60,3 @@ private:
 std::string sendCommand(const std::string& path, std::string_view command);
 
 } // namespace emulator
-
-#endif

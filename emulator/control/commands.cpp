@@ -63,15 +63,17 @@ constexpr std::array commands = {
 
 const Command& commandNamed(Text name) {
     const auto found = std::ranges::find(commands, name, &Command::name);
-    if (found == commands.end())
+    if (found == commands.end()) {
         throw TextError(name.empty() ? "no command" : "'" + std::string(name) + "' is not a command");
+    }
     return *found;
 }
 
 void checkArguments(const Command& command, Text arguments) {
     for (unsigned i = 0; i < command.needed; ++i) {
-        if (takeWord(arguments).empty())
+        if (takeWord(arguments).empty()) {
             throw TextError("usage: " + std::string(command.name) + " " + std::string(command.arguments));
+        }
     }
 }
 
@@ -94,9 +96,10 @@ void checkCommand(std::string_view line) {
 
 std::string describeCommands() {
     std::string text;
-    for (const Command& command : commands)
+    for (const Command& command : commands) {
         text += "  " + std::string(command.name) + (command.arguments.empty() ? "" : " ") +
                 std::string(command.arguments) + "\n      " + std::string(command.meaning) + "\n";
+    }
     return text;
 }
 

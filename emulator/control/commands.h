@@ -2,9 +2,7 @@
 //
 // A command is one line, a word and its arguments; its answer is one line, "ok", "ok DATA" or "error: WHY".
 // Readers go by their numbers, "all" stands for every reader. Run by the launcher's thread only.
-
-#ifndef GVUSB_EMULATOR_COMMANDS_H
-#define GVUSB_EMULATOR_COMMANDS_H
+#pragma once
 
 #include "control/bus.h"
 
@@ -29,5 +27,3 @@ void checkCommand(std::string_view line);
 std::string describeCommands();
 
 } // namespace emulator
-
-#endif

@@ -11,15 +11,17 @@ namespace {
 constexpr std::uint64_t latest = 24ULL * 3600 * 1000;
 
 Script::Entry parseLine(std::string_view text, unsigned line) {
-    if (takeWord(text) != "at")
+    if (takeWord(text) != "at") {
         throw TextError("a line reads: at MILLISECONDS COMMAND");
+    }
     Script::Entry entry;
     entry.at = Milliseconds(number("time", takeWord(text), 0, latest));
     entry.command = text;
     entry.line = line;
     checkCommand(text);
-    if (text.starts_with("wait"))
+    if (text.starts_with("wait")) {
         throw TextError("a script does not wait; its lines have times");
+    }
     return entry;
 }
 
@@ -30,38 +32,43 @@ Script Script::parse(std::istream& text, const std::string& name) {
     std::string line;
     for (unsigned number = 1; std::getline(text, line); ++number) {
         const std::string_view content = trimmed(line);
-        if (content.empty() || content.front() == '#')
+        if (content.empty() || content.front() == '#') {
             continue;
+        }
         try {
-            script.entries_.push_back(parseLine(content, number));
-            const std::size_t count = script.entries_.size();
-            if (count > 1 && script.entries_[count - 1].at < script.entries_[count - 2].at)
+            script.m_entries.push_back(parseLine(content, number));
+            const std::size_t count = script.m_entries.size();
+            if (count > 1 && script.m_entries[count - 1].at < script.m_entries[count - 2].at) {
                 throw TextError("its time is before that of the line above");
+            }
         } catch (const TextError& error) {
             throw TextError(name + ":" + std::to_string(number) + ": " + error.what());
         }
     }
-    if (text.bad())
+    if (text.bad()) {
         throw TextError(name + ": cannot be read");
+    }
     return script;
 }
 
 Script Script::read(const std::filesystem::path& file) {
     std::ifstream stream(file);
-    if (!stream)
+    if (!stream) {
         throw TextError(file.string() + ": cannot be read");
+    }
     return parse(stream, file.string());
 }
 
 std::optional<Milliseconds> Script::next() const {
-    return entries_.empty() ? std::optional<Milliseconds>{} : entries_.front().at;
+    return m_entries.empty() ? std::optional<Milliseconds>{} : m_entries.front().at;
 }
 
 std::optional<Script::Entry> Script::take(Milliseconds sinceStart) {
-    if (entries_.empty() || entries_.front().at > sinceStart)
+    if (m_entries.empty() || m_entries.front().at > sinceStart) {
         return std::nullopt;
-    Entry entry = std::move(entries_.front());
-    entries_.pop_front();
+    }
+    Entry entry = std::move(m_entries.front());
+    m_entries.pop_front();
     return entry;
 }
 

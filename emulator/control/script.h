@@ -3,9 +3,7 @@
 // A script has one line for each, "at MILLISECONDS COMMAND", in order of time; blank lines and lines that
 // begin with
 // '#' are skipped. One thread at a time.
-
-#ifndef GVUSB_EMULATOR_SCRIPT_H
-#define GVUSB_EMULATOR_SCRIPT_H
+#pragma once
 
 #include "model/transfer.h"
 
@@ -38,9 +36,7 @@ public:
     std::optional<Entry> take(Milliseconds sinceStart);
 
 private:
-    std::deque<Entry> entries_;
+    std::deque<Entry> m_entries;
 };
 
 } // namespace emulator
-
-#endif

@@ -2,7 +2,6 @@
 //
 // Room is limited: an answer that does not fit is lost, so that a client that only sends cannot use up the emulator's
 // memory. One thread at a time.
-
 #pragma once
 
 #include "text.h"
@@ -26,29 +25,30 @@ public:
     void push(Bytes data) {
         constexpr std::size_t overhead = 64; // an empty answer takes memory too
         const std::size_t room = data.size() + overhead;
-        if (room > mostRoom - taken_)
+        if (room > mostRoom - m_taken) {
             return;
-        taken_ += room;
-        answers_.push_back({.data = std::move(data), .sent = 0, .room = room});
+        }
+        m_taken += room;
+        m_answers.push_back({.data = std::move(data), .sent = 0, .room = room});
     }
 
-    bool empty() const { return answers_.empty(); }
-    std::size_t size() const { return answers_.size(); }
-    WaitingAnswer& front() { return answers_.front(); }
+    bool empty() const { return m_answers.empty(); }
+    std::size_t size() const { return m_answers.size(); }
+    WaitingAnswer& front() { return m_answers.front(); }
 
     void pop() {
-        taken_ -= answers_.front().room;
-        answers_.pop_front();
+        m_taken -= m_answers.front().room;
+        m_answers.pop_front();
     }
 
     void clear() {
-        answers_.clear();
-        taken_ = 0;
+        m_answers.clear();
+        m_taken = 0;
     }
 
 private:
-    std::deque<WaitingAnswer> answers_;
-    std::size_t taken_ = 0;
+    std::deque<WaitingAnswer> m_answers;
+    std::size_t m_taken = 0;
 };
 
 } // namespace emulator

@@ -20,42 +20,52 @@ struct Draft {
 };
 
 std::vector<Endpoint> parseEndpoints(std::string_view text) {
-    if (text == "bulk")
+    if (text == "bulk") {
         return {{.address = 0x81}, {.address = 0x02}};
-    if (text == "none" || text == "control")
+    }
+    if (text == "none" || text == "control") {
         return {};
-    if (text == "in-only")
+    }
+    if (text == "in-only") {
         return {{.address = 0x81}};
-    if (text == "out-only")
+    }
+    if (text == "out-only") {
         return {{.address = 0x02}};
-    if (text == "interrupt")
+    }
+    if (text == "interrupt") {
         return {{.address = 0x83, .type = TransferType::interrupt}};
+    }
     std::vector<Endpoint> endpoints;
     for (const std::string& piece : splitEscaped(text, '+')) {
         const std::vector<std::string> parts = splitEscaped(piece, ':');
         Endpoint endpoint;
-        if (!piece.starts_with("0x") || parts.size() > 3)
+        if (!piece.starts_with("0x") || parts.size() > 3) {
             throw TextError(
                 "endpoints has '" + piece +
                 "'; it takes bulk, control, none, in-only, out-only, interrupt, or a list such as "
                 "0x81+0x02:bulk:64+0x83:interrupt");
-        endpoint.address = static_cast<std::uint8_t>(number("endpoint address", parts[0], 0x01, 0x8F));
-        if ((endpoint.address & 0x70) != 0 || (endpoint.address & 0x0F) == 0)
-            throw TextError("endpoint address is '" + parts[0] + "'; it takes 0x01 to 0x0F or 0x81 to 0x8F");
-        if (parts.size() > 1) {
-            if (parts[1] == "bulk")
-                endpoint.type = TransferType::bulk;
-            else if (parts[1] == "interrupt")
-                endpoint.type = TransferType::interrupt;
-            else if (parts[1] == "iso")
-                endpoint.type = TransferType::isochronous;
-            else
-                throw TextError("endpoint type is '" + parts[1] + "'; it takes bulk, interrupt or iso");
         }
-        if (parts.size() > 2)
+        endpoint.address = static_cast<std::uint8_t>(number("endpoint address", parts[0], 0x01, 0x8F));
+        if ((endpoint.address & 0x70) != 0 || (endpoint.address & 0x0F) == 0) {
+            throw TextError("endpoint address is '" + parts[0] + "'; it takes 0x01 to 0x0F or 0x81 to 0x8F");
+        }
+        if (parts.size() > 1) {
+            if (parts[1] == "bulk") {
+                endpoint.type = TransferType::bulk;
+            } else if (parts[1] == "interrupt") {
+                endpoint.type = TransferType::interrupt;
+            } else if (parts[1] == "iso") {
+                endpoint.type = TransferType::isochronous;
+            } else {
+                throw TextError("endpoint type is '" + parts[1] + "'; it takes bulk, interrupt or iso");
+            }
+        }
+        if (parts.size() > 2) {
             endpoint.packetSize = static_cast<std::uint16_t>(number("packet size", parts[2], 1, 1024));
-        if (std::ranges::find(endpoints, endpoint.address, &Endpoint::address) != endpoints.end())
+        }
+        if (std::ranges::find(endpoints, endpoint.address, &Endpoint::address) != endpoints.end()) {
             throw TextError("endpoints has " + parts[0] + " twice");
+        }
         endpoints.push_back(endpoint);
     }
     return endpoints;
@@ -63,45 +73,54 @@ std::vector<Endpoint> parseEndpoints(std::string_view text) {
 
 std::vector<std::uint8_t> parseConfigurations(std::string_view text) {
     std::vector<std::uint8_t> values;
-    if (text == "none")
+    if (text == "none") {
         return values;
+    }
     for (const std::string& piece : splitEscaped(text, '+')) {
         const auto value = static_cast<std::uint8_t>(number("configuration", piece, 1, 255));
-        if (std::find(values.begin(), values.end(), value) != values.end())
+        if (std::find(values.begin(), values.end(), value) != values.end()) {
             throw TextError("configuration has the value " + piece + " twice");
+        }
         values.push_back(value);
     }
     return values;
 }
 
 Speed parseSpeed(std::string_view text) {
-    if (text == "low")
+    if (text == "low") {
         return Speed::low;
-    if (text == "full")
+    }
+    if (text == "full") {
         return Speed::full;
-    if (text == "high")
+    }
+    if (text == "high") {
         return Speed::high;
+    }
     throw TextError("speed is '" + std::string(text) + "'; it takes low, full or high");
 }
 
 bool parseYesNo(std::string_view what, std::string_view text) {
-    if (text == "yes")
+    if (text == "yes") {
         return true;
-    if (text == "no")
+    }
+    if (text == "no") {
         return false;
+    }
     throw TextError(std::string(what) + " is '" + std::string(text) + "'; it takes yes or no");
 }
 
 void setString(Draft& draft, std::uint8_t index, std::string_view text) {
-    if (text.size() > longestString)
+    if (text.size() > longestString) {
         throw TextError("string " + std::to_string(index) + " has more than " +
                         std::to_string(longestString) + " characters");
+    }
     draft.reader.strings[index] = text;
 }
 
 void removeStrings(Draft& draft, std::string_view indexes) {
-    for (const std::string& piece : splitEscaped(indexes, '+'))
+    for (const std::string& piece : splitEscaped(indexes, '+')) {
         draft.reader.strings.erase(static_cast<std::uint8_t>(number("missing string", piece, 1, 255)));
+    }
 }
 
 struct Key {
@@ -170,8 +189,9 @@ constexpr std::array keys = {
 
 void applyPair(Draft& draft, std::string_view pair) {
     const auto equals = pair.find('=');
-    if (equals == std::string_view::npos)
+    if (equals == std::string_view::npos) {
         throw TextError("'" + std::string(pair) + "' is not KEY=VALUE");
+    }
     const std::string_view name = trimmed(pair.substr(0, equals));
     const std::string_view value = pair.substr(equals + 1);
     if (name.starts_with("string")) {
@@ -198,39 +218,45 @@ std::string hexNumber(std::uint64_t value) {
 std::vector<ReaderDescription> parseReaders(std::string_view line) {
     Draft draft;
     for (const std::string& pair : splitEscaped(line, ',')) {
-        if (!trimmed(pair).empty())
+        if (!trimmed(pair).empty()) {
             applyPair(draft, pair);
+        }
     }
     std::vector<ReaderDescription> readers(static_cast<std::size_t>(draft.copies), draft.reader);
-    if (draft.copies > 1 && draft.reader.address)
+    if (draft.copies > 1 && draft.reader.address) {
         throw TextError("copies and address do not go together: two readers cannot have one address");
+    }
     if (draft.copies > 1 && draft.reader.strings.contains(deviceIdString)) {
         const std::uint64_t first =
             number("id of several copies", "0x" + draft.reader.strings[deviceIdString], 0, 0xFFFFFFFF);
-        for (std::size_t i = 0; i < readers.size(); ++i)
+        for (std::size_t i = 0; i < readers.size(); ++i) {
             readers[i].strings[deviceIdString] = hexNumber(first + i);
+        }
     }
     return readers;
 }
 
 std::vector<ReaderDescription> readReaders(const std::filesystem::path& file) {
     std::ifstream stream(file);
-    if (!stream)
+    if (!stream) {
         throw TextError(file.string() + ": cannot be read");
+    }
     std::vector<ReaderDescription> readers;
     std::string line;
     for (unsigned lineNumber = 1; std::getline(stream, line); ++lineNumber) {
         const std::string_view text = trimmed(line);
-        if (text.empty() || text.front() == '#')
+        if (text.empty() || text.front() == '#') {
             continue;
+        }
         try {
             std::ranges::move(parseReaders(text), std::back_inserter(readers));
         } catch (const TextError& error) {
             throw TextError(file.string() + ":" + std::to_string(lineNumber) + ": " + error.what());
         }
     }
-    if (stream.bad())
+    if (stream.bad()) {
         throw TextError(file.string() + ": cannot be read");
+    }
     return readers;
 }
 

@@ -4,9 +4,7 @@
 //   id=1A2B3C,name=Desk reader,product=1,endpoints=bulk,speed=high
 // A file of descriptions has one to a line; blank lines and lines that begin with '#' are skipped.
 // Plain values; any thread may use them.
-
-#ifndef GVUSB_EMULATOR_READER_DESCRIPTION_H
-#define GVUSB_EMULATOR_READER_DESCRIPTION_H
+#pragma once
 
 #include "model/reply_rule.h"
 #include "text.h"
@@ -84,5 +82,3 @@ std::vector<ReaderDescription> defaultReaders();
 std::string describeKeys();
 
 } // namespace emulator
-
-#endif

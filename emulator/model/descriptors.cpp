@@ -53,8 +53,9 @@ char32_t takeCodePoint(std::string_view& text) {
 } // namespace
 
 std::uint16_t packetSize(const ReaderDescription& reader, const Endpoint& endpoint) {
-    if (endpoint.packetSize != 0)
+    if (endpoint.packetSize != 0) {
         return endpoint.packetSize;
+    }
     switch (reader.speed) {
     case Speed::low:
         return 8;
@@ -91,8 +92,9 @@ Bytes configurationDescriptor(const ReaderDescription& reader, std::size_t index
         const auto interfaceNumber = static_cast<std::uint8_t>(reader.firstInterface + i);
         bytes.insert(bytes.end(), {9, interfaceType, interfaceNumber, 0, endpoints, vendorClass, 0, 0,
                                    indexIfPresent(reader, interfaceTypeString)});
-        if (i != 0)
+        if (i != 0) {
             continue;
+        }
         for (const Endpoint& endpoint : reader.endpoints) {
             const std::uint8_t interval = endpoint.type == TransferType::bulk ? 0 : 10;
             bytes.insert(bytes.end(),
@@ -110,8 +112,9 @@ Bytes allDescriptors(const ReaderDescription& reader) {
     if (reader.descriptors)
         return *reader.descriptors;
     Bytes bytes = deviceDescriptor(reader);
-    for (std::size_t i = 0; i < reader.configurations.size(); ++i)
+    for (std::size_t i = 0; i < reader.configurations.size(); ++i) {
         std::ranges::copy(configurationDescriptor(reader, i), std::back_inserter(bytes));
+    }
     return bytes;
 }
 
@@ -138,8 +141,9 @@ Bytes stringDescriptor(std::string_view text) {
             append16(bytes, static_cast<std::uint16_t>(0xDC00 + ((codePoint - 0x10000) & 0x3FF)));
         }
     }
-    if (bytes.size() > longestDescriptor)
+    if (bytes.size() > longestDescriptor) {
         bytes.resize(longestDescriptor - 1);
+    }
     bytes[0] = static_cast<std::uint8_t>(bytes.size());
     return bytes;
 }

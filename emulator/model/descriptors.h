@@ -1,9 +1,7 @@
 // The USB descriptors of a described reader, byte by byte.
 //
 // Plain functions on plain values; any thread may call them.
-
-#ifndef GVUSB_EMULATOR_DESCRIPTORS_H
-#define GVUSB_EMULATOR_DESCRIPTORS_H
+#pragma once
 
 #include "model/description.h"
 
@@ -38,5 +36,3 @@ Bytes languageDescriptor();
 std::uint16_t packetSize(const ReaderDescription& reader, const Endpoint& endpoint);
 
 } // namespace emulator
-
-#endif

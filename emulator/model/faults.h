@@ -1,9 +1,7 @@
 // What goes wrong with a reader, on demand: per pipe, and for some of its standard requests.
 //
 // Plain values; whoever owns them guards them.
-
-#ifndef GVUSB_EMULATOR_READER_FAULTS_H
-#define GVUSB_EMULATOR_READER_FAULTS_H
+#pragma once
 
 #include "model/transfer.h"
 
@@ -37,8 +35,9 @@ struct PipeFaults {
         both.mute |= other.mute;
         both.stalled |= other.stalled;
         both.delay = std::max(delay, other.delay);
-        if (other.shortTo)
+        if (other.shortTo) {
             both.shortTo = std::min(shortTo.value_or(*other.shortTo), *other.shortTo);
+        }
         return both;
     }
 };
@@ -49,5 +48,3 @@ struct RequestFaults {
 };
 
 } // namespace emulator
-
-#endif

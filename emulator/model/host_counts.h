@@ -1,7 +1,6 @@
 // What the host did to a reader since the start.
 //
 // Plain values; whoever owns them guards them.
-
 #pragma once
 
 #include <cstdint>

@@ -7,26 +7,27 @@
 namespace emulator {
 
 ReaderModel::ReaderModel(ReaderDescription description)
-    : description_(std::move(description)) {
+    : m_description(std::move(description)) {
     power(Time{});
 }
 
 // ------------------------------------------------------------------------------------------------- transfers
 
 TransferId ReaderModel::submit(Transfer transfer, Time now) {
-    const TransferId id = ++lastId_;
+    const TransferId id = ++m_lastId;
     const std::uint8_t endpoint = transfer.endpoint;
-    waiting_[endpoint].push_back({.id = id, .transfer = std::move(transfer)});
+    m_waiting[endpoint].push_back({.id = id, .transfer = std::move(transfer)});
     run(endpoint, now);
     return id;
 }
 
 bool ReaderModel::cancel(TransferId id, Time now) {
-    for (auto& [endpoint, queue] : waiting_) {
+    for (auto& [endpoint, queue] : m_waiting) {
         const auto found = std::ranges::find(queue, id, &Waiting::id);
-        if (found == queue.end())
+        if (found == queue.end()) {
             continue;
-        completions_.push_back({.id = id, .outcome = Outcome::cancelled});
+        }
+        m_completions.push_back({.id = id, .outcome = Outcome::cancelled});
         queue.erase(found);
         run(endpoint, now);
         return true;
@@ -35,18 +36,20 @@ bool ReaderModel::cancel(TransferId id, Time now) {
 }
 
 std::optional<Completion> ReaderModel::takeCompletion() {
-    if (completions_.empty())
+    if (m_completions.empty()) {
         return std::nullopt;
-    Completion completion = std::move(completions_.front());
-    completions_.pop_front();
+    }
+    Completion completion = std::move(m_completions.front());
+    m_completions.pop_front();
     return completion;
 }
 
 std::optional<Time> ReaderModel::nextDeadline() const {
     std::optional<Time> earliest;
-    for (const auto& [endpoint, queue] : waiting_) {
-        if (!queue.empty() && queue.front().ready && !faultsFor(queue.front().transfer).mute)
+    for (const auto& [endpoint, queue] : m_waiting) {
+        if (!queue.empty() && queue.front().ready && !faultsFor(queue.front().transfer).mute) {
             earliest = std::min(earliest.value_or(*queue.front().ready), *queue.front().ready);
+        }
     }
     return earliest;
 }
@@ -54,21 +57,24 @@ std::optional<Time> ReaderModel::nextDeadline() const {
 void ReaderModel::advance(Time now) {
     // An answer that one pipe's transfer made may be what another pipe's transfer waits for: OUT before IN.
     std::vector<std::uint8_t> endpoints;
-    for (const auto& [endpoint, queue] : waiting_)
+    for (const auto& [endpoint, queue] : m_waiting) {
         endpoints.push_back(endpoint);
-    for (const std::uint8_t endpoint : endpoints)
+    }
+    for (const std::uint8_t endpoint : endpoints) {
         run(endpoint, now);
+    }
 }
 
 void ReaderModel::run(std::uint8_t endpoint, Time now) {
-    const std::size_t answersBefore = bulkAnswers_.size();
+    const std::size_t answersBefore = m_bulkAnswers.size();
     // Frames move the queue of another pipe only by adding answers, so one more round over the IN pipes is
     // enough.
-    while (!waiting_[endpoint].empty() && runFirst(waiting_[endpoint], now)) {
+    while (!m_waiting[endpoint].empty() && runFirst(m_waiting[endpoint], now)) {
     }
-    if (bulkAnswers_.size() <= answersBefore)
+    if (m_bulkAnswers.size() <= answersBefore) {
         return;
-    for (auto& [other, queue] : waiting_) {
+    }
+    for (auto& [other, queue] : m_waiting) {
         while (other != endpoint && !queue.empty() && runFirst(queue, now)) {
         }
     }
@@ -77,49 +83,56 @@ void ReaderModel::run(std::uint8_t endpoint, Time now) {
 bool ReaderModel::runFirst(std::deque<Waiting>& queue, Time now) {
     Waiting& first = queue.front();
     const PipeFaults faults = faultsFor(first.transfer);
-    if (faults.mute)
+    if (faults.mute) {
         return false;
+    }
     if (!faults.stalled && !couldComplete(first.transfer)) {
         first.ready.reset(); // what it was to complete with is gone
         return false;
     }
-    if (!first.ready)
+    if (!first.ready) {
         first.ready = now + faults.delay;
-    if (now < *first.ready)
+    }
+    if (now < *first.ready) {
         return false;
+    }
     // Out of the queue before it is performed: a request may end everything that waits.
     const Waiting taken = std::move(first);
     queue.pop_front();
     Completion completion =
         faults.stalled ? Completion{.outcome = Outcome::stalled} : perform(taken.transfer, faults, now);
     completion.id = taken.id;
-    completions_.push_back(std::move(completion));
+    m_completions.push_back(std::move(completion));
     return true;
 }
 
 PipeFaults ReaderModel::faultsFor(const Transfer& transfer) const {
     PipeFaults faults = pipeFaults(pipeOf(transfer.endpoint));
     if (transfer.endpoint == 0 && transfer.setup.request == 0) {
-        if (transfer.setup.requestType == 0x40)
+        if (transfer.setup.requestType == 0x40) {
             faults = faults.with(pipeFaults(Pipe::controlFrameOut));
-        else if (transfer.setup.requestType == 0xC0)
+        } else if (transfer.setup.requestType == 0xC0) {
             faults = faults.with(pipeFaults(Pipe::controlFrameIn));
+        }
     }
     return faults;
 }
 
 bool ReaderModel::couldComplete(const Transfer& transfer) const {
-    if (transfer.endpoint == 0)
-        return transfer.setup.requestType != 0xC0 || transfer.setup.request != 0 || !controlAnswers_.empty();
-    const auto endpoint = std::ranges::find(description_.endpoints, transfer.endpoint, &Endpoint::address);
-    if (endpoint == description_.endpoints.end() || endpoint->type != TransferType::bulk)
+    if (transfer.endpoint == 0) {
+        return transfer.setup.requestType != 0xC0 || transfer.setup.request != 0 || !m_controlAnswers.empty();
+    }
+    const auto endpoint = std::ranges::find(m_description.endpoints, transfer.endpoint, &Endpoint::address);
+    if (endpoint == m_description.endpoints.end() || endpoint->type != TransferType::bulk) {
         return false; // nothing ever comes from or goes to what is not a frame's way
-    return !endpoint->in() || !bulkAnswers_.empty();
+    }
+    return !endpoint->in() || !m_bulkAnswers.empty();
 }
 
 Completion ReaderModel::perform(const Transfer& transfer, const PipeFaults& faults, Time now) {
-    if (transfer.endpoint == 0)
+    if (transfer.endpoint == 0) {
         return control(transfer, faults, now);
+    }
     if ((transfer.endpoint & 0x80) == 0) {
         Bytes frame = transfer.data;
         frame.resize(std::min(frame.size(), faults.shortTo.value_or(frame.size())));
@@ -127,18 +140,19 @@ Completion ReaderModel::perform(const Transfer& transfer, const PipeFaults& faul
         takeFrame(transfer.endpoint, std::move(frame));
         return completion;
     }
-    WaitingAnswer& answer = bulkAnswers_.front();
-    if (faults.shortTo && answer.sent == 0)
+    WaitingAnswer& answer = m_bulkAnswers.front();
+    if (faults.shortTo && answer.sent == 0) {
         answer.data.resize(std::min(answer.data.size(), *faults.shortTo));
+    }
     return sendPackets(transfer);
 }
 
 // Packets go until the answer ends or the host has what it asked for. An answer's end ends the transfer, as
 // the zero-length packet does where it is needed. A packet that does not fit is lost, as on the wire.
 Completion ReaderModel::sendPackets(const Transfer& transfer) {
-    WaitingAnswer& answer = bulkAnswers_.front();
-    const auto endpoint = std::ranges::find(description_.endpoints, transfer.endpoint, &Endpoint::address);
-    const std::size_t packet = packetSize(description_, *endpoint);
+    WaitingAnswer& answer = m_bulkAnswers.front();
+    const auto endpoint = std::ranges::find(m_description.endpoints, transfer.endpoint, &Endpoint::address);
+    const std::size_t packet = packetSize(m_description, *endpoint);
     const std::size_t left = answer.data.size() - answer.sent;
     Completion completion;
     std::size_t taken = std::min(left, transfer.capacity);
@@ -150,33 +164,38 @@ Completion ReaderModel::sendPackets(const Transfer& transfer) {
     completion.actual = std::min(taken, transfer.capacity);
     completion.data.assign(begin, begin + static_cast<std::ptrdiff_t>(completion.actual));
     answer.sent += taken;
-    if (answer.sent == answer.data.size())
-        bulkAnswers_.pop();
+    if (answer.sent == answer.data.size()) {
+        m_bulkAnswers.pop();
+    }
     return completion;
 }
 
 void ReaderModel::takeFrame(std::uint8_t endpoint, Bytes frame) {
     const bool byControl = endpoint == 0;
-    std::optional<Bytes> answer = description_.reply.answer(frame);
-    ++frameCount_;
-    lastFrame_ = {.endpoint = endpoint, .data = std::move(frame)};
+    std::optional<Bytes> answer = m_description.reply.answer(frame);
+    ++m_frameCount;
+    m_lastFrame = {.endpoint = endpoint, .data = std::move(frame)};
 
     // A reader that is mute stays silent for good: what it was asked meanwhile is not answered afterwards.
     bool mute = byControl ? pipeFaults(Pipe::control).with(pipeFaults(Pipe::controlFrameIn)).mute : false;
-    for (const Endpoint& way : description_.endpoints)
+    for (const Endpoint& way : m_description.endpoints) {
         mute |= !byControl && way.in() && pipeFaults(pipeOf(way.address)).mute;
-    if (answer && !mute)
-        (byControl ? controlAnswers_ : bulkAnswers_).push(std::move(*answer));
+    }
+    if (answer && !mute) {
+        (byControl ? m_controlAnswers : m_bulkAnswers).push(std::move(*answer));
+    }
 }
 
 // ------------------------------------------------------------------------------------------- life on the bus
 
 void ReaderModel::endAll(Outcome outcome, bool controlToo) {
-    for (auto& [endpoint, queue] : waiting_) {
-        if (endpoint == 0 && !controlToo)
+    for (auto& [endpoint, queue] : m_waiting) {
+        if (endpoint == 0 && !controlToo) {
             continue;
-        for (const Waiting& waiting : queue)
-            completions_.push_back({.id = waiting.id, .outcome = outcome});
+        }
+        for (const Waiting& waiting : queue) {
+            m_completions.push_back({.id = waiting.id, .outcome = outcome});
+        }
         queue.clear();
     }
 }
@@ -184,8 +203,8 @@ void ReaderModel::endAll(Outcome outcome, bool controlToo) {
 void ReaderModel::power(Time now) {
     endAll(Outcome::gone, true);
     reset(now);
-    configuration_ =
-        description_.configurations.empty() ? std::uint8_t{0} : description_.configurations.front();
+    m_configuration =
+        m_description.configurations.empty() ? std::uint8_t{0} : m_description.configurations.front();
 }
 
 void ReaderModel::unplug() {
@@ -195,33 +214,38 @@ void ReaderModel::unplug() {
 void ReaderModel::reset(Time now) {
     endAll(Outcome::gone, false);
     forgetAnswers();
-    for (const Endpoint& endpoint : description_.endpoints)
+    for (const Endpoint& endpoint : m_description.endpoints) {
         clearHalt(endpoint.address, now);
+    }
 }
 
 bool ReaderModel::configure(std::uint8_t value, Time now) {
-    const auto& values = description_.configurations;
-    if (requestFaults_.refusesConfiguration)
+    const auto& values = m_description.configurations;
+    if (m_requestFaults.refusesConfiguration) {
         return false;
-    if (value != 0 && std::ranges::find(values, value) == values.end())
+    }
+    if (value != 0 && std::ranges::find(values, value) == values.end()) {
         return false;
+    }
     endAll(Outcome::gone, false);
-    configuration_ = value;
-    for (const Endpoint& endpoint : description_.endpoints)
+    m_configuration = value;
+    for (const Endpoint& endpoint : m_description.endpoints) {
         clearHalt(endpoint.address, now);
+    }
     return true;
 }
 
 bool ReaderModel::hasEndpoint(std::uint8_t address) const {
-    return address == 0 || (configuration_ != 0 && description_.interfaces != 0 &&
-                            std::ranges::find(description_.endpoints, address, &Endpoint::address) !=
-                                description_.endpoints.end());
+    return address == 0 || (m_configuration != 0 && m_description.interfaces != 0 &&
+                            std::ranges::find(m_description.endpoints, address, &Endpoint::address) !=
+                                m_description.endpoints.end());
 }
 
 void ReaderModel::clearHalt(std::uint8_t endpoint, Time now) {
-    const auto faults = pipeFaults_.find(pipeOf(endpoint));
-    if (endpoint == 0 || faults == pipeFaults_.end() || faults->second.stuck)
+    const auto faults = m_pipeFaults.find(pipeOf(endpoint));
+    if (endpoint == 0 || faults == m_pipeFaults.end() || faults->second.stuck) {
         return;
+    }
     faults->second.stalled = false;
     run(endpoint, now);
 }
@@ -229,48 +253,53 @@ void ReaderModel::clearHalt(std::uint8_t endpoint, Time now) {
 // -------------------------------------------------------------------------------------------- what tests turn
 
 void ReaderModel::setString(std::uint8_t index, std::optional<std::string> text) {
-    if (text)
-        description_.strings[index] = std::move(*text);
-    else
-        description_.strings.erase(index);
+    if (text) {
+        m_description.strings[index] = std::move(*text);
+    } else {
+        m_description.strings.erase(index);
+    }
 }
 
 void ReaderModel::forgetAnswers() {
-    bulkAnswers_.clear();
-    controlAnswers_.clear();
+    m_bulkAnswers.clear();
+    m_controlAnswers.clear();
 }
 
 std::vector<Pipe> ReaderModel::pipesNamed(std::string_view name) const {
-    if (name == "control")
+    if (name == "control") {
         return {Pipe::control};
+    }
     std::vector<Pipe> pipes;
     const bool all = name == "all";
     if (all || name == "in" || name == "out") {
-        for (const Endpoint& endpoint : description_.endpoints) {
-            if (all || endpoint.in() == (name == "in"))
+        for (const Endpoint& endpoint : m_description.endpoints) {
+            if (all || endpoint.in() == (name == "in")) {
                 pipes.push_back(pipeOf(endpoint.address));
+            }
         }
-        if (all)
+        if (all) {
             pipes.push_back(Pipe::control);
-        else
+        } else {
             pipes.push_back(name == "in" ? Pipe::controlFrameIn : Pipe::controlFrameOut);
+        }
         return pipes;
     }
     const auto address =
         static_cast<std::uint8_t>(number("pipe (in, out, control, all or an endpoint)", name, 1, 0x8F));
-    if (std::ranges::find(description_.endpoints, address, &Endpoint::address) ==
-        description_.endpoints.end())
+    if (std::ranges::find(m_description.endpoints, address, &Endpoint::address) ==
+        m_description.endpoints.end()) {
         throw TextError("the reader has no endpoint " + std::string(name));
+    }
     return {pipeOf(address)};
 }
 
 PipeFaults ReaderModel::pipeFaults(Pipe pipe) const {
-    const auto found = pipeFaults_.find(pipe);
-    return found == pipeFaults_.end() ? PipeFaults{} : found->second;
+    const auto found = m_pipeFaults.find(pipe);
+    return found == m_pipeFaults.end() ? PipeFaults{} : found->second;
 }
 
 void ReaderModel::setPipeFaults(Pipe pipe, const PipeFaults& faults, Time now) {
-    pipeFaults_[pipe] = faults;
+    m_pipeFaults[pipe] = faults;
     advance(now);
 }
 

@@ -4,9 +4,7 @@
 // The model knows no transport, no clock and no thread: a transport submits transfers with the present time,
 // fetches completions after every call, and calls advance() no later than nextDeadline(). One thread at a
 // time; the owner guards it.
-
-#ifndef GVUSB_EMULATOR_READER_MODEL_H
-#define GVUSB_EMULATOR_READER_MODEL_H
+#pragma once
 
 #include "model/answer_queue.h"
 #include "model/description.h"
@@ -47,18 +45,18 @@ public:
 
     // False if the reader refuses it. 0 leaves it unconfigured.
     bool configure(std::uint8_t value, Time now);
-    std::uint8_t configuration() const { return configuration_; }
+    std::uint8_t configuration() const { return m_configuration; }
     bool hasEndpoint(std::uint8_t address) const;
     void clearHalt(std::uint8_t endpoint, Time now);
 
     // -------------------------------------------------------------------------------------- what tests turn
-    const ReaderDescription& description() const { return description_; }
+    const ReaderDescription& description() const { return m_description; }
     void setString(std::uint8_t index, std::optional<std::string> text);
-    void setDescriptors(Bytes descriptors) { description_.descriptors = std::move(descriptors); }
-    void setReply(ReplyRule rule) { description_.reply = std::move(rule); }
-    void setKernelDriver(std::string name) { description_.kernelDriver = std::move(name); }
+    void setDescriptors(Bytes descriptors) { m_description.descriptors = std::move(descriptors); }
+    void setReply(ReplyRule rule) { m_description.reply = std::move(rule); }
+    void setKernelDriver(std::string name) { m_description.kernelDriver = std::move(name); }
     void forgetAnswers();
-    RequestFaults& requestFaults() { return requestFaults_; }
+    RequestFaults& requestFaults() { return m_requestFaults; }
 
     // The pipes that a name stands for: "in", "out" (frames, by whichever way), "control", "all" or an
     // endpoint such as "0x81". Throws TextError.
@@ -70,8 +68,8 @@ public:
         std::uint8_t endpoint = 0;
         Bytes data;
     };
-    std::uint64_t frameCount() const { return frameCount_; }
-    const SeenFrame& lastFrame() const { return lastFrame_; }
+    std::uint64_t frameCount() const { return m_frameCount; }
+    const SeenFrame& lastFrame() const { return m_lastFrame; }
 
 private:
     struct Waiting {
@@ -92,19 +90,17 @@ private:
     void takeFrame(std::uint8_t endpoint, Bytes frame);
     void endAll(Outcome outcome, bool controlToo);
 
-    ReaderDescription description_;
-    std::uint8_t configuration_ = 0;
-    std::map<Pipe, PipeFaults> pipeFaults_;
-    RequestFaults requestFaults_;
-    std::map<std::uint8_t, std::deque<Waiting>> waiting_; // by endpoint; each completes in order
-    std::deque<Completion> completions_;
-    AnswerQueue bulkAnswers_;
-    AnswerQueue controlAnswers_;
-    std::uint64_t frameCount_ = 0;
-    SeenFrame lastFrame_;
-    TransferId lastId_ = 0;
+    ReaderDescription m_description;
+    std::uint8_t m_configuration = 0;
+    std::map<Pipe, PipeFaults> m_pipeFaults;
+    RequestFaults m_requestFaults;
+    std::map<std::uint8_t, std::deque<Waiting>> m_waiting; // by endpoint; each completes in order
+    std::deque<Completion> m_completions;
+    AnswerQueue m_bulkAnswers;
+    AnswerQueue m_controlAnswers;
+    std::uint64_t m_frameCount = 0;
+    SeenFrame m_lastFrame;
+    TransferId m_lastId = 0;
 };
 
 } // namespace emulator
-
-#endif

@@ -16,19 +16,20 @@ ReplyRule ReplyRule::parse(std::string_view text) {
     const std::string_view value =
         colon == std::string_view::npos ? std::string_view{} : text.substr(colon + 1);
     if (kind == "echo" && value.empty()) {
-        rule.kind_ = Kind::echo;
+        rule.m_kind = Kind::echo;
     } else if (kind == "reverse" && value.empty()) {
-        rule.kind_ = Kind::reverse;
+        rule.m_kind = Kind::reverse;
     } else if (kind == "none" && value.empty()) {
-        rule.kind_ = Kind::none;
+        rule.m_kind = Kind::none;
     } else if (kind == "fixed" && colon != std::string_view::npos) {
-        rule.kind_ = Kind::fixed;
-        rule.bytes_ = hexBytes("fixed reply", value);
+        rule.m_kind = Kind::fixed;
+        rule.m_bytes = hexBytes("fixed reply", value);
     } else if (kind == "pattern") {
-        rule.kind_ = Kind::pattern;
-        rule.bytes_.resize(static_cast<std::size_t>(number("pattern length", value, 0, longestPattern)));
-        for (std::size_t i = 0; i < rule.bytes_.size(); ++i)
-            rule.bytes_[i] = static_cast<std::uint8_t>(i);
+        rule.m_kind = Kind::pattern;
+        rule.m_bytes.resize(static_cast<std::size_t>(number("pattern length", value, 0, longestPattern)));
+        for (std::size_t i = 0; i < rule.m_bytes.size(); ++i) {
+            rule.m_bytes[i] = static_cast<std::uint8_t>(i);
+        }
     } else {
         throw TextError("reply is '" + std::string(text) +
                         "'; it takes echo, reverse, none, fixed:HEX or pattern:COUNT");
@@ -37,7 +38,7 @@ ReplyRule ReplyRule::parse(std::string_view text) {
 }
 
 std::optional<Bytes> ReplyRule::answer(const Bytes& frame) const {
-    switch (kind_) {
+    switch (m_kind) {
     case Kind::echo:
         return frame;
     case Kind::reverse:
@@ -48,11 +49,11 @@ std::optional<Bytes> ReplyRule::answer(const Bytes& frame) const {
     case Kind::pattern:
         break;
     }
-    return bytes_;
+    return m_bytes;
 }
 
 std::string ReplyRule::text() const {
-    switch (kind_) {
+    switch (m_kind) {
     case Kind::echo:
         return "echo";
     case Kind::reverse:
@@ -60,11 +61,11 @@ std::string ReplyRule::text() const {
     case Kind::none:
         return "none";
     case Kind::fixed:
-        return "fixed:" + hexText(bytes_);
+        return "fixed:" + hexText(m_bytes);
     case Kind::pattern:
         break;
     }
-    return "pattern:" + std::to_string(bytes_.size());
+    return "pattern:" + std::to_string(m_bytes.size());
 }
 
 } // namespace emulator

@@ -1,9 +1,7 @@
 // What a reader answers to a frame: always the same answer to the same frame.
 //
 // Plain values; any thread may use them.
-
-#ifndef GVUSB_EMULATOR_REPLY_RULE_H
-#define GVUSB_EMULATOR_REPLY_RULE_H
+#pragma once
 
 #include "text.h"
 
@@ -29,10 +27,8 @@ public:
 
 private:
     enum class Kind { echo, reverse, none, fixed, pattern };
-    Kind kind_ = Kind::echo;
-    Bytes bytes_;
+    Kind m_kind = Kind::echo;
+    Bytes m_bytes;
 };
 
 } // namespace emulator
-
-#endif

@@ -45,16 +45,19 @@ Completion ReaderModel::control(const Transfer& transfer, const PipeFaults& faul
     const ControlSetup& setup = transfer.setup;
     constexpr std::uint8_t kindMask = 0x60;
     constexpr std::uint8_t vendorKind = 0x40;
-    if ((setup.requestType & kindMask) == 0)
+    if ((setup.requestType & kindMask) == 0) {
         return standardRequest(transfer, now);
+    }
     if ((setup.requestType & ~0x80) != vendorKind || setup.request != frameRequest || setup.value != 0 ||
-        setup.index != 0)
+        setup.index != 0) {
         return stall();
+    }
     if (setup.in()) {
-        if (controlAnswers_.empty())
+        if (m_controlAnswers.empty()) {
             return stall();
-        Bytes answer = std::move(controlAnswers_.front().data);
-        controlAnswers_.pop();
+        }
+        Bytes answer = std::move(m_controlAnswers.front().data);
+        m_controlAnswers.pop();
         answer.resize(std::min(answer.size(), faults.shortTo.value_or(answer.size())));
         return send(std::move(answer), transfer);
     }
@@ -77,24 +80,30 @@ Completion ReaderModel::standardRequest(const Transfer& transfer, Time now) {
             std::optional<Bytes> bytes = descriptor(addressed, low);
             return bytes ? send(std::move(*bytes), transfer) : stall();
         }
-        if (setup.request == getConfiguration && recipient == toDevice)
-            return send({configuration_}, transfer);
-        if (setup.request == getInterface && recipient == toInterface && configuration_ != 0)
+        if (setup.request == getConfiguration && recipient == toDevice) {
+            return send({m_configuration}, transfer);
+        }
+        if (setup.request == getInterface && recipient == toInterface && m_configuration != 0) {
             return send({0}, transfer);
-        if (setup.request == getStatus && recipient != toEndpoint)
+        }
+        if (setup.request == getStatus && recipient != toEndpoint) {
             return send({0, 0}, transfer);
-        if (setup.request == getStatus && halt)
+        }
+        if (setup.request == getStatus && halt) {
             return send({static_cast<std::uint8_t>(pipeFaults(pipeOf(endpoint)).stalled), 0}, transfer);
+        }
         return stall();
     }
-    if (setup.request == setConfiguration && recipient == toDevice)
+    if (setup.request == setConfiguration && recipient == toDevice) {
         return configure(low, now) ? accept() : stall();
+    }
     if (setup.request == setInterface && recipient == toInterface && setup.value == 0 &&
-        configuration_ != 0) {
+        m_configuration != 0) {
         // Its endpoints are as new, also where the setting is the one it has.
-        if (setup.index == description_.firstInterface) {
-            for (const Endpoint& each : description_.endpoints)
+        if (setup.index == m_description.firstInterface) {
+            for (const Endpoint& each : m_description.endpoints) {
                 clearHalt(each.address, now);
+            }
         }
         return accept();
     }
@@ -103,25 +112,30 @@ Completion ReaderModel::standardRequest(const Transfer& transfer, Time now) {
         return accept();
     }
     if (setup.request == setFeature && halt && endpoint != 0) {
-        pipeFaults_[pipeOf(endpoint)].stalled = true;
+        m_pipeFaults[pipeOf(endpoint)].stalled = true;
         return accept();
     }
     return stall();
 }
 
 std::optional<Bytes> ReaderModel::descriptor(std::uint8_t type, std::uint8_t index) const {
-    if (description_.descriptors && (type == deviceType || type == configurationType))
-        return givenDescriptor(*description_.descriptors, type, index);
-    if (type == deviceType && index == 0)
-        return deviceDescriptor(description_);
-    if (type == configurationType && index < description_.configurations.size())
-        return configurationDescriptor(description_, index);
-    if (type != stringType || requestFaults_.unreadableStrings.contains(index))
+    if (m_description.descriptors && (type == deviceType || type == configurationType)) {
+        return givenDescriptor(*m_description.descriptors, type, index);
+    }
+    if (type == deviceType && index == 0) {
+        return deviceDescriptor(m_description);
+    }
+    if (type == configurationType && index < m_description.configurations.size()) {
+        return configurationDescriptor(m_description, index);
+    }
+    if (type != stringType || m_requestFaults.unreadableStrings.contains(index)) {
         return std::nullopt;
-    if (index == 0)
-        return description_.strings.empty() ? std::optional<Bytes>{} : languageDescriptor();
-    const auto found = description_.strings.find(index);
-    return found == description_.strings.end() ? std::optional<Bytes>{} : stringDescriptor(found->second);
+    }
+    if (index == 0) {
+        return m_description.strings.empty() ? std::optional<Bytes>{} : languageDescriptor();
+    }
+    const auto found = m_description.strings.find(index);
+    return found == m_description.strings.end() ? std::optional<Bytes>{} : stringDescriptor(found->second);
 }
 
 } // namespace emulator

@@ -1,9 +1,7 @@
 // One transfer to or from a reader, in USB's own terms, and how it ended.
 //
 // Plain values; any thread may use them.
-
-#ifndef GVUSB_EMULATOR_TRANSFER_H
-#define GVUSB_EMULATOR_TRANSFER_H
+#pragma once
 
 #include "text.h"
 
@@ -69,5 +67,3 @@ struct Completion {
 };
 
 } // namespace emulator
-
-#endif

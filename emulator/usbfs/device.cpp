@@ -6,220 +6,253 @@
 namespace emulator {
 
 UsbfsDevice::UsbfsDevice(ReaderModel& model, HostFaults& faults, HostCounts& counts, Time now)
-    : model_(&model)
-    , faults_(faults)
-    , counts_(counts)
-    , speed_(model.description().speed)
-    , driver_(model.description().kernelDriver) {
+    : m_model(&model)
+    , m_faults(faults)
+    , m_counts(counts)
+    , m_speed(model.description().speed)
+    , m_driver(model.description().kernelDriver) {
     model.power(now);
     while (model.takeCompletion()) {
     }
 }
 
 OpenId UsbfsDevice::open() {
-    ++counts_.opens;
-    openings_.try_emplace(++lastId_);
-    return lastId_;
+    ++m_counts.opens;
+    m_openings.try_emplace(++m_lastId);
+    return m_lastId;
 }
 
 void UsbfsDevice::close(OpenId id, Time now) {
-    if (openings_.erase(id) == 0)
+    if (m_openings.erase(id) == 0) {
         return;
-    ++counts_.closes;
+    }
+    ++m_counts.closes;
     std::deque<Flying> own;
-    std::ranges::copy_if(flying_, std::front_inserter(own),
+    std::ranges::copy_if(m_flying, std::front_inserter(own),
                          [&](const Flying& urb) { return urb.opening == id; });
-    std::erase_if(flying_, [&](const Flying& urb) { return urb.opening == id; });
-    if (model_ == nullptr)
+    std::erase_if(m_flying, [&](const Flying& urb) { return urb.opening == id; });
+    if (m_model == nullptr) {
         return;
+    }
     // The last first: taken back from the front, each would let the next be carried out.
-    for (const Flying& urb : own)
-        model_->cancel(urb.transfer, now);
+    for (const Flying& urb : own) {
+        m_model->cancel(urb.transfer, now);
+    }
     collect();
 }
 
 bool UsbfsDevice::hasInterface(unsigned interfaceNumber) const {
-    const ReaderDescription& reader = model_->description();
-    return model_->configuration() != 0 && interfaceNumber >= reader.firstInterface &&
+    const ReaderDescription& reader = m_model->description();
+    return m_model->configuration() != 0 && interfaceNumber >= reader.firstInterface &&
            interfaceNumber < unsigned{reader.firstInterface} + reader.interfaces;
 }
 
 bool UsbfsDevice::claimedByAnother(OpenId id, unsigned interfaceNumber) const {
-    return std::ranges::any_of(openings_, [&](const auto& entry) {
+    return std::ranges::any_of(m_openings, [&](const auto& entry) {
         return entry.first != id && entry.second.claimed.contains(interfaceNumber);
     });
 }
 
 int UsbfsDevice::claim(OpenId id, unsigned interfaceNumber) {
-    if (model_ == nullptr)
+    if (m_model == nullptr) {
         return -ENODEV;
-    ++counts_.claims;
-    if (!hasInterface(interfaceNumber))
+    }
+    ++m_counts.claims;
+    if (!hasInterface(interfaceNumber)) {
         return -ENOENT;
-    if (openings_.at(id).claimed.contains(interfaceNumber))
+    }
+    if (m_openings.at(id).claimed.contains(interfaceNumber)) {
         return 0;
-    if (faults_.busy || !driver(interfaceNumber).empty())
+    }
+    if (m_faults.busy || !driver(interfaceNumber).empty()) {
         return -EBUSY;
-    openings_.at(id).claimed.insert(interfaceNumber);
+    }
+    m_openings.at(id).claimed.insert(interfaceNumber);
     return 0;
 }
 
 int UsbfsDevice::release(OpenId id, unsigned interfaceNumber) {
-    if (model_ == nullptr)
+    if (m_model == nullptr) {
         return -ENODEV;
-    ++counts_.releases;
-    return openings_.at(id).claimed.erase(interfaceNumber) != 0 ? 0 : -EINVAL;
+    }
+    ++m_counts.releases;
+    return m_openings.at(id).claimed.erase(interfaceNumber) != 0 ? 0 : -EINVAL;
 }
 
 int UsbfsDevice::setConfiguration(OpenId, int value, Time now) {
-    if (model_ == nullptr)
+    if (m_model == nullptr) {
         return -ENODEV;
-    ++counts_.setConfigurations;
+    }
+    ++m_counts.setConfigurations;
     const bool claimed =
-        std::ranges::any_of(openings_, [](const auto& entry) { return !entry.second.claimed.empty(); });
-    if (claimed || !driver_.empty())
+        std::ranges::any_of(m_openings, [](const auto& entry) { return !entry.second.claimed.empty(); });
+    if (claimed || !m_driver.empty()) {
         return -EBUSY;
-    const auto& values = model_->description().configurations;
+    }
+    const auto& values = m_model->description().configurations;
     const int wanted = std::max(value, 0); // -1 is the kernel's "unconfigured"
-    if (wanted != 0 && std::ranges::find(values, wanted) == values.end())
+    if (wanted != 0 && std::ranges::find(values, wanted) == values.end()) {
         return -EINVAL;
-    const bool accepted = model_->configure(static_cast<std::uint8_t>(wanted), now);
+    }
+    const bool accepted = m_model->configure(static_cast<std::uint8_t>(wanted), now);
     collect();
     return accepted ? 0 : -EPIPE;
 }
 
 int UsbfsDevice::clearHalt(OpenId, std::uint8_t endpoint, Time now) {
-    if (model_ == nullptr)
+    if (m_model == nullptr) {
         return -ENODEV;
-    ++counts_.clearHalts;
-    if (endpoint == 0 || !model_->hasEndpoint(endpoint))
+    }
+    ++m_counts.clearHalts;
+    if (endpoint == 0 || !m_model->hasEndpoint(endpoint)) {
         return -ENOENT;
-    model_->clearHalt(endpoint, now);
+    }
+    m_model->clearHalt(endpoint, now);
     collect();
     return 0;
 }
 
 int UsbfsDevice::reset(OpenId, Time now) {
-    if (model_ == nullptr)
+    if (m_model == nullptr) {
         return -ENODEV;
-    ++counts_.resets;
-    if (faults_.failReset)
+    }
+    ++m_counts.resets;
+    if (m_faults.failReset) {
         return -EIO;
-    model_->reset(now);
+    }
+    m_model->reset(now);
     collect();
     return 0;
 }
 
 std::string UsbfsDevice::driver(unsigned interfaceNumber) const {
-    if (claimedByAnother(0, interfaceNumber))
+    if (claimedByAnother(0, interfaceNumber)) {
         return "usbfs";
-    return model_ != nullptr && interfaceNumber == model_->description().firstInterface ? driver_
-                                                                                        : std::string{};
+    }
+    return m_model != nullptr && interfaceNumber == m_model->description().firstInterface ? m_driver
+                                                                                          : std::string{};
 }
 
 void UsbfsDevice::bindDriver(std::string name) {
-    driver_ = std::move(name);
+    m_driver = std::move(name);
 }
 
 int UsbfsDevice::detachDriver(unsigned interfaceNumber) {
-    if (model_ == nullptr)
+    if (m_model == nullptr) {
         return -ENODEV;
-    ++counts_.driverDetaches;
-    if (!hasInterface(interfaceNumber))
+    }
+    ++m_counts.driverDetaches;
+    if (!hasInterface(interfaceNumber)) {
         return -EINVAL;
-    if (driver(interfaceNumber).empty())
+    }
+    if (driver(interfaceNumber).empty()) {
         return -ENODATA;
+    }
     if (claimedByAnother(0, interfaceNumber)) {
-        for (auto& [id, opening] : openings_)
+        for (auto& [id, opening] : m_openings) {
             opening.claimed.erase(interfaceNumber);
+        }
     } else {
-        driver_.clear();
+        m_driver.clear();
     }
     return 0;
 }
 
 int UsbfsDevice::attachDriver(unsigned interfaceNumber) {
-    if (model_ == nullptr)
+    if (m_model == nullptr) {
         return -ENODEV;
-    if (!hasInterface(interfaceNumber))
+    }
+    if (!hasInterface(interfaceNumber)) {
         return -EINVAL;
-    if (!driver(interfaceNumber).empty())
+    }
+    if (!driver(interfaceNumber).empty()) {
         return -EBUSY;
-    driver_ = model_->description().kernelDriver;
+    }
+    m_driver = m_model->description().kernelDriver;
     return 1;
 }
 
 int UsbfsDevice::submit(OpenId id, UrbAddress urb, Transfer transfer, Time now) {
-    if (model_ == nullptr)
+    if (m_model == nullptr) {
         return -ENODEV;
-    if (!model_->hasEndpoint(transfer.endpoint))
+    }
+    if (!m_model->hasEndpoint(transfer.endpoint)) {
         return -ENOENT;
+    }
     if (transfer.endpoint != 0) {
         // A program that did not claim the interface gets it claimed by its first transfer.
-        const unsigned interfaceNumber = model_->description().firstInterface;
-        if (!openings_.at(id).claimed.contains(interfaceNumber)) {
-            if (faults_.busy || !driver(interfaceNumber).empty())
+        const unsigned interfaceNumber = m_model->description().firstInterface;
+        if (!m_openings.at(id).claimed.contains(interfaceNumber)) {
+            if (m_faults.busy || !driver(interfaceNumber).empty()) {
                 return -EBUSY;
-            openings_.at(id).claimed.insert(interfaceNumber);
+            }
+            m_openings.at(id).claimed.insert(interfaceNumber);
         }
     }
-    ++counts_.transfers;
+    ++m_counts.transfers;
     // Listed before the model may complete it, so that its completion finds it.
-    const TransferId transferId = model_->submit(std::move(transfer), now);
-    flying_.push_back({.opening = id, .urb = urb, .transfer = transferId});
+    const TransferId transferId = m_model->submit(std::move(transfer), now);
+    m_flying.push_back({.opening = id, .urb = urb, .transfer = transferId});
     collect();
     return 0;
 }
 
 int UsbfsDevice::discard(OpenId id, UrbAddress urb, Time now) {
-    if (model_ == nullptr)
+    if (m_model == nullptr) {
         return -ENODEV;
+    }
     const auto found = std::ranges::find_if(
-        flying_, [&](const Flying& entry) { return entry.opening == id && entry.urb == urb; });
-    if (found == flying_.end() || !model_->cancel(found->transfer, now))
+        m_flying, [&](const Flying& entry) { return entry.opening == id && entry.urb == urb; });
+    if (found == m_flying.end() || !m_model->cancel(found->transfer, now)) {
         return -EINVAL;
-    ++counts_.cancels;
+    }
+    ++m_counts.cancels;
     collect();
     return 0;
 }
 
 void UsbfsDevice::collect() {
-    if (model_ == nullptr)
+    if (m_model == nullptr) {
         return;
-    while (std::optional<Completion> completion = model_->takeCompletion()) {
-        const auto found = std::ranges::find(flying_, completion->id, &Flying::transfer);
-        if (found == flying_.end())
+    }
+    while (std::optional<Completion> completion = m_model->takeCompletion()) {
+        const auto found = std::ranges::find(m_flying, completion->id, &Flying::transfer);
+        if (found == m_flying.end()) {
             continue;
-        const auto opening = openings_.find(found->opening);
-        if (opening != openings_.end())
+        }
+        const auto opening = m_openings.find(found->opening);
+        if (opening != m_openings.end()) {
             opening->second.completed.push_back({.urb = found->urb,
                                                  .status = urbStatus(completion->outcome, -ENOENT),
                                                  .data = std::move(completion->data),
                                                  .actual = completion->actual});
-        flying_.erase(found);
+        }
+        m_flying.erase(found);
     }
 }
 
 std::optional<ReapedUrb> UsbfsDevice::reap(OpenId id) {
-    auto& completed = openings_.at(id).completed;
-    if (completed.empty())
+    auto& completed = m_openings.at(id).completed;
+    if (completed.empty()) {
         return std::nullopt;
+    }
     ReapedUrb urb = std::move(completed.front());
     completed.pop_front();
     return urb;
 }
 
 bool UsbfsDevice::anythingToReap() const {
-    return std::ranges::any_of(openings_, [](const auto& entry) { return !entry.second.completed.empty(); });
+    return std::ranges::any_of(m_openings, [](const auto& entry) { return !entry.second.completed.empty(); });
 }
 
 void UsbfsDevice::unplug() {
-    if (model_ == nullptr)
+    if (m_model == nullptr) {
         return;
-    model_->unplug();
+    }
+    m_model->unplug();
     collect();
-    model_ = nullptr;
-    driver_.clear();
+    m_model = nullptr;
+    m_driver.clear();
 }
 
 } // namespace emulator

@@ -2,9 +2,7 @@
 // terms of usbfs (errno values, URB status). It is what Linux's USB core does between a process and a device.
 //
 // One thread at a time; the bus guards it. It outlives the unplugging for those who still have it open.
-
-#ifndef GVUSB_EMULATOR_USBFS_DEVICE_H
-#define GVUSB_EMULATOR_USBFS_DEVICE_H
+#pragma once
 
 #include "model/host_counts.h"
 #include "model/model.h"
@@ -64,14 +62,14 @@ public:
     void collect();
 
     // Whether some transfer completes by the clock, so that somebody must call advance() on the model.
-    bool timed() const { return model_ != nullptr && model_->nextDeadline().has_value(); }
+    bool timed() const { return m_model != nullptr && m_model->nextDeadline().has_value(); }
 
-    bool connected() const { return model_ != nullptr; }
+    bool connected() const { return m_model != nullptr; }
     void unplug();
     std::uint8_t configuration() const {
-        return model_ != nullptr ? model_->configuration() : std::uint8_t{0};
+        return m_model != nullptr ? m_model->configuration() : std::uint8_t{0};
     }
-    Speed speed() const { return speed_; }
+    Speed speed() const { return m_speed; }
 
 private:
     struct Opening {
@@ -87,16 +85,14 @@ private:
     bool hasInterface(unsigned interfaceNumber) const;
     bool claimedByAnother(OpenId id, unsigned interfaceNumber) const;
 
-    ReaderModel* model_; // none once unplugged
-    HostFaults& faults_;
-    HostCounts& counts_;
-    Speed speed_;
-    std::string driver_;
-    OpenId lastId_ = 0;
-    std::map<OpenId, Opening> openings_;
-    std::deque<Flying> flying_;
+    ReaderModel* m_model; // none once unplugged
+    HostFaults& m_faults;
+    HostCounts& m_counts;
+    Speed m_speed;
+    std::string m_driver;
+    OpenId m_lastId = 0;
+    std::map<OpenId, Opening> m_openings;
+    std::deque<Flying> m_flying;
 };
 
 } // namespace emulator
-
-#endif

@@ -15,8 +15,9 @@ using NodePointer = std::shared_ptr<SharedNode>;
 constexpr const char* openingKey = "gvusb-opening";
 
 UsbfsOpening& openingOf(UMockdevIoctlClient* client, const NodePointer& node) {
-    if (void* known = g_object_get_data(G_OBJECT(client), openingKey))
+    if (void* known = g_object_get_data(G_OBJECT(client), openingKey)) {
         return *static_cast<UsbfsOpening*>(known);
+    }
     // umockdev 0.17 does not tell when a program closes the node, but it drops the connection's object then.
     auto opening = std::make_unique<UsbfsOpening>(node);
     UsbfsOpening& reference = *opening;
@@ -51,41 +52,41 @@ void throwError(GError* error) {
 
 DeviceNode::DeviceNode(UMockdevTestbed* testbed, std::string path, std::shared_ptr<UsbfsDevice> device,
                        std::mutex& mutex, NodeHooks hooks)
-    : testbed_(testbed)
-    , path_(std::move(path)) {
-    gchar* root = umockdev_testbed_get_root_dir(testbed_);
-    file_ = root + path_;
+    : m_testbed(testbed)
+    , m_path(std::move(path)) {
+    gchar* root = umockdev_testbed_get_root_dir(m_testbed);
+    m_file = root + m_path;
     g_free(root);
-    std::filesystem::create_directories(std::filesystem::path(file_).parent_path());
-    shared_ = std::make_shared<SharedNode>(file_, std::move(device), mutex, std::move(hooks));
-    handler_ = umockdev_ioctl_base_new();
-    g_signal_connect_data(handler_, "client-connected", G_CALLBACK(onConnected), new NodePointer(shared_),
+    std::filesystem::create_directories(std::filesystem::path(m_file).parent_path());
+    m_shared = std::make_shared<SharedNode>(m_file, std::move(device), mutex, std::move(hooks));
+    m_handler = umockdev_ioctl_base_new();
+    g_signal_connect_data(m_handler, "client-connected", G_CALLBACK(onConnected), new NodePointer(m_shared),
                           dropNode, GConnectFlags{});
-    g_signal_connect_data(handler_, "handle-ioctl", G_CALLBACK(onIoctl), new NodePointer(shared_), dropNode,
+    g_signal_connect_data(m_handler, "handle-ioctl", G_CALLBACK(onIoctl), new NodePointer(m_shared), dropNode,
                           GConnectFlags{});
     GError* error = nullptr;
-    umockdev_testbed_attach_ioctl(testbed_, path_.c_str(), handler_, &error);
+    umockdev_testbed_attach_ioctl(m_testbed, m_path.c_str(), m_handler, &error);
     if (error != nullptr) {
-        g_object_unref(handler_);
-        ::unlink(file_.c_str());
+        g_object_unref(m_handler);
+        ::unlink(m_file.c_str());
         throwError(error);
     }
 }
 
 void DeviceNode::retire() {
-    ::unlink(file_.c_str());
+    ::unlink(m_file.c_str());
 }
 
 DeviceNode::~DeviceNode() {
     GError* error = nullptr;
-    umockdev_testbed_detach_ioctl(testbed_, path_.c_str(), &error);
+    umockdev_testbed_detach_ioctl(m_testbed, m_path.c_str(), &error);
     g_clear_error(&error);
-    g_object_unref(handler_);
-    ::unlink(file_.c_str());
+    g_object_unref(m_handler);
+    ::unlink(m_file.c_str());
 }
 
 void DeviceNode::refresh() {
-    shared_->refresh();
+    m_shared->refresh();
 }
 
 } // namespace emulator

@@ -2,9 +2,7 @@
 //
 // umockdev calls the ioctl handler in a thread of its own; the handler takes the bus mutex for every touch of
 // the reader. The node itself is made, refreshed and destroyed by the bus's thread.
-
-#ifndef GVUSB_EMULATOR_DEVICE_NODE_H
-#define GVUSB_EMULATOR_DEVICE_NODE_H
+#pragma once
 
 #include "usbfs/opening.h"
 
@@ -31,19 +29,17 @@ public:
 
     // Nobody can open the node any more; who is about to, or has it open, keeps being answered.
     void retire();
-    const std::string& path() const { return path_; }
+    const std::string& path() const { return m_path; }
 
     // Wakes programs that have something to reap. The mutex is held.
     void refresh();
 
 private:
-    UMockdevTestbed* testbed_;
-    std::string path_;
-    std::string file_;
-    UMockdevIoctlBase* handler_ = nullptr;
-    std::shared_ptr<SharedNode> shared_;
+    UMockdevTestbed* m_testbed;
+    std::string m_path;
+    std::string m_file;
+    UMockdevIoctlBase* m_handler = nullptr;
+    std::shared_ptr<SharedNode> m_shared;
 };
 
 } // namespace emulator
-
-#endif

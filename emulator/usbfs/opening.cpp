@@ -32,10 +32,11 @@ Transfer transferOf(const usbdevfs_urb& urb, const ProgramMemory& buffer) {
                           .value = static_cast<std::uint16_t>(bytes[2] | bytes[3] << 8),
                           .index = static_cast<std::uint16_t>(bytes[4] | bytes[5] << 8),
                           .length = static_cast<std::uint16_t>(bytes[6] | bytes[7] << 8)};
-        if (transfer.setup.in())
+        if (transfer.setup.in()) {
             transfer.capacity = std::min<std::size_t>(transfer.setup.length, length - setupSize);
-        else
+        } else {
             transfer.data.assign(bytes + setupSize, bytes + length);
+        }
     } else if ((urb.endpoint & 0x80) != 0) {
         transfer.capacity = length;
     } else if (length != 0) {
@@ -47,48 +48,54 @@ Transfer transferOf(const usbdevfs_urb& urb, const ProgramMemory& buffer) {
 } // namespace
 
 UsbfsOpening::UsbfsOpening(std::shared_ptr<SharedNode> node)
-    : node_(std::move(node)) {
-    const std::lock_guard lock(node_->mutex);
-    id_ = node_->device->open();
+    : m_node(std::move(node)) {
+    const std::lock_guard lock(m_node->mutex);
+    m_id = m_node->device->open();
 }
 
 void UsbfsOpening::close() {
-    const std::lock_guard lock(node_->mutex);
-    if (closed_)
+    const std::lock_guard lock(m_node->mutex);
+    if (m_closed) {
         return;
-    closed_ = true;
-    node_->device->close(id_, std::chrono::steady_clock::now());
-    node_->refresh();
+    }
+    m_closed = true;
+    m_node->device->close(m_id, std::chrono::steady_clock::now());
+    m_node->refresh();
 }
 
 int UsbfsOpening::submit(UMockdevIoctlData* argument) {
     UrbMemory memory;
     memory.urb = ProgramMemory::at(argument, 0, sizeof(usbdevfs_urb));
-    if (!memory.urb)
+    if (!memory.urb) {
         return -EFAULT;
+    }
     const auto urb = memory.urb.as<usbdevfs_urb>();
     memory.control = urb.type == USBDEVFS_URB_TYPE_CONTROL;
     if (urb.type == USBDEVFS_URB_TYPE_ISO || urb.buffer_length < 0 ||
-        (memory.control && urb.buffer_length < static_cast<int>(setupSize)))
+        (memory.control && urb.buffer_length < static_cast<int>(setupSize))) {
         return -EINVAL;
+    }
     if (urb.buffer_length > 0) {
         memory.buffer = ProgramMemory::at(memory.urb.get(), offsetof(usbdevfs_urb, buffer),
                                           static_cast<std::size_t>(urb.buffer_length));
-        if (!memory.buffer)
+        if (!memory.buffer) {
             return -EFAULT;
+        }
     }
     const UrbAddress address = memory.urb.get()->client_addr;
     Transfer transfer = transferOf(urb, memory.buffer);
     bool timed = false;
     const int result = onDevice([&](UsbfsDevice& device, Time now) {
-        const int submitted = device.submit(id_, address, std::move(transfer), now);
+        const int submitted = device.submit(m_id, address, std::move(transfer), now);
         timed = device.timed();
         return submitted;
     });
-    if (result == 0)
-        urbs_.insert_or_assign(address, std::move(memory));
-    if (timed)
-        node_->hooks.deadlineChanged();
+    if (result == 0) {
+        m_urbs.insert_or_assign(address, std::move(memory));
+    }
+    if (timed) {
+        m_node->hooks.deadlineChanged();
+    }
     return result;
 }
 
@@ -96,34 +103,39 @@ int UsbfsOpening::reap(UMockdevIoctlData* argument) {
     std::optional<ReapedUrb> reaped;
     bool connected = false;
     onDevice([&](UsbfsDevice& device, Time) {
-        reaped = device.reap(id_);
+        reaped = device.reap(m_id);
         connected = device.connected();
         return 0;
     });
-    if (!reaped)
+    if (!reaped) {
         return connected ? -EAGAIN : -ENODEV;
-    const auto entry = urbs_.find(reaped->urb);
-    if (entry == urbs_.end())
+    }
+    const auto entry = m_urbs.find(reaped->urb);
+    if (entry == m_urbs.end()) {
         return -EIO;
+    }
     const UrbMemory memory = std::move(entry->second);
-    urbs_.erase(entry);
+    m_urbs.erase(entry);
     const ProgramMemory where = ProgramMemory::at(argument, 0, sizeof(void*));
-    if (!where)
+    if (!where) {
         return -EFAULT;
+    }
     const int actual = static_cast<int>(reaped->actual);
     memory.urb.put(offsetof(usbdevfs_urb, status), &reaped->status, sizeof reaped->status);
     memory.urb.put(offsetof(usbdevfs_urb, actual_length), &actual, sizeof actual);
-    if (!reaped->data.empty())
+    if (!reaped->data.empty()) {
         memory.buffer.put(memory.control ? setupSize : 0, reaped->data.data(), reaped->data.size());
+    }
     umockdev_ioctl_data_set_ptr(where.get(), 0, memory.urb.get());
     return 0;
 }
 
 int UsbfsOpening::setConfiguration(int value) {
     const int result =
-        onDevice([&](UsbfsDevice& device, Time now) { return device.setConfiguration(id_, value, now); });
-    if (result == 0)
-        node_->hooks.configured(static_cast<std::uint8_t>(std::max(value, 0)));
+        onDevice([&](UsbfsDevice& device, Time now) { return device.setConfiguration(m_id, value, now); });
+    if (result == 0) {
+        m_node->hooks.configured(static_cast<std::uint8_t>(std::max(value, 0)));
+    }
     return result;
 }
 
@@ -134,10 +146,12 @@ int UsbfsOpening::getDriver(const ProgramMemory& memory) {
         name = device.driver(request.interface);
         return device.connected();
     });
-    if (!connected)
+    if (!connected) {
         return -ENODEV;
-    if (name.empty())
+    }
+    if (name.empty()) {
         return -ENODATA;
+    }
     name.copy(request.driver, sizeof request.driver - 1);
     request.driver[std::min(name.size(), sizeof request.driver - 1)] = '\0';
     memory.put(0, &request, sizeof request);
@@ -150,10 +164,12 @@ int UsbfsOpening::driverIoctl(const ProgramMemory& memory) {
     const auto interfaceNumber = static_cast<unsigned>(request.ifno);
     const auto code = static_cast<unsigned>(request.ioctl_code);
     return onDevice([&](UsbfsDevice& device, Time) {
-        if (code == USBDEVFS_DISCONNECT)
+        if (code == USBDEVFS_DISCONNECT) {
             return device.detachDriver(interfaceNumber);
-        if (code == USBDEVFS_CONNECT)
+        }
+        if (code == USBDEVFS_CONNECT) {
             return device.attachDriver(interfaceNumber);
+        }
         return -ENOTTY;
     });
 }
@@ -164,32 +180,37 @@ int UsbfsOpening::detachAndClaim(const ProgramMemory& memory) {
         const std::string bound = device.driver(request.interface);
         const bool named = bound == request.driver;
         if (((request.flags & USBDEVFS_DISCONNECT_CLAIM_IF_DRIVER) != 0 && !bound.empty() && !named) ||
-            ((request.flags & USBDEVFS_DISCONNECT_CLAIM_EXCEPT_DRIVER) != 0 && named))
+            ((request.flags & USBDEVFS_DISCONNECT_CLAIM_EXCEPT_DRIVER) != 0 && named)) {
             return -EBUSY;
-        if (!bound.empty())
+        }
+        if (!bound.empty()) {
             device.detachDriver(request.interface);
-        return device.claim(id_, request.interface);
+        }
+        return device.claim(m_id, request.interface);
     });
 }
 
 int UsbfsOpening::getCapabilities(const ProgramMemory& memory) {
-    if (!onDevice([](UsbfsDevice& device, Time) { return device.connected(); }))
+    if (!onDevice([](UsbfsDevice& device, Time) { return device.connected(); })) {
         return -ENODEV;
+    }
     memory.put(0, &capabilities, sizeof capabilities);
     return 0;
 }
 
 int UsbfsOpening::getSpeed() {
     return onDevice([](UsbfsDevice& device, Time) {
-        if (!device.connected())
+        if (!device.connected()) {
             return -ENODEV;
+        }
         return static_cast<int>(device.speed()) + 1; // the kernel counts from 1: low, full, high
     });
 }
 
 int UsbfsOpening::answer(unsigned long request, UMockdevIoctlData* argument) {
-    if (closed_)
+    if (m_closed) {
         return -ENODEV;
+    }
     // By value: the requests that take no pointer, or a pointer that is only compared.
     UrbAddress value = 0;
     std::memcpy(&value, argument->data, sizeof value);
@@ -199,9 +220,9 @@ int UsbfsOpening::answer(unsigned long request, UMockdevIoctlData* argument) {
     case USBDEVFS_REAPURBNDELAY:
         return reap(argument);
     case USBDEVFS_DISCARDURB:
-        return onDevice([&](UsbfsDevice& device, Time now) { return device.discard(id_, value, now); });
+        return onDevice([&](UsbfsDevice& device, Time now) { return device.discard(m_id, value, now); });
     case USBDEVFS_RESET:
-        return onDevice([&](UsbfsDevice& device, Time now) { return device.reset(id_, now); });
+        return onDevice([&](UsbfsDevice& device, Time now) { return device.reset(m_id, now); });
     case USBDEVFS_GET_SPEED:
         return getSpeed();
     case closingRequest:
@@ -211,20 +232,21 @@ int UsbfsOpening::answer(unsigned long request, UMockdevIoctlData* argument) {
         break;
     }
     const ProgramMemory memory = ProgramMemory::at(argument, 0, _IOC_SIZE(request));
-    if (!memory)
+    if (!memory) {
         return -EFAULT;
+    }
     const auto word = memory.as<unsigned>();
     switch (request) {
     case USBDEVFS_CLAIMINTERFACE:
-        return onDevice([&](UsbfsDevice& device, Time) { return device.claim(id_, word); });
+        return onDevice([&](UsbfsDevice& device, Time) { return device.claim(m_id, word); });
     case USBDEVFS_RELEASEINTERFACE:
-        return onDevice([&](UsbfsDevice& device, Time) { return device.release(id_, word); });
+        return onDevice([&](UsbfsDevice& device, Time) { return device.release(m_id, word); });
     case USBDEVFS_SETCONFIGURATION:
         return setConfiguration(static_cast<int>(word));
     case USBDEVFS_CLEAR_HALT:
     case USBDEVFS_RESETEP:
         return onDevice([&](UsbfsDevice& device, Time now) {
-            return device.clearHalt(id_, static_cast<std::uint8_t>(word), now);
+            return device.clearHalt(m_id, static_cast<std::uint8_t>(word), now);
         });
     case USBDEVFS_GETDRIVER:
         return getDriver(memory);

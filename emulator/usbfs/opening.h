@@ -2,9 +2,7 @@
 // answers.
 //
 // Lives in umockdev's handler thread; takes the bus mutex for every touch of the reader.
-
-#ifndef GVUSB_EMULATOR_USBFS_OPENING_H
-#define GVUSB_EMULATOR_USBFS_OPENING_H
+#pragma once
 
 #include "usbfs/device.h"
 #include "usbfs/program_memory.h"
@@ -31,12 +29,12 @@ struct NodeHooks {
 // What the openings of one node share. It lives as long as the last of them, which may be longer than the
 // node.
 struct SharedNode {
-    SharedNode(const std::string& file, std::shared_ptr<UsbfsDevice> device_, std::mutex& mutex_,
-               NodeHooks hooks_)
+    SharedNode(const std::string& file, std::shared_ptr<UsbfsDevice> openedDevice, std::mutex& busMutex,
+               NodeHooks nodeHooks)
         : fifo(file)
-        , device(std::move(device_))
-        , mutex(mutex_)
-        , hooks(std::move(hooks_)) {}
+        , device(std::move(openedDevice))
+        , mutex(busMutex)
+        , hooks(std::move(nodeHooks)) {}
 
     // Shows at the node whether there is something to reap. The mutex is held.
     void refresh() { fifo.setReady(device->anythingToReap()); }
@@ -78,18 +76,16 @@ private:
     // Runs one action on the reader under the mutex and shows at the node what came of it.
     template <typename Action>
     auto onDevice(Action action) {
-        const std::lock_guard lock(node_->mutex);
-        auto result = action(*node_->device, std::chrono::steady_clock::now());
-        node_->refresh();
+        const std::lock_guard lock(m_node->mutex);
+        auto result = action(*m_node->device, std::chrono::steady_clock::now());
+        m_node->refresh();
         return result;
     }
 
-    std::shared_ptr<SharedNode> node_;
-    OpenId id_ = 0;
-    bool closed_ = false;
-    std::map<UrbAddress, UrbMemory> urbs_;
+    std::shared_ptr<SharedNode> m_node;
+    OpenId m_id = 0;
+    bool m_closed = false;
+    std::map<UrbAddress, UrbMemory> m_urbs;
 };
 
 } // namespace emulator
-
-#endif

@@ -85,8 +85,9 @@ static struct {
 
 static void find(const char* name, void* function, size_t size) {
     void* found = dlsym(RTLD_NEXT, name);
-    if (found == NULL)
+    if (found == NULL) {
         abort();
+    }
     memcpy(function, &found, size); // C knows no conversion from an object's address to a function's
 }
 
@@ -120,8 +121,9 @@ static void note(int descriptor, enum kind kind) {
 
 // Takes the note off a descriptor that is about to be closed; `other` if the note is not this process's.
 static enum kind take_note(int descriptor) {
-    if (descriptor < 0 || descriptor >= most_descriptors || descriptors[descriptor].kind == other)
+    if (descriptor < 0 || descriptor >= most_descriptors || descriptors[descriptor].kind == other) {
         return other;
+    }
     enum kind kind = descriptors[descriptor].owner == getpid() ? descriptors[descriptor].kind : other;
     descriptors[descriptor].kind = other;
     return kind;
@@ -134,8 +136,9 @@ static bool is_device(int descriptor) {
 
 static int open_devices(void) {
     int count = 0;
-    for (int i = 0; i < most_descriptors; ++i)
+    for (int i = 0; i < most_descriptors; ++i) {
         count += is_device(i);
+    }
     return count;
 }
 
@@ -145,15 +148,18 @@ static bool begins_with(const char* text, const char* beginning) {
 
 // The errno with which opening something below /dev is refused at present; 0: it is not.
 static int refusal(const char* path) {
-    if (open_devices() >= most_open_devices)
+    if (open_devices() >= most_open_devices) {
         return EMFILE;
+    }
     const char* folder = getenv("GVUSB_EMULATE_FOLDER");
-    if (folder == NULL || !begins_with(path, node_folder))
+    if (folder == NULL || !begins_with(path, node_folder)) {
         return 0;
+    }
     char link[PATH_MAX];
     char* end = link + snprintf(link, sizeof link, "%s/refused/%s", folder, path + strlen(node_folder));
-    if (end >= link + sizeof link)
+    if (end >= link + sizeof link) {
         return 0;
+    }
     char* slash = strrchr(link, '/');
     *slash = '.';
     char text[16] = "";
@@ -162,8 +168,9 @@ static int refusal(const char* path) {
 }
 
 static const char* redirected(const char* path) {
-    if (strcmp(path, configuration_file) != 0)
+    if (strcmp(path, configuration_file) != 0) {
         return path;
+    }
     const char* replacement = getenv("GVUSB_EMULATE_CONFIG");
     return replacement != NULL ? replacement : path;
 }
@@ -180,8 +187,9 @@ static void after_open(const char* path, int opened) {
 }
 
 static int open_by(open_function* function, const char* path, int flags, mode_t mode) {
-    if (!begins_with(path, device_folder))
+    if (!begins_with(path, device_folder)) {
         return function(redirected(path), flags, mode);
+    }
     take_lock();
     int opened = -1;
     const int error = refusal(path);
@@ -196,8 +204,9 @@ static int open_by(open_function* function, const char* path, int flags, mode_t 
 }
 
 static int checked_open_by(checked_open_function* function, const char* path, int flags) {
-    if (!begins_with(path, device_folder))
+    if (!begins_with(path, device_folder)) {
         return function(redirected(path), flags);
+    }
     take_lock();
     int opened = -1;
     const int error = refusal(path);
@@ -212,8 +221,9 @@ static int checked_open_by(checked_open_function* function, const char* path, in
 }
 
 static FILE* fopen_by(fopen_function* function, const char* path, const char* mode) {
-    if (!begins_with(path, device_folder))
+    if (!begins_with(path, device_folder)) {
         return function(redirected(path), mode);
+    }
     take_lock();
     FILE* opened = NULL;
     const int error = refusal(path);
@@ -294,16 +304,18 @@ EXPORT FILE* fopen64(const char* path, const char* mode) {
 
 static void event_socket_name(char* name, size_t size, int descriptor, bool with_process) {
     const char* root = getenv("UMOCKDEV_DIR");
-    if (with_process)
+    if (with_process) {
         snprintf(name, size, "%s/event%d.%d", root != NULL ? root : "", descriptor, (int)getpid());
-    else
+    } else {
         snprintf(name, size, "%s/event%d", root != NULL ? root : "", descriptor);
+    }
 }
 
 EXPORT int bind(int descriptor, __CONST_SOCKADDR_ARG address, socklen_t length) {
     prepare();
-    if (address.__sockaddr__ == NULL || address.__sockaddr__->sa_family != AF_NETLINK)
+    if (address.__sockaddr__ == NULL || address.__sockaddr__->sa_family != AF_NETLINK) {
         return next.bind(descriptor, address, length);
+    }
     take_lock();
     const int result = next.bind(descriptor, address, length);
     const int error = errno;
@@ -311,8 +323,9 @@ EXPORT int bind(int descriptor, __CONST_SOCKADDR_ARG address, socklen_t length) 
     char by_process[PATH_MAX];
     event_socket_name(by_descriptor, sizeof by_descriptor, descriptor, false);
     event_socket_name(by_process, sizeof by_process, descriptor, true);
-    if (result == 0 && rename(by_descriptor, by_process) == 0)
+    if (result == 0 && rename(by_descriptor, by_process) == 0) {
         note(descriptor, event_socket);
+    }
     leave_lock();
     errno = error;
     return result;
@@ -345,10 +358,12 @@ EXPORT int fclose(FILE* file) {
     const int descriptor = fileno(file);
     const bool of_device = is_device(descriptor);
     before_close(descriptor);
-    if (!of_device)
+    if (!of_device) {
         leave_lock(); // what is written out may take long
+    }
     const int result = next.fclose(file);
-    if (of_device)
+    if (of_device) {
         leave_lock();
+    }
     return result;
 }

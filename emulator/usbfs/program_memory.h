@@ -2,9 +2,7 @@
 // ioctl that it belongs to is answered.
 //
 // Used in umockdev's handler thread only.
-
-#ifndef GVUSB_EMULATOR_PROGRAM_MEMORY_H
-#define GVUSB_EMULATOR_PROGRAM_MEMORY_H
+#pragma once
 
 #include <algorithm>
 #include <cstddef>
@@ -21,16 +19,17 @@ class ProgramMemory {
 public:
     ProgramMemory() = default;
     explicit ProgramMemory(UMockdevIoctlData* data)
-        : data_(data) {}
+        : m_data(data) {}
     ProgramMemory(ProgramMemory&& other) noexcept
-        : data_(std::exchange(other.data_, nullptr)) {}
+        : m_data(std::exchange(other.m_data, nullptr)) {}
     ProgramMemory& operator=(ProgramMemory&& other) noexcept {
-        std::swap(data_, other.data_);
+        std::swap(m_data, other.m_data);
         return *this;
     }
     ~ProgramMemory() {
-        if (data_ != nullptr)
-            g_object_unref(data_);
+        if (m_data != nullptr) {
+            g_object_unref(m_data);
+        }
     }
 
     // `length` bytes that the pointer at `offset` leads to; empty where the program's pointer leads nowhere.
@@ -41,27 +40,25 @@ public:
         return ProgramMemory(data);
     }
 
-    explicit operator bool() const { return data_ != nullptr; }
-    UMockdevIoctlData* get() const { return data_; }
-    std::uint8_t* bytes() const { return data_->data; }
-    std::size_t size() const { return static_cast<std::size_t>(data_->data_len); }
+    explicit operator bool() const { return m_data != nullptr; }
+    UMockdevIoctlData* get() const { return m_data; }
+    std::uint8_t* bytes() const { return m_data->data; }
+    std::size_t size() const { return static_cast<std::size_t>(m_data->data_len); }
 
     template <typename Record>
     Record as() const {
         Record record;
         std::memset(&record, 0, sizeof record);
-        std::memcpy(&record, data_->data, std::min(sizeof record, size()));
+        std::memcpy(&record, m_data->data, std::min(sizeof record, size()));
         return record;
     }
     void put(std::size_t offset, const void* bytes, std::size_t length) const {
-        umockdev_ioctl_data_update(data_, offset, static_cast<guint8*>(const_cast<void*>(bytes)),
+        umockdev_ioctl_data_update(m_data, offset, static_cast<guint8*>(const_cast<void*>(bytes)),
                                    static_cast<gint>(length));
     }
 
 private:
-    UMockdevIoctlData* data_ = nullptr;
+    UMockdevIoctlData* m_data = nullptr;
 };
 
 } // namespace emulator
-
-#endif

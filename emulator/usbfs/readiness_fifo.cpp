@@ -18,31 +18,34 @@ constexpr std::size_t pipeSize = 4096;
 } // namespace
 
 ReadinessFifo::ReadinessFifo(const std::string& file) {
-    if (::mkfifo(file.c_str(), 0600) != 0)
+    if (::mkfifo(file.c_str(), 0600) != 0) {
         throw std::system_error(errno, std::generic_category(), file);
-    descriptor_ = ::open(file.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    if (descriptor_ < 0)
+    }
+    m_descriptor = ::open(file.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (m_descriptor < 0) {
         throw std::system_error(errno, std::generic_category(), file);
-    if (::fcntl(descriptor_, F_SETPIPE_SZ, static_cast<int>(pipeSize)) < 0) {
+    }
+    if (::fcntl(m_descriptor, F_SETPIPE_SZ, static_cast<int>(pipeSize)) < 0) {
         const int error = errno;
-        ::close(descriptor_);
+        ::close(m_descriptor);
         throw std::system_error(error, std::generic_category(), file);
     }
     setReady(false);
 }
 
 ReadinessFifo::~ReadinessFifo() {
-    ::close(descriptor_);
+    ::close(m_descriptor);
 }
 
 void ReadinessFifo::setReady(bool ready) {
-    if (ready == ready_)
+    if (ready == m_ready) {
         return;
-    ready_ = ready;
+    }
+    m_ready = ready;
     std::array<char, pipeSize> bytes{};
     // Neither can fail or fall short: the pipe is empty before the one and full before the other.
-    [[maybe_unused]] const ssize_t moved = ready ? ::read(descriptor_, bytes.data(), bytes.size())
-                                                 : ::write(descriptor_, bytes.data(), bytes.size());
+    [[maybe_unused]] const ssize_t moved = ready ? ::read(m_descriptor, bytes.data(), bytes.size())
+                                                 : ::write(m_descriptor, bytes.data(), bytes.size());
 }
 
 } // namespace emulator

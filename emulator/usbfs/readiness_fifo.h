@@ -3,9 +3,7 @@
 // writable and keep libusb's event thread spinning.
 //
 // One thread at a time; the owner guards it.
-
-#ifndef GVUSB_EMULATOR_READINESS_FIFO_H
-#define GVUSB_EMULATOR_READINESS_FIFO_H
+#pragma once
 
 #include <string>
 
@@ -22,10 +20,8 @@ public:
     void setReady(bool ready);
 
 private:
-    int descriptor_;
-    bool ready_ = true;
+    int m_descriptor;
+    bool m_ready = true;
 };
 
 } // namespace emulator
-
-#endif

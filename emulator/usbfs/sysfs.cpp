@@ -58,8 +58,9 @@ void writeAttributes(const std::string& folder, const ShownDevice& device) {
 std::vector<gchar*> pairs(std::vector<std::string>& texts) {
     std::vector<gchar*> pointers;
     pointers.reserve(texts.size() + 1);
-    for (std::string& text : texts)
+    for (std::string& text : texts) {
         pointers.push_back(text.data());
+    }
     pointers.push_back(nullptr);
     return pointers;
 }

@@ -1,9 +1,7 @@
 // A device as the system shows it to programs: its files in sysfs and the event that tells of it.
 //
 // One thread, the launcher's, calls these.
-
-#ifndef GVUSB_EMULATOR_SHOWN_DEVICE_H
-#define GVUSB_EMULATOR_SHOWN_DEVICE_H
+#pragma once
 
 #include "model/description.h"
 
@@ -39,5 +37,3 @@ std::string show(UMockdevTestbed* testbed, const std::string& root, const std::s
                  const ShownDevice& device);
 
 } // namespace emulator
-
-#endif

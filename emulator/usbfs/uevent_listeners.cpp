@@ -20,12 +20,14 @@ using Clock = std::chrono::steady_clock;
 bool waitForRoom(const std::string& path, Clock::time_point deadline) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path)
+    if (path.size() >= sizeof address.sun_path) {
         return true;
+    }
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     const int descriptor = ::socket(AF_UNIX, SOCK_RAW | SOCK_CLOEXEC, 0);
-    if (descriptor < 0)
+    if (descriptor < 0) {
         return true;
+    }
     bool room = true;
     if (::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
         pollfd writable = {.fd = descriptor, .events = POLLOUT, .revents = 0};
@@ -47,8 +49,9 @@ bool waitForRoomAtListeners(const std::filesystem::path& testbed, std::chrono::m
     const Clock::time_point deadline = Clock::now() + patience;
     for (const auto& entry : std::filesystem::directory_iterator(testbed)) {
         if (entry.path().filename().string().starts_with("event") &&
-            !waitForRoom(entry.path().string(), deadline))
+            !waitForRoom(entry.path().string(), deadline)) {
             return false;
+        }
     }
     return true;
 }

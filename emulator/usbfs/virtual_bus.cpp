@@ -30,12 +30,13 @@ Time now() {
 } // namespace
 
 VirtualBus::VirtualBus(std::filesystem::path folder)
-    : folder_(std::move(folder))
-    , wakeUp_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (wakeUp_ < 0)
+    : m_folder(std::move(folder))
+    , m_wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (m_wakeUp < 0) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
-    std::filesystem::create_directory(folder_ / "refused");
-    testbed_ = umockdev_testbed_new();
+    }
+    std::filesystem::create_directory(m_folder / "refused");
+    m_testbed = umockdev_testbed_new();
     // libusb looks for the bus's folder when it starts, also while it is empty.
     std::filesystem::create_directories(root() + "/dev/bus/usb");
     std::filesystem::create_directories(root() + "/sys/bus/usb/devices");
@@ -43,40 +44,44 @@ VirtualBus::VirtualBus(std::filesystem::path folder)
 }
 
 VirtualBus::~VirtualBus() {
-    for (const auto& reader : readers_)
+    for (const auto& reader : m_readers) {
         reader->node.reset();
-    retired_.clear();
-    g_object_unref(testbed_);
-    ::close(wakeUp_);
+    }
+    m_retired.clear();
+    g_object_unref(m_testbed);
+    ::close(m_wakeUp);
 }
 
 std::string VirtualBus::root() const {
-    gchar* root = umockdev_testbed_get_root_dir(testbed_);
+    gchar* root = umockdev_testbed_get_root_dir(m_testbed);
     std::string text = root;
     g_free(root);
     return text;
 }
 
 Reader& VirtualBus::readerNumber(std::size_t number) const {
-    if (number < 1 || number > readers_.size())
+    if (number < 1 || number > m_readers.size()) {
         throw TextError("there is no reader " + std::to_string(number));
-    return *readers_[number - 1];
+    }
+    return *m_readers[number - 1];
 }
 
 std::size_t VirtualBus::add(ReaderDescription description) {
-    readers_.push_back(std::make_unique<Reader>(std::move(description)));
-    return readers_.size();
+    m_readers.push_back(std::make_unique<Reader>(std::move(description)));
+    return m_readers.size();
 }
 
 void VirtualBus::ensureRootHub(std::uint8_t bus) {
-    if (lastAddress_.try_emplace(bus, rootHubAddress).second)
-        showRootHub(testbed_, root(), bus);
+    if (m_lastAddress.try_emplace(bus, rootHubAddress).second) {
+        showRootHub(m_testbed, root(), bus);
+    }
 }
 
 // Before anything is changed, so that what is refused has not half happened.
 void VirtualBus::awaitListeners() const {
-    if (!waitForRoomAtListeners(root(), patience))
+    if (!waitForRoomAtListeners(root(), patience)) {
         throw TextError("a program on the bus takes no events");
+    }
 }
 
 bool VirtualBus::plugged(std::size_t number) const {
@@ -88,35 +93,38 @@ bool VirtualBus::plugged(std::size_t number) const {
 std::uint8_t VirtualBus::freeAddress(const ReaderDescription& description) {
     constexpr std::uint8_t highestAddress = 127;
     const auto taken = [&](std::uint8_t address) {
-        return address == rootHubAddress || std::ranges::any_of(readers_, [&](const auto& reader) {
+        return address == rootHubAddress || std::ranges::any_of(m_readers, [&](const auto& reader) {
                    return reader->node != nullptr && reader->model.description().bus == description.bus &&
                           reader->address == address;
                });
     };
     if (description.address) {
-        if (taken(*description.address))
+        if (taken(*description.address)) {
             throw TextError("address " + std::to_string(*description.address) + " is taken");
+        }
         return *description.address;
     }
-    std::uint8_t& last = lastAddress_[description.bus];
+    std::uint8_t& last = m_lastAddress[description.bus];
     for (std::uint8_t tried = 0; tried < highestAddress; ++tried) {
         last = last == highestAddress ? std::uint8_t{1} : static_cast<std::uint8_t>(last + 1);
-        if (!taken(last))
+        if (!taken(last)) {
             return last;
+        }
     }
     throw TextError("bus " + std::to_string(description.bus) + " is full");
 }
 
 void VirtualBus::plug(std::size_t number) {
     Reader& reader = readerNumber(number);
-    if (reader.node)
+    if (reader.node) {
         throw TextError("reader " + std::to_string(number) + " is plugged");
+    }
     awaitListeners();
     const ReaderDescription& description = reader.model.description();
     ensureRootHub(description.bus);
     reader.address = freeAddress(description);
     {
-        const std::lock_guard lock(mutex_);
+        const std::lock_guard lock(m_mutex);
         reader.device = std::make_shared<UsbfsDevice>(reader.model, reader.faults, reader.counts, now());
     }
     writeRefusal(reader);
@@ -130,53 +138,55 @@ void VirtualBus::plug(std::size_t number) {
                                .speed = description.speed,
                                .configuration = reader.model.configuration(),
                                .descriptors = allDescriptors(description)};
-    std::erase_if(retired_, [&](const auto& entry) {
+    std::erase_if(m_retired, [&](const auto& entry) {
         return entry.second->path() == nodePath(shown) || now() - entry.first > retirement;
     });
     reader.node = std::make_unique<DeviceNode>(
-        testbed_, nodePath(shown), reader.device, mutex_,
+        m_testbed, nodePath(shown), reader.device, m_mutex,
         NodeHooks{.configured =
-                      [testbed = testbed_, path = "/sys/devices/" + name](std::uint8_t value) {
+                      [testbed = m_testbed, path = "/sys/devices/" + name](std::uint8_t value) {
                           umockdev_testbed_set_attribute_int(testbed, path.c_str(), "bConfigurationValue",
                                                              value);
                       },
                   .deadlineChanged =
                       [this] {
                           const std::uint64_t one = 1;
-                          [[maybe_unused]] const ssize_t written = ::write(wakeUp_, &one, sizeof one);
+                          [[maybe_unused]] const ssize_t written = ::write(m_wakeUp, &one, sizeof one);
                       }});
-    reader.sysfsPath = show(testbed_, root(), name, shown);
+    reader.sysfsPath = show(m_testbed, root(), name, shown);
 }
 
 void VirtualBus::unplug(std::size_t number) {
     Reader& reader = readerNumber(number);
-    if (!reader.node)
+    if (!reader.node) {
         throw TextError("reader " + std::to_string(number) + " is not plugged");
+    }
     awaitListeners();
     {
-        const std::lock_guard lock(mutex_);
+        const std::lock_guard lock(m_mutex);
         reader.device->unplug();
         reader.node->refresh();
     }
-    umockdev_testbed_uevent(testbed_, reader.sysfsPath.c_str(), "remove");
+    umockdev_testbed_uevent(m_testbed, reader.sysfsPath.c_str(), "remove");
     reader.node->retire();
-    retired_.emplace_back(now(), std::move(reader.node));
-    umockdev_testbed_remove_device(testbed_, reader.sysfsPath.c_str());
+    m_retired.emplace_back(now(), std::move(reader.node));
+    umockdev_testbed_remove_device(m_testbed, reader.sysfsPath.c_str());
     std::filesystem::remove_all(root() + reader.sysfsPath);
     std::filesystem::remove(refusalFile(reader));
     reader.device.reset();
 }
 
 void VirtualBus::deliver(Reader& reader) {
-    if (!reader.node)
+    if (!reader.node) {
         return;
+    }
     reader.device->collect();
     reader.node->refresh();
 }
 
 void VirtualBus::onModel(std::size_t number, const std::function<void(ReaderModel&)>& action) {
     Reader& reader = readerNumber(number);
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     action(reader.model);
     deliver(reader);
 }
@@ -188,7 +198,7 @@ std::string VirtualBus::place(std::size_t number) const {
 
 Bus::NamedCounts VirtualBus::counts(std::size_t number) {
     const Reader& reader = readerNumber(number);
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     const HostCounts& counted = reader.counts;
     return {{"opens", counted.opens},
             {"closes", counted.closes},
@@ -204,65 +214,69 @@ Bus::NamedCounts VirtualBus::counts(std::size_t number) {
 
 void VirtualBus::setBusy(std::size_t number, bool busy) {
     Reader& reader = readerNumber(number);
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     reader.faults.busy = busy;
 }
 
 void VirtualBus::bindDriver(std::size_t number, const std::string& name) {
     Reader& reader = readerNumber(number);
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     reader.model.setKernelDriver(name);
-    if (reader.device)
+    if (reader.device) {
         reader.device->bindDriver(name);
+    }
 }
 
 void VirtualBus::failReset(std::size_t number, bool fails) {
     Reader& reader = readerNumber(number);
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     reader.faults.failReset = fails;
 }
 
 void VirtualBus::refuseOpening(std::size_t number, int error) {
     Reader& reader = readerNumber(number);
     reader.faults.refuseOpen = error;
-    if (reader.node)
+    if (reader.node) {
         writeRefusal(reader);
+    }
 }
 
 std::filesystem::path VirtualBus::refusalFile(const Reader& reader) const {
-    return folder_ / "refused" / numbered("%03u.%03u", reader.model.description().bus, reader.address);
+    return m_folder / "refused" / numbered("%03u.%03u", reader.model.description().bus, reader.address);
 }
 
 // The refusal is a symbolic link because that is read in one step and by everybody, root or not.
 void VirtualBus::writeRefusal(const Reader& reader) const {
     const std::filesystem::path link = refusalFile(reader);
     std::filesystem::remove(link);
-    if (reader.faults.refuseOpen != 0)
+    if (reader.faults.refuseOpen != 0) {
         std::filesystem::create_symlink(std::to_string(reader.faults.refuseOpen), link);
+    }
 }
 
 std::optional<Time> VirtualBus::nextDeadline() {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     std::optional<Time> earliest;
-    for (const auto& reader : readers_) {
-        if (const std::optional<Time> deadline = reader->model.nextDeadline())
+    for (const auto& reader : m_readers) {
+        if (const std::optional<Time> deadline = reader->model.nextDeadline()) {
             earliest = std::min(earliest.value_or(*deadline), *deadline);
+        }
     }
     return earliest;
 }
 
 void VirtualBus::addPolled(std::vector<pollfd>& descriptors) {
-    descriptors.push_back({.fd = wakeUp_, .events = POLLIN, .revents = 0});
+    descriptors.push_back({.fd = m_wakeUp, .events = POLLIN, .revents = 0});
 }
 
 void VirtualBus::serve(const std::vector<pollfd>& polled, std::size_t first) {
     if (polled[first].revents != 0) {
         std::uint64_t count = 0;
-        [[maybe_unused]] const ssize_t read = ::read(wakeUp_, &count, sizeof count);
+        [[maybe_unused]] const ssize_t read = ::read(m_wakeUp, &count, sizeof count);
     }
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     const Time present = now();
-    for (const auto& reader : readers_) {
+    for (const auto& reader : m_readers) {
         reader->model.advance(present);
         deliver(*reader);
     }

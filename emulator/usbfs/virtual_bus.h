@@ -3,9 +3,7 @@
 //
 // One thread, the launcher's, calls the members. Programs' requests come in a thread of umockdev; the mutex
 // between the two is the bus's own matter.
-
-#ifndef GVUSB_EMULATOR_VIRTUAL_BUS_H
-#define GVUSB_EMULATOR_VIRTUAL_BUS_H
+#pragma once
 
 #include "control/bus.h"
 #include "usbfs/device.h"
@@ -50,7 +48,7 @@ public:
     std::string root() const;
 
     std::size_t add(ReaderDescription description) override;
-    std::size_t size() const override { return readers_.size(); }
+    std::size_t size() const override { return m_readers.size(); }
     bool plugged(std::size_t number) const override;
     void plug(std::size_t number) override;
     void unplug(std::size_t number) override;
@@ -78,16 +76,14 @@ private:
     std::filesystem::path refusalFile(const Reader& reader) const;
     void writeRefusal(const Reader& reader) const;
 
-    std::filesystem::path folder_;
-    UMockdevTestbed* testbed_ = nullptr;
-    int wakeUp_ = -1; // readable when the deadline may have become earlier
-    std::mutex mutex_;
-    std::vector<std::unique_ptr<Reader>> readers_;
-    std::map<std::uint8_t, std::uint8_t> lastAddress_; // by bus
+    std::filesystem::path m_folder;
+    UMockdevTestbed* m_testbed = nullptr;
+    int m_wakeUp = -1; // readable when the deadline may have become earlier
+    std::mutex m_mutex;
+    std::vector<std::unique_ptr<Reader>> m_readers;
+    std::map<std::uint8_t, std::uint8_t> m_lastAddress; // by bus
     std::vector<std::pair<Time, std::unique_ptr<DeviceNode>>>
-        retired_; // nodes of unplugged readers, and since when
+        m_retired; // nodes of unplugged readers, and since when
 };
 
 } // namespace emulator
-
-#endif

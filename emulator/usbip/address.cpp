@@ -33,14 +33,16 @@ SocketAddress parseSocketAddress(std::string_view text) {
         sockaddr_in version4{};
         version4.sin_family = AF_INET;
         version4.sin_port = port;
-        if (::inet_pton(AF_INET, host.c_str(), &version4.sin_addr) == 1)
+        if (::inet_pton(AF_INET, host.c_str(), &version4.sin_addr) == 1) {
             return stored(version4);
+        }
         sockaddr_in6 version6{};
         version6.sin6_family = AF_INET6;
         version6.sin6_port = port;
         if (host.size() > 2 && host.front() == '[' && host.back() == ']' &&
-            ::inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &version6.sin6_addr) == 1)
+            ::inet_pton(AF_INET6, host.substr(1, host.size() - 2).c_str(), &version6.sin6_addr) == 1) {
             return stored(version6);
+        }
     }
     throw TextError("'" + std::string(text) + "' is not ADDRESS:PORT, such as 127.0.0.1:3240 or [::1]:3240");
 }

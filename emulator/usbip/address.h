@@ -1,7 +1,6 @@
 // Where the USB/IP server listens: an address of this machine and a port, as people write them.
 //
 // Plain values; any thread may use them.
-
 #pragma once
 
 #include <string>

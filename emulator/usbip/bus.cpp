@@ -18,25 +18,27 @@ Time now() {
 } // namespace
 
 std::size_t UsbipBus::add(ReaderDescription description) {
-    if (!description.kernelDriver.empty())
+    if (!description.kernelDriver.empty()) {
         refuse();
+    }
     if (std::ranges::find(description.endpoints, TransferType::isochronous, &Endpoint::type) !=
-        description.endpoints.end())
+        description.endpoints.end()) {
         throw TextError("over USB/IP there are no isochronous endpoints");
-    return readers_.add(std::move(description));
+    }
+    return m_readers.add(std::move(description));
 }
 
 void UsbipBus::plug(std::size_t number) {
-    readers_.plug(number, now());
+    m_readers.plug(number, now());
 }
 
 void UsbipBus::unplug(std::size_t number) {
-    readers_.unplug(number);
-    server_.settle();
+    m_readers.unplug(number);
+    m_server.settle();
 }
 
 Bus::NamedCounts UsbipBus::counts(std::size_t number) {
-    const HostCounts& counted = readers_.at(number).counts;
+    const HostCounts& counted = m_readers.at(number).counts;
     return {{"opens", counted.opens},
             {"closes", counted.closes},
             {"clear-halts", counted.clearHalts},
@@ -63,23 +65,25 @@ void UsbipBus::failReset(std::size_t, bool) {
 }
 
 void UsbipBus::serve(const std::vector<pollfd>& polled, std::size_t first) {
-    readers_.advance(now());
-    server_.serve(polled, first);
+    m_readers.advance(now());
+    m_server.serve(polled, first);
 }
 
 std::optional<Time> UsbipBus::nextDeadline() {
-    std::optional<Time> earliest = server_.nextDeadline();
-    if (const std::optional<Time> due = readers_.nextDeadline())
+    std::optional<Time> earliest = m_server.nextDeadline();
+    if (const std::optional<Time> due = m_readers.nextDeadline()) {
         earliest = std::min(earliest.value_or(*due), *due);
+    }
     return earliest;
 }
 
 void UsbipBus::onModel(std::size_t number, const std::function<void(ReaderModel&)>& action) {
-    usbip::Reader& reader = readers_.at(number);
+    usbip::Reader& reader = m_readers.at(number);
     action(reader.model);
-    if (reader.importer != nullptr)
+    if (reader.importer != nullptr) {
         reader.importer->collect();
-    server_.settle();
+    }
+    m_server.settle();
 }
 
 } // namespace emulator

@@ -1,7 +1,6 @@
 // Readers that other machines, or this one, attach by USB/IP.
 //
 // The machine that attaches a reader is its host, so faults on the host's side cannot be made here.
-
 #pragma once
 
 #include "control/bus.h"
@@ -15,19 +14,19 @@ class UsbipBus final : public Bus {
 public:
     // Throws std::system_error.
     UsbipBus(const SocketAddress& address, usbip::Server::Report report)
-        : server_(readers_, address, std::move(report)) {}
+        : m_server(m_readers, address, std::move(report)) {}
 
     // Where it listens.
-    std::string address() const { return server_.address(); }
+    std::string address() const { return m_server.address(); }
 
     std::size_t add(ReaderDescription description) override;
-    std::size_t size() const override { return readers_.size(); }
-    bool plugged(std::size_t number) const override { return readers_.at(number).plugged; }
+    std::size_t size() const override { return m_readers.size(); }
+    bool plugged(std::size_t number) const override { return m_readers.at(number).plugged; }
     void plug(std::size_t number) override;
     void unplug(std::size_t number) override;
 
     // What clients call the bus ID.
-    std::string place(std::size_t number) const override { return readers_.at(number).busId; }
+    std::string place(std::size_t number) const override { return m_readers.at(number).busId; }
 
     // Importing a reader counts as opening it.
     NamedCounts counts(std::size_t number) override;
@@ -36,7 +35,7 @@ public:
     void refuseOpening(std::size_t number, int error) override;
     void failReset(std::size_t number, bool fails) override;
 
-    void addPolled(std::vector<pollfd>& descriptors) override { server_.addPolled(descriptors); }
+    void addPolled(std::vector<pollfd>& descriptors) override { m_server.addPolled(descriptors); }
     void serve(const std::vector<pollfd>& polled, std::size_t first) override;
     std::optional<Time> nextDeadline() override;
 
@@ -44,8 +43,8 @@ protected:
     void onModel(std::size_t number, const std::function<void(ReaderModel&)>& action) override;
 
 private:
-    usbip::Readers readers_;
-    usbip::Server server_;
+    usbip::Readers m_readers;
+    usbip::Server m_server;
 };
 
 } // namespace emulator

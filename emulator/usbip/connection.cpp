@@ -3,77 +3,84 @@
 namespace emulator::usbip {
 
 void Connection::receive(Input bytes, Time now) {
-    if (ended_)
+    if (m_ended) {
         return;
-    input_.insert(input_.end(), bytes.begin(), bytes.end());
+    }
+    m_input.insert(m_input.end(), bytes.begin(), bytes.end());
     proceed(now);
 }
 
 void Connection::sent(std::size_t count, Time now) {
-    sent_ += count;
-    if (sent_ == output_.size()) {
-        output_.clear();
-        sent_ = 0;
-    } else if (sent_ >= output_.size() / 2) {
-        output_.erase(output_.begin(), output_.begin() + static_cast<std::ptrdiff_t>(sent_));
-        sent_ = 0;
+    m_sent += count;
+    if (m_sent == m_output.size()) {
+        m_output.clear();
+        m_sent = 0;
+    } else if (m_sent >= m_output.size() / 2) {
+        m_output.erase(m_output.begin(), m_output.begin() + static_cast<std::ptrdiff_t>(m_sent));
+        m_sent = 0;
     }
     proceed(now);
 }
 
 void Connection::collect() {
-    if (import_)
-        import_->collect(output_);
+    if (m_import) {
+        m_import->collect(m_output);
+    }
 }
 
 void Connection::abort() {
-    ended_ = true;
-    output_.clear();
-    sent_ = 0;
-    input_ = {};
-    if (!import_)
+    m_ended = true;
+    m_output.clear();
+    m_sent = 0;
+    m_input = {};
+    if (!m_import) {
         return;
-    Reader& reader = import_->reader();
-    import_->release(last_);
-    import_.reset();
+    }
+    Reader& reader = m_import->reader();
+    m_import->release(m_last);
+    m_import.reset();
     reader.importer = nullptr;
 }
 
 std::size_t Connection::refuse(const char* complaint) {
-    complaint_ = complaint;
+    m_complaint = complaint;
     abort();
     return 0;
 }
 
 // Takes whole messages off the input until one is not whole, or the client has to read first.
 void Connection::proceed(Time now) {
-    last_ = now;
+    m_last = now;
     std::size_t done = 0;
     while (wantsInput()) {
-        const Input rest = Input(input_).subspan(done);
-        const std::size_t used = import_ ? urb(rest, now) : operation(rest);
-        if (used == 0)
+        const Input rest = Input(m_input).subspan(done);
+        const std::size_t used = m_import ? urb(rest, now) : operation(rest);
+        if (used == 0) {
             break;
+        }
         done += used;
     }
-    if (ended_)
-        input_ = {};
-    else
-        input_.erase(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(done));
+    if (m_ended) {
+        m_input = {};
+    } else {
+        m_input.erase(m_input.begin(), m_input.begin() + static_cast<std::ptrdiff_t>(done));
+    }
 }
 
 // Each of these returns how many bytes the message has that it has dealt with, 0 where that is not whole.
 std::size_t Connection::operation(Input bytes) {
-    if (bytes.size() < operationSize)
+    if (bytes.size() < operationSize) {
         return 0;
+    }
     const OperationHeader header = readOperation(bytes);
-    if (header.version != protocolVersion)
+    if (header.version != protocolVersion) {
         return refuse("another version of the protocol");
+    }
     switch (static_cast<Operation>(header.code)) {
     case Operation::requestList:
-        appendOperation(output_, Operation::replyList, OperationStatus::ok);
-        readers_.appendList(output_);
-        ended_ = true;
+        appendOperation(m_output, Operation::replyList, OperationStatus::ok);
+        m_readers.appendList(m_output);
+        m_ended = true;
         return operationSize;
     case Operation::requestImport:
         return importReader(bytes);
@@ -86,45 +93,51 @@ std::size_t Connection::operation(Input bytes) {
 
 std::size_t Connection::importReader(Input bytes) {
     constexpr std::size_t size = operationSize + busIdSize;
-    if (bytes.size() < size)
+    if (bytes.size() < size) {
         return 0;
-    Reader* reader = readers_.find(readBusId(bytes.subspan(operationSize)));
+    }
+    Reader* reader = m_readers.find(readBusId(bytes.subspan(operationSize)));
     const bool free = reader != nullptr && reader->importer == nullptr;
-    ended_ = !free;
+    m_ended = !free;
     if (!free) {
-        appendOperation(output_, Operation::replyImport,
+        appendOperation(m_output, Operation::replyImport,
                         reader == nullptr ? OperationStatus::noDevice : OperationStatus::busy);
         return size;
     }
-    appendOperation(output_, Operation::replyImport, OperationStatus::ok);
-    appendDevice(output_, reader->device(), reader->model.description());
+    appendOperation(m_output, Operation::replyImport, OperationStatus::ok);
+    appendDevice(m_output, reader->device(), reader->model.description());
     reader->importer = this;
-    import_.emplace(*reader);
+    m_import.emplace(*reader);
     return size;
 }
 
 std::size_t Connection::urb(Input bytes, Time now) {
     constexpr std::uint32_t directionIn = 1;
-    if (bytes.size() < headerSize)
+    if (bytes.size() < headerSize) {
         return 0;
+    }
     const UrbHeader header = readUrbHeader(bytes);
-    if (header.device != import_->reader().device().id())
+    if (header.device != m_import->reader().device().id()) {
         return refuse("another device than the imported one");
-    if (header.direction > directionIn)
+    }
+    if (header.direction > directionIn) {
         return refuse("an unknown direction");
+    }
     switch (static_cast<Command>(header.command)) {
     case Command::submit: {
         const Submit submit = readSubmit(bytes);
-        if (const char* mistake = import_->mistake(header, submit))
+        if (const char* mistake = m_import->mistake(header, submit)) {
             return refuse(mistake);
+        }
         const auto payload = static_cast<std::size_t>(header.direction == directionIn ? 0 : submit.length);
-        if (bytes.size() < headerSize + payload)
+        if (bytes.size() < headerSize + payload) {
             return 0;
-        import_->submit(header, submit, bytes.subspan(headerSize, payload), now, output_);
+        }
+        m_import->submit(header, submit, bytes.subspan(headerSize, payload), now, m_output);
         return headerSize + payload;
     }
     case Command::unlink:
-        import_->unlink(header.sequence, readUnlinked(bytes), now, output_);
+        m_import->unlink(header.sequence, readUnlinked(bytes), now, m_output);
         return headerSize;
     case Command::submitted:
     case Command::unlinked:

@@ -31,40 +31,50 @@ bool resetsPort(const Submit& submit) {
 
 const char* Import::mistake(const UrbHeader& header, const Submit& submit) const {
     constexpr std::uint32_t highestEndpoint = 15;
-    if (submit.length < 0 || static_cast<std::size_t>(submit.length) > longestTransfer)
+    if (submit.length < 0 || static_cast<std::size_t>(submit.length) > longestTransfer) {
         return "a transfer that is too long";
-    if (submit.packets != 0 && submit.packets != -1)
+    }
+    if (submit.packets != 0 && submit.packets != -1) {
         return "an isochronous transfer";
-    if (header.endpoint > highestEndpoint || !reader_.model.hasEndpoint(endpointAddress(header)))
+    }
+    if (header.endpoint > highestEndpoint || !m_reader.model.hasEndpoint(endpointAddress(header))) {
         return "an endpoint that the reader does not have";
-    if (transfers_.contains(header.sequence))
+    }
+    if (m_transfers.contains(header.sequence)) {
         return "a sequence number that is in use";
-    if (transfers_.size() == mostRequests || bytes_ + static_cast<std::size_t>(submit.length) > mostBytes)
+    }
+    if (m_transfers.size() == mostRequests || m_bytes + static_cast<std::size_t>(submit.length) > mostBytes) {
         return "more transfers or bytes than may be under way";
+    }
     const ControlSetup& setup = submit.setup;
-    if (header.endpoint == 0 && setup.length > submit.length)
+    if (header.endpoint == 0 && setup.length > submit.length) {
         return "a control transfer that is shorter than its setup packet says";
-    if (header.endpoint == 0 && setup.length != 0 && setup.in() != (header.direction != 0))
+    }
+    if (header.endpoint == 0 && setup.length != 0 && setup.in() != (header.direction != 0)) {
         return "a control transfer against the direction in its setup packet";
+    }
     return nullptr;
 }
 
 void Import::count(const Submit& submit, std::uint8_t endpoint) {
-    ++reader_.counts.transfers;
+    ++m_reader.counts.transfers;
     const ControlSetup& setup = submit.setup;
-    if (endpoint != 0)
+    if (endpoint != 0) {
         return;
-    if (setup.requestType == deviceOut && setup.request == setConfiguration)
-        ++reader_.counts.setConfigurations;
-    if (setup.requestType == endpointOut && setup.request == clearFeature && setup.value == endpointHalt)
-        ++reader_.counts.clearHalts;
+    }
+    if (setup.requestType == deviceOut && setup.request == setConfiguration) {
+        ++m_reader.counts.setConfigurations;
+    }
+    if (setup.requestType == endpointOut && setup.request == clearFeature && setup.value == endpointHalt) {
+        ++m_reader.counts.clearHalts;
+    }
 }
 
 void Import::submit(const UrbHeader& header, const Submit& submit, Input payload, Time now, Bytes& replies) {
     const std::uint8_t endpoint = endpointAddress(header);
     if (endpoint == 0 && resetsPort(submit)) {
-        ++reader_.counts.resets;
-        reader_.model.reset(now);
+        ++m_reader.counts.resets;
+        m_reader.model.reset(now);
         collect(replies);
         appendSubmitted(replies, header.sequence, 0, 0, {});
         return;
@@ -73,68 +83,72 @@ void Import::submit(const UrbHeader& header, const Submit& submit, Input payload
     const auto length = static_cast<std::size_t>(submit.length);
     const bool in = header.direction != 0;
     Transfer transfer{.endpoint = endpoint};
-    if (endpoint == 0)
+    if (endpoint == 0) {
         transfer.setup = submit.setup;
-    if (in)
+    }
+    if (in) {
         transfer.capacity = length;
-    else
+    } else {
         transfer.data.assign(payload.begin(), payload.end());
+    }
     if (endpoint == 0) {
         transfer.data.resize(std::min<std::size_t>(transfer.data.size(), submit.setup.length));
         transfer.capacity = std::min<std::size_t>(transfer.capacity, submit.setup.length);
     }
     // Listed before the replies are collected, so that a completion finds it.
-    const TransferId id = reader_.model.submit(std::move(transfer), now);
+    const TransferId id = m_reader.model.submit(std::move(transfer), now);
     const bool mustBeWhole = in && (submit.flags & shortNotOk) != 0;
-    flying_.emplace(id, Flying{.sequence = header.sequence, .length = length, .mustBeWhole = mustBeWhole});
-    transfers_.emplace(header.sequence, id);
-    bytes_ += length;
+    m_flying.emplace(id, Flying{.sequence = header.sequence, .length = length, .mustBeWhole = mustBeWhole});
+    m_transfers.emplace(header.sequence, id);
+    m_bytes += length;
     collect(replies);
 }
 
 // As the kernel's own server does: the reply stands for that to the submit, or tells by status 0 that it came too late.
 void Import::unlink(std::uint32_t sequence, std::uint32_t unlinked, Time now, Bytes& replies) {
-    const auto found = transfers_.find(unlinked);
-    if (found == transfers_.end()) {
+    const auto found = m_transfers.find(unlinked);
+    if (found == m_transfers.end()) {
         appendUnlinked(replies, sequence, 0);
         return;
     }
     const TransferId id = found->second;
-    transfers_.erase(found);
-    const auto flying = flying_.find(id);
-    bytes_ -= flying->second.length;
-    flying_.erase(flying);
-    ++reader_.counts.cancels;
-    reader_.model.cancel(id, now);
+    m_transfers.erase(found);
+    const auto flying = m_flying.find(id);
+    m_bytes -= flying->second.length;
+    m_flying.erase(flying);
+    ++m_reader.counts.cancels;
+    m_reader.model.cancel(id, now);
     appendUnlinked(replies, sequence, -ECONNRESET);
     collect(replies);
 }
 
 void Import::collect(Bytes& replies) {
-    while (const std::optional<Completion> completion = reader_.model.takeCompletion()) {
-        const auto found = flying_.find(completion->id);
-        if (found == flying_.end())
+    while (const std::optional<Completion> completion = m_reader.model.takeCompletion()) {
+        const auto found = m_flying.find(completion->id);
+        if (found == m_flying.end()) {
             continue;
+        }
         const Flying flying = found->second;
-        flying_.erase(found);
-        transfers_.erase(flying.sequence);
-        bytes_ -= flying.length;
+        m_flying.erase(found);
+        m_transfers.erase(flying.sequence);
+        m_bytes -= flying.length;
         int result = urbStatus(completion->outcome, -ECONNRESET);
-        if (result == 0 && flying.mustBeWhole && completion->actual < flying.length)
+        if (result == 0 && flying.mustBeWhole && completion->actual < flying.length) {
             result = -EREMOTEIO;
+        }
         appendSubmitted(replies, flying.sequence, result, completion->actual, completion->data);
     }
 }
 
 void Import::release(Time now) {
-    ++reader_.counts.closes;
+    ++m_reader.counts.closes;
     // All at once: taken back one by one, each would let the next be carried out.
-    reader_.model.unplug();
-    flying_.clear();
-    transfers_.clear();
-    bytes_ = 0;
-    reader_.model.reset(now);
-    while (reader_.model.takeCompletion()) {
+    m_reader.model.unplug();
+    m_flying.clear();
+    m_transfers.clear();
+    m_bytes = 0;
+    m_reader.model.reset(now);
+    while (m_reader.model.takeCompletion()) {
     }
 }
 

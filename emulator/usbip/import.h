@@ -2,7 +2,6 @@
 // through the model, in the terms of the client's kernel (errno values as status).
 //
 // One thread at a time; the owner guards it.
-
 #pragma once
 
 #include "usbip/readers.h"
@@ -19,8 +18,8 @@ constexpr std::size_t mostRequests = 4096;
 class Import {
 public:
     explicit Import(Reader& reader)
-        : reader_(reader) {
-        ++reader_.counts.opens;
+        : m_reader(reader) {
+        ++m_reader.counts.opens;
     }
     Import(const Import&) = delete;
     Import& operator=(const Import&) = delete;
@@ -28,7 +27,7 @@ public:
     // Takes back what flies and leaves the reader as after a reset.
     void release(Time now);
 
-    Reader& reader() const { return reader_; }
+    Reader& reader() const { return m_reader; }
 
     // What is wrong with a submit, of which only the header is there yet; nullptr if it can be submitted.
     const char* mistake(const UrbHeader& header, const Submit& submit) const;
@@ -49,10 +48,10 @@ private:
 
     void count(const Submit& submit, std::uint8_t endpoint);
 
-    Reader& reader_;
-    std::map<TransferId, Flying> flying_;
-    std::map<std::uint32_t, TransferId> transfers_; // by sequence number
-    std::size_t bytes_ = 0;
+    Reader& m_reader;
+    std::map<TransferId, Flying> m_flying;
+    std::map<std::uint32_t, TransferId> m_transfers; // by sequence number
+    std::size_t m_bytes = 0;
 };
 
 } // namespace emulator::usbip

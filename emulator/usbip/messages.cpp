@@ -90,14 +90,16 @@ void appendDevice(Bytes& bytes, const Device& device, const ReaderDescription& r
 
 void appendInterfaces(Bytes& bytes, const Device& device, const ReaderDescription& reader) {
     constexpr std::uint8_t interfaceType = 4;
-    if (interfaceCount(device, reader) == 0)
+    if (interfaceCount(device, reader) == 0) {
         return;
+    }
     const auto present = std::ranges::find(reader.configurations, device.configuration);
     const Bytes configuration = configurationDescriptor(
         reader, static_cast<std::size_t>(std::distance(reader.configurations.begin(), present)));
     for (std::size_t at = 0; at < configuration.size(); at += configuration[at]) {
-        if (configuration[at + 1] != interfaceType)
+        if (configuration[at + 1] != interfaceType) {
             continue;
+        }
         const auto classes = configuration.begin() + static_cast<std::ptrdiff_t>(at) + 5;
         bytes.insert(bytes.end(), classes, classes + 3);
         bytes.push_back(0); // padding

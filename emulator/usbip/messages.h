@@ -3,7 +3,6 @@
 // A connection begins with operations, which list or import devices. Once a device is imported, the same connection
 // carries URBs: each message has a header of 48 bytes, some of them bytes of a transfer behind it.
 // Plain functions on plain values; any thread may call them.
-
 #pragma once
 
 #include "model/description.h"

@@ -6,55 +6,61 @@
 
 namespace emulator::usbip {
 
-Reader::Reader(ReaderDescription description, std::size_t number_)
+Reader::Reader(ReaderDescription description, std::size_t readerNumber)
     : model(std::move(description))
-    , busId(std::to_string(model.description().bus) + "-" + std::to_string(number_))
+    , busId(std::to_string(model.description().bus) + "-" + std::to_string(readerNumber))
     , bus(model.description().bus)
-    , number(model.description().address.value_or(static_cast<std::uint32_t>(number_))) {
+    , number(model.description().address.value_or(static_cast<std::uint32_t>(readerNumber))) {
 }
 
 std::size_t Readers::add(ReaderDescription description) {
     constexpr std::size_t mostReaders = 65535; // a reader's number has 16 bits
-    if (readers_.size() == mostReaders)
+    if (m_readers.size() == mostReaders) {
         throw TextError("there are too many readers");
-    readers_.push_back(std::make_unique<Reader>(std::move(description), readers_.size() + 1));
-    return readers_.size();
+    }
+    m_readers.push_back(std::make_unique<Reader>(std::move(description), m_readers.size() + 1));
+    return m_readers.size();
 }
 
 Reader& Readers::at(std::size_t number) const {
-    if (number < 1 || number > readers_.size())
+    if (number < 1 || number > m_readers.size()) {
         throw TextError("there is no reader " + std::to_string(number));
-    return *readers_[number - 1];
+    }
+    return *m_readers[number - 1];
 }
 
 void Readers::plug(std::size_t number, Time now) {
     Reader& reader = at(number);
-    if (reader.plugged)
+    if (reader.plugged) {
         throw TextError("reader " + std::to_string(number) + " is plugged");
+    }
     reader.plugged = true;
     reader.model.power(now);
 }
 
 void Readers::unplug(std::size_t number) {
     Reader& reader = at(number);
-    if (!reader.plugged)
+    if (!reader.plugged) {
         throw TextError("reader " + std::to_string(number) + " is not plugged");
+    }
     reader.plugged = false;
-    if (reader.importer != nullptr)
+    if (reader.importer != nullptr) {
         reader.importer->abort();
+    }
 }
 
 Reader* Readers::find(std::string_view busId) const {
     const auto found = std::ranges::find_if(
-        readers_, [&](const auto& reader) { return reader->plugged && reader->busId == busId; });
-    return found == readers_.end() ? nullptr : found->get();
+        m_readers, [&](const auto& reader) { return reader->plugged && reader->busId == busId; });
+    return found == m_readers.end() ? nullptr : found->get();
 }
 
 void Readers::appendList(Bytes& bytes) const {
     std::vector<const Reader*> free;
-    for (const auto& reader : readers_) {
-        if (reader->plugged && reader->importer == nullptr)
+    for (const auto& reader : m_readers) {
+        if (reader->plugged && reader->importer == nullptr) {
             free.push_back(reader.get());
+        }
     }
     append32(bytes, static_cast<std::uint32_t>(free.size()));
     for (const Reader* reader : free) {
@@ -65,18 +71,20 @@ void Readers::appendList(Bytes& bytes) const {
 
 std::optional<Time> Readers::nextDeadline() const {
     std::optional<Time> earliest;
-    for (const auto& reader : readers_) {
-        if (const std::optional<Time> deadline = reader->model.nextDeadline())
+    for (const auto& reader : m_readers) {
+        if (const std::optional<Time> deadline = reader->model.nextDeadline()) {
             earliest = std::min(earliest.value_or(*deadline), *deadline);
+        }
     }
     return earliest;
 }
 
 void Readers::advance(Time now) {
-    for (const auto& reader : readers_) {
+    for (const auto& reader : m_readers) {
         reader->model.advance(now);
-        if (reader->importer != nullptr)
+        if (reader->importer != nullptr) {
             reader->importer->collect();
+        }
     }
 }
 

@@ -1,7 +1,6 @@
 // The readers that USB/IP clients may import, and by which connection each of them is imported now.
 //
 // One thread at a time; the owner guards it.
-
 #pragma once
 
 #include "model/host_counts.h"
@@ -19,7 +18,7 @@ class Connection;
 
 // A reader, plugged or not. To those who import it, it has the same name and number at each plug.
 struct Reader {
-    Reader(ReaderDescription description, std::size_t number);
+    Reader(ReaderDescription description, std::size_t readerNumber);
 
     // As it is shown now.
     Device device() const { return {busId, bus, number, model.configuration()}; }
@@ -37,7 +36,7 @@ class Readers {
 public:
     // Adds a reader, unplugged, and returns its number. Numbers count from 1. Throws TextError.
     std::size_t add(ReaderDescription description);
-    std::size_t size() const { return readers_.size(); }
+    std::size_t size() const { return m_readers.size(); }
 
     // Throws TextError where there is none with this number.
     Reader& at(std::size_t number) const;
@@ -59,7 +58,7 @@ public:
     void advance(Time now);
 
 private:
-    std::vector<std::unique_ptr<Reader>> readers_;
+    std::vector<std::unique_ptr<Reader>> m_readers;
 };
 
 } // namespace emulator::usbip

@@ -30,47 +30,51 @@ void set(int descriptor, int level, int option) {
 } // namespace
 
 Server::Server(Readers& readers, const SocketAddress& address, Report report, Milliseconds patience)
-    : readers_(readers)
-    , report_(std::move(report))
-    , patience_(patience)
-    , listening_(
+    : m_readers(readers)
+    , m_report(std::move(report))
+    , m_patience(patience)
+    , m_listening(
           ::socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_TCP)) {
-    if (listening_ >= 0)
-        set(listening_, SOL_SOCKET, SO_REUSEADDR);
-    if (listening_ < 0 || ::bind(listening_, address.get(), address.size) != 0 ||
-        ::listen(listening_, SOMAXCONN) != 0) {
+    if (m_listening >= 0) {
+        set(m_listening, SOL_SOCKET, SO_REUSEADDR);
+    }
+    if (m_listening < 0 || ::bind(m_listening, address.get(), address.size) != 0 ||
+        ::listen(m_listening, SOMAXCONN) != 0) {
         const int error = errno;
-        if (listening_ >= 0)
-            ::close(listening_);
+        if (m_listening >= 0) {
+            ::close(m_listening);
+        }
         throw std::system_error(error, std::generic_category(), socketAddressText(address));
     }
 }
 
 Server::~Server() {
-    for (const Client& client : clients_)
+    for (const Client& client : m_clients) {
         ::close(client.descriptor);
-    ::close(listening_);
+    }
+    ::close(m_listening);
 }
 
 std::string Server::address() const {
     SocketAddress address;
     address.size = sizeof address.storage;
-    if (::getsockname(listening_, address.get(), &address.size) != 0)
+    if (::getsockname(m_listening, address.get(), &address.size) != 0) {
         throw std::system_error(errno, std::generic_category(), "getsockname");
+    }
     return socketAddressText(address);
 }
 
 bool Server::full() const {
-    return std::ranges::count_if(clients_, [](const Client& client) {
+    return std::ranges::count_if(m_clients, [](const Client& client) {
                return !client.connection.hasImported();
            }) >= mostStrangers;
 }
 
 void Server::addPolled(std::vector<pollfd>& descriptors) {
-    const bool accepts = !full() && !pausedUntil_;
+    const bool accepts = !full() && !m_pausedUntil;
     descriptors.push_back(
-        {.fd = listening_, .events = static_cast<short>(accepts ? POLLIN : 0), .revents = 0});
-    for (const Client& client : clients_) {
+        {.fd = m_listening, .events = static_cast<short>(accepts ? POLLIN : 0), .revents = 0});
+    for (const Client& client : m_clients) {
         const bool reads = client.connection.wantsInput();
         const bool writes = !client.connection.output().empty();
         descriptors.push_back({.fd = client.descriptor,
@@ -82,31 +86,36 @@ void Server::addPolled(std::vector<pollfd>& descriptors) {
 void Server::serve(const std::vector<pollfd>& polled, std::size_t first) {
     const Time present = now();
     std::size_t at = first + 1;
-    for (Client& client : clients_) {
+    for (Client& client : m_clients) {
         const short ready = polled[at++].revents;
-        if ((ready & (POLLIN | POLLHUP | POLLERR)) != 0)
+        if ((ready & (POLLIN | POLLHUP | POLLERR)) != 0) {
             receive(client, present);
+        }
         const std::optional<Time> due = deadline(client);
-        if (due && *due <= present)
+        if (due && *due <= present) {
             client.connection.abort();
+        }
     }
     settle();
-    if (pausedUntil_ && *pausedUntil_ <= present)
-        pausedUntil_.reset();
-    if (polled[first].revents != 0)
+    if (m_pausedUntil && *m_pausedUntil <= present) {
+        m_pausedUntil.reset();
+    }
+    if (polled[first].revents != 0) {
         accept(present);
+    }
 }
 
 void Server::accept(Time now) {
-    const int descriptor = ::accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    const int descriptor = ::accept4(m_listening, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (descriptor < 0) {
-        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
-            pausedUntil_ = now + pause;
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            m_pausedUntil = now + pause;
+        }
         return;
     }
     set(descriptor, IPPROTO_TCP, TCP_NODELAY);
     set(descriptor, SOL_SOCKET, SO_KEEPALIVE);
-    clients_.emplace_back(readers_, descriptor, now);
+    m_clients.emplace_back(m_readers, descriptor, now);
 }
 
 void Server::receive(Client& client, Time now) {
@@ -124,44 +133,52 @@ void Server::send(Client& client, Time now) {
     for (Input output = client.connection.output(); !output.empty(); output = client.connection.output()) {
         const ssize_t count = ::send(client.descriptor, output.data(), output.size(), MSG_NOSIGNAL);
         if (count < 0) {
-            if (errno != EAGAIN && errno != EINTR)
+            if (errno != EAGAIN && errno != EINTR) {
                 client.connection.abort();
+            }
             return;
         }
         const bool listened = client.connection.wantsInput();
         client.connection.sent(static_cast<std::size_t>(count), now);
-        if (!listened && client.connection.wantsInput())
+        if (!listened && client.connection.wantsInput()) {
             client.heard = now; // until now it could not say anything
+        }
     }
 }
 
 void Server::settle() {
     const Time present = now();
-    for (Client& client : clients_)
+    for (Client& client : m_clients) {
         send(client, present);
-    clients_.remove_if([this](const Client& client) {
-        if (!client.connection.closing())
+    }
+    m_clients.remove_if([this](const Client& client) {
+        if (!client.connection.closing()) {
             return false;
+        }
         ::close(client.descriptor);
-        if (client.connection.complaint() != nullptr)
-            report_(client.connection.complaint());
+        if (client.connection.complaint() != nullptr) {
+            m_report(client.connection.complaint());
+        }
         return true;
     });
 }
 
 std::optional<Time> Server::deadline(const Client& client) const {
-    if (!client.connection.hasImported())
-        return client.accepted + patience_;
-    if (client.connection.owesRest())
-        return client.heard + patience_;
+    if (!client.connection.hasImported()) {
+        return client.accepted + m_patience;
+    }
+    if (client.connection.owesRest()) {
+        return client.heard + m_patience;
+    }
     return std::nullopt;
 }
 
 std::optional<Time> Server::nextDeadline() const {
-    std::optional<Time> earliest = pausedUntil_;
-    for (const Client& client : clients_) {
-        if (const std::optional<Time> due = deadline(client))
+    std::optional<Time> earliest = m_pausedUntil;
+    for (const Client& client : m_clients) {
+        if (const std::optional<Time> due = deadline(client)) {
             earliest = std::min(earliest.value_or(*due), *due);
+        }
     }
     return earliest;
 }

@@ -1,7 +1,6 @@
 // The sockets of the USB/IP clients: bytes go between each and its connection, and those that take too long are closed.
 //
 // One thread, the launcher's, calls the members; it polls the descriptors.
-
 #pragma once
 
 #include "usbip/address.h"
@@ -50,9 +49,9 @@ public:
 
 private:
     struct Client {
-        Client(Readers& readers, int descriptor_, Time now)
+        Client(Readers& readers, int socket, Time now)
             : connection(readers)
-            , descriptor(descriptor_)
+            , descriptor(socket)
             , accepted(now)
             , heard(now) {}
 
@@ -68,12 +67,12 @@ private:
     std::optional<Time> deadline(const Client& client) const;
     bool full() const;
 
-    Readers& readers_;
-    Report report_;
-    Milliseconds patience_;
-    int listening_ = -1;
-    std::list<Client> clients_;
-    std::optional<Time> pausedUntil_; // no client is accepted before: there is no descriptor for one
+    Readers& m_readers;
+    Report m_report;
+    Milliseconds m_patience;
+    int m_listening = -1;
+    std::list<Client> m_clients;
+    std::optional<Time> m_pausedUntil; // no client is accepted before: there is no descriptor for one
 };
 
 } // namespace emulator::usbip

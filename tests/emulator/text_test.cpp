@@ -27,8 +27,9 @@ TEST(TextTest, TakesWordsOneByOne) {
 TEST(TextTest, ReadsDecimalAndHexadecimalNumbersWithinBounds) {
     EXPECT_EQ(number("n", "10", 0, 10), 10U);
     EXPECT_EQ(number("n", "0x1F", 0, 255), 31U);
-    for (const char* wrong : {"", "0x", "-1", "+1", "1 ", "1x", "11", "99999999999999999999", "0xG"})
+    for (const char* wrong : {"", "0x", "-1", "+1", "1 ", "1x", "11", "99999999999999999999", "0xG"}) {
         EXPECT_THROW(number("n", wrong, 0, 10), TextError) << wrong;
+    }
 }
 
 TEST(TextTest, NamesWhatIsWrongWithANumber) {
@@ -43,8 +44,9 @@ TEST(TextTest, NamesWhatIsWrongWithANumber) {
 TEST(TextTest, ReadsAndWritesHexadecimalBytes) {
     EXPECT_EQ(hexBytes("b", "01 ff\tA0b1"), (Bytes{0x01, 0xFF, 0xA0, 0xB1}));
     EXPECT_EQ(hexBytes("b", ""), Bytes{});
-    for (const char* wrong : {"1", "0 1", "0x01", "012"})
+    for (const char* wrong : {"1", "0 1", "0x01", "012"}) {
         EXPECT_THROW(hexBytes("b", wrong), TextError) << wrong;
+    }
     EXPECT_EQ(hexText(Bytes{0x01, 0xFF, 0xA0}), "01ffa0");
 }
 

@@ -8,8 +8,9 @@ namespace {
 TEST(AnswerQueueTest, LosesWhatThereIsNoRoomFor) {
     AnswerQueue answers;
     const Bytes quarter(AnswerQueue::mostRoom / 4);
-    for (int i = 0; i < 5; ++i)
+    for (int i = 0; i < 5; ++i) {
         answers.push(quarter);
+    }
     EXPECT_EQ(answers.size(), 3U);
     answers.push(Bytes{1});
     EXPECT_EQ(answers.size(), 4U) << "a short one still fits";
@@ -18,15 +19,17 @@ TEST(AnswerQueueTest, LosesWhatThereIsNoRoomFor) {
     answers.push(quarter);
     EXPECT_EQ(answers.size(), 4U) << "what is fetched makes room for another";
     answers.clear();
-    for (int i = 0; i < 3; ++i)
+    for (int i = 0; i < 3; ++i) {
         answers.push(quarter);
+    }
     EXPECT_EQ(answers.size(), 3U);
 }
 
 TEST(AnswerQueueTest, EmptyAnswersAreNotEndless) {
     AnswerQueue answers;
-    for (std::size_t i = 0; i < AnswerQueue::mostRoom / 16; ++i)
+    for (std::size_t i = 0; i < AnswerQueue::mostRoom / 16; ++i) {
         answers.push({});
+    }
     EXPECT_LT(answers.size(), AnswerQueue::mostRoom / 16);
     EXPECT_GT(answers.size(), 1000U);
 }

@@ -32,8 +32,9 @@ protected:
     void expectNothing() { EXPECT_FALSE(reader.takeCompletion().has_value()); }
     void take() { ASSERT_TRUE(reader.takeCompletion().has_value()); }
     void fault(std::string_view pipe, const PipeFaults& faults) {
-        for (const Pipe each : reader.pipesNamed(pipe))
+        for (const Pipe each : reader.pipesNamed(pipe)) {
             reader.setPipeFaults(each, faults, now);
+        }
     }
     static ReaderModel described(std::string_view line) { return ReaderModel(parseReaders(line).front()); }
 
@@ -106,8 +107,9 @@ TEST_F(ReaderModelTest, CancellingTheFirstLetsTheNextGo) {
 
 TEST_F(ReaderModelTest, SplitsAnAnswerAtWholePackets) {
     Bytes frame(100);
-    for (std::size_t i = 0; i < frame.size(); ++i)
+    for (std::size_t i = 0; i < frame.size(); ++i) {
         frame[i] = static_cast<std::uint8_t>(i);
+    }
     out(frame);
     take();
     expectCompletion(in(64), Outcome::done, Bytes(frame.begin(), frame.begin() + 64));

@@ -24,13 +24,15 @@ TEST(ReplyRuleTest, AnswersByItsRule) {
 }
 
 TEST(ReplyRuleTest, IsWrittenAsItIsRead) {
-    for (const char* text : {"echo", "reverse", "none", "fixed:0aff", "pattern:5"})
+    for (const char* text : {"echo", "reverse", "none", "fixed:0aff", "pattern:5"}) {
         EXPECT_EQ(ReplyRule::parse(text).text(), text);
+    }
 }
 
 TEST(ReplyRuleTest, RefusesWhatItDoesNotKnow) {
-    for (const char* wrong : {"", "loud", "echo:1", "fixed", "fixed:1", "pattern", "pattern:x"})
+    for (const char* wrong : {"", "loud", "echo:1", "fixed", "fixed:1", "pattern", "pattern:x"}) {
         EXPECT_THROW(ReplyRule::parse(wrong), TextError) << wrong;
+    }
 }
 
 } // namespace

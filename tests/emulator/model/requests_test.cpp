@@ -39,8 +39,9 @@ TEST_F(ReaderRequestsTest, StallsDescriptorsThatItDoesNotHave) {
     expectStall({0x80, 6, 0x0201, 0, 255});
     expectStall({0x80, 6, 0x0309, 0x0409, 255});
     expectStall({0x80, 6, 0x0600, 0, 10});
-    for (const std::uint8_t index : std::initializer_list<std::uint8_t>{1, 3, 5, 6, 10})
+    for (const std::uint8_t index : std::initializer_list<std::uint8_t>{1, 3, 5, 6, 10}) {
         reader.setString(index, std::nullopt);
+    }
     expectStall({0x80, 6, 0x0300, 0, 255});
 }
 

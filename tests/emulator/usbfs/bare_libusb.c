@@ -29,15 +29,17 @@ enum { to_reader = 0x40, from_reader = 0xC0 };
 static int failures;
 
 static void expect(const char* what, long got, long wanted) {
-    if (got == wanted)
+    if (got == wanted) {
         return;
+    }
     ++failures;
     fprintf(stderr, "%s: %ld instead of %ld\n", what, got, wanted);
 }
 
 static void expect_text(const char* what, const char* got, const char* wanted) {
-    if (strcmp(got, wanted) == 0)
+    if (strcmp(got, wanted) == 0) {
         return;
+    }
     ++failures;
     fprintf(stderr, "%s: \"%s\" instead of \"%s\"\n", what, got, wanted);
 }
@@ -65,8 +67,9 @@ static void ask(const char* command, char* answer, size_t size) {
         send(channel, line, (size_t)length, 0) == length) {
         while (got < size - 1) {
             const ssize_t count = recv(channel, answer + got, size - 1 - got, 0);
-            if (count <= 0)
+            if (count <= 0) {
                 break;
+            }
             got += (size_t)count;
             if (answer[got - 1] == '\n') {
                 --got;
@@ -117,8 +120,9 @@ static int bulk(libusb_device_handle* handle, unsigned char endpoint, unsigned c
 }
 
 static void fill(unsigned char* data, size_t length, unsigned seed) {
-    for (size_t i = 0; i < length; ++i)
+    for (size_t i = 0; i < length; ++i) {
         data[i] = (unsigned char)(i * 7 + i / 251 + seed);
+    }
 }
 
 static void expect_bulk_echo(libusb_device_handle* handle, int length, int room) {
@@ -140,16 +144,18 @@ enum { root_hubs = 1 };
 static long list_size(void) {
     libusb_device** list;
     const ssize_t count = libusb_get_device_list(NULL, &list);
-    if (count >= 0)
+    if (count >= 0) {
         libusb_free_device_list(list, 1);
+    }
     return count;
 }
 
 // The list is brought up to date by udev's event, which is on its way.
 static void await_list_size(long wanted) {
     const long end = milliseconds() + patience;
-    while (list_size() != wanted && milliseconds() < end)
+    while (list_size() != wanted && milliseconds() < end) {
         pause_for(1);
+    }
     expect("devices on the bus", list_size(), wanted);
 }
 
@@ -162,8 +168,9 @@ static void lists_both_readers(void) {
         struct libusb_device_descriptor device;
         struct libusb_config_descriptor* configuration;
         expect("device descriptor", libusb_get_device_descriptor(list[i], &device), 0);
-        if (device.bDeviceClass == LIBUSB_CLASS_HUB)
+        if (device.bDeviceClass == LIBUSB_CLASS_HUB) {
             continue;
+        }
         expect("vendor", device.idVendor, maker);
         expect("bus", libusb_get_bus_number(list[i]), 1);
         expect("speed", libusb_get_device_speed(list[i]), LIBUSB_SPEED_FULL);
@@ -382,8 +389,9 @@ static void replugged_is_another_device(void) {
     expect("old handle", libusb_get_string_descriptor_ascii(handle, 1, text, sizeof text),
            LIBUSB_ERROR_NO_DEVICE);
     libusb_device_handle* fresh = NULL;
-    for (const long end = milliseconds() + patience; fresh == NULL && milliseconds() < end; pause_for(1))
+    for (const long end = milliseconds() + patience; fresh == NULL && milliseconds() < end; pause_for(1)) {
         fresh = open_product(bulk_product);
+    }
     expect("opened anew", fresh != NULL, 1);
     expect("another device", libusb_get_device(fresh) != libusb_get_device(handle), 1);
     expect("another address", libusb_get_device_address(libusb_get_device(fresh)) != address, 1);
@@ -403,10 +411,11 @@ static int count_event(libusb_context* context, libusb_device* device, libusb_ho
     (void)context;
     (void)device;
     struct events* count = events;
-    if (event == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED)
+    if (event == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED) {
         ++count->arrived;
-    else
+    } else {
         ++count->left;
+    }
     return 0;
 }
 
@@ -531,8 +540,9 @@ static int open_first(libusb_device_handle** handle) {
     const ssize_t count = libusb_get_device_list(NULL, &list);
     int result = LIBUSB_ERROR_NOT_FOUND;
     for (ssize_t i = 0; i < count && result == LIBUSB_ERROR_NOT_FOUND; ++i) {
-        if (libusb_get_parent(list[i]) != NULL)
+        if (libusb_get_parent(list[i]) != NULL) {
             result = libusb_open(list[i], handle);
+        }
     }
     libusb_free_device_list(list, 1);
     return result;
@@ -543,8 +553,9 @@ static int open_first(libusb_device_handle** handle) {
 static void is_refused(void) {
     libusb_device_handle* handle = NULL;
     tell("refuse 1 EACCES");
-    for (int i = 0; i < 100; ++i)
+    for (int i = 0; i < 100; ++i) {
         expect("EACCES", open_first(&handle), LIBUSB_ERROR_ACCESS);
+    }
     tell("refuse 1 EPERM");
     expect("EPERM", open_first(&handle), LIBUSB_ERROR_IO);
     tell("refuse 1 ENODEV");
@@ -562,8 +573,9 @@ static void is_refused(void) {
     expect("opens by then", counted(1, "opens"), 0);
     expect("let in", open_first(&handle), 0);
     libusb_close(handle);
-    for (int i = 0; i < 100; ++i)
+    for (int i = 0; i < 100; ++i) {
         open("/dev/bus/usb/001/099", O_RDWR);
+    }
     expect("open after many failures", open_first(&handle), 0);
     libusb_close(handle);
 }
@@ -636,17 +648,20 @@ static void opens_many_readers(void) {
         expect("claim", libusb_claim_interface(handles[i], 0), 0);
     }
     libusb_free_device_list(list, 1);
-    for (int i = 0; i < readers; ++i)
+    for (int i = 0; i < readers; ++i) {
         expect_bulk_echo(handles[i], i + 1, 64);
-    for (int i = 0; i < readers; ++i)
+    }
+    for (int i = 0; i < readers; ++i) {
         libusb_close(handles[i]);
+    }
 }
 
 // Opens a file and closes it again; the errno of what failed.
 static int open_in_passing(const char* path) {
     FILE* const file = fopen(path, "r");
-    if (file == NULL)
+    if (file == NULL) {
         return errno;
+    }
     return fclose(file) == 0 ? 0 : errno;
 }
 
@@ -665,27 +680,32 @@ static void opens_no_more_than_there_is_room_for(void) {
         expect("open in passing", open_in_passing("/dev/null"), 0);
         expect("open nothing", open_in_passing("/dev/no-such-device"), ENOENT);
     }
-    for (int i = 0; i < other_devices - 1; ++i)
+    for (int i = 0; i < other_devices - 1; ++i) {
         others[i] = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    }
     expect("devices", libusb_get_device_list(NULL, &list), readers + root_hubs);
-    for (int i = 0; i < beyond; ++i)
+    for (int i = 0; i < beyond; ++i) {
         expect("open", libusb_open(list[i], &handles[i]), 0);
-    for (int i = beyond; i < readers; ++i)
+    }
+    for (int i = beyond; i < readers; ++i) {
         expect("open without room", libusb_open(list[i], &handles[i]), LIBUSB_ERROR_IO);
+    }
     expect("open without room", open_in_passing("/dev/null"), EMFILE);
     expect("open what is no device", open_in_passing("/proc/self/maps"), 0);
 
     libusb_close(handles[0]);
     expect("open in the room of a reader", libusb_open(list[beyond], &handles[beyond]), 0);
     expect("open without room", libusb_open(list[0], &handles[0]), LIBUSB_ERROR_IO);
-    for (int i = 0; i < other_devices - 1; ++i)
+    for (int i = 0; i < other_devices - 1; ++i) {
         expect("close", close(others[i]), 0);
+    }
     expect("close", fclose(file), 0);
     const int in_its_place =
         open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC); // has its descriptor and needs no room
     expect("open again", libusb_open(list[0], &handles[0]), 0);
-    for (int i = beyond + 1; i < readers; ++i)
+    for (int i = beyond + 1; i < readers; ++i) {
         expect("open in the room of other devices", libusb_open(list[i], &handles[i]), 0);
+    }
     close(in_its_place);
     libusb_free_device_list(list, 1);
     for (int i = 0; i < readers; ++i) {
@@ -700,8 +720,9 @@ static void* open_and_close(void* product) {
     for (int i = 0; i < 50; ++i) {
         libusb_device_handle* handle = open_product(*(const int*)product);
         if (handle != NULL) {
-            if (libusb_get_string_descriptor_ascii(handle, 1, text, sizeof text) != 6)
+            if (libusb_get_string_descriptor_ascii(handle, 1, text, sizeof text) != 6) {
                 return product;
+            }
             libusb_close(handle);
         }
     }
@@ -711,8 +732,9 @@ static void* open_and_close(void* product) {
 static void opens_from_two_threads(void) {
     static int products[] = {bulk_product, control_product};
     pthread_t threads[2];
-    for (int i = 0; i < 2; ++i)
+    for (int i = 0; i < 2; ++i) {
         pthread_create(&threads[i], NULL, open_and_close, &products[i]);
+    }
     for (int i = 0; i < 2; ++i) {
         void* failed = NULL;
         pthread_join(threads[i], &failed);
@@ -784,10 +806,12 @@ static const struct {
 
 int main(int count, char** arguments) {
     for (size_t i = 0; count == 2 && i < sizeof cases / sizeof cases[0]; ++i) {
-        if (strcmp(cases[i].name, arguments[1]) != 0)
+        if (strcmp(cases[i].name, arguments[1]) != 0) {
             continue;
-        if (libusb_init(NULL) != 0)
+        }
+        if (libusb_init(NULL) != 0) {
             return EXIT_FAILURE;
+        }
         cases[i].run();
         libusb_exit(NULL);
         return failures == 0 ? EXIT_SUCCESS : EXIT_FAILURE;

@@ -18,8 +18,9 @@ using emulator::Bytes;
 
 inline Bytes join(std::initializer_list<Bytes> pieces) {
     Bytes all;
-    for (const Bytes& piece : pieces)
+    for (const Bytes& piece : pieces) {
         all.insert(all.end(), piece.begin(), piece.end());
+    }
     return all;
 }
 
@@ -97,17 +98,19 @@ class Replies {
 public:
     // The sequence numbers of submits that want something from the device.
     explicit Replies(std::span<const std::uint8_t> bytes, std::initializer_list<std::uint32_t> fetched = {})
-        : fetched_(fetched) {
-        while (bytes.size() >= headerSize)
+        : m_fetched(fetched) {
+        while (bytes.size() >= headerSize) {
             bytes = bytes.subspan(take(bytes));
-        if (!bytes.empty())
+        }
+        if (!bytes.empty()) {
             add("and " + std::to_string(bytes.size()) + " bytes");
+        }
     }
 
-    const std::string& text() const { return text_; }
+    const std::string& text() const { return m_text; }
 
 private:
-    void add(const std::string& reply) { text_ += (text_.empty() ? "" : "; ") + reply; }
+    void add(const std::string& reply) { m_text += (m_text.empty() ? "" : "; ") + reply; }
 
     std::size_t take(std::span<const std::uint8_t> bytes) {
         const std::uint32_t command = wordAt(bytes, 0);
@@ -120,8 +123,9 @@ private:
         }
         const std::size_t actual = wordAt(bytes, 24);
         bool in = false;
-        for (const std::uint32_t each : fetched_)
+        for (const std::uint32_t each : m_fetched) {
             in |= each == sequence;
+        }
         if (!in) {
             add("submitted " + named + " +" + std::to_string(actual));
             return headerSize;
@@ -131,8 +135,8 @@ private:
         return headerSize + there;
     }
 
-    std::vector<std::uint32_t> fetched_;
-    std::string text_;
+    std::vector<std::uint32_t> m_fetched;
+    std::string m_text;
 };
 
 } // namespace usbip_client

@@ -15,8 +15,9 @@ using namespace usbip_client;
 class UsbipConnectionTest : public testing::Test {
 protected:
     explicit UsbipConnectionTest(const std::string& description = "") {
-        for (ReaderDescription& reader : parseReaders(description))
+        for (ReaderDescription& reader : parseReaders(description)) {
             readers.plug(readers.add(std::move(reader)), now);
+        }
     }
 
     Bytes take(Connection& from) {
@@ -51,8 +52,9 @@ protected:
 
 TEST_F(UsbipConnectionTest, TakesMessagesInAnyPieces) {
     const Bytes all = join({importRequest("1-1"), sendFrame(1, {1, 2, 3}), fetchFrame(2), unlink(3, 9)});
-    for (const std::uint8_t byte : all)
+    for (const std::uint8_t byte : all) {
         connection.receive(Bytes{byte}, now);
+    }
     Bytes output = take(connection);
     ASSERT_GT(output.size(), importReplySize);
     output.erase(output.begin(), output.begin() + importReplySize);
@@ -345,8 +347,9 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(UsbipConnectionTest, TooManyRequestsEndTheConnection) {
     importStatus(connection);
-    for (std::uint32_t sequence = 0; sequence < 4096; ++sequence)
+    for (std::uint32_t sequence = 0; sequence < 4096; ++sequence) {
         connection.receive(fetchFrame(sequence), now);
+    }
     EXPECT_FALSE(connection.closing());
     connection.receive(fetchFrame(4096), now);
     EXPECT_TRUE(connection.closing());
@@ -355,8 +358,9 @@ TEST_F(UsbipConnectionTest, TooManyRequestsEndTheConnection) {
 
 TEST_F(UsbipConnectionTest, TooManyBytesEndTheConnection) {
     importStatus(connection);
-    for (std::uint32_t sequence = 0; sequence < 4; ++sequence)
+    for (std::uint32_t sequence = 0; sequence < 4; ++sequence) {
         connection.receive(fetchFrame(sequence, 16 << 20), now);
+    }
     EXPECT_EQ(say(unlink(10, 0)), "unlinked 10 -104");
     connection.receive(fetchFrame(4, 16 << 20), now);
     EXPECT_FALSE(connection.closing()) << "what is taken back does not count";

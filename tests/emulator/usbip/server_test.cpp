@@ -29,23 +29,24 @@ class Client {
 public:
     explicit Client(const std::string& address, int receiveBuffer = 0) {
         const SocketAddress server = parseSocketAddress(address);
-        descriptor_ = ::socket(server.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (receiveBuffer != 0)
-            ::setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-        EXPECT_EQ(::connect(descriptor_, server.get(), server.size), 0) << address;
+        m_descriptor = ::socket(server.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (receiveBuffer != 0) {
+            ::setsockopt(m_descriptor, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+        }
+        EXPECT_EQ(::connect(m_descriptor, server.get(), server.size), 0) << address;
     }
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
-    ~Client() { ::close(descriptor_); }
+    ~Client() { ::close(m_descriptor); }
 
     void say(const Bytes& bytes) const {
-        EXPECT_EQ(::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT),
+        EXPECT_EQ(::send(m_descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT),
                   static_cast<ssize_t>(bytes.size()));
     }
 
     // As many as the socket takes now.
     std::size_t saySome(std::span<const std::uint8_t> bytes) const {
-        const ssize_t count = ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t count = ::send(m_descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         return count > 0 ? static_cast<std::size_t>(count) : 0;
     }
 
@@ -54,7 +55,7 @@ public:
         std::array<std::uint8_t, 65536> buffer;
         ssize_t count = 1;
         while (count > 0) {
-            count = ::recv(descriptor_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+            count = ::recv(m_descriptor, buffer.data(), buffer.size(), MSG_DONTWAIT);
             heard.insert(heard.end(), buffer.begin(), buffer.begin() + std::max<ssize_t>(count, 0));
         }
         ended |= count == 0 || errno != EAGAIN;
@@ -64,7 +65,7 @@ public:
     bool ended = false;
 
 private:
-    int descriptor_ = -1;
+    int m_descriptor = -1;
 };
 
 class UsbipServerTest : public testing::Test {
@@ -81,8 +82,9 @@ protected:
     template <typename Condition>
     bool until(Condition condition) {
         const Time end = std::chrono::steady_clock::now() + 30s;
-        while (!condition() && std::chrono::steady_clock::now() < end)
+        while (!condition() && std::chrono::steady_clock::now() < end) {
             turn(bus, 5ms);
+        }
         return condition();
     }
 
@@ -259,9 +261,10 @@ TEST_F(UsbipServerTest, DelayedAnswerComesWhenItIsDue) {
 
 TEST_F(UsbipServerTest, HostsFaultsAreUpToTheHost) {
     for (const char* line :
-         {"busy 1 on", "driver 1 usbhid", "refuse 1 EACCES", "fail-reset 1 on", "plug driver=usbhid"})
+         {"busy 1 on", "driver 1 usbhid", "refuse 1 EACCES", "fail-reset 1 on", "plug driver=usbhid"}) {
         EXPECT_EQ(command(line), "error: over USB/IP that is up to the machine that attaches the reader")
             << line;
+    }
 }
 
 TEST_F(UsbipServerTest, IsochronousEndpointsAreRefused) {
@@ -432,14 +435,16 @@ TEST_F(UsbipServerTest, WaitsWhereThereIsNoDescriptorForAClient) {
 // ------------------------------------------------------------------------------------------------------ addresses
 
 TEST(SocketAddressTest, IsReadAndWritten) {
-    for (const char* text : {"127.0.0.1:3240", "0.0.0.0:1", "[::1]:65535", "[::]:0", "[fe80::1]:3240"})
+    for (const char* text : {"127.0.0.1:3240", "0.0.0.0:1", "[::1]:65535", "[::]:0", "[fe80::1]:3240"}) {
         EXPECT_EQ(socketAddressText(parseSocketAddress(text)), text);
+    }
 }
 
 TEST(SocketAddressTest, MustHaveAnAddressAndAPort) {
     for (const char* text : {"", ":", ":3240", "127.0.0.1", "127.0.0.1:", "127.0.0.1:x", "127.0.0.1:65536",
-                             "::1:3240", "[::1]", "[::1:3240", "[]:3240", "localhost:3240", "1.2.3:3240"})
+                             "::1:3240", "[::1]", "[::1:3240", "[]:3240", "localhost:3240", "1.2.3:3240"}) {
         EXPECT_THROW(parseSocketAddress(text), TextError) << text;
+    }
 }
 
 } // namespace
