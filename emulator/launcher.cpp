@@ -1,6 +1,6 @@
 #include "launcher.h"
 
-#include "control/channel.h"
+#include "preload_contract.h"
 #include "program.h"
 #include "scratch_folder.h"
 #include "session.h"
@@ -63,9 +63,9 @@ Program::Environment emulatedEnvironment(const Options& options, const VirtualBu
     std::string preloads = foreignPreloads();
     preloads += (preloads.empty() ? "" : ":") + findCompanion().string() + ":" + std::string(umockdevPreload);
     return {{preloadVariable, preloads},
-            {"UMOCKDEV_DIR", bus.root()},
-            {"GVUSB_EMULATE_FOLDER", folder.string()},
-            {"GVUSB_EMULATE_CONFIG", options.configurationFile}};
+            {emulate_root_variable, bus.root()},
+            {emulate_folder_variable, folder.string()},
+            {emulate_configuration_variable, options.configurationFile}};
 }
 
 // umockdev makes its folder where TMPDIR says, and GLib reads the variable once.
@@ -96,7 +96,7 @@ private:
 
 int launchEmulated(const Options& options, const BlockedSignals& signals) {
     const ScratchFolder folder;
-    ::unsetenv("UMOCKDEV_DIR"); // NOLINT(concurrency-mt-unsafe): there is no other thread yet
+    ::unsetenv(emulate_root_variable); // NOLINT(concurrency-mt-unsafe): there is no other thread yet
     std::optional<TemporaryFolderVariable> temporary(folder.path());
     VirtualBus bus(folder.path());
     Session session(options, signals, bus, (folder.path() / "commands").string());
@@ -119,10 +119,10 @@ int launchUsbip(const Options& options, const BlockedSignals& signals) {
     // in the kernel for as long as a reader that it has attached neither answers nor goes.
     const std::unique_ptr<UsbipBus> bus = std::move(made);
     if (!options.program.empty()) {
-        return session.run({{"GVUSB_EMULATE_USBIP", bus->address()}});
+        return session.run({{emulate_usbip_variable, bus->address()}});
     }
-    std::cout << "gvusb-emulate: USB/IP at " << bus->address() << ", commands at " << socketVariable << '='
-              << socket << std::endl; // NOLINT(performance-avoid-endl): somebody waits for it
+    std::cout << "gvusb-emulate: USB/IP at " << bus->address() << ", commands at " << emulate_socket_variable
+              << '=' << socket << std::endl; // NOLINT(performance-avoid-endl): somebody waits for it
     session.runAlone();
     return EXIT_SUCCESS;
 }

@@ -1,6 +1,7 @@
 #include "control/channel.h"
 #include "launcher.h"
 #include "options.h"
+#include "preload_contract.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -12,9 +13,9 @@ namespace {
 constexpr int busError = 125;
 
 int send(const std::string& command) {
-    const char* socket = std::getenv(emulator::socketVariable);
+    const char* socket = std::getenv(emulate_socket_variable);
     if (socket == nullptr) {
-        std::cerr << "gvusb-emulate: " << emulator::socketVariable << " is not set; this runs on no bus.\n"
+        std::cerr << "gvusb-emulate: " << emulate_socket_variable << " is not set; this runs on no bus.\n"
                   << "Start it from a program that runs under the launcher: gvusb-emulate -- sh -c '...'\n";
         return EXIT_FAILURE;
     }

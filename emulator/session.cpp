@@ -1,5 +1,7 @@
 #include "session.h"
 
+#include "preload_contract.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -58,7 +60,7 @@ Session::Session(Options options, const BlockedSignals& signals, Bus& bus, std::
 }
 
 int Session::run(Program::Environment environment) {
-    environment.emplace_back(socketVariable, m_socket);
+    environment.emplace_back(emulate_socket_variable, m_socket);
     m_program.emplace(m_options.program, environment, m_signals.before());
     m_start = now();
     if (!m_program->error().empty()) {

@@ -16,9 +16,6 @@
 
 namespace emulator {
 
-// The environment variable that names the socket to the program.
-constexpr const char* socketVariable = "GVUSB_EMULATE_SOCKET";
-
 class CommandChannel {
 public:
     using Run = std::function<CommandAnswer(std::string_view line)>;

@@ -1,5 +1,7 @@
 #include "usbfs/opening.h"
 
+#include "preload_contract.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -12,10 +14,6 @@ namespace emulator {
 namespace {
 
 constexpr std::size_t setupSize = 8;
-
-// What the companion preload sends before it closes a node, so that everything the opening held is free when
-// close() returns, as it is with the kernel's usbfs.
-constexpr unsigned long closingRequest = _IO('U', 0xE0);
 
 constexpr std::uint32_t capabilities = USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
                                        USBDEVFS_CAP_REAP_AFTER_DISCONNECT | USBDEVFS_CAP_BULK_SCATTER_GATHER;
@@ -225,7 +223,7 @@ int UsbfsOpening::answer(unsigned long request, UMockdevIoctlData* argument) {
         return onDevice([&](UsbfsDevice& device, Time now) { return device.reset(m_id, now); });
     case USBDEVFS_GET_SPEED:
         return getSpeed();
-    case closingRequest:
+    case emulate_closing_request:
         close();
         return 0;
     default:

@@ -32,18 +32,15 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include "preload_contract.h"
+
 #define EXPORT __attribute__((visibility("default")))
 
 static const char device_folder[] = "/dev/";
-static const char node_folder[] = "/dev/bus/usb/";
-static const char configuration_file[] = "/etc/gavo/gvusb.conf";
-
-// The emulator's own request: see closingRequest in usbfs_opening.cpp.
-static const unsigned long closing_request = _IO('U', 0xE0);
 
 // What a file descriptor is: a node of a USB device, a device that is anything else below /dev, or udev's socket.
 enum kind { other, device, node, event_socket };
-enum { most_descriptors = 4096, most_open_devices = 50 };
+enum { most_descriptors = 4096 };
 static struct {
     enum kind kind;
     pid_t owner; // a forked child that closes its copy must not end what its parent uses
@@ -148,37 +145,34 @@ static bool begins_with(const char* text, const char* beginning) {
 
 // The errno with which opening something below /dev is refused at present; 0: it is not.
 static int refusal(const char* path) {
-    if (open_devices() >= most_open_devices) {
+    if (open_devices() >= emulate_most_open_devices) {
         return EMFILE;
     }
-    const char* folder = getenv("GVUSB_EMULATE_FOLDER");
-    if (folder == NULL || !begins_with(path, node_folder)) {
+    const char* folder = getenv(emulate_folder_variable);
+    if (folder == NULL || !begins_with(path, emulate_node_folder)) {
         return 0;
     }
     char link[PATH_MAX];
-    char* end = link + snprintf(link, sizeof link, "%s/refused/%s", folder, path + strlen(node_folder));
-    if (end >= link + sizeof link) {
+    if (!emulate_refusal_path(link, sizeof link, folder, path)) {
         return 0;
     }
-    char* slash = strrchr(link, '/');
-    *slash = '.';
     char text[16] = "";
     const ssize_t length = readlink(link, text, sizeof text - 1);
     return length > 0 ? atoi(text) : 0;
 }
 
 static const char* redirected(const char* path) {
-    if (strcmp(path, configuration_file) != 0) {
+    if (strcmp(path, emulate_configuration_file) != 0) {
         return path;
     }
-    const char* replacement = getenv("GVUSB_EMULATE_CONFIG");
+    const char* replacement = getenv(emulate_configuration_variable);
     return replacement != NULL ? replacement : path;
 }
 
 // Keeps account of an open below /dev that has just been tried.
 static void after_open(const char* path, int opened) {
     if (opened >= 0) {
-        note(opened, begins_with(path, node_folder) ? node : device);
+        note(opened, begins_with(path, emulate_node_folder) ? node : device);
         return;
     }
     const int error = errno;
@@ -303,11 +297,11 @@ EXPORT FILE* fopen64(const char* path, const char* mode) {
 }
 
 static void event_socket_name(char* name, size_t size, int descriptor, bool with_process) {
-    const char* root = getenv("UMOCKDEV_DIR");
-    if (with_process) {
-        snprintf(name, size, "%s/event%d.%d", root != NULL ? root : "", descriptor, (int)getpid());
-    } else {
-        snprintf(name, size, "%s/event%d", root != NULL ? root : "", descriptor);
+    const char* root = getenv(emulate_root_variable);
+    const int length =
+        snprintf(name, size, "%s/%s%d", root != NULL ? root : "", emulate_event_socket, descriptor);
+    if (with_process && length > 0 && (size_t)length < size) {
+        snprintf(name + length, size - (size_t)length, ".%d", (int)getpid());
     }
 }
 
@@ -335,7 +329,7 @@ EXPORT int bind(int descriptor, __CONST_SOCKADDR_ARG address, socklen_t length) 
 static void before_close(int descriptor) {
     const enum kind kind = take_note(descriptor);
     if (kind == node) {
-        next.ioctl(descriptor, closing_request, NULL);
+        next.ioctl(descriptor, emulate_closing_request, NULL);
     } else if (kind == event_socket) {
         char name[PATH_MAX];
         event_socket_name(name, sizeof name, descriptor, true);

@@ -1,5 +1,6 @@
 #include "usbfs/sysfs.h"
 
+#include "preload_contract.h"
 #include "text.h"
 
 #include <array>
@@ -82,8 +83,8 @@ ShownDevice rootHub(std::uint8_t bus) {
 
 } // namespace
 
-std::string nodePath(const ShownDevice& device) {
-    return numbered("/dev/bus/usb/%03u/%03u", device.bus, device.address);
+std::string nodePath(std::uint8_t bus, std::uint8_t address) {
+    return emulate_node_folder + numbered("%03u/%03u", bus, address);
 }
 
 std::string show(UMockdevTestbed* testbed, const std::string& root, const std::string& name,
@@ -97,7 +98,7 @@ std::string show(UMockdevTestbed* testbed, const std::string& root, const std::s
         properties.push_back(std::move(value));
     };
     property("DEVTYPE", "usb_device");
-    property("DEVNAME", nodePath(device));
+    property("DEVNAME", nodePath(device.bus, device.address));
     property("BUSNUM", numbered("%03u", device.bus));
     property("DEVNUM", numbered("%03u", device.address));
     property("MAJOR", "189"); // the kernel's for USB devices
@@ -111,7 +112,7 @@ std::string show(UMockdevTestbed* testbed, const std::string& root, const std::s
 
 void showRootHub(UMockdevTestbed* testbed, const std::string& root, std::uint8_t bus) {
     const ShownDevice hub = rootHub(bus);
-    const std::filesystem::path node = root + nodePath(hub);
+    const std::filesystem::path node = root + nodePath(hub.bus, hub.address);
     std::filesystem::create_directories(node.parent_path());
     writeFile(node, asText(hub.descriptors));
     show(testbed, root, numbered("usb%u", bus), hub);

@@ -28,8 +28,8 @@ constexpr std::uint8_t rootHubAddress = 1;
 // Shows that hub. Nobody talks to it; its node holds what reading any device's node gives.
 void showRootHub(UMockdevTestbed* testbed, const std::string& root, std::uint8_t bus);
 
-// The device's node, below the root.
-std::string nodePath(const ShownDevice& device);
+// The node of the device with this address, as programs see it.
+std::string nodePath(std::uint8_t bus, std::uint8_t address);
 
 // Makes a device with this name appear, whose node is there already. The event that tells of it comes last:
 // whoever hears it finds everything in its place. Returns the device's path in sysfs.

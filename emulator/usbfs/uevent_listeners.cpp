@@ -1,5 +1,7 @@
 #include "usbfs/uevent_listeners.h"
 
+#include "preload_contract.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -48,7 +50,7 @@ bool waitForRoom(const std::string& path, Clock::time_point deadline) {
 bool waitForRoomAtListeners(const std::filesystem::path& testbed, std::chrono::milliseconds patience) {
     const Clock::time_point deadline = Clock::now() + patience;
     for (const auto& entry : std::filesystem::directory_iterator(testbed)) {
-        if (entry.path().filename().string().starts_with("event") &&
+        if (entry.path().filename().string().starts_with(emulate_event_socket) &&
             !waitForRoom(entry.path().string(), deadline)) {
             return false;
         }

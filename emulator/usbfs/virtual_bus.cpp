@@ -1,12 +1,15 @@
 #include "usbfs/virtual_bus.h"
 
 #include "model/descriptors.h"
+#include "preload_contract.h"
 #include "usbfs/sysfs.h"
 #include "usbfs/uevent_listeners.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <filesystem>
 #include <system_error>
 
@@ -35,10 +38,10 @@ VirtualBus::VirtualBus(std::filesystem::path folder)
     if (m_wakeUp < 0) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
     }
-    std::filesystem::create_directory(m_folder / "refused");
+    std::filesystem::create_directory(m_folder / emulate_refusals);
     m_testbed = umockdev_testbed_new();
     // libusb looks for the bus's folder when it starts, also while it is empty.
-    std::filesystem::create_directories(root() + "/dev/bus/usb");
+    std::filesystem::create_directories(root() + emulate_node_folder);
     std::filesystem::create_directories(root() + "/sys/bus/usb/devices");
     ensureRootHub(1);
 }
@@ -138,11 +141,12 @@ void VirtualBus::plug(std::size_t number) {
                                .speed = description.speed,
                                .configuration = reader.model.configuration(),
                                .descriptors = allDescriptors(description)};
+    const std::string node = nodePath(shown.bus, shown.address);
     std::erase_if(m_retired, [&](const auto& entry) {
-        return entry.second->path() == nodePath(shown) || now() - entry.first > retirement;
+        return entry.second->path() == node || now() - entry.first > retirement;
     });
     reader.node = std::make_unique<DeviceNode>(
-        m_testbed, nodePath(shown), reader.device, m_mutex,
+        m_testbed, node, reader.device, m_mutex,
         NodeHooks{.configured =
                       [testbed = m_testbed, path = "/sys/devices/" + name](std::uint8_t value) {
                           umockdev_testbed_set_attribute_int(testbed, path.c_str(), "bConfigurationValue",
@@ -242,7 +246,10 @@ void VirtualBus::refuseOpening(std::size_t number, int error) {
 }
 
 std::filesystem::path VirtualBus::refusalFile(const Reader& reader) const {
-    return m_folder / "refused" / numbered("%03u.%03u", reader.model.description().bus, reader.address);
+    std::array<char, PATH_MAX> path{};
+    emulate_refusal_path(path.data(), path.size(), m_folder.c_str(),
+                         nodePath(reader.model.description().bus, reader.address).c_str());
+    return path.data();
 }
 
 // The refusal is a symbolic link because that is read in one step and by everybody, root or not.
