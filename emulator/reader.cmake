@@ -15,5 +15,5 @@ foreach(source
         usbip/readers.cpp)
     target_sources(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR}/${source})
 endforeach()
-target_include_directories(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR})
+target_include_directories(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR} ${PROJECT_SOURCE_DIR}/src)
 target_compile_definitions(gvusb_reader INTERFACE GVUSB_VENDOR_ID=${GVUSB_VENDOR_ID})

@@ -264,7 +264,7 @@ std::vector<ReaderDescription> defaultReaders() {
     ReaderDescription bulk;
     bulk.strings[deviceNameString] = "Virtual Bulk Reader";
     ReaderDescription control;
-    control.product = 2;
+    control.product = lowestReaderProduct + 1;
     control.endpoints.clear();
     control.strings[deviceIdString] = "1A2B3D";
     control.strings[deviceNameString] = "Virtual Control Reader";

@@ -6,6 +6,7 @@
 // Plain values; any thread may use them.
 #pragma once
 
+#include "base/reader_facts.h"
 #include "model/reply_rule.h"
 #include "text.h"
 
@@ -32,18 +33,16 @@ struct Endpoint {
     bool in() const { return (address & 0x80) != 0; }
 };
 
-// The string descriptors by which a reader identifies itself.
-enum StringIndex : std::uint8_t {
-    deviceIdString = 1,
-    familyNameString = 3,
-    deviceNameString = 5,
-    interfaceTypeString = 6,
-    typeNumberString = 10,
-};
+// The keys of ReaderDescription::strings by which a reader identifies itself.
+constexpr auto deviceIdString = static_cast<std::uint8_t>(StringIndex::deviceId);
+constexpr auto familyNameString = static_cast<std::uint8_t>(StringIndex::familyName);
+constexpr auto deviceNameString = static_cast<std::uint8_t>(StringIndex::deviceName);
+constexpr auto interfaceTypeString = static_cast<std::uint8_t>(StringIndex::interfaceType);
+constexpr auto typeNumberString = static_cast<std::uint8_t>(StringIndex::typeNumber);
 
 struct ReaderDescription {
     std::uint16_t vendor = GVUSB_VENDOR_ID;
-    std::uint16_t product = 1;
+    std::uint16_t product = lowestReaderProduct;
     std::uint16_t release = 0x0100;
     Speed speed = Speed::full;
     std::uint8_t bus = 1;

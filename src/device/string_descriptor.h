@@ -1,17 +1,11 @@
-// The readers' string descriptors: which index says what, and reading one.
+// Reading a string descriptor.
 #pragma once
+
+#include "base/reader_facts.h"
 
 #include <cstdint>
 
 #include <libusb.h>
-
-enum class StringIndex : std::uint8_t {
-    deviceId = 1, // in hexadecimal
-    familyName = 3,
-    deviceName = 5,
-    interfaceType = 6,
-    typeNumber = 10
-};
 
 using DescriptorText = char[256]; // a descriptor's text is never longer, its terminating zero included
 

@@ -2,6 +2,7 @@
 
 #include "api/log.h"
 #include "base/numbers.h"
+#include "base/reader_facts.h"
 #include "base/usb_owners.h"
 #include "device/gvdevice.h"
 #include "device/string_descriptor.h"
@@ -99,7 +100,8 @@ int GVDrvHnd::RebuildScanList(_GVUSB_SCANSEARCH* search) {
 }
 
 bool GVDrvHnd::IsUsableGavoDevice(libusb_device_descriptor* desc) {
-    return desc->idVendor == GVUSB_VENDOR_ID && desc->idProduct >= 1 && desc->idProduct <= 4;
+    return desc->idVendor == GVUSB_VENDOR_ID && desc->idProduct >= lowestReaderProduct &&
+           desc->idProduct <= highestReaderProduct;
 }
 
 unsigned int GVDrvHnd::ReadDeviceIdOfUsbDev(libusb_device* dev) {
