@@ -73,26 +73,24 @@ std::size_t Connection::operation(Input bytes) {
         return 0;
     }
     const OperationHeader header = readOperation(bytes);
-    if (header.version != protocolVersion) {
+    if (header.version != usbip_protocol_version) {
         return refuse("another version of the protocol");
     }
-    switch (static_cast<Operation>(header.code)) {
-    case Operation::requestList:
-        appendOperation(m_output, Operation::replyList, OperationStatus::ok);
+    switch (header.code) {
+    case usbip_request_list:
+        appendOperation(m_output, usbip_reply_list, usbip_ok);
         m_readers.appendList(m_output);
         m_ended = true;
         return operationSize;
-    case Operation::requestImport:
+    case usbip_request_import:
         return importReader(bytes);
-    case Operation::replyImport:
-    case Operation::replyList:
-        break;
+    default:
+        return refuse("an unknown operation");
     }
-    return refuse("an unknown operation");
 }
 
 std::size_t Connection::importReader(Input bytes) {
-    constexpr std::size_t size = operationSize + busIdSize;
+    constexpr std::size_t size = operationSize + usbip_bus_id_size;
     if (bytes.size() < size) {
         return 0;
     }
@@ -100,11 +98,10 @@ std::size_t Connection::importReader(Input bytes) {
     const bool free = reader != nullptr && reader->importer == nullptr;
     m_ended = !free;
     if (!free) {
-        appendOperation(m_output, Operation::replyImport,
-                        reader == nullptr ? OperationStatus::noDevice : OperationStatus::busy);
+        appendOperation(m_output, usbip_reply_import, reader == nullptr ? usbip_no_device : usbip_busy);
         return size;
     }
-    appendOperation(m_output, Operation::replyImport, OperationStatus::ok);
+    appendOperation(m_output, usbip_reply_import, usbip_ok);
     appendDevice(m_output, reader->device(), reader->model.description());
     reader->importer = this;
     m_import.emplace(*reader);
@@ -112,7 +109,6 @@ std::size_t Connection::importReader(Input bytes) {
 }
 
 std::size_t Connection::urb(Input bytes, Time now) {
-    constexpr std::uint32_t directionIn = 1;
     if (bytes.size() < headerSize) {
         return 0;
     }
@@ -120,30 +116,28 @@ std::size_t Connection::urb(Input bytes, Time now) {
     if (header.device != m_import->reader().device().id()) {
         return refuse("another device than the imported one");
     }
-    if (header.direction > directionIn) {
+    if (header.direction > usbip_in) {
         return refuse("an unknown direction");
     }
-    switch (static_cast<Command>(header.command)) {
-    case Command::submit: {
+    switch (header.command) {
+    case usbip_command_submit: {
         const Submit submit = readSubmit(bytes);
         if (const char* mistake = m_import->mistake(header, submit)) {
             return refuse(mistake);
         }
-        const auto payload = static_cast<std::size_t>(header.direction == directionIn ? 0 : submit.length);
+        const auto payload = static_cast<std::size_t>(header.direction == usbip_in ? 0 : submit.length);
         if (bytes.size() < headerSize + payload) {
             return 0;
         }
         m_import->submit(header, submit, bytes.subspan(headerSize, payload), now, m_output);
         return headerSize + payload;
     }
-    case Command::unlink:
+    case usbip_command_unlink:
         m_import->unlink(header.sequence, readUnlinked(bytes), now, m_output);
         return headerSize;
-    case Command::submitted:
-    case Command::unlinked:
-        break;
+    default:
+        return refuse("an unknown command");
     }
-    return refuse("an unknown command");
 }
 
 } // namespace emulator::usbip

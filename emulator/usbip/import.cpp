@@ -76,7 +76,7 @@ void Import::submit(const UrbHeader& header, const Submit& submit, Input payload
         ++m_reader.counts.resets;
         m_reader.model.reset(now);
         collect(replies);
-        appendSubmitted(replies, header.sequence, 0, 0, {});
+        appendSubmitReply(replies, header.sequence, 0, 0, {});
         return;
     }
     count(submit, endpoint);
@@ -97,7 +97,7 @@ void Import::submit(const UrbHeader& header, const Submit& submit, Input payload
     }
     // Listed before the replies are collected, so that a completion finds it.
     const TransferId id = m_reader.model.submit(std::move(transfer), now);
-    const bool mustBeWhole = in && (submit.flags & shortNotOk) != 0;
+    const bool mustBeWhole = in && (submit.flags & usbip_short_not_ok) != 0;
     m_flying.emplace(id, Flying{.sequence = header.sequence, .length = length, .mustBeWhole = mustBeWhole});
     m_transfers.emplace(header.sequence, id);
     m_bytes += length;
@@ -108,7 +108,7 @@ void Import::submit(const UrbHeader& header, const Submit& submit, Input payload
 void Import::unlink(std::uint32_t sequence, std::uint32_t unlinked, Time now, Bytes& replies) {
     const auto found = m_transfers.find(unlinked);
     if (found == m_transfers.end()) {
-        appendUnlinked(replies, sequence, 0);
+        appendUnlinkReply(replies, sequence, 0);
         return;
     }
     const TransferId id = found->second;
@@ -118,7 +118,7 @@ void Import::unlink(std::uint32_t sequence, std::uint32_t unlinked, Time now, By
     m_flying.erase(flying);
     ++m_reader.counts.cancels;
     m_reader.model.cancel(id, now);
-    appendUnlinked(replies, sequence, -ECONNRESET);
+    appendUnlinkReply(replies, sequence, -ECONNRESET);
     collect(replies);
 }
 
@@ -136,7 +136,7 @@ void Import::collect(Bytes& replies) {
         if (result == 0 && flying.mustBeWhole && completion->actual < flying.length) {
             result = -EREMOTEIO;
         }
-        appendSubmitted(replies, flying.sequence, result, completion->actual, completion->data);
+        appendSubmitReply(replies, flying.sequence, result, completion->actual, completion->data);
     }
 }
 

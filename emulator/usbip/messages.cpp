@@ -3,42 +3,39 @@
 #include "model/descriptors.h"
 
 #include <algorithm>
+#include <cstring>
+#include <string_view>
+
+#include <arpa/inet.h>
 
 namespace emulator::usbip {
 
 namespace {
 
-constexpr std::size_t pathSize = 256;
-
-// Where a submit's setup packet stands.
-constexpr std::size_t setupOffset = 40;
-
-std::uint16_t read16(Input bytes, std::size_t at) {
-    return static_cast<std::uint16_t>(bytes[at] << 8 | bytes[at + 1]);
+template <typename Record>
+Record read(Input bytes) {
+    Record record;
+    std::memcpy(&record, bytes.data(), sizeof record);
+    return record;
 }
 
-std::uint32_t read32(Input bytes, std::size_t at) {
-    return std::uint32_t{read16(bytes, at)} << 16 | read16(bytes, at + 2);
+template <typename Record>
+void append(Bytes& bytes, const Record& record) {
+    const auto* const begin = reinterpret_cast<const std::uint8_t*>(&record);
+    bytes.insert(bytes.end(), begin, begin + sizeof record);
 }
 
-// A setup packet keeps USB's own order.
-std::uint16_t readLittle16(Input bytes, std::size_t at) {
-    return static_cast<std::uint16_t>(bytes[at] | bytes[at + 1] << 8);
+std::uint16_t readLittle16(const std::uint8_t* bytes) {
+    return static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8);
 }
 
-void append16(Bytes& bytes, std::uint16_t value) {
-    bytes.push_back(static_cast<std::uint8_t>(value >> 8));
-    bytes.push_back(static_cast<std::uint8_t>(value & 0xFF));
+// Leaves at least one zero at the end.
+template <std::size_t size>
+void put(char (&field)[size], std::string_view text) {
+    text.copy(field, size - 1);
 }
 
-void appendText(Bytes& bytes, std::string_view text, std::size_t size) {
-    const std::size_t before = bytes.size();
-    bytes.insert(bytes.end(), text.begin(),
-                 text.begin() + static_cast<std::ptrdiff_t>(std::min(text.size(), size - 1)));
-    bytes.resize(before + size);
-}
-
-// The kernel's numbers: low, full, high.
+// The kernel counts low, full and high speed from 1.
 std::uint32_t speedNumber(Speed speed) {
     return static_cast<std::uint32_t>(speed) + 1;
 }
@@ -47,45 +44,53 @@ std::uint8_t interfaceCount(const Device& device, const ReaderDescription& reade
     return device.configuration == 0 ? std::uint8_t{0} : reader.interfaces;
 }
 
-// The beginning of every reply; device, direction and endpoint are 0 in replies.
-void appendReplyHeader(Bytes& bytes, Command command, std::uint32_t sequence, int status) {
-    append32(bytes, static_cast<std::uint32_t>(command));
-    append32(bytes, sequence);
-    bytes.resize(bytes.size() + 12);
-    append32(bytes, static_cast<std::uint32_t>(status));
+usbip_header replyHeader(usbip_command command, std::uint32_t sequence) {
+    usbip_header header{};
+    header.command = htonl(command);
+    header.sequence = htonl(sequence);
+    return header;
 }
 
 } // namespace
 
 OperationHeader readOperation(Input bytes) {
-    return {.version = read16(bytes, 0), .code = read16(bytes, 2)};
+    const auto operation = read<usbip_operation>(bytes);
+    return {.version = ntohs(operation.version), .code = ntohs(operation.code)};
 }
 
-void appendOperation(Bytes& bytes, Operation code, OperationStatus status) {
-    append16(bytes, protocolVersion);
-    append16(bytes, static_cast<std::uint16_t>(code));
-    append32(bytes, static_cast<std::uint32_t>(status));
+void appendOperation(Bytes& bytes, usbip_operation_code code, usbip_operation_status status) {
+    append(bytes, usbip_operation{.version = htons(usbip_protocol_version),
+                                  .code = htons(static_cast<std::uint16_t>(code)),
+                                  .status = htonl(status)});
 }
 
 std::string readBusId(Input bytes) {
-    const Input field = bytes.first(busIdSize);
+    const Input field = bytes.first(usbip_bus_id_size);
     return {field.begin(), std::ranges::find(field, 0)};
 }
 
+void appendCount(Bytes& bytes, std::size_t count) {
+    append(bytes, htonl(static_cast<std::uint32_t>(count)));
+}
+
 void appendDevice(Bytes& bytes, const Device& device, const ReaderDescription& reader) {
+    usbip_device shown{};
+    put(shown.path, "/sys/devices/gvusb/usb" + std::to_string(device.bus) + "/" + device.busId);
+    put(shown.bus_id, device.busId);
+    shown.bus = htonl(device.bus);
+    shown.number = htonl(device.number);
+    shown.speed = htonl(speedNumber(reader.speed));
+    shown.vendor = htons(reader.vendor);
+    shown.product = htons(reader.product);
+    shown.release = htons(reader.release);
     const Bytes descriptor = deviceDescriptor(reader);
-    appendText(bytes, "/sys/devices/gvusb/usb" + std::to_string(device.bus) + "/" + device.busId, pathSize);
-    appendText(bytes, device.busId, busIdSize);
-    append32(bytes, device.bus);
-    append32(bytes, device.number);
-    append32(bytes, speedNumber(reader.speed));
-    append16(bytes, reader.vendor);
-    append16(bytes, reader.product);
-    append16(bytes, reader.release);
-    bytes.insert(bytes.end(), descriptor.begin() + 4, descriptor.begin() + 7); // class, subclass, protocol
-    bytes.push_back(device.configuration);
-    bytes.push_back(static_cast<std::uint8_t>(reader.configurations.size()));
-    bytes.push_back(interfaceCount(device, reader));
+    shown.device_class = descriptor[4];
+    shown.device_subclass = descriptor[5];
+    shown.device_protocol = descriptor[6];
+    shown.configuration = device.configuration;
+    shown.configurations = static_cast<std::uint8_t>(reader.configurations.size());
+    shown.interfaces = interfaceCount(device, reader);
+    append(bytes, shown);
 }
 
 void appendInterfaces(Bytes& bytes, const Device& device, const ReaderDescription& reader) {
@@ -93,57 +98,58 @@ void appendInterfaces(Bytes& bytes, const Device& device, const ReaderDescriptio
     if (interfaceCount(device, reader) == 0) {
         return;
     }
-    const auto present = std::ranges::find(reader.configurations, device.configuration);
+    const auto active = std::ranges::find(reader.configurations, device.configuration);
     const Bytes configuration = configurationDescriptor(
-        reader, static_cast<std::size_t>(std::distance(reader.configurations.begin(), present)));
+        reader, static_cast<std::size_t>(std::distance(reader.configurations.begin(), active)));
     for (std::size_t at = 0; at < configuration.size(); at += configuration[at]) {
-        if (configuration[at + 1] != interfaceType) {
-            continue;
+        if (configuration[at + 1] == interfaceType) {
+            append(bytes, usbip_interface{.interface_class = configuration[at + 5],
+                                          .interface_subclass = configuration[at + 6],
+                                          .interface_protocol = configuration[at + 7],
+                                          .padding = 0});
         }
-        const auto classes = configuration.begin() + static_cast<std::ptrdiff_t>(at) + 5;
-        bytes.insert(bytes.end(), classes, classes + 3);
-        bytes.push_back(0); // padding
     }
 }
 
-void append32(Bytes& bytes, std::uint32_t value) {
-    append16(bytes, static_cast<std::uint16_t>(value >> 16));
-    append16(bytes, static_cast<std::uint16_t>(value & 0xFFFF));
-}
-
 UrbHeader readUrbHeader(Input bytes) {
-    return {.command = read32(bytes, 0),
-            .sequence = read32(bytes, 4),
-            .device = read32(bytes, 8),
-            .direction = read32(bytes, 12),
-            .endpoint = read32(bytes, 16)};
+    const auto header = read<usbip_header>(bytes);
+    return {.command = ntohl(header.command),
+            .sequence = ntohl(header.sequence),
+            .device = ntohl(header.device),
+            .direction = ntohl(header.direction),
+            .endpoint = ntohl(header.endpoint)};
 }
 
 Submit readSubmit(Input bytes) {
-    return {.flags = read32(bytes, 20),
-            .length = static_cast<std::int32_t>(read32(bytes, 24)),
-            .packets = static_cast<std::int32_t>(read32(bytes, 32)),
-            .setup = {.requestType = bytes[setupOffset],
-                      .request = bytes[setupOffset + 1],
-                      .value = readLittle16(bytes, setupOffset + 2),
-                      .index = readLittle16(bytes, setupOffset + 4),
-                      .length = readLittle16(bytes, setupOffset + 6)}};
+    const auto submit = read<usbip_submit>(bytes);
+    return {.flags = ntohl(submit.flags),
+            .length = static_cast<std::int32_t>(ntohl(submit.length)),
+            .packets = static_cast<std::int32_t>(ntohl(submit.packets)),
+            .setup = {.requestType = submit.setup[0],
+                      .request = submit.setup[1],
+                      .value = readLittle16(submit.setup + 2),
+                      .index = readLittle16(submit.setup + 4),
+                      .length = readLittle16(submit.setup + 6)}};
 }
 
 std::uint32_t readUnlinked(Input bytes) {
-    return read32(bytes, 20);
+    return ntohl(read<usbip_unlink>(bytes).unlinked);
 }
 
-void appendSubmitted(Bytes& bytes, std::uint32_t sequence, int status, std::size_t actual, Input data) {
-    appendReplyHeader(bytes, Command::submitted, sequence, status);
-    append32(bytes, static_cast<std::uint32_t>(actual));
-    bytes.resize(bytes.size() + 20); // what belongs to isochronous transfers, and padding
+void appendSubmitReply(Bytes& bytes, std::uint32_t sequence, int status, std::size_t actual, Input data) {
+    usbip_submit_reply reply{};
+    reply.header = replyHeader(usbip_reply_submit, sequence);
+    reply.status = htonl(static_cast<std::uint32_t>(status));
+    reply.actual_length = htonl(static_cast<std::uint32_t>(actual));
+    append(bytes, reply);
     bytes.insert(bytes.end(), data.begin(), data.end());
 }
 
-void appendUnlinked(Bytes& bytes, std::uint32_t sequence, int status) {
-    appendReplyHeader(bytes, Command::unlinked, sequence, status);
-    bytes.resize(bytes.size() + 24);
+void appendUnlinkReply(Bytes& bytes, std::uint32_t sequence, int status) {
+    usbip_unlink_reply reply{};
+    reply.header = replyHeader(usbip_reply_unlink, sequence);
+    reply.status = htonl(static_cast<std::uint32_t>(status));
+    append(bytes, reply);
 }
 
 } // namespace emulator::usbip

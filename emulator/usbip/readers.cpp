@@ -62,7 +62,7 @@ void Readers::appendList(Bytes& bytes) const {
             free.push_back(reader.get());
         }
     }
-    append32(bytes, static_cast<std::uint32_t>(free.size()));
+    appendCount(bytes, free.size());
     for (const Reader* reader : free) {
         appendDevice(bytes, reader->device(), reader->model.description());
         appendInterfaces(bytes, reader->device(), reader->model.description());

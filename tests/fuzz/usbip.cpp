@@ -27,10 +27,12 @@ struct Fixture {
             parseReaders("endpoints=0x81+0x02+0x83:interrupt+0x04:interrupt,configuration=2+1,interfaces=2,"
                          "speed=high,reply=reverse")
                 .front());
-        for (std::size_t number = 1; number <= readers.size(); ++number)
+        for (std::size_t number = 1; number <= readers.size(); ++number) {
             readers.plug(number, now);
-        for (auto& peer : peers)
+        }
+        for (auto& peer : peers) {
             peer = std::make_unique<fuzz::UsbipPeer>(readers);
+        }
     }
 
     fuzz::UsbipPeer& anyPeer() { return *peers[input.below(peers.size())]; }
@@ -73,8 +75,9 @@ void saySubmit(Fixture& f) {
     }
     if (request.direction == out) {
         request.data = f.bytes(std::min<std::size_t>(request.length, 16));
-        if (f.input.flag() && request.length <= 1 << 16)
+        if (f.input.flag() && request.length <= 1 << 16) {
             request.data.resize(request.length);
+        }
     }
     peer.say(submit(request), f.now);
 }
@@ -98,10 +101,11 @@ void connectAnew(Fixture& f) {
 
 void plugOrUnplug(Fixture& f) {
     const std::size_t reader = f.anyReader();
-    if (f.readers.at(reader).plugged)
+    if (f.readers.at(reader).plugged) {
         f.readers.unplug(reader);
-    else
+    } else {
         f.readers.plug(reader, f.now);
+    }
 }
 
 void changeFaults(Fixture& f) {
@@ -109,11 +113,13 @@ void changeFaults(Fixture& f) {
     const Pipe pipe = pipeOf(f.input.oneOf(pipes));
     PipeFaults faults{.mute = f.input.flag(), .stalled = f.input.flag(), .stuck = f.input.flag()};
     faults.delay = Milliseconds(f.input.byte());
-    if (f.input.flag())
+    if (f.input.flag()) {
         faults.shortTo = f.input.byte();
+    }
     reader.model.setPipeFaults(pipe, faults, f.now);
-    if (reader.importer != nullptr)
+    if (reader.importer != nullptr) {
         reader.importer->collect();
+    }
 }
 
 void letTimePass(Fixture& f) {
@@ -142,13 +148,16 @@ void checkImporters(const Fixture& f) {
 
 // Whatever has happened, the next client finds a reader that works.
 void checkThatReadersWork(Fixture& f) {
-    for (auto& peer : f.peers)
+    for (auto& peer : f.peers) {
         peer.reset();
+    }
     usbip::Reader& reader = f.readers.at(1);
-    if (!reader.plugged)
+    if (!reader.plugged) {
         f.readers.plug(1, f.now);
-    for (const std::uint8_t pipe : pipes)
+    }
+    for (const std::uint8_t pipe : pipes) {
         reader.model.setPipeFaults(pipeOf(pipe), {}, f.now);
+    }
     usbip::Connection connection(f.readers);
     connection.receive(importRequest("1-1"), f.now);
     connection.sent(importReplySize, f.now);

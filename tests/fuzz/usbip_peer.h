@@ -1,4 +1,4 @@
-// A USB/IP client that says anything at all, and holds the server to what the protocol promises.
+// A USB/IP client that sends anything at all and checks what the server sends against the protocol.
 #pragma once
 
 #include "expect.h"
@@ -6,6 +6,7 @@
 #include "usbip/client.h"
 #include "usbip/connection.h"
 
+#include <cerrno>
 #include <deque>
 #include <map>
 
@@ -16,16 +17,17 @@ public:
     explicit UsbipPeer(emulator::usbip::Readers& readers)
         : connection(readers) {}
 
-    // Says it if the server listens, as a socket would.
+    // Sends only while the server reads, as a socket does.
     void say(const emulator::Bytes& bytes, emulator::Time now) {
-        if (!connection.wantsInput())
+        if (!connection.wantsInput()) {
             return;
+        }
         m_said.insert(m_said.end(), bytes.begin(), bytes.end());
         noteSaid();
         connection.receive(bytes, now);
     }
 
-    // Reads so many bytes of what there is to be read.
+    // Reads at most this many of the bytes that the server has to send.
     void hear(std::size_t most, emulator::Time now) {
         const auto output = connection.output();
         const std::size_t count = std::min(most, output.size());
@@ -55,30 +57,35 @@ private:
         }
     }
 
-    // Where the server takes offence at a message, nothing is heard any more.
+    // The server ends the connection at a message that it refuses, so nothing after that is answered.
     bool noteMessage() {
         using namespace usbip_client;
         if (!m_wantsUrbs) {
-            constexpr std::size_t importSize = 40;
-            if (m_said.size() < importSize || m_said[3] != 3)
+            if (m_said.size() < importRequestSize ||
+                ntohs(recordOf<usbip_operation>(m_said).code) != usbip_request_import) {
                 return false;
-            takeOff(m_said, importSize);
+            }
+            takeOff(m_said, importRequestSize);
             m_wantsUrbs = true;
             return true;
         }
-        if (m_said.size() < headerSize)
+        if (m_said.size() < headerSize) {
             return false;
-        const std::uint32_t sequence = wordAt(m_said, 4);
-        const bool in = wordAt(m_said, 12) != 0;
-        if (wordAt(m_said, 0) == 2) {
-            m_unlinks.push_back({.sequence = sequence, .unlinked = wordAt(m_said, 20)});
+        }
+        const auto submit = recordOf<usbip_submit>(m_said);
+        const std::uint32_t sequence = ntohl(submit.header.sequence);
+        const bool in = ntohl(submit.header.direction) != usbip_out;
+        if (ntohl(submit.header.command) == usbip_command_unlink) {
+            const std::uint32_t unlinked = ntohl(recordOf<usbip_unlink>(m_said).unlinked);
+            m_unlinks.push_back({.sequence = sequence, .unlinked = unlinked});
             takeOff(m_said, headerSize);
             return true;
         }
-        const std::uint32_t length = wordAt(m_said, 24);
+        const std::uint32_t length = ntohl(submit.length);
         const std::size_t size = headerSize + (in ? 0 : std::size_t{length});
-        if (m_said.size() < size)
+        if (m_said.size() < size) {
             return false;
+        }
         m_asked[sequence].push_back({.in = in, .length = length});
         takeOff(m_said, size);
         return true;
@@ -92,42 +99,52 @@ private:
     bool checkMessage() {
         using namespace usbip_client;
         if (!m_answered) {
-            if (m_heard.size() < 8)
+            if (m_heard.size() < sizeof(usbip_operation)) {
                 return false;
-            expect(m_heard[0] == 0x01 && m_heard[1] == 0x11, "a reply has the protocol's version");
-            const bool list = m_heard[3] == 5;
-            expect(m_heard[2] == 0 && (list || m_heard[3] == 3), "a reply answers a list or an import");
-            if (list || wordAt(m_heard, 4) != 0)
-                return false; // the rest is text, or nothing
-            if (m_heard.size() < importReplySize)
+            }
+            const auto reply = recordOf<usbip_operation>(m_heard);
+            const std::uint16_t code = ntohs(reply.code);
+            expect(ntohs(reply.version) == usbip_protocol_version, "a reply has the protocol's version");
+            expect(code == usbip_reply_list || code == usbip_reply_import,
+                   "a reply answers a list or an import");
+            if (code == usbip_reply_list || statusOf(m_heard) != usbip_ok) {
+                return false; // a list of devices follows, or nothing
+            }
+            if (m_heard.size() < importReplySize) {
                 return false;
+            }
             takeOff(m_heard, importReplySize);
             m_answered = true;
             return true;
         }
-        if (m_heard.size() < headerSize)
+        if (m_heard.size() < headerSize) {
             return false;
-        const std::uint32_t sequence = wordAt(m_heard, 4);
-        const auto status = static_cast<std::int32_t>(wordAt(m_heard, 20));
-        if (wordAt(m_heard, 0) == 4) {
+        }
+        const auto reply = recordOf<usbip_submit_reply>(m_heard);
+        const std::uint32_t command = ntohl(reply.header.command);
+        const std::uint32_t sequence = ntohl(reply.header.sequence);
+        const auto status = static_cast<std::int32_t>(ntohl(reply.status));
+        if (command == usbip_reply_unlink) {
             expect(!m_unlinks.empty() && m_unlinks.front().sequence == sequence,
                    "unlinks are answered in order");
-            expect(status == 0 || status == -104, "an unlink has been in time or not");
-            if (status != 0)
+            expect(status == 0 || status == -ECONNRESET, "an unlink cancels its submit or comes too late");
+            if (status != 0) {
                 takeAnswered(m_unlinks.front().unlinked);
+            }
             m_unlinks.pop_front();
             takeOff(m_heard, headerSize);
             return true;
         }
-        expect(wordAt(m_heard, 0) == 3, "a reply is one of two");
+        expect(command == usbip_reply_submit, "a reply answers a submit or an unlink");
         expect(!m_asked[sequence].empty(), "a submit is answered once");
         expect(status <= 0, "a status is 0 or negative");
         const Asked& asked = m_asked[sequence].front();
-        const std::uint32_t actual = wordAt(m_heard, 24);
+        const std::uint32_t actual = ntohl(reply.actual_length);
         expect(actual <= asked.length, "no more comes than was asked for");
         const std::size_t size = headerSize + (asked.in ? actual : 0);
-        if (m_heard.size() < size)
+        if (m_heard.size() < size) {
             return false;
+        }
         takeAnswered(sequence);
         takeOff(m_heard, size);
         return true;
@@ -142,7 +159,7 @@ private:
     emulator::Bytes m_heard;
     bool m_wantsUrbs = false;
     bool m_answered = false;
-    std::map<std::uint32_t, std::deque<Asked>> m_asked; // by sequence number, which may come again
+    std::map<std::uint32_t, std::deque<Asked>> m_asked; // by sequence number, which a client may reuse
     std::deque<Unlink> m_unlinks;
 };
 

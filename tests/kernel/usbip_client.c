@@ -11,27 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-/* What goes over the wire has the network's byte order. */
-struct header {
-    uint16_t version, code;
-    uint32_t status;
-};
-struct device {
-    char path[256];
-    char bus_id[32];
-    uint32_t bus, number, speed;
-    uint16_t ids[3];
-    uint8_t class_and_counts[6]; /* the last is how many interfaces follow in a list */
-};
-enum { interface_size = 4 };
-
-enum {
-    protocol_version = 0x0111,
-    ask_for_list = 0x8005,
-    list = 0x0005,
-    ask_for_import = 0x8003,
-    import = 0x0003
-};
+#include "usbip/wire.h"
 
 static int connect_to(const char* server) {
     char address[64];
@@ -58,14 +38,15 @@ static bool receive(int connection, void* data, size_t size) {
 }
 
 static bool ask(int connection, uint16_t question, const void* data, size_t size, uint16_t expected) {
-    const struct header request = {htons(protocol_version), htons(question), 0};
-    struct header reply;
+    const struct usbip_operation request = {htons(usbip_protocol_version), htons(question), 0};
+    struct usbip_operation reply;
     return send(connection, &request, sizeof request, MSG_NOSIGNAL) == sizeof request &&
            (size == 0 || send(connection, data, size, MSG_NOSIGNAL) == (ssize_t)size) &&
-           receive(connection, &reply, sizeof reply) && ntohs(reply.code) == expected && reply.status == 0;
+           receive(connection, &reply, sizeof reply) && ntohs(reply.code) == expected &&
+           reply.status == usbip_ok;
 }
 
-static struct usbip_reader reader_from(const struct device* device) {
+static struct usbip_reader reader_from(const struct usbip_device* device) {
     struct usbip_reader reader = {.remote_id = ntohl(device->bus) << 16 | ntohl(device->number),
                                   .speed = ntohl(device->speed)};
     memcpy(reader.bus_id, device->bus_id, sizeof reader.bus_id);
@@ -74,17 +55,17 @@ static struct usbip_reader reader_from(const struct device* device) {
 
 static int receive_list(int connection, struct usbip_reader* readers, int most) {
     uint32_t count = 0;
-    if (!ask(connection, ask_for_list, NULL, 0, list) || !receive(connection, &count, sizeof count) ||
-        ntohl(count) > (uint32_t)most) {
+    if (!ask(connection, usbip_request_list, NULL, 0, usbip_reply_list) ||
+        !receive(connection, &count, sizeof count) || ntohl(count) > (uint32_t)most) {
         return -1;
     }
     for (uint32_t i = 0; i < ntohl(count); ++i) {
-        struct device device;
-        char interfaces[255 * interface_size];
+        struct usbip_device device;
+        struct usbip_interface interfaces[UINT8_MAX];
         if (!receive(connection, &device, sizeof device)) {
             return -1;
         }
-        const size_t size = device.class_and_counts[5] * (size_t)interface_size;
+        const size_t size = device.interfaces * sizeof interfaces[0];
         if (size > 0 && !receive(connection, interfaces, size)) {
             return -1;
         }
@@ -122,9 +103,10 @@ bool usbip_attach(const char* server, const struct usbip_reader* reader, int por
     if (connection < 0) {
         return false;
     }
-    struct device device;
-    const bool attached = ask(connection, ask_for_import, reader->bus_id, sizeof reader->bus_id, import) &&
-                          receive(connection, &device, sizeof device) && hand_over(connection, reader, port);
+    struct usbip_device device;
+    const bool attached =
+        ask(connection, usbip_request_import, reader->bus_id, sizeof reader->bus_id, usbip_reply_import) &&
+        receive(connection, &device, sizeof device) && hand_over(connection, reader, port);
     close(connection);
     return attached;
 }

@@ -3,8 +3,10 @@
 
 #include <stdbool.h>
 
+#include "usbip/wire.h"
+
 struct usbip_reader {
-    char bus_id[32];
+    char bus_id[usbip_bus_id_size];
     unsigned int remote_id; /* the server's bus and device number, as the kernel shows it again */
     unsigned int speed;     /* as the kernel numbers speeds */
 };

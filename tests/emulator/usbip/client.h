@@ -1,16 +1,20 @@
-// What a USB/IP client sends, and how it takes apart what it gets. Written from the protocol and not with the emulator's
-// own functions, whose mistakes would cancel out.
+// The client's side of USB/IP: composes requests and takes replies apart. It shares only the structures of
+// usbip/wire.h with the server, whose mistakes would otherwise cancel out; messages_test.cpp pins their bytes.
 #pragma once
 
 #include "text.h"
+#include "usbip/wire.h"
 
 #include <algorithm>
+#include <cstring>
 #include <initializer_list>
 #include <span>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include <arpa/inet.h>
 
 namespace usbip_client {
 
@@ -24,34 +28,63 @@ inline Bytes join(std::initializer_list<Bytes> pieces) {
     return all;
 }
 
-inline Bytes word(std::uint32_t value) {
-    return {static_cast<std::uint8_t>(value >> 24), static_cast<std::uint8_t>(value >> 16),
-            static_cast<std::uint8_t>(value >> 8), static_cast<std::uint8_t>(value)};
-}
-
-inline std::uint32_t wordAt(std::span<const std::uint8_t> bytes, std::size_t at) {
-    return std::uint32_t{bytes[at]} << 24 | std::uint32_t{bytes[at + 1]} << 16 |
-           std::uint32_t{bytes[at + 2]} << 8 | bytes[at + 3];
-}
-
-inline Bytes text(std::string_view text, std::size_t size) {
-    Bytes bytes(text.begin(), text.end());
-    bytes.resize(size);
+template <typename Record>
+Bytes bytesOf(const Record& record) {
+    Bytes bytes(sizeof record);
+    std::memcpy(bytes.data(), &record, sizeof record);
     return bytes;
 }
 
+// The record at the start of `bytes`, which has its size at least.
+template <typename Record>
+Record recordOf(std::span<const std::uint8_t> bytes) {
+    Record record;
+    std::memcpy(&record, bytes.data(), sizeof record);
+    return record;
+}
+
+// ------------------------------------------------------------------------------------------------ operations
+inline Bytes operation(usbip_operation_code code) {
+    usbip_operation request{};
+    request.version = htons(usbip_protocol_version);
+    request.code = htons(static_cast<std::uint16_t>(code));
+    return bytesOf(request);
+}
+
 inline Bytes listRequest() {
-    return {0x01, 0x11, 0x80, 0x05, 0, 0, 0, 0};
+    return operation(usbip_request_list);
 }
 
 inline Bytes importRequest(std::string_view busId) {
-    return join({{0x01, 0x11, 0x80, 0x03, 0, 0, 0, 0}, text(busId, 32)});
+    Bytes name(busId.begin(), busId.end());
+    name.resize(usbip_bus_id_size);
+    return join({operation(usbip_request_import), name});
 }
 
-constexpr std::size_t importReplySize = 8 + 312;
-constexpr std::size_t headerSize = 48;
+constexpr std::size_t importRequestSize = sizeof(usbip_operation) + usbip_bus_id_size;
+constexpr std::size_t importReplySize = sizeof(usbip_operation) + sizeof(usbip_device);
+
+inline std::uint32_t statusOf(std::span<const std::uint8_t> reply) {
+    return ntohl(recordOf<usbip_operation>(reply).status);
+}
+
+inline std::uint32_t listedDevices(std::span<const std::uint8_t> reply) {
+    return ntohl(recordOf<std::uint32_t>(reply.subspan(sizeof(usbip_operation))));
+}
+
+// ------------------------------------------------------------------------------------------------------ URBs
+constexpr std::size_t headerSize = sizeof(usbip_submit);
 constexpr std::uint32_t firstReader = 0x00010001; // bus 1, device 1
-enum Direction : std::uint32_t { out = 0, in = 1 };
+enum Direction : std::uint32_t { out = usbip_out, in = usbip_in };
+
+inline usbip_header header(std::uint32_t command, std::uint32_t sequence,
+                           std::uint32_t device = firstReader) {
+    usbip_header header{};
+    header.command = htonl(command);
+    header.sequence = htonl(sequence);
+    header.device = htonl(device);
+    return header;
+}
 
 struct SubmitRequest {
     std::uint32_t sequence = 1;
@@ -66,8 +99,15 @@ struct SubmitRequest {
 };
 
 inline Bytes submit(const SubmitRequest& s) {
-    return join({word(1), word(s.sequence), word(s.device), word(s.direction), word(s.endpoint),
-                 word(s.flags), word(s.length), word(0), word(s.packets), word(0), s.setup, s.data});
+    usbip_submit request{};
+    request.header = header(usbip_command_submit, s.sequence, s.device);
+    request.header.direction = htonl(s.direction);
+    request.header.endpoint = htonl(s.endpoint);
+    request.flags = htonl(s.flags);
+    request.length = htonl(s.length);
+    request.packets = htonl(s.packets);
+    std::ranges::copy(s.setup, request.setup);
+    return join({bytesOf(request), s.data});
 }
 
 inline Bytes sendFrame(std::uint32_t sequence, const Bytes& data) {
@@ -89,14 +129,25 @@ inline Bytes control(std::uint32_t sequence, Bytes setup) {
 }
 
 inline Bytes unlink(std::uint32_t sequence, std::uint32_t unlinked, std::uint32_t device = firstReader) {
-    return join({word(2), word(sequence), word(device), word(0), word(0), word(unlinked), Bytes(24)});
+    usbip_unlink request{};
+    request.header = header(usbip_command_unlink, sequence, device);
+    request.unlinked = htonl(unlinked);
+    return bytesOf(request);
 }
 
-// The replies as words: "submitted 5 0 aabb" is sequence number, status and data, where the data comes from the device;
-// "submitted 5 0 +2" stands for as many bytes to the device; "unlinked 5 -104". Blanks and "; " between.
+// A message that has only a header, with any command.
+inline Bytes bareMessage(std::uint32_t command, std::uint32_t sequence) {
+    usbip_unlink message{};
+    message.header = header(command, sequence);
+    return bytesOf(message);
+}
+
+// Replies in words, separated by "; ". A reply to a submit is "submitted", sequence number, status and the data from
+// the device in hexadecimal, such as "submitted 5 0 aabb", or the number of bytes sent to it, "submitted 5 0 +2". A
+// reply to an unlink is "unlinked 5 -104".
 class Replies {
 public:
-    // The sequence numbers of submits that want something from the device.
+    // `fetched` lists the sequence numbers of submits in direction "in".
     explicit Replies(std::span<const std::uint8_t> bytes, std::initializer_list<std::uint32_t> fetched = {})
         : m_fetched(fetched) {
         while (bytes.size() >= headerSize) {
@@ -113,26 +164,23 @@ private:
     void add(const std::string& reply) { m_text += (m_text.empty() ? "" : "; ") + reply; }
 
     std::size_t take(std::span<const std::uint8_t> bytes) {
-        const std::uint32_t command = wordAt(bytes, 0);
-        const std::uint32_t sequence = wordAt(bytes, 4);
-        const auto status = static_cast<std::int32_t>(wordAt(bytes, 20));
+        const auto reply = recordOf<usbip_submit_reply>(bytes);
+        const std::uint32_t command = ntohl(reply.header.command);
+        const std::uint32_t sequence = ntohl(reply.header.sequence);
+        const auto status = static_cast<std::int32_t>(ntohl(reply.status));
         const std::string named = std::to_string(sequence) + " " + std::to_string(status);
-        if (command != 3) {
-            add((command == 4 ? "unlinked " : "unknown ") + named);
+        if (command != usbip_reply_submit) {
+            add((command == usbip_reply_unlink ? "unlinked " : "unknown ") + named);
             return headerSize;
         }
-        const std::size_t actual = wordAt(bytes, 24);
-        bool in = false;
-        for (const std::uint32_t each : m_fetched) {
-            in |= each == sequence;
-        }
-        if (!in) {
+        const std::size_t actual = ntohl(reply.actual_length);
+        if (std::ranges::find(m_fetched, sequence) == m_fetched.end()) {
             add("submitted " + named + " +" + std::to_string(actual));
             return headerSize;
         }
-        const std::size_t there = std::min(actual, bytes.size() - headerSize);
-        add("submitted " + named + " " + emulator::hexText(bytes.subspan(headerSize, there)));
-        return headerSize + there;
+        const std::size_t present = std::min(actual, bytes.size() - headerSize);
+        add("submitted " + named + " " + emulator::hexText(bytes.subspan(headerSize, present)));
+        return headerSize + present;
     }
 
     std::vector<std::uint32_t> m_fetched;

@@ -29,8 +29,8 @@ protected:
     std::uint32_t importStatus(Connection& by, std::string_view busId = "1-1") {
         by.receive(importRequest(busId), now);
         const Bytes reply = take(by);
-        EXPECT_EQ(reply.size(), wordAt(reply, 4) == 0 ? importReplySize : 8);
-        return wordAt(reply, 4);
+        EXPECT_EQ(reply.size(), statusOf(reply) == usbip_ok ? importReplySize : sizeof(usbip_operation));
+        return statusOf(reply);
     }
 
     std::string replies(std::initializer_list<std::uint32_t> fetched = {}) {
@@ -76,7 +76,7 @@ TEST_F(UsbipConnectionTest, ReaderIsImportedByOneAtATime) {
     EXPECT_TRUE(second.closing());
     Connection third(readers);
     third.receive(listRequest(), now);
-    EXPECT_EQ(wordAt(take(third), 8), 0U) << "nor is it listed";
+    EXPECT_EQ(listedDevices(take(third)), 0U) << "nor is it listed";
     connection.abort();
     Connection fourth(readers);
     EXPECT_EQ(importStatus(fourth), 0U);
@@ -342,8 +342,8 @@ INSTANTIATE_TEST_SUITE_P(
                 "another device than the imported one"},
         Mistake{"unlink at another's device", unlink(2, 1, 0x00010002),
                 "another device than the imported one"},
-        Mistake{"a reply", join({word(3), word(2), word(firstReader), Bytes(36)}), "an unknown command"},
-        Mistake{"no command", join({word(0), word(2), word(firstReader), Bytes(36)}), "an unknown command"}));
+        Mistake{"a reply", bareMessage(usbip_reply_submit, 2), "an unknown command"},
+        Mistake{"no command", bareMessage(0, 2), "an unknown command"}));
 
 TEST_F(UsbipConnectionTest, TooManyRequestsEndTheConnection) {
     importStatus(connection);

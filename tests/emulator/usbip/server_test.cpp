@@ -105,7 +105,7 @@ protected:
     void imports(Client& client, std::string_view busId = "1-1") {
         client.say(importRequest(busId));
         ASSERT_TRUE(hears(client, importReplySize));
-        ASSERT_EQ(client.heard.size(), importReplySize) << "status " << wordAt(client.heard, 4);
+        ASSERT_EQ(client.heard.size(), importReplySize) << "status " << statusOf(client.heard);
         client.heard.clear();
     }
 
@@ -146,7 +146,8 @@ TEST_F(UsbipServerTest, MovesALargeTransfer) {
     }));
     ASSERT_FALSE(client.ended);
     EXPECT_EQ(client.heard.back(), 0x5A);
-    EXPECT_EQ(wordAt(client.heard, headerSize + 24), size);
+    const auto fetched = std::span(client.heard).subspan(headerSize);
+    EXPECT_EQ(ntohl(recordOf<usbip_submit_reply>(fetched).actual_length), size);
 }
 
 TEST_F(UsbipServerTest, ServesSeveralClientsAtOnce) {
