@@ -1,14 +1,13 @@
 #include "options.h"
 
 #include "control/commands.h"
+#include "preload_contract.h"
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <iostream>
 #include <iterator>
 #include <memory>
-#include <string_view>
 
 #include <CLI/CLI.hpp>
 
@@ -18,191 +17,204 @@ namespace {
 
 constexpr int usageError = 2;
 
-std::string footer() {
-    return "READERS\n"
-           "Without --reader and --readers there are two: number 1 with bulk endpoints (product 1, device "
-           "ID 1A2B3C)\n"
-           "and number 2 without (product 2, device ID 1A2B3D), to which frames go by control transfers.\n"
-           "A program has room for 50 that are open.\n"
-           "A description has KEY=VALUE pairs with commas between them; \\, is a comma inside a value. In a "
-           "file there\n"
-           "is one to a line. What is in parentheses holds where nothing is said:\n" +
-           describeKeys() +
-           "\nCOMMANDS\n"
-           "The program finds the path of a Unix socket in GVUSB_EMULATE_SOCKET. Each line that it sends is "
-           "a command,\n"
-           "answered by a line \"ok\", \"ok DATA\" or \"error: WHY\"; --send does the same from a shell. "
-           "READER is a "
-           "number\n"
-           "or \"all\"; PIPE is in or out (the way of frames), control, all, or an endpoint such as "
-           "0x81:\n" +
-           describeCommands() +
-           "\nA script has lines \"at MS COMMAND\", MS after the program's start, in order of time.\n"
-           "\nCONFIGURATION\n"
-           "A program may give the children that it starts another configuration file: the path in\n"
-           "GVUSB_EMULATE_CONFIG, or an empty text for none.\n"
-           "\nUSB/IP\n"
-           "With --usbip the readers are on no bus of their own: any Linux machine attaches them with its "
-           "usbip "
-           "client\n"
-           "(modprobe vhci-hcd; usbip attach -r HOST -b BUSID), and every program there sees them as "
-           "devices. "
-           "\"list\"\n"
-           "and \"usbip list -r HOST\" tell the bus IDs, such as 1-1. To be unplugged is to be taken from "
-           "who has "
-           "attached\n"
-           "the reader; plugged again, it can be attached again. \"counts\" counts as opened how often it "
-           "was "
-           "attached. The\n"
-           "commands busy, driver, refuse and fail-reset are errors, for the machine that attaches is the "
-           "host. Readers\n"
-           "with a driver or with isochronous endpoints are refused. Without a program a line on standard "
-           "output tells\n"
-           "the address and, as GVUSB_EMULATE_SOCKET=PATH, where commands go; SIGINT or SIGTERM ends it. A "
-           "program runs\n"
-           "beside it and finds the address in GVUSB_EMULATE_USBIP.\n"
-           "USB/IP has no passwords and no encryption: whoever reaches the port has the readers.\n"
-           "\nEXIT STATUS\n"
-           "That of the program, or 128 and the number of the signal that ended it; 127 if there is no such "
-           "program,\n"
-           "126 if it cannot be run, 125 if the bus could not be made, 2 for a mistake on the command line.\n"
-           "With --usbip and no program: 0 at the end by a signal. With --send: 0 for \"ok\", 1 for an "
-           "error.\n"
-           "\nEXAMPLES\n"
-           "  gvusb-emulate -- lsusb\n"
-           "  gvusb-emulate --reader id=CAFE,endpoints=control --reader id=BEEF,speed=high -- ./my-test "
-           "--verbose\n"
-           "  gvusb-emulate --reader copies=32 -- ./my-test\n"
-           "  gvusb-emulate --usbip --reader id=CAFE\n"
-           "  gvusb-emulate -- sh -c 'my-test & gvusb-emulate --send \"unplug 1\"; wait'\n"
-           "  printf 'at 500 unplug 1\\nat 1000 plug 1\\n' > script; gvusb-emulate --script script -- "
-           "./monitor\n";
-}
+constexpr const char* description =
+    R"(Run a program on an emulated USB bus with virtual readers, or serve the readers by USB/IP.
+It needs no hardware and no privileges.)";
 
-// CLI11 would take the program's own options for ours, so what follows is cut off before it reads: everything
-// after the first "--", or from the first word on that is neither an option nor an option's value.
-std::vector<std::string> cutProgram(std::vector<std::string>& arguments) {
-    static constexpr std::array<std::string_view, 6> withValue = {"--reader", "--readers", "--script",
-                                                                  "--config", "--send",    "--listen"};
-    auto word = arguments.begin();
-    while (word != arguments.end() && word->starts_with("-") && *word != "--") {
-        const bool takesNext = std::ranges::find(withValue, *word) != withValue.end();
-        ++word;
-        if (takesNext && word != arguments.end()) {
-            ++word;
-        }
-    }
-    const bool separator = word != arguments.end() && *word == "--";
-    std::vector<std::string> program(word + (separator ? 1 : 0), arguments.end());
-    arguments.erase(word, arguments.end());
-    return program;
-}
+constexpr const char* usage = R"(Usage: gvusb-emulate [OPTIONS] [--] PROGRAM [ARGUMENTS...]
+       gvusb-emulate --usbip [--listen ADDRESS:PORT] [OPTIONS] [[--] PROGRAM [ARGUMENTS...]]
+       gvusb-emulate --send COMMAND
+)";
 
-class HelpText : public CLI::Formatter {
-    std::string make_usage(const CLI::App*, std::string) const override {
-        return "Usage: gvusb-emulate [OPTIONS] [--] PROGRAM [ARGUMENTS...]\n"
-               "       gvusb-emulate --usbip [--listen ADDRESS:PORT] [OPTIONS] [[--] PROGRAM "
-               "[ARGUMENTS...]]\n"
-               "       gvusb-emulate --send COMMAND\n";
-    }
+static_assert(emulate_most_open_devices == 50, "the text below says so");
+constexpr const char* aboutReaders = R"(READERS
+Without --reader and --readers there are two: reader 1 (device ID 1A2B3C, product 1) has bulk endpoints,
+reader 2 (device ID 1A2B3D, product 2) has none and takes frames by control transfer.
+A program can have 50 devices open at a time.
+A description is a list of KEY=VALUE pairs separated by commas; \, is a comma inside a value. A file has
+one description per line. Defaults are in parentheses:
+)";
+
+constexpr const char* aboutCommands = R"(
+COMMANDS
+A command is one line, sent with --send or over the Unix socket whose path is in GVUSB_EMULATE_SOCKET.
+The answer is one line: "ok", "ok DATA" or "error: REASON". READER is a number or "all". PIPE is in or
+out (the direction of frames), control, all, or an endpoint such as 0x81:
+)";
+
+constexpr const char* aboutTheRest = R"(
+A script has one command per line, in order of time: "at MS COMMAND" runs COMMAND MS milliseconds after
+the program has started.
+
+CONFIGURATION
+A program can start its children with another configuration file: set GVUSB_EMULATE_CONFIG to its path,
+or to an empty string for no file.
+
+USB/IP
+With --usbip there is no emulated bus. Any Linux machine can attach the readers with its usbip client
+(modprobe vhci-hcd; usbip attach -r HOST -b BUSID); every program on that machine then sees them as USB
+devices. "list" and "usbip list -r HOST" show the bus IDs, such as 1-1. "unplug" detaches a reader from
+the machine that attached it; after "plug" it can be attached again. "counts" counts each attachment as
+an opening. The commands busy, driver, refuse and fail-reset fail, because the machine that attaches a
+reader is its host. Readers with a kernel driver or isochronous endpoints are refused.
+Without a program, a line on standard output tells the address and, as GVUSB_EMULATE_SOCKET=PATH, the
+socket for commands; the server runs until SIGINT or SIGTERM. With a program, the server runs as long as
+the program, which finds the address in GVUSB_EMULATE_USBIP.
+USB/IP has no passwords and no encryption: anyone who can connect to the port can use the readers.
+
+EXIT STATUS
+The exit status of the program, or 128 plus the number of the signal that killed it. 127 if the program
+does not exist, 126 if it cannot be executed, 125 if the bus cannot be set up, 2 for a usage error.
+With --usbip and no program: 0 after a signal. With --send: 0 if the answer is "ok", 1 for an error.
+
+EXAMPLES
+  gvusb-emulate -- lsusb
+  gvusb-emulate --reader id=CAFE,endpoints=control --reader id=BEEF,speed=high -- ./my-test --verbose
+  gvusb-emulate --reader copies=32 -- ./my-test
+  gvusb-emulate --usbip --reader id=CAFE
+  gvusb-emulate -- sh -c 'my-test & gvusb-emulate --send "unplug 1"; wait'
+  printf 'at 500 unplug 1\nat 1000 plug 1\n' > script; gvusb-emulate --script script -- ./monitor
+)";
+
+class HelpFormatter : public CLI::Formatter {
+    std::string make_usage(const CLI::App*, std::string) const override { return usage; }
 };
+
+// The words on the command line, not yet checked.
+struct Words {
+    std::vector<std::string> readers;
+    std::vector<std::string> readerFiles;
+    std::string script;
+    std::string configuration;
+    std::string address{defaultUsbipAddress};
+    std::string command;
+    bool noReaders = false;
+    bool noConfiguration = false;
+    bool usbip = false;
+    bool verbose = false;
+};
+
+void addOptions(CLI::App& app, Words& words) {
+    app.set_help_flag("-h,--help", "Print this help and exit");
+    app.add_option("--reader", words.readers, "Add a reader; may be repeated")
+        ->type_name("DESCRIPTION")
+        ->allow_extra_args(false);
+    app.add_option("--readers", words.readerFiles, "Add the readers in a file, after those of --reader")
+        ->type_name("FILE")
+        ->allow_extra_args(false);
+    app.add_flag("--no-readers", words.noReaders, "Start with an empty bus");
+    app.add_option("--script", words.script, "Run commands at given times")->type_name("FILE");
+    CLI::Option* const config = app.add_option(
+        "--config", words.configuration, "Give the program this file when it opens /etc/gavo/gvusb.conf");
+    config->type_name("FILE");
+    app.add_flag("--no-config", words.noConfiguration, "Hide /etc/gavo/gvusb.conf from the program")
+        ->excludes(config);
+    app.add_flag("-v,--verbose", words.verbose,
+                 "Report commands, their answers and misbehaving USB/IP clients on standard error");
+    CLI::Option* const usbip = app.add_flag(
+        "--usbip", words.usbip, "Serve the readers by USB/IP until a signal or the end of the program");
+    app.add_option("--listen", words.address, "Where to listen for USB/IP clients; port 0 picks a free one")
+        ->type_name("ADDRESS:PORT")
+        ->capture_default_str()
+        ->needs(usbip);
+    app.add_option("--send", words.command, "Send a command to the bus this runs on and print the answer")
+        ->type_name("COMMAND");
+    app.set_version_flag("--version", "gvusb-emulate " GVUSB_VERSION, "Print the version and exit");
+}
+
+// What CLI11 leaves begins with the program, or with an option that it does not know.
+std::vector<std::string> programAmong(std::vector<std::string> remaining) {
+    if (remaining.empty()) {
+        return remaining;
+    }
+    if (remaining.front() == "--") {
+        remaining.erase(remaining.begin());
+    } else if (remaining.front().starts_with("-")) {
+        throw TextError("unexpected argument '" + remaining.front() + "'");
+    }
+    return remaining;
+}
+
+std::vector<ReaderDescription> readersOf(const Words& words) {
+    if (words.readers.empty() && words.readerFiles.empty()) {
+        return words.noReaders ? std::vector<ReaderDescription>{} : defaultReaders();
+    }
+    if (words.noReaders) {
+        throw TextError("--no-readers cannot be used with --reader or --readers");
+    }
+    std::vector<ReaderDescription> readers;
+    for (const std::string& line : words.readers) {
+        std::ranges::move(parseReaders(line), std::back_inserter(readers));
+    }
+    for (const std::string& file : words.readerFiles) {
+        std::ranges::move(readReaders(file), std::back_inserter(readers));
+    }
+    return readers;
+}
+
+// The program may have another working directory by the time it reads the file.
+std::string absolutePath(const std::string& file) {
+    if (!std::filesystem::exists(file)) {
+        throw TextError(file + ": no such file");
+    }
+    return std::filesystem::absolute(file).string();
+}
+
+Options optionsFrom(const CLI::App& app, const Words& words) {
+    const bool hasConfiguration = app.count("--config") != 0;
+    Options options;
+    options.program = programAmong(app.remaining());
+    if (app.count("--send") != 0) {
+        options.command = words.command;
+        return options;
+    }
+    options.verbose = words.verbose;
+    if (words.usbip) {
+        options.usbip = parseSocketAddress(words.address);
+    }
+    if (options.program.empty() && !words.usbip) {
+        throw TextError("missing program");
+    }
+    if (words.usbip && (words.noConfiguration || hasConfiguration)) {
+        throw TextError("--config and --no-config cannot be used with --usbip");
+    }
+    options.readers = readersOf(words);
+    if (!words.script.empty()) {
+        options.script = Script::read(words.script);
+    }
+    if (words.noConfiguration) {
+        options.configurationFile = "";
+    }
+    if (hasConfiguration) {
+        options.configurationFile = absolutePath(words.configuration);
+    }
+    return options;
+}
+
+int reportMistake(const char* mistake) {
+    std::cerr << "gvusb-emulate: " << mistake << "\nRun 'gvusb-emulate --help' for more information.\n";
+    return usageError;
+}
 
 } // namespace
 
 std::variant<Options, int> readOptions(int count, const char* const* arguments) {
-    Options options;
-    std::vector<std::string> words(arguments + 1, arguments + count);
-    options.program = cutProgram(words);
-
-    CLI::App app("Runs a program on an emulated USB bus with virtual readers, or serves them by USB/IP. "
-                 "Needs no privilege "
-                 "and no hardware.",
-                 "gvusb-emulate");
-    app.formatter(std::make_shared<HelpText>());
-    app.footer(footer());
-    std::vector<std::string> descriptions;
-    std::vector<std::string> readerFiles;
-    std::string scriptFile;
-    std::string configurationFile;
-    std::string command;
-    bool noReaders = false;
-    bool noConfiguration = false;
-    app.add_option("--reader", descriptions, "A reader on the bus; may be repeated")
-        ->type_name("DESCRIPTION");
-    app.add_option("--readers", readerFiles, "The readers of a file, after those of --reader")
-        ->type_name("FILE");
-    app.add_flag("--no-readers", noReaders, "An empty bus");
-    app.add_option("--script", scriptFile, "Commands to run at given times")->type_name("FILE");
-    CLI::Option* config = app.add_option("--config", configurationFile,
-                                         "What the program reads when it opens /etc/gavo/gvusb.conf");
-    config->type_name("FILE");
-    app.add_flag("--no-config", noConfiguration, "The program finds no /etc/gavo/gvusb.conf")
-        ->excludes(config);
-    app.add_flag("-v,--verbose", options.verbose,
-                 "Report commands, their answers and USB/IP clients that talk nonsense on standard error");
-    bool usbip = false;
-    std::string address(defaultUsbipAddress);
-    CLI::Option* serve = app.add_flag(
-        "--usbip", usbip,
-        "Serve the readers by USB/IP to machines that attach them, until a signal or the program's end");
-    app.add_option("--listen", address, "Where USB/IP clients reach them; port 0 takes a free one")
-        ->type_name("ADDRESS:PORT")
-        ->capture_default_str()
-        ->needs(serve);
-    CLI::Option* send = app.add_option("--send", command,
-                                       "Send a command to the bus that this runs on, and print the answer");
-    send->type_name("COMMAND");
-    app.set_version_flag("--version", "gvusb-emulate " GVUSB_VERSION, "Print the version and exit");
-
+    CLI::App app(description, "gvusb-emulate");
+    app.formatter(std::make_shared<HelpFormatter>());
+    app.footer(aboutReaders + describeKeys() + aboutCommands + describeCommands() + aboutTheRest);
+    app.prefix_command(); // what follows the program's name belongs to the program
+    Words words;
+    addOptions(app, words);
     try {
-        std::ranges::reverse(words); // CLI11 takes them from the end
-        app.parse(words);
-        if (send->count() != 0) {
-            options.command = command;
-            return options;
-        }
-        if (usbip) {
-            options.usbip = parseSocketAddress(address);
-        }
-        if (options.program.empty() && !usbip) {
-            throw TextError("no program to run");
-        }
-        if (usbip && (noConfiguration || config->count() != 0)) {
-            throw TextError(
-                "--config and --no-config do not go with --usbip, where no bus is the program's own");
-        }
-        if (noReaders && !(descriptions.empty() && readerFiles.empty())) {
-            throw TextError("--no-readers goes with no other readers");
-        }
-        for (const std::string& description : descriptions) {
-            std::ranges::move(parseReaders(description), std::back_inserter(options.readers));
-        }
-        for (const std::string& file : readerFiles) {
-            std::ranges::move(readReaders(file), std::back_inserter(options.readers));
-        }
-        if (descriptions.empty() && readerFiles.empty() && !noReaders) {
-            options.readers = defaultReaders();
-        }
-        if (!scriptFile.empty()) {
-            options.script = Script::read(scriptFile);
-        }
-        if (noConfiguration) {
-            options.configurationFile = "";
-        }
-        if (config->count() != 0) {
-            if (!std::filesystem::exists(configurationFile)) {
-                throw TextError(configurationFile + ": there is no such file");
-            }
-            // The program may have another working directory by the time it reads it.
-            options.configurationFile = std::filesystem::absolute(configurationFile).string();
-        }
+        app.parse(count, arguments);
+        return optionsFrom(app, words);
+    } catch (const CLI::Success& help) {
+        return app.exit(help);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : usageError;
+        return reportMistake(error.what());
     } catch (const TextError& error) {
-        std::cerr << "gvusb-emulate: " << error.what() << "\nRun gvusb-emulate --help for more.\n";
-        return usageError;
+        return reportMistake(error.what());
     }
-    return options;
 }
 
 } // namespace emulator

@@ -72,8 +72,13 @@ leaves_program_arguments_alone() {
 
 reports_mistakes() {
     expect_status 2 "$emulate"
-    expect_output 'no program to run'
+    expect_output 'missing program'
     expect_status 2 "$emulate" --no-such-option -- true
+    expect_output "unexpected argument '--no-such-option'"
+    expect_status 2 "$emulate" -vx true
+    expect_output "unexpected argument '-x'"
+    expect_status 2 "$emulate" --reader
+    expect_output '--reader: .*missing'
     expect_status 2 "$emulate" --reader colour=red -- true
     expect_output "'colour' is not a key"
     expect_status 2 "$emulate" --readers "$scratch/missing" -- true
