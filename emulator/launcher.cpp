@@ -30,7 +30,7 @@ constexpr const char* preloadVariable = "LD_PRELOAD";
 constexpr std::string_view umockdevPreload = "libumockdev-preload.so.0";
 constexpr std::string_view companionPreload = "libgvusb-emulate-preload.so";
 
-// LD_PRELOAD's entries without those of the emulator.
+// The entries of LD_PRELOAD that are not the emulator's.
 std::string foreignPreloads() {
     const char* value = std::getenv(preloadVariable);
     std::string kept;
@@ -44,7 +44,7 @@ std::string foreignPreloads() {
     return kept;
 }
 
-// Beside the launcher in a build folder, in the library folder when installed.
+// In a build folder it lies beside the launcher, when installed in the library folder.
 fs::path findCompanion() {
     const fs::path launcher = fs::read_symlink("/proc/self/exe");
     const std::array candidates = {launcher.parent_path() / companionPreload,
@@ -55,7 +55,7 @@ fs::path findCompanion() {
             return candidate;
         }
     }
-    throw std::runtime_error(candidates.front().string() + " is missing");
+    throw std::runtime_error(candidates.front().string() + ": no such file");
 }
 
 Program::Environment emulatedEnvironment(const Options& options, const VirtualBus& bus,
@@ -68,7 +68,7 @@ Program::Environment emulatedEnvironment(const Options& options, const VirtualBu
             {emulate_configuration_variable, options.configurationFile}};
 }
 
-// umockdev makes its folder where TMPDIR says, and GLib reads the variable once.
+// Sets TMPDIR, where umockdev creates its folder. GLib reads the variable only once.
 class TemporaryFolderVariable {
 public:
     // NOLINTBEGIN(concurrency-mt-unsafe): no other thread of the launcher reads the environment
@@ -104,25 +104,25 @@ int launchEmulated(const Options& options, const BlockedSignals& signals) {
     return session.run(emulatedEnvironment(options, bus, folder.path()));
 }
 
-// Without a program, the line on standard output tells where commands go.
+// Without a program, a line on standard output shows where to send commands.
 int launchUsbip(const Options& options, const BlockedSignals& signals) {
     const ScratchFolder folder;
     const std::string socket = (folder.path() / "commands").string();
     auto made =
         std::make_unique<UsbipBus>(*options.usbip, [verbose = options.verbose](const char* complaint) {
             if (verbose) {
-                std::cerr << "gvusb-emulate: a USB/IP client was ended: " << complaint << '\n';
+                std::cerr << "gvusb-emulate: disconnected a USB/IP client: " << complaint << '\n';
             }
         });
     Session session(options, signals, *made, socket);
-    // The bus ends first, whatever happens: the session waits for what the program leaves behind, and that may be stuck
-    // in the kernel for as long as a reader that it has attached neither answers nor goes.
+    // Destroyed before the session, which waits for every process of the program: a process can hang in the
+    // kernel until the reader that it has attached answers or disappears.
     const std::unique_ptr<UsbipBus> bus = std::move(made);
     if (!options.program.empty()) {
         return session.run({{emulate_usbip_variable, bus->address()}});
     }
     std::cout << "gvusb-emulate: USB/IP at " << bus->address() << ", commands at " << emulate_socket_variable
-              << '=' << socket << std::endl; // NOLINT(performance-avoid-endl): somebody waits for it
+              << '=' << socket << std::endl; // NOLINT(performance-avoid-endl): scripts wait for the line
     session.runAlone();
     return EXIT_SUCCESS;
 }
@@ -145,8 +145,8 @@ void ensurePreloaded(char* const* arguments) {
 
 int launch(const Options& options) {
     const BlockedSignals signals;
-    // Every frame costs umockdev some very short sleeps; by default the kernel adds 50 microseconds to each.
-    // The program inherits the setting.
+    // umockdev sleeps briefly several times per frame, and the kernel's default slack adds 50 microseconds to
+    // each sleep. The program inherits the setting.
     ::prctl(PR_SET_TIMERSLACK, 1);
     return options.usbip ? launchUsbip(options, signals) : launchEmulated(options, signals);
 }

@@ -1,15 +1,15 @@
-// Makes a bus, runs one program on it or serves it to others, and leaves nothing behind.
+// One run of gvusb-emulate from its options to its exit status. Nothing is left behind in the file system.
 #pragma once
 
 #include "options.h"
 
 namespace emulator {
 
-// umockdev works only in a process that has its preload: starts the launcher anew with it, if it is not there
-// yet. Throws std::system_error.
+// Restart the launcher with umockdev's preload unless it is loaded: umockdev works only in a process that has
+// it. Throws std::system_error.
 void ensurePreloaded(char* const* arguments);
 
-// Returns the exit status of the program, or 0 where there is none. Throws std::exception if the bus cannot be made.
+// Return the exit status of the program, or 0 without one. Throws std::exception if the bus cannot be set up.
 int launch(const Options& options);
 
 } // namespace emulator

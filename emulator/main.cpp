@@ -15,8 +15,9 @@ constexpr int busError = 125;
 int send(const std::string& command) {
     const char* socket = std::getenv(emulate_socket_variable);
     if (socket == nullptr) {
-        std::cerr << "gvusb-emulate: " << emulate_socket_variable << " is not set; this runs on no bus.\n"
-                  << "Start it from a program that runs under the launcher: gvusb-emulate -- sh -c '...'\n";
+        std::cerr << "gvusb-emulate: " << emulate_socket_variable
+                  << " is not set: there is no bus to send to.\n"
+                  << "Send commands from a program that gvusb-emulate runs: gvusb-emulate -- sh -c '...'\n";
         return EXIT_FAILURE;
     }
     const std::string answer = emulator::sendCommand(socket, command);

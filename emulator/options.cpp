@@ -57,7 +57,7 @@ devices. "list" and "usbip list -r HOST" show the bus IDs, such as 1-1. "unplug"
 the machine that attached it; after "plug" it can be attached again. "counts" counts each attachment as
 an opening. The commands busy, driver, refuse and fail-reset fail, because the machine that attaches a
 reader is its host. Readers with a kernel driver or isochronous endpoints are refused.
-Without a program, a line on standard output tells the address and, as GVUSB_EMULATE_SOCKET=PATH, the
+Without a program, a line on standard output shows the address and, as GVUSB_EMULATE_SOCKET=PATH, the
 socket for commands; the server runs until SIGINT or SIGTERM. With a program, the server runs as long as
 the program, which finds the address in GVUSB_EMULATE_USBIP.
 USB/IP has no passwords and no encryption: anyone who can connect to the port can use the readers.

@@ -15,16 +15,14 @@ namespace emulator {
 struct Options {
     std::vector<ReaderDescription> readers;
     Script script;
-    std::optional<std::string>
-        configurationFile; // what the program reads in its place; "" stands for no file
+    std::optional<std::string> configurationFile; // for the program instead of the installed one; "": no file
     bool verbose = false;
-    std::optional<std::string> command; // send it to a running bus and do nothing else
-    std::optional<SocketAddress> usbip; // serve the readers there, and not on a bus of the program's own
-    std::vector<std::string> program;   // empty only where they are served
+    std::optional<std::string> command; // to send to a running bus; nothing else is done
+    std::optional<SocketAddress> usbip; // where to serve the readers, instead of on an emulated bus
+    std::vector<std::string> program;   // may be empty only with `usbip`
 };
 
-// The options, or the exit status where --help, --version or a mistake ended the matter, with its text
-// printed.
+// Return the options, or the exit status after --help, --version or a mistake, whose text has been printed.
 std::variant<Options, int> readOptions(int count, const char* const* arguments);
 
 } // namespace emulator

@@ -50,7 +50,7 @@ std::vector<std::string> environmentWith(const Program::Environment& changes) {
     return result;
 }
 
-// The launcher's own children, those included whose parents have ended before them.
+// The launcher's children, including those it has inherited from parents that have ended.
 std::vector<pid_t> children() {
     std::vector<pid_t> result;
     std::error_code ignored;
@@ -62,7 +62,7 @@ std::vector<pid_t> children() {
         }
         std::ifstream stream(entry.path() / "stat");
         const std::string status(std::istreambuf_iterator<char>(stream), {});
-        // "PID (NAME) STATE PARENT ...", where NAME may hold anything.
+        // "PID (NAME) STATE PARENT ...", where NAME may contain any character.
         const auto nameEnd = status.rfind(") ");
         if (nameEnd == std::string::npos || nameEnd + 4 >= status.size()) {
             continue;
@@ -76,7 +76,7 @@ std::vector<pid_t> children() {
     return result;
 }
 
-// What the new process does; only calls that are safe while the launcher has other threads.
+// Runs in the new process. Only async-signal-safe calls, because the launcher may have other threads.
 [[noreturn]] void runChild(char* const* arguments, char* const* environment, const sigset_t& mask,
                            int errorPipe, pid_t launcher) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -104,7 +104,7 @@ Program::Program(const std::vector<std::string>& arguments, const Environment& e
     if (::pipe2(pipe, O_CLOEXEC) != 0) {
         throw std::system_error(errno, std::generic_category(), "pipe");
     }
-    // Whatever the program starts and leaves behind becomes ours, so that it can be ended.
+    // The launcher inherits processes whose parents have ended, so it can kill them too.
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
     const pid_t launcher = ::getpid();
     m_process = ::fork();
@@ -124,7 +124,7 @@ Program::Program(const std::vector<std::string>& arguments, const Environment& e
 }
 
 Program::~Program() {
-    // Children of children become ours only when their parents end, so it takes rounds.
+    // Each round inherits the children of those killed in the last one.
     while (::waitpid(-1, nullptr, WNOHANG) >= 0) {
         for (const pid_t child : children()) {
             ::kill(child, SIGKILL);

@@ -1,6 +1,6 @@
-// The program that runs on the bus, as a child of the launcher, with all that it starts in turn.
+// The program that runs on the bus, a child process of the launcher, with its own children.
 //
-// One thread calls the members, the one that lives as long as the launcher: the program is ended with it.
+// For the launcher's main thread only: the kernel kills the program when the thread that started it ends.
 #pragma once
 
 #include <csignal>
@@ -15,24 +15,25 @@ namespace emulator {
 
 class Program {
 public:
-    // Names and values; no value takes the name out of the environment.
+    // Names and values; a name without a value is removed from the environment.
     using Environment = std::vector<std::pair<std::string, std::optional<std::string>>>;
 
-    // Starts `arguments[0]`, looked up in PATH, with `mask` as its blocked signals. A program that cannot be
-    // started has ended with 127 (not found) or 126, as a shell reports it; error() says why.
+    // Start `arguments[0]`, looked up in PATH, with the signals of `mask` blocked. If that fails, the exit
+    // status is 127 (not found) or 126, as in a shell, and error() gives the reason.
     Program(const std::vector<std::string>& arguments, const Environment& environment, const sigset_t& mask);
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
 
-    // Ends what is left of the program and of its children.
+    // Kills whatever is left of the program and its children.
     ~Program();
 
     const std::string& error() const { return m_error; }
 
-    // Takes note of children that have ended; to be called at SIGCHLD.
+    // Reap children that have ended. Call it after SIGCHLD.
     void noteEnded();
 
-    // Once it has ended: its exit status, or 128 and the number of the signal that ended it.
+    // Empty while the program runs; then its exit status, or 128 plus the number of the signal that killed
+    // it.
     std::optional<int> exitStatus() const { return m_exitStatus; }
 
     void signal(int number) const;

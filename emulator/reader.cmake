@@ -1,5 +1,4 @@
-# The reader by itself, and how USB/IP clients talk to it, as sources: each who uses them compiles them with the flags of
-# its own.
+# The sources of the reader and of the USB/IP protocol. Each target that links this compiles them with its own flags.
 add_library(gvusb_reader INTERFACE)
 foreach(source
         text.cpp

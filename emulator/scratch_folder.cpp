@@ -17,11 +17,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* folderOfFolders = "/tmp";
+constexpr const char* parentFolder = "/tmp";
 constexpr const char* prefix = "gvusb-";
 constexpr const char* lockName = "lock";
 
-// Locks a folder's lock file; -1 if somebody else holds it or it is not there.
+// Locks a folder's lock file; -1 if it is missing or locked by another process.
 int lockFolder(const fs::path& folder, int flags) {
     const int lock = ::open((folder / lockName).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | flags, 0600);
     if (lock >= 0 && ::flock(lock, LOCK_EX | LOCK_NB) != 0) {
@@ -32,14 +32,14 @@ int lockFolder(const fs::path& folder, int flags) {
 }
 
 bool abandoned(const fs::path& folder) {
-    // A folder that is being set up has no lock for a moment.
-    constexpr std::chrono::minutes youth{1};
+    // A folder that is just being created has no lock yet.
+    constexpr std::chrono::minutes minimumAge{1};
     struct stat status {};
     if (::lstat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || status.st_uid != ::geteuid()) {
         return false;
     }
     const auto changed = std::chrono::system_clock::from_time_t(status.st_mtime);
-    if (std::chrono::system_clock::now() - changed < youth) {
+    if (std::chrono::system_clock::now() - changed < minimumAge) {
         return false;
     }
     const int lock = lockFolder(folder, 0);
@@ -52,7 +52,7 @@ bool abandoned(const fs::path& folder) {
 
 void removeAbandoned() {
     std::error_code error;
-    for (fs::directory_iterator entry(folderOfFolders, error), end; !error && entry != end;
+    for (fs::directory_iterator entry(parentFolder, error), end; !error && entry != end;
          entry.increment(error)) {
         std::error_code ignored;
         if (entry->path().filename().string().starts_with(prefix) && abandoned(entry->path())) {
@@ -65,10 +65,10 @@ void removeAbandoned() {
 
 ScratchFolder::ScratchFolder() {
     removeAbandoned();
-    std::string name = std::string(folderOfFolders) + "/" + prefix + "XXXXXX";
+    std::string name = std::string(parentFolder) + "/" + prefix + "XXXXXX";
     if (::mkdtemp(name.data()) == nullptr) {
         throw std::system_error(errno, std::generic_category(),
-                                "no folder can be made in " + std::string(folderOfFolders));
+                                "cannot create a folder in " + std::string(parentFolder));
     }
     m_path = name;
     m_lock = lockFolder(m_path, O_CREAT);

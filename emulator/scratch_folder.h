@@ -1,7 +1,6 @@
-// A folder in /tmp that is gone, with all that is in it, when its owner ends.
+// A folder in /tmp that is removed with everything in it when its owner is destroyed.
 //
-// Its path is short whatever TMPDIR says, for sockets live in it and a socket's path has at most 107
-// characters. One thread at a time.
+// It ignores TMPDIR, because it holds sockets, whose paths have at most 107 characters. One thread at a time.
 #pragma once
 
 #include <filesystem>
@@ -10,8 +9,7 @@ namespace emulator {
 
 class ScratchFolder {
 public:
-    // Throws std::system_error. Takes the opportunity to remove folders that killed launchers of this user
-    // left.
+    // Also removes the folders that killed launchers of this user have left. Throws std::system_error.
     ScratchFolder();
     ScratchFolder(const ScratchFolder&) = delete;
     ScratchFolder& operator=(const ScratchFolder&) = delete;
@@ -21,7 +19,7 @@ public:
 
 private:
     std::filesystem::path m_path;
-    int m_lock = -1; // held as long as the owner lives, which is how others know
+    int m_lock = -1; // held while the owner exists, so that others leave the folder alone
 };
 
 } // namespace emulator

@@ -14,7 +14,7 @@ namespace emulator {
 
 namespace {
 
-// How long a program that was told to end may take for it.
+// How long a program may run on after a signal to end.
 constexpr Milliseconds grace{5000};
 
 Time now() {
@@ -154,7 +154,7 @@ void Session::passOn(const signalfd_siginfo& signal) {
         m_program->noteEnded();
         return;
     }
-    // What the terminal's keys send has reached the program as well; it decides what it means.
+    // The terminal sends its signals to the program too, which decides what to do.
     const bool fromTerminal = signal.ssi_code == SI_KERNEL;
     if (number == SIGPIPE || (fromTerminal && number != SIGHUP)) {
         return;

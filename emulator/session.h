@@ -1,6 +1,6 @@
-// One run of the launcher on a bus: its commands, its script, its signals, and the program, if there is one.
+// Everything that happens while a bus exists: commands, the script, signals and the program.
 //
-// One thread, the launcher's, calls the members.
+// For the launcher's thread only.
 #pragma once
 
 #include "control/bus.h"
@@ -16,7 +16,8 @@
 
 namespace emulator {
 
-// Blocks the signals that the launcher handles. To be done before there are other threads, which inherit it.
+// Blocks the signals that the launcher handles and reads them from a descriptor. Construct it before other
+// threads start, because they inherit the mask.
 class BlockedSignals {
 public:
     BlockedSignals();
@@ -36,13 +37,13 @@ private:
 
 class Session {
 public:
-    // Puts the readers on the bus, and the socket for commands at this path.
+    // Add the readers of the options to the bus and create the command socket at this path.
     Session(Options options, const BlockedSignals& signals, Bus& bus, std::string socket);
 
-    // Runs the program with this environment and returns its exit status.
+    // Run the program with this environment and return its exit status.
     int run(Program::Environment environment);
 
-    // Serves without a program, until a signal ends it.
+    // Serve without a program until a signal arrives.
     void runAlone();
 
 private:
@@ -60,9 +61,9 @@ private:
     CommandChannel m_channel;
     std::optional<Program> m_program;
     Time m_start;
-    std::optional<Time> m_endBy; // when a program that was told to end is killed
-    bool m_killed = false;       // as it had not ended by then
-    bool m_ended = false;        // by a signal, where there is no program
+    std::optional<Time> m_endBy; // when to kill a program that has got a signal
+    bool m_killed = false;       // at m_endBy
+    bool m_ended = false;        // by a signal, without a program
 };
 
 } // namespace emulator

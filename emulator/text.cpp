@@ -63,8 +63,8 @@ std::uint64_t number(std::string_view what, std::string_view text, std::uint64_t
     const char* end = digits.data() + digits.size();
     const auto [stopped, error] = std::from_chars(digits.data(), end, value, hexadecimal ? 16 : 10);
     if (error != std::errc{} || stopped != end || value < lowest || value > highest) {
-        throw TextError(std::string(what) + " is '" + std::string(text) + "'; it takes a number from " +
-                        std::to_string(lowest) + " to " + std::to_string(highest));
+        throw TextError(std::string(what) + " must be a number from " + std::to_string(lowest) + " to " +
+                        std::to_string(highest) + ", not '" + std::string(text) + "'");
     }
     return value;
 }
@@ -78,8 +78,8 @@ Bytes hexBytes(std::string_view what, std::string_view text) {
         }
         const int digit = hexDigit(c);
         if (digit < 0) {
-            throw TextError(std::string(what) + " is '" + std::string(text) +
-                            "'; it takes bytes as pairs of hexadecimal digits");
+            throw TextError(std::string(what) + " must be pairs of hexadecimal digits, not '" +
+                            std::string(text) + "'");
         }
         if (high < 0) {
             high = digit;
@@ -89,7 +89,8 @@ Bytes hexBytes(std::string_view what, std::string_view text) {
         }
     }
     if (high >= 0) {
-        throw TextError(std::string(what) + " is '" + std::string(text) + "'; its last byte lacks a digit");
+        throw TextError(std::string(what) + " must have two digits for each byte, not '" + std::string(text) +
+                        "'");
     }
     return bytes;
 }

@@ -1,10 +1,10 @@
-# Completion of gvusb-emulate's options and, behind "--", of the program that it starts, for bash.
+# Bash completion for the options of gvusb-emulate and, after "--", for the program that it runs.
 
 _gvusb_emulate() {
     local i word=${COMP_WORDS[COMP_CWORD]}
     for ((i = 1; i < COMP_CWORD; ++i)); do
         if [ "${COMP_WORDS[i]}" = -- ]; then
-            # A function of bash-completion, which loads this file.
+            # From bash-completion, which loads this file.
             _command_offset $((i + 1))
             return
         fi

@@ -23,9 +23,9 @@ CommandAnswer ok(std::string_view data = {}) {
     return {.text = data.empty() ? std::string("ok") : "ok " + std::string(data)};
 }
 
-void noMore(Text arguments) {
+void expectEnd(Text arguments) {
     if (!arguments.empty()) {
-        throw TextError("'" + std::string(arguments) + "' is too much");
+        throw TextError("unexpected argument '" + std::string(arguments) + "'");
     }
 }
 
@@ -50,9 +50,9 @@ std::vector<std::size_t> readersNamed(const Bus& bus, Text& arguments) {
 bool takeSwitch(Text& arguments) {
     const Text word = takeWord(arguments);
     if (word != "on" && word != "off") {
-        throw TextError("'" + std::string(word) + "' is neither on nor off");
+        throw TextError("expected on or off, not '" + std::string(word) + "'");
     }
-    noMore(arguments);
+    expectEnd(arguments);
     return word == "on";
 }
 
@@ -60,7 +60,7 @@ std::uint8_t takeStringIndex(Text& arguments) {
     return static_cast<std::uint8_t>(number("string index", takeWord(arguments), 0, 255));
 }
 
-// Changes the faults of the pipes that the next words name: READER PIPE.
+// Changes the faults of the pipes named by the arguments READER PIPE.
 template <typename Change>
 CommandAnswer onPipes(Bus& bus, Text arguments, Change change) {
     const std::vector<std::size_t> readers = readersNamed(bus, arguments);
@@ -85,7 +85,7 @@ CommandAnswer onReaders(Bus& bus, Text arguments, Change change) {
     return ok();
 }
 
-// Changes what goes wrong on the host's side.
+// Changes faults of the host.
 template <typename Change>
 CommandAnswer ofHost(const Bus& bus, Text arguments, Change change) {
     for (const std::size_t reader : readersNamed(bus, arguments)) {
@@ -105,7 +105,7 @@ CommandAnswer plug(Bus& bus, Text arguments) {
                 bus.plug(reader);
             }
         }
-        noMore(arguments);
+        expectEnd(arguments);
         return ok();
     }
     std::string numbers;
@@ -128,7 +128,7 @@ CommandAnswer unplug(Bus& bus, Text arguments) {
             bus.unplug(reader);
         }
     }
-    noMore(arguments);
+    expectEnd(arguments);
     return ok();
 }
 
@@ -137,7 +137,7 @@ CommandAnswer replug(Bus& bus, Text arguments) {
         bus.unplug(reader);
         bus.plug(reader);
     }
-    noMore(arguments);
+    expectEnd(arguments);
     return ok();
 }
 
@@ -151,7 +151,7 @@ CommandAnswer setString(Bus& bus, Text arguments) {
 CommandAnswer removeString(Bus& bus, Text arguments) {
     return onReaders(bus, arguments, [](ReaderModel& r, Text rest) {
         const std::uint8_t index = takeStringIndex(rest);
-        noMore(rest);
+        expectEnd(rest);
         r.setString(index, std::nullopt);
     });
 }
@@ -176,9 +176,9 @@ CommandAnswer stall(Bus& bus, Text arguments) {
     return onPipes(bus, arguments, [](PipeFaults& faults, Text rest) {
         const Text word = takeWord(rest);
         if (!word.empty() && word != "stuck") {
-            throw TextError("'" + std::string(word) + "' is not 'stuck'");
+            throw TextError("unexpected argument '" + std::string(word) + "'");
         }
-        noMore(rest);
+        expectEnd(rest);
         faults.stalled = true;
         faults.stuck = !word.empty();
     });
@@ -186,21 +186,21 @@ CommandAnswer stall(Bus& bus, Text arguments) {
 
 CommandAnswer unstall(Bus& bus, Text arguments) {
     return onPipes(bus, arguments, [](PipeFaults& faults, Text rest) {
-        noMore(rest);
+        expectEnd(rest);
         faults.stalled = faults.stuck = false;
     });
 }
 
 CommandAnswer mute(Bus& bus, Text arguments) {
     return onPipes(bus, arguments, [](PipeFaults& faults, Text rest) {
-        noMore(rest);
+        expectEnd(rest);
         faults.mute = true;
     });
 }
 
 CommandAnswer unmute(Bus& bus, Text arguments) {
     return onPipes(bus, arguments, [](PipeFaults& faults, Text rest) {
-        noMore(rest);
+        expectEnd(rest);
         faults.mute = false;
     });
 }
@@ -208,14 +208,14 @@ CommandAnswer unmute(Bus& bus, Text arguments) {
 CommandAnswer delay(Bus& bus, Text arguments) {
     return onPipes(bus, arguments, [](PipeFaults& faults, Text rest) {
         faults.delay = Milliseconds(number("delay", takeWord(rest), 0, longestWait));
-        noMore(rest);
+        expectEnd(rest);
     });
 }
 
 CommandAnswer shorten(Bus& bus, Text arguments) {
     return onPipes(bus, arguments, [](PipeFaults& faults, Text rest) {
         const Text word = takeWord(rest);
-        noMore(rest);
+        expectEnd(rest);
         faults.shortTo.reset();
         if (word != "off") {
             faults.shortTo = static_cast<std::size_t>(number("count", word, 0, largestCount));
@@ -229,7 +229,7 @@ CommandAnswer reply(Bus& bus, Text arguments) {
 
 CommandAnswer flush(Bus& bus, Text arguments) {
     return onReaders(bus, arguments, [](ReaderModel& r, Text rest) {
-        noMore(rest);
+        expectEnd(rest);
         r.forgetAnswers();
     });
 }
@@ -242,7 +242,7 @@ CommandAnswer busy(Bus& bus, Text arguments) {
 CommandAnswer driver(Bus& bus, Text arguments) {
     return ofHost(bus, arguments, [&](std::size_t reader, Text rest) {
         const Text name = takeWord(rest);
-        noMore(rest);
+        expectEnd(rest);
         bus.bindDriver(reader, name == "none" ? std::string{} : std::string(name));
     });
 }
@@ -256,11 +256,11 @@ CommandAnswer refuse(Bus& bus, Text arguments) {
                                                              {"off", 0}}};
     const std::vector<std::size_t> readers = readersNamed(bus, arguments);
     const Text word = takeWord(arguments);
-    noMore(arguments);
+    expectEnd(arguments);
     const auto found = std::ranges::find(errors, word, &std::pair<Text, int>::first);
     if (found == errors.end()) {
-        throw TextError("'" + std::string(word) +
-                        "' is none of EACCES, EPERM, ENODEV, ENOENT, EMFILE and off");
+        throw TextError("expected EACCES, EPERM, ENODEV, ENOENT, EMFILE or off, not '" + std::string(word) +
+                        "'");
     }
     for (const std::size_t reader : readers) {
         bus.refuseOpening(reader, found->second);
@@ -280,7 +280,7 @@ CommandAnswer failReset(Bus& bus, Text arguments) {
 }
 
 CommandAnswer list(Bus& bus, Text arguments) {
-    noMore(arguments);
+    expectEnd(arguments);
     std::string text;
     for (std::size_t reader = 1; reader <= bus.size(); ++reader) {
         const std::string place = bus.plugged(reader) ? bus.place(reader) : "unplugged";
@@ -299,7 +299,7 @@ CommandAnswer list(Bus& bus, Text arguments) {
 
 CommandAnswer frames(Bus& bus, Text arguments) {
     const std::size_t reader = oneReader(bus, arguments);
-    noMore(arguments);
+    expectEnd(arguments);
     return ok(bus.with(reader, [](ReaderModel& r) {
         std::string text = std::to_string(r.frameCount());
         if (r.frameCount() != 0) {
@@ -313,7 +313,7 @@ CommandAnswer frames(Bus& bus, Text arguments) {
 
 CommandAnswer counts(Bus& bus, Text arguments) {
     const std::size_t reader = oneReader(bus, arguments);
-    noMore(arguments);
+    expectEnd(arguments);
     std::string text;
     for (const auto& [name, count] : bus.counts(reader)) {
         text += (text.empty() ? "" : " ") + name + "=" + std::to_string(count);
@@ -324,7 +324,7 @@ CommandAnswer counts(Bus& bus, Text arguments) {
 CommandAnswer wait(Bus&, Text arguments) {
     CommandAnswer answer = ok();
     answer.pause = Milliseconds(number("time to wait", takeWord(arguments), 0, longestWait));
-    noMore(arguments);
+    expectEnd(arguments);
     return answer;
 }
 

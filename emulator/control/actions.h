@@ -1,7 +1,7 @@
-// What each text command does. `arguments` is the rest of the command's line; a mistake in it throws
-// TextError.
+// One function for each command. `arguments` is the rest of the command's line. Each throws TextError for a
+// mistake.
 //
-// Run by the launcher's thread only.
+// For the launcher's thread only.
 #pragma once
 
 #include "control/commands.h"

@@ -1,6 +1,6 @@
-// The readers that programs reach in one way or another, as the text commands and the launcher's loop see them.
+// The interface between commands, the launcher's loop and the two kinds of bus: emulated and USB/IP.
 //
-// One thread, the launcher's, calls the members.
+// For the launcher's thread only.
 #pragma once
 
 #include "model/model.h"
@@ -25,21 +25,22 @@ public:
     Bus& operator=(const Bus&) = delete;
     virtual ~Bus() = default;
 
-    // ------------------------------------------------------------------------------------------ readers
-    // Adds a reader, unplugged, and returns its number. Numbers count from 1. Throws TextError where the bus
-    // cannot have such a reader.
+    // ---- readers
+    // Add an unplugged reader and return its number. Numbers count from 1. Throws TextError if the bus does
+    // not support such a reader.
     virtual std::size_t add(ReaderDescription description) = 0;
     virtual std::size_t size() const = 0;
     virtual bool plugged(std::size_t number) const = 0;
 
-    // Throw TextError where the bus is full, the reader is already there, or not, or a program takes no events.
+    // Throw TextError if the bus is full, if the reader is in the wanted state already, or if a program does
+    // not read its udev events.
     virtual void plug(std::size_t number) = 0;
     virtual void unplug(std::size_t number) = 0;
 
-    // How programs name the place of a plugged reader.
+    // Where programs find a plugged reader: bus and address, or its USB/IP bus ID.
     virtual std::string place(std::size_t number) const = 0;
 
-    // Runs an action on a reader's model, then delivers what it completed.
+    // Run an action on a reader's model, then deliver the transfers that it completed.
     template <typename Action>
     auto with(std::size_t number, Action action) {
         using Result = decltype(action(std::declval<ReaderModel&>()));
@@ -52,23 +53,23 @@ public:
         }
     }
 
-    // ------------------------------------------------------------------------------------------- the host
-    // What the host did to a reader since the start.
+    // ---- host
+    // How often the host did what to a reader since the start.
     virtual NamedCounts counts(std::size_t number) = 0;
 
-    // What goes wrong on the host's side. Throw TextError where the host is another than the bus.
+    // Faults of the host. Throw TextError if the host is another machine.
     virtual void setBusy(std::size_t number, bool busy) = 0;
-    virtual void bindDriver(std::size_t number, const std::string& name) = 0; // empty: none
-    virtual void refuseOpening(std::size_t number, int error) = 0;            // 0 lets programs in
+    virtual void bindDriver(std::size_t number, const std::string& name) = 0; // "": none
+    virtual void refuseOpening(std::size_t number, int error) = 0;            // 0: none
     virtual void failReset(std::size_t number, bool fails) = 0;
 
-    // ------------------------------------------------------------------------------------- the launcher's loop
+    // ---- launcher's loop
     virtual void addPolled(std::vector<pollfd>& descriptors) = 0;
 
-    // Takes the descriptors that addPolled() began to add at `polled[first]`, and does what is due.
+    // Do what is due. The descriptors that addPolled() added start at `polled[first]`.
     virtual void serve(const std::vector<pollfd>& polled, std::size_t first) = 0;
 
-    // When serve() is due without any descriptor being ready.
+    // When to call serve() even if no descriptor is ready.
     virtual std::optional<Time> nextDeadline() = 0;
 
 protected:

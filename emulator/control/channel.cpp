@@ -96,7 +96,7 @@ void CommandChannel::accept() {
     if (descriptor < 0) {
         return;
     }
-    // A client that does not read its answers must not stop the bus.
+    // A client that does not read its answers must not block the bus.
     const timeval patience{.tv_sec = 1, .tv_usec = 0};
     ::setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     m_clients.push_back({.descriptor = descriptor, .received = {}, .held = {}, .due = {}});
@@ -113,7 +113,7 @@ void CommandChannel::receive(Client& client) {
         client.gone = true;
     }
     if (client.received.size() > longestLine && client.received.find('\n') == std::string::npos) {
-        send(client, "error: the line is too long");
+        send(client, "error: line too long");
         client.gone = true;
     }
 }

@@ -1,6 +1,6 @@
-// A Unix socket on which programs send commands: one command a line, one answer a line, in order.
+// The Unix socket for commands: each line is a command, answered by one line, in order.
 //
-// One thread, the launcher's, calls the members; it polls the descriptors and says which are readable.
+// For the launcher's thread only, which polls the descriptors.
 #pragma once
 
 #include "control/commands.h"
@@ -29,16 +29,16 @@ public:
     void addPolled(std::vector<pollfd>& descriptors) const;
     void serve(const std::vector<pollfd>& polled);
 
-    // When an answer is due that a command put off.
+    // When the next delayed answer is due.
     std::optional<Time> nextDeadline() const;
 
 private:
     struct Client {
         int descriptor;
         std::string received;
-        std::string held;        // an answer that is put off; no further command is run before it is given
+        std::string held;        // a delayed answer; the next command waits until it is sent
         std::optional<Time> due; // of the held answer
-        bool ended = false;      // it sends nothing more, but what it sent is still answered
+        bool ended = false;      // sends nothing more; commands received before are still answered
         bool gone = false;
     };
 
@@ -52,7 +52,7 @@ private:
     std::list<Client> m_clients;
 };
 
-// Sends one command over the socket at `path` and returns the answer without its line end. Throws
+// Send one command over the socket at `path` and return the answer without its line end. Throws
 // std::system_error.
 std::string sendCommand(const std::string& path, std::string_view command);
 

@@ -16,55 +16,54 @@ struct Command {
     Text name;
     Text arguments;
     Text meaning;
-    unsigned needed; // arguments that must be there
+    unsigned needed; // how many arguments are required
     CommandAnswer (*run)(Bus& bus, Text arguments);
 };
 
 constexpr std::array commands = {
-    Command{"plug", "READER|DESCRIPTION", "plug a reader, or a new one; a new one's number is the answer", 1,
+    Command{"plug", "READER|DESCRIPTION", "plug in a reader, or add a new one and answer its number", 1,
             actions::plug},
-    Command{"unplug", "READER", "unplug a reader; what flies ends with \"no device\"", 1, actions::unplug},
-    Command{"replug", "READER", "unplug it and plug it again at once", 1, actions::replug},
+    Command{"unplug", "READER", "unplug a reader; pending transfers fail with \"no device\"", 1,
+            actions::unplug},
+    Command{"replug", "READER", "unplug a reader and plug it in again at once", 1, actions::replug},
     Command{"string", "READER INDEX TEXT", "set a string descriptor", 2, actions::setString},
-    Command{"remove-string", "READER INDEX", "the reader has no such string descriptor any more", 2,
-            actions::removeString},
-    Command{"fail-string", "READER INDEX on|off", "reading the string descriptor stalls", 3,
+    Command{"remove-string", "READER INDEX", "remove a string descriptor", 2, actions::removeString},
+    Command{"fail-string", "READER INDEX on|off", "make reading a string descriptor stall", 3,
             actions::failString},
     Command{"descriptors", "READER HEX",
             "set the device and configuration descriptors that programs read from the next plug on", 2,
             actions::setDescriptors},
     Command{"stall", "READER PIPE [stuck]",
-            "transfers stall, on a bulk pipe until the halt is cleared; not even then "
-            "when stuck",
-            2, actions::stall},
-    Command{"unstall", "READER PIPE", "take that back", 2, actions::unstall},
-    Command{"mute", "READER PIPE", "transfers are not answered and run into their time-out", 2,
-            actions::mute},
-    Command{"unmute", "READER PIPE", "take that back", 2, actions::unmute},
-    Command{"delay", "READER PIPE MS", "transfers take that long", 3, actions::delay},
-    Command{"short", "READER PIPE COUNT|off", "transfers move at most COUNT bytes", 3, actions::shorten},
-    Command{"reply", "READER RULE", "answer frames by echo, reverse, none, fixed:HEX or pattern:COUNT", 2,
+            "make transfers stall: on a bulk pipe until the halt is cleared, if stuck even then", 2,
+            actions::stall},
+    Command{"unstall", "READER PIPE", "undo stall", 2, actions::unstall},
+    Command{"mute", "READER PIPE", "leave transfers unanswered, so that they time out", 2, actions::mute},
+    Command{"unmute", "READER PIPE", "undo mute", 2, actions::unmute},
+    Command{"delay", "READER PIPE MS", "complete transfers after MS milliseconds", 3, actions::delay},
+    Command{"short", "READER PIPE COUNT|off", "move at most COUNT bytes per transfer", 3, actions::shorten},
+    Command{"reply", "READER RULE", "answer frames with echo, reverse, none, fixed:HEX or pattern:COUNT", 2,
             actions::reply},
-    Command{"flush", "READER", "forget answers that nobody has fetched", 1, actions::flush},
-    Command{"busy", "READER on|off", "claiming an interface finds it busy", 2, actions::busy},
+    Command{"flush", "READER", "discard answers that have not been read", 1, actions::flush},
+    Command{"busy", "READER on|off", "make claiming an interface fail with \"busy\"", 2, actions::busy},
     Command{"driver", "READER NAME|none", "bind a kernel driver to the first interface", 2, actions::driver},
-    Command{"refuse", "READER EACCES|EPERM|ENODEV|ENOENT|EMFILE|off", "opening the reader fails", 2,
-            actions::refuse},
-    Command{"fail-configuration", "READER on|off", "the reader refuses to be configured", 2,
+    Command{"refuse", "READER EACCES|EPERM|ENODEV|ENOENT|EMFILE|off",
+            "make opening the reader fail with this error", 2, actions::refuse},
+    Command{"fail-configuration", "READER on|off", "make setting a configuration fail", 2,
             actions::failConfiguration},
-    Command{"fail-reset", "READER on|off", "resetting the reader fails", 2, actions::failReset},
-    Command{"list", "", "number, vendor:product, bus/address or \"unplugged\" and device ID of each reader",
-            0, actions::list},
-    Command{"frames", "READER", "how many frames it has got, and the last one with its endpoint", 1,
+    Command{"fail-reset", "READER on|off", "make resetting the reader fail", 2, actions::failReset},
+    Command{"list", "", "of each reader: number, vendor:product, bus/address or \"unplugged\", device ID", 0,
+            actions::list},
+    Command{"frames", "READER", "number of frames received, endpoint and bytes of the last one", 1,
             actions::frames},
-    Command{"counts", "READER", "how often it was opened, claimed, reset ...", 1, actions::counts},
-    Command{"wait", "MS", "answer after that time", 1, actions::wait},
+    Command{"counts", "READER", "how often the reader was opened, claimed, reset and so on", 1,
+            actions::counts},
+    Command{"wait", "MS", "answer after MS milliseconds", 1, actions::wait},
 };
 
 const Command& commandNamed(Text name) {
     const auto found = std::ranges::find(commands, name, &Command::name);
     if (found == commands.end()) {
-        throw TextError(name.empty() ? "no command" : "'" + std::string(name) + "' is not a command");
+        throw TextError(name.empty() ? "missing command" : "unknown command '" + std::string(name) + "'");
     }
     return *found;
 }

@@ -1,7 +1,7 @@
-// The text commands that change a running bus and tell what its readers have seen.
+// The commands that change a running bus and report what its readers have seen.
 //
-// A command is one line, a word and its arguments; its answer is one line, "ok", "ok DATA" or "error: WHY".
-// Readers go by their numbers, "all" stands for every reader. Run by the launcher's thread only.
+// A command is a line, a word with arguments. Its answer is a line: "ok", "ok DATA" or "error: REASON". For
+// the launcher's thread only.
 #pragma once
 
 #include "control/bus.h"
@@ -13,17 +13,16 @@ namespace emulator {
 
 struct CommandAnswer {
     std::string text;
-    Milliseconds pause{0}; // the answer is due that much later
+    Milliseconds pause{0}; // how long to delay the answer
 };
 
-// Never throws TextError: what is wrong stands in the answer.
+// Never throws TextError: the answer reports mistakes.
 CommandAnswer runCommand(Bus& bus, std::string_view line);
 
-// Whether `line` is a command with as many arguments as it needs; what the bus will say to it shows when it
-// runs. Throws TextError.
+// Check the command and the number of its arguments. Other mistakes show only when it runs. Throws TextError.
 void checkCommand(std::string_view line);
 
-// Every command with its arguments and meaning, for a help text.
+// Every command with its arguments and meaning, for the help.
 std::string describeCommands();
 
 } // namespace emulator

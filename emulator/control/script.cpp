@@ -12,7 +12,7 @@ constexpr std::uint64_t latest = 24ULL * 3600 * 1000;
 
 Script::Entry parseLine(std::string_view text, unsigned line) {
     if (takeWord(text) != "at") {
-        throw TextError("a line reads: at MILLISECONDS COMMAND");
+        throw TextError("expected: at MS COMMAND");
     }
     Script::Entry entry;
     entry.at = Milliseconds(number("time", takeWord(text), 0, latest));
@@ -20,7 +20,7 @@ Script::Entry parseLine(std::string_view text, unsigned line) {
     entry.line = line;
     checkCommand(text);
     if (text.starts_with("wait")) {
-        throw TextError("a script does not wait; its lines have times");
+        throw TextError("wait cannot be used in a script");
     }
     return entry;
 }
@@ -39,14 +39,14 @@ Script Script::parse(std::istream& text, const std::string& name) {
             script.m_entries.push_back(parseLine(content, number));
             const std::size_t count = script.m_entries.size();
             if (count > 1 && script.m_entries[count - 1].at < script.m_entries[count - 2].at) {
-                throw TextError("its time is before that of the line above");
+                throw TextError("time is earlier than that of the line before");
             }
         } catch (const TextError& error) {
             throw TextError(name + ":" + std::to_string(number) + ": " + error.what());
         }
     }
     if (text.bad()) {
-        throw TextError(name + ": cannot be read");
+        throw TextError("cannot read " + name);
     }
     return script;
 }
@@ -54,7 +54,7 @@ Script Script::parse(std::istream& text, const std::string& name) {
 Script Script::read(const std::filesystem::path& file) {
     std::ifstream stream(file);
     if (!stream) {
-        throw TextError(file.string() + ": cannot be read");
+        throw TextError("cannot read " + file.string());
     }
     return parse(stream, file.string());
 }

@@ -1,8 +1,7 @@
-// Commands that run by themselves at given times after the program's start.
+// Commands that run at given times after the program has started.
 //
-// A script has one line for each, "at MILLISECONDS COMMAND", in order of time; blank lines and lines that
-// begin with
-// '#' are skipped. One thread at a time.
+// A script has a line "at MS COMMAND" for each, in order of time; blank lines and lines that begin with '#'
+// are skipped. One thread at a time.
 #pragma once
 
 #include "model/transfer.h"
@@ -25,14 +24,14 @@ public:
 
     Script() = default;
 
-    // Both throw TextError; `name` is what the text is called in it.
+    // Both throw TextError, in which `name` stands for the script.
     static Script parse(std::istream& text, const std::string& name);
     static Script read(const std::filesystem::path& file);
 
-    // When the next command is due, after the start.
+    // When the next command is due, relative to the start.
     std::optional<Milliseconds> next() const;
 
-    // The next command, if it is due.
+    // Remove and return the next command if it is due.
     std::optional<Entry> take(Milliseconds sinceStart);
 
 private:

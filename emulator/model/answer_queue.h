@@ -1,6 +1,6 @@
-// The answers that a reader has ready and nobody has fetched yet, oldest first.
+// The answers of a reader that the host has not read yet, oldest first.
 //
-// Room is limited: an answer that does not fit is lost, so that a client that only sends cannot use up the emulator's
+// An answer that exceeds the limit is lost, so that a client that only sends cannot exhaust the emulator's
 // memory. One thread at a time.
 #pragma once
 
@@ -14,8 +14,8 @@ namespace emulator {
 
 struct WaitingAnswer {
     Bytes data;
-    std::size_t sent = 0; // of its bytes
-    std::size_t room = 0; // that it was given
+    std::size_t sent = 0; // how many bytes the host has read
+    std::size_t room = 0; // its share of the limit
 };
 
 class AnswerQueue {
@@ -23,7 +23,7 @@ public:
     static constexpr std::size_t mostRoom = std::size_t{64} << 20;
 
     void push(Bytes data) {
-        constexpr std::size_t overhead = 64; // an empty answer takes memory too
+        constexpr std::size_t overhead = 64; // an empty answer needs memory too
         const std::size_t room = data.size() + overhead;
         if (room > mostRoom - m_taken) {
             return;

@@ -10,7 +10,7 @@ namespace emulator {
 
 namespace {
 
-// A string descriptor has 255 bytes at most: two for its head, two for each UTF-16 unit.
+// A string descriptor has at most 255 bytes: two for its header, two for each UTF-16 unit.
 constexpr std::size_t longestString = 126;
 constexpr std::uint64_t mostCopies = 1000;
 
@@ -41,13 +41,13 @@ std::vector<Endpoint> parseEndpoints(std::string_view text) {
         Endpoint endpoint;
         if (!piece.starts_with("0x") || parts.size() > 3) {
             throw TextError(
-                "endpoints has '" + piece +
-                "'; it takes bulk, control, none, in-only, out-only, interrupt, or a list such as "
-                "0x81+0x02:bulk:64+0x83:interrupt");
+                "endpoints must be bulk, control, none, in-only, out-only, interrupt or a list such "
+                "as 0x81+0x02:bulk:64+0x83:interrupt, not '" +
+                piece + "'");
         }
         endpoint.address = static_cast<std::uint8_t>(number("endpoint address", parts[0], 0x01, 0x8F));
         if ((endpoint.address & 0x70) != 0 || (endpoint.address & 0x0F) == 0) {
-            throw TextError("endpoint address is '" + parts[0] + "'; it takes 0x01 to 0x0F or 0x81 to 0x8F");
+            throw TextError("endpoint address must be 0x01 to 0x0F or 0x81 to 0x8F, not '" + parts[0] + "'");
         }
         if (parts.size() > 1) {
             if (parts[1] == "bulk") {
@@ -57,14 +57,14 @@ std::vector<Endpoint> parseEndpoints(std::string_view text) {
             } else if (parts[1] == "iso") {
                 endpoint.type = TransferType::isochronous;
             } else {
-                throw TextError("endpoint type is '" + parts[1] + "'; it takes bulk, interrupt or iso");
+                throw TextError("endpoint type must be bulk, interrupt or iso, not '" + parts[1] + "'");
             }
         }
         if (parts.size() > 2) {
             endpoint.packetSize = static_cast<std::uint16_t>(number("packet size", parts[2], 1, 1024));
         }
         if (std::ranges::find(endpoints, endpoint.address, &Endpoint::address) != endpoints.end()) {
-            throw TextError("endpoints has " + parts[0] + " twice");
+            throw TextError("duplicate endpoint " + parts[0]);
         }
         endpoints.push_back(endpoint);
     }
@@ -79,7 +79,7 @@ std::vector<std::uint8_t> parseConfigurations(std::string_view text) {
     for (const std::string& piece : splitEscaped(text, '+')) {
         const auto value = static_cast<std::uint8_t>(number("configuration", piece, 1, 255));
         if (std::find(values.begin(), values.end(), value) != values.end()) {
-            throw TextError("configuration has the value " + piece + " twice");
+            throw TextError("duplicate configuration value " + piece);
         }
         values.push_back(value);
     }
@@ -96,7 +96,7 @@ Speed parseSpeed(std::string_view text) {
     if (text == "high") {
         return Speed::high;
     }
-    throw TextError("speed is '" + std::string(text) + "'; it takes low, full or high");
+    throw TextError("speed must be low, full or high, not '" + std::string(text) + "'");
 }
 
 bool parseYesNo(std::string_view what, std::string_view text) {
@@ -106,12 +106,12 @@ bool parseYesNo(std::string_view what, std::string_view text) {
     if (text == "no") {
         return false;
     }
-    throw TextError(std::string(what) + " is '" + std::string(text) + "'; it takes yes or no");
+    throw TextError(std::string(what) + " must be yes or no, not '" + std::string(text) + "'");
 }
 
 void setString(Draft& draft, std::uint8_t index, std::string_view text) {
     if (text.size() > longestString) {
-        throw TextError("string " + std::to_string(index) + " has more than " +
+        throw TextError("string " + std::to_string(index) + " is longer than " +
                         std::to_string(longestString) + " characters");
     }
     draft.reader.strings[index] = text;
@@ -138,16 +138,16 @@ constexpr std::array keys = {
     Key{"interface", "interface type, string 6 (TESK RCI2)",
         [](Draft& d, Value v) { setString(d, interfaceTypeString, v); }},
     Key{"type", "type number, string 10", [](Draft& d, Value v) { setString(d, typeNumberString, v); }},
-    Key{"missing", "string descriptors that the reader does not have: 3 or 3+5", removeStrings},
+    Key{"missing", "string descriptors that the reader lacks, such as 3 or 3+5", removeStrings},
     Key{"product", "product ID (1)",
         [](Draft& d, Value v) {
             d.reader.product = static_cast<std::uint16_t>(number("product", v, 0, 0xFFFF));
         }},
-    Key{"vendor", "vendor ID, for a device of another maker",
+    Key{"vendor", "vendor ID, for a device of another vendor",
         [](Draft& d, Value v) {
             d.reader.vendor = static_cast<std::uint16_t>(number("vendor", v, 0, 0xFFFF));
         }},
-    Key{"release", "device release (0x0100)",
+    Key{"release", "device release number (0x0100)",
         [](Draft& d, Value v) {
             d.reader.release = static_cast<std::uint16_t>(number("release", v, 0, 0xFFFF));
         }},
@@ -155,7 +155,7 @@ constexpr std::array keys = {
         "bulk (0x81 and 0x02), control (or none), in-only, out-only, interrupt, or a list of\n"
         "                    ADDRESS[:bulk|interrupt|iso[:PACKETSIZE]] joined by +",
         [](Draft& d, Value v) { d.reader.endpoints = parseEndpoints(v); }},
-    Key{"configuration", "configuration values in descriptor order: 1, or 2+1, or none",
+    Key{"configuration", "configuration values in descriptor order, such as 2+1, or none (1)",
         [](Draft& d, Value v) { d.reader.configurations = parseConfigurations(v); }},
     Key{"interfaces", "number of interfaces, 0 to 8 (1)",
         [](Draft& d, Value v) {
@@ -172,8 +172,7 @@ constexpr std::array keys = {
     Key{"speed", "low, full or high (full)", [](Draft& d, Value v) { d.reader.speed = parseSpeed(v); }},
     Key{"bus", "bus number (1)",
         [](Draft& d, Value v) { d.reader.bus = static_cast<std::uint8_t>(number("bus", v, 1, 255)); }},
-    Key{"address",
-        "device address from 2, the same at each plug; without it each plug takes the next free one",
+    Key{"address", "device address, 2 to 127, kept over replugging; by default the next free one",
         [](Draft& d, Value v) {
             d.reader.address = static_cast<std::uint8_t>(number("address", v, 2, 127));
         }},
@@ -181,16 +180,16 @@ constexpr std::array keys = {
         [](Draft& d, Value v) { d.reader.kernelDriver = v; }},
     Key{"reply", "echo, reverse, none, fixed:HEX or pattern:COUNT (echo)",
         [](Draft& d, Value v) { d.reader.reply = ReplyRule::parse(v); }},
-    Key{"plugged", "yes or no; a reader that is not plugged waits for a command (yes)",
+    Key{"plugged", "yes, or no to leave plugging to a command (yes)",
         [](Draft& d, Value v) { d.reader.plugged = parseYesNo("plugged", v); }},
-    Key{"copies", "that many readers, their device IDs counting up (1)",
+    Key{"copies", "number of readers, with consecutive device IDs (1)",
         [](Draft& d, Value v) { d.copies = number("copies", v, 1, mostCopies); }},
 };
 
 void applyPair(Draft& draft, std::string_view pair) {
     const auto equals = pair.find('=');
     if (equals == std::string_view::npos) {
-        throw TextError("'" + std::string(pair) + "' is not KEY=VALUE");
+        throw TextError("expected KEY=VALUE, not '" + std::string(pair) + "'");
     }
     const std::string_view name = trimmed(pair.substr(0, equals));
     const std::string_view value = pair.substr(equals + 1);
@@ -204,7 +203,15 @@ void applyPair(Draft& draft, std::string_view pair) {
             return;
         }
     }
-    throw TextError("'" + std::string(name) + "' is not a key of a reader");
+    throw TextError("unknown key '" + std::string(name) + "'");
+}
+
+std::uint64_t hexadecimalId(const std::string& text) {
+    try {
+        return number("id", "0x" + text, 0, 0xFFFFFFFF);
+    } catch (const TextError&) {
+        throw TextError("id must be hexadecimal if there are copies, not '" + text + "'");
+    }
 }
 
 std::string hexNumber(std::uint64_t value) {
@@ -224,11 +231,10 @@ std::vector<ReaderDescription> parseReaders(std::string_view line) {
     }
     std::vector<ReaderDescription> readers(static_cast<std::size_t>(draft.copies), draft.reader);
     if (draft.copies > 1 && draft.reader.address) {
-        throw TextError("copies and address do not go together: two readers cannot have one address");
+        throw TextError("copies cannot be used with address: two readers cannot share an address");
     }
     if (draft.copies > 1 && draft.reader.strings.contains(deviceIdString)) {
-        const std::uint64_t first =
-            number("id of several copies", "0x" + draft.reader.strings[deviceIdString], 0, 0xFFFFFFFF);
+        const std::uint64_t first = hexadecimalId(draft.reader.strings[deviceIdString]);
         for (std::size_t i = 0; i < readers.size(); ++i) {
             readers[i].strings[deviceIdString] = hexNumber(first + i);
         }
@@ -239,7 +245,7 @@ std::vector<ReaderDescription> parseReaders(std::string_view line) {
 std::vector<ReaderDescription> readReaders(const std::filesystem::path& file) {
     std::ifstream stream(file);
     if (!stream) {
-        throw TextError(file.string() + ": cannot be read");
+        throw TextError("cannot read " + file.string());
     }
     std::vector<ReaderDescription> readers;
     std::string line;
@@ -255,7 +261,7 @@ std::vector<ReaderDescription> readReaders(const std::filesystem::path& file) {
         }
     }
     if (stream.bad()) {
-        throw TextError(file.string() + ": cannot be read");
+        throw TextError("cannot read " + file.string());
     }
     return readers;
 }

@@ -1,8 +1,8 @@
-// What a virtual reader is: everything that is fixed when it is plugged, and how it is written down.
+// The description of a virtual reader: its descriptors, its speed, its place on the bus and its replies.
 //
-// A description is one line of KEY=VALUE pairs with commas between them; `\,` is a comma inside a value:
+// In text it is one line of KEY=VALUE pairs separated by commas; `\,` is a comma inside a value:
 //   id=1A2B3C,name=Desk reader,product=1,endpoints=bulk,speed=high
-// A file of descriptions has one to a line; blank lines and lines that begin with '#' are skipped.
+// A file has one description per line; blank lines and lines that begin with '#' are skipped.
 // Plain values; any thread may use them.
 #pragma once
 
@@ -22,13 +22,13 @@ namespace emulator {
 
 enum class Speed { low, full, high };
 
-// The two low bits of an endpoint descriptor's attributes.
+// As in the two low bits of bmAttributes.
 enum class TransferType : std::uint8_t { control = 0, isochronous = 1, bulk = 2, interrupt = 3 };
 
 struct Endpoint {
     std::uint8_t address = 0; // with the direction bit
     TransferType type = TransferType::bulk;
-    std::uint16_t packetSize = 0; // 0: the largest that the speed allows
+    std::uint16_t packetSize = 0; // 0: the default of the speed
 
     bool in() const { return (address & 0x80) != 0; }
 };
@@ -46,7 +46,7 @@ struct ReaderDescription {
     std::uint16_t release = 0x0100;
     Speed speed = Speed::full;
     std::uint8_t bus = 1;
-    std::optional<std::uint8_t> address; // none: the next free one, another at each plug
+    std::optional<std::uint8_t> address; // none: the next free one, another after replugging
     std::map<std::uint8_t, std::string> strings = {
         {deviceIdString, "1A2B3C"},
         {familyNameString, "Virtual"},
@@ -54,11 +54,11 @@ struct ReaderDescription {
         {interfaceTypeString, "TESK RCI2"},
         {typeNumberString, "100"},
     };
-    std::vector<std::uint8_t> configurations = {1}; // their values, in descriptor order
+    std::vector<std::uint8_t> configurations = {1}; // bConfigurationValue, in descriptor order
     std::uint8_t interfaces = 1;
     std::uint8_t firstInterface = 0;
     std::vector<Endpoint> endpoints = {{.address = 0x81}, {.address = 0x02}}; // of the first interface
-    std::string kernelDriver; // bound to the first interface when plugged; empty: none
+    std::string kernelDriver; // bound to the first interface by plugging; "": none
     ReplyRule reply;
     bool plugged = true;
 
@@ -67,17 +67,17 @@ struct ReaderDescription {
     std::optional<Bytes> descriptors;
 };
 
-// The readers that one line describes: one, or as many as its "copies" says, their device IDs counting up.
-// Throws TextError.
+// The readers that a line describes: one, or with "copies" several with consecutive device IDs. Throws
+// TextError.
 std::vector<ReaderDescription> parseReaders(std::string_view line);
 
-// All readers of a file. Throws TextError, with file and line.
+// The readers that a file describes. Throws TextError with file and line.
 std::vector<ReaderDescription> readReaders(const std::filesystem::path& file);
 
-// Two readers: one with bulk endpoints, one without.
+// A reader with bulk endpoints and a reader without.
 std::vector<ReaderDescription> defaultReaders();
 
-// The keys with their meaning, for a help text.
+// Every key with its meaning, for the help.
 std::string describeKeys();
 
 } // namespace emulator

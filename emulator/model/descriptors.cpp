@@ -22,7 +22,7 @@ std::uint8_t indexIfPresent(const ReaderDescription& reader, std::uint8_t index)
     return reader.strings.contains(index) ? index : std::uint8_t{0};
 }
 
-// Takes one code point off `text`. A byte that begins no valid sequence stands for itself.
+// Remove one code point from `text` and return it. A byte that begins no valid sequence stands for itself.
 char32_t takeCodePoint(std::string_view& text) {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     std::size_t length = 1;
@@ -70,7 +70,7 @@ std::uint16_t packetSize(const ReaderDescription& reader, const Endpoint& endpoi
 Bytes deviceDescriptor(const ReaderDescription& reader) {
     Bytes bytes = {deviceSize, deviceType};
     append16(bytes, reader.speed == Speed::high ? 0x0200 : 0x0110);
-    bytes.insert(bytes.end(), {0, 0, 0}); // class, subclass and protocol: see the interface
+    bytes.insert(bytes.end(), {0, 0, 0}); // class, subclass and protocol are the interface's
     bytes.push_back(reader.speed == Speed::low ? 8 : 64);
     append16(bytes, reader.vendor);
     append16(bytes, reader.product);

@@ -1,38 +1,38 @@
-// The USB descriptors of a described reader, byte by byte.
+// The bytes of a reader's USB descriptors.
 //
-// Plain functions on plain values; any thread may call them.
+// Any thread may call these.
 #pragma once
 
 #include "model/description.h"
 
 namespace emulator {
 
-// The types of descriptors, as GET_DESCRIPTOR names them.
+// Descriptor types in GET_DESCRIPTOR.
 constexpr std::uint8_t deviceType = 1;
 constexpr std::uint8_t configurationType = 2;
 constexpr std::uint8_t stringType = 3;
 
 Bytes deviceDescriptor(const ReaderDescription& reader);
 
-// The configuration with all that belongs to it, as one GET_DESCRIPTOR returns it. `index` counts from 0.
+// The configuration descriptor followed by its interfaces and endpoints, as GET_DESCRIPTOR returns them.
+// `index` counts from 0.
 Bytes configurationDescriptor(const ReaderDescription& reader, std::size_t index);
 
-// What the kernel shows as the device's "descriptors" file: the device, then each configuration, or what the
-// description gives in their place.
+// The bytes of the kernel's file "descriptors" in sysfs: the device descriptor followed by each configuration, or the bytes that
+// the description gives instead.
 Bytes allDescriptors(const ReaderDescription& reader);
 
-// What GET_DESCRIPTOR returns of these given bytes: the device's descriptor, or all from the configuration on
-// that begins where the total lengths of those before it say.
+// What GET_DESCRIPTOR returns of given bytes: the device descriptor, or everything from the start of a configuration,
+// which follows from the total lengths of those before it.
 std::optional<Bytes> givenDescriptor(const Bytes& given, std::uint8_t type, std::uint8_t index);
 
-// A string descriptor with the UTF-16 form of a UTF-8 text. What is not UTF-8 is taken byte by byte as
-// Latin-1.
+// The string descriptor of a UTF-8 text. Bytes that are not UTF-8 are taken as Latin-1.
 Bytes stringDescriptor(std::string_view text);
 
 // String descriptor 0: US English.
 Bytes languageDescriptor();
 
-// The endpoint's packet size, also where its description leaves it to the speed.
+// The endpoint's packet size, described or by default of the speed.
 std::uint16_t packetSize(const ReaderDescription& reader, const Endpoint& endpoint);
 
 } // namespace emulator

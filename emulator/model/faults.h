@@ -1,6 +1,6 @@
-// What goes wrong with a reader, on demand: per pipe, and for some of its standard requests.
+// The faults of a reader, for each pipe and for some standard requests.
 //
-// Plain values; whoever owns them guards them.
+// One thread at a time; the owner guards them.
 #pragma once
 
 #include "model/transfer.h"
@@ -11,9 +11,9 @@
 
 namespace emulator {
 
-// A way that bytes go: an endpoint with its direction, or one of the three uses of endpoint 0.
+// An endpoint with its direction, or one of three uses of endpoint 0.
 enum class Pipe : std::uint16_t {
-    control = 0x000,         // every control transfer, the two below included
+    control = 0x000,         // every control transfer, including the two below
     controlFrameOut = 0x100, // frames to the reader by vendor request
     controlFrameIn = 0x180,  // answers from the reader by vendor request
 };
@@ -23,13 +23,13 @@ constexpr Pipe pipeOf(std::uint8_t endpoint) {
 }
 
 struct PipeFaults {
-    bool mute = false;    // nothing is answered; transfers wait until they are cancelled
-    bool stalled = false; // on a bulk pipe until the halt is cleared
-    bool stuck = false;   // clearing the halt does not help
+    bool mute = false;    // transfers wait until they are cancelled
+    bool stalled = false; // transfers stall; clearing the halt ends it
+    bool stuck = false;   // clearing the halt does not end the stall
     Milliseconds delay{0};
-    std::optional<std::size_t> shortTo = std::nullopt; // at most that many bytes are moved
+    std::optional<std::size_t> shortTo = std::nullopt; // how many bytes a transfer moves at most
 
-    // Both at once, for a control frame, which is also a control transfer.
+    // Both combined, for a control frame, which is also a control transfer.
     PipeFaults with(const PipeFaults& other) const {
         PipeFaults both = *this;
         both.mute |= other.mute;

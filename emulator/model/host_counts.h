@@ -1,6 +1,6 @@
-// What the host did to a reader since the start.
+// How often the host did what to a reader since the start.
 //
-// Plain values; whoever owns them guards them.
+// One thread at a time; the owner guards it.
 #pragma once
 
 #include <cstdint>

@@ -11,7 +11,7 @@ ReaderModel::ReaderModel(ReaderDescription description)
     power(Time{});
 }
 
-// ------------------------------------------------------------------------------------------------- transfers
+// ---- transfers
 
 TransferId ReaderModel::submit(Transfer transfer, Time now) {
     const TransferId id = ++m_lastId;
@@ -55,7 +55,7 @@ std::optional<Time> ReaderModel::nextDeadline() const {
 }
 
 void ReaderModel::advance(Time now) {
-    // An answer that one pipe's transfer made may be what another pipe's transfer waits for: OUT before IN.
+    // In order of addresses, OUT before IN: a frame may complete a transfer that waits for an answer.
     std::vector<std::uint8_t> endpoints;
     for (const auto& [endpoint, queue] : m_waiting) {
         endpoints.push_back(endpoint);
@@ -67,8 +67,7 @@ void ReaderModel::advance(Time now) {
 
 void ReaderModel::run(std::uint8_t endpoint, Time now) {
     const std::size_t answersBefore = m_bulkAnswers.size();
-    // Frames move the queue of another pipe only by adding answers, so one more round over the IN pipes is
-    // enough.
+    // A frame affects other pipes only by its answer, so one more round is enough.
     while (!m_waiting[endpoint].empty() && runFirst(m_waiting[endpoint], now)) {
     }
     if (m_bulkAnswers.size() <= answersBefore) {
@@ -87,7 +86,7 @@ bool ReaderModel::runFirst(std::deque<Waiting>& queue, Time now) {
         return false;
     }
     if (!faults.stalled && !couldComplete(first.transfer)) {
-        first.ready.reset(); // what it was to complete with is gone
+        first.ready.reset(); // the answer or the stall that it waited for is gone
         return false;
     }
     if (!first.ready) {
@@ -96,7 +95,7 @@ bool ReaderModel::runFirst(std::deque<Waiting>& queue, Time now) {
     if (now < *first.ready) {
         return false;
     }
-    // Out of the queue before it is performed: a request may end everything that waits.
+    // Removed before it is performed, because a request may end every pending transfer.
     const Waiting taken = std::move(first);
     queue.pop_front();
     Completion completion =
@@ -124,7 +123,7 @@ bool ReaderModel::couldComplete(const Transfer& transfer) const {
     }
     const auto endpoint = std::ranges::find(m_description.endpoints, transfer.endpoint, &Endpoint::address);
     if (endpoint == m_description.endpoints.end() || endpoint->type != TransferType::bulk) {
-        return false; // nothing ever comes from or goes to what is not a frame's way
+        return false; // such endpoints move no data
     }
     return !endpoint->in() || !m_bulkAnswers.empty();
 }
@@ -147,8 +146,8 @@ Completion ReaderModel::perform(const Transfer& transfer, const PipeFaults& faul
     return sendPackets(transfer);
 }
 
-// Packets go until the answer ends or the host has what it asked for. An answer's end ends the transfer, as
-// the zero-length packet does where it is needed. A packet that does not fit is lost, as on the wire.
+// The transfer ends with the answer, as if a zero-length packet followed where one is needed, or when its
+// capacity is used up. The excess bytes of a packet are lost, as on the wire.
 Completion ReaderModel::sendPackets(const Transfer& transfer) {
     WaitingAnswer& answer = m_bulkAnswers.front();
     const auto endpoint = std::ranges::find(m_description.endpoints, transfer.endpoint, &Endpoint::address);
@@ -176,17 +175,17 @@ void ReaderModel::takeFrame(std::uint8_t endpoint, Bytes frame) {
     ++m_frameCount;
     m_lastFrame = {.endpoint = endpoint, .data = std::move(frame)};
 
-    // A reader that is mute stays silent for good: what it was asked meanwhile is not answered afterwards.
+    // A mute reader does not answer later what it received while it was mute.
     bool mute = byControl ? pipeFaults(Pipe::control).with(pipeFaults(Pipe::controlFrameIn)).mute : false;
-    for (const Endpoint& way : m_description.endpoints) {
-        mute |= !byControl && way.in() && pipeFaults(pipeOf(way.address)).mute;
+    for (const Endpoint& each : m_description.endpoints) {
+        mute |= !byControl && each.in() && pipeFaults(pipeOf(each.address)).mute;
     }
     if (answer && !mute) {
         (byControl ? m_controlAnswers : m_bulkAnswers).push(std::move(*answer));
     }
 }
 
-// ------------------------------------------------------------------------------------------- life on the bus
+// ---- life on the bus
 
 void ReaderModel::endAll(Outcome outcome, bool controlToo) {
     for (auto& [endpoint, queue] : m_waiting) {
@@ -250,7 +249,7 @@ void ReaderModel::clearHalt(std::uint8_t endpoint, Time now) {
     run(endpoint, now);
 }
 
-// -------------------------------------------------------------------------------------------- what tests turn
+// ---- what commands see and change
 
 void ReaderModel::setString(std::uint8_t index, std::optional<std::string> text) {
     if (text) {
@@ -284,11 +283,14 @@ std::vector<Pipe> ReaderModel::pipesNamed(std::string_view name) const {
         }
         return pipes;
     }
-    const auto address =
-        static_cast<std::uint8_t>(number("pipe (in, out, control, all or an endpoint)", name, 1, 0x8F));
+    if (name.empty() || name.front() < '0' || name.front() > '9') {
+        throw TextError("pipe must be in, out, control, all or an endpoint such as 0x81, not '" +
+                        std::string(name) + "'");
+    }
+    const auto address = static_cast<std::uint8_t>(number("endpoint", name, 1, 0x8F));
     if (std::ranges::find(m_description.endpoints, address, &Endpoint::address) ==
         m_description.endpoints.end()) {
-        throw TextError("the reader has no endpoint " + std::string(name));
+        throw TextError("reader has no endpoint " + std::string(name));
     }
     return {pipeOf(address)};
 }

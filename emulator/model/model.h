@@ -1,9 +1,8 @@
-// A USB reader as the bus sees it: it takes transfers and completes them, now, later or when they are
-// cancelled.
+// The behavior of a reader, independent of how programs reach it: completes transfers at once, later, or when
+// they are cancelled.
 //
-// The model knows no transport, no clock and no thread: a transport submits transfers with the present time,
-// fetches completions after every call, and calls advance() no later than nextDeadline(). One thread at a
-// time; the owner guards it.
+// It has no clock: the owner passes the present time, fetches completions after every call, and calls
+// advance() no later than nextDeadline(). One thread at a time; the owner guards it.
 #pragma once
 
 #include "model/answer_queue.h"
@@ -22,34 +21,34 @@ class ReaderModel {
 public:
     explicit ReaderModel(ReaderDescription description);
 
-    // ------------------------------------------------------------------------------------------ transfers
+    // ---- transfers (model.cpp, requests.cpp)
     TransferId submit(Transfer transfer, Time now);
 
-    // Completes a waiting transfer as cancelled; false if it does not wait any more.
+    // Complete a pending transfer as cancelled. False if it has completed already.
     bool cancel(TransferId id, Time now);
 
-    // The next completion, in the order in which they happened.
+    // Remove and return the oldest completion.
     std::optional<Completion> takeCompletion();
 
     std::optional<Time> nextDeadline() const;
     void advance(Time now);
 
-    // ------------------------------------------------------------------------------------ life on the bus
-    // Both end what waits. A reader that is powered is as new: first configuration, no halt, nothing to
-    // answer.
+    // ---- life on the bus
+    // Both end pending transfers. Power also resets the reader and chooses the first configuration.
     void power(Time now);
     void unplug();
 
-    // A port reset: as new, but the configuration stays and control transfers go on.
+    // A port reset: ends transfers other than control, clears halts and discards answers. The configuration
+    // stays.
     void reset(Time now);
 
-    // False if the reader refuses it. 0 leaves it unconfigured.
+    // Choose a configuration; 0 unconfigures the reader. False if the reader refuses.
     bool configure(std::uint8_t value, Time now);
     std::uint8_t configuration() const { return m_configuration; }
     bool hasEndpoint(std::uint8_t address) const;
     void clearHalt(std::uint8_t endpoint, Time now);
 
-    // -------------------------------------------------------------------------------------- what tests turn
+    // ---- what commands see and change
     const ReaderDescription& description() const { return m_description; }
     void setString(std::uint8_t index, std::optional<std::string> text);
     void setDescriptors(Bytes descriptors) { m_description.descriptors = std::move(descriptors); }
@@ -58,7 +57,7 @@ public:
     void forgetAnswers();
     RequestFaults& requestFaults() { return m_requestFaults; }
 
-    // The pipes that a name stands for: "in", "out" (frames, by whichever way), "control", "all" or an
+    // The pipes that a name stands for: "in" and "out" (of frames, bulk and control), "control", "all" or an
     // endpoint such as "0x81". Throws TextError.
     std::vector<Pipe> pipesNamed(std::string_view name) const;
     PipeFaults pipeFaults(Pipe pipe) const;
@@ -75,7 +74,7 @@ private:
     struct Waiting {
         TransferId id = 0;
         Transfer transfer;
-        std::optional<Time> ready = std::nullopt; // when its delay is over, once it could complete
+        std::optional<Time> ready = std::nullopt; // when its delay ends; set once it can complete
     };
 
     void run(std::uint8_t endpoint, Time now);
@@ -94,7 +93,7 @@ private:
     std::uint8_t m_configuration = 0;
     std::map<Pipe, PipeFaults> m_pipeFaults;
     RequestFaults m_requestFaults;
-    std::map<std::uint8_t, std::deque<Waiting>> m_waiting; // by endpoint; each completes in order
+    std::map<std::uint8_t, std::deque<Waiting>> m_waiting; // by endpoint; each queue completes in order
     std::deque<Completion> m_completions;
     AnswerQueue m_bulkAnswers;
     AnswerQueue m_controlAnswers;

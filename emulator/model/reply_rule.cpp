@@ -4,7 +4,7 @@ namespace emulator {
 
 namespace {
 
-// More than any transfer asks for in one piece.
+// Longer than any transfer.
 constexpr std::size_t longestPattern = 1U << 20;
 
 } // namespace
@@ -31,8 +31,8 @@ ReplyRule ReplyRule::parse(std::string_view text) {
             rule.m_bytes[i] = static_cast<std::uint8_t>(i);
         }
     } else {
-        throw TextError("reply is '" + std::string(text) +
-                        "'; it takes echo, reverse, none, fixed:HEX or pattern:COUNT");
+        throw TextError("reply must be echo, reverse, none, fixed:HEX or pattern:COUNT, not '" +
+                        std::string(text) + "'");
     }
     return rule;
 }

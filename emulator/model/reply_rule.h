@@ -1,4 +1,4 @@
-// What a reader answers to a frame: always the same answer to the same frame.
+// How a reader answers a frame. The same frame always gets the same answer.
 //
 // Plain values; any thread may use them.
 #pragma once
@@ -13,14 +13,14 @@ namespace emulator {
 
 class ReplyRule {
 public:
-    // Echo, the answer of a reader that nobody told anything else.
+    // Echo.
     ReplyRule() = default;
 
     // "echo", "reverse", "none", "fixed:HEX" or "pattern:COUNT" (COUNT bytes 00 01 02 ... FF 00 ...).
     // Throws TextError.
     static ReplyRule parse(std::string_view text);
 
-    // The answer to `frame`; nothing when the reader stays silent.
+    // Empty if the reader does not answer.
     std::optional<Bytes> answer(const Bytes& frame) const;
 
     std::string text() const;

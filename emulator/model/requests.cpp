@@ -1,4 +1,4 @@
-// The control requests that a reader answers: the standard ones, and frames by vendor request 0.
+// The control requests of a reader: standard requests, and frames by vendor request 0.
 
 #include "model/descriptors.h"
 #include "model/model.h"
@@ -31,7 +31,7 @@ Completion accept(std::size_t bytes = 0) {
     return {.actual = bytes};
 }
 
-// The host takes at most what it asked for; the rest of a control answer is not sent.
+// The host gets at most the length that it asked for; the rest is lost.
 Completion send(Bytes data, const Transfer& transfer) {
     data.resize(std::min({data.size(), transfer.capacity, std::size_t{transfer.setup.length}}));
     Completion completion = accept(data.size());
@@ -99,7 +99,7 @@ Completion ReaderModel::standardRequest(const Transfer& transfer, Time now) {
     }
     if (setup.request == setInterface && recipient == toInterface && setup.value == 0 &&
         m_configuration != 0) {
-        // Its endpoints are as new, also where the setting is the one it has.
+        // Choosing the active setting again clears the halts too.
         if (setup.index == m_description.firstInterface) {
             for (const Endpoint& each : m_description.endpoints) {
                 clearHalt(each.address, now);

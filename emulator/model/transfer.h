@@ -1,4 +1,4 @@
-// One transfer to or from a reader, in USB's own terms, and how it ended.
+// A transfer to or from a reader, and its completion.
 //
 // Plain values; any thread may use them.
 #pragma once
@@ -26,21 +26,21 @@ struct ControlSetup {
 };
 
 struct Transfer {
-    std::uint8_t endpoint = 0; // 0: control, with `setup`; else with the direction bit
+    std::uint8_t endpoint = 0; // with the direction bit; 0: control, with `setup`
     ControlSetup setup = {};
     Bytes data = {};          // to the reader
-    std::size_t capacity = 0; // wanted from the reader
+    std::size_t capacity = 0; // how many bytes from the reader at most
 };
 
 enum class Outcome {
     done,
     stalled,
-    overflow,  // the reader sent a larger packet than there was room for
-    cancelled, // on the host's demand
-    gone,      // the reader was unplugged or reset
+    overflow,  // a packet exceeded the capacity
+    cancelled, // by the host
+    gone,      // the reader was unplugged, reset or configured
 };
 
-// What Linux says of a transfer that ended so: 0 or a negative errno. What it says of a cancelled one depends on who asks.
+// The status of a URB in Linux: 0 or a negative errno. For cancelled URBs it depends on the interface.
 constexpr int urbStatus(Outcome outcome, int cancelled) {
     switch (outcome) {
     case Outcome::done:
@@ -63,7 +63,7 @@ struct Completion {
     TransferId id = 0;
     Outcome outcome = Outcome::done;
     Bytes data = {};        // from the reader
-    std::size_t actual = 0; // bytes moved, in either direction
+    std::size_t actual = 0; // bytes transferred, in either direction
 };
 
 } // namespace emulator

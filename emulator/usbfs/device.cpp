@@ -27,15 +27,15 @@ void UsbfsDevice::close(OpenId id, Time now) {
         return;
     }
     ++m_counts.closes;
-    std::deque<Flying> own;
-    std::ranges::copy_if(m_flying, std::front_inserter(own),
-                         [&](const Flying& urb) { return urb.opening == id; });
-    std::erase_if(m_flying, [&](const Flying& urb) { return urb.opening == id; });
+    std::deque<PendingUrb> own;
+    std::ranges::copy_if(m_pending, std::front_inserter(own),
+                         [&](const PendingUrb& urb) { return urb.opening == id; });
+    std::erase_if(m_pending, [&](const PendingUrb& urb) { return urb.opening == id; });
     if (m_model == nullptr) {
         return;
     }
-    // The last first: taken back from the front, each would let the next be carried out.
-    for (const Flying& urb : own) {
+    // The newest first: cancelling the oldest would let the model perform the next one.
+    for (const PendingUrb& urb : own) {
         m_model->cancel(urb.transfer, now);
     }
     collect();
@@ -90,7 +90,7 @@ int UsbfsDevice::setConfiguration(OpenId, int value, Time now) {
         return -EBUSY;
     }
     const auto& values = m_model->description().configurations;
-    const int wanted = std::max(value, 0); // -1 is the kernel's "unconfigured"
+    const int wanted = std::max(value, 0); // -1 unconfigures too
     if (wanted != 0 && std::ranges::find(values, wanted) == values.end()) {
         return -EINVAL;
     }
@@ -180,7 +180,7 @@ int UsbfsDevice::submit(OpenId id, UrbAddress urb, Transfer transfer, Time now) 
         return -ENOENT;
     }
     if (transfer.endpoint != 0) {
-        // A program that did not claim the interface gets it claimed by its first transfer.
+        // As in the kernel, the first transfer claims the interface if the program has not.
         const unsigned interfaceNumber = m_model->description().firstInterface;
         if (!m_openings.at(id).claimed.contains(interfaceNumber)) {
             if (m_faults.busy || !driver(interfaceNumber).empty()) {
@@ -190,9 +190,9 @@ int UsbfsDevice::submit(OpenId id, UrbAddress urb, Transfer transfer, Time now) 
         }
     }
     ++m_counts.transfers;
-    // Listed before the model may complete it, so that its completion finds it.
+    // The model may have completed it already; collect() looks for it in the list.
     const TransferId transferId = m_model->submit(std::move(transfer), now);
-    m_flying.push_back({.opening = id, .urb = urb, .transfer = transferId});
+    m_pending.push_back({.opening = id, .urb = urb, .transfer = transferId});
     collect();
     return 0;
 }
@@ -202,8 +202,8 @@ int UsbfsDevice::discard(OpenId id, UrbAddress urb, Time now) {
         return -ENODEV;
     }
     const auto found = std::ranges::find_if(
-        m_flying, [&](const Flying& entry) { return entry.opening == id && entry.urb == urb; });
-    if (found == m_flying.end() || !m_model->cancel(found->transfer, now)) {
+        m_pending, [&](const PendingUrb& entry) { return entry.opening == id && entry.urb == urb; });
+    if (found == m_pending.end() || !m_model->cancel(found->transfer, now)) {
         return -EINVAL;
     }
     ++m_counts.cancels;
@@ -216,8 +216,8 @@ void UsbfsDevice::collect() {
         return;
     }
     while (std::optional<Completion> completion = m_model->takeCompletion()) {
-        const auto found = std::ranges::find(m_flying, completion->id, &Flying::transfer);
-        if (found == m_flying.end()) {
+        const auto found = std::ranges::find(m_pending, completion->id, &PendingUrb::transfer);
+        if (found == m_pending.end()) {
             continue;
         }
         const auto opening = m_openings.find(found->opening);
@@ -227,7 +227,7 @@ void UsbfsDevice::collect() {
                                                  .data = std::move(completion->data),
                                                  .actual = completion->actual});
         }
-        m_flying.erase(found);
+        m_pending.erase(found);
     }
 }
 

@@ -1,7 +1,7 @@
-// The kernel's side of one plugged reader: who has opened it, who claimed what, which transfers fly, in the
-// terms of usbfs (errno values, URB status). It is what Linux's USB core does between a process and a device.
+// The kernel's part between processes and one plugged reader: openings, claimed interfaces and pending URBs,
+// with the errno values and URB status of usbfs.
 //
-// One thread at a time; the bus guards it. It outlives the unplugging for those who still have it open.
+// One thread at a time; the bus guards it. It outlives the unplugging while programs have it open.
 #pragma once
 
 #include "model/host_counts.h"
@@ -15,15 +15,15 @@
 
 namespace emulator {
 
-// What goes wrong on the host's side, kept from one plugging to the next.
+// The faults of the host. They survive replugging.
 struct HostFaults {
-    bool busy = false;      // claiming answers "busy", as if another program had the interface
+    bool busy = false;      // claiming fails, as if another program had claimed the interface
     bool failReset = false; // a port reset fails
-    int refuseOpen = 0;     // the errno that opening answers
+    int refuseOpen = 0;     // opening fails with this errno
 };
 
 using OpenId = std::uint64_t;
-using UrbAddress = std::uint64_t; // where the process keeps its URB
+using UrbAddress = std::uint64_t; // of the URB in the process
 
 struct ReapedUrb {
     UrbAddress urb = 0;
@@ -39,7 +39,7 @@ public:
     OpenId open();
     void close(OpenId id, Time now);
 
-    // Each answers 0 or a negative errno.
+    // Return 0 or a negative errno.
     int claim(OpenId id, unsigned interfaceNumber);
     int release(OpenId id, unsigned interfaceNumber);
     int setConfiguration(OpenId id, int value, Time now);
@@ -50,18 +50,18 @@ public:
     int submit(OpenId id, UrbAddress urb, Transfer transfer, Time now);
     int discard(OpenId id, UrbAddress urb, Time now);
 
-    // The name of the driver bound to an interface, "usbfs" where a program claimed it; empty: none.
+    // The driver bound to an interface: "usbfs" if a program has claimed it, "" for none.
     std::string driver(unsigned interfaceNumber) const;
     void bindDriver(std::string name);
 
-    // The next completed URB of this opening; none: try again later, or the device is gone.
+    // Remove and return the oldest completed URB of this opening.
     std::optional<ReapedUrb> reap(OpenId id);
     bool anythingToReap() const;
 
-    // Fetches what the model has completed meanwhile.
+    // Fetch completions from the model.
     void collect();
 
-    // Whether some transfer completes by the clock, so that somebody must call advance() on the model.
+    // Whether a pending transfer needs a call of the model's advance() to complete.
     bool timed() const { return m_model != nullptr && m_model->nextDeadline().has_value(); }
 
     bool connected() const { return m_model != nullptr; }
@@ -76,7 +76,7 @@ private:
         std::set<unsigned> claimed;
         std::deque<ReapedUrb> completed;
     };
-    struct Flying {
+    struct PendingUrb {
         OpenId opening = 0;
         UrbAddress urb = 0;
         TransferId transfer = 0;
@@ -85,14 +85,14 @@ private:
     bool hasInterface(unsigned interfaceNumber) const;
     bool claimedByAnother(OpenId id, unsigned interfaceNumber) const;
 
-    ReaderModel* m_model; // none once unplugged
+    ReaderModel* m_model; // null once unplugged
     HostFaults& m_faults;
     HostCounts& m_counts;
     Speed m_speed;
     std::string m_driver;
     OpenId m_lastId = 0;
     std::map<OpenId, Opening> m_openings;
-    std::deque<Flying> m_flying;
+    std::deque<PendingUrb> m_pending;
 };
 
 } // namespace emulator

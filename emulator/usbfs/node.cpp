@@ -18,7 +18,7 @@ UsbfsOpening& openingOf(UMockdevIoctlClient* client, const NodePointer& node) {
     if (void* known = g_object_get_data(G_OBJECT(client), openingKey)) {
         return *static_cast<UsbfsOpening*>(known);
     }
-    // umockdev 0.17 does not tell when a program closes the node, but it drops the connection's object then.
+    // umockdev 0.17 does not report when a program closes the node, but it drops the client object then.
     auto opening = std::make_unique<UsbfsOpening>(node);
     UsbfsOpening& reference = *opening;
     g_object_set_data_full(G_OBJECT(client), openingKey, opening.release(),
@@ -43,7 +43,7 @@ void dropNode(gpointer node, GClosure*) {
 }
 
 void throwError(GError* error) {
-    const std::string message = error != nullptr ? error->message : "unknown error of umockdev";
+    const std::string message = error != nullptr ? error->message : "unknown umockdev error";
     g_clear_error(&error);
     throw std::runtime_error(message);
 }

@@ -1,7 +1,7 @@
-// The file under /dev/bus/usb through which programs reach one plugged reader: it answers the usbfs ioctls.
+// The node of a plugged reader in /dev/bus/usb, which answers the ioctls of usbfs.
 //
-// umockdev calls the ioctl handler in a thread of its own; the handler takes the bus mutex for every touch of
-// the reader. The node itself is made, refreshed and destroyed by the bus's thread.
+// The launcher's thread creates, refreshes and destroys it. umockdev answers ioctls in a thread of its own,
+// which takes the bus mutex for every access to the reader.
 #pragma once
 
 #include "usbfs/opening.h"
@@ -16,22 +16,22 @@ namespace emulator {
 
 class DeviceNode {
 public:
-    // Makes the node. `path` is as programs see it, "/dev/bus/usb/001/002". Throws std::runtime_error.
+    // Create the node. `path` is as programs see it, "/dev/bus/usb/001/002". Throws std::runtime_error.
     DeviceNode(UMockdevTestbed* testbed, std::string path, std::shared_ptr<UsbfsDevice> device,
                std::mutex& mutex, NodeHooks hooks);
     DeviceNode(const DeviceNode&) = delete;
     DeviceNode& operator=(const DeviceNode&) = delete;
 
-    // Nobody can open the node any more; who has it open keeps being answered. The mutex must not be held,
-    // for the handler's thread may be waiting for it. A program that has opened the node but whose connection
-    // the handler has not taken yet would die of it: retire the node first, and keep it for a while.
+    // Destroy the node without holding the mutex, because the handler's thread may wait for it. Programs that
+    // have the node open still get answers, but umockdev aborts a program whose connection it has not
+    // accepted yet: call retire() first, and destroy the node later.
     ~DeviceNode();
 
-    // Nobody can open the node any more; who is about to, or has it open, keeps being answered.
+    // Remove the file. Programs that have the node open, or are just opening it, still get answers.
     void retire();
     const std::string& path() const { return m_path; }
 
-    // Wakes programs that have something to reap. The mutex is held.
+    // Wake programs that have a URB to reap. The mutex is held.
     void refresh();
 
 private:

@@ -156,7 +156,7 @@ int UsbfsOpening::getDriver(const ProgramMemory& memory) {
     return 0;
 }
 
-// The ioctl that hands a second ioctl on to an interface's driver; only binding and unbinding are known.
+// USBDEVFS_IOCTL passes an ioctl to the driver of an interface. Only binding and unbinding are supported.
 int UsbfsOpening::driverIoctl(const ProgramMemory& memory) {
     const auto request = memory.as<usbdevfs_ioctl>();
     const auto interfaceNumber = static_cast<unsigned>(request.ifno);
@@ -201,7 +201,7 @@ int UsbfsOpening::getSpeed() {
         if (!device.connected()) {
             return -ENODEV;
         }
-        return static_cast<int>(device.speed()) + 1; // the kernel counts from 1: low, full, high
+        return static_cast<int>(device.speed()) + 1; // the kernel counts low, full and high from 1
     });
 }
 
@@ -209,7 +209,7 @@ int UsbfsOpening::answer(unsigned long request, UMockdevIoctlData* argument) {
     if (m_closed) {
         return -ENODEV;
     }
-    // By value: the requests that take no pointer, or a pointer that is only compared.
+    // First the requests whose argument is a value, or a pointer that is only compared.
     UrbAddress value = 0;
     std::memcpy(&value, argument->data, sizeof value);
     switch (request) {

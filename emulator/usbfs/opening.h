@@ -1,7 +1,6 @@
-// One opening of a device node: the ioctls that come through it, decoded for the reader behind, and their
-// answers.
+// One opening of a node: decodes the ioctls of a program and encodes their results.
 //
-// Lives in umockdev's handler thread; takes the bus mutex for every touch of the reader.
+// For umockdev's handler thread only. It takes the bus mutex for every access to the reader.
 #pragma once
 
 #include "usbfs/device.h"
@@ -19,15 +18,14 @@
 namespace emulator {
 
 struct NodeHooks {
-    // A program chose another configuration. Called in the handler's thread without the mutex, before the
-    // program gets its answer.
+    // Called when a program has chosen a configuration, before the program gets its result, in the handler's
+    // thread, without the mutex.
     std::function<void(std::uint8_t)> configured;
-    // Something may become due earlier than was known. Called in the handler's thread.
+    // Called when a transfer may be due earlier than any before, in the handler's thread.
     std::function<void()> deadlineChanged;
 };
 
-// What the openings of one node share. It lives as long as the last of them, which may be longer than the
-// node.
+// Shared by the openings of a node, which may outlive it.
 struct SharedNode {
     SharedNode(const std::string& file, std::shared_ptr<UsbfsDevice> openedDevice, std::mutex& busMutex,
                NodeHooks nodeHooks)
@@ -36,7 +34,7 @@ struct SharedNode {
         , mutex(busMutex)
         , hooks(std::move(nodeHooks)) {}
 
-    // Shows at the node whether there is something to reap. The mutex is held.
+    // Signal at the node whether a URB can be reaped. The mutex is held.
     void refresh() { fifo.setReady(device->anythingToReap()); }
 
     ReadinessFifo fifo;
@@ -52,11 +50,11 @@ public:
     UsbfsOpening& operator=(const UsbfsOpening&) = delete;
     ~UsbfsOpening() { close(); }
 
-    // 0 or more: the ioctl's result; negative: its errno.
+    // The result of an ioctl, or a negative errno.
     int answer(unsigned long request, UMockdevIoctlData* argument);
 
 private:
-    // A URB that flies, with what it points to; URBs are written back when they are reaped.
+    // The program's memory of a pending URB, written back when the URB is reaped.
     struct UrbMemory {
         ProgramMemory urb;
         ProgramMemory buffer;
@@ -73,7 +71,7 @@ private:
     int getCapabilities(const ProgramMemory& memory);
     int getSpeed();
 
-    // Runs one action on the reader under the mutex and shows at the node what came of it.
+    // Run an action on the device under the mutex, then refresh the node.
     template <typename Action>
     auto onDevice(Action action) {
         const std::lock_guard lock(m_node->mutex);

@@ -1,18 +1,16 @@
-// The companion of umockdev's preload inside the emulated program: it evens out what that one leaves to be
-// desired and redirects the library's configuration file.
+// Complements umockdev's preload inside the emulated program: works around its limits and redirects the
+// library's configuration file.
 //
-// - umockdev's table of what is open below /dev is not locked, and a failed open stays in it: opens and closes
-//   go one at a time, and a failed one is followed by close(-1), which takes it out again.
-// - That table has 50 places, and umockdev aborts the program that wants one more: its open() fails instead.
-// - The node tells the emulator that it is about to be closed and waits for the answer, so that interfaces are
-//   free when close() returns.
-// - umockdev names a program's udev socket by its file descriptor alone; two programs would take each other's
-//   place.
-// - Opening a node can be refused, to root as well.
+// - umockdev does not lock its table of what is open below /dev, and a failed open stays in it. So opens and
+//   closes are serialized, and a failed open is followed by close(-1), which removes the entry.
+// - The table has 50 places, and umockdev aborts a program that needs another. Here open() fails instead.
+// - The emulator is told before a node is closed, so that interfaces are free when close() returns.
+// - umockdev names a program's udev socket by its descriptor alone, so two programs would use the same name.
+// - Opening a node can be refused, even to root.
 //
-// All functions may be called from any thread, also before constructors have run.
+// Any thread may call these functions, even before constructors have run.
 
-// Either would turn the functions defined here into others.
+// Both would rename the functions that are defined here.
 #undef _FILE_OFFSET_BITS
 #undef _FORTIFY_SOURCE
 #define _GNU_SOURCE
@@ -38,12 +36,12 @@
 
 static const char device_folder[] = "/dev/";
 
-// What a file descriptor is: a node of a USB device, a device that is anything else below /dev, or udev's socket.
+// What a descriptor refers to: a node of a USB device, anything else below /dev, or a udev socket.
 enum kind { other, device, node, event_socket };
 enum { most_descriptors = 4096 };
 static struct {
     enum kind kind;
-    pid_t owner; // a forked child that closes its copy must not end what its parent uses
+    pid_t owner; // a forked child that closes its copy must not affect its parent
 } descriptors[most_descriptors];
 
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
@@ -64,7 +62,7 @@ typedef int openat_function(int, const char*, int, ...);
 typedef int checked_open_function(const char*, int);
 typedef FILE* fopen_function(const char*, const char*);
 
-// What the functions below stand before: umockdev's, which stand before the C library's.
+// The functions that those below replace: umockdev's, which replace the C library's.
 static struct {
     open_function* open;
     open_function* open64;
@@ -85,7 +83,7 @@ static void find(const char* name, void* function, size_t size) {
     if (found == NULL) {
         abort();
     }
-    memcpy(function, &found, size); // C knows no conversion from an object's address to a function's
+    memcpy(function, &found, size); // C does not convert an object pointer to a function pointer
 }
 
 static void find_all(void) {
@@ -103,7 +101,7 @@ static void find_all(void) {
     find("bind", &next.bind, sizeof next.bind);
 }
 
-// To be called first by every function that a program can call.
+// Every exported function calls this first.
 static void prepare(void) {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once, find_all);
@@ -116,7 +114,8 @@ static void note(int descriptor, enum kind kind) {
     }
 }
 
-// Takes the note off a descriptor that is about to be closed; `other` if the note is not this process's.
+// Remove and return the note about a descriptor that is about to be closed; `other` if another process made
+// it.
 static enum kind take_note(int descriptor) {
     if (descriptor < 0 || descriptor >= most_descriptors || descriptors[descriptor].kind == other) {
         return other;
@@ -143,7 +142,7 @@ static bool begins_with(const char* text, const char* beginning) {
     return strncmp(text, beginning, strlen(beginning)) == 0;
 }
 
-// The errno with which opening something below /dev is refused at present; 0: it is not.
+// The errno with which opening a path below /dev fails now, or 0.
 static int refusal(const char* path) {
     if (open_devices() >= emulate_most_open_devices) {
         return EMFILE;
@@ -169,7 +168,7 @@ static const char* redirected(const char* path) {
     return replacement != NULL ? replacement : path;
 }
 
-// Keeps account of an open below /dev that has just been tried.
+// Record the result of an open below /dev.
 static void after_open(const char* path, int opened) {
     if (opened >= 0) {
         note(opened, begins_with(path, emulate_node_folder) ? node : device);
@@ -231,7 +230,7 @@ static FILE* fopen_by(fopen_function* function, const char* path, const char* mo
     return opened;
 }
 
-// The mode, which is there only if the flags say so.
+// The mode, an argument only with these flags.
 static mode_t mode_after(int flags, va_list arguments) {
     const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
     return creates ? va_arg(arguments, mode_t) : 0;
@@ -255,7 +254,7 @@ EXPORT int open64(const char* path, int flags, ...) {
     return open_by(next.open64, path, flags, mode);
 }
 
-// What open() becomes in fortified programs.
+// open() in fortified programs.
 EXPORT int __open_2(const char* path, int flags);
 EXPORT int __open_2(const char* path, int flags) {
     prepare();
@@ -325,7 +324,7 @@ EXPORT int bind(int descriptor, __CONST_SOCKADDR_ARG address, socklen_t length) 
     return result;
 }
 
-// Tells those who have to know that a descriptor is about to be closed, and forgets it.
+// Announce that a descriptor is about to be closed, and forget it.
 static void before_close(int descriptor) {
     const enum kind kind = take_note(descriptor);
     if (kind == node) {
@@ -353,7 +352,7 @@ EXPORT int fclose(FILE* file) {
     const bool of_device = is_device(descriptor);
     before_close(descriptor);
     if (!of_device) {
-        leave_lock(); // what is written out may take long
+        leave_lock(); // flushing may take long
     }
     const int result = next.fclose(file);
     if (of_device) {

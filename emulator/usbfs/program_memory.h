@@ -1,7 +1,7 @@
-// Memory of the program, as umockdev hands it out with an ioctl: read when it is made, written back when the
-// ioctl that it belongs to is answered.
+// Memory of the program, as umockdev provides it with an ioctl: copied when it is resolved, and written back
+// when the ioctl completes.
 //
-// Used in umockdev's handler thread only.
+// For umockdev's handler thread only.
 #pragma once
 
 #include <algorithm>
@@ -14,7 +14,7 @@
 
 namespace emulator {
 
-// Owns one reference to memory of the program.
+// Owns a reference to such memory.
 class ProgramMemory {
 public:
     ProgramMemory() = default;
@@ -32,7 +32,7 @@ public:
         }
     }
 
-    // `length` bytes that the pointer at `offset` leads to; empty where the program's pointer leads nowhere.
+    // The `length` bytes behind the pointer at `offset`; empty if the pointer is invalid.
     static ProgramMemory at(UMockdevIoctlData* pointer, std::size_t offset, std::size_t length) {
         GError* error = nullptr;
         UMockdevIoctlData* data = umockdev_ioctl_data_resolve(pointer, offset, length, &error);

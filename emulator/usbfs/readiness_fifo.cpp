@@ -12,7 +12,7 @@ namespace emulator {
 
 namespace {
 
-// The smallest pipe that the kernel makes: one page.
+// The smallest pipe of the kernel: one page.
 constexpr std::size_t pipeSize = 4096;
 
 } // namespace
@@ -43,7 +43,7 @@ void ReadinessFifo::setReady(bool ready) {
     }
     m_ready = ready;
     std::array<char, pipeSize> bytes{};
-    // Neither can fail or fall short: the pipe is empty before the one and full before the other.
+    // Both move the whole page: the pipe is full before the read and empty before the write.
     [[maybe_unused]] const ssize_t moved = ready ? ::read(m_descriptor, bytes.data(), bytes.size())
                                                  : ::write(m_descriptor, bytes.data(), bytes.size());
 }

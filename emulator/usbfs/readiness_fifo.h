@@ -1,6 +1,6 @@
-// A FIFO that stands in for a usbfs node: programs poll the node for "writable" to learn that a transfer has
-// completed, so a full FIFO means "nothing" and a drained one "come and reap". A regular file would always be
-// writable and keep libusb's event thread spinning.
+// A FIFO in the place of a usbfs node. Programs poll the node for POLLOUT, which says that a URB can be
+// reaped: the FIFO is kept full or empty accordingly. A regular file would always be writable, so libusb's
+// event loop would spin.
 //
 // One thread at a time; the owner guards it.
 #pragma once
@@ -11,7 +11,7 @@ namespace emulator {
 
 class ReadinessFifo {
 public:
-    // Makes the file, not ready. Throws std::system_error.
+    // Create the file, full. Throws std::system_error.
     explicit ReadinessFifo(const std::string& file);
     ReadinessFifo(const ReadinessFifo&) = delete;
     ReadinessFifo& operator=(const ReadinessFifo&) = delete;

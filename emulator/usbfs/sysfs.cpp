@@ -33,7 +33,7 @@ void writeFile(const std::string& file, std::string_view content) {
     std::ofstream(file, std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
 }
 
-// An unconfigured device has an empty line there.
+// An empty line if the device is unconfigured.
 std::string configurationText(std::uint8_t value) {
     return (value != 0 ? std::to_string(value) : std::string{}) + "\n";
 }
@@ -42,9 +42,8 @@ std::string_view asText(const Bytes& bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-// The files that libusb reads, and the two that udev rules commonly match. They are written here and not by
-// umockdev, which makes each under another name first: with hundreds of readers that is most of the time it
-// takes to start.
+// The files that libusb reads, and the two that udev rules commonly match. umockdev could write them, but it
+// creates each under another name first, which dominates the start with hundreds of readers.
 void writeAttributes(const std::string& folder, const ShownDevice& device) {
     writeFile(folder + "descriptors", asText(device.descriptors));
     writeFile(folder + "busnum", std::to_string(device.bus) + "\n");
@@ -55,7 +54,7 @@ void writeAttributes(const std::string& folder, const ShownDevice& device) {
     writeFile(folder + "bConfigurationValue", configurationText(device.configuration));
 }
 
-// Null-terminated name and value pairs, as umockdev takes them.
+// Names and values in turn, null-terminated, as umockdev expects them.
 std::vector<gchar*> pairs(std::vector<std::string>& texts) {
     std::vector<gchar*> pointers;
     pointers.reserve(texts.size() + 1);
@@ -69,7 +68,7 @@ std::vector<gchar*> pairs(std::vector<std::string>& texts) {
 ShownDevice rootHub(std::uint8_t bus) {
     return {.bus = bus,
             .address = rootHubAddress,
-            .vendor = 0x1D6B, // the Linux Foundation's
+            .vendor = 0x1D6B, // of the Linux Foundation
             .product = 0x0002,
             .release = 0x0601,
             .speed = Speed::high,
@@ -78,7 +77,7 @@ ShownDevice rootHub(std::uint8_t bus) {
                             0x1D, 0x02, 0x00, 0x01, 0x06, 3, 2, 1,    1, // device
                             9,    2,    25,   0,    1,    1, 0, 0xE0, 0, // configuration
                             9,    4,    0,    0,    1,    9, 0, 0,    0, // interface
-                            7,    5,    0x81, 3,    4,    0, 12}}; // endpoint that tells of changes at ports
+                            7,    5,    0x81, 3,    4,    0, 12}};       // endpoint for status changes
 }
 
 } // namespace
@@ -101,7 +100,7 @@ std::string show(UMockdevTestbed* testbed, const std::string& root, const std::s
     property("DEVNAME", nodePath(device.bus, device.address));
     property("BUSNUM", numbered("%03u", device.bus));
     property("DEVNUM", numbered("%03u", device.address));
-    property("MAJOR", "189"); // the kernel's for USB devices
+    property("MAJOR", "189"); // of USB devices
     property("MINOR", std::to_string((device.bus - 1) * 128 + device.address - 1));
     property("PRODUCT", numbered("%x/%x", device.vendor, device.product) + numbered("/%x", device.release));
     std::array<gchar*, 1> noAttributes = {nullptr};

@@ -1,6 +1,6 @@
-// A device as the system shows it to programs: its files in sysfs and the event that tells of it.
+// A USB device in sysfs, and the udev event that announces it.
 //
-// One thread, the launcher's, calls these.
+// For the launcher's thread only.
 #pragma once
 
 #include "model/description.h"
@@ -19,20 +19,20 @@ struct ShownDevice {
     std::uint16_t release = 0;
     Speed speed = Speed::full;
     std::uint8_t configuration = 0;
-    Bytes descriptors; // the device's, then those of each configuration
+    Bytes descriptors; // of the device, then of each configuration
 };
 
-// Each bus begins with the hub of its host controller, as the kernel shows it.
+// Each bus has the root hub of its host controller, as in the kernel.
 constexpr std::uint8_t rootHubAddress = 1;
 
-// Shows that hub. Nobody talks to it; its node holds what reading any device's node gives.
+// Add that hub. It answers no ioctls; its node contains its descriptors, as reading any node does.
 void showRootHub(UMockdevTestbed* testbed, const std::string& root, std::uint8_t bus);
 
 // The node of the device with this address, as programs see it.
 std::string nodePath(std::uint8_t bus, std::uint8_t address);
 
-// Makes a device with this name appear, whose node is there already. The event that tells of it comes last:
-// whoever hears it finds everything in its place. Returns the device's path in sysfs.
+// Add a device with this name, whose node exists, and return its path in sysfs. The event is sent last, so
+// that its receivers find everything in place.
 std::string show(UMockdevTestbed* testbed, const std::string& root, const std::string& name,
                  const ShownDevice& device);
 

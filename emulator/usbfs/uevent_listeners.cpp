@@ -18,7 +18,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A socket connected to the listener's can be written to exactly while the listener has room.
+// A socket connected to the listener's is writable as long as the listener has room.
 bool waitForRoom(const std::string& path, Clock::time_point deadline) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -40,7 +40,7 @@ bool waitForRoom(const std::string& path, Clock::time_point deadline) {
             result = ::poll(&writable, 1, static_cast<int>(std::max<decltype(left)>(left, 0)));
         } while (result < 0 && errno == EINTR);
         room = result != 0;
-    } // else it is gone: nobody will get the event
+    } // else the listener is gone
     ::close(descriptor);
     return room;
 }

@@ -1,4 +1,4 @@
-// The programs that listen for the bus's events: a socket each in the testbed's folder.
+// The programs that receive the bus's udev events, each through a socket in umockdev's folder.
 #pragma once
 
 #include <chrono>
@@ -6,8 +6,8 @@
 
 namespace emulator {
 
-// Waits until every listener has room for one more event. A listener that is stopped, or slow on a busy machine, has
-// room for ten or so; umockdev ends the process when an event cannot be sent. Returns false when the time is over.
+// Wait until every listener's socket has room for another event; false after the time. umockdev aborts the
+// process if it cannot send an event, and a listener that is stopped or slow has room for about ten.
 bool waitForRoomAtListeners(const std::filesystem::path& testbed, std::chrono::milliseconds patience);
 
 } // namespace emulator

@@ -20,10 +20,10 @@ namespace emulator {
 
 namespace {
 
-// How long an unplugged reader's node is kept for programs that were just opening it.
+// How long to keep the node of an unplugged reader for programs that are just opening it.
 constexpr std::chrono::seconds retirement(1);
 
-// How long a program may take no event before a plug or an unplug is refused.
+// How long a program may leave udev events unread before plugging and unplugging fail.
 constexpr std::chrono::seconds patience(20);
 
 Time now() {
@@ -40,7 +40,7 @@ VirtualBus::VirtualBus(std::filesystem::path folder)
     }
     std::filesystem::create_directory(m_folder / emulate_refusals);
     m_testbed = umockdev_testbed_new();
-    // libusb looks for the bus's folder when it starts, also while it is empty.
+    // libusb looks for these folders when it starts, even without readers.
     std::filesystem::create_directories(root() + emulate_node_folder);
     std::filesystem::create_directories(root() + "/sys/bus/usb/devices");
     ensureRootHub(1);
@@ -64,7 +64,7 @@ std::string VirtualBus::root() const {
 
 Reader& VirtualBus::readerNumber(std::size_t number) const {
     if (number < 1 || number > m_readers.size()) {
-        throw TextError("there is no reader " + std::to_string(number));
+        throw TextError("no reader " + std::to_string(number));
     }
     return *m_readers[number - 1];
 }
@@ -80,10 +80,10 @@ void VirtualBus::ensureRootHub(std::uint8_t bus) {
     }
 }
 
-// Before anything is changed, so that what is refused has not half happened.
+// Called before anything is changed, so that a failure changes nothing.
 void VirtualBus::awaitListeners() const {
     if (!waitForRoomAtListeners(root(), patience)) {
-        throw TextError("a program on the bus takes no events");
+        throw TextError("a program on the bus does not read its udev events");
     }
 }
 
@@ -91,8 +91,7 @@ bool VirtualBus::plugged(std::size_t number) const {
     return readerNumber(number).node != nullptr;
 }
 
-// As the kernel does: upward from the last one given, so that a replugged device comes back with another
-// address.
+// Like the kernel, search upward from the last address, so that a replugged device gets another one.
 std::uint8_t VirtualBus::freeAddress(const ReaderDescription& description) {
     constexpr std::uint8_t highestAddress = 127;
     const auto taken = [&](std::uint8_t address) {
@@ -103,7 +102,7 @@ std::uint8_t VirtualBus::freeAddress(const ReaderDescription& description) {
     };
     if (description.address) {
         if (taken(*description.address)) {
-            throw TextError("address " + std::to_string(*description.address) + " is taken");
+            throw TextError("address " + std::to_string(*description.address) + " is in use");
         }
         return *description.address;
     }
@@ -114,13 +113,13 @@ std::uint8_t VirtualBus::freeAddress(const ReaderDescription& description) {
             return last;
         }
     }
-    throw TextError("bus " + std::to_string(description.bus) + " is full");
+    throw TextError("bus " + std::to_string(description.bus) + " has no free address");
 }
 
 void VirtualBus::plug(std::size_t number) {
     Reader& reader = readerNumber(number);
     if (reader.node) {
-        throw TextError("reader " + std::to_string(number) + " is plugged");
+        throw TextError("reader " + std::to_string(number) + " is already plugged");
     }
     awaitListeners();
     const ReaderDescription& description = reader.model.description();
@@ -252,7 +251,7 @@ std::filesystem::path VirtualBus::refusalFile(const Reader& reader) const {
     return path.data();
 }
 
-// The refusal is a symbolic link because that is read in one step and by everybody, root or not.
+// A symbolic link, because it can be read in one step, by any user.
 void VirtualBus::writeRefusal(const Reader& reader) const {
     const std::filesystem::path link = refusalFile(reader);
     std::filesystem::remove(link);

@@ -1,8 +1,7 @@
-// The emulated USB bus: a private /sys and /dev with the readers that are plugged, and udev's events about
-// them.
+// The emulated USB bus: a private /sys and /dev with the plugged readers, and their udev events.
 //
-// One thread, the launcher's, calls the members. Programs' requests come in a thread of umockdev; the mutex
-// between the two is the bus's own matter.
+// For the launcher's thread only. Ioctls of programs arrive in a thread of umockdev; the bus's mutex guards
+// the readers between the two.
 #pragma once
 
 #include "control/bus.h"
@@ -22,7 +21,7 @@
 
 namespace emulator {
 
-// A reader of the bus, plugged or not. Numbers count from 1 in the order in which the readers were described.
+// A reader of the bus, plugged or not.
 struct Reader {
     explicit Reader(ReaderDescription description)
         : model(std::move(description)) {}
@@ -31,7 +30,7 @@ struct Reader {
     HostFaults faults;
     HostCounts counts;
 
-    // While it is plugged:
+    // Only while it is plugged.
     std::shared_ptr<UsbfsDevice> device;
     std::unique_ptr<DeviceNode> node;
     std::string sysfsPath;
@@ -40,11 +39,11 @@ struct Reader {
 
 class VirtualBus final : public Bus {
 public:
-    // `folder` is where the preload finds what it must know. Throws std::runtime_error.
+    // The preload looks for refusals in `folder`. Throws std::runtime_error.
     explicit VirtualBus(std::filesystem::path folder);
     ~VirtualBus() override;
 
-    // The folder that umockdev's preload reads the bus from.
+    // Where umockdev's preload finds the emulated /sys and /dev.
     std::string root() const;
 
     std::size_t add(ReaderDescription description) override;
@@ -70,7 +69,7 @@ protected:
 private:
     Reader& readerNumber(std::size_t number) const;
     static void deliver(Reader& reader);
-    void ensureRootHub(std::uint8_t bus); // it is there before any reader of its bus
+    void ensureRootHub(std::uint8_t bus); // before the bus's first reader
     std::uint8_t freeAddress(const ReaderDescription& description);
     void awaitListeners() const;
     std::filesystem::path refusalFile(const Reader& reader) const;
@@ -78,12 +77,12 @@ private:
 
     std::filesystem::path m_folder;
     UMockdevTestbed* m_testbed = nullptr;
-    int m_wakeUp = -1; // readable when the deadline may have become earlier
+    int m_wakeUp = -1; // readable when the next deadline may be earlier
     std::mutex m_mutex;
     std::vector<std::unique_ptr<Reader>> m_readers;
     std::map<std::uint8_t, std::uint8_t> m_lastAddress; // by bus
     std::vector<std::pair<Time, std::unique_ptr<DeviceNode>>>
-        m_retired; // nodes of unplugged readers, and since when
+        m_retired; // nodes of unplugged readers, since when
 };
 
 } // namespace emulator

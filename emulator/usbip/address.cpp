@@ -44,7 +44,8 @@ SocketAddress parseSocketAddress(std::string_view text) {
             return stored(version6);
         }
     }
-    throw TextError("'" + std::string(text) + "' is not ADDRESS:PORT, such as 127.0.0.1:3240 or [::1]:3240");
+    throw TextError("expected ADDRESS:PORT such as 127.0.0.1:3240 or [::1]:3240, not '" + std::string(text) +
+                    "'");
 }
 
 std::string socketAddressText(const SocketAddress& address) {

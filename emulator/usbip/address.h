@@ -1,4 +1,4 @@
-// Where the USB/IP server listens: an address of this machine and a port, as people write them.
+// The address and port of the USB/IP server, to and from text.
 //
 // Plain values; any thread may use them.
 #pragma once
@@ -18,10 +18,11 @@ struct SocketAddress {
     sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
 };
 
-// The port that USB/IP has from IANA, on this machine only: the protocol has neither passwords nor encryption.
+// The port that IANA has assigned. Only this machine can connect, because USB/IP has no passwords and no
+// encryption.
 constexpr std::string_view defaultUsbipAddress = "127.0.0.1:3240";
 
-// "127.0.0.1:3240" or "[::1]:3240". Names are not looked up. Throws TextError.
+// Parse "127.0.0.1:3240" or "[::1]:3240". Host names are not resolved. Throws TextError.
 SocketAddress parseSocketAddress(std::string_view text);
 
 std::string socketAddressText(const SocketAddress& address);

@@ -12,7 +12,7 @@ Time now() {
 }
 
 [[noreturn]] void refuse() {
-    throw TextError("over USB/IP that is up to the machine that attaches the reader");
+    throw TextError("not possible over USB/IP: the machine that attaches the reader is its host");
 }
 
 } // namespace
@@ -23,7 +23,7 @@ std::size_t UsbipBus::add(ReaderDescription description) {
     }
     if (std::ranges::find(description.endpoints, TransferType::isochronous, &Endpoint::type) !=
         description.endpoints.end()) {
-        throw TextError("over USB/IP there are no isochronous endpoints");
+        throw TextError("not possible over USB/IP: isochronous endpoints");
     }
     return m_readers.add(std::move(description));
 }

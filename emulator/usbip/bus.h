@@ -1,6 +1,6 @@
-// Readers that other machines, or this one, attach by USB/IP.
+// Readers that this machine or others attach by USB/IP.
 //
-// The machine that attaches a reader is its host, so faults on the host's side cannot be made here.
+// The machine that attaches a reader is its host, so faults of the host are not supported.
 #pragma once
 
 #include "control/bus.h"
@@ -16,7 +16,7 @@ public:
     UsbipBus(const SocketAddress& address, usbip::Server::Report report)
         : m_server(m_readers, address, std::move(report)) {}
 
-    // Where it listens.
+    // Where the server listens.
     std::string address() const { return m_server.address(); }
 
     std::size_t add(ReaderDescription description) override;
@@ -25,10 +25,10 @@ public:
     void plug(std::size_t number) override;
     void unplug(std::size_t number) override;
 
-    // What clients call the bus ID.
+    // The bus ID for clients.
     std::string place(std::size_t number) const override { return m_readers.at(number).busId; }
 
-    // Importing a reader counts as opening it.
+    // Counts an import as an opening.
     NamedCounts counts(std::size_t number) override;
     void setBusy(std::size_t number, bool busy) override;
     void bindDriver(std::size_t number, const std::string& name) override;

@@ -48,7 +48,7 @@ std::size_t Connection::refuse(const char* complaint) {
     return 0;
 }
 
-// Takes whole messages off the input until one is not whole, or the client has to read first.
+// Process complete messages until one is incomplete or the client has to read first.
 void Connection::proceed(Time now) {
     m_last = now;
     std::size_t done = 0;
@@ -67,14 +67,15 @@ void Connection::proceed(Time now) {
     }
 }
 
-// Each of these returns how many bytes the message has that it has dealt with, 0 where that is not whole.
+// This and the functions below return the size of the message that they have processed, 0 if it is
+// incomplete.
 std::size_t Connection::operation(Input bytes) {
     if (bytes.size() < operationSize) {
         return 0;
     }
     const OperationHeader header = readOperation(bytes);
     if (header.version != usbip_protocol_version) {
-        return refuse("another version of the protocol");
+        return refuse("unsupported protocol version");
     }
     switch (header.code) {
     case usbip_request_list:
@@ -85,7 +86,7 @@ std::size_t Connection::operation(Input bytes) {
     case usbip_request_import:
         return importReader(bytes);
     default:
-        return refuse("an unknown operation");
+        return refuse("unknown operation");
     }
 }
 
@@ -114,10 +115,10 @@ std::size_t Connection::urb(Input bytes, Time now) {
     }
     const UrbHeader header = readUrbHeader(bytes);
     if (header.device != m_import->reader().device().id()) {
-        return refuse("another device than the imported one");
+        return refuse("device not imported");
     }
     if (header.direction > usbip_in) {
-        return refuse("an unknown direction");
+        return refuse("unknown direction");
     }
     switch (header.command) {
     case usbip_command_submit: {
@@ -136,7 +137,7 @@ std::size_t Connection::urb(Input bytes, Time now) {
         m_import->unlink(header.sequence, readUnlinked(bytes), now, m_output);
         return headerSize;
     default:
-        return refuse("an unknown command");
+        return refuse("unknown command");
     }
 }
 

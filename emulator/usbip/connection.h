@@ -1,8 +1,7 @@
-// What one client says and is answered, byte by byte: requests for the list, an import, then URBs, until either side ends
-// it.
+// The protocol with one client: a request for the list, or an import followed by URBs.
 //
-// The connection knows no socket, no clock and no thread: a transport hands it what came, sends what output() has, and
-// closes when closing() says so. Whatever comes, memory is bounded and only this connection suffers. One thread at a
+// It has no socket and no clock: the owner passes received bytes, sends output(), and closes when closing()
+// says so. Whatever a client sends, memory stays bounded and no other connection is affected. One thread at a
 // time.
 #pragma once
 
@@ -21,32 +20,32 @@ public:
     Connection& operator=(const Connection&) = delete;
     ~Connection() { abort(); }
 
-    // Takes bytes from the client. To be called only while wantsInput().
+    // Process bytes from the client. Call it only while wantsInput().
     void receive(Input bytes, Time now);
     bool wantsInput() const { return !m_ended && m_output.size() - m_sent < fullOutput; }
 
-    // What the client is to be sent; sent() takes so many bytes off and may add others.
+    // The bytes to send. sent() removes the first `count` of them and may append others.
     Input output() const { return Input(m_output).subspan(m_sent); }
     void sent(std::size_t count, Time now);
 
-    // Adds the replies to what the reader has completed meanwhile.
+    // Append replies for the transfers that the reader has completed.
     void collect();
 
-    // Ends it at once, whatever is still to be sent. The reader can be imported again.
+    // End the connection at once and discard the output. The reader can be imported again.
     void abort();
 
-    // Nothing more is taken, and nothing is left to be sent.
+    // Whether the connection has ended and its output has been sent.
     bool closing() const { return m_ended && m_output.size() == m_sent; }
 
-    // Whether the client has begun to say something and owes the rest.
-    bool owesRest() const { return wantsInput() && !m_input.empty(); }
+    // Whether the client has sent part of a message.
+    bool hasPartialMessage() const { return wantsInput() && !m_input.empty(); }
     bool hasImported() const { return m_import.has_value(); }
 
-    // Why it was ended, where the client is to blame.
+    // The client's mistake that ended the connection, or null.
     const char* complaint() const { return m_complaint; }
 
 private:
-    // A client that does not read what it is sent is not listened to.
+    // No input is processed while the client leaves this much output unread.
     static constexpr std::size_t fullOutput = std::size_t{1} << 20;
 
     void proceed(Time now);
@@ -57,12 +56,12 @@ private:
 
     Readers& m_readers;
     std::optional<Import> m_import;
-    Bytes m_input; // the beginning of a message
+    Bytes m_input; // an incomplete message
     Bytes m_output;
     std::size_t m_sent = 0;
     bool m_ended = false;
     const char* m_complaint = nullptr;
-    Time m_last{}; // when something was last heard or done
+    Time m_last{}; // time of the last call
 };
 
 } // namespace emulator::usbip

@@ -21,7 +21,7 @@ std::uint8_t endpointAddress(const UrbHeader& header) {
                                      (header.endpoint != 0 && header.direction != 0 ? inBit : 0));
 }
 
-// A hub's request in the place of a device's: the client wants the port that the reader is plugged in reset.
+// The client asks for a port reset by the request that a hub would get.
 bool resetsPort(const Submit& submit) {
     return submit.setup.requestType == portOut && submit.setup.request == setFeature &&
            submit.setup.value == portReset;
@@ -32,26 +32,26 @@ bool resetsPort(const Submit& submit) {
 const char* Import::mistake(const UrbHeader& header, const Submit& submit) const {
     constexpr std::uint32_t highestEndpoint = 15;
     if (submit.length < 0 || static_cast<std::size_t>(submit.length) > longestTransfer) {
-        return "a transfer that is too long";
+        return "transfer too long";
     }
     if (submit.packets != 0 && submit.packets != -1) {
-        return "an isochronous transfer";
+        return "isochronous transfer";
     }
     if (header.endpoint > highestEndpoint || !m_reader.model.hasEndpoint(endpointAddress(header))) {
-        return "an endpoint that the reader does not have";
+        return "no such endpoint";
     }
     if (m_transfers.contains(header.sequence)) {
-        return "a sequence number that is in use";
+        return "sequence number in use";
     }
     if (m_transfers.size() == mostRequests || m_bytes + static_cast<std::size_t>(submit.length) > mostBytes) {
-        return "more transfers or bytes than may be under way";
+        return "too many pending transfers or bytes";
     }
     const ControlSetup& setup = submit.setup;
     if (header.endpoint == 0 && setup.length > submit.length) {
-        return "a control transfer that is shorter than its setup packet says";
+        return "control transfer shorter than its setup packet says";
     }
     if (header.endpoint == 0 && setup.length != 0 && setup.in() != (header.direction != 0)) {
-        return "a control transfer against the direction in its setup packet";
+        return "control transfer against the direction in its setup packet";
     }
     return nullptr;
 }
@@ -95,16 +95,18 @@ void Import::submit(const UrbHeader& header, const Submit& submit, Input payload
         transfer.data.resize(std::min<std::size_t>(transfer.data.size(), submit.setup.length));
         transfer.capacity = std::min<std::size_t>(transfer.capacity, submit.setup.length);
     }
-    // Listed before the replies are collected, so that a completion finds it.
+    // The model may have completed it already; collect() looks for it in these maps.
     const TransferId id = m_reader.model.submit(std::move(transfer), now);
-    const bool mustBeWhole = in && (submit.flags & usbip_short_not_ok) != 0;
-    m_flying.emplace(id, Flying{.sequence = header.sequence, .length = length, .mustBeWhole = mustBeWhole});
+    const bool shortNotOk = in && (submit.flags & usbip_short_not_ok) != 0;
+    m_pending.emplace(id,
+                      PendingUrb{.sequence = header.sequence, .length = length, .shortNotOk = shortNotOk});
     m_transfers.emplace(header.sequence, id);
     m_bytes += length;
     collect(replies);
 }
 
-// As the kernel's own server does: the reply stands for that to the submit, or tells by status 0 that it came too late.
+// Like the kernel's server: the reply replaces that to the submit, or has status 0 if the submit has
+// completed.
 void Import::unlink(std::uint32_t sequence, std::uint32_t unlinked, Time now, Bytes& replies) {
     const auto found = m_transfers.find(unlinked);
     if (found == m_transfers.end()) {
@@ -113,9 +115,9 @@ void Import::unlink(std::uint32_t sequence, std::uint32_t unlinked, Time now, By
     }
     const TransferId id = found->second;
     m_transfers.erase(found);
-    const auto flying = m_flying.find(id);
-    m_bytes -= flying->second.length;
-    m_flying.erase(flying);
+    const auto pending = m_pending.find(id);
+    m_bytes -= pending->second.length;
+    m_pending.erase(pending);
     ++m_reader.counts.cancels;
     m_reader.model.cancel(id, now);
     appendUnlinkReply(replies, sequence, -ECONNRESET);
@@ -124,27 +126,27 @@ void Import::unlink(std::uint32_t sequence, std::uint32_t unlinked, Time now, By
 
 void Import::collect(Bytes& replies) {
     while (const std::optional<Completion> completion = m_reader.model.takeCompletion()) {
-        const auto found = m_flying.find(completion->id);
-        if (found == m_flying.end()) {
+        const auto found = m_pending.find(completion->id);
+        if (found == m_pending.end()) {
             continue;
         }
-        const Flying flying = found->second;
-        m_flying.erase(found);
-        m_transfers.erase(flying.sequence);
-        m_bytes -= flying.length;
+        const PendingUrb urb = found->second;
+        m_pending.erase(found);
+        m_transfers.erase(urb.sequence);
+        m_bytes -= urb.length;
         int result = urbStatus(completion->outcome, -ECONNRESET);
-        if (result == 0 && flying.mustBeWhole && completion->actual < flying.length) {
+        if (result == 0 && urb.shortNotOk && completion->actual < urb.length) {
             result = -EREMOTEIO;
         }
-        appendSubmitReply(replies, flying.sequence, result, completion->actual, completion->data);
+        appendSubmitReply(replies, urb.sequence, result, completion->actual, completion->data);
     }
 }
 
 void Import::release(Time now) {
     ++m_reader.counts.closes;
-    // All at once: taken back one by one, each would let the next be carried out.
+    // All at once: cancelling the oldest would let the model perform the next one.
     m_reader.model.unplug();
-    m_flying.clear();
+    m_pending.clear();
     m_transfers.clear();
     m_bytes = 0;
     m_reader.model.reset(now);

@@ -14,7 +14,7 @@ namespace emulator::usbip {
 
 using Input = std::span<const std::uint8_t>;
 
-// ------------------------------------------------------------------------------------------------ operations
+// ---- operations
 constexpr std::size_t operationSize = sizeof(usbip_operation);
 
 struct OperationHeader {
@@ -44,7 +44,7 @@ void appendCount(Bytes& bytes, std::size_t count);
 void appendDevice(Bytes& bytes, const Device& device, const ReaderDescription& reader);
 void appendInterfaces(Bytes& bytes, const Device& device, const ReaderDescription& reader);
 
-// ------------------------------------------------------------------------------------------------------ URBs
+// ---- URBs
 constexpr std::size_t headerSize = sizeof(usbip_submit); // of every message
 
 struct UrbHeader {

@@ -16,7 +16,7 @@ Reader::Reader(ReaderDescription description, std::size_t readerNumber)
 std::size_t Readers::add(ReaderDescription description) {
     constexpr std::size_t mostReaders = 65535; // a reader's number has 16 bits
     if (m_readers.size() == mostReaders) {
-        throw TextError("there are too many readers");
+        throw TextError("too many readers");
     }
     m_readers.push_back(std::make_unique<Reader>(std::move(description), m_readers.size() + 1));
     return m_readers.size();
@@ -24,7 +24,7 @@ std::size_t Readers::add(ReaderDescription description) {
 
 Reader& Readers::at(std::size_t number) const {
     if (number < 1 || number > m_readers.size()) {
-        throw TextError("there is no reader " + std::to_string(number));
+        throw TextError("no reader " + std::to_string(number));
     }
     return *m_readers[number - 1];
 }
@@ -32,7 +32,7 @@ Reader& Readers::at(std::size_t number) const {
 void Readers::plug(std::size_t number, Time now) {
     Reader& reader = at(number);
     if (reader.plugged) {
-        throw TextError("reader " + std::to_string(number) + " is plugged");
+        throw TextError("reader " + std::to_string(number) + " is already plugged");
     }
     reader.plugged = true;
     reader.model.power(now);

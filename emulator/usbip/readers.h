@@ -1,4 +1,4 @@
-// The readers that USB/IP clients may import, and by which connection each of them is imported now.
+// The readers that USB/IP clients can import, and the connection that has imported each.
 //
 // One thread at a time; the owner guards it.
 #pragma once
@@ -16,11 +16,11 @@ namespace emulator::usbip {
 
 class Connection;
 
-// A reader, plugged or not. To those who import it, it has the same name and number at each plug.
+// A reader, plugged or not. Replugging keeps its bus ID and number.
 struct Reader {
     Reader(ReaderDescription description, std::size_t readerNumber);
 
-    // As it is shown now.
+    // As clients see it now.
     Device device() const { return {busId, bus, number, model.configuration()}; }
 
     ReaderModel model;
@@ -34,27 +34,27 @@ struct Reader {
 
 class Readers {
 public:
-    // Adds a reader, unplugged, and returns its number. Numbers count from 1. Throws TextError.
+    // Add an unplugged reader and return its number. Numbers count from 1. Throws TextError.
     std::size_t add(ReaderDescription description);
     std::size_t size() const { return m_readers.size(); }
 
-    // Throws TextError where there is none with this number.
+    // Throws TextError if the number is unknown.
     Reader& at(std::size_t number) const;
 
-    // Throw TextError where the reader is already there, or not. The connection that has imported it ends, which
-    // is how a client learns of an unplugging.
+    // Throw TextError if the reader is in the wanted state already. Unplugging ends the connection that has
+    // imported the reader, which tells the client.
     void plug(std::size_t number, Time now);
     void unplug(std::size_t number);
 
-    // The plugged reader with this bus ID; nullptr if there is none.
+    // The plugged reader with this bus ID, or null.
     Reader* find(std::string_view busId) const;
 
-    // Those that can be imported now, as the reply to a client's request for the list.
+    // Append the readers that can be imported now, as in the reply to a request for the list.
     void appendList(Bytes& bytes) const;
 
     std::optional<Time> nextDeadline() const;
 
-    // Completes what is due, and hands it to the connections.
+    // Complete the transfers that are due and pass them to the connections.
     void advance(Time now);
 
 private:

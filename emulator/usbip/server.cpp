@@ -15,7 +15,7 @@ namespace emulator::usbip {
 
 namespace {
 
-// How long no client is accepted where there was no descriptor for one.
+// How long to accept no client after a lack of descriptors.
 constexpr std::chrono::milliseconds pause(100);
 
 Time now() {
@@ -67,7 +67,7 @@ std::string Server::address() const {
 bool Server::full() const {
     return std::ranges::count_if(m_clients, [](const Client& client) {
                return !client.connection.hasImported();
-           }) >= mostStrangers;
+           }) >= mostUnattachedClients;
 }
 
 void Server::addPolled(std::vector<pollfd>& descriptors) {
@@ -122,7 +122,7 @@ void Server::receive(Client& client, Time now) {
     std::array<std::uint8_t, 65536> buffer;
     const ssize_t count = ::recv(client.descriptor, buffer.data(), buffer.size(), 0);
     if (count > 0) {
-        client.heard = now;
+        client.lastInput = now;
         client.connection.receive(Input(buffer).first(static_cast<std::size_t>(count)), now);
     } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
         client.connection.abort();
@@ -138,10 +138,10 @@ void Server::send(Client& client, Time now) {
             }
             return;
         }
-        const bool listened = client.connection.wantsInput();
+        const bool wasReading = client.connection.wantsInput();
         client.connection.sent(static_cast<std::size_t>(count), now);
-        if (!listened && client.connection.wantsInput()) {
-            client.heard = now; // until now it could not say anything
+        if (!wasReading && client.connection.wantsInput()) {
+            client.lastInput = now; // its input was not read before
         }
     }
 }
@@ -167,8 +167,8 @@ std::optional<Time> Server::deadline(const Client& client) const {
     if (!client.connection.hasImported()) {
         return client.accepted + m_patience;
     }
-    if (client.connection.owesRest()) {
-        return client.heard + m_patience;
+    if (client.connection.hasPartialMessage()) {
+        return client.lastInput + m_patience;
     }
     return std::nullopt;
 }

@@ -1,6 +1,7 @@
-// The sockets of the USB/IP clients: bytes go between each and its connection, and those that take too long are closed.
+// The sockets of USB/IP clients: moves bytes between each socket and its connection, and disconnects clients
+// that take too long.
 //
-// One thread, the launcher's, calls the members; it polls the descriptors.
+// For the launcher's thread only, which polls the descriptors.
 #pragma once
 
 #include "usbip/address.h"
@@ -18,31 +19,32 @@ namespace emulator::usbip {
 
 class Server {
 public:
-    // How long a client may take to say what it wants and read the answer, and how long it may stop inside a message.
-    static constexpr Milliseconds usualPatience{10'000};
+    // How long a client may take from connecting to the end of its request and its reply, and how long it may
+    // pause inside a message.
+    static constexpr Milliseconds defaultPatience{10'000};
 
-    // How many clients may be there that have not imported a reader. Those that have are as many as the readers at most.
-    static constexpr std::ptrdiff_t mostStrangers = 64;
+    // How many clients without an imported reader may be connected.
+    static constexpr std::ptrdiff_t mostUnattachedClients = 64;
 
-    // Told of each client that was ended for what it said.
+    // Called for each client that is disconnected because of a mistake.
     using Report = std::function<void(const char* complaint)>;
 
-    // Listens. Throws std::system_error.
+    // Start to listen. Throws std::system_error.
     Server(Readers& readers, const SocketAddress& address, Report report,
-           Milliseconds patience = usualPatience);
+           Milliseconds patience = defaultPatience);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
     ~Server();
 
-    // Where it listens, with the port that was chosen.
+    // Where it listens, with the actual port.
     std::string address() const;
 
     void addPolled(std::vector<pollfd>& descriptors);
 
-    // Takes the descriptors that addPolled() began to add at `polled[first]`.
+    // The descriptors that addPolled() added start at `polled[first]`.
     void serve(const std::vector<pollfd>& polled, std::size_t first);
 
-    // Sends what there is to be sent, as far as clients take it, and closes what has ended.
+    // Send output as far as clients accept it, and close the connections that have ended.
     void settle();
 
     std::optional<Time> nextDeadline() const;
@@ -53,12 +55,12 @@ private:
             : connection(readers)
             , descriptor(socket)
             , accepted(now)
-            , heard(now) {}
+            , lastInput(now) {}
 
         Connection connection;
         int descriptor;
         Time accepted;
-        Time heard;
+        Time lastInput;
     };
 
     void accept(Time now);
@@ -72,7 +74,7 @@ private:
     Milliseconds m_patience;
     int m_listening = -1;
     std::list<Client> m_clients;
-    std::optional<Time> m_pausedUntil; // no client is accepted before: there is no descriptor for one
+    std::optional<Time> m_pausedUntil; // no client is accepted before, for lack of descriptors
 };
 
 } // namespace emulator::usbip

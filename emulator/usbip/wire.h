@@ -1,8 +1,8 @@
-// The messages of USB/IP, protocol version 1.1.1, as they lie on the wire. The kernel's documentation describes them:
-// Documentation/usb/usbip_protocol.rst.
+// The messages of USB/IP, protocol version 1.1.1, as they lie on the wire. The kernel's documentation
+// describes them: Documentation/usb/usbip_protocol.rst.
 //
-// Every number is in network byte order, except inside a setup packet, which keeps USB's own. In C, because test
-// clients in C share it.
+// Every number is in network byte order, except inside a setup packet, which keeps USB's own. In C, because
+// test clients in C share it.
 #pragma once
 
 #include <assert.h>
@@ -10,7 +10,7 @@
 
 enum { usbip_protocol_version = 0x0111 };
 
-// ------------------------------------------------------------------------------------------------ operations
+// ---- operations
 
 // A connection begins with an operation, which lists or imports devices.
 struct usbip_operation {
@@ -54,10 +54,10 @@ struct usbip_interface {
     uint8_t padding;
 };
 
-// ------------------------------------------------------------------------------------------------------ URBs
+// ---- URBs
 
-// Once a device is imported, the same connection carries URBs. Every message begins with this header and has the same
-// size, except for the data of a transfer, which follows it.
+// Once a device is imported, the same connection carries URBs. Every message begins with this header and has
+// the same size, except for the data of a transfer, which follows it.
 struct usbip_header {
     uint32_t command;
     uint32_t sequence;

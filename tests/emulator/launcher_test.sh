@@ -1,5 +1,5 @@
 #!/bin/sh
-# Tests of the launcher itself: what it passes on, what it leaves behind, how it is interrupted.
+# Tests of the launcher: exit status, environment, signals, clean-up, options and commands.
 #
 #   launcher_test.sh LAUNCHER CASE
 set -u
@@ -31,15 +31,15 @@ await() { # COMMAND..., for at most 5 seconds
         "$@" && return
         sleep 0.02
     done
-    fail "never came true: $*"
+    fail "timed out: $*"
 }
 
 process_gone() { ! kill -0 "$1" 2>/dev/null; }
 folder_gone() { [ ! -e "$1" ]; }
 
-# Starts a launcher whose program writes down its bus's folder and its own process ID; then waits for both.
-# Shells start background programs with SIGINT ignored, which would be passed on to the program.
-start_in_background() { # PROGRAM TEXT [WHAT IT DOES BEFORE IT TELLS THAT IT RUNS]
+# Starts a launcher and waits until its program has written the scratch folder and its process ID to files. Shells start
+# background programs with SIGINT ignored, which the program would inherit.
+start_in_background() { # COMMANDS [COMMANDS TO RUN FIRST]
     rm -f "$scratch/folder"
     env --default-signal=INT "$emulate" -- sh -c "${2:-:}; echo \$\$ >'$scratch/program'; \
         echo \$GVUSB_EMULATE_FOLDER >'$scratch/folder.new'; mv '$scratch/folder.new' '$scratch/folder'; $1" &
@@ -70,7 +70,7 @@ leaves_program_arguments_alone() {
     expect_equal "without --" "$("$emulate" --reader id=1 echo --reader '' ' a  b')" "--reader   a  b"
 }
 
-reports_mistakes() {
+reports_usage_errors() {
     expect_status 2 "$emulate"
     expect_output 'missing program'
     expect_status 2 "$emulate" --no-such-option -- true
@@ -80,19 +80,19 @@ reports_mistakes() {
     expect_status 2 "$emulate" --reader
     expect_output '--reader: .*missing'
     expect_status 2 "$emulate" --reader colour=red -- true
-    expect_output "'colour' is not a key"
+    expect_output "unknown key 'colour'"
     expect_status 2 "$emulate" --readers "$scratch/missing" -- true
-    expect_output 'missing: cannot be read'
+    expect_output 'cannot read .*missing'
     printf '# readers\nid=1\n\nproduct=many\n' >"$scratch/readers"
     expect_status 2 "$emulate" --readers "$scratch/readers" -- true
-    expect_output "readers:4: product is 'many'"
+    expect_output "readers:4: product must be a number from 0 to 65535, not 'many'"
     echo 'at 5 explode 1' >"$scratch/script"
     expect_status 2 "$emulate" --script "$scratch/script" -- true
-    expect_output "script:1: 'explode' is not a command"
+    expect_output "script:1: unknown command 'explode'"
     expect_status 2 "$emulate" --no-readers --reader id=1 -- true
     expect_status 2 "$emulate" --config "$scratch/missing" -- true
     expect_status 125 "$emulate" --reader address=5 --reader address=5 -- true
-    expect_output 'address 5 is taken'
+    expect_output 'address 5 is in use'
 }
 
 helps() {
@@ -111,7 +111,7 @@ leaves_nothing_behind() {
     *) fail "folder is '$folder'" ;;
     esac
     folder_gone "$folder" || fail "left $folder"
-    # A child that outlives the program, and one whose parent has ended before.
+    # A child that outlives the program, and one whose parent has ended.
     children=$("$emulate" -- sh -c 'sleep 100 >/dev/null & echo $!; sh -c "sleep 100 >/dev/null & echo \$!"')
     expect_equal "children" "$(echo "$children" | wc -l)" 2
     for child in $children; do
@@ -130,7 +130,7 @@ ends_by_signal() {
     done
 }
 
-lets_program_end_in_its_own_way() {
+lets_program_handle_signals() {
     start_in_background 'while :; do sleep 0.02; done' 'trap "exit 5" TERM'
     kill -TERM "$launcher"
     wait "$launcher"
@@ -149,18 +149,18 @@ second_signal_kills() {
     process_gone "$program" || fail "left process $program"
 }
 
-killed_launcher_is_cleaned_up_after() {
+cleans_up_after_a_killed_launcher() {
     start_in_background 'exec sleep 100'
     kill -KILL "$launcher"
     wait "$launcher" 2>/dev/null
     await process_gone "$program"
     abandoned=$folder
     "$emulate" -- true
-    [ -d "$abandoned" ] || fail "removed $abandoned, which might just be in the making"
+    [ -d "$abandoned" ] || fail "removed $abandoned, which may be just being created"
     start_in_background 'exec sleep 100'
     touch -d '1 hour ago' "$abandoned" "$folder"
     "$emulate" -- true
-    await folder_gone "$abandoned" # by this launcher or by another that ran meanwhile
+    await folder_gone "$abandoned" # by this launcher or one that runs in parallel
     [ -d "$folder" ] || fail "removed the folder of a living launcher"
     kill -TERM "$launcher"
     wait "$launcher"
@@ -192,13 +192,17 @@ sends_commands() {
     expect_status 0 "$emulate" --reader id=CAFE -- "$emulate" --send list
     expect_output '^ok 1 [0-9a-f]*:0001 001/002 CAFE$'
     expect_status 1 "$emulate" -- "$emulate" --send 'unplug 3'
-    expect_output '^error: reader is .3.; it takes a number from 1 to 2$'
+    expect_output '^error: reader must be a number from 1 to 2, not .3.$'
     expect_status 1 "$emulate" -- "$emulate" --send 'stall 1'
     expect_output '^error: usage: stall READER PIPE'
+    expect_status 1 "$emulate" -- "$emulate" --send 'stall 1 sideways'
+    expect_output '^error: pipe must be in, out, control, all or an endpoint such as 0x81, not .sideways.$'
+    expect_status 1 "$emulate" -- "$emulate" --send 'busy 1 on off'
+    expect_output '^error: unexpected argument .off.$'
     expect_status 1 "$emulate" -- "$emulate" --send 'stall 2 0x81'
-    expect_output '^error: the reader has no endpoint 0x81$'
+    expect_output '^error: reader has no endpoint 0x81$'
     expect_status 1 "$emulate" -- "$emulate" --send 'descriptors all 120'
-    expect_output '^error: descriptors is .120.; its last byte lacks a digit$'
+    expect_output '^error: descriptors must have two digits for each byte, not .120.$'
     expect_status 0 "$emulate" -- sh -c "'$emulate' --send 'unplug 1' && ! '$emulate' --send 'unplug 1' &&
         '$emulate' --send 'plug 1' && '$emulate' --send list"
     expect_output '^ok 1 [0-9a-f]*:0001 001/004 1A2B3C; 2 [0-9a-f]*:0002 001/003 1A2B3D$'
@@ -214,10 +218,10 @@ runs_script() {
         while '$emulate' --send list | grep -q 'unplugged'; do sleep 0.02; done; '$emulate' --send list"
     expect_output '^ok 1 [0-9a-f:]* unplugged 1A2B3C; 2 .*$'
     expect_output '^ok 1 [0-9a-f:]* 001/004 1A2B3C; 2 .*$'
-    expect_output 'script line 3: error: reader is'
+    expect_output 'script line 3: error: reader must be'
 }
 
-# Starts a server without a program; waits for its line, of which it takes the address and the socket.
+# Starts a server without a program and reads the port and the socket from its output.
 start_server() { # OPTION...
     rm -f "$scratch/line"
     env --default-signal=INT,TERM,HUP "$emulate" --usbip --listen 127.0.0.1:0 "$@" >"$scratch/line" &
@@ -242,13 +246,13 @@ serves_usbip_until_a_signal() {
 
 listed() { "$emulate" --send list | grep -q "$1"; } # PATTERN
 
-takes_commands_while_it_serves_usbip() {
+takes_commands_while_serving_usbip() {
     printf 'at 1500 string 2 1 BEEF\n' >"$scratch/script"
     start_server --reader id=CAFE --reader id=D00F,plugged=no --script "$scratch/script"
     expect_status 0 "$emulate" --send list
     expect_output '^ok 1 [0-9a-f]*:0001 1-1 CAFE; 2 [0-9a-f]*:0001 unplugged D00F$'
     expect_status 1 "$emulate" --send 'busy 1 on'
-    expect_output '^error: over USB/IP that is up to the machine that attaches the reader$'
+    expect_output '^error: not possible over USB/IP: the machine that attaches the reader is its host$'
     expect_status 0 "$emulate" --send 'plug 2'
     await listed '1-2 BEEF$'
     kill "$launcher"
@@ -262,14 +266,14 @@ runs_program_beside_usbip() {
     expect_output '^ok$'
 }
 
-reports_mistakes_with_usbip() {
+reports_usage_errors_with_usbip() {
     expect_status 2 "$emulate" --listen 127.0.0.1:0 -- true
     expect_output 'usbip'
     expect_status 2 "$emulate" --usbip --listen localhost
-    expect_output "'localhost' is not ADDRESS:PORT"
+    expect_output "expected ADDRESS:PORT .*, not 'localhost'"
     expect_status 2 "$emulate" --usbip --no-config
     expect_status 125 "$emulate" --usbip --listen 127.0.0.1:0 --reader driver=usbhid
-    expect_output 'up to the machine that attaches'
+    expect_output 'the machine that attaches the reader is its host'
     start_server
     expect_status 125 "$emulate" --usbip --listen "127.0.0.1:$port"
     expect_output "127.0.0.1:$port: Address already in use"
@@ -277,10 +281,10 @@ reports_mistakes_with_usbip() {
     wait "$launcher"
 }
 
-stock_client_lists_what_it_could_attach() {
+stock_client_lists_readers() {
     PATH=$PATH:/usr/sbin:/sbin
     command -v usbip >"$scratch/where" || {
-        echo "SKIPPED: there is no usbip client here"
+        echo "SKIPPED: the usbip client is not installed"
         exit 77
     }
     start_server --reader vendor=0x1234,product=0x5678 --reader vendor=0x1234,product=0x9abc,interfaces=2,bus=3

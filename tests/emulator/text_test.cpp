@@ -37,7 +37,7 @@ TEST(TextTest, NamesWhatIsWrongWithANumber) {
         number("packet size", "many", 1, 1024);
         FAIL();
     } catch (const TextError& error) {
-        EXPECT_STREQ(error.what(), "packet size is 'many'; it takes a number from 1 to 1024");
+        EXPECT_STREQ(error.what(), "packet size must be a number from 1 to 1024, not 'many'");
     }
 }
 

@@ -1,7 +1,6 @@
-// What USB/IP clients say, how slowly they read, and what happens to the readers meanwhile. There are two readers and
-// three clients.
+// Three USB/IP clients send anything and read slowly, while two readers fail and are unplugged.
 //
-// Each byte of the input chooses what is done, and those behind it with what.
+// Each byte of the input chooses a step; the bytes after it are the step's arguments.
 #include "input.h"
 #include "usbip_peer.h"
 
@@ -48,18 +47,18 @@ struct Fixture {
     std::array<std::unique_ptr<fuzz::UsbipPeer>, 3> peers;
 };
 
-void sayBytes(Fixture& f) {
+void sendBytes(Fixture& f) {
     fuzz::UsbipPeer& peer = f.anyPeer();
-    const std::string_view said = f.input.countedBytes();
-    peer.say({said.begin(), said.end()}, f.now);
+    const std::string_view sent = f.input.countedBytes();
+    peer.send({sent.begin(), sent.end()}, f.now);
 }
 
-void sayImport(Fixture& f) {
+void sendImport(Fixture& f) {
     fuzz::UsbipPeer& peer = f.anyPeer();
-    peer.say(importRequest("1-" + std::to_string(f.anyReader())), f.now);
+    peer.send(importRequest("1-" + std::to_string(f.anyReader())), f.now);
 }
 
-void saySubmit(Fixture& f) {
+void sendSubmit(Fixture& f) {
     fuzz::UsbipPeer& peer = f.anyPeer();
     SubmitRequest request{.sequence = f.input.byte(), .device = 0x00010000U + f.input.byte() % 3};
     const std::uint8_t endpoint = f.input.oneOf(pipes);
@@ -79,20 +78,20 @@ void saySubmit(Fixture& f) {
             request.data.resize(request.length);
         }
     }
-    peer.say(submit(request), f.now);
+    peer.send(submit(request), f.now);
 }
 
-void sayUnlink(Fixture& f) {
+void sendUnlink(Fixture& f) {
     fuzz::UsbipPeer& peer = f.anyPeer();
     const std::uint32_t sequence = f.input.byte();
     const std::uint32_t unlinked = f.input.byte();
-    peer.say(unlink(sequence, unlinked, 0x00010000U + f.input.byte() % 3), f.now);
+    peer.send(unlink(sequence, unlinked, 0x00010000U + f.input.byte() % 3), f.now);
 }
 
-void hear(Fixture& f) {
+void receive(Fixture& f) {
     fuzz::UsbipPeer& peer = f.anyPeer();
     const std::size_t most = f.input.byte();
-    peer.hear(most == 255 ? std::size_t{1} << 26 : most, f.now);
+    peer.receive(most == 255 ? std::size_t{1} << 26 : most, f.now);
 }
 
 void connectAnew(Fixture& f) {
@@ -130,7 +129,7 @@ void letTimePass(Fixture& f) {
 }
 
 void checkImporters(const Fixture& f) {
-    // What a client may leave unread, and then the replies to all that may be under way.
+    // Output that a client leaves unread, plus the replies to every pending transfer.
     constexpr std::size_t mostOutput =
         (std::size_t{1} << 20) + usbip::mostRequests * headerSize + AnswerQueue::mostRoom;
     std::size_t importing = 0;
@@ -146,7 +145,7 @@ void checkImporters(const Fixture& f) {
     fuzz::expect(importing == 0, "each importer has one reader, and nobody else has it");
 }
 
-// Whatever has happened, the next client finds a reader that works.
+// Whatever has happened, a reader works for the next client.
 void checkThatReadersWork(Fixture& f) {
     for (auto& peer : f.peers) {
         peer.reset();
@@ -168,8 +167,8 @@ void checkThatReadersWork(Fixture& f) {
                  "a reader works for the next client");
 }
 
-constexpr std::array steps = {sayBytes,    saySubmit,    saySubmit,    sayUnlink,   hear,
-                              connectAnew, plugOrUnplug, changeFaults, letTimePass, sayImport};
+constexpr std::array steps = {sendBytes,   sendSubmit,   sendSubmit,   sendUnlink,  receive,
+                              connectAnew, plugOrUnplug, changeFaults, letTimePass, sendImport};
 
 } // namespace
 

@@ -18,22 +18,23 @@ public:
         : connection(readers) {}
 
     // Sends only while the server reads, as a socket does.
-    void say(const emulator::Bytes& bytes, emulator::Time now) {
+    void send(const emulator::Bytes& bytes, emulator::Time now) {
         if (!connection.wantsInput()) {
             return;
         }
-        m_said.insert(m_said.end(), bytes.begin(), bytes.end());
-        noteSaid();
+        m_sent.insert(m_sent.end(), bytes.begin(), bytes.end());
+        noteSent();
         connection.receive(bytes, now);
     }
 
     // Reads at most this many of the bytes that the server has to send.
-    void hear(std::size_t most, emulator::Time now) {
+    void receive(std::size_t most, emulator::Time now) {
         const auto output = connection.output();
         const std::size_t count = std::min(most, output.size());
-        m_heard.insert(m_heard.end(), output.begin(), output.begin() + static_cast<std::ptrdiff_t>(count));
+        m_received.insert(m_received.end(), output.begin(),
+                          output.begin() + static_cast<std::ptrdiff_t>(count));
         connection.sent(count, now);
-        checkHeard();
+        checkReceived();
     }
 
     emulator::usbip::Connection connection;
@@ -52,7 +53,7 @@ private:
         bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
     }
 
-    void noteSaid() {
+    void noteSent() {
         while (noteMessage()) {
         }
     }
@@ -61,37 +62,37 @@ private:
     bool noteMessage() {
         using namespace usbip_client;
         if (!m_wantsUrbs) {
-            if (m_said.size() < importRequestSize ||
-                ntohs(recordOf<usbip_operation>(m_said).code) != usbip_request_import) {
+            if (m_sent.size() < importRequestSize ||
+                ntohs(recordOf<usbip_operation>(m_sent).code) != usbip_request_import) {
                 return false;
             }
-            takeOff(m_said, importRequestSize);
+            takeOff(m_sent, importRequestSize);
             m_wantsUrbs = true;
             return true;
         }
-        if (m_said.size() < headerSize) {
+        if (m_sent.size() < headerSize) {
             return false;
         }
-        const auto submit = recordOf<usbip_submit>(m_said);
+        const auto submit = recordOf<usbip_submit>(m_sent);
         const std::uint32_t sequence = ntohl(submit.header.sequence);
         const bool in = ntohl(submit.header.direction) != usbip_out;
         if (ntohl(submit.header.command) == usbip_command_unlink) {
-            const std::uint32_t unlinked = ntohl(recordOf<usbip_unlink>(m_said).unlinked);
+            const std::uint32_t unlinked = ntohl(recordOf<usbip_unlink>(m_sent).unlinked);
             m_unlinks.push_back({.sequence = sequence, .unlinked = unlinked});
-            takeOff(m_said, headerSize);
+            takeOff(m_sent, headerSize);
             return true;
         }
         const std::uint32_t length = ntohl(submit.length);
         const std::size_t size = headerSize + (in ? 0 : std::size_t{length});
-        if (m_said.size() < size) {
+        if (m_sent.size() < size) {
             return false;
         }
         m_asked[sequence].push_back({.in = in, .length = length});
-        takeOff(m_said, size);
+        takeOff(m_sent, size);
         return true;
     }
 
-    void checkHeard() {
+    void checkReceived() {
         while (checkMessage()) {
         }
     }
@@ -99,28 +100,28 @@ private:
     bool checkMessage() {
         using namespace usbip_client;
         if (!m_answered) {
-            if (m_heard.size() < sizeof(usbip_operation)) {
+            if (m_received.size() < sizeof(usbip_operation)) {
                 return false;
             }
-            const auto reply = recordOf<usbip_operation>(m_heard);
+            const auto reply = recordOf<usbip_operation>(m_received);
             const std::uint16_t code = ntohs(reply.code);
             expect(ntohs(reply.version) == usbip_protocol_version, "a reply has the protocol's version");
             expect(code == usbip_reply_list || code == usbip_reply_import,
                    "a reply answers a list or an import");
-            if (code == usbip_reply_list || statusOf(m_heard) != usbip_ok) {
+            if (code == usbip_reply_list || statusOf(m_received) != usbip_ok) {
                 return false; // a list of devices follows, or nothing
             }
-            if (m_heard.size() < importReplySize) {
+            if (m_received.size() < importReplySize) {
                 return false;
             }
-            takeOff(m_heard, importReplySize);
+            takeOff(m_received, importReplySize);
             m_answered = true;
             return true;
         }
-        if (m_heard.size() < headerSize) {
+        if (m_received.size() < headerSize) {
             return false;
         }
-        const auto reply = recordOf<usbip_submit_reply>(m_heard);
+        const auto reply = recordOf<usbip_submit_reply>(m_received);
         const std::uint32_t command = ntohl(reply.header.command);
         const std::uint32_t sequence = ntohl(reply.header.sequence);
         const auto status = static_cast<std::int32_t>(ntohl(reply.status));
@@ -132,7 +133,7 @@ private:
                 takeAnswered(m_unlinks.front().unlinked);
             }
             m_unlinks.pop_front();
-            takeOff(m_heard, headerSize);
+            takeOff(m_received, headerSize);
             return true;
         }
         expect(command == usbip_reply_submit, "a reply answers a submit or an unlink");
@@ -142,11 +143,11 @@ private:
         const std::uint32_t actual = ntohl(reply.actual_length);
         expect(actual <= asked.length, "no more comes than was asked for");
         const std::size_t size = headerSize + (asked.in ? actual : 0);
-        if (m_heard.size() < size) {
+        if (m_received.size() < size) {
             return false;
         }
         takeAnswered(sequence);
-        takeOff(m_heard, size);
+        takeOff(m_received, size);
         return true;
     }
 
@@ -155,8 +156,8 @@ private:
         m_asked[sequence].pop_front();
     }
 
-    emulator::Bytes m_said;
-    emulator::Bytes m_heard;
+    emulator::Bytes m_sent;
+    emulator::Bytes m_received;
     bool m_wantsUrbs = false;
     bool m_answered = false;
     std::map<std::uint32_t, std::deque<Asked>> m_asked; // by sequence number, which a client may reuse

@@ -41,15 +41,16 @@ TEST(ScriptTest, EmptyScriptHasNothingToDo) {
     EXPECT_FALSE(Script().next().has_value());
 }
 
-TEST(ScriptTest, SaysWhatIsWrongAndWhere) {
-    EXPECT_EQ(complaint("at 1 unplug 1\nunplug 1\n"), "script:2: a line reads: at MILLISECONDS COMMAND");
+TEST(ScriptTest, NamesTheMistakeAndItsLine) {
+    EXPECT_EQ(complaint("at 1 unplug 1\nunplug 1\n"), "script:2: expected: at MS COMMAND");
     EXPECT_EQ(complaint("at soon unplug 1"),
-              "script:1: time is 'soon'; it takes a number from 0 to 86400000");
-    EXPECT_EQ(complaint("at 5 explode 1"), "script:1: 'explode' is not a command");
-    EXPECT_EQ(complaint("at 5"), "script:1: no command");
+              "script:1: time must be a number from 0 to 86400000, not 'soon'");
+    EXPECT_EQ(complaint("at 5 explode 1"), "script:1: unknown command 'explode'");
+    EXPECT_EQ(complaint("at 5"), "script:1: missing command");
     EXPECT_EQ(complaint("at 5 mute 1"), "script:1: usage: mute READER PIPE");
-    EXPECT_EQ(complaint("at 5 wait 1"), "script:1: a script does not wait; its lines have times");
-    EXPECT_EQ(complaint("at 5 unplug 1\nat 4 plug 1"), "script:2: its time is before that of the line above");
+    EXPECT_EQ(complaint("at 5 wait 1"), "script:1: wait cannot be used in a script");
+    EXPECT_EQ(complaint("at 5 unplug 1\nat 4 plug 1"),
+              "script:2: time is earlier than that of the line before");
 }
 
 } // namespace

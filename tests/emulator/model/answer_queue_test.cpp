@@ -5,7 +5,7 @@
 namespace emulator {
 namespace {
 
-TEST(AnswerQueueTest, LosesWhatThereIsNoRoomFor) {
+TEST(AnswerQueueTest, DropsAnswersBeyondTheLimit) {
     AnswerQueue answers;
     const Bytes quarter(AnswerQueue::mostRoom / 4);
     for (int i = 0; i < 5; ++i) {
@@ -25,7 +25,7 @@ TEST(AnswerQueueTest, LosesWhatThereIsNoRoomFor) {
     EXPECT_EQ(answers.size(), 3U);
 }
 
-TEST(AnswerQueueTest, EmptyAnswersAreNotEndless) {
+TEST(AnswerQueueTest, LimitsEmptyAnswersToo) {
     AnswerQueue answers;
     for (std::size_t i = 0; i < AnswerQueue::mostRoom / 16; ++i) {
         answers.push({});

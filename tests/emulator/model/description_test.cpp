@@ -23,7 +23,7 @@ std::string complaint(std::string_view line) {
     return "none";
 }
 
-TEST(ReaderDescriptionTest, DescribesABulkReaderUnlessTold) {
+TEST(ReaderDescriptionTest, DescribesABulkReaderByDefault) {
     const ReaderDescription reader = one("");
     EXPECT_EQ(reader.vendor, GVUSB_VENDOR_ID);
     EXPECT_EQ(reader.product, 1);
@@ -35,7 +35,7 @@ TEST(ReaderDescriptionTest, DescribesABulkReaderUnlessTold) {
     EXPECT_EQ(reader.descriptors, std::nullopt);
 }
 
-TEST(ReaderDescriptionTest, TakesEveryKey) {
+TEST(ReaderDescriptionTest, ParsesEveryKey) {
     const ReaderDescription reader = one(
         "id=xyz,family=F,name=A\\,B,interface=TESK RCI2,type=7,string20=more,product=0x2,vendor=0x1234,"
         "release=0x0203,endpoints=control,configuration=2+1,interfaces=3,first-interface=1,speed=high,bus=4,"
@@ -93,26 +93,24 @@ TEST(ReaderDescriptionTest, CountsDeviceIdsOfCopiesUp) {
     EXPECT_EQ(readers[2].strings.at(1), "A1");
 }
 
-TEST(ReaderDescriptionTest, SaysWhatIsWrong) {
-    EXPECT_EQ(complaint("colour=red"), "'colour' is not a key of a reader");
-    EXPECT_EQ(complaint("product"), "'product' is not KEY=VALUE");
-    EXPECT_EQ(complaint("product=70000"), "product is '70000'; it takes a number from 0 to 65535");
-    EXPECT_EQ(complaint("speed=warp"), "speed is 'warp'; it takes low, full or high");
-    EXPECT_EQ(complaint("descriptors=12 0"), "descriptors is '12 0'; its last byte lacks a digit");
-    EXPECT_EQ(complaint("descriptors=0x12"),
-              "descriptors is '0x12'; it takes bytes as pairs of hexadecimal digits");
-    EXPECT_EQ(complaint("configuration=1+1"), "configuration has the value 1 twice");
+TEST(ReaderDescriptionTest, NamesTheMistake) {
+    EXPECT_EQ(complaint("colour=red"), "unknown key 'colour'");
+    EXPECT_EQ(complaint("product"), "expected KEY=VALUE, not 'product'");
+    EXPECT_EQ(complaint("product=70000"), "product must be a number from 0 to 65535, not '70000'");
+    EXPECT_EQ(complaint("speed=warp"), "speed must be low, full or high, not 'warp'");
+    EXPECT_EQ(complaint("descriptors=12 0"), "descriptors must have two digits for each byte, not '12 0'");
+    EXPECT_EQ(complaint("descriptors=0x12"), "descriptors must be pairs of hexadecimal digits, not '0x12'");
+    EXPECT_EQ(complaint("configuration=1+1"), "duplicate configuration value 1");
     EXPECT_EQ(complaint("endpoints=0x80"),
-              "endpoint address is '0x80'; it takes 0x01 to 0x0F or 0x81 to 0x8F");
-    EXPECT_EQ(complaint("endpoints=0x81+0x81"), "endpoints has 0x81 twice");
-    EXPECT_EQ(complaint("endpoints=0x81:warp"), "endpoint type is 'warp'; it takes bulk, interrupt or iso");
-    EXPECT_EQ(complaint("name=" + std::string(127, 'x')), "string 5 has more than 126 characters");
+              "endpoint address must be 0x01 to 0x0F or 0x81 to 0x8F, not '0x80'");
+    EXPECT_EQ(complaint("endpoints=0x81+0x81"), "duplicate endpoint 0x81");
+    EXPECT_EQ(complaint("endpoints=0x81:warp"), "endpoint type must be bulk, interrupt or iso, not 'warp'");
+    EXPECT_EQ(complaint("name=" + std::string(127, 'x')), "string 5 is longer than 126 characters");
     EXPECT_EQ(complaint("name=" + std::string(126, 'x')), "none");
-    EXPECT_EQ(complaint("id=xyz,copies=2"),
-              "id of several copies is '0xxyz'; it takes a number from 0 to 4294967295");
-    EXPECT_EQ(complaint("address=1"), "address is '1'; it takes a number from 2 to 127");
+    EXPECT_EQ(complaint("id=xyz,copies=2"), "id must be hexadecimal if there are copies, not 'xyz'");
+    EXPECT_EQ(complaint("address=1"), "address must be a number from 2 to 127, not '1'");
     EXPECT_EQ(complaint("address=2,copies=2"),
-              "copies and address do not go together: two readers cannot have one address");
+              "copies cannot be used with address: two readers cannot share an address");
 }
 
 TEST(ReaderDescriptionTest, ReadsAFileAndNamesTheLine) {
@@ -124,7 +122,7 @@ TEST(ReaderDescriptionTest, ReadsAFileAndNamesTheLine) {
         readReaders(file);
         ADD_FAILURE();
     } catch (const TextError& error) {
-        EXPECT_EQ(error.what(), file.string() + ":3: bus is '0'; it takes a number from 1 to 255");
+        EXPECT_EQ(error.what(), file.string() + ":3: bus must be a number from 1 to 255, not '0'");
     }
     std::filesystem::remove(file);
     EXPECT_THROW(readReaders(file), TextError);

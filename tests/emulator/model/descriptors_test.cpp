@@ -90,12 +90,12 @@ TEST(DescriptorsTest, StringIsUtf16) {
     EXPECT_EQ(stringDescriptor("\xF0\x9F\x98\x80"), (Bytes{6, 3, 0x3D, 0xD8, 0x00, 0xDE}));
 }
 
-TEST(DescriptorsTest, StringTakesBytesThatAreNotUtf8AsTheyAre) {
+TEST(DescriptorsTest, StringKeepsBytesThatAreNotUtf8) {
     EXPECT_EQ(stringDescriptor("\xE9"), (Bytes{4, 3, 0xE9, 0}));
     EXPECT_EQ(stringDescriptor("\xC3(\xFF"), (Bytes{8, 3, 0xC3, 0, '(', 0, 0xFF, 0}));
 }
 
-TEST(DescriptorsTest, StringEndsAtTheLongestDescriptor) {
+TEST(DescriptorsTest, StringIsCutToTheLongestDescriptor) {
     const Bytes bytes = stringDescriptor(std::string(200, 'x'));
     EXPECT_EQ(bytes.size(), 254U);
     EXPECT_EQ(bytes[0], 254);

@@ -86,7 +86,7 @@ TEST_F(ReaderModelTest, AnswersInOrder) {
     expectCompletion(in(), Outcome::done, {2});
 }
 
-TEST_F(ReaderModelTest, CancelsOnlyWhatWaits) {
+TEST_F(ReaderModelTest, CancelsOnlyPendingTransfers) {
     const TransferId waiting = in();
     EXPECT_TRUE(reader.cancel(waiting, now));
     expectCompletion(waiting, Outcome::cancelled);
@@ -95,7 +95,7 @@ TEST_F(ReaderModelTest, CancelsOnlyWhatWaits) {
     EXPECT_FALSE(reader.cancel(sent, now));
 }
 
-TEST_F(ReaderModelTest, CancellingTheFirstLetsTheNextGo) {
+TEST_F(ReaderModelTest, CancellingTheFirstLetsTheNextComplete) {
     const TransferId first = in();
     const TransferId second = in();
     reader.cancel(first, now);
@@ -124,7 +124,7 @@ TEST_F(ReaderModelTest, OverflowLosesTheRestOfThePacketOnly) {
     expectCompletion(in(64), Outcome::done, Bytes(36, 5));
 }
 
-TEST_F(ReaderModelTest, EndOfAnAnswerEndsTheTransferAlsoAtAWholePacket) {
+TEST_F(ReaderModelTest, AnswerOfWholePacketsEndsTheTransfer) {
     out(Bytes(64, 1));
     take();
     expectCompletion(in(1000), Outcome::done, Bytes(64, 1));
@@ -149,7 +149,7 @@ TEST_F(ReaderModelTest, StallHoldsUntilTheHaltIsCleared) {
     expectCompletion(out({1}), Outcome::done);
 }
 
-TEST_F(ReaderModelTest, StallEndsWhatWaits) {
+TEST_F(ReaderModelTest, StallEndsPendingTransfers) {
     const TransferId waiting = in();
     fault("in", {.stalled = true});
     expectCompletion(waiting, Outcome::stalled);
@@ -173,7 +173,7 @@ TEST_F(ReaderModelTest, MuteOutTakesNoFrameUntilUnmuted) {
     EXPECT_EQ(reader.frameCount(), 1U);
 }
 
-TEST_F(ReaderModelTest, WhatIsAskedOfAMuteReaderIsNeverAnswered) {
+TEST_F(ReaderModelTest, MuteReaderDoesNotAnswerLater) {
     fault("in", {.mute = true});
     expectCompletion(out({1}), Outcome::done);
     EXPECT_EQ(reader.frameCount(), 1U);
@@ -215,7 +215,7 @@ TEST_F(ReaderModelTest, DelayCountsFromWhenTheTransferCouldComplete) {
     EXPECT_FALSE(reader.nextDeadline().has_value());
 }
 
-TEST_F(ReaderModelTest, NothingIsDueWhereNothingCanCompleteAnyMore) {
+TEST_F(ReaderModelTest, NothingIsDueWhenNothingCanComplete) {
     fault("in", {.delay = 100ms});
     reader.submit({.endpoint = 0, .setup = {0x02, 3, 0, 0x81, 0}}, now);
     const TransferId waiting = in();
@@ -244,7 +244,7 @@ TEST_F(ReaderModelTest, NothingIsDueWhereNothingCanCompleteAnyMore) {
     expectCompletion(waiting, Outcome::done, {2});
 }
 
-TEST_F(ReaderModelTest, DelayedOutThatIsDueAnswersWhatWaits) {
+TEST_F(ReaderModelTest, DelayedOutCompletesAPendingIn) {
     fault("out", {.delay = 5ms});
     const TransferId waiting = in();
     const TransferId sent = out({1});
@@ -255,7 +255,7 @@ TEST_F(ReaderModelTest, DelayedOutThatIsDueAnswersWhatWaits) {
     expectCompletion(waiting, Outcome::done, {1});
 }
 
-TEST_F(ReaderModelTest, ShortMovesAtMostThatManyBytes) {
+TEST_F(ReaderModelTest, ShortLimitsTheBytesMoved) {
     fault("out", {.shortTo = 2});
     out({1, 2, 3});
     EXPECT_EQ(reader.takeCompletion()->actual, 2U);
@@ -264,7 +264,7 @@ TEST_F(ReaderModelTest, ShortMovesAtMostThatManyBytes) {
     expectCompletion(in(), Outcome::done, {1});
 }
 
-TEST_F(ReaderModelTest, UnpluggingEndsWhatWaits) {
+TEST_F(ReaderModelTest, UnpluggingEndsPendingTransfers) {
     const TransferId bulk = in();
     const TransferId control = frameIn();
     reader.unplug();
@@ -272,7 +272,7 @@ TEST_F(ReaderModelTest, UnpluggingEndsWhatWaits) {
     expectCompletion(bulk, Outcome::gone);
 }
 
-TEST_F(ReaderModelTest, PowerMakesItAsNew) {
+TEST_F(ReaderModelTest, PowerResetsTheReader) {
     reader = described("configuration=2+1");
     reader.configure(1, now);
     out({1});
@@ -298,7 +298,7 @@ TEST_F(ReaderModelTest, ResetKeepsConfigurationAndControlTransfers) {
     expectNothing();
 }
 
-TEST_F(ReaderModelTest, ConfiguresOnlyWhatItHas) {
+TEST_F(ReaderModelTest, RefusesUnknownConfigurations) {
     EXPECT_TRUE(reader.configure(1, now));
     EXPECT_FALSE(reader.configure(2, now));
     EXPECT_EQ(reader.configuration(), 1);
@@ -333,7 +333,7 @@ TEST_F(ReaderModelTest, NamesPipes) {
     EXPECT_THROW(reader.pipesNamed("sideways"), TextError);
 }
 
-TEST_F(ReaderModelTest, RemembersTheLastFrameAndItsWay) {
+TEST_F(ReaderModelTest, RemembersTheLastFrameAndItsEndpoint) {
     out({1});
     frameOut({2, 3});
     EXPECT_EQ(reader.frameCount(), 2U);

@@ -7,7 +7,7 @@ namespace {
 
 const Bytes frame = {1, 2, 3};
 
-TEST(ReplyRuleTest, EchoesUnlessTold) {
+TEST(ReplyRuleTest, EchoesByDefault) {
     EXPECT_EQ(ReplyRule().answer(frame), frame);
     EXPECT_EQ(ReplyRule::parse("echo").answer(frame), frame);
 }

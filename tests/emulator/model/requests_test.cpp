@@ -26,7 +26,7 @@ protected:
     ReaderModel reader{defaultReaders().front()};
 };
 
-TEST_F(ReaderRequestsTest, ReturnsDescriptorsUpToTheLengthAskedFor) {
+TEST_F(ReaderRequestsTest, CutsDescriptorsToTheRequestedLength) {
     const Bytes device = deviceDescriptor(reader.description());
     expectAnswer({0x80, 6, 0x0100, 0, 18}, device);
     expectAnswer({0x80, 6, 0x0100, 0, 8}, Bytes(device.begin(), device.begin() + 8));
@@ -35,7 +35,7 @@ TEST_F(ReaderRequestsTest, ReturnsDescriptorsUpToTheLengthAskedFor) {
     expectAnswer({0x80, 6, 0x0301, 0x0409, 255}, stringDescriptor("1A2B3C"));
 }
 
-TEST_F(ReaderRequestsTest, StallsDescriptorsThatItDoesNotHave) {
+TEST_F(ReaderRequestsTest, StallsMissingDescriptors) {
     expectStall({0x80, 6, 0x0201, 0, 255});
     expectStall({0x80, 6, 0x0309, 0x0409, 255});
     expectStall({0x80, 6, 0x0600, 0, 10});
@@ -93,7 +93,7 @@ TEST_F(ReaderRequestsTest, SetsReportsAndClearsHalt) {
     expectStall({0x02, 1, 0, 0x85, 0});
 }
 
-TEST_F(ReaderRequestsTest, StallsFramesThatAreNotAskedForByTheBook) {
+TEST_F(ReaderRequestsTest, StallsMalformedFrameRequests) {
     expectStall({0x40, 1, 0, 0, 0});
     expectStall({0x40, 0, 1, 0, 0});
     expectStall({0x40, 0, 0, 1, 0});

@@ -1,5 +1,4 @@
-// Uses the emulated bus as any libusb program does, without the gvusb library: what fails here is the bus's
-// fault.
+// Uses the emulated bus with bare libusb, without the gvusb library: a failure here is the bus's fault.
 //
 //   gvusb-emulate [READERS] -- bare_libusb CASE
 //
@@ -55,7 +54,7 @@ static void pause_for(long duration) {
     nanosleep(&time, NULL);
 }
 
-// Sends a command to the bus and leaves its answer in `answer`.
+// Send a command to the bus and store its answer in `answer`.
 static void ask(const char* command, char* answer, size_t size) {
     struct sockaddr_un address = {.sun_family = AF_UNIX};
     snprintf(address.sun_path, sizeof address.sun_path, "%s", getenv("GVUSB_EMULATE_SOCKET"));
@@ -87,7 +86,7 @@ static void tell(const char* command) {
     expect_text(command, answer, "ok");
 }
 
-// The number after "NAME=" in what the bus has counted for a reader.
+// The number after "NAME=" in the answer to "counts".
 static long counted(int reader, const char* name) {
     char command[32];
     char answer[512];
@@ -138,7 +137,7 @@ static void expect_bulk_echo(libusb_device_handle* handle, int length, int room)
     expect("echo differs", memcmp(out, in, (size_t)length), 0);
 }
 
-// The bus is there before any reader is.
+// Listed in addition to the readers.
 enum { root_hubs = 1 };
 
 static long list_size(void) {
@@ -150,7 +149,7 @@ static long list_size(void) {
     return count;
 }
 
-// The list is brought up to date by udev's event, which is on its way.
+// A udev event that is still under way updates the list.
 static void await_list_size(long wanted) {
     const long end = milliseconds() + patience;
     while (list_size() != wanted && milliseconds() < end) {
@@ -185,7 +184,7 @@ static void lists_both_readers(void) {
     libusb_free_device_list(list, 1);
 }
 
-// As the kernel shows it: device 1 of the bus, above the readers at its ports.
+// As in the kernel: device 1 of the bus, parent of the readers.
 static void begins_with_a_root_hub(void) {
     libusb_device** list;
     const ssize_t count = libusb_get_device_list(NULL, &list);
@@ -353,7 +352,7 @@ static void answers_late_short_or_too_much(void) {
     libusb_close(handle);
 }
 
-// Runs a command of the bus while the main thread is in a transfer.
+// Run a command while the main thread is in a transfer.
 static void* tell_later(void* command) {
     pause_for(moment);
     tell(command);
@@ -429,7 +428,7 @@ static void await_events(const struct events* count, int arrived, int left) {
     expect("departures", count->left, left);
 }
 
-static void hears_of_plugs(void) {
+static void gets_plug_events(void) {
     struct events count = {0, 0};
     libusb_hotplug_callback_handle callback;
     expect("hot-plug", libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG) != 0, 1);
@@ -548,7 +547,7 @@ static int open_first(libusb_device_handle** handle) {
     return result;
 }
 
-// More often than umockdev has room for open nodes, so that a failed one that stayed there would show. One
+// Opens fail more often than umockdev's table has places, so an entry left by a failure would show. Needs one
 // reader.
 static void is_refused(void) {
     libusb_device_handle* handle = NULL;
@@ -563,7 +562,7 @@ static void is_refused(void) {
     tell("replug 1");
     pause_for(moment);
     expect("after another plug", open_first(&handle), LIBUSB_ERROR_IO);
-    // libusb takes a device whose node has gone for unplugged and forgets it.
+    // libusb drops a device whose node does not exist.
     tell("refuse 1 ENOENT");
     expect("ENOENT", open_first(&handle), LIBUSB_ERROR_NO_DEVICE);
     await_list_size(root_hubs);
@@ -580,8 +579,7 @@ static void is_refused(void) {
     libusb_close(handle);
 }
 
-// A child by fork and exec uses the other reader while this process keeps its own, and its end leaves that
-// open.
+// A child process uses the other reader, and its end does not affect the reader that this process has open.
 static void child_uses_the_bus_too(void) {
     libusb_device_handle* handle = open_claimed(bulk_product);
     const pid_t child = fork();
@@ -603,7 +601,7 @@ static void child_uses_the_bus_too(void) {
     libusb_close(handle);
 }
 
-// Two processes hear of one unplugging. The second is this program again, waiting for a departure.
+// Two processes get the event of an unplugging. The second runs this case.
 static void waits_for_a_departure(void) {
     struct events count = {0, 0};
     libusb_hotplug_callback_handle callback;
@@ -615,7 +613,7 @@ static void waits_for_a_departure(void) {
     await_events(&count, 0, 1);
 }
 
-static void two_processes_hear_of_plugs(void) {
+static void two_processes_get_plug_events(void) {
     int ends[2];
     expect("pipe", pipe(ends), 0);
     const pid_t child = fork();
@@ -656,7 +654,7 @@ static void opens_many_readers(void) {
     }
 }
 
-// Opens a file and closes it again; the errno of what failed.
+// Open and close a file. Returns 0 or the errno.
 static int open_in_passing(const char* path) {
     FILE* const file = fopen(path, "r");
     if (file == NULL) {
@@ -665,8 +663,8 @@ static int open_in_passing(const char* path) {
     return fclose(file) == 0 ? 0 : errno;
 }
 
-// What is below /dev shares the room. The program goes on when there is none, and has it again after closing.
-static void opens_no_more_than_there_is_room_for(void) {
+// Everything below /dev counts. Opening beyond the limit fails, and works again after a close.
+static void fails_to_open_more_than_the_limit(void) {
     enum { readers = 50, room = 50, other_devices = 3, beyond = room - other_devices };
     FILE* const file = fopen("/dev/null", "r"); // one of the other devices
     if (file == NULL) {
@@ -701,7 +699,7 @@ static void opens_no_more_than_there_is_room_for(void) {
     }
     expect("close", fclose(file), 0);
     const int in_its_place =
-        open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC); // has its descriptor and needs no room
+        open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC); // takes over its descriptor, but no place
     expect("open again", libusb_open(list[0], &handles[0]), 0);
     for (int i = beyond + 1; i < readers; ++i) {
         expect("open in the room of other devices", libusb_open(list[i], &handles[i]), 0);
@@ -742,9 +740,9 @@ static void opens_from_two_threads(void) {
     }
 }
 
-// More changes than a socket holds, while this program is stopped and takes none of them. What came and went
-// meanwhile nobody hears of; what is there in the end is found.
-static void finds_what_is_there_after_being_stopped(void) {
+// This program is stopped during more changes than its socket holds events for. The reader that is plugged in
+// the end is found.
+static void finds_readers_after_being_stopped(void) {
     enum { replugs = 20 };
     const pid_t self = getpid();
     const pid_t child = fork();
@@ -788,7 +786,7 @@ static const struct {
     {"answers_late_short_or_too_much", answers_late_short_or_too_much},
     {"unplugged_in_flight", unplugged_in_flight},
     {"replugged_is_another_device", replugged_is_another_device},
-    {"hears_of_plugs", hears_of_plugs},
+    {"gets_plug_events", gets_plug_events},
     {"finds_interface_busy", finds_interface_busy},
     {"frees_interface_at_close", frees_interface_at_close},
     {"has_kernel_driver", has_kernel_driver},
@@ -797,11 +795,11 @@ static const struct {
     {"is_refused", is_refused},
     {"child_uses_the_bus_too", child_uses_the_bus_too},
     {"waits_for_a_departure", waits_for_a_departure},
-    {"two_processes_hear_of_plugs", two_processes_hear_of_plugs},
+    {"two_processes_get_plug_events", two_processes_get_plug_events},
     {"opens_many_readers", opens_many_readers},
-    {"opens_no_more_than_there_is_room_for", opens_no_more_than_there_is_room_for},
+    {"fails_to_open_more_than_the_limit", fails_to_open_more_than_the_limit},
     {"opens_from_two_threads", opens_from_two_threads},
-    {"finds_what_is_there_after_being_stopped", finds_what_is_there_after_being_stopped},
+    {"finds_readers_after_being_stopped", finds_readers_after_being_stopped},
 };
 
 int main(int count, char** arguments) {

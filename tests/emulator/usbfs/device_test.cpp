@@ -43,14 +43,14 @@ TEST_F(UsbfsDeviceTest, ClosingReleasesAndCancels) {
     EXPECT_EQ(counts.closes, 1U);
 }
 
-TEST_F(UsbfsDeviceTest, ClosingCarriesOutNothingThatWaits) {
+TEST_F(UsbfsDeviceTest, ClosingPerformsNoPendingTransfer) {
     device.submit(first, 1, {.endpoint = 0, .setup = {0xC0, 0, 0, 0, 64}, .capacity = 64}, now);
     device.submit(first, 2, {.endpoint = 0, .setup = {0x40, 0, 0, 0, 1}, .data = {7}}, now);
     device.close(first, now);
     EXPECT_EQ(reader.frameCount(), 0U);
 }
 
-TEST_F(UsbfsDeviceTest, EachOpeningReapsItsOwn) {
+TEST_F(UsbfsDeviceTest, EachOpeningReapsItsOwnUrbs) {
     EXPECT_EQ(submit(first, 0x1000, 0x02, {1}), 0);
     EXPECT_FALSE(device.reap(second).has_value());
     const auto urb = device.reap(first);
@@ -67,7 +67,7 @@ TEST_F(UsbfsDeviceTest, FirstTransferClaims) {
     EXPECT_EQ(submit(second, 2, 0x85), -ENOENT);
 }
 
-TEST_F(UsbfsDeviceTest, DiscardsOnlyWhatFlies) {
+TEST_F(UsbfsDeviceTest, DiscardsOnlyPendingUrbs) {
     submit(first, 1, 0x81);
     EXPECT_EQ(device.discard(second, 1, now), -EINVAL);
     EXPECT_EQ(device.discard(first, 1, now), 0);
@@ -75,7 +75,7 @@ TEST_F(UsbfsDeviceTest, DiscardsOnlyWhatFlies) {
     EXPECT_EQ(device.discard(first, 1, now), -EINVAL);
 }
 
-TEST_F(UsbfsDeviceTest, UnpluggingEndsAllButReaping) {
+TEST_F(UsbfsDeviceTest, OnlyReapingWorksAfterUnplugging) {
     submit(first, 1, 0x81);
     device.unplug();
     EXPECT_FALSE(device.connected());
@@ -118,7 +118,7 @@ TEST_F(UsbfsDeviceTest, DriverKeepsTheInterfaceUntilDetached) {
     EXPECT_EQ(device.detachDriver(9), -EINVAL);
 }
 
-TEST_F(UsbfsDeviceTest, FaultsOfTheHost) {
+TEST_F(UsbfsDeviceTest, HostFaultsFailClaimAndReset) {
     faults.busy = true;
     EXPECT_EQ(device.claim(first, 0), -EBUSY);
     faults.failReset = true;

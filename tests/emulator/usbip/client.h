@@ -1,5 +1,6 @@
 // The client's side of USB/IP: composes requests and takes replies apart. It shares only the structures of
-// usbip/wire.h with the server, whose mistakes would otherwise cancel out; messages_test.cpp pins their bytes.
+// usbip/wire.h with the server, whose mistakes would otherwise cancel out; messages_test.cpp pins their
+// bytes.
 #pragma once
 
 #include "text.h"
@@ -43,7 +44,7 @@ Record recordOf(std::span<const std::uint8_t> bytes) {
     return record;
 }
 
-// ------------------------------------------------------------------------------------------------ operations
+// ---- operations
 inline Bytes operation(usbip_operation_code code) {
     usbip_operation request{};
     request.version = htons(usbip_protocol_version);
@@ -72,7 +73,7 @@ inline std::uint32_t listedDevices(std::span<const std::uint8_t> reply) {
     return ntohl(recordOf<std::uint32_t>(reply.subspan(sizeof(usbip_operation))));
 }
 
-// ------------------------------------------------------------------------------------------------------ URBs
+// ---- URBs
 constexpr std::size_t headerSize = sizeof(usbip_submit);
 constexpr std::uint32_t firstReader = 0x00010001; // bus 1, device 1
 enum Direction : std::uint32_t { out = usbip_out, in = usbip_in };
@@ -142,9 +143,9 @@ inline Bytes bareMessage(std::uint32_t command, std::uint32_t sequence) {
     return bytesOf(message);
 }
 
-// Replies in words, separated by "; ". A reply to a submit is "submitted", sequence number, status and the data from
-// the device in hexadecimal, such as "submitted 5 0 aabb", or the number of bytes sent to it, "submitted 5 0 +2". A
-// reply to an unlink is "unlinked 5 -104".
+// Replies in words, separated by "; ". A reply to a submit is "submitted", sequence number, status and the
+// data from the device in hexadecimal, such as "submitted 5 0 aabb", or the number of bytes sent to it,
+// "submitted 5 0 +2". A reply to an unlink is "unlinked 5 -104".
 class Replies {
 public:
     // `fetched` lists the sequence numbers of submits in direction "in".

@@ -37,7 +37,7 @@ protected:
         return Replies(take(connection), fetched).text();
     }
 
-    std::string say(const Bytes& message, std::initializer_list<std::uint32_t> fetched = {}) {
+    std::string exchange(const Bytes& message, std::initializer_list<std::uint32_t> fetched = {}) {
         connection.receive(message, now);
         return replies(fetched);
     }
@@ -50,7 +50,7 @@ protected:
     Connection connection{readers};
 };
 
-TEST_F(UsbipConnectionTest, TakesMessagesInAnyPieces) {
+TEST_F(UsbipConnectionTest, AcceptsMessagesInAnyPieces) {
     const Bytes all = join({importRequest("1-1"), sendFrame(1, {1, 2, 3}), fetchFrame(2), unlink(3, 9)});
     for (const std::uint8_t byte : all) {
         connection.receive(Bytes{byte}, now);
@@ -61,12 +61,12 @@ TEST_F(UsbipConnectionTest, TakesMessagesInAnyPieces) {
     EXPECT_EQ(Replies(output, {2}).text(), "submitted 1 0 +3; submitted 2 0 010203; unlinked 3 0");
 }
 
-TEST_F(UsbipConnectionTest, OwesTheRestOfWhatItBegan) {
-    EXPECT_FALSE(connection.owesRest());
+TEST_F(UsbipConnectionTest, KnowsThatAMessageIsIncomplete) {
+    EXPECT_FALSE(connection.hasPartialMessage());
     connection.receive(Bytes{0x01}, now);
-    EXPECT_TRUE(connection.owesRest());
+    EXPECT_TRUE(connection.hasPartialMessage());
     connection.abort();
-    EXPECT_FALSE(connection.owesRest());
+    EXPECT_FALSE(connection.hasPartialMessage());
 }
 
 TEST_F(UsbipConnectionTest, ReaderIsImportedByOneAtATime) {
@@ -92,12 +92,12 @@ TEST_F(UsbipConnectionTest, ReaderIsFreeAgainWhenItsConnectionIsGone) {
     EXPECT_EQ(readers.at(1).counts.closes, 1U);
 }
 
-TEST_F(UsbipConnectionTest, NextImporterFindsNothingOfTheLast) {
+TEST_F(UsbipConnectionTest, NextImporterSeesNothingOfThePreviousOne) {
     importStatus(connection);
-    say(sendFrame(1, {1, 2, 3}));
+    exchange(sendFrame(1, {1, 2, 3}));
     fault(pipeOf(0x81), {.stalled = true});
     fault(pipeOf(0x02), {.mute = true});
-    EXPECT_EQ(say(sendFrame(2, {4, 5})), "");
+    EXPECT_EQ(exchange(sendFrame(2, {4, 5})), "");
     connection.abort();
     fault(pipeOf(0x02), {});
     Connection next(readers);
@@ -107,12 +107,12 @@ TEST_F(UsbipConnectionTest, NextImporterFindsNothingOfTheLast) {
     EXPECT_EQ(model().frameCount(), 1U);
 }
 
-TEST_F(UsbipConnectionTest, WhatWaitsIsNotCarriedOutWhenTheImportEnds) {
+TEST_F(UsbipConnectionTest, PendingTransfersAreNotPerformedWhenTheImportEnds) {
     const Bytes fetchThenSend =
         join({control(1, {0xC0, 0, 0, 0, 0, 0, 64, 0}),
               submit({.sequence = 2, .length = 1, .setup = {0x40, 0, 0, 0, 0, 0, 1, 0}, .data = {7}})});
     importStatus(connection);
-    EXPECT_EQ(say(fetchThenSend), "");
+    EXPECT_EQ(exchange(fetchThenSend), "");
     connection.abort();
     EXPECT_EQ(model().frameCount(), 0U);
     Connection next(readers);
@@ -124,7 +124,7 @@ TEST_F(UsbipConnectionTest, WhatWaitsIsNotCarriedOutWhenTheImportEnds) {
 
 TEST_F(UsbipConnectionTest, UnplugEndsTheImport) {
     importStatus(connection);
-    EXPECT_EQ(say(fetchFrame(1), {1}), "");
+    EXPECT_EQ(exchange(fetchFrame(1), {1}), "");
     readers.unplug(1);
     EXPECT_TRUE(connection.closing());
     Connection next(readers);
@@ -136,16 +136,16 @@ TEST_F(UsbipConnectionTest, UnplugEndsTheImport) {
     EXPECT_THROW(readers.plug(2, now), TextError);
 }
 
-TEST_F(UsbipConnectionTest, AnswersOutlastTheirRequestUntilFetched) {
+TEST_F(UsbipConnectionTest, PendingFetchGetsALaterAnswer) {
     importStatus(connection);
-    EXPECT_EQ(say(fetchFrame(1), {1}), "");
-    EXPECT_EQ(say(sendFrame(2, {7, 8}), {1}), "submitted 2 0 +2; submitted 1 0 0708");
+    EXPECT_EQ(exchange(fetchFrame(1), {1}), "");
+    EXPECT_EQ(exchange(sendFrame(2, {7, 8}), {1}), "submitted 2 0 +2; submitted 1 0 0708");
 }
 
-TEST_F(UsbipConnectionTest, CompletesWhenTheTimeHasCome) {
+TEST_F(UsbipConnectionTest, CompletesDelayedTransfersWhenDue) {
     importStatus(connection);
     fault(pipeOf(0x02), {.delay = 50ms});
-    EXPECT_EQ(say(sendFrame(1, {7})), "");
+    EXPECT_EQ(exchange(sendFrame(1, {7})), "");
     EXPECT_EQ(readers.nextDeadline(), now + 50ms);
     readers.advance(now + 49ms);
     EXPECT_EQ(replies(), "");
@@ -153,88 +153,88 @@ TEST_F(UsbipConnectionTest, CompletesWhenTheTimeHasCome) {
     EXPECT_EQ(replies(), "submitted 1 0 +1");
 }
 
-TEST_F(UsbipConnectionTest, UnlinkedSubmitHasNoReplyOfItsOwn) {
+TEST_F(UsbipConnectionTest, UnlinkReplacesTheReplyToTheSubmit) {
     importStatus(connection);
-    EXPECT_EQ(say(join({fetchFrame(1), fetchFrame(2), unlink(3, 1)}), {1, 2}), "unlinked 3 -104");
-    EXPECT_EQ(say(sendFrame(4, {7}), {2}), "submitted 4 0 +1; submitted 2 0 07");
-    EXPECT_EQ(say(unlink(5, 2)), "unlinked 5 0") << "it came too late";
-    EXPECT_EQ(say(unlink(6, 77)), "unlinked 6 0") << "there never was one";
+    EXPECT_EQ(exchange(join({fetchFrame(1), fetchFrame(2), unlink(3, 1)}), {1, 2}), "unlinked 3 -104");
+    EXPECT_EQ(exchange(sendFrame(4, {7}), {2}), "submitted 4 0 +1; submitted 2 0 07");
+    EXPECT_EQ(exchange(unlink(5, 2)), "unlinked 5 0") << "it came too late";
+    EXPECT_EQ(exchange(unlink(6, 77)), "unlinked 6 0") << "there never was one";
     EXPECT_EQ(readers.at(1).counts.cancels, 1U);
 }
 
 TEST_F(UsbipConnectionTest, StallLastsUntilTheHaltIsCleared) {
     importStatus(connection);
     fault(pipeOf(0x81), {.stalled = true});
-    EXPECT_EQ(say(fetchFrame(1), {1}), "submitted 1 -32 ");
-    EXPECT_EQ(say(control(2, {0x82, 0, 0, 0, 0x81, 0, 2, 0}), {2}), "submitted 2 0 0100");
-    EXPECT_EQ(say(control(3, {0x02, 1, 0, 0, 0x81, 0, 0, 0})), "submitted 3 0 +0");
-    EXPECT_EQ(say(control(4, {0x82, 0, 0, 0, 0x81, 0, 2, 0}), {4}), "submitted 4 0 0000");
-    EXPECT_EQ(say(fetchFrame(5), {5}), "");
+    EXPECT_EQ(exchange(fetchFrame(1), {1}), "submitted 1 -32 ");
+    EXPECT_EQ(exchange(control(2, {0x82, 0, 0, 0, 0x81, 0, 2, 0}), {2}), "submitted 2 0 0100");
+    EXPECT_EQ(exchange(control(3, {0x02, 1, 0, 0, 0x81, 0, 0, 0})), "submitted 3 0 +0");
+    EXPECT_EQ(exchange(control(4, {0x82, 0, 0, 0, 0x81, 0, 2, 0}), {4}), "submitted 4 0 0000");
+    EXPECT_EQ(exchange(fetchFrame(5), {5}), "");
     EXPECT_EQ(readers.at(1).counts.clearHalts, 1U);
 }
 
 TEST_F(UsbipConnectionTest, ConfigurationIsChosenByTheClient) {
     importStatus(connection);
-    EXPECT_EQ(say(control(1, {0x00, 9, 0, 0, 0, 0, 0, 0})), "submitted 1 0 +0");
+    EXPECT_EQ(exchange(control(1, {0x00, 9, 0, 0, 0, 0, 0, 0})), "submitted 1 0 +0");
     EXPECT_EQ(model().configuration(), 0);
-    EXPECT_EQ(say(control(2, {0x00, 9, 1, 0, 0, 0, 0, 0})), "submitted 2 0 +0");
-    EXPECT_EQ(say(control(3, {0x00, 9, 5, 0, 0, 0, 0, 0})), "submitted 3 -32 +0");
-    EXPECT_EQ(say(control(4, {0x80, 8, 0, 0, 0, 0, 1, 0}), {4}), "submitted 4 0 01");
-    EXPECT_EQ(say(control(5, {0x01, 11, 0, 0, 0, 0, 0, 0})), "submitted 5 0 +0");
+    EXPECT_EQ(exchange(control(2, {0x00, 9, 1, 0, 0, 0, 0, 0})), "submitted 2 0 +0");
+    EXPECT_EQ(exchange(control(3, {0x00, 9, 5, 0, 0, 0, 0, 0})), "submitted 3 -32 +0");
+    EXPECT_EQ(exchange(control(4, {0x80, 8, 0, 0, 0, 0, 1, 0}), {4}), "submitted 4 0 01");
+    EXPECT_EQ(exchange(control(5, {0x01, 11, 0, 0, 0, 0, 0, 0})), "submitted 5 0 +0");
     EXPECT_EQ(readers.at(1).counts.setConfigurations, 3U);
 }
 
-TEST_F(UsbipConnectionTest, ChoosingAConfigurationEndsWhatWaits) {
+TEST_F(UsbipConnectionTest, ChoosingAConfigurationEndsPendingTransfers) {
     importStatus(connection);
-    EXPECT_EQ(say(fetchFrame(1), {1}), "");
-    EXPECT_EQ(say(control(2, {0x00, 9, 1, 0, 0, 0, 0, 0}), {1}), "submitted 1 -108 ; submitted 2 0 +0");
+    EXPECT_EQ(exchange(fetchFrame(1), {1}), "");
+    EXPECT_EQ(exchange(control(2, {0x00, 9, 1, 0, 0, 0, 0, 0}), {1}), "submitted 1 -108 ; submitted 2 0 +0");
 }
 
-TEST_F(UsbipConnectionTest, PortResetIsTheReadersReset) {
+TEST_F(UsbipConnectionTest, PortResetResetsTheReader) {
     importStatus(connection);
     fault(pipeOf(0x02), {.stalled = true});
-    EXPECT_EQ(say(fetchFrame(1), {1}), "");
-    EXPECT_EQ(say(control(2, {0x23, 3, 4, 0, 1, 0, 0, 0}), {1}), "submitted 1 -108 ; submitted 2 0 +0");
-    EXPECT_EQ(say(sendFrame(3, {7})), "submitted 3 0 +1");
+    EXPECT_EQ(exchange(fetchFrame(1), {1}), "");
+    EXPECT_EQ(exchange(control(2, {0x23, 3, 4, 0, 1, 0, 0, 0}), {1}), "submitted 1 -108 ; submitted 2 0 +0");
+    EXPECT_EQ(exchange(sendFrame(3, {7})), "submitted 3 0 +1");
     EXPECT_EQ(readers.at(1).counts.resets, 1U);
 }
 
-TEST_F(UsbipConnectionTest, TooShortIsAMistakeOnlyWhereTheClientSaysSo) {
+TEST_F(UsbipConnectionTest, ShortTransferFailsOnlyIfTheClientSaysSo) {
     importStatus(connection);
     SubmitRequest fetch{.sequence = 2, .direction = in, .endpoint = 1, .length = 8};
-    say(sendFrame(1, {1, 2, 3}));
-    EXPECT_EQ(say(submit(fetch), {2}), "submitted 2 0 010203");
-    say(sendFrame(1, {1, 2, 3}));
+    exchange(sendFrame(1, {1, 2, 3}));
+    EXPECT_EQ(exchange(submit(fetch), {2}), "submitted 2 0 010203");
+    exchange(sendFrame(1, {1, 2, 3}));
     fetch.flags = 1;
-    EXPECT_EQ(say(submit(fetch), {2}), "submitted 2 -121 010203");
-    say(sendFrame(1, {1, 2, 3}));
+    EXPECT_EQ(exchange(submit(fetch), {2}), "submitted 2 -121 010203");
+    exchange(sendFrame(1, {1, 2, 3}));
     fetch.length = 3;
-    EXPECT_EQ(say(submit(fetch), {2}), "submitted 2 0 010203");
+    EXPECT_EQ(exchange(submit(fetch), {2}), "submitted 2 0 010203");
 }
 
-TEST_F(UsbipConnectionTest, TooLongOverflows) {
+TEST_F(UsbipConnectionTest, LongAnswerOverflows) {
     importStatus(connection);
-    say(sendFrame(1, {1, 2, 3}));
-    EXPECT_EQ(say(fetchFrame(2, 2), {2}), "submitted 2 -75 0102");
+    exchange(sendFrame(1, {1, 2, 3}));
+    EXPECT_EQ(exchange(fetchFrame(2, 2), {2}), "submitted 2 -75 0102");
 }
 
 TEST_F(UsbipConnectionTest, FrameGoesByControlTransferToo) {
     importStatus(connection);
-    EXPECT_EQ(
-        say(submit({.sequence = 1, .length = 3, .setup = {0x40, 0, 0, 0, 0, 0, 3, 0}, .data = {4, 5, 6}})),
-        "submitted 1 0 +3");
-    EXPECT_EQ(say(control(2, {0xC0, 0, 0, 0, 0, 0, 64, 0}), {2}), "submitted 2 0 040506");
+    EXPECT_EQ(exchange(submit(
+                  {.sequence = 1, .length = 3, .setup = {0x40, 0, 0, 0, 0, 0, 3, 0}, .data = {4, 5, 6}})),
+              "submitted 1 0 +3");
+    EXPECT_EQ(exchange(control(2, {0xC0, 0, 0, 0, 0, 0, 64, 0}), {2}), "submitted 2 0 040506");
 }
 
 TEST_F(UsbipConnectionTest, ControlTransferWithoutDataGoesEitherWay) {
     importStatus(connection);
-    EXPECT_EQ(say(submit({.sequence = 1, .direction = in, .setup = {0x00, 9, 1, 0, 0, 0, 0, 0}}), {1}),
+    EXPECT_EQ(exchange(submit({.sequence = 1, .direction = in, .setup = {0x00, 9, 1, 0, 0, 0, 0, 0}}), {1}),
               "submitted 1 0 ");
-    EXPECT_EQ(say(submit({.sequence = 2, .direction = out, .setup = {0x80, 6, 0, 1, 0, 0, 0, 0}})),
+    EXPECT_EQ(exchange(submit({.sequence = 2, .direction = out, .setup = {0x80, 6, 0, 1, 0, 0, 0, 0}})),
               "submitted 2 0 +0");
 }
 
-TEST_F(UsbipConnectionTest, ClientThatDoesNotReadIsNotListenedTo) {
+TEST_F(UsbipConnectionTest, StopsReadingFromAClientThatDoesNotRead) {
     importStatus(connection);
     model().setReply(ReplyRule::parse("pattern:65536"));
     std::uint32_t sequence = 0;
@@ -244,8 +244,8 @@ TEST_F(UsbipConnectionTest, ClientThatDoesNotReadIsNotListenedTo) {
     }
     EXPECT_FALSE(connection.wantsInput());
     EXPECT_LT(connection.output().size(), std::size_t{2} << 20);
-    EXPECT_FALSE(connection.owesRest()) << "it is the client's turn to read";
-    // What had been said before is dealt with as the client reads.
+    EXPECT_FALSE(connection.hasPartialMessage()) << "it is the client's turn to read";
+    // Input that is left is processed as the client reads.
     const Bytes more = join({sendFrame(sequence, {1}), fetchFrame(sequence + 1, 65536)});
     connection.receive(more, now);
     EXPECT_EQ(model().frameCount(), sequence / 2);
@@ -254,7 +254,7 @@ TEST_F(UsbipConnectionTest, ClientThatDoesNotReadIsNotListenedTo) {
     EXPECT_EQ(model().frameCount(), sequence / 2 + 1);
 }
 
-// ---------------------------------------------------------------------------------------------- hostile clients
+// ---- hostile clients
 
 struct Mistake {
     const char* name;
@@ -284,17 +284,17 @@ TEST_P(UsbipOperationMistakeTest, EndsTheConnection) {
 INSTANTIATE_TEST_SUITE_P(
     , UsbipOperationMistakeTest,
     testing::Values(
-        Mistake{"older version", {0x01, 0x06, 0x80, 0x05, 0, 0, 0, 0}, "another version of the protocol"},
-        Mistake{"newer version", {0x02, 0x11, 0x80, 0x05, 0, 0, 0, 0}, "another version of the protocol"},
-        Mistake{"a reply", {0x01, 0x11, 0x00, 0x05, 0, 0, 0, 0}, "an unknown operation"},
-        Mistake{"the reply to an import", {0x01, 0x11, 0x00, 0x03, 0, 0, 0, 0}, "an unknown operation"},
-        Mistake{"no operation", {0x01, 0x11, 0x80, 0x09, 0, 0, 0, 0}, "an unknown operation"}));
+        Mistake{"older version", {0x01, 0x06, 0x80, 0x05, 0, 0, 0, 0}, "unsupported protocol version"},
+        Mistake{"newer version", {0x02, 0x11, 0x80, 0x05, 0, 0, 0, 0}, "unsupported protocol version"},
+        Mistake{"a reply", {0x01, 0x11, 0x00, 0x05, 0, 0, 0, 0}, "unknown operation"},
+        Mistake{"the reply to an import", {0x01, 0x11, 0x00, 0x03, 0, 0, 0, 0}, "unknown operation"},
+        Mistake{"no operation", {0x01, 0x11, 0x80, 0x09, 0, 0, 0, 0}, "unknown operation"}));
 
 TEST_P(UsbipUrbMistakeTest, EndsTheConnectionAndNoOther) {
     Connection other(readers);
     ASSERT_EQ(importStatus(other, "1-2"), 0U);
     ASSERT_EQ(importStatus(connection), 0U);
-    EXPECT_EQ(say(fetchFrame(1), {1}), "");
+    EXPECT_EQ(exchange(fetchFrame(1), {1}), "");
     connection.receive(GetParam().message, now);
     EXPECT_TRUE(connection.closing());
     EXPECT_STREQ(connection.complaint(), GetParam().complaint);
@@ -307,8 +307,8 @@ TEST_P(UsbipUrbMistakeTest, EndsTheConnectionAndNoOther) {
     EXPECT_EQ(importStatus(next), 0U);
 }
 
-constexpr auto length = "a transfer that is too long";
-constexpr auto endpoint = "an endpoint that the reader does not have";
+constexpr auto length = "transfer too long";
+constexpr auto endpoint = "no such endpoint";
 
 INSTANTIATE_TEST_SUITE_P(
     , UsbipUrbMistakeTest,
@@ -317,10 +317,9 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{"least length", submit({.sequence = 2, .endpoint = 2, .length = 0x80000000}), length},
         Mistake{"16 MiB and a byte", submit({.sequence = 2, .endpoint = 2, .length = (16 << 20) + 1}),
                 length},
-        Mistake{"isochronous", submit({.sequence = 2, .endpoint = 2, .packets = 1}),
-                "an isochronous transfer"},
+        Mistake{"isochronous", submit({.sequence = 2, .endpoint = 2, .packets = 1}), "isochronous transfer"},
         Mistake{"negative packets", submit({.sequence = 2, .endpoint = 2, .packets = 0x80000000}),
-                "an isochronous transfer"},
+                "isochronous transfer"},
         Mistake{"no such endpoint", submit({.sequence = 2, .endpoint = 5}), endpoint},
         Mistake{"high endpoint", submit({.sequence = 2, .endpoint = 16}), endpoint},
         Mistake{"endpoint with direction", submit({.sequence = 2, .direction = in, .endpoint = 0x81}),
@@ -328,22 +327,21 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{"endpoint of the other way", submit({.sequence = 2, .direction = in, .endpoint = 2}),
                 endpoint},
         Mistake{"no direction", submit({.sequence = 2, .direction = Direction{2}, .endpoint = 2}),
-                "an unknown direction"},
+                "unknown direction"},
         Mistake{"unconfigured endpoint", join({control(2, {0x00, 9, 0, 0, 0, 0, 0, 0}), fetchFrame(3)}),
                 endpoint},
         Mistake{"control transfer the other way",
                 submit({.sequence = 2, .length = 18, .setup = {0x80, 6, 0, 1, 0, 0, 18, 0}}),
-                "a control transfer against the direction in its setup packet"},
+                "control transfer against the direction in its setup packet"},
         Mistake{"control transfer without its data",
                 submit({.sequence = 2, .setup = {0x40, 0, 0, 0, 0, 0, 3, 0}}),
-                "a control transfer that is shorter than its setup packet says"},
-        Mistake{"sequence number twice", fetchFrame(1), "a sequence number that is in use"},
+                "control transfer shorter than its setup packet says"},
+        Mistake{"sequence number twice", fetchFrame(1), "sequence number in use"},
         Mistake{"another's device", submit({.sequence = 2, .endpoint = 2, .device = 0x00010002}),
-                "another device than the imported one"},
-        Mistake{"unlink at another's device", unlink(2, 1, 0x00010002),
-                "another device than the imported one"},
-        Mistake{"a reply", bareMessage(usbip_reply_submit, 2), "an unknown command"},
-        Mistake{"no command", bareMessage(0, 2), "an unknown command"}));
+                "device not imported"},
+        Mistake{"unlink at another's device", unlink(2, 1, 0x00010002), "device not imported"},
+        Mistake{"a reply", bareMessage(usbip_reply_submit, 2), "unknown command"},
+        Mistake{"no command", bareMessage(0, 2), "unknown command"}));
 
 TEST_F(UsbipConnectionTest, TooManyRequestsEndTheConnection) {
     importStatus(connection);
@@ -353,7 +351,7 @@ TEST_F(UsbipConnectionTest, TooManyRequestsEndTheConnection) {
     EXPECT_FALSE(connection.closing());
     connection.receive(fetchFrame(4096), now);
     EXPECT_TRUE(connection.closing());
-    EXPECT_STREQ(connection.complaint(), "more transfers or bytes than may be under way");
+    EXPECT_STREQ(connection.complaint(), "too many pending transfers or bytes");
 }
 
 TEST_F(UsbipConnectionTest, TooManyBytesEndTheConnection) {
@@ -361,12 +359,12 @@ TEST_F(UsbipConnectionTest, TooManyBytesEndTheConnection) {
     for (std::uint32_t sequence = 0; sequence < 4; ++sequence) {
         connection.receive(fetchFrame(sequence, 16 << 20), now);
     }
-    EXPECT_EQ(say(unlink(10, 0)), "unlinked 10 -104");
+    EXPECT_EQ(exchange(unlink(10, 0)), "unlinked 10 -104");
     connection.receive(fetchFrame(4, 16 << 20), now);
     EXPECT_FALSE(connection.closing()) << "what is taken back does not count";
     connection.receive(fetchFrame(5, 1), now);
     EXPECT_TRUE(connection.closing());
-    EXPECT_STREQ(connection.complaint(), "more transfers or bytes than may be under way");
+    EXPECT_STREQ(connection.complaint(), "too many pending transfers or bytes");
 }
 
 } // namespace

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-// Each message is laid out by hand, byte by byte.
+// The messages are written out byte by byte, independently of usbip/wire.h.
 namespace emulator::usbip {
 namespace {
 
@@ -12,7 +12,7 @@ protected:
         readers.plug(readers.add(parseReaders(description).front()), now);
     }
 
-    // Takes what there is to be sent.
+    // Send a message and take the output.
     std::string answer(const std::string& bytes) {
         connection.receive(hexBytes("message", bytes), now);
         const Bytes output(connection.output().begin(), connection.output().end());
@@ -47,7 +47,7 @@ TEST_F(UsbipMessagesTest, ListsDevicesWithTheirInterfaces) {
                                                 "00000003"     // high speed
                                                 "1234abcd0203" // vendor, product, release
                                                 "000000"       // class, subclass, protocol
-                                                "02"           // present configuration
+                                                "02"           // active configuration
                                                 "02"           // configurations
                                                 "02"           // interfaces
                                                 "ff000000"
@@ -86,7 +86,7 @@ TEST_F(UsbipMessagesTest, RefusesAnImportWithItsReason) {
 TEST_F(UsbipMessagesTest, CarriesUrbs) {
     plug("");
     answer("0111 8003 00000000" + text("1-1", 32));
-    // The device descriptor, by a control transfer: to the endpoint 0, from the device, 18 bytes at most.
+    // Read the device descriptor by a control transfer of at most 18 bytes.
     EXPECT_EQ(answer("00000001 00000a0b 00010001 00000001 00000000"
                      "00000200 00000012 00000000 00000000 00000000"
                      "8006000100001200"),
@@ -102,7 +102,7 @@ TEST_F(UsbipMessagesTest, CarriesUrbs) {
               "00000000"
               "0000000000000000"
               "120110010000004009120100000103050101");
-    // A frame to the endpoint 2, and one that waits at the endpoint 1, which is taken back.
+    // Send a frame to endpoint 2, fetch the answer from endpoint 1, and cancel another fetch.
     EXPECT_EQ(answer("00000001 00000a0c 00010001 00000000 00000002"
                      "00000000 00000003 00000000 ffffffff 00000000"
                      "0000000000000000 aabbcc"),
