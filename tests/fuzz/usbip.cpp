@@ -125,7 +125,7 @@ void letTimePass(Fixture& f) {
     f.now += Milliseconds(f.input.byte());
     f.readers.advance(f.now);
     const std::optional<Time> due = f.readers.nextDeadline();
-    fuzz::expect(!due || *due > f.now, "what is due has been done");
+    fuzz::expect(!due || *due > f.now, "everything due has completed");
 }
 
 void checkImporters(const Fixture& f) {
@@ -135,14 +135,14 @@ void checkImporters(const Fixture& f) {
     std::size_t importing = 0;
     for (const auto& peer : f.peers) {
         importing += peer->connection.hasImported() ? 1 : 0;
-        fuzz::expect(peer->connection.output().size() <= mostOutput, "what is to be sent is bounded");
+        fuzz::expect(peer->connection.output().size() <= mostOutput, "output is bounded");
     }
     for (std::size_t number = 1; number <= f.readers.size(); ++number) {
         const usbip::Reader& reader = f.readers.at(number);
-        fuzz::expect(reader.importer == nullptr || reader.plugged, "only what is plugged is imported");
+        fuzz::expect(reader.importer == nullptr || reader.plugged, "only plugged readers are imported");
         importing -= reader.importer != nullptr ? 1 : 0;
     }
-    fuzz::expect(importing == 0, "each importer has one reader, and nobody else has it");
+    fuzz::expect(importing == 0, "each importer has a reader of its own");
 }
 
 // Whatever has happened, a reader works for the next client.

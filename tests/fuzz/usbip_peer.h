@@ -141,7 +141,7 @@ private:
         expect(status <= 0, "a status is 0 or negative");
         const Asked& asked = m_asked[sequence].front();
         const std::uint32_t actual = ntohl(reply.actual_length);
-        expect(actual <= asked.length, "no more comes than was asked for");
+        expect(actual <= asked.length, "no more data than requested");
         const std::size_t size = headerSize + (asked.in ? actual : 0);
         if (m_received.size() < size) {
             return false;
@@ -152,7 +152,7 @@ private:
     }
 
     void takeAnswered(std::uint32_t sequence) {
-        expect(!m_asked[sequence].empty(), "what is answered was asked for");
+        expect(!m_asked[sequence].empty(), "only requests are answered");
         m_asked[sequence].pop_front();
     }
 

@@ -17,7 +17,7 @@ TEST(AnswerQueueTest, DropsAnswersBeyondTheLimit) {
     answers.pop();
     answers.push(quarter);
     answers.push(quarter);
-    EXPECT_EQ(answers.size(), 4U) << "what is fetched makes room for another";
+    EXPECT_EQ(answers.size(), 4U) << "reading an answer makes room";
     answers.clear();
     for (int i = 0; i < 3; ++i) {
         answers.push(quarter);

@@ -220,7 +220,7 @@ TEST_F(ReaderModelTest, NothingIsDueWhenNothingCanComplete) {
     reader.submit({.endpoint = 0, .setup = {0x02, 3, 0, 0x81, 0}}, now);
     const TransferId waiting = in();
     take();
-    EXPECT_EQ(reader.nextDeadline(), now + 100ms) << "it stalls late";
+    EXPECT_EQ(reader.nextDeadline(), now + 100ms) << "the stall is delayed";
     reader.submit({.endpoint = 0, .setup = {0x02, 1, 0, 0x81, 0}}, now);
     take();
     now += 100ms;
@@ -238,7 +238,7 @@ TEST_F(ReaderModelTest, NothingIsDueWhenNothingCanComplete) {
 
     out({2});
     take();
-    EXPECT_EQ(reader.nextDeadline(), now + 100ms) << "the delay begins anew";
+    EXPECT_EQ(reader.nextDeadline(), now + 100ms) << "the delay starts again";
     now += 100ms;
     reader.advance(now);
     expectCompletion(waiting, Outcome::done, {2});
@@ -281,7 +281,7 @@ TEST_F(ReaderModelTest, PowerResetsTheReader) {
     take();
     EXPECT_EQ(reader.configuration(), 2);
     EXPECT_FALSE(reader.pipeFaults(pipeOf(0x81)).stalled);
-    EXPECT_TRUE(reader.pipeFaults(pipeOf(0x81)).mute) << "what was asked for stays";
+    EXPECT_TRUE(reader.pipeFaults(pipeOf(0x81)).mute) << "only halts are cleared";
     fault("in", {});
     in();
     expectNothing();

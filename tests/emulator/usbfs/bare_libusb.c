@@ -21,7 +21,7 @@
 
 #include <libusb.h>
 
-enum { maker = GVUSB_VENDOR_ID, bulk_product = 1, control_product = 2 };
+enum { vendor_id = GVUSB_VENDOR_ID, bulk_product = 1, control_product = 2 };
 enum { bulk_in = 0x81, bulk_out = 0x02, patience = 2000, moment = 100 };
 enum { to_reader = 0x40, from_reader = 0xC0 };
 
@@ -99,7 +99,7 @@ static long counted(int reader, const char* name) {
 }
 
 static libusb_device_handle* open_product(int product) {
-    return libusb_open_device_with_vid_pid(NULL, maker, (uint16_t)product);
+    return libusb_open_device_with_vid_pid(NULL, vendor_id, (uint16_t)product);
 }
 
 static libusb_device_handle* open_claimed(int product) {
@@ -124,7 +124,7 @@ static void fill(unsigned char* data, size_t length, unsigned seed) {
     }
 }
 
-static void expect_bulk_echo(libusb_device_handle* handle, int length, int room) {
+static void expect_bulk_echo(libusb_device_handle* handle, int length, int capacity) {
     static unsigned char out[65536];
     static unsigned char in[65536];
     int moved;
@@ -132,7 +132,7 @@ static void expect_bulk_echo(libusb_device_handle* handle, int length, int room)
     memset(in, 0, sizeof in);
     expect("bulk out", bulk(handle, bulk_out, out, length, &moved, patience), 0);
     expect("bytes out", moved, length);
-    expect("bulk in", bulk(handle, bulk_in, in, room, &moved, patience), 0);
+    expect("bulk in", bulk(handle, bulk_in, in, capacity, &moved, patience), 0);
     expect("bytes in", moved, length);
     expect("echo differs", memcmp(out, in, (size_t)length), 0);
 }
@@ -170,7 +170,7 @@ static void lists_both_readers(void) {
         if (device.bDeviceClass == LIBUSB_CLASS_HUB) {
             continue;
         }
-        expect("vendor", device.idVendor, maker);
+        expect("vendor", device.idVendor, vendor_id);
         expect("bus", libusb_get_bus_number(list[i]), 1);
         expect("speed", libusb_get_device_speed(list[i]), LIBUSB_SPEED_FULL);
         expect("configuration descriptor", libusb_get_config_descriptor(list[i], 0, &configuration), 0);
@@ -220,7 +220,7 @@ static void reads_strings(void) {
                (long)strlen(strings[i].text));
         expect_text("string", (const char*)text, strings[i].text);
     }
-    expect("string that is not there", libusb_get_string_descriptor_ascii(handle, 9, text, sizeof text),
+    expect("missing string", libusb_get_string_descriptor_ascii(handle, 9, text, sizeof text),
            LIBUSB_ERROR_PIPE);
     tell("string 1 5 Another name");
     expect("changed string", libusb_get_string_descriptor_ascii(handle, 5, text, sizeof text), 12);
@@ -256,8 +256,8 @@ static void echoes_over_control(void) {
                lengths[i]);
         expect("echo differs", memcmp(out, in, lengths[i]), 0);
     }
-    expect("request that readers do not know",
-           libusb_control_transfer(handle, to_reader, 1, 0, 0, out, 1, patience), LIBUSB_ERROR_PIPE);
+    expect("unknown request", libusb_control_transfer(handle, to_reader, 1, 0, 0, out, 1, patience),
+           LIBUSB_ERROR_PIPE);
     libusb_close(handle);
 }
 
@@ -268,7 +268,7 @@ static void times_out(void) {
     const long start = milliseconds();
     expect("nothing to read", bulk(handle, bulk_in, data, sizeof data, &moved, moment), LIBUSB_ERROR_TIMEOUT);
     const long passed = milliseconds() - start;
-    expect("ran into its time-out", passed >= moment && passed < patience, 1);
+    expect("timed out", passed >= moment && passed < patience, 1);
     tell("mute 1 out");
     expect("mute out", bulk(handle, bulk_out, data, 5, &moved, moment), LIBUSB_ERROR_TIMEOUT);
     expect("bytes of a mute out", moved, 0);
@@ -277,8 +277,8 @@ static void times_out(void) {
     expect("out while in is mute", bulk(handle, bulk_out, data, 5, &moved, patience), 0);
     expect("mute in", bulk(handle, bulk_in, data, sizeof data, &moved, moment), LIBUSB_ERROR_TIMEOUT);
     tell("unmute 1 in");
-    expect("what was asked of a mute reader is never answered",
-           bulk(handle, bulk_in, data, sizeof data, &moved, moment), LIBUSB_ERROR_TIMEOUT);
+    expect("mute reader does not answer later", bulk(handle, bulk_in, data, sizeof data, &moved, moment),
+           LIBUSB_ERROR_TIMEOUT);
     expect_bulk_echo(handle, 5, 64);
     expect("cancelled transfers", counted(1, "cancels"), 4);
     libusb_close(handle);
@@ -309,7 +309,7 @@ static void stalls_until_halt_is_cleared(void) {
     expect("stuck", bulk(handle, bulk_in, data, sizeof data, &moved, patience), LIBUSB_ERROR_PIPE);
     tell("unstall 1 0x81");
     expect_bulk_echo(handle, 5, 64);
-    expect("halt of an endpoint that is not there", libusb_clear_halt(handle, 0x85), LIBUSB_ERROR_NOT_FOUND);
+    expect("halt of a missing endpoint", libusb_clear_halt(handle, 0x85), LIBUSB_ERROR_NOT_FOUND);
     tell("stall 1 control");
     expect("stalled string", libusb_get_string_descriptor_ascii(handle, 1, data, sizeof data),
            LIBUSB_ERROR_PIPE);
@@ -338,10 +338,10 @@ static void answers_late_short_or_too_much(void) {
     tell("short 1 out off");
     tell("flush 1");
     expect("out", bulk(handle, bulk_out, data, 64, &moved, patience), 0);
-    expect("no room for the packet", bulk(handle, bulk_in, data, 10, &moved, patience),
+    expect("buffer smaller than the packet", bulk(handle, bulk_in, data, 10, &moved, patience),
            LIBUSB_ERROR_OVERFLOW);
     expect("out", bulk(handle, bulk_out, data, 100, &moved, patience), 0);
-    expect("room for one packet", bulk(handle, bulk_in, data, 64, &moved, patience), 0);
+    expect("buffer for one packet", bulk(handle, bulk_in, data, 64, &moved, patience), 0);
     expect("first packet", moved, 64);
     expect("the rest", bulk(handle, bulk_in, data, 64, &moved, patience), 0);
     expect("second packet", moved, 36);
@@ -391,7 +391,7 @@ static void replugged_is_another_device(void) {
     for (const long end = milliseconds() + patience; fresh == NULL && milliseconds() < end; pause_for(1)) {
         fresh = open_product(bulk_product);
     }
-    expect("opened anew", fresh != NULL, 1);
+    expect("opened again", fresh != NULL, 1);
     expect("another device", libusb_get_device(fresh) != libusb_get_device(handle), 1);
     expect("another address", libusb_get_device_address(libusb_get_device(fresh)) != address, 1);
     libusb_close(handle);
@@ -434,7 +434,7 @@ static void gets_plug_events(void) {
     expect("hot-plug", libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG) != 0, 1);
     expect("register",
            libusb_hotplug_register_callback(
-               NULL, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, 0, maker,
+               NULL, LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED | LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, 0, vendor_id,
                LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY, count_event, &count, &callback),
            0);
     tell("unplug 1");
@@ -446,9 +446,9 @@ static void gets_plug_events(void) {
     expect_text("new reader", answer, "ok 3");
     await_events(&count, 2, 1);
     ask("plug id=BEEF,vendor=0x1D6B", answer, sizeof answer);
-    expect_text("device of another maker", answer, "ok 4");
+    expect_text("device of another vendor", answer, "ok 4");
     await_list_size(4 + root_hubs);
-    expect("no arrival of another maker's", count.arrived, 2);
+    expect("no arrival of another vendor's device", count.arrived, 2);
     tell("unplug all");
     await_events(&count, 2, 4);
     libusb_hotplug_deregister_callback(NULL, callback);
@@ -458,7 +458,7 @@ static void finds_interface_busy(void) {
     libusb_device_handle* handle = open_claimed(bulk_product);
     libusb_device_handle* other = open_product(bulk_product);
     expect("claimed by another handle", libusb_claim_interface(other, 0), LIBUSB_ERROR_BUSY);
-    expect("interface that is not there", libusb_claim_interface(other, 5), LIBUSB_ERROR_NOT_FOUND);
+    expect("missing interface", libusb_claim_interface(other, 5), LIBUSB_ERROR_NOT_FOUND);
     libusb_close(handle);
     expect("claim after close", libusb_claim_interface(other, 0), 0);
     expect("release", libusb_release_interface(other, 0), 0);
@@ -471,7 +471,7 @@ static void finds_interface_busy(void) {
     expect("closes", counted(1, "closes"), 2);
 }
 
-// Closing without a release frees the interface, and has done so when it returns, however soon one looks.
+// Closing without a release frees the interface before libusb_close() returns.
 static void frees_interface_at_close(void) {
     enum { rounds = 300 };
     libusb_device_handle* looking = open_product(bulk_product);
@@ -510,7 +510,7 @@ static void is_configured(void) {
     expect("set configuration", libusb_set_configuration(handle, 1), 0);
     expect("get configuration", libusb_get_configuration(handle, &value), 0);
     expect("value", value, 1);
-    expect("one that is not there", libusb_set_configuration(handle, 7), LIBUSB_ERROR_NOT_FOUND);
+    expect("missing configuration", libusb_set_configuration(handle, 7), LIBUSB_ERROR_NOT_FOUND);
     tell("fail-configuration 1 on");
     expect("refused", libusb_set_configuration(handle, 2), LIBUSB_ERROR_OTHER);
     expect("claim", libusb_claim_interface(handle, 0), 0);
@@ -525,7 +525,7 @@ static void is_reset(void) {
     expect("out", bulk(handle, bulk_out, data, 5, &moved, patience), 0);
     tell("stall 1 out");
     expect("reset", libusb_reset_device(handle), 0);
-    expect("the answer is forgotten", bulk(handle, bulk_in, data, sizeof data, &moved, moment),
+    expect("the answer is discarded", bulk(handle, bulk_in, data, sizeof data, &moved, moment),
            LIBUSB_ERROR_TIMEOUT);
     expect_bulk_echo(handle, 5, 64);
     tell("fail-reset 1 on");
@@ -570,7 +570,7 @@ static void is_refused(void) {
     await_list_size(1 + root_hubs);
     tell("refuse 1 off");
     expect("opens by then", counted(1, "opens"), 0);
-    expect("let in", open_first(&handle), 0);
+    expect("opens again", open_first(&handle), 0);
     libusb_close(handle);
     for (int i = 0; i < 100; ++i) {
         open("/dev/bus/usb/001/099", O_RDWR);
@@ -593,7 +593,7 @@ static void child_uses_the_bus_too(void) {
     expect_bulk_echo(handle, 5, 64);
     struct events count = {0, 0};
     libusb_hotplug_callback_handle callback;
-    libusb_hotplug_register_callback(NULL, LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, 0, maker,
+    libusb_hotplug_register_callback(NULL, LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, 0, vendor_id,
                                      LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY, count_event, &count,
                                      &callback);
     tell("unplug 2");
@@ -605,11 +605,11 @@ static void child_uses_the_bus_too(void) {
 static void waits_for_a_departure(void) {
     struct events count = {0, 0};
     libusb_hotplug_callback_handle callback;
-    libusb_hotplug_register_callback(NULL, LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, 0, maker,
+    libusb_hotplug_register_callback(NULL, LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, 0, vendor_id,
                                      LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY, count_event, &count,
                                      &callback);
     const ssize_t written = write(STDOUT_FILENO, "ready\n", 6);
-    expect("said that it is ready", written, 6);
+    expect("reported ready", written, 6);
     await_events(&count, 0, 1);
 }
 
@@ -626,7 +626,7 @@ static void two_processes_get_plug_events(void) {
     expect("child is ready", read(ends[0], ready, sizeof ready), sizeof ready);
     struct events count = {0, 0};
     libusb_hotplug_callback_handle callback;
-    libusb_hotplug_register_callback(NULL, LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, 0, maker,
+    libusb_hotplug_register_callback(NULL, LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT, 0, vendor_id,
                                      LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY, count_event, &count,
                                      &callback);
     tell("unplug 1");
@@ -655,7 +655,7 @@ static void opens_many_readers(void) {
 }
 
 // Open and close a file. Returns 0 or the errno.
-static int open_in_passing(const char* path) {
+static int open_and_close_file(const char* path) {
     FILE* const file = fopen(path, "r");
     if (file == NULL) {
         return errno;
@@ -665,7 +665,7 @@ static int open_in_passing(const char* path) {
 
 // Everything below /dev counts. Opening beyond the limit fails, and works again after a close.
 static void fails_to_open_more_than_the_limit(void) {
-    enum { readers = 50, room = 50, other_devices = 3, beyond = room - other_devices };
+    enum { readers = 50, limit = 50, other_devices = 3, beyond = limit - other_devices };
     FILE* const file = fopen("/dev/null", "r"); // one of the other devices
     if (file == NULL) {
         expect("open another device", errno, 0);
@@ -674,9 +674,9 @@ static void fails_to_open_more_than_the_limit(void) {
     libusb_device** list;
     libusb_device_handle* handles[readers];
     int others[other_devices - 1];
-    for (int i = 0; i < 2 * room; ++i) {
-        expect("open in passing", open_in_passing("/dev/null"), 0);
-        expect("open nothing", open_in_passing("/dev/no-such-device"), ENOENT);
+    for (int i = 0; i < 2 * limit; ++i) {
+        expect("open and close", open_and_close_file("/dev/null"), 0);
+        expect("open a missing file", open_and_close_file("/dev/no-such-device"), ENOENT);
     }
     for (int i = 0; i < other_devices - 1; ++i) {
         others[i] = open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -686,14 +686,14 @@ static void fails_to_open_more_than_the_limit(void) {
         expect("open", libusb_open(list[i], &handles[i]), 0);
     }
     for (int i = beyond; i < readers; ++i) {
-        expect("open without room", libusb_open(list[i], &handles[i]), LIBUSB_ERROR_IO);
+        expect("open beyond the limit", libusb_open(list[i], &handles[i]), LIBUSB_ERROR_IO);
     }
-    expect("open without room", open_in_passing("/dev/null"), EMFILE);
-    expect("open what is no device", open_in_passing("/proc/self/maps"), 0);
+    expect("open beyond the limit", open_and_close_file("/dev/null"), EMFILE);
+    expect("open outside /dev", open_and_close_file("/proc/self/maps"), 0);
 
     libusb_close(handles[0]);
-    expect("open in the room of a reader", libusb_open(list[beyond], &handles[beyond]), 0);
-    expect("open without room", libusb_open(list[0], &handles[0]), LIBUSB_ERROR_IO);
+    expect("open in place of a reader", libusb_open(list[beyond], &handles[beyond]), 0);
+    expect("open beyond the limit", libusb_open(list[0], &handles[0]), LIBUSB_ERROR_IO);
     for (int i = 0; i < other_devices - 1; ++i) {
         expect("close", close(others[i]), 0);
     }
@@ -702,7 +702,7 @@ static void fails_to_open_more_than_the_limit(void) {
         open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC); // takes over its descriptor, but no place
     expect("open again", libusb_open(list[0], &handles[0]), 0);
     for (int i = beyond + 1; i < readers; ++i) {
-        expect("open in the room of other devices", libusb_open(list[i], &handles[i]), 0);
+        expect("open in place of other devices", libusb_open(list[i], &handles[i]), 0);
     }
     close(in_its_place);
     libusb_free_device_list(list, 1);

@@ -24,7 +24,7 @@ protected:
 
 TEST_F(UsbfsDeviceTest, InterfaceIsClaimedByOneOpening) {
     EXPECT_EQ(device.claim(first, 0), 0);
-    EXPECT_EQ(device.claim(first, 0), 0) << "again is no mistake";
+    EXPECT_EQ(device.claim(first, 0), 0) << "claiming again succeeds";
     EXPECT_EQ(device.claim(second, 0), -EBUSY);
     EXPECT_EQ(device.release(second, 0), -EINVAL);
     EXPECT_EQ(device.release(first, 0), 0);

@@ -76,7 +76,7 @@ TEST_F(UsbipConnectionTest, ReaderIsImportedByOneAtATime) {
     EXPECT_TRUE(second.closing());
     Connection third(readers);
     third.receive(listRequest(), now);
-    EXPECT_EQ(listedDevices(take(third)), 0U) << "nor is it listed";
+    EXPECT_EQ(listedDevices(take(third)), 0U) << "imported readers are not listed";
     connection.abort();
     Connection fourth(readers);
     EXPECT_EQ(importStatus(fourth), 0U);
@@ -157,8 +157,8 @@ TEST_F(UsbipConnectionTest, UnlinkReplacesTheReplyToTheSubmit) {
     importStatus(connection);
     EXPECT_EQ(exchange(join({fetchFrame(1), fetchFrame(2), unlink(3, 1)}), {1, 2}), "unlinked 3 -104");
     EXPECT_EQ(exchange(sendFrame(4, {7}), {2}), "submitted 4 0 +1; submitted 2 0 07");
-    EXPECT_EQ(exchange(unlink(5, 2)), "unlinked 5 0") << "it came too late";
-    EXPECT_EQ(exchange(unlink(6, 77)), "unlinked 6 0") << "there never was one";
+    EXPECT_EQ(exchange(unlink(5, 2)), "unlinked 5 0") << "the submit has completed";
+    EXPECT_EQ(exchange(unlink(6, 77)), "unlinked 6 0") << "there is no such submit";
     EXPECT_EQ(readers.at(1).counts.cancels, 1U);
 }
 
@@ -244,7 +244,7 @@ TEST_F(UsbipConnectionTest, StopsReadingFromAClientThatDoesNotRead) {
     }
     EXPECT_FALSE(connection.wantsInput());
     EXPECT_LT(connection.output().size(), std::size_t{2} << 20);
-    EXPECT_FALSE(connection.hasPartialMessage()) << "it is the client's turn to read";
+    EXPECT_FALSE(connection.hasPartialMessage()) << "the client has to read first";
     // Input that is left is processed as the client reads.
     const Bytes more = join({sendFrame(sequence, {1}), fetchFrame(sequence + 1, 65536)});
     connection.receive(more, now);
@@ -361,7 +361,7 @@ TEST_F(UsbipConnectionTest, TooManyBytesEndTheConnection) {
     }
     EXPECT_EQ(exchange(unlink(10, 0)), "unlinked 10 -104");
     connection.receive(fetchFrame(4, 16 << 20), now);
-    EXPECT_FALSE(connection.closing()) << "what is taken back does not count";
+    EXPECT_FALSE(connection.closing()) << "cancelled transfers do not count";
     connection.receive(fetchFrame(5, 1), now);
     EXPECT_TRUE(connection.closing());
     EXPECT_STREQ(connection.complaint(), "too many pending transfers or bytes");

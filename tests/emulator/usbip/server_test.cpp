@@ -206,7 +206,7 @@ TEST_F(UsbipServerTest, UnplugEndsTheImportAndPlugAllowsAnother) {
     imports(client);
     EXPECT_EQ(command("unplug 1"), "ok");
     client.receive();
-    EXPECT_TRUE(client.ended) << "at once";
+    EXPECT_TRUE(client.ended) << "immediately";
     EXPECT_EQ(command("list"), "ok 1 1209:0001 unplugged 1A2B3C; 2 1209:0001 1-2 1A2B3D");
     Client early(bus.address());
     early.send(importRequest("1-1"));
@@ -234,7 +234,7 @@ TEST_F(UsbipServerTest, FaultsReachTheClient) {
     EXPECT_TRUE(client.received.empty());
     EXPECT_EQ(command("unmute 1 out"), "ok");
     client.receive();
-    EXPECT_EQ(Replies(client.received).text(), "submitted 4 0 +1") << "at once";
+    EXPECT_EQ(Replies(client.received).text(), "submitted 4 0 +1") << "immediately";
     EXPECT_EQ(command("flush 1"), "ok");
     EXPECT_EQ(command("reply 1 fixed:9000"), "ok");
     EXPECT_EQ(command("short 1 in 1"), "ok");
@@ -414,7 +414,7 @@ TEST_F(UsbipServerTest, ImportersAreServedDespiteManySilentClients) {
     std::vector<pollfd> polled;
     bus.addPolled(polled);
     EXPECT_EQ(polled.size(), 1 + 1 + static_cast<std::size_t>(usbip::Server::mostUnattachedClients));
-    EXPECT_EQ(polled[0].events, 0) << "no other is accepted";
+    EXPECT_EQ(polled[0].events, 0) << "no other client is accepted";
     EXPECT_EQ(exchange(importer, sendFrame(1, {1}), headerSize), "submitted 1 0 +1");
     silent.clear();
     Client next(bus.address());
@@ -431,7 +431,7 @@ TEST_F(UsbipServerTest, PausesWhenDescriptorsRunOut) {
     std::vector<pollfd> polled;
     bus.addPolled(polled);
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-    EXPECT_EQ(polled[0].events, 0) << "does not spin";
+    EXPECT_EQ(polled[0].events, 0) << "the loop must not spin";
     imports(client);
 }
 
