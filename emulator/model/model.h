@@ -21,7 +21,7 @@ class ReaderModel {
 public:
     explicit ReaderModel(ReaderDescription description);
 
-    // ---- transfers (model.cpp, requests.cpp)
+    // ---- transfers
     TransferId submit(Transfer transfer, Time now);
 
     // Complete a pending transfer as cancelled. False if it has completed already.
@@ -82,12 +82,14 @@ private:
     PipeFaults faultsFor(const Transfer& transfer) const;
     bool couldComplete(const Transfer& transfer) const;
     Completion perform(const Transfer& transfer, const PipeFaults& faults, Time now);
-    Completion control(const Transfer& transfer, const PipeFaults& faults, Time now);
-    Completion standardRequest(const Transfer& transfer, Time now);
     Completion sendPackets(const Transfer& transfer);
-    std::optional<Bytes> descriptor(std::uint8_t type, std::uint8_t index) const;
     void takeFrame(std::uint8_t endpoint, Bytes frame);
     void endAll(Outcome outcome, bool controlToo);
+
+    // requests.cpp
+    Completion control(const Transfer& transfer, const PipeFaults& faults, Time now);
+    Completion standardRequest(const Transfer& transfer, Time now);
+    std::optional<Bytes> descriptor(std::uint8_t type, std::uint8_t index) const;
 
     ReaderDescription m_description;
     std::uint8_t m_configuration = 0;
