@@ -1,6 +1,6 @@
 #include "doctor_readers.h"
 
-#include "explanations.h"
+#include "commands/explanations.h"
 #include "failure.h"
 #include "hexadecimal.h"
 #include "node_users.h"

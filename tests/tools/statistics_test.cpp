@@ -1,4 +1,4 @@
-#include "statistics.h"
+#include "commands/statistics.h"
 
 #include <gtest/gtest.h>
 

@@ -1,13 +1,13 @@
 #include "command.h"
-#include "exchange.h"
+#include "commands/exchange.h"
+#include "commands/progress.h"
+#include "commands/standard_input.h"
+#include "commands/statistics.h"
 #include "failure.h"
 #include "interruption.h"
 #include "json.h"
-#include "lines.h"
 #include "output.h"
-#include "progress.h"
 #include "reader.h"
-#include "statistics.h"
 #include "table.h"
 
 #include <array>
@@ -80,8 +80,8 @@ private:
     }
 
     void sendLines() {
-        Lines lines(interruption_);
-        for (unsigned int number = 1; std::optional<std::string> line = lines.next(); ++number) {
+        StandardInput input(interruption_);
+        for (unsigned int number = 1; std::optional<std::string> line = input.next(); ++number) {
             const std::size_t first = line->find_first_not_of(" \t\r");
             if (first == std::string::npos || (*line)[first] == '#')
                 continue;

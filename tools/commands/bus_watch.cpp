@@ -1,4 +1,4 @@
-#include "bus_watch.h"
+#include "commands/bus_watch.h"
 
 #include "failure.h"
 #include "reader.h"

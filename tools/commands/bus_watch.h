@@ -1,8 +1,8 @@
 // The library's reports of readers that come and go, collected for the thread that prints them.
 #pragma once
 
-#include "libusb_events.h"
-#include "presence.h"
+#include "commands/libusb_events.h"
+#include "commands/presence.h"
 
 #include <mutex>
 #include <optional>

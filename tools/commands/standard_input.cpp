@@ -1,4 +1,4 @@
-#include "lines.h"
+#include "commands/standard_input.h"
 
 #include "failure.h"
 
@@ -10,12 +10,12 @@
 #include <poll.h>
 #include <unistd.h>
 
-Lines::Lines(const Interruption& interruption)
+StandardInput::StandardInput(const Interruption& interruption)
     : interruption_(interruption) {
 }
 
 // Waits for more of the input; false when there will be none.
-bool Lines::fill() {
+bool StandardInput::fill() {
     std::array<pollfd, 2> waited = {{{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0},
                                      {.fd = interruption_.descriptor(), .events = POLLIN, .revents = 0}}};
     while (::poll(waited.data(), waited.size(), -1) < 0 && errno == EINTR) {
@@ -30,7 +30,7 @@ bool Lines::fill() {
     return count > 0;
 }
 
-std::optional<std::string> Lines::next() {
+std::optional<std::string> StandardInput::next() {
     for (;;) {
         const std::size_t end = buffer_.find('\n');
         if (interruption_.wished())

@@ -1,4 +1,4 @@
-#include "libusb_events.h"
+#include "commands/libusb_events.h"
 
 #include "failure.h"
 

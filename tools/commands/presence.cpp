@@ -1,4 +1,4 @@
-#include "presence.h"
+#include "commands/presence.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "exchange.h"
+#include "commands/exchange.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,4 +1,4 @@
-// Lines of standard input, waited for in a way that a signal ends.
+// StandardInput of standard input, waited for in a way that a signal ends.
 #pragma once
 
 #include "interruption.h"
@@ -6,9 +6,9 @@
 #include <optional>
 #include <string>
 
-class Lines {
+class StandardInput {
 public:
-    explicit Lines(const Interruption& interruption);
+    explicit StandardInput(const Interruption& interruption);
 
     // The next line without its end; nothing at the end of input and after a signal.
     std::optional<std::string> next();

@@ -1,4 +1,4 @@
-#include "progress.h"
+#include "commands/progress.h"
 
 #include <cstdio>
 #include <string>

@@ -1,5 +1,5 @@
-#include "bus_watch.h"
 #include "command.h"
+#include "commands/bus_watch.h"
 #include "failure.h"
 #include "hexadecimal.h"
 #include "interruption.h"

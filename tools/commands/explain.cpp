@@ -1,5 +1,5 @@
 #include "command.h"
-#include "explanations.h"
+#include "commands/explanations.h"
 #include "failure.h"
 #include "json.h"
 #include "output.h"

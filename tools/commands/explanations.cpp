@@ -1,4 +1,4 @@
-#include "explanations.h"
+#include "commands/explanations.h"
 
 #include <algorithm>
 #include <array>
