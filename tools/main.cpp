@@ -1,5 +1,5 @@
 #include "command.h"
-#include "doctor_configuration.h"
+#include "doctor/configuration.h"
 #include "failure.h"
 #include "output.h"
 

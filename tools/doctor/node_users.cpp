@@ -1,4 +1,4 @@
-#include "node_users.h"
+#include "doctor/node_users.h"
 
 #include <charconv>
 #include <filesystem>

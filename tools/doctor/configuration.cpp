@@ -1,4 +1,4 @@
-#include "doctor_configuration.h"
+#include "doctor/configuration.h"
 
 #include "reader.h"
 #include "table.h"

@@ -1,9 +1,9 @@
-#include "doctor_readers.h"
+#include "doctor/readers.h"
 
 #include "commands/explanations.h"
+#include "doctor/node_users.h"
 #include "failure.h"
 #include "hexadecimal.h"
-#include "node_users.h"
 #include "table.h"
 
 #include <array>

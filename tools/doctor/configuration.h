@@ -1,7 +1,7 @@
 // What the doctor looks at before it looks at readers: the library, its configuration, udev.
 #pragma once
 
-#include "findings.h"
+#include "doctor/findings.h"
 
 void examineLibrary(Findings& findings);
 void examineConfiguration(Findings& findings);

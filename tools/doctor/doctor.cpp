@@ -1,6 +1,6 @@
 #include "command.h"
-#include "doctor_configuration.h"
-#include "doctor_readers.h"
+#include "doctor/configuration.h"
+#include "doctor/readers.h"
 #include "output.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "findings.h"
+#include "doctor/findings.h"
 
 #include "output.h"
 #include "table.h"
