@@ -1,5 +1,4 @@
 #include "table.h"
-#include "wrapped_text.h"
 
 #include <gtest/gtest.h>
 
@@ -23,16 +22,6 @@ TEST(TableTest, LinesHaveNoBlanksAtTheirEnds) {
 
 TEST(TableTest, ControlCharactersBecomeQuestionMarks) {
     EXPECT_EQ(printable("a\033[2Jb\n\177 c"), "a?[2Jb?? c");
-}
-
-TEST(WrappedTextTest, BreaksBetweenWordsAndIndents) {
-    const std::string text =
-        wrapped("Cause:  ", std::string(40, 'a') + " " + std::string(31, 'b') + " cc dd");
-    EXPECT_EQ(text, "Cause:  " + std::string(40, 'a') + " " + std::string(31, 'b') + "\n        cc dd\n");
-}
-
-TEST(WrappedTextTest, LeavesAWordThatIsTooLongWhole) {
-    EXPECT_EQ(wrapped("", std::string(100, 'a') + " b"), std::string(100, 'a') + "\nb\n");
 }
 
 } // namespace

@@ -8,7 +8,7 @@ export LC_ALL=C
 emulate=$1
 gvusb=$2
 export udev_preload=$3
-case=$4
+test_case=$4
 failed=0
 scratch=$(mktemp -d)
 export emulate gvusb scratch
@@ -64,6 +64,19 @@ shell_on_bus() { # TEXT [ARGUMENTS...]
         '"$1" "$@"
 }
 
+# Runs a text in the shell's language in a terminal of its own; what appears there is the output. Standard input is typed.
+# No other shell stays in between: the interrupt key would end that one too, with a status of its own.
+in_terminal() { # TEXT
+    printf '%s\n' "$1" >"$scratch/commands"
+    keep "$emulate" "${configuration[@]}" "${readers[@]}" -- \
+        script -qec "exec bash $scratch/commands" "$scratch/typescript"
+}
+
+# The text that runs the doctor. A preload makes it find udev running or not: the emulated bus sends udev's events without
+# udev.
+doctor='LD_PRELOAD="$udev_preload:$LD_PRELOAD" "$gvusb" doctor'
+export GVUSB_TEST_UDEV=yes
+
 expect_status() { # WANTED
     [ "$status" -eq "$1" ] || fail "the exit status is $status instead of $1; standard error: $errors"
 }
@@ -80,6 +93,11 @@ expect_not_in_output() { # PATTERN
     ! grep -q -e "$1" "$scratch/output" || fail "'$1' is in the output: $output"
 }
 
+# Standard output in one line, so that sentences are found wherever they were broken.
+expect_sentence() { # PATTERN
+    tr -s ' \n' '  ' <"$scratch/output" | grep -q -e "$1" || fail "no '$1' in the output: $output"
+}
+
 expect_errors() { # WANTED
     expect_equal "standard error" "$errors" "$1"
 }
@@ -90,6 +108,6 @@ expect_in_errors() { # PATTERN
 
 run_case() {
     trap 'rm -rf "$scratch"' EXIT
-    "$case"
+    "$test_case"
     exit $failed
 }

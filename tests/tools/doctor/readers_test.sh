@@ -1,74 +1,6 @@
 #!/usr/bin/env bash
-# Tests of `gvusb doctor`. Whether udev runs is played by a preload, for the emulated bus sends udev's events without it.
-source "$(dirname "$0")/testing.sh"
-
-doctor='LD_PRELOAD="$udev_preload:$LD_PRELOAD" "$gvusb" doctor'
-export GVUSB_TEST_UDEV=yes
-
-# Standard output in one line, so that sentences are found wherever they were broken.
-expect_sentence() { # PATTERN
-    tr -s ' \n' '  ' <"$scratch/output" | grep -q -e "$1" || fail "no '$1' in the output: $output"
-}
-
-finds_that_all_is_well() {
-    shell_on_bus "$doctor"
-    expect_status 0
-    expect_errors ''
-    expect_in_output '^ok       library         gvusb 07\.01\.00 (libusb 1\.0\.[0-9]*)$'
-    expect_in_output '^ok       udev            running$'
-    expect_in_output '^ok       bus 1 device 2  reader A1 (/dev/bus/usb/001/002)$'
-    expect_in_output '^ok       bus 1 device 3  reader B2 (/dev/bus/usb/001/003)$'
-    expect_equal "the last line" "$(tail -n 1 "$scratch/output")" 'All is well.'
-}
-
-shows_the_configuration() {
-    shell_on_bus "$doctor"
-    expect_sentence 'no /etc/gavo/gvusb.conf, so defaults hold; hot-plug mode 1: the library polls'
-    configure 'gvusb_debuglevel=0 gvusb_hotplug=2'
-    shell_on_bus "$doctor"
-    expect_status 0
-    expect_sentence '/etc/gavo/gvusb.conf: gvusb_debuglevel=0, gvusb_hotplug=2; hot-plug mode 2: libusb reports'
-    configure 'gvusb_updaterate=20 nopnp'
-    shell_on_bus "$doctor"
-    expect_sentence 'gvusb.conf: gvusb_updaterate=20, nopnp; hot-plug mode 0: nothing is reported'
-    configure 'empty, more or less'
-    shell_on_bus "$doctor"
-    expect_sentence 'gvusb.conf: no settings;'
-    configure "$(printf '%1024s' '') gvusb_hotplug=0"
-    shell_on_bus "$doctor"
-    expect_status 0
-    expect_sentence 'gvusb.conf: no settings; hot-plug mode 1'
-    expect_sentence 'note configuration only the first 1023 of its 1041 bytes are read'
-}
-
-finds_a_configuration_that_cannot_be_read() {
-    # A file that nobody may open, root included: a link that leads to itself.
-    ln -s loop "$scratch/loop"
-    shell_on_bus "GVUSB_EMULATE_CONFIG=\"\$scratch/loop\" $doctor"
-    expect_status 1
-    expect_sentence 'PROBLEM configuration /etc/gavo/gvusb.conf cannot be read: Too many levels'
-    expect_sentence ' sudo chmod a+r /etc/gavo/gvusb.conf'
-}
-
-finds_that_udev_does_not_run() {
-    GVUSB_TEST_UDEV=no shell_on_bus "unset GVUSB_EMULATE_SOCKET; $doctor"
-    expect_status 1
-    expect_sentence 'PROBLEM udev not running, so plugging and unplugging is never noticed'
-    expect_in_output '^            sudo systemctl start systemd-udevd$'
-    expect_equal "the last line" "$(tail -n 1 "$scratch/output")" '1 problem.'
-}
-
-needs_no_udev_for_virtual_readers() {
-    GVUSB_TEST_UDEV=no shell_on_bus "$doctor"
-    expect_status 0
-    expect_sentence 'note udev not running; the virtual readers that gvusb-emulate made here need none'
-}
-
-needs_udev_for_readers_served_by_usbip() {
-    GVUSB_TEST_UDEV=no shell_on_bus "GVUSB_EMULATE_USBIP=127.0.0.1:3240; export GVUSB_EMULATE_USBIP; $doctor"
-    expect_status 1
-    expect_sentence 'PROBLEM udev not running, so plugging and unplugging is never noticed'
-}
+# Tests of what `gvusb doctor` says of the readers on the bus.
+source "$(dirname "$0")/../testing.sh"
 
 finds_that_no_reader_is_there() {
     readers=(--reader 'id=A1,vendor=0x1234' --reader 'id=B2,product=5')
@@ -82,7 +14,7 @@ finds_that_no_reader_is_there() {
 finds_a_node_that_may_not_be_written() {
     # As it is installed, whatever the vendor's ID.
     local rule
-    rule=$(sed -n '/^ACTION/{s/[][*.]/\\&/g; s/@[A-Z_]*@/[0-9a-f]*/; p}' "$(dirname "$0")/../../packaging/udev/70-gvusb.rules.in")
+    rule=$(sed -n '/^ACTION/{s/[][*.]/\\&/g; s/@[A-Z_]*@/[0-9a-f]*/; p}' "$(dirname "$0")/../../../packaging/udev/70-gvusb.rules.in")
     shell_on_bus "bus 'refuse 1 EACCES'; $doctor"
     expect_status 1
     expect_sentence 'PROBLEM bus 1 device 2 this user may not write to /dev/bus/usb/001/002'
@@ -161,12 +93,6 @@ says_when_only_root_could_name_the_process() {
     expect_status 1
     expect_sentence "interface 0 is claimed by another program"
     expect_sentence "Run 'gvusb doctor' as root to see which program it is"
-}
-
-refuses_mistakes() {
-    on_bus doctor now
-    expect_status 2
-    expect_in_errors "^Run 'gvusb doctor --help' for more.$"
 }
 
 run_case

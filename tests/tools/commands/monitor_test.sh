@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Tests of `gvusb monitor`, in every hot-plug mode.
-source "$(dirname "$0")/testing.sh"
+source "$(dirname "$0")/../testing.sh"
 
 # Starts the monitor and waits until it watches: a first reader comes, again and again until it is told of.
 watching='
@@ -155,6 +155,17 @@ refuses_mistakes() {
         on_bus monitor $arguments
         expect_status 2
         expect_in_errors "^Run 'gvusb monitor --help' for more.$"
+    done
+}
+
+says_how_it_watches() {
+    local mode
+    for mode in '1:by polling every 50 ms (hot-plug mode 1)' '2:by libusb.s events (hot-plug mode 2)' \
+        '0:by polling every 50 ms (hot-plug mode 0, which reports nothing by itself)'; do
+        configure "gvusb_hotplug=${mode%%:*}"
+        in_terminal '"$gvusb" monitor --idle-timeout 0.1' </dev/null
+        expect_status 3
+        expect_in_output "^Watching ${mode#*:}; Ctrl-C ends\."
     done
 }
 

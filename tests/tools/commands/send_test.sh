@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Tests of `gvusb send`.
-source "$(dirname "$0")/testing.sh"
+source "$(dirname "$0")/../testing.sh"
 
 prints_the_answer() {
     for id in A1 b2 0xB2; do
@@ -183,6 +183,16 @@ refuses_mistakes() {
         expect_output ''
         expect_in_errors "^Run 'gvusb send --help' for more.$"
     done
+}
+
+ends_by_the_interrupt_key() {
+    in_terminal 'exec "$gvusb" send A1 02 --repeat 1000000' < <(
+        until grep -q '^02' "$scratch/output" 2>/dev/null; do sleep 0.05; done
+        printf '\003'
+        exec sleep 10 2>/dev/null # the end of what is typed would be the end of the terminal
+    )
+    expect_status 0
+    expect_in_output '^maximum '
 }
 
 run_case

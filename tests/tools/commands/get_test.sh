@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Tests of `gvusb get`.
+source "$(dirname "$0")/../testing.sh"
+
+gets_parameters_of_a_reader() {
+    for pair in 'TIMEOUT 1000' 'timeout 1000' 'DEVICE-ID A1' 'FAMILYNAME Desk' 'INTERFACE TESK-RCI2' \
+        'TYPENUMBER D-100' 'PRESENT 1' 'present 1'; do
+        on_bus get A1 "${pair% *}"
+        expect_status 0
+        expect_output "${pair#* }"
+    done
+    on_bus get A1 DEVICENAME
+    expect_output 'Desk reader'
+}
+
+gets_parameters_of_the_driver() {
+    on_bus get driver HOTPLUG-MODE
+    expect_status 0
+    expect_output 1
+    configure gvusb_hotplug=2
+    on_bus get driver HOTPLUG-MODE
+    expect_output 2
+}
+
+tells_what_cannot_be_got() {
+    on_bus get A1 COLOUR
+    expect_status 1
+    expect_output ''
+    expect_errors "gvusb: reader A1: COLOUR: GVUSB: (-1150) unknown parameter
+'gvusb explain -1150' says what may be the cause."
+    on_bus get driver TIMEOUT
+    expect_status 1
+    expect_in_errors '^gvusb: driver: TIMEOUT: GVUSB: (-1150) unknown parameter$'
+    on_bus get C3 TIMEOUT
+    expect_status 4
+    expect_in_errors '^gvusb: reader C3: GVUSB: (-1112) no device found$'
+    readers=(--reader 'id=A1,missing=10')
+    on_bus get A1 TYPENUMBER
+    expect_status 1
+    expect_in_errors '(-1168) string descriptor read error'
+}
+
+refuses_mistakes() {
+    on_bus get driver
+    expect_status 2
+    expect_in_errors "Run 'gvusb get --help' for more."
+    on_bus get drivers KEY
+    expect_status 2
+    expect_in_errors "'drivers' is not a device ID"
+}
+
+run_case

@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Tests of `gvusb info`.
+source "$(dirname "$0")/../testing.sh"
+
+tells_of_one_reader() {
+    on_bus info 0xa1
+    expect_status 0
+    expect_errors ''
+    expect_in_output '^Device ID       A1$'
+    expect_in_output '^Family          Desk$'
+    expect_in_output '^Name            Desk reader$'
+    expect_in_output '^Interface       TESK-RCI2$'
+    expect_in_output '^Type number     D-100$'
+    expect_in_output '^Device handle   [1-9][0-9]*$'
+    expect_in_output '^Time-out in ms  1000$'
+    on_bus info A1 --json
+    expect_in_output '"type": "D-100",'
+    expect_in_output '"timeout": 1000$'
+}
+
+tells_of_a_reader_without_a_type_number() {
+    readers=(--reader 'id=A1,missing=10')
+    on_bus info A1
+    expect_status 0
+    expect_in_output '^Type number     -$'
+    on_bus info A1 --json
+    expect_in_output '"type": null,'
+}
+
+run_case
