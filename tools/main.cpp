@@ -1,7 +1,7 @@
 #include "command.h"
-#include "doctor/configuration.h"
 #include "failure.h"
 #include "output.h"
+#include "version.h"
 
 #include <csignal>
 #include <cstdio>

@@ -5,25 +5,14 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <fstream>
 #include <system_error>
 
 #include <gvusb.h>
-#include <libusb.h>
-#include <unistd.h>
 
 namespace {
 
 constexpr const char* configurationFile = "/etc/gavo/gvusb.conf";
-
-// udev's daemon listens there. libudev, and so libusb, looks for the same file before it subscribes to events.
-constexpr const char* udevSocket = "/run/udev/control";
-
-// The launcher of virtual readers tells its programs by the first where it listens. It sends udev's events itself, unless
-// it serves the readers to Linux's own USB stack, which the second tells.
-constexpr const char* virtualReaders = "GVUSB_EMULATE_SOCKET";
-constexpr const char* servedByUsbip = "GVUSB_EMULATE_USBIP";
 
 // The library reads no more of the file.
 constexpr std::size_t bytesRead = 1023;
@@ -57,16 +46,6 @@ std::string modeInWords() {
 
 } // namespace
 
-std::string versions() {
-    const libusb_version* const libusb = libusb_get_version();
-    return "gvusb " + std::string(GVUSB_GetDLLVersion()) + " (libusb " + std::to_string(libusb->major) + "." +
-           std::to_string(libusb->minor) + "." + std::to_string(libusb->micro) + ")";
-}
-
-void examineLibrary(Findings& findings) {
-    findings.ok("library", versions());
-}
-
 void examineConfiguration(Findings& findings) {
     errno = 0;
     std::ifstream stream(configurationFile, std::ios::binary);
@@ -88,20 +67,4 @@ void examineConfiguration(Findings& findings) {
     if (text.size() > bytesRead)
         findings.note("configuration", "only the first " + std::to_string(bytesRead) + " of its " +
                                            std::to_string(text.size()) + " bytes are read");
-}
-
-void examineUdev(Findings& findings) {
-    if (::access(udevSocket, F_OK) == 0) {
-        findings.ok("udev", "running");
-        return;
-    }
-    if (std::getenv(virtualReaders) != nullptr && std::getenv(servedByUsbip) == nullptr) {
-        findings.note("udev", "not running; the virtual readers that gvusb-emulate made here need none");
-        return;
-    }
-    findings.problem(
-        "udev", "not running, so plugging and unplugging is never noticed",
-        {"Start it:", " sudo systemctl start systemd-udevd",
-         "In a container, where it cannot be started, run the program outside, or start it anew after each "
-         "plug: the readers that are there when it starts are found."});
 }

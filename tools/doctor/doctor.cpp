@@ -1,13 +1,15 @@
 #include "command.h"
 #include "doctor/configuration.h"
 #include "doctor/readers.h"
+#include "doctor/udev.h"
 #include "output.h"
+#include "version.h"
 
 namespace {
 
 ExitStatus doctor() {
     Findings findings;
-    examineLibrary(findings);
+    findings.ok("library", versions());
     examineConfiguration(findings);
     examineUdev(findings);
     examineReaders(findings);

@@ -1,0 +1,5 @@
+#pragma once
+
+#include "doctor/findings.h"
+
+void examineUdev(Findings& findings);
