@@ -3,30 +3,34 @@
 
 #include "exit_status.h"
 
-#include <functional>
+#include <initializer_list>
 #include <string>
+#include <string_view>
 
 #include <CLI/CLI.hpp>
 
-// What the command line asks for, to be run once it has been read as a whole.
-using Action = std::function<ExitStatus()>;
+// Add a command to the program. CLI11 runs the chosen one once the whole command line is valid; it stores its
+// exit status.
+void addList(CLI::App& app, ExitStatus& status);
+void addInfo(CLI::App& app, ExitStatus& status);
+void addGet(CLI::App& app, ExitStatus& status);
+void addSet(CLI::App& app, ExitStatus& status);
+void addSend(CLI::App& app, ExitStatus& status);
+void addMonitor(CLI::App& app, ExitStatus& status);
+void addExplain(CLI::App& app, ExitStatus& status);
+void addDoctor(CLI::App& app, ExitStatus& status);
 
-void addList(CLI::App& app, Action& action);
-void addInfo(CLI::App& app, Action& action);
-void addGet(CLI::App& app, Action& action);
-void addSet(CLI::App& app, Action& action);
-void addSend(CLI::App& app, Action& action);
-void addMonitor(CLI::App& app, Action& action);
-void addExplain(CLI::App& app, Action& action);
-void addDoctor(CLI::App& app, Action& action);
-
-// Adds the argument that names a reader.
+// Add the argument that names a reader.
 void addReaderArgument(CLI::App& command, std::string& id);
 
-// Adds the argument that names a reader or, as "driver", the library itself.
+// Add the argument that names a reader or, as "driver", the library itself.
 void addTargetArgument(CLI::App& command, std::string& target);
 
-// The ID of an argument or option that has been checked while the command line was read.
+// Accepts what parseDeviceId() can read.
+extern const CLI::Validator isDeviceId;
+
+// The device ID in a text that isDeviceId has accepted.
 unsigned int checkedId(const std::string& text);
 
-extern const CLI::Validator isDeviceId;
+// The help below the options. Each section is a raw string whose text starts and ends with a line break.
+std::string joinSections(std::initializer_list<std::string_view> sections);

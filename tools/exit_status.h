@@ -1,4 +1,4 @@
-// What the exit status of every command means; the help text says the same.
+// The exit statuses that all commands share, and the list of them in the help.
 #pragma once
 
 enum class ExitStatus {
@@ -9,9 +9,11 @@ enum class ExitStatus {
     notFound = 4,
 };
 
-inline constexpr const char* exitStatusHelp = "EXIT STATUS\n"
-                                              "  0  success\n"
-                                              "  1  failure; standard error says why\n"
-                                              "  2  a mistake on the command line\n"
-                                              "  3  time-out\n"
-                                              "  4  the reader is not there, or not any more\n";
+inline constexpr const char* exitStatusHelp = R"(
+EXIT STATUS
+  0  success
+  1  failure; standard error says why
+  2  invalid command line
+  3  time-out
+  4  the reader is missing or was unplugged
+)";

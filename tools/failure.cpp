@@ -6,8 +6,8 @@
 
 Failure::Failure(const std::string& message, ExitStatus status, std::string hint)
     : std::runtime_error(message)
-    , status_(status)
-    , hint_(std::move(hint)) {
+    , m_status(status)
+    , m_hint(std::move(hint)) {
 }
 
 std::string libraryText(int code) {
@@ -31,11 +31,12 @@ ExitStatus statusOf(int code) {
 
 Failure libraryFailure(std::string_view what, int code) {
     return Failure(std::string(what) + ": " + libraryText(code), statusOf(code),
-                   "'gvusb explain " + std::to_string(code) + "' says what may be the cause.");
+                   "Run 'gvusb explain " + std::to_string(code) + "' for causes and remedies.");
 }
 
 int check(std::string_view what, int result) {
-    if (result < 0)
+    if (result < 0) {
         throw libraryFailure(what, result);
+    }
     return result;
 }

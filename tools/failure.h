@@ -1,4 +1,4 @@
-// A command that cannot go on: what main() prints on standard error, and the exit status.
+// A failure that ends a command: the message that main() prints on standard error, and the exit status.
 #pragma once
 
 #include "exit_status.h"
@@ -12,23 +12,23 @@ public:
     explicit Failure(const std::string& message, ExitStatus status = ExitStatus::failure,
                      std::string hint = {});
 
-    ExitStatus status() const { return status_; }
-    // What to do next, on a line of its own; may be empty.
-    const std::string& hint() const { return hint_; }
+    ExitStatus status() const { return m_status; }
+    // What to do next, printed on a line of its own; may be empty.
+    const std::string& hint() const { return m_hint; }
 
 private:
-    ExitStatus status_;
-    std::string hint_;
+    ExitStatus m_status;
+    std::string m_hint;
 };
 
-// The library's text of a code, in its own words.
+// The library's text for a code.
 std::string libraryText(int code);
 
-// The exit status that tells one of the library's failures.
+// The exit status for an error code of the library.
 ExitStatus statusOf(int code);
 
-// One of the library's failures, of the thing or act that is named.
+// An error code of the library as a failure of `what`, a thing or an operation.
 Failure libraryFailure(std::string_view what, int code);
 
-// Passes a result on, unless it is one of the library's failures.
+// Return the result of a library call, or throw libraryFailure() if it is an error code.
 int check(std::string_view what, int result);

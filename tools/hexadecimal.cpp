@@ -9,15 +9,17 @@ namespace {
 constexpr std::string_view separators = " \t\r:,-";
 
 void dropPrefix(std::string_view& text) {
-    if (text.starts_with("0x") || text.starts_with("0X"))
+    if (text.starts_with("0x") || text.starts_with("0X")) {
         text.remove_prefix(2);
+    }
 }
 
-// from_chars accepts a sign for some types and stops at what it does not know; this takes all or nothing.
+// Unlike from_chars, rejects a sign and anything that follows the digits.
 template <class Number>
 bool parseDigits(std::string_view digits, Number& number) {
-    if (digits.find_first_not_of("0123456789abcdefABCDEF") != std::string_view::npos)
+    if (digits.find_first_not_of("0123456789abcdefABCDEF") != std::string_view::npos) {
         return false;
+    }
     const char* const end = digits.data() + digits.size();
     const auto [stop, error] = std::from_chars(digits.data(), end, number, 16);
     return error == std::errc{} && stop == end;
@@ -25,12 +27,14 @@ bool parseDigits(std::string_view digits, Number& number) {
 
 bool appendWord(std::string_view word, Bytes& frame) {
     dropPrefix(word);
-    if (word.empty() || word.size() % 2 != 0)
+    if (word.empty() || word.size() % 2 != 0) {
         return false;
+    }
     for (; !word.empty(); word.remove_prefix(2)) {
         unsigned char byte = 0;
-        if (!parseDigits(word.substr(0, 2), byte))
+        if (!parseDigits(word.substr(0, 2), byte)) {
             return false;
+        }
         frame.push_back(byte);
     }
     return true;
@@ -42,8 +46,9 @@ std::optional<unsigned int> parseDeviceId(std::string_view text) {
     constexpr std::size_t mostDigits = 8;
     dropPrefix(text);
     unsigned int id = 0;
-    if (text.empty() || text.size() > mostDigits || !parseDigits(text, id))
+    if (text.empty() || text.size() > mostDigits || !parseDigits(text, id)) {
         return std::nullopt;
+    }
     return id;
 }
 
@@ -57,16 +62,19 @@ std::optional<Bytes> parseFrame(std::string_view text) {
     Bytes frame;
     for (;;) {
         const std::size_t begin = text.find_first_not_of(separators);
-        if (begin == std::string_view::npos)
+        if (begin == std::string_view::npos) {
             break;
+        }
         text.remove_prefix(begin);
         const std::string_view word = text.substr(0, text.find_first_of(separators));
-        if (!appendWord(word, frame))
+        if (!appendWord(word, frame)) {
             return std::nullopt;
+        }
         text.remove_prefix(word.size());
     }
-    if (frame.empty())
+    if (frame.empty()) {
         return std::nullopt;
+    }
     return frame;
 }
 
@@ -75,8 +83,9 @@ std::string frameText(std::span<const unsigned char> frame, std::string_view sep
     std::string text;
     text.reserve(frame.size() * (2 + separator.size()));
     for (const unsigned char byte : frame) {
-        if (!text.empty())
+        if (!text.empty()) {
             text += separator;
+        }
         text += digits[byte >> 4];
         text += digits[byte & 0xF];
     }

@@ -11,13 +11,13 @@
 
 namespace {
 
-std::atomic<bool> isWished = false;
+std::atomic<bool> isRequested = false;
 std::atomic<int> wakeUp = -1;
 
-void noteSignal(int) {
+void handleSignal(int) {
     const int error = errno;
     const std::uint64_t one = 1;
-    isWished = true;
+    isRequested = true;
     [[maybe_unused]] const ssize_t written = ::write(wakeUp, &one, sizeof one);
     errno = error;
 }
@@ -34,9 +34,10 @@ void setAction(void (*handler)(int)) {
 
 Interruption::Interruption() {
     wakeUp = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (wakeUp < 0)
+    if (wakeUp < 0) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
-    setAction(noteSignal);
+    }
+    setAction(handleSignal);
 }
 
 Interruption::~Interruption() {
@@ -44,8 +45,8 @@ Interruption::~Interruption() {
     ::close(wakeUp.exchange(-1));
 }
 
-bool Interruption::wished() const {
-    return isWished;
+bool Interruption::requested() const {
+    return isRequested;
 }
 
 int Interruption::descriptor() const {

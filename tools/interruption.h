@@ -1,5 +1,5 @@
-// SIGINT and SIGTERM as a wish to end: noticed where it suits, so that a command can close its reader and tell
-// what it has found out. A second signal ends the process at once.
+// SIGINT and SIGTERM as a request to stop. A command checks for it where it can still close its reader and
+// print its summary. A second signal ends the process at once.
 #pragma once
 
 class Interruption {
@@ -9,8 +9,8 @@ public:
     Interruption& operator=(const Interruption&) = delete;
     ~Interruption();
 
-    bool wished() const;
+    bool requested() const;
 
-    // Becomes readable with the signal, to be waited for beside other descriptors.
+    // Becomes readable when a signal arrives, for poll().
     int descriptor() const;
 };

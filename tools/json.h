@@ -1,4 +1,4 @@
-// JSON with its members in the order in which they are written, one value to a line.
+// JSON whose members keep the order in which they are added.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 using Json = nlohmann::ordered_json;
 
-// A reader's texts need not be UTF-8, which JSON is.
+// A value as text that ends with a line break. Bytes of a reader's text that are not UTF-8 are replaced.
 inline std::string jsonLine(const Json& value, int indent = -1) {
     return value.dump(indent, ' ', false, Json::error_handler_t::replace) + '\n';
 }

@@ -1,6 +1,8 @@
-// The tool's own output. The library writes its log to standard output when the configuration file asks for
-// it; so that what we print can be read by programs whatever the file says, the log is led to standard error
-// and our own text alone goes where standard output led when the process started.
+// The tool's own output.
+//
+// The library writes its log to standard output if the configuration file enables it. Programs must be able
+// to read the tool's output all the same. So the log is redirected to standard error, and only print() writes
+// to the original standard output.
 #pragma once
 
 #include <exception>
@@ -8,13 +10,13 @@
 
 namespace output {
 
-// Thrown when nobody reads our output any more: no failure, but nothing is left to be done.
+// Nobody reads the output any more. This is no failure, but there is nothing left to do.
 struct Closed : std::exception {};
 
-// Writes at once and as a whole. Throws Closed, or Failure when it cannot be written.
+// Write the whole text without buffering. Throws Closed, or Failure if it cannot be written.
 void print(std::string_view text);
 
-// The descriptor behind print().
+// The descriptor that print() writes to.
 int descriptor();
 
 } // namespace output

@@ -11,15 +11,15 @@ public:
 
     void add(Row row);
 
-    // One line for each row, columns two blanks apart, without blanks at the end.
+    // One line for each row, with two blanks between columns and none at the end.
     std::string text() const;
 
 private:
-    std::vector<Row> rows_;
+    std::vector<Row> m_rows;
 };
 
-// A reader's text without what would move the cursor of a terminal; shown is '?' in its place.
+// A reader's text with '?' for each control character, which could move a terminal's cursor.
 std::string printable(std::string_view text);
 
-// Fills up to a width with blanks.
+// The text, padded with blanks to a width.
 std::string padded(std::string_view text, std::size_t width);

@@ -4,5 +4,6 @@
 #include <string>
 #include <string_view>
 
-// At most 80 columns wide; the lines after the first are indented to stand below the text.
+// A label and a text, at most 80 columns wide. The lines after the first are indented by the width of the
+// label.
 std::string wrapped(std::string_view label, std::string_view text);

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Tests of the completion for bash.
+# Tests of the bash completion.
 # shellcheck disable=SC1090
 export completion=$5
 source "$(dirname "$0")/testing.sh"
 
-# What completes the last of the words, one a line, sorted.
+# The completions of the last word, sorted, one per line.
 complete_words() { # WORD...
     COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)) COMPREPLY=()
     _gvusb
@@ -25,7 +25,7 @@ completes_commands() {
     expect_completion '--version' --v
 }
 
-# The options of every command, as its help tells them.
+# The options of every command, as listed in its help.
 completes_every_option() {
     source "$completion"
     for command in list info get set send monitor explain doctor; do
@@ -71,7 +71,7 @@ is_quiet_without_readers() {
     expect_output 0
 }
 
-# The launcher's completion.
+# The completions of the launcher, sorted.
 complete_launcher() { # WORD...
     source "$(dirname "$completion")/../../emulator/completion/gvusb-emulate.bash"
     COMP_WORDS=(gvusb-emulate "$@") COMP_CWORD=$# COMPREPLY=()
@@ -84,7 +84,7 @@ completes_the_launchers_options() {
     expect_equal "the launcher's options" "$(complete_launcher --)" "-- $options"
     touch "$scratch/script"
     expect_equal "the files of an option" "$(complete_launcher --script "$scratch/scr")" "$scratch/script"
-    expect_equal "what cannot be known" "$(complete_launcher --reader '')" ''
+    expect_equal "an unknown value" "$(complete_launcher --reader '')" ''
 }
 
 leaves_the_program_to_its_own_completion() {

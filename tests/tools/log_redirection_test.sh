@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Tests that the library's log stays out of what the tool prints and opens.
+# Tests that the library's log stays out of the tool's output and of the files that it opens.
 source "$(dirname "$0")/testing.sh"
 
 keeps_the_librarys_log_out_of_its_output() {
@@ -10,13 +10,13 @@ keeps_the_librarys_log_out_of_its_output() {
     expect_not_in_output 'gvusb:'
     expect_in_errors ' :: gvusb: \[init\] '
     expect_in_errors ' :: gvusb: \[exit\] '
-    # A line-buffered standard output shows what is written before main().
+    # With line buffering, output that is written before main() would show.
     shell_on_bus 'stdbuf -oL "$gvusb" get A1 TIMEOUT'
     expect_output 1000
     expect_in_errors ' :: gvusb: \[init\] '
 }
 
-keeps_the_log_out_of_what_it_opens() {
+keeps_the_log_out_of_files_that_it_opens() {
     configure 'gvusb_debuglevel=3'
     shell_on_bus '"$gvusb" get A1 TIMEOUT 2>&-; "$gvusb" send A1 02 <&- 2>&-; "$emulate" --send "frames 1"'
     expect_output '1000

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Tests of what all commands share: help, versions, mistakes.
+# Tests of what all commands share: help, versions, and errors on the command line.
 source "$(dirname "$0")/testing.sh"
 
 commands='list info get set send monitor explain doctor'
 
-helps() {
+prints_help() {
     keep "$gvusb" --help
     expect_status 0
     expect_errors ''
@@ -22,27 +22,34 @@ helps() {
     done
 }
 
-tells_its_versions() {
+prints_versions() {
     keep "$gvusb" --version
     expect_status 0
     echo "$output" | grep -Eqx 'gvusb 07\.01\.00 \(libusb 1\.[0-9]+\.[0-9]+\)' || fail "it says $output"
 }
 
-refuses_mistakes() {
+rejects_invalid_command_lines() {
     keep "$gvusb"
     expect_status 2
     expect_output ''
-    expect_in_errors "^gvusb: no command$"
+    expect_in_errors "^gvusb: no command given$"
     expect_in_errors "^Run 'gvusb --help' for more.$"
     keep "$gvusb" dance
     expect_status 2
-    expect_in_errors "^gvusb: 'dance' is not a command$"
-    keep "$gvusb" --colour
+    expect_in_errors "^gvusb: unknown command 'dance'$"
+    keep "$gvusb" --color
     expect_status 2
-    expect_in_errors "^gvusb: '--colour' is not a command$"
-    keep "$gvusb" list --colour
+    expect_in_errors "^gvusb: unknown option '--color'$"
+    keep "$gvusb" list --color
     expect_status 2
+    expect_in_errors "^gvusb: unknown option '--color'$"
     expect_in_errors "^Run 'gvusb list --help' for more.$"
+    keep "$gvusb" list A1
+    expect_status 2
+    expect_in_errors "^gvusb: unexpected argument 'A1'$"
+    keep "$gvusb" monitor --count
+    expect_status 2
+    expect_in_errors "^gvusb: --count: the value is missing$"
 }
 
 run_case

@@ -1,4 +1,4 @@
-// The library's reports of readers that come and go, collected for the thread that prints them.
+// The library's reports of readers that connect and disconnect, collected for the thread that prints them.
 #pragma once
 
 #include "commands/libusb_events.h"
@@ -11,9 +11,9 @@
 
 #include <gvusb.h>
 
-// Brings the library to report, whatever hot-plug mode the configuration names. In mode 2 it reports while
-// somebody handles libusb's events, so that is done here; in any other mode it polls, and where polling is
-// off it is set going. There is one of these at a time.
+// Makes the library report in whatever hot-plug mode it is configured. In mode 2 it reports while libusb's
+// events are handled, so a thread handles them. In every other mode polling is turned on. Only one object may
+// exist at a time.
 class BusWatch {
 public:
     explicit BusWatch(unsigned int pollMilliseconds);
@@ -21,11 +21,11 @@ public:
     BusWatch& operator=(const BusWatch&) = delete;
     ~BusWatch();
 
-    // How it watches, in words.
-    const std::string& manner() const { return manner_; }
+    // How the bus is watched, in words.
+    const std::string& method() const { return m_method; }
 
-    // Readable when there are reports to be taken.
-    int descriptor() const { return wakeUp_; }
+    // Readable while there are reports to take.
+    int descriptor() const { return m_wakeUp; }
     std::vector<Report> take();
 
 private:
@@ -33,13 +33,13 @@ private:
     static void onDisconnect(int handle, unsigned int id, const char* text);
     void add(const Report& report);
 
-    static BusWatch* current_;
+    static BusWatch* current;
 
-    int wakeUp_;
-    GVUSB_EVENT_INIT connect_;
-    GVUSB_EVENT_INIT disconnect_;
-    std::string manner_;
-    std::mutex mutex_;
-    std::vector<Report> reports_;
-    std::optional<LibusbEvents> events_;
+    int m_wakeUp;
+    GVUSB_EVENT_INIT m_connect;
+    GVUSB_EVENT_INIT m_disconnect;
+    std::string m_method;
+    std::mutex m_mutex;
+    std::vector<Report> m_reports;
+    std::optional<LibusbEvents> m_events;
 };

@@ -1,4 +1,4 @@
-// One frame and its answer, timed.
+// An exchange of a frame and its answer, with its duration.
 #pragma once
 
 #include "hexadecimal.h"
@@ -8,13 +8,13 @@ public:
     explicit Exchanger(int handle);
 
     struct Result {
-        int code = 0; // below 0: the library's failure
+        int code = 0; // negative if the exchange failed
         Bytes answer;
         double milliseconds = 0;
     };
     Result exchange(const Bytes& frame);
 
 private:
-    int handle_;
-    Bytes buffer_;
+    int m_handle;
+    Bytes m_buffer;
 };

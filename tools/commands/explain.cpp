@@ -12,6 +12,12 @@
 
 namespace {
 
+constexpr const char* examples = R"(
+EXAMPLES
+  gvusb explain -1145
+  gvusb explain
+)";
+
 struct Options {
     std::string code;
     bool json = false;
@@ -19,38 +25,40 @@ struct Options {
 
 constexpr int lowestPublished = 1100;
 
-// The codes are negative, but 1144 means -1144 to everybody.
+// Codes are negative; 1144 is accepted for -1144.
 std::optional<int> parseCode(const std::string& text) {
     int code = 0;
     const char* const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, code);
-    if (error != std::errc{} || stop != end)
+    if (error != std::errc{} || stop != end) {
         return std::nullopt;
+    }
     return code >= lowestPublished ? -code : code;
 }
 
 const CLI::Validator isCode(
     [](std::string& text) {
-        return parseCode(text) ? std::string{}
-                               : "'" + text + "' is not a code, which is a number such as -1144";
+        return parseCode(text) ? std::string{} : "'" + text + "' is not a code such as -1144";
     },
     "");
 
 void explainAll(bool json) {
     if (json) {
         Json all = Json::array();
-        for (const Explanation& each : explanations())
+        for (const Explanation& each : explanations()) {
             all.push_back({{"code", each.code},
                            {"text", libraryText(each.code)},
                            {"cause", each.cause},
                            {"remedy", each.remedy}});
+        }
         output::print(jsonLine(all, 2));
         return;
     }
     Table table;
     table.add({"CODE", "TEXT"});
-    for (const Explanation& each : explanations())
+    for (const Explanation& each : explanations()) {
         table.add({std::to_string(each.code), libraryText(each.code)});
+    }
     output::print(table.text());
 }
 
@@ -65,33 +73,34 @@ void explainOne(int code, bool json) {
     }
     std::string text = libraryText(code) + '\n';
     if (found == nullptr) {
-        text += wrapped("", "This is none of the published codes.");
+        text += wrapped("", "This code is not published.");
     } else {
         text += '\n' + wrapped("Cause:   ", found->cause);
-        if (!found->remedy.empty())
+        if (!found->remedy.empty()) {
             text += wrapped("Remedy:  ", found->remedy);
+        }
     }
     output::print(text);
 }
 
 ExitStatus explain(const Options& options) {
-    if (options.code.empty())
+    if (options.code.empty()) {
         explainAll(options.json);
-    else
+    } else {
         explainOne(parseCode(options.code).value_or(0), options.json);
+    }
     return ExitStatus::ok;
 }
 
 } // namespace
 
-void addExplain(CLI::App& app, Action& action) {
+void addExplain(CLI::App& app, ExitStatus& status) {
     auto options = std::make_shared<Options>();
-    CLI::App* command =
-        app.add_subcommand("explain", "Tell what a code means, what usually causes it and what to do");
-    command->add_option("CODE", options->code, "A code such as -1144 or 1144; without one, all are listed")
+    CLI::App* command = app.add_subcommand("explain", "Explain a return code: usual causes and remedies");
+    command->add_option("CODE", options->code, "A code such as -1144 or 1144; without it, list all codes")
         ->type_name("")
         ->check(isCode);
-    command->add_flag("--json", options->json, "Write an object, or an array of all, instead of text");
-    command->footer(std::string(exitStatusHelp) + "\nEXAMPLES\n  gvusb explain -1145\n  gvusb explain\n");
-    command->callback([options, &action] { action = [options] { return explain(*options); }; });
+    command->add_flag("--json", options->json, "Print an object, or an array of all codes, instead of text");
+    command->footer(joinSections({exitStatusHelp, examples}));
+    command->callback([options, &status] { status = explain(*options); });
 }

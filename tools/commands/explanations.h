@@ -1,4 +1,4 @@
-// What usually causes each of the published codes, and what to do.
+// The usual cause of each published code, and what to do about it.
 #pragma once
 
 #include <span>

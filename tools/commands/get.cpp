@@ -6,6 +6,19 @@
 
 namespace {
 
+constexpr const char* keys = R"(
+KEYS
+  of a reader    TIMEOUT (milliseconds), DEVICEHND, DEVICE-ID, DEVICENAME, FAMILYNAME, INTERFACE,
+                 TYPENUMBER, PRESENT (1 or 0)
+  of the driver  HOTPLUG-MODE (0 off, 1 polling, 2 libusb's callbacks)
+)";
+
+constexpr const char* examples = R"(
+EXAMPLES
+  gvusb get 1A2B3C DEVICENAME
+  gvusb get driver HOTPLUG-MODE
+)";
+
 struct Options {
     std::string target;
     std::string key;
@@ -13,32 +26,24 @@ struct Options {
 
 ExitStatus get(const Options& options) {
     std::string value;
-    if (options.target == "driver")
+    if (options.target == "driver") {
         value = readParameter("driver", GVUSB_DRIVER, options.key);
-    else
+    } else {
         value = Reader(checkedId(options.target)).parameter(options.key);
+    }
     output::print(value + '\n');
     return ExitStatus::ok;
 }
 
 } // namespace
 
-void addGet(CLI::App& app, Action& action) {
+void addGet(CLI::App& app, ExitStatus& status) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("get", "Print a parameter of a reader or of the driver");
     addTargetArgument(*command, options->target);
-    command->add_option("KEY", options->key, "Name of the parameter, in upper or lower case")
+    command->add_option("KEY", options->key, "Parameter name, in upper or lower case")
         ->required()
         ->type_name("");
-    command->footer(
-        std::string("KEYS\n"
-                    "  of a reader    TIMEOUT (milliseconds), DEVICEHND, DEVICE-ID, DEVICENAME, "
-                    "FAMILYNAME,\n"
-                    "                 INTERFACE, TYPENUMBER, PRESENT (1 or 0)\n"
-                    "  of the driver  HOTPLUG-MODE (0 off, 1 polling, 2 libusb's callbacks)\n\n") +
-        exitStatusHelp +
-        "\nEXAMPLES\n"
-        "  gvusb get 1A2B3C DEVICENAME\n"
-        "  gvusb get driver HOTPLUG-MODE\n");
-    command->callback([options, &action] { action = [options] { return get(*options); }; });
+    command->footer(joinSections({keys, exitStatusHelp, examples}));
+    command->callback([options, &status] { status = get(*options); });
 }

@@ -9,6 +9,11 @@
 
 namespace {
 
+constexpr const char* examples = R"(
+EXAMPLES
+  gvusb info 1A2B3C
+)";
+
 struct Options {
     std::string id;
     bool json = false;
@@ -26,7 +31,7 @@ constexpr std::array facts = {
     Fact{"Type number", "type", "TYPENUMBER"},   Fact{"Device handle", "handle", "DEVICEHND"},
     Fact{"Time-out in ms", "timeout", "TIMEOUT"}};
 
-// A reader without one of the texts still has the others.
+// "-" for a text that the reader does not have; the others are still shown.
 std::string value(const Reader& reader, const char* key) {
     std::array<char, GVUSB_PARAMETER_SIZE> text{};
     const int code = GVUSB_GetDevicePara(reader.handle(), key, text.data());
@@ -50,11 +55,11 @@ ExitStatus info(const Options& options) {
 
 } // namespace
 
-void addInfo(CLI::App& app, Action& action) {
+void addInfo(CLI::App& app, ExitStatus& status) {
     auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand("info", "Show everything that one reader tells of itself");
+    CLI::App* command = app.add_subcommand("info", "Show everything that one reader reports about itself");
     addReaderArgument(*command, options->id);
-    command->add_flag("--json", options->json, "Write an object instead of a table");
-    command->footer(std::string(exitStatusHelp) + "\nEXAMPLES\n  gvusb info 1A2B3C\n");
-    command->callback([options, &action] { action = [options] { return info(*options); }; });
+    command->add_flag("--json", options->json, "Print an object instead of a table");
+    command->footer(joinSections({exitStatusHelp, examples}));
+    command->callback([options, &status] { status = info(*options); });
 }

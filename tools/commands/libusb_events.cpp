@@ -8,16 +8,17 @@
 #include <libusb.h>
 
 LibusbEvents::LibusbEvents() {
-    // A reference of our own: the library's ends when it is unloaded.
-    if (const int code = libusb_init(nullptr); code != LIBUSB_SUCCESS)
+    // Its own reference keeps the context when the library releases its reference on unloading.
+    if (const int code = libusb_init(nullptr); code != LIBUSB_SUCCESS) {
         throw Failure(std::string("libusb: ") + libusb_strerror(static_cast<libusb_error>(code)));
-    // Signals are for the thread that waits for them.
+    }
+    // The thread inherits blocked signals, so that they go to the thread that waits for them.
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, &before);
-    thread_ = std::thread([this] {
-        while (!ended_) {
+    m_thread = std::thread([this] {
+        while (!m_ended) {
             timeval longest = {.tv_sec = 60, .tv_usec = 0};
             libusb_handle_events_timeout_completed(nullptr, &longest, nullptr);
         }
@@ -26,8 +27,8 @@ LibusbEvents::LibusbEvents() {
 }
 
 LibusbEvents::~LibusbEvents() {
-    ended_ = true;
+    m_ended = true;
     libusb_interrupt_event_handler(nullptr);
-    thread_.join();
+    m_thread.join();
     libusb_exit(nullptr);
 }

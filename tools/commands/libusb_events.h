@@ -1,4 +1,4 @@
-// A thread that handles the events of libusb's default context, which is the library's.
+// A thread that handles the events of libusb's default context, which the library uses.
 #pragma once
 
 #include <atomic>
@@ -12,6 +12,6 @@ public:
     ~LibusbEvents();
 
 private:
-    std::atomic<bool> ended_ = false;
-    std::thread thread_;
+    std::atomic<bool> m_ended = false;
+    std::thread m_thread;
 };

@@ -2,14 +2,26 @@
 #include "failure.h"
 #include "json.h"
 #include "output.h"
-#include "reader.h"
 #include "table.h"
 
+#include <array>
 #include <memory>
+#include <optional>
 
 #include <gvusb.h>
 
 namespace {
+
+constexpr const char* about = R"(
+Readers are listed in the order of the bus. The type number is read from the reader, which is opened for
+this; '-' (null in JSON) means that it could not be read.
+)";
+
+constexpr const char* examples = R"(
+EXAMPLES
+  gvusb list
+  gvusb list --family Desk --json | jq -r '.[].id'
+)";
 
 struct Options {
     std::string family;
@@ -18,13 +30,22 @@ struct Options {
     bool json = false;
 };
 
-// A text that fills its field needs no zero at the end.
+struct ReaderFacts {
+    std::string id;
+    std::string family;
+    std::string name;
+    std::string interfaceType;
+    std::optional<std::string> typeNumber;
+};
+
+// A text that fills its field has no terminating zero.
 template <std::size_t size>
 void fill(char (&field)[size], const std::string& text) {
-    if (text.size() > size)
-        throw Failure("'" + text + "' is longer than any name that can be searched for (" +
-                          std::to_string(size) + " characters)",
+    if (text.size() > size) {
+        throw Failure("'" + text + "' is too long to search for (more than " + std::to_string(size) +
+                          " characters)",
                       ExitStatus::usage);
+    }
     text.copy(field, size);
 }
 
@@ -41,6 +62,43 @@ GVUSB_SCANSEARCH searchRecord(const Options& options) {
         fill(search.devId, options.id);
     }
     return search;
+}
+
+std::string scanned(int index, const char* key) {
+    std::array<char, GVUSB_PARAMETER_SIZE> value{};
+    const int code = GVUSB_GetScanListPara(index, key, value.data());
+    return code == 0 ? value.data() : std::string{};
+}
+
+// Reads the type number of an open reader and closes it: a second reader with the same device ID can be
+// opened only while this one is closed.
+std::optional<std::string> takeTypeNumber(int handle) {
+    std::array<char, GVUSB_PARAMETER_SIZE> value{};
+    if (handle <= 0) {
+        return std::nullopt;
+    }
+    const int code = GVUSB_GetDevicePara(handle, "TYPENUMBER", value.data());
+    GVUSB_CloseDevice(handle);
+    return code == 0 ? std::optional<std::string>(value.data()) : std::nullopt;
+}
+
+// The readers that match the search record, or all if it is null.
+std::vector<ReaderFacts> findReaders(GVUSB_SCANSEARCH* search) {
+    std::vector<ReaderFacts> readers;
+    const int withSearch = search != nullptr ? GVUSB_SCAN_SEARCH : 0;
+    int option = GVUSB_SCAN_FIRST;
+    for (int index = 0;; ++index) {
+        const int handle = GVUSB_ScanAndOpen(option | withSearch, search);
+        if (index >= GVUSB_GetScanListSize()) {
+            return readers;
+        }
+        readers.push_back({.id = scanned(index, "DEVICE-ID"),
+                           .family = scanned(index, "FAMILYNAME"),
+                           .name = scanned(index, "DEVICENAME"),
+                           .interfaceType = scanned(index, "INTERFACE"),
+                           .typeNumber = takeTypeNumber(handle)});
+        option = GVUSB_SCAN_NEXT;
+    }
 }
 
 void printTable(const std::vector<ReaderFacts>& readers) {
@@ -71,22 +129,25 @@ void printJson(const std::vector<ReaderFacts>& readers) {
 ExitStatus list(const Options& options) {
     GVUSB_SCANSEARCH search = searchRecord(options);
     const std::vector<ReaderFacts> readers = findReaders(search.mask != 0 ? &search : nullptr);
-    if (options.json)
+    if (options.json) {
         printJson(readers);
-    if (readers.empty())
+    }
+    if (readers.empty()) {
         throw Failure(libraryText(GVUSB_ERR_NO_DEVICE_FOUND), ExitStatus::notFound,
-                      search.mask != 0 ? "'gvusb list' without a search shows every reader."
-                                       : "'gvusb doctor' finds out why.");
-    if (!options.json)
+                      search.mask != 0 ? "Run 'gvusb list' without a search to see all readers."
+                                       : "Run 'gvusb doctor' to find out why.");
+    }
+    if (!options.json) {
         printTable(readers);
+    }
     return ExitStatus::ok;
 }
 
 } // namespace
 
-void addList(CLI::App& app, Action& action) {
+void addList(CLI::App& app, ExitStatus& status) {
     auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand("list", "Show the readers on the bus");
+    CLI::App* command = app.add_subcommand("list", "List the readers on the bus");
     CLI::Option* family =
         command->add_option("--family", options->family, "Only readers of this family")->type_name("NAME");
     CLI::Option* name =
@@ -96,13 +157,7 @@ void addList(CLI::App& app, Action& action) {
                           ->check(isDeviceId);
     family->excludes(name)->excludes(id);
     name->excludes(id);
-    command->add_flag("--json", options->json, "Write an array of objects instead of a table");
-    command->footer(std::string("The readers come in the bus's order. The type number is read from the "
-                                "reader, which is opened\n"
-                                "for it; '-' (in JSON null) stands where that fails.\n\n") +
-                    exitStatusHelp +
-                    "\nEXAMPLES\n"
-                    "  gvusb list\n"
-                    "  gvusb list --family Desk --json | jq -r '.[].id'\n");
-    command->callback([options, &action] { action = [options] { return list(*options); }; });
+    command->add_flag("--json", options->json, "Print an array of objects instead of a table");
+    command->footer(joinSections({about, exitStatusHelp, examples}));
+    command->callback([options, &status] { status = list(*options); });
 }

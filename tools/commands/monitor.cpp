@@ -23,15 +23,32 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr const char* about = R"(
+Each event is a line that is printed at once: time, 'connect' or 'disconnect', device ID, and the handle that
+the library reports (0 if none). Readers that are present at the start are not events.
+
+In hot-plug mode 2 of /etc/gavo/gvusb.conf, the monitor handles libusb's events. In every other mode it polls
+the bus, even if the file turns polling off.
+
+The monitor ends with status 0 on Ctrl-C, after --count events, and when its output is closed.
+)";
+
+constexpr const char* examples = R"(
+EXAMPLES
+  gvusb monitor
+  gvusb monitor --count 1 --idle-timeout 30 && echo 'A reader was plugged or unplugged.'
+  gvusb monitor --json | jq --unbuffered -r 'select(.event == "connect") | .id'
+)";
+
 struct Options {
     unsigned int pollInterval = 50;
-    std::size_t count = 0;  // without end
-    double idleTimeout = 0; // none
+    std::optional<std::size_t> count;
+    std::optional<double> idleTimeout;
     bool json = false;
 };
 
-// What the bus has when nothing was reported for so long is looked at once more: the library notes what it
-// has reported after its handlers have run, and a reader may be unreadable for a moment when it arrives.
+// The bus is scanned once more after this long without a report: the library updates what it has reported
+// only after its handlers have run, and a reader that has just arrived may be unreadable for a moment.
 constexpr std::chrono::milliseconds settlingTime(100);
 
 // "2024-05-01T12:34:56.789+02:00"
@@ -53,15 +70,17 @@ std::string timeStamp() {
 
 Presence::Ids scan() {
     const int code = GVUSB_Scan(GVUSB_SCAN_ALL, nullptr);
-    if (code != GVUSB_ERR_NO_DEVICE_FOUND)
+    if (code != GVUSB_ERR_NO_DEVICE_FOUND) {
         check("scan", code);
+    }
     Presence::Ids ids;
     const int size = GVUSB_GetScanListSize();
     for (int index = 0; index < size; ++index) {
         std::array<char, GVUSB_PARAMETER_SIZE> text{};
-        // An entry may be emptied by a poll meanwhile.
-        if (GVUSB_GetScanListPara(index, "DEVICE-ID", text.data()) == GVUSB_OK)
+        // A poll may have emptied the entry in the meantime.
+        if (GVUSB_GetScanListPara(index, "DEVICE-ID", text.data()) == GVUSB_OK) {
             ids.push_back(checkedId(text.data()));
+        }
     }
     return ids;
 }
@@ -69,77 +88,88 @@ Presence::Ids scan() {
 class Monitoring {
 public:
     explicit Monitoring(const Options& options)
-        : options_(options)
-        , watch_(options.pollInterval)
-        , presence_(scan())
-        , idleSince_(Clock::now()) {}
+        : m_options(options)
+        , m_watch(options.pollInterval)
+        , m_presence(scan())
+        , m_idleSince(Clock::now()) {}
 
     ExitStatus run() {
-        if (::isatty(STDERR_FILENO) != 0)
-            std::fprintf(stderr, "Watching %s; Ctrl-C ends.\n", watch_.manner().c_str());
+        if (::isatty(STDERR_FILENO) != 0) {
+            std::fprintf(stderr, "Watching by %s; press Ctrl-C to stop.\n", m_watch.method().c_str());
+        }
         for (;;) {
-            waitForNews();
-            if (interruption_.wished())
+            wait();
+            if (m_interruption.requested()) {
                 return ExitStatus::ok;
-            if (look())
+            }
+            if (printChanges()) {
                 return ExitStatus::ok;
-            if (idleEnd() && *idleEnd() <= Clock::now())
+            }
+            if (idleEnd() && *idleEnd() <= Clock::now()) {
                 return ExitStatus::timeOut;
+            }
         }
     }
 
 private:
     std::optional<Clock::time_point> idleEnd() const {
-        if (options_.idleTimeout <= 0)
+        if (!m_options.idleTimeout) {
             return std::nullopt;
-        const std::chrono::duration<double> longest(options_.idleTimeout);
-        return idleSince_ + std::chrono::duration_cast<Clock::duration>(longest);
+        }
+        const std::chrono::duration<double> longest(*m_options.idleTimeout);
+        return m_idleSince + std::chrono::duration_cast<Clock::duration>(longest);
     }
 
     int waitMilliseconds() const {
-        std::optional<Clock::time_point> earliest = settled_;
-        if (const auto end = idleEnd())
+        std::optional<Clock::time_point> earliest = m_settled;
+        if (const auto end = idleEnd()) {
             earliest = std::min(earliest.value_or(*end), *end);
-        if (!earliest)
+        }
+        if (!earliest) {
             return -1;
+        }
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(*earliest - Clock::now()).count();
         return static_cast<int>(std::clamp<decltype(left)>(left, 0, std::numeric_limits<int>::max()));
     }
 
-    // Also notices when nobody reads our output any more, though there may be nothing to write for hours.
-    void waitForNews() const {
-        std::array<pollfd, 3> waited = {{{.fd = interruption_.descriptor(), .events = POLLIN, .revents = 0},
-                                         {.fd = watch_.descriptor(), .events = POLLIN, .revents = 0},
+    // Also notices that the output was closed: there may be nothing to write for hours.
+    void wait() const {
+        std::array<pollfd, 3> waited = {{{.fd = m_interruption.descriptor(), .events = POLLIN, .revents = 0},
+                                         {.fd = m_watch.descriptor(), .events = POLLIN, .revents = 0},
                                          {.fd = output::descriptor(), .events = 0, .revents = 0}}};
         ::poll(waited.data(), waited.size(), waitMilliseconds());
-        if (waited[2].revents != 0)
+        if (waited[2].revents != 0) {
             throw output::Closed();
+        }
     }
 
-    // True when as many events as wanted have been told.
-    bool look() {
-        const std::vector<Report> reports = watch_.take();
-        const bool isSettled = settled_ && *settled_ <= Clock::now();
-        if (reports.empty() && !isSettled)
+    // Returns true once the number of events given by --count is reached.
+    bool printChanges() {
+        const std::vector<Report> reports = m_watch.take();
+        const bool isSettled = m_settled && *m_settled <= Clock::now();
+        if (reports.empty() && !isSettled) {
             return false;
-        const std::vector<Change> changes = presence_.update(reports, scan());
-        settled_.reset();
-        if (!reports.empty() || !changes.empty())
-            settled_ = Clock::now() + settlingTime;
-        else
-            presence_.settle();
+        }
+        const std::vector<Change> changes = m_presence.update(reports, scan());
+        m_settled.reset();
+        if (!reports.empty() || !changes.empty()) {
+            m_settled = Clock::now() + settlingTime;
+        } else {
+            m_presence.settle();
+        }
         for (const Change& change : changes) {
-            tell(change);
-            if (++told_ == options_.count)
+            print(change);
+            if (++m_printed == m_options.count) {
                 return true;
+            }
         }
         return false;
     }
 
-    void tell(const Change& change) {
-        idleSince_ = Clock::now();
+    void print(const Change& change) {
+        m_idleSince = Clock::now();
         const std::string event = change.connected ? "connect" : "disconnect";
-        if (options_.json) {
+        if (m_options.json) {
             output::print(jsonLine({{"time", timeStamp()},
                                     {"event", event},
                                     {"id", deviceIdText(change.id)},
@@ -153,48 +183,34 @@ private:
                       '\n');
     }
 
-    const Options& options_;
-    Interruption interruption_;
-    BusWatch watch_;
-    Presence presence_;
-    std::optional<Clock::time_point> settled_;
-    Clock::time_point idleSince_;
-    std::size_t told_ = 0;
+    const Options& m_options;
+    Interruption m_interruption;
+    BusWatch m_watch;
+    Presence m_presence;
+    std::optional<Clock::time_point> m_settled;
+    Clock::time_point m_idleSince;
+    std::size_t m_printed = 0;
 };
 
 } // namespace
 
-void addMonitor(CLI::App& app, Action& action) {
+void addMonitor(CLI::App& app, ExitStatus& status) {
     auto options = std::make_shared<Options>();
-    CLI::App* command = app.add_subcommand("monitor", "Tell when readers are plugged and unplugged");
-    command->add_flag("--json", options->json, "Write an object for each event, one a line");
-    command->add_option("--count", options->count, "End after N events")
+    CLI::App* command = app.add_subcommand("monitor", "Report readers as they connect and disconnect");
+    command->add_flag("--json", options->json, "Print an object for each event, one per line");
+    command->add_option("--count", options->count, "Exit after N events")
         ->type_name("N")
         ->check(CLI::Range(std::size_t{1}, std::numeric_limits<std::size_t>::max()).description(""));
     command
         ->add_option("--idle-timeout", options->idleTimeout,
-                     "End with status 3 when nothing has happened for S seconds")
+                     "Exit with status 3 after S seconds without an event")
         ->type_name("S")
         ->check(CLI::Range(0.001, 1e9).description(""));
     command
         ->add_option("--poll-interval", options->pollInterval,
-                     "Milliseconds between two looks at the bus, where it is polled (50)")
+                     "Milliseconds between polls, if the bus is polled (50)")
         ->type_name("MS")
         ->check(CLI::Range(1U, 3'600'000U).description(""));
-    command->footer(
-        std::string(
-            "Each event is a line, written at once: time, 'connect' or 'disconnect', device ID and the "
-            "handle that\n"
-            "the library tells (0: none). Readers that are there at the start are no events.\n\n"
-            "In hot-plug mode 2 of /etc/gavo/gvusb.conf libusb's events are handled; in every other mode the "
-            "bus is\n"
-            "polled, also where the file turns that off.\n\n"
-            "Ends with status 0 by Ctrl-C, after --count events, and when nobody reads its output any "
-            "more.\n\n") +
-        exitStatusHelp +
-        "\nEXAMPLES\n"
-        "  gvusb monitor\n"
-        "  gvusb monitor --count 1 --idle-timeout 30 && echo 'A reader was plugged or unplugged.'\n"
-        "  gvusb monitor --json | jq --unbuffered -r 'select(.event == \"connect\") | .id'\n");
-    command->callback([options, &action] { action = [options] { return Monitoring(*options).run(); }; });
+    command->footer(joinSections({about, exitStatusHelp, examples}));
+    command->callback([options, &status] { status = Monitoring(*options).run(); });
 }

@@ -1,22 +1,22 @@
-// Which readers are there, as far as has been told, and what to tell next.
+// The readers that are known to be present, and the changes to print next.
 //
-// The library's reports alone do not suffice: a reader is reported once for each direction between two scans,
-// in mode 2 a departure does not say whose it is, and what happens while a scan runs may be reported before
-// or after it. A scan alone does not either: it does not see who went and came back meanwhile. So each batch
-// of reports is set against what a scan has found after them.
+// The library's reports alone are not enough. Between two scans it reports a reader only once for each
+// direction. In mode 2, a disconnect does not say which reader it was. A change during a scan may be reported
+// before or after it. Scans alone are not enough either: they miss a reader that disconnects and comes back
+// in between. So each batch of reports is compared with a scan that follows it.
 #pragma once
 
 #include <map>
 #include <vector>
 
-// What the library has reported.
+// A report of the library.
 struct Report {
     bool arrived;
-    unsigned int id; // 0: not told
-    int handle;      // 0: not told
+    unsigned int id; // 0 if unknown
+    int handle;      // 0 if unknown
 };
 
-// What is told to the user.
+// A change to print.
 struct Change {
     bool connected;
     unsigned int id;
@@ -33,10 +33,10 @@ public:
 
     std::vector<Change> update(const std::vector<Report>& reports, const Ids& present);
 
-    // Nothing has happened for a while: departures that are still without a reader were of something else.
-    void settle() { unexplainedDepartures_ = 0; }
+    // Forget disconnects that still match no reader: they were of other devices.
+    void settle() { m_unmatchedDepartures = 0; }
 
 private:
-    std::map<unsigned int, int> known_; // readers may have the same ID
-    int unexplainedDepartures_ = 0;
+    std::map<unsigned int, int> m_known; // how many readers have this ID
+    int m_unmatchedDepartures = 0;
 };

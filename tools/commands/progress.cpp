@@ -14,9 +14,9 @@ constexpr std::chrono::milliseconds interval(100);
 } // namespace
 
 Progress::Progress(std::size_t total, bool wanted)
-    : total_(total)
-    , wanted_(wanted && ::isatty(STDERR_FILENO) != 0)
-    , next_(Clock::now() + interval) {
+    : m_total(total)
+    , m_wanted(wanted && ::isatty(STDERR_FILENO) != 0)
+    , m_next(Clock::now() + interval) {
 }
 
 Progress::~Progress() {
@@ -24,18 +24,21 @@ Progress::~Progress() {
 }
 
 void Progress::show(std::size_t done, std::size_t failed) {
-    if (!wanted_ || Clock::now() < next_)
+    if (!m_wanted || Clock::now() < m_next) {
         return;
-    next_ = Clock::now() + interval;
-    std::string line = "\r" + std::to_string(done) + " of " + std::to_string(total_) + " exchanges";
-    if (failed != 0)
+    }
+    m_next = Clock::now() + interval;
+    std::string line = "\r" + std::to_string(done) + " of " + std::to_string(m_total) + " exchanges";
+    if (failed != 0) {
         line += ", " + std::to_string(failed) + " failed";
+    }
     std::fputs((line + "\x1b[K").c_str(), stderr);
-    shown_ = true;
+    m_shown = true;
 }
 
 void Progress::clear() {
-    if (shown_)
+    if (m_shown) {
         std::fputs("\r\x1b[K", stderr);
-    shown_ = false;
+    }
+    m_shown = false;
 }

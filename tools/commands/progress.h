@@ -1,5 +1,5 @@
-// How far a long run of exchanges is: one line on standard error that is written over, where that is a
-// terminal.
+// A progress line for a long run of exchanges. It is shown only if standard error is a terminal, and
+// overwritten in place.
 #pragma once
 
 #include <chrono>
@@ -14,12 +14,12 @@ public:
 
     void show(std::size_t done, std::size_t failed);
 
-    // Takes the line away, so that something else can be printed.
+    // Erase the line, so that other output can take its place.
     void clear();
 
 private:
-    std::size_t total_;
-    bool wanted_;
-    bool shown_ = false;
-    std::chrono::steady_clock::time_point next_;
+    std::size_t m_total;
+    bool m_wanted;
+    bool m_shown = false;
+    std::chrono::steady_clock::time_point m_next;
 };

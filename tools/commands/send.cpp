@@ -21,17 +21,34 @@
 
 namespace {
 
+constexpr const char* about = R"(
+Without HEX, each line of standard input is a frame; empty lines and lines that start with '#' are skipped.
+Bytes may be written together or apart, with or without 0x, and separated by blanks, ':', '-' or ','.
+
+With --repeat, an answer is printed only if it differs from the one before. At the end, a summary shows how
+many frames were answered and how long these exchanges took. Ctrl-C ends the run early and prints the
+summary so far; the exit status is that of the exchanges until then.
+
+With --keep-going, the exit status is 3 only if all failures were time-outs.
+)";
+
+constexpr const char* examples = R"(
+EXAMPLES
+  gvusb send 1A2B3C 02 00 07 FF 01
+  gvusb send 1A2B3C 020007FF01 --repeat 1000
+  gvusb send 1A2B3C --timeout 200 --json < frames.txt
+)";
+
 struct Options {
     std::string id;
     std::vector<std::string> words;
-    unsigned int timeout = 0; // the library's own
-    std::size_t repeat = 1;
-    bool isRepeated = false;
+    std::optional<unsigned int> timeout;
+    std::optional<std::size_t> repeat;
     bool keepGoing = false;
     bool json = false;
 };
 
-constexpr std::size_t mostRepeats = 10'000'000;
+constexpr std::size_t maxRepeat = 10'000'000;
 
 std::string milliseconds(double time) {
     std::array<char, 32> text{};
@@ -39,103 +56,113 @@ std::string milliseconds(double time) {
     return text.data();
 }
 
-// Microseconds are as fine as these times mean anything.
+// Below a microsecond these times mean nothing.
 double rounded(double time) {
     return std::round(time * 1000) / 1000;
 }
 
-// The exchanges of one call of the command.
+// The exchanges of one run of the command.
 class Sending {
 public:
     explicit Sending(const Options& options)
-        : options_(options)
-        , reader_(checkedId(options.id))
-        , exchanger_(reader_.handle())
-        , progress_(options.repeat, options.isRepeated) {
-        if (options.timeout != 0)
-            check(reader_.title(),
-                  GVUSB_SetDevicePara(reader_.handle(), "TIMEOUT", std::to_string(options.timeout).c_str()));
+        : m_options(options)
+        , m_reader(checkedId(options.id))
+        , m_exchanger(m_reader.handle())
+        , m_progress(options.repeat.value_or(1), options.repeat.has_value()) {
+        if (options.timeout) {
+            check(m_reader.title(), GVUSB_SetDevicePara(m_reader.handle(), "TIMEOUT",
+                                                        std::to_string(*options.timeout).c_str()));
+        }
     }
 
     ExitStatus run() {
         try {
-            if (options_.words.empty())
-                sendLines();
-            else
+            if (m_options.words.empty()) {
+                sendStandardInput();
+            } else {
                 sendRepeatedly(argumentFrame());
+            }
         } catch (const Failure&) {
-            summarise(); // what has been measured until then
+            printSummary();
             throw;
         }
-        summarise();
-        return status_;
+        printSummary();
+        return m_status;
     }
 
 private:
     Bytes argumentFrame() const {
         std::string text;
-        for (const std::string& word : options_.words)
+        for (const std::string& word : m_options.words) {
             text += word + ' ';
+        }
         return parseFrame(text).value_or(Bytes{});
     }
 
-    void sendLines() {
-        StandardInput input(interruption_);
-        for (unsigned int number = 1; std::optional<std::string> line = input.next(); ++number) {
+    void sendStandardInput() {
+        StandardInput input(m_interruption);
+        for (unsigned int number = 1; std::optional<std::string> line = input.nextLine(); ++number) {
             const std::size_t first = line->find_first_not_of(" \t\r");
-            if (first == std::string::npos || (*line)[first] == '#')
+            if (first == std::string::npos || (*line)[first] == '#') {
                 continue;
+            }
             const std::optional<Bytes> frame = parseFrame(*line);
-            if (!frame)
+            if (!frame) {
                 throw Failure("standard input, line " + std::to_string(number) + ": '" + printable(*line) +
-                                  "' is not a frame in hexadecimal",
+                                  "' is not a hexadecimal frame",
                               ExitStatus::usage);
-            if (!sendRepeatedly(*frame))
+            }
+            if (!sendRepeatedly(*frame)) {
                 return;
+            }
         }
     }
 
-    // False when nothing more is to be sent.
+    // False ends the run.
     bool sendRepeatedly(const Bytes& frame) {
-        lastShown_.reset();
-        for (std::size_t i = 0; i < options_.repeat; ++i) {
-            if (interruption_.wished() || !sendOnce(frame))
+        m_lastPrinted.reset();
+        for (std::size_t i = 0; i < m_options.repeat.value_or(1); ++i) {
+            if (m_interruption.requested() || !sendOnce(frame)) {
                 return false;
-            progress_.show(i + 1, failed_);
+            }
+            m_progress.show(i + 1, m_failed);
         }
         return true;
     }
 
     bool sendOnce(const Bytes& frame) {
-        const Exchanger::Result result = exchanger_.exchange(frame);
-        if (options_.json)
+        const Exchanger::Result result = m_exchanger.exchange(frame);
+        if (m_options.json) {
             output::print(jsonLine(object(frame, result)));
-        if (result.code < 0) {
-            noteFailure(result.code);
-            return options_.keepGoing && result.code != GVUSB_ERR_NOT_PRESENT;
         }
-        times_.add(result.milliseconds);
-        if (!options_.json)
-            showAnswer(result.answer);
+        if (result.code < 0) {
+            reportFailure(result.code);
+            return m_options.keepGoing && result.code != GVUSB_ERR_NOT_PRESENT;
+        }
+        m_times.add(result.milliseconds);
+        if (!m_options.json) {
+            printAnswer(result.answer);
+        }
         return true;
     }
 
-    // When a frame is repeated, only answers that differ from the one before are worth a line.
-    void showAnswer(const Bytes& answer) {
-        if (options_.isRepeated && lastShown_ == answer)
+    void printAnswer(const Bytes& answer) {
+        if (m_options.repeat && m_lastPrinted == answer) {
             return;
-        progress_.clear();
+        }
+        m_progress.clear();
         output::print(frameText(answer) + '\n');
-        lastShown_ = answer;
+        m_lastPrinted = answer;
     }
 
-    void noteFailure(int code) {
-        ++failed_;
-        progress_.clear();
-        std::fprintf(stderr, "gvusb: %s: %s\n", reader_.title().c_str(), libraryText(code).c_str());
-        // A time-out tells less than any other failure.
-        if (status_ == ExitStatus::ok || status_ == ExitStatus::timeOut)
-            status_ = statusOf(code);
+    void reportFailure(int code) {
+        ++m_failed;
+        m_progress.clear();
+        std::fprintf(stderr, "gvusb: %s: %s\n", m_reader.title().c_str(), libraryText(code).c_str());
+        // Any other failure says more than a time-out.
+        if (m_status == ExitStatus::ok || m_status == ExitStatus::timeOut) {
+            m_status = statusOf(code);
+        }
     }
 
     static Json object(const Bytes& frame, const Exchanger::Result& result) {
@@ -150,91 +177,73 @@ private:
         return json;
     }
 
-    void summarise() {
-        progress_.clear();
-        if (options_.isRepeated)
-            output::print(options_.json ? jsonLine({{"summary", summaryObject()}}) : summaryTable());
+    void printSummary() {
+        m_progress.clear();
+        if (m_options.repeat) {
+            output::print(m_options.json ? jsonLine({{"summary", summaryObject()}}) : summaryTable());
+        }
     }
 
     Json summaryObject() const {
-        Json json = {{"answered", times_.count()}, {"failed", failed_}};
-        if (times_.count() != 0) {
-            json["ms"] = {{"minimum", rounded(times_.minimum())},
-                          {"median", rounded(times_.median())},
-                          {"p99", rounded(times_.percentile(99))},
-                          {"maximum", rounded(times_.maximum())}};
+        Json json = {{"answered", m_times.count()}, {"failed", m_failed}};
+        if (m_times.count() != 0) {
+            json["ms"] = {{"minimum", rounded(m_times.minimum())},
+                          {"median", rounded(m_times.median())},
+                          {"p99", rounded(m_times.percentile(99))},
+                          {"maximum", rounded(m_times.maximum())}};
         }
         return json;
     }
 
     std::string summaryTable() const {
         Table table;
-        table.add({"answered", std::to_string(times_.count())});
-        table.add({"failed", std::to_string(failed_)});
-        if (times_.count() != 0) {
-            table.add({"minimum", milliseconds(times_.minimum())});
-            table.add({"median", milliseconds(times_.median())});
-            table.add({"99th percentile", milliseconds(times_.percentile(99))});
-            table.add({"maximum", milliseconds(times_.maximum())});
+        table.add({"answered", std::to_string(m_times.count())});
+        table.add({"failed", std::to_string(m_failed)});
+        if (m_times.count() != 0) {
+            table.add({"minimum", milliseconds(m_times.minimum())});
+            table.add({"median", milliseconds(m_times.median())});
+            table.add({"99th percentile", milliseconds(m_times.percentile(99))});
+            table.add({"maximum", milliseconds(m_times.maximum())});
         }
         return table.text();
     }
 
-    const Options& options_;
-    Interruption interruption_;
-    Reader reader_;
-    Exchanger exchanger_;
-    Progress progress_;
-    ExchangeTimes times_;
-    std::optional<Bytes> lastShown_;
-    std::size_t failed_ = 0;
-    ExitStatus status_ = ExitStatus::ok;
+    const Options& m_options;
+    Interruption m_interruption;
+    Reader m_reader;
+    Exchanger m_exchanger;
+    Progress m_progress;
+    ExchangeTimes m_times;
+    std::optional<Bytes> m_lastPrinted;
+    std::size_t m_failed = 0;
+    ExitStatus m_status = ExitStatus::ok;
 };
 
 const CLI::Validator isFrame(
     [](std::string& text) {
-        return parseFrame(text) ? std::string{} : "'" + text + "' is not a frame in hexadecimal";
+        return parseFrame(text) ? std::string{} : "'" + text + "' is not a hexadecimal frame";
     },
     "");
 
 } // namespace
 
-void addSend(CLI::App& app, Action& action) {
+void addSend(CLI::App& app, ExitStatus& status) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("send", "Send frames to a reader and print its answers");
     addReaderArgument(*command, options->id);
-    command->add_option("HEX", options->words, "The frame in hexadecimal, in one word or several")
+    command->add_option("HEX", options->words, "Frame in hexadecimal, as one word or several")
         ->type_name("")
         ->check(isFrame);
-    command->add_option("--timeout", options->timeout, "Milliseconds that each of the two transfers may take")
+    command
+        ->add_option("--timeout", options->timeout, "Time-out of each of the two transfers in milliseconds")
         ->type_name("MS")
         ->check(CLI::Range(1U, std::numeric_limits<unsigned int>::max()).description(""));
-    CLI::Option* repeat = command
-                              ->add_option("--repeat", options->repeat,
-                                           "Send each frame N times and tell how long the exchanges took")
-                              ->type_name("N")
-                              ->check(CLI::Range(std::size_t{1}, mostRepeats).description(""));
-    command->add_flag("--keep-going", options->keepGoing, "Go on after a failure, unless the reader is gone");
-    command->add_flag("--json", options->json, "Write an object for each exchange, one a line");
-    command->footer(
-        std::string("Without HEX each line of standard input is a frame; empty lines and lines that begin "
-                    "with '#' are\n"
-                    "skipped. Bytes may be written together or apart, with 0x and with ':', '-' or ',' "
-                    "between them.\n\n"
-                    "With --repeat an answer is printed when it differs from the one before, then how many "
-                    "frames were\n"
-                    "answered and the times of these exchanges. Ctrl-C ends the run and shows the summary so "
-                    "far;\n"
-                    "the status tells of the exchanges until then.\n\n") +
-        exitStatusHelp +
-        "With --keep-going the status tells of a failure that was no time-out before it tells of "
-        "time-outs.\n"
-        "\nEXAMPLES\n"
-        "  gvusb send 1A2B3C 02 00 07 FF 01\n"
-        "  gvusb send 1A2B3C 020007FF01 --repeat 1000\n"
-        "  gvusb send 1A2B3C --timeout 200 --json < frames.txt\n");
-    command->callback([options, repeat, &action] {
-        options->isRepeated = repeat->count() != 0;
-        action = [options] { return Sending(*options).run(); };
-    });
+    command->add_option("--repeat", options->repeat, "Send each frame N times and print how long it took")
+        ->type_name("N")
+        ->check(CLI::Range(std::size_t{1}, maxRepeat).description(""));
+    command->add_flag("--keep-going", options->keepGoing,
+                      "Continue after a failure, unless the reader is gone");
+    command->add_flag("--json", options->json, "Print an object for each exchange, one per line");
+    command->footer(joinSections({about, exitStatusHelp, examples}));
+    command->callback([options, &status] { status = Sending(*options).run(); });
 }

@@ -11,40 +11,44 @@
 #include <unistd.h>
 
 StandardInput::StandardInput(const Interruption& interruption)
-    : interruption_(interruption) {
+    : m_interruption(interruption) {
 }
 
-// Waits for more of the input; false when there will be none.
+// Wait for more input. Returns false if there is no more.
 bool StandardInput::fill() {
     std::array<pollfd, 2> waited = {{{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0},
-                                     {.fd = interruption_.descriptor(), .events = POLLIN, .revents = 0}}};
+                                     {.fd = m_interruption.descriptor(), .events = POLLIN, .revents = 0}}};
     while (::poll(waited.data(), waited.size(), -1) < 0 && errno == EINTR) {
     }
-    if (interruption_.wished())
+    if (m_interruption.requested()) {
         return false;
+    }
     std::array<char, 4096> chunk{};
     const ssize_t count = ::read(STDIN_FILENO, chunk.data(), chunk.size());
-    if (count < 0)
+    if (count < 0) {
         throw Failure(std::string("standard input: ") + std::generic_category().message(errno));
-    buffer_.append(chunk.data(), static_cast<std::size_t>(count));
+    }
+    m_buffer.append(chunk.data(), static_cast<std::size_t>(count));
     return count > 0;
 }
 
-std::optional<std::string> StandardInput::next() {
+std::optional<std::string> StandardInput::nextLine() {
     for (;;) {
-        const std::size_t end = buffer_.find('\n');
-        if (interruption_.wished())
+        const std::size_t end = m_buffer.find('\n');
+        if (m_interruption.requested()) {
             return std::nullopt;
+        }
         if (end != std::string::npos) {
-            std::string line = buffer_.substr(0, end);
-            buffer_.erase(0, end + 1);
+            std::string line = m_buffer.substr(0, end);
+            m_buffer.erase(0, end + 1);
             return line;
         }
-        if (atEnd_ || !fill()) {
-            atEnd_ = true;
-            if (buffer_.empty() || interruption_.wished())
+        if (m_atEnd || !fill()) {
+            m_atEnd = true;
+            if (m_buffer.empty() || m_interruption.requested()) {
                 return std::nullopt;
-            return std::exchange(buffer_, {}); // a last line without an end
+            }
+            return std::exchange(m_buffer, {}); // a last line without a line break
         }
     }
 }

@@ -1,4 +1,4 @@
-// StandardInput of standard input, waited for in a way that a signal ends.
+// Lines of standard input. A signal ends the wait for the next one.
 #pragma once
 
 #include "interruption.h"
@@ -10,13 +10,13 @@ class StandardInput {
 public:
     explicit StandardInput(const Interruption& interruption);
 
-    // The next line without its end; nothing at the end of input and after a signal.
-    std::optional<std::string> next();
+    // The next line without its line break. Nothing at the end of the input or after a signal.
+    std::optional<std::string> nextLine();
 
 private:
     bool fill();
 
-    const Interruption& interruption_;
-    std::string buffer_;
-    bool atEnd_ = false;
+    const Interruption& m_interruption;
+    std::string m_buffer;
+    bool m_atEnd = false;
 };

@@ -3,15 +3,16 @@
 #include <algorithm>
 
 void ExchangeTimes::add(double milliseconds) {
-    times_.push_back(milliseconds);
-    isSorted_ = false;
+    m_times.push_back(milliseconds);
+    m_isSorted = false;
 }
 
 const std::vector<double>& ExchangeTimes::sorted() const {
-    if (!isSorted_)
-        std::ranges::sort(times_);
-    isSorted_ = true;
-    return times_;
+    if (!m_isSorted) {
+        std::ranges::sort(m_times);
+    }
+    m_isSorted = true;
+    return m_times;
 }
 
 double ExchangeTimes::minimum() const {

@@ -1,4 +1,4 @@
-// How long exchanges took.
+// Statistics of the times that exchanges took.
 #pragma once
 
 #include <cstddef>
@@ -8,10 +8,10 @@ class ExchangeTimes {
 public:
     void add(double milliseconds);
 
-    std::size_t count() const { return times_.size(); }
+    std::size_t count() const { return m_times.size(); }
 
-    // Of at least one time. The median of an even number is the middle of the two in the middle; a percentile
-    // is the smallest time that so many of a hundred do not exceed.
+    // All of these need at least one time. The median of an even number of times is the mean of the middle
+    // two. The N-th percentile is the smallest time that at least N percent of the times do not exceed.
     double minimum() const;
     double median() const;
     double percentile(unsigned int percent) const;
@@ -20,6 +20,6 @@ public:
 private:
     const std::vector<double>& sorted() const;
 
-    mutable std::vector<double> times_;
-    mutable bool isSorted_ = true;
+    mutable std::vector<double> m_times;
+    mutable bool m_isSorted = true;
 };

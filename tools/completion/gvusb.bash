@@ -1,4 +1,4 @@
-# Completion of gvusb's commands, options, keys, codes and of the readers on the bus, for bash.
+# Bash completion of the commands, options, keys and codes of gvusb, and of the readers on the bus.
 
 _gvusb_readers() {
     "$1" list 2>/dev/null | while read -r index id _; do
@@ -8,7 +8,7 @@ _gvusb_readers() {
     done
 }
 
-# The words behind the command that are no options, without the one that is being completed.
+# The arguments after the command, without options and without the word to complete.
 _gvusb_arguments() {
     local i=2 word
     for ((; i < COMP_CWORD; ++i)); do
@@ -59,7 +59,7 @@ _gvusb() {
         get:1 | set:1) words=$(_gvusb_keys "$command" "${arguments[0]}") ;;
         esac
     fi
-    # Device IDs and keys are the same in lower case.
+    # Device IDs and keys may be typed in lower case.
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
     if [ ${#COMPREPLY[@]} -eq 0 ] && [ "$COMP_CWORD" -gt 1 ]; then
         mapfile -t COMPREPLY < <(compgen -W "$words" -- "${word^^}")

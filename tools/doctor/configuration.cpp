@@ -14,57 +14,61 @@ namespace {
 
 constexpr const char* configurationFile = "/etc/gavo/gvusb.conf";
 
-// The library reads no more of the file.
+// The library reads only this much of the file.
 constexpr std::size_t bytesRead = 1023;
 
 constexpr std::array<std::string_view, 4> keys = {
     "libusb_debuglevel=", "gvusb_debuglevel=", "gvusb_hotplug=", "gvusb_updaterate="};
 
-// The keys that the text has, with their values as they stand there.
+// The keys in the text, with their values as written.
 std::string settings(std::string_view text) {
     std::string found;
     for (const std::string_view key : keys) {
         const std::size_t position = text.find(key);
-        if (position == std::string_view::npos)
+        if (position == std::string_view::npos) {
             continue;
+        }
         const std::string_view rest = text.substr(position);
         found += (found.empty() ? "" : ", ") + printable(rest.substr(0, rest.find_first_of(" \t\r\n,;")));
     }
-    if (text.find("nopnp") != std::string_view::npos)
+    if (text.find("nopnp") != std::string_view::npos) {
         found += (found.empty() ? "" : ", ") + std::string("nopnp");
+    }
     return found.empty() ? "no settings" : found;
 }
 
-std::string modeInWords() {
+std::string hotPlugMode() {
     const std::string mode = readParameter("driver", GVUSB_DRIVER, "HOTPLUG-MODE");
-    if (mode == "1")
+    if (mode == "1") {
         return "hot-plug mode 1: the library polls";
-    if (mode == "2")
-        return "hot-plug mode 2: libusb reports, while the application handles libusb's events";
+    }
+    if (mode == "2") {
+        return "hot-plug mode 2: libusb reports while the application handles its events";
+    }
     return "hot-plug mode " + mode + ": nothing is reported";
 }
 
 } // namespace
 
 void examineConfiguration(Findings& findings) {
+    const std::string file = configurationFile;
     errno = 0;
-    std::ifstream stream(configurationFile, std::ios::binary);
+    std::ifstream stream(file, std::ios::binary);
     if (!stream) {
-        if (errno == ENOENT || errno == ENOTDIR)
-            findings.ok("configuration",
-                        std::string("no ") + configurationFile + ", so defaults hold; " + modeInWords());
-        else
+        if (errno == ENOENT || errno == ENOTDIR) {
+            findings.ok("configuration", "no " + file + ", using the defaults; " + hotPlugMode());
+        } else {
             findings.problem("configuration",
-                             std::string(configurationFile) +
-                                 " cannot be read: " + std::generic_category().message(errno),
-                             {"Let everybody read it:", std::string(" sudo chmod a+r ") + configurationFile});
+                             file + " cannot be read: " + std::generic_category().message(errno),
+                             {"Make it readable for everybody:", " sudo chmod a+r " + file});
+        }
         return;
     }
     const std::string text(std::istreambuf_iterator<char>(stream), {});
-    findings.ok("configuration", std::string(configurationFile) + ": " +
-                                     settings(std::string_view(text).substr(0, bytesRead)) + "; " +
-                                     modeInWords());
-    if (text.size() > bytesRead)
-        findings.note("configuration", "only the first " + std::to_string(bytesRead) + " of its " +
-                                           std::to_string(text.size()) + " bytes are read");
+    findings.ok("configuration",
+                file + ": " + settings(std::string_view(text).substr(0, bytesRead)) + "; " + hotPlugMode());
+    if (text.size() > bytesRead) {
+        findings.note("configuration", "the library reads only the first " + std::to_string(bytesRead) +
+                                           " of the file's " + std::to_string(text.size()) + " bytes");
+    }
 }

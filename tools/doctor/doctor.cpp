@@ -7,6 +7,16 @@
 
 namespace {
 
+constexpr const char* about = R"(
+Checks the library and its configuration, udev, and every reader on the bus: whether this user may open it,
+whether it has a valid device ID, and whether a kernel driver or another program is using it. Changes
+nothing.
+)";
+
+constexpr const char* status1 = R"(
+For this command, 0 means that there is no problem, and 1 that there is at least one.
+)";
+
 ExitStatus doctor() {
     Findings findings;
     findings.ok("library", versions());
@@ -15,24 +25,19 @@ ExitStatus doctor() {
     examineReaders(findings);
     const std::size_t problems = findings.problems();
     if (problems == 0) {
-        output::print("\nAll is well.\n");
+        output::print("\nNo problems found.\n");
         return ExitStatus::ok;
     }
-    output::print("\n" + std::to_string(problems) + (problems == 1 ? " problem.\n" : " problems.\n"));
+    output::print("\n" + std::to_string(problems) +
+                  (problems == 1 ? " problem found.\n" : " problems found.\n"));
     return ExitStatus::failure;
 }
 
 } // namespace
 
-void addDoctor(CLI::App& app, Action& action) {
+void addDoctor(CLI::App& app, ExitStatus& status) {
     CLI::App* command =
-        app.add_subcommand("doctor", "Find what keeps readers from working, and name the remedy");
-    command->footer(
-        std::string("Looks at the library and its configuration, at udev, and at every reader on the bus: "
-                    "whether this user\n"
-                    "may open it, whether it tells its device ID, and whether a kernel driver or another "
-                    "program has it.\n"
-                    "Changes nothing.\n\n") +
-        exitStatusHelp + "Here 0 means that all is well, and 1 that there is a problem.\n");
-    command->callback([&action] { action = doctor; });
+        app.add_subcommand("doctor", "Find what keeps readers from working, and how to fix it");
+    command->footer(joinSections({about, exitStatusHelp, status1}));
+    command->callback([&status] { status = doctor(); });
 }

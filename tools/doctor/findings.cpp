@@ -25,7 +25,7 @@ void Findings::note(std::string_view topic, std::string_view text) {
 
 void Findings::problem(std::string_view topic, std::string_view text,
                        const std::vector<std::string>& remedy) {
-    ++problems_;
+    ++m_problems;
     std::string lines = line("PROBLEM", topic, text);
     const std::string indent(markWidth, ' ');
     for (const std::string& sentence : remedy) {

@@ -1,4 +1,4 @@
-// What the doctor has found, printed as it is found.
+// What the doctor finds. Each finding is printed at once.
 #pragma once
 
 #include <cstddef>
@@ -9,14 +9,14 @@
 class Findings {
 public:
     void ok(std::string_view topic, std::string_view text);
-    // Worth knowing, but no obstacle.
+    // Something worth knowing that is not a problem.
     void note(std::string_view topic, std::string_view text);
-    // An obstacle, and sentences that tell how to remove it. A sentence that begins with a blank is a command
-    // or a line of a file and is not broken.
+    // A problem and its remedy. A sentence of the remedy that starts with a blank is a command or a line of a
+    // file and is not wrapped.
     void problem(std::string_view topic, std::string_view text, const std::vector<std::string>& remedy);
 
-    std::size_t problems() const { return problems_; }
+    std::size_t problems() const { return m_problems; }
 
 private:
-    std::size_t problems_ = 0;
+    std::size_t m_problems = 0;
 };

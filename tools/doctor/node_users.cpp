@@ -19,14 +19,14 @@ std::string nameOf(const fs::path& process) {
     return name;
 }
 
-// By the file itself rather than its path, which is another one inside a container.
+// Compares files rather than paths: a container may have another path for the node.
 bool isSameFile(const fs::path& descriptor, const struct stat& node) {
     std::error_code error;
     const std::string target = fs::read_symlink(descriptor, error).string();
-    // Of all that can be open only what looks like a node is asked for its properties: a dead network file
-    // system, say, would not answer.
-    if (error || target.find("/bus/usb/") == std::string::npos)
+    // Only what looks like a node is examined: stat() on a file of a dead network file system would hang.
+    if (error || target.find("/bus/usb/") == std::string::npos) {
         return false;
+    }
     struct stat opened = {};
     return ::stat(descriptor.c_str(), &opened) == 0 && opened.st_dev == node.st_dev &&
            opened.st_ino == node.st_ino;
@@ -37,15 +37,17 @@ bool isSameFile(const fs::path& descriptor, const struct stat& node) {
 std::vector<NodeUser> findNodeUsers(const std::string& node) {
     std::vector<NodeUser> users;
     struct stat properties = {};
-    if (::stat(node.c_str(), &properties) != 0)
+    if (::stat(node.c_str(), &properties) != 0) {
         return users;
+    }
     std::error_code ignored;
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc", ignored)) {
         const std::string text = entry.path().filename().string();
         pid_t process = 0;
         const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), process);
-        if (error != std::errc{} || *stop != '\0' || process == ::getpid())
+        if (error != std::errc{} || *stop != '\0' || process == ::getpid()) {
             continue;
+        }
         std::error_code refused;
         fs::directory_iterator descriptors(entry.path() / "fd", refused);
         for (; !refused && descriptors != fs::directory_iterator(); descriptors.increment(refused)) {

@@ -1,4 +1,4 @@
-// Which processes have a device node open.
+// The processes that have a device node open.
 #pragma once
 
 #include <string>
@@ -11,5 +11,5 @@ struct NodeUser {
     std::string name;
 };
 
-// Without this process, and without those that this user may not look into.
+// Leaves out this process, and processes that this user may not inspect.
 std::vector<NodeUser> findNodeUsers(const std::string& node);

@@ -2,13 +2,12 @@
 
 #include "commands/explanations.h"
 #include "doctor/node_users.h"
-#include "failure.h"
+#include "doctor/permissions.h"
 #include "hexadecimal.h"
 #include "table.h"
 
 #include <array>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 #include <optional>
 
@@ -33,6 +32,7 @@ struct Releaser {
 };
 using Context = std::unique_ptr<libusb_context, Releaser<libusb_exit>>;
 using Handle = std::unique_ptr<libusb_device_handle, Releaser<libusb_close>>;
+using Configuration = std::unique_ptr<libusb_config_descriptor, Releaser<libusb_free_config_descriptor>>;
 
 std::string formatted(const char* format, unsigned int first, unsigned int second = 0) {
     std::array<char, 64> text{};
@@ -40,197 +40,164 @@ std::string formatted(const char* format, unsigned int first, unsigned int secon
     return text.data();
 }
 
-std::string vendorText() {
-    return formatted("%04x", GVUSB_VENDOR_ID);
+std::string errorText(int code) {
+    return libusb_strerror(static_cast<libusb_error>(code));
 }
 
-// The rule that lets users open readers, wherever udev reads it from; empty when it is nowhere.
-std::string installedRule() {
-    for (const char* folder : {"/etc/udev/rules.d", "/run/udev/rules.d", "/usr/local/lib/udev/rules.d",
-                               "/usr/lib/udev/rules.d", "/lib/udev/rules.d"}) {
-        const std::filesystem::path file = std::filesystem::path(folder) / "70-gvusb.rules";
-        std::error_code ignored;
-        if (std::filesystem::exists(file, ignored))
-            return file.string();
-    }
-    return {};
-}
-
-// One device of the vendor's.
+// The examination of one reader.
 class Examination {
 public:
     Examination(libusb_device* device, Findings& findings)
-        : device_(device)
-        , findings_(findings)
-        , topic_(
+        : m_device(device)
+        , m_findings(findings)
+        , m_topic(
               formatted("bus %u device %u", libusb_get_bus_number(device), libusb_get_device_address(device)))
-        , node_(formatted("/dev/bus/usb/%03u/%03u", libusb_get_bus_number(device),
-                          libusb_get_device_address(device))) {}
+        , m_node(formatted("/dev/bus/usb/%03u/%03u", libusb_get_bus_number(device),
+                           libusb_get_device_address(device))) {}
 
     void run() {
         libusb_device_handle* opened = nullptr;
-        const int code = libusb_open(device_, &opened);
+        const int code = libusb_open(m_device, &opened);
         const Handle handle(opened);
         if (code == LIBUSB_ERROR_ACCESS) {
-            findings_.problem(topic_, "this user may not write to " + node_, accessRemedy());
+            m_findings.problem(m_topic, "this user may not write to " + m_node, permissionRemedy());
             return;
         }
         if (code != LIBUSB_SUCCESS) {
-            findings_.problem(
-                topic_, node_ + " cannot be opened: " + libusb_strerror(static_cast<libusb_error>(code)),
-                {"Unplug the reader and plug it in again. In a container, the node has to be "
-                 "there too: share /dev/bus/usb with it."});
+            m_findings.problem(
+                m_topic, m_node + " cannot be opened: " + errorText(code),
+                {"Unplug the reader and plug it in again. A container also needs the node: share "
+                 "/dev/bus/usb with it."});
             return;
         }
         const std::optional<unsigned int> id = deviceId(handle.get());
         if (!id) {
-            findings_.problem(topic_, "the reader does not tell a device ID, so no scan finds it",
-                              {std::string(findExplanation(GVUSB_ERR_DEVICE_DESCRIPTOR_READ)->remedy)});
+            m_findings.problem(m_topic,
+                               "the device ID is missing or not hexadecimal, so no scan finds the reader",
+                               {std::string(findExplanation(GVUSB_ERR_DEVICE_DESCRIPTOR_READ)->remedy)});
             return;
         }
-        title_ = "reader " + deviceIdText(*id) + " (" + node_ + ")";
-        if (!examineDriver())
-            findings_.ok(topic_, title_);
+        m_title = "reader " + deviceIdText(*id) + " (" + m_node + ")";
+        const std::string driver = boundDriver();
+        if (driver.empty()) {
+            m_findings.ok(m_topic, m_title);
+        } else if (driver == "usbfs") {
+            reportClaim();
+        } else {
+            reportKernelDriver(driver);
+        }
     }
 
 private:
-    static std::vector<std::string> accessRemedy() {
-        const std::string vendor = vendorText();
-        const std::string trigger =
-            " sudo udevadm control --reload && sudo udevadm trigger --action=add --attr-match=idVendor=" +
-            vendor;
-        if (const std::string rule = installedRule(); !rule.empty())
-            return {
-                rule +
-                    " admits who sits at the machine and the members of the group plugdev. It applies when a "
-                    "reader is plugged in: do that again, or:",
-                trigger, "To use readers over the network or in a service, join the group and log in again:",
-                " sudo usermod --append --groups plugdev USER"};
-        return {"Put this line into /etc/udev/rules.d/70-gvusb.rules:",
-                " ACTION!=\"remove\", SUBSYSTEM==\"usb\", ENV{DEVTYPE}==\"usb_device\", ATTR{idVendor}==\"" +
-                    vendor +
-                    "\", ATTR{idProduct}==\"000[1-4]\", MODE=\"0660\", GROUP=\"plugdev\", TAG+=\"uaccess\"",
-                "It admits who sits at the machine and the members of the group plugdev. Then unplug the "
-                "reader and plug it in again, or:",
-                trigger};
-    }
-
-    // As the library reads it: a hexadecimal number at the beginning of string 1.
+    // As the library reads it: the hexadecimal number at the start of string 1.
     static std::optional<unsigned int> deviceId(libusb_device_handle* handle) {
         constexpr std::uint8_t idString = 1;
         std::array<char, 256> text{};
         if (libusb_get_string_descriptor_ascii(handle, idString,
                                                reinterpret_cast<unsigned char*>(text.data()),
-                                               static_cast<int>(text.size()) - 1) <= 0)
+                                               static_cast<int>(text.size()) - 1) <= 0) {
             return std::nullopt;
+        }
         unsigned int id = 0;
         return std::sscanf(text.data(), "%x", &id) == 1 ? std::optional(id) : std::nullopt;
     }
 
-    // What has interface 0: a kernel driver's name, "usbfs" for a program, nothing.
-    std::string driver() const {
-        const int descriptor = ::open(node_.c_str(), O_RDWR | O_CLOEXEC);
+    // The owner of interface 0: the name of a kernel driver, "usbfs" for a program, or an empty string.
+    std::string boundDriver() const {
+        const int descriptor = ::open(m_node.c_str(), O_RDWR | O_CLOEXEC);
         usbdevfs_getdriver request = {};
         const bool isBound = descriptor >= 0 && ::ioctl(descriptor, USBDEVFS_GETDRIVER, &request) == 0;
         ::close(descriptor);
         return isBound ? request.driver : std::string{};
     }
 
-    // True when it has told something.
-    bool examineDriver() {
-        const std::string name = driver();
-        if (name.empty())
-            return false;
-        if (name == "usbfs")
-            reportClaim();
-        else
-            reportKernelDriver(name);
-        return true;
-    }
-
     void reportClaim() {
-        std::string who;
-        std::string ends;
-        for (const NodeUser& user : findNodeUsers(node_)) {
+        std::string programs;
+        std::string processes;
+        for (const NodeUser& user : findNodeUsers(m_node)) {
             const std::string process = std::to_string(user.process);
-            who += (who.empty() ? "" : " or ") + printable(user.name) + " (process " + process + ")";
-            ends += " " + process;
+            programs +=
+                (programs.empty() ? "" : " or ") + printable(user.name) + " (process " + process + ")";
+            processes += " " + process;
         }
         std::vector<std::string> remedy;
-        if (who.empty()) {
-            who = "another program";
-            remedy.push_back("Run 'gvusb doctor' as root to see which program it is.");
+        if (programs.empty()) {
+            programs = "another program";
+            remedy = {"Run 'gvusb doctor' as root to see which program it is."};
         } else {
-            remedy = {"Let it close the reader, or end it:", " kill" + ends};
+            remedy = {"Have the program close the reader, or end it:", " kill" + processes};
         }
-        findings_.problem(
-            topic_, title_ + ": interface 0 is claimed by " + who + ", so it cannot be talked to", remedy);
+        m_findings.problem(m_topic,
+                           m_title + ": interface 0 is claimed by " + programs +
+                               ", so no other program can exchange frames with the reader",
+                           remedy);
     }
 
-    // The library opens configuration 1 and takes the interface from the driver at the first exchange. Only
-    // where it has to switch to that configuration is the driver in its way.
+    // The library detaches the driver at the first exchange. Before that it switches to configuration 1,
+    // which the driver prevents if another configuration is active.
     void reportKernelDriver(const std::string& name) {
         libusb_config_descriptor* first = nullptr;
-        const bool isKnown = libusb_get_config_descriptor(device_, 0, &first) == LIBUSB_SUCCESS;
-        const std::unique_ptr<libusb_config_descriptor, Releaser<libusb_free_config_descriptor>> owner(first);
+        const bool isKnown = libusb_get_config_descriptor(m_device, 0, &first) == LIBUSB_SUCCESS;
+        const Configuration owner(first);
         const std::string found =
-            title_ + ": the kernel driver " + printable(name) + " is bound to interface 0";
+            m_title + ": the kernel driver " + printable(name) + " is bound to interface 0";
         if (isKnown && first->bConfigurationValue == 1) {
-            findings_.note(topic_, found + "; the library takes the interface from it at the first exchange");
+            m_findings.note(m_topic, found + "; the library detaches it at the first exchange");
             return;
         }
-        findings_.problem(
-            topic_, found + ", so the reader cannot be switched to configuration 1",
-            {"Keep the driver away from it, for good by a udev rule; until the next plug by:",
+        m_findings.problem(
+            m_topic, found + ", so the reader cannot be switched to configuration 1",
+            {"Unbind the driver. A udev rule does so permanently; until the reader is plugged in again, run:",
              " echo INTERFACE | sudo tee /sys/bus/usb/drivers/" + printable(name) + "/unbind",
-             "where INTERFACE is the name in that folder that belongs to " + topic_ + ", such as 1-2:1.0."});
+             "INTERFACE is the name in that folder that belongs to " + m_topic + ", such as 1-2:1.0."});
     }
 
-    libusb_device* device_;
-    Findings& findings_;
-    std::string topic_;
-    std::string node_;
-    std::string title_;
+    libusb_device* m_device;
+    Findings& m_findings;
+    std::string m_topic;
+    std::string m_node;
+    std::string m_title;
 };
 
 void reportNoReader(Findings& findings) {
     findings.problem("readers", "no reader (USB vendor " + vendorText() + ") is on the bus",
-                     {"Plug one in. If it is plugged in, see whether the kernel knows it:",
+                     {"Plug one in. If it is plugged in, check whether the kernel sees it:",
                       " lsusb -d " + vendorText() + ":",
-                      "If not, try another cable and another port. A virtual machine has to be given the "
-                      "device, a container the folder /dev/bus/usb."});
+                      "If not, try another cable and another port. Pass the device through to a virtual "
+                      "machine; share /dev/bus/usb with a container."});
 }
 
 } // namespace
 
 void examineReaders(Findings& findings) {
-    libusb_context* initialised = nullptr;
-    if (const int code = libusb_init(&initialised); code != LIBUSB_SUCCESS) {
-        findings.problem(
-            "libusb", libusb_strerror(static_cast<libusb_error>(code)),
-            {"See whether /dev/bus/usb and /sys/bus/usb are there, and whether the limit of open "
-             "files (ulimit -n) is reached."});
+    libusb_context* initialized = nullptr;
+    if (const int code = libusb_init(&initialized); code != LIBUSB_SUCCESS) {
+        findings.problem("libusb", errorText(code),
+                         {"Check that /dev/bus/usb and /sys/bus/usb exist, and that the limit of open files "
+                          "(ulimit -n) is not reached."});
         return;
     }
-    const Context context(initialised);
+    const Context context(initialized);
     libusb_device** devices = nullptr;
     const ssize_t count = libusb_get_device_list(context.get(), &devices);
     int readers = 0;
     for (ssize_t i = 0; i < count; ++i) {
         libusb_device_descriptor descriptor = {};
         libusb_get_device_descriptor(devices[i], &descriptor);
-        if (descriptor.idVendor != GVUSB_VENDOR_ID)
+        if (descriptor.idVendor != GVUSB_VENDOR_ID) {
             continue;
+        }
         if (descriptor.idProduct < lowestProduct || descriptor.idProduct > highestProduct) {
-            findings.note("devices", formatted("%04x:%04x is of the vendor, but none of the readers that the "
-                                               "library knows",
-                                               descriptor.idVendor, descriptor.idProduct));
+            findings.note("devices", formatted("%04x:%04x", descriptor.idVendor, descriptor.idProduct) +
+                                         " has the vendor ID of the readers, but is not a product that the "
+                                         "library knows");
             continue;
         }
         ++readers;
         Examination(devices[i], findings).run();
     }
     libusb_free_device_list(devices, 1);
-    if (readers == 0)
+    if (readers == 0) {
         reportNoReader(findings);
+    }
 }

@@ -1,7 +1,7 @@
-// What the doctor finds out about the readers on the bus.
 #pragma once
 
 #include "doctor/findings.h"
 
-// By libusb, as it tells of readers that the library leaves out, and why.
+// Check every reader on the bus. Uses libusb directly, because the library leaves out readers that have a
+// problem.
 void examineReaders(Findings& findings);

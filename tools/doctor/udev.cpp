@@ -6,11 +6,12 @@
 
 namespace {
 
-// udev's daemon listens there. libudev, and so libusb, looks for the same file before it subscribes to events.
+// The socket of udev's daemon. libudev, and so libusb, checks for the same file before it subscribes to
+// events.
 constexpr const char* udevSocket = "/run/udev/control";
 
-// The launcher of virtual readers tells its programs by the first where it listens. It sends udev's events itself, unless
-// it serves the readers to Linux's own USB stack, which the second tells.
+// The launcher of virtual readers sets the first variable for its programs and sends udev's events itself. It
+// also sets the second if it serves the readers to the USB stack of Linux, and then sends none.
 constexpr const char* virtualReaders = "GVUSB_EMULATE_SOCKET";
 constexpr const char* servedByUsbip = "GVUSB_EMULATE_USBIP";
 
@@ -22,12 +23,12 @@ void examineUdev(Findings& findings) {
         return;
     }
     if (std::getenv(virtualReaders) != nullptr && std::getenv(servedByUsbip) == nullptr) {
-        findings.note("udev", "not running; the virtual readers that gvusb-emulate made here need none");
+        findings.note("udev", "not running; the virtual readers of gvusb-emulate do not need it");
         return;
     }
     findings.problem(
-        "udev", "not running, so plugging and unplugging is never noticed",
+        "udev", "not running, so plugging and unplugging is not noticed",
         {"Start it:", " sudo systemctl start systemd-udevd",
-         "In a container, where it cannot be started, run the program outside, or start it anew after each "
-         "plug: the readers that are there when it starts are found."});
+         "In a container, where udev cannot be started, run the program outside the container, or "
+         "restart it after each change: it finds the readers that are present when it starts."});
 }

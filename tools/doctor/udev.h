@@ -2,4 +2,5 @@
 
 #include "doctor/findings.h"
 
+// Check that udev is running: libusb learns of plugging and unplugging from it.
 void examineUdev(Findings& findings);

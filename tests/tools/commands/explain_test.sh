@@ -24,11 +24,11 @@ explains_a_code_that_is_never_returned() {
     expect_not_in_output 'Remedy'
 }
 
-explains_unknown_codes_by_the_librarys_text() {
+explains_unknown_codes_with_the_librarys_text() {
     keep "$gvusb" explain 42
     expect_status 0
     expect_output 'GVUSB: Unknown Error: 0x2A (42)
-This is none of the published codes.'
+This code is not published.'
     keep "$gvusb" explain 1198
     expect_in_output '(-1198)$'
 }
@@ -56,7 +56,7 @@ lists_all_codes() {
     expect_in_output '^-1130  GVUSB: (-1130) timeout$'
 }
 
-refuses_codes_that_are_none() {
+rejects_text_that_is_not_a_code() {
     for code in x 12x 99999999999; do
         keep "$gvusb" explain $code
         expect_status 2

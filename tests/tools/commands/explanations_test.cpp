@@ -16,16 +16,17 @@ struct PublishedCode {
     bool isReturned;
 };
 
-// The codes of enum GVUSB_ErrorCode, as they stand in the header.
+// The codes of enum GVUSB_ErrorCode, in the order of the header.
 std::vector<PublishedCode> publishedCodes() {
     std::ifstream stream(GVUSB_HEADER);
     const std::string header(std::istreambuf_iterator<char>(stream), {});
     static const std::regex line(R"((GVUSB_(?:ERR_\w+|OK)) =\s+(-?\d+),?\s+/\*\*< ([^*]*)\*/)");
     std::vector<PublishedCode> codes;
-    for (std::sregex_iterator match(header.begin(), header.end(), line), end; match != end; ++match)
+    for (std::sregex_iterator match(header.begin(), header.end(), line), end; match != end; ++match) {
         codes.push_back({.name = (*match)[1],
                          .code = std::stoi((*match)[2]),
                          .isReturned = (*match)[3].str().find("never returned") == std::string::npos});
+    }
     return codes;
 }
 
@@ -33,8 +34,9 @@ TEST(ExplanationsTest, CoverEveryCodeOfTheHeaderInItsOrder) {
     const std::vector<PublishedCode> codes = publishedCodes();
     ASSERT_GT(codes.size(), 50U);
     ASSERT_EQ(explanations().size(), codes.size());
-    for (std::size_t i = 0; i < codes.size(); ++i)
+    for (std::size_t i = 0; i < codes.size(); ++i) {
         EXPECT_EQ(explanations()[i].code, codes[i].code) << codes[i].name;
+    }
 }
 
 TEST(ExplanationsTest, SayWhichCodesAreNeverReturned) {

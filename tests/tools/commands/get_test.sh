@@ -22,12 +22,12 @@ gets_parameters_of_the_driver() {
     expect_output 2
 }
 
-tells_what_cannot_be_got() {
-    on_bus get A1 COLOUR
+reports_parameters_that_cannot_be_read() {
+    on_bus get A1 COLOR
     expect_status 1
     expect_output ''
-    expect_errors "gvusb: reader A1: COLOUR: GVUSB: (-1150) unknown parameter
-'gvusb explain -1150' says what may be the cause."
+    expect_errors "gvusb: reader A1: COLOR: GVUSB: (-1150) unknown parameter
+Run 'gvusb explain -1150' for causes and remedies."
     on_bus get driver TIMEOUT
     expect_status 1
     expect_in_errors '^gvusb: driver: TIMEOUT: GVUSB: (-1150) unknown parameter$'
@@ -40,7 +40,7 @@ tells_what_cannot_be_got() {
     expect_in_errors '(-1168) string descriptor read error'
 }
 
-refuses_mistakes() {
+rejects_invalid_command_lines() {
     on_bus get driver
     expect_status 2
     expect_in_errors "Run 'gvusb get --help' for more."

@@ -2,7 +2,7 @@
 # Tests of `gvusb info`.
 source "$(dirname "$0")/../testing.sh"
 
-tells_of_one_reader() {
+shows_one_reader() {
     on_bus info 0xa1
     expect_status 0
     expect_errors ''
@@ -18,7 +18,7 @@ tells_of_one_reader() {
     expect_in_output '"timeout": 1000$'
 }
 
-tells_of_a_reader_without_a_type_number() {
+shows_a_reader_without_a_type_number() {
     readers=(--reader 'id=A1,missing=10')
     on_bus info A1
     expect_status 0

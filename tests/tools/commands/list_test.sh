@@ -7,7 +7,7 @@ shows_readers_in_a_table() {
     expect_status 0
     expect_errors ''
     expect_equal "the first column" "$(cut -d' ' -f1 "$scratch/output" | paste -sd' ')" 'INDEX 0 1'
-    # The order is the bus's.
+    # The order is that of the bus.
     expect_equal "the others" "$(cut -c8- "$scratch/output" | sort)" \
         'A1  Desk    Desk reader  TESK-RCI2  D-100
 B2  Gate    Gate reader  TESK-RCI2  G-200
@@ -42,26 +42,26 @@ searches() {
     expect_not_in_output 'B2'
 }
 
-tells_when_nothing_matches() {
+reports_that_no_reader_matches() {
     on_bus list --family Garden
     expect_status 4
     expect_output ''
     expect_errors "gvusb: GVUSB: (-1112) no device found
-'gvusb list' without a search shows every reader."
+Run 'gvusb list' without a search to see all readers."
     on_bus list --family Garden --json
     expect_status 4
     expect_output '[]'
 }
 
-tells_when_there_is_no_reader() {
+reports_that_there_is_no_reader() {
     readers=(--no-readers)
     on_bus list
     expect_status 4
     expect_errors "gvusb: GVUSB: (-1112) no device found
-'gvusb doctor' finds out why."
+Run 'gvusb doctor' to find out why."
 }
 
-refuses_mistakes() {
+rejects_invalid_command_lines() {
     on_bus list --id B2X
     expect_status 2
     expect_in_errors "'B2X' is not a device ID"
@@ -70,7 +70,7 @@ refuses_mistakes() {
     expect_in_errors "excludes"
     on_bus list --family 'a name of more than twenty-five characters'
     expect_status 2
-    expect_in_errors 'longer than any name'
+    expect_in_errors 'is too long to search for (more than 25 characters)'
     on_bus list A1
     expect_status 2
 }
@@ -92,7 +92,7 @@ shows_readers_without_a_type_number() {
     expect_in_output '"type": null'
 }
 
-leaves_control_characters_out() {
+replaces_control_characters() {
     readers=(--reader "id=A1,name=$(printf 'a\033[2Jb')")
     on_bus list
     expect_in_output 'a?\[2Jb'

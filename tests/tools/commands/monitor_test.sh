@@ -2,7 +2,7 @@
 # Tests of `gvusb monitor`, in every hot-plug mode.
 source "$(dirname "$0")/../testing.sh"
 
-# Starts the monitor and waits until it watches: a first reader comes, again and again until it is told of.
+# Start the monitor and wait until it watches: plug and unplug a reader until it is reported.
 watching='
     last_is_of_leaving() { tail -n 1 "$scratch/events" | grep -q disconnect; }
     "$gvusb" monitor $monitor_options >"$scratch/events" 2>"$scratch/complaints" &
@@ -15,7 +15,7 @@ watching='
     : >"$scratch/events"
 '
 
-# Standard output without times and handles.
+# The events without times and handles.
 told() {
     sed -E 's/^[^ ]+  //; s/ +handle.*//; s/ +/ /g' "$scratch/events"
 }
@@ -33,7 +33,7 @@ in_every_mode() { # FUNCTION
 
 export monitor_options=''
 
-tell_plugs() {
+reports_plugs() {
     shell_on_bus "$watching"'
         bus "unplug 1"; await lines "$scratch/events" 1
         bus "plug 1"; await lines "$scratch/events" 2
@@ -44,7 +44,7 @@ tell_plugs() {
         kill -INT $monitor; wait $monitor; echo $?'
     expect_output 0
     expect_errors ''
-    expect_equal "complaints" "$(cat "$scratch/complaints")" ''
+    expect_equal "standard error" "$(cat "$scratch/complaints")" ''
     expect_equal "the first four" "$(told | head -n 4)" 'disconnect A1
 connect A1
 disconnect A1
@@ -54,11 +54,11 @@ disconnect B2'
     expect_equal "the last" "$(told | tail -n 1)" 'connect C3'
 }
 
-tells_every_plug_and_unplug() {
-    in_every_mode tell_plugs
+reports_every_plug_and_unplug() {
+    in_every_mode reports_plugs
 }
 
-tell_replug() {
+reports_replugs() {
     shell_on_bus "$watching"'
         bus "replug 1"; await lines "$scratch/events" 2; sleep 0.3
         bus "replug 2"; await lines "$scratch/events" 4; sleep 0.3
@@ -70,11 +70,11 @@ disconnect B2
 connect B2'
 }
 
-tells_a_quick_replug() {
-    in_every_mode tell_replug
+reports_a_quick_replug() {
+    in_every_mode reports_replugs
 }
 
-tell_twin() {
+reports_a_twin() {
     shell_on_bus "$watching"'
         bus "plug id=A1"; await lines "$scratch/events" 1; sleep 0.3
         bus "unplug 1"; await lines "$scratch/events" 2; sleep 0.3
@@ -83,8 +83,8 @@ tell_twin() {
 disconnect A1'
 }
 
-tells_readers_with_the_same_id_apart() {
-    in_every_mode tell_twin
+reports_readers_with_the_same_id() {
+    in_every_mode reports_a_twin
 }
 
 writes_each_event_at_once_as_json() {
@@ -119,10 +119,10 @@ is_idle_only_since_the_last_event() {
     on_bus monitor --idle-timeout 3
     expect_status 3
     expect_in_output 'disconnect  A1'
-    [ $(($(date +%s%N) - start)) -ge 4400000000 ] || fail "the time began before the event"
+    [ $(($(date +%s%N) - start)) -ge 4400000000 ] || fail "the idle time started before the event"
 }
 
-ends_when_nobody_reads_any_more() {
+ends_when_its_output_is_closed() {
     shell_on_bus '{ "$gvusb" monitor; echo $? >"$scratch/status"; } | sleep 0.3'
     expect_errors ''
     expect_equal "exit status" "$(cat "$scratch/status")" 0
@@ -137,7 +137,7 @@ works_without_any_reader() {
     expect_in_output 'connect     A1        handle 0$'
 }
 
-polls_as_often_as_it_is_told() {
+polls_at_the_given_interval() {
     configure 'gvusb_debuglevel=3'
     on_bus monitor --poll-interval 400 --idle-timeout 1.5
     expect_status 3
@@ -149,7 +149,7 @@ polls_as_often_as_it_is_told() {
     [ "$polls" -ge 10 ] || fail "$polls polls in 1.5 seconds"
 }
 
-refuses_mistakes() {
+rejects_invalid_command_lines() {
     for arguments in '--count 0' '--count x' '--idle-timeout 0' '--idle-timeout -1' '--poll-interval 0' A1; do
         # shellcheck disable=SC2086
         on_bus monitor $arguments
@@ -160,12 +160,12 @@ refuses_mistakes() {
 
 says_how_it_watches() {
     local mode
-    for mode in '1:by polling every 50 ms (hot-plug mode 1)' '2:by libusb.s events (hot-plug mode 2)' \
-        '0:by polling every 50 ms (hot-plug mode 0, which reports nothing by itself)'; do
+    for mode in '1:polling every 50 ms (hot-plug mode 1)' '2:handling libusb.s events (hot-plug mode 2)' \
+        '0:polling every 50 ms (hot-plug mode 0, which does not report by itself)'; do
         configure "gvusb_hotplug=${mode%%:*}"
         in_terminal '"$gvusb" monitor --idle-timeout 0.1' </dev/null
         expect_status 3
-        expect_in_output "^Watching ${mode#*:}; Ctrl-C ends\."
+        expect_in_output "^Watching by ${mode#*:}; press Ctrl-C to stop\."
     done
 }
 

@@ -24,7 +24,7 @@ prints_an_empty_line_for_an_empty_answer() {
     expect_equal "the output" "$(od -An -c "$scratch/output" | tr -d ' ')" '\n'
 }
 
-tells_a_time_out() {
+reports_a_time_out() {
     shell_on_bus 'bus "mute 1 in"; "$gvusb" send A1 02 --timeout 30'
     expect_status 3
     expect_output ''
@@ -34,14 +34,14 @@ tells_a_time_out() {
     expect_in_output '"sent":"02","code":-1130,"error":"GVUSB: (-1130) timeout","ms":'
 }
 
-obeys_the_time_out() {
+waits_as_long_as_the_time_out_allows() {
     shell_on_bus 'bus "delay 1 in 1200"; "$gvusb" send A1 02'
     expect_status 3
     shell_on_bus 'bus "delay 1 in 1200"; "$gvusb" send A1 02 --timeout 30000'
     expect_status 0
 }
 
-tells_other_failures() {
+reports_other_failures() {
     shell_on_bus 'bus "stall 1 out stuck"; "$gvusb" send A1 02'
     expect_status 1
     expect_errors 'gvusb: reader A1: GVUSB: (-1139) bulk transfer error'
@@ -52,7 +52,7 @@ tells_other_failures() {
     expect_status 4
 }
 
-tells_that_the_reader_is_gone() {
+reports_that_the_reader_is_gone() {
     shell_on_bus '"$gvusb" send A1 02 --repeat 1000000 --keep-going >"$scratch/answers" &
         await test -s "$scratch/answers"; bus "unplug 1"; wait $!; status=$?; cat "$scratch/answers"; exit $status'
     expect_status 4
@@ -71,11 +71,11 @@ FF'
     expect_output ''
 }
 
-names_the_line_that_is_no_frame() {
+names_the_line_of_an_invalid_frame() {
     shell_on_bus 'printf "02\n\n0x0\n03\n" | "$gvusb" send A1'
     expect_status 2
     expect_output '02'
-    expect_errors "gvusb: standard input, line 3: '0x0' is not a frame in hexadecimal"
+    expect_errors "gvusb: standard input, line 3: '0x0' is not a hexadecimal frame"
 }
 
 stops_at_the_first_failure() {
@@ -94,7 +94,7 @@ keeps_going() {
     expect_equal "lines of errors" "$(grep -c timeout "$scratch/errors")" 2
 }
 
-tells_how_long_exchanges_took() {
+prints_how_long_exchanges_took() {
     on_bus send A1 02 --repeat 20
     expect_status 0
     expect_equal "without the times" "$(sed 's/[0-9]*\.[0-9]* ms/T/' "$scratch/output")" \
@@ -118,7 +118,7 @@ repeats_in_json() {
 {"summary":{"answered":3,"failed":0,"ms":{"minimum":T,"median":T,"p99":T,"maximum":T}}}'
 }
 
-summarises_failures_alone() {
+summarizes_failures_without_times() {
     shell_on_bus 'bus "mute 1 in"; "$gvusb" send A1 02 --timeout 20 --repeat 2 --keep-going'
     expect_status 3
     expect_output 'answered  0
@@ -141,7 +141,7 @@ sends_standard_input_repeatedly() {
     expect_in_output '^ok 8 '
 }
 
-ends_by_a_signal_with_the_summary() {
+prints_the_summary_on_a_signal() {
     for signal in INT TERM; do
         rm -f "$scratch/answers" # or the last round's would be taken for this one's
         shell_on_bus '"$gvusb" send A1 02 --repeat 1000000 >"$scratch/answers" &
@@ -151,13 +151,13 @@ ends_by_a_signal_with_the_summary() {
     done
 }
 
-ends_by_a_signal_while_it_waits_for_input() {
+ends_on_a_signal_while_waiting_for_input() {
     shell_on_bus 'mkfifo "$scratch/frames"; "$gvusb" send A1 <"$scratch/frames" >"$scratch/answers" &
         exec 3>"$scratch/frames"; echo 02 >&3; await test -s "$scratch/answers"; kill -INT $!; wait $!; echo $?'
     expect_output 0
 }
 
-ends_quietly_when_nobody_reads() {
+ends_quietly_when_its_output_is_closed() {
     shell_on_bus 'printf "%s\n" 02 03 04 05 >"$scratch/frames"
         { "$gvusb" send A1 --json --repeat 200000 <"$scratch/frames"; echo $? >"$scratch/status"; } | head -n 1'
     expect_in_output '^{"sent":"02"'
@@ -165,7 +165,7 @@ ends_quietly_when_nobody_reads() {
     expect_equal "exit status" "$(cat "$scratch/status")" 0
 }
 
-tells_when_the_output_cannot_be_written() {
+reports_output_that_cannot_be_written() {
     shell_on_bus '"$gvusb" send A1 02 >/dev/full'
     expect_status 1
     expect_errors 'gvusb: standard output: No space left on device'
@@ -174,9 +174,9 @@ tells_when_the_output_cannot_be_written() {
     expect_errors 'gvusb: standard output: Bad file descriptor'
 }
 
-refuses_mistakes() {
+rejects_invalid_command_lines() {
     for arguments in 'A1 0' 'A1 xy' 'A1 02 --timeout 0' 'A1 02 --timeout x' 'A1 02 --repeat 0' 'xyz 02' \
-        'A1 02 --colour'; do
+        'A1 02 --color'; do
         # shellcheck disable=SC2086
         on_bus send $arguments
         expect_status 2
@@ -185,7 +185,7 @@ refuses_mistakes() {
     done
 }
 
-ends_by_the_interrupt_key() {
+ends_on_the_interrupt_key() {
     in_terminal 'exec "$gvusb" send A1 02 --repeat 1000000' < <(
         until grep -q '^02' "$scratch/output" 2>/dev/null; do sleep 0.05; done
         printf '\003'

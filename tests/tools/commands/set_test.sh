@@ -23,15 +23,15 @@ sets_other_parameters() {
     expect_status 0
 }
 
-tells_what_cannot_be_set() {
+reports_parameters_that_cannot_be_set() {
     on_bus set A1 TIMEOUT 0
     expect_status 1
     expect_in_errors '^gvusb: reader A1: TIMEOUT: GVUSB: (-1151) parameter out of range$'
-    expect_in_errors "^'gvusb explain -1151' says"
+    expect_in_errors "^Run 'gvusb explain -1151' for causes"
     on_bus set A1 TIMEOUT
     expect_status 1
     expect_in_errors '^gvusb: reader A1: TIMEOUT: GVUSB: (-1151) parameter out of range$'
-    expect_in_errors '^No value was given; '
+    expect_in_errors '^The value is missing; '
     on_bus set driver HOTPLUG-UPDATERATE 9
     expect_status 1
     expect_in_errors '^gvusb: driver: HOTPLUG-UPDATERATE: GVUSB: (-1151) parameter out of range$'
@@ -40,7 +40,7 @@ tells_what_cannot_be_set() {
     expect_in_errors '(-1150) unknown parameter'
 }
 
-refuses_mistakes() {
+rejects_invalid_command_lines() {
     on_bus set A1
     expect_status 2
     expect_in_errors "Run 'gvusb set --help' for more."

@@ -6,12 +6,13 @@ namespace {
 
 ExchangeTimes timesOf(std::initializer_list<double> milliseconds) {
     ExchangeTimes times;
-    for (const double each : milliseconds)
+    for (const double each : milliseconds) {
         times.add(each);
+    }
     return times;
 }
 
-TEST(StatisticsTest, OneTimeIsAllOfThem) {
+TEST(StatisticsTest, ASingleTimeIsEveryStatistic) {
     const ExchangeTimes times = timesOf({4});
     EXPECT_EQ(times.count(), 1U);
     EXPECT_EQ(times.minimum(), 4);
@@ -27,14 +28,15 @@ TEST(StatisticsTest, OrderDoesNotMatter) {
     EXPECT_EQ(times.maximum(), 9);
 }
 
-TEST(StatisticsTest, MedianOfAnEvenNumberLiesBetweenTheTwoInTheMiddle) {
+TEST(StatisticsTest, MedianOfAnEvenNumberIsTheMeanOfTheMiddleTwo) {
     EXPECT_EQ(timesOf({1, 2, 4, 100}).median(), 3);
 }
 
-TEST(StatisticsTest, PercentileIsTheTimeThatSoManyDoNotExceed) {
+TEST(StatisticsTest, PercentileIsTheTimeThatThisPercentageDoesNotExceed) {
     ExchangeTimes times;
-    for (int i = 200; i >= 1; --i)
+    for (int i = 200; i >= 1; --i) {
         times.add(i);
+    }
     EXPECT_EQ(times.percentile(99), 198);
     EXPECT_EQ(times.percentile(50), 100);
     EXPECT_EQ(times.percentile(100), 200);
@@ -42,7 +44,7 @@ TEST(StatisticsTest, PercentileIsTheTimeThatSoManyDoNotExceed) {
     EXPECT_EQ(timesOf({1, 2, 3}).percentile(99), 3);
 }
 
-TEST(StatisticsTest, TimesMayBeAddedAfterALook) {
+TEST(StatisticsTest, TimesMayBeAddedAfterReading) {
     ExchangeTimes times = timesOf({2});
     EXPECT_EQ(times.maximum(), 2);
     times.add(1);

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# Tests of what `gvusb doctor` says of the configuration file.
+# Tests of what `gvusb doctor` says about the configuration file.
 source "$(dirname "$0")/../testing.sh"
 
 shows_the_configuration() {
     shell_on_bus "$doctor"
-    expect_sentence 'no /etc/gavo/gvusb.conf, so defaults hold; hot-plug mode 1: the library polls'
+    expect_sentence 'no /etc/gavo/gvusb.conf, using the defaults; hot-plug mode 1: the library polls'
     configure 'gvusb_debuglevel=0 gvusb_hotplug=2'
     shell_on_bus "$doctor"
     expect_status 0
@@ -19,11 +19,11 @@ shows_the_configuration() {
     shell_on_bus "$doctor"
     expect_status 0
     expect_sentence 'gvusb.conf: no settings; hot-plug mode 1'
-    expect_sentence 'note configuration only the first 1023 of its 1041 bytes are read'
+    expect_sentence 'note configuration the library reads only the first 1023 of the file.s 1041 bytes'
 }
 
 finds_a_configuration_that_cannot_be_read() {
-    # A file that nobody may open, root included: a link that leads to itself.
+    # Not even root can open a link to itself.
     ln -s loop "$scratch/loop"
     shell_on_bus "GVUSB_EMULATE_CONFIG=\"\$scratch/loop\" $doctor"
     expect_status 1

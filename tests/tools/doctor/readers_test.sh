@@ -1,25 +1,25 @@
 #!/usr/bin/env bash
-# Tests of what `gvusb doctor` says of the readers on the bus.
+# Tests of what `gvusb doctor` says about the readers on the bus.
 source "$(dirname "$0")/../testing.sh"
 
-finds_that_no_reader_is_there() {
+finds_that_there_is_no_reader() {
     readers=(--reader 'id=A1,vendor=0x1234' --reader 'id=B2,product=5')
     shell_on_bus "$doctor"
     expect_status 1
-    expect_sentence 'note devices [0-9a-f]*:0005 is of the vendor, but none of the readers'
+    expect_sentence 'note devices [0-9a-f]*:0005 has the vendor ID of the readers, but is not a product that the library knows'
     expect_sentence 'PROBLEM readers no reader (USB vendor [0-9a-f]*) is on the bus'
     expect_in_output '^            lsusb -d [0-9a-f]*:$'
 }
 
-finds_a_node_that_may_not_be_written() {
-    # As it is installed, whatever the vendor's ID.
+finds_a_node_without_write_permission() {
+    # The rule as installed, with any vendor ID.
     local rule
     rule=$(sed -n '/^ACTION/{s/[][*.]/\\&/g; s/@[A-Z_]*@/[0-9a-f]*/; p}' "$(dirname "$0")/../../../packaging/udev/70-gvusb.rules.in")
     shell_on_bus "bus 'refuse 1 EACCES'; $doctor"
     expect_status 1
     expect_sentence 'PROBLEM bus 1 device 2 this user may not write to /dev/bus/usb/001/002'
     if ls {/etc,/run,/usr/local/lib,/usr/lib,/lib}/udev/rules.d/70-gvusb.rules >/dev/null 2>&1; then
-        expect_sentence '/udev/rules.d/70-gvusb.rules admits who sits at the machine'
+        expect_sentence '/udev/rules.d/70-gvusb.rules grants access to the user at the machine'
     else
         expect_in_output 'into /etc/udev/rules.d/70-gvusb.rules:$'
         expect_in_output "^            $rule\$"
@@ -28,7 +28,7 @@ finds_a_node_that_may_not_be_written() {
     expect_in_output '^ok       bus 1 device 3  reader B2 '
 }
 
-finds_a_node_that_is_not_there() {
+finds_a_missing_node() {
     shell_on_bus "bus 'refuse 1 ENOENT'; $doctor"
     expect_status 1
     expect_sentence 'PROBLEM bus 1 device 2 /dev/bus/usb/001/002 cannot be opened: '
@@ -39,16 +39,16 @@ finds_a_reader_without_device_id() {
     readers=(--reader missing=1 --reader id=xyz --reader id=1)
     shell_on_bus "$doctor"
     expect_status 1
-    expect_sentence 'PROBLEM bus 1 device 2 the reader does not tell a device ID'
-    expect_sentence 'PROBLEM bus 1 device 3 the reader does not tell a device ID'
-    expect_in_output '^2 problems\.$'
+    expect_sentence 'PROBLEM bus 1 device 2 the device ID is missing or not hexadecimal, so no scan finds the reader'
+    expect_sentence 'PROBLEM bus 1 device 3 the device ID is missing or not hexadecimal, so no scan finds the reader'
+    expect_in_output '^2 problems found\.$'
 }
 
-tells_of_a_kernel_driver() {
+notes_a_kernel_driver() {
     readers=(--reader 'id=A1,driver=usbhid')
     shell_on_bus "$doctor"' && "$gvusb" send A1 02'
     expect_status 0
-    expect_sentence 'note bus 1 device 2 reader A1 .*: the kernel driver usbhid is bound to interface 0; the library takes'
+    expect_sentence 'note bus 1 device 2 reader A1 .*: the kernel driver usbhid is bound to interface 0; the library detaches it at the first exchange'
     expect_equal "the last line" "$(tail -n 1 "$scratch/output")" '02'
 }
 
@@ -60,33 +60,33 @@ finds_a_kernel_driver_in_the_way() {
     expect_in_output 'sudo tee /sys/bus/usb/drivers/usbhid/unbind$'
 }
 
-# Has another process claim reader 1 while the text runs.
-while_claimed() { # TEXT
+# Run a script while another process claims reader 1.
+while_claimed() { # SCRIPT
     shell_on_bus 'mkfifo "$scratch/frames"; "$gvusb" send A1 <"$scratch/frames" >"$scratch/answers" & other=$!
         exec 3>"$scratch/frames"; echo 02 >&3; await test -s "$scratch/answers"
         '"$1"'
         status=$?; exec 3>&-; wait $other; echo "other: $other"; exit $status'
 }
 
-names_the_process_that_has_claimed_the_interface() {
+names_the_process_that_claimed_the_interface() {
     while_claimed "$doctor"
     expect_status 1
     other=$(sed -n 's/^other: //p' "$scratch/output")
-    # The emulator has the node open too.
-    expect_sentence "PROBLEM bus 1 device 2 reader A1 .*: interface 0 is claimed by .*gvusb (process $other).*, so it cannot"
+    # The emulator also has the node open.
+    expect_sentence "PROBLEM bus 1 device 2 reader A1 .*: interface 0 is claimed by .*gvusb (process $other).*, so no other program can"
     expect_in_output "^            kill .*$other"
     expect_in_output '^ok       bus 1 device 3  reader B2 '
 }
 
-says_when_only_root_could_name_the_process() {
-    # Only who has every capability of a process may look into it.
+says_that_root_can_name_the_process() {
+    # Inspecting a process takes all the capabilities that it has.
     if [ "$(id -u)" -eq 0 ]; then
         lesser='setpriv --bounding-set=-sys_ptrace,-chown'
     else
         lesser='unshare --user --map-root-user'
     fi
     $lesser true || {
-        echo "Skipped: neither root nor allowed to make a user namespace."
+        echo "Skipped: needs root or permission to create a user namespace."
         exit 77
     }
     while_claimed "$lesser bash -c '$doctor'"

@@ -1,4 +1,4 @@
-/* Lets a program find udev running or not, as the environment variable GVUSB_TEST_UDEV says. */
+/* A preload that makes a program find udev running or not, according to the environment variable GVUSB_TEST_UDEV. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -16,6 +16,6 @@ int access(const char* path, int mode) {
     }
     void* const found = dlsym(RTLD_NEXT, "access");
     access_function* next;
-    memcpy(&next, &found, sizeof next); /* C knows no conversion from an object's address to a function's */
+    memcpy(&next, &found, sizeof next); /* C has no conversion from an object pointer to a function pointer */
     return next(path, mode);
 }

@@ -22,7 +22,7 @@ doctor_blames_the_node() {
 }
 
 doctor_knows_the_rule() {
-    doctor_blames_the_node "$1" && grep -q '/etc/udev/rules.d/70-gvusb.rules admits' /run/doctor
+    doctor_blames_the_node "$1" && grep -q '/etc/udev/rules.d/70-gvusb.rules grants access' /run/doctor
 }
 
 on_the_bus() {

@@ -7,9 +7,9 @@ check_tool() {
     done
 }
 
-check_tool list shows_readers_in_a_table tells_when_there_is_no_reader
-check_tool info tells_of_one_reader
-check_tool send prints_the_answer tells_a_time_out
+check_tool list shows_readers_in_a_table reports_that_there_is_no_reader
+check_tool info shows_one_reader
+check_tool send prints_the_answer reports_a_time_out
 
 rm -f /etc/gavo/gvusb.conf
-check "doctor finds all well" prints '^All is well' "$launcher" -- "$tool" doctor
+check "doctor finds all well" prints '^No problems found' "$launcher" -- "$tool" doctor
