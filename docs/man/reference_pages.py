@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """usage: reference_pages.py DOXYGEN_XML_FOLDER VERSION OUTPUT_FOLDER
 
-Makes the manual's section 3 from what Doxygen read in the public header: libgvusb(3) from its first page, one page for
-each group of functions, and a reference to it under each function's name.
+Make section 3 of the manual from Doxygen's output for the public header: libgvusb(3) from the main page, one page for
+each group of functions, and under the name of each function a reference to its page.
 """
 
 import os
@@ -18,7 +18,7 @@ def escape(text):
 
 
 def inline(element):
-    """The text of an element with its inline markup, without that of the blocks in it."""
+    """The text of an element with its inline markup, without nested blocks."""
     text = escape(element.text or "")
     for child in element:
         if child.tag not in BLOCKS:
@@ -88,7 +88,7 @@ def function(member):
 
 
 def described(element):
-    """One line on an enumerator or a field."""
+    """The description of an enumerator or a field, on one line."""
     paras = element.findall("briefdescription/para") + element.findall("detaileddescription/para")
     return " ".join(inline(para) for para in paras)
 
@@ -112,7 +112,7 @@ def macro(member):
 
 
 def type_name(member):
-    """Doxygen sets blanks of its own beside stars and brackets; here they stand as in the header."""
+    """Undo the blanks that Doxygen adds beside stars and parentheses."""
     definition = member.findtext("definition").replace(" *", "* ").replace("(* ", " (*").replace(") (", ")(")
     return defined(member, definition + ";")
 

@@ -1,7 +1,7 @@
 #!/bin/sh
 # usage: tool_page.sh PROGRAM BRIEF OUTPUT [COMMAND...]
-# Makes a program's manual page from what it says of itself, and of each of its commands. help2man lays out the usage and
-# the options. What comes behind them, under headings in capitals, keeps its lines: it has tables and command lines.
+# Makes the manual page of a program from its help and the help of its commands. help2man lays out the usage and the
+# options. The sections that follow, under headings in capitals, keep their lines: they contain tables and commands.
 set -eu
 program=$1 brief=$2 output=$3
 shift 3
@@ -25,7 +25,7 @@ escaped() { sed 's/\\/\\e/g; s/-/\\-/g; s/^\./\\\&./'; }
     printf '[see also]\n.BR libgvusb (3),\n.BR gvusb.conf (5),\n.BR gvusb (1),\n.BR gvusb\\-emulate (1)\n'
 } >"$scratch/include"
 
-# The program as help2man is to see it: forms of the usage behind the first begin with "or:".
+# What help2man runs instead of the program. All forms of the usage except the first start with "or:".
 sed "\|$heading|,\$d" "$scratch/help" | sed '/^Usage: /,/^$/s/^  */  or:  /' >"$scratch/options"
 "$program" --version >"$scratch/version"
 seen=$scratch/$(basename "$program")
