@@ -1,14 +1,14 @@
 /*
- * Sends one frame to a reader and prints the answer.
+ * Send a frame to a reader and print the answer.
  *
- * usage: exchange_frame ID BYTE...     all in hexadecimal: exchange_frame 1A2B3C 02 00 07 FF 01
+ * usage: exchange_frame ID BYTE...     all hexadecimal, for example: exchange_frame 1A2B3C 02 00 07 FF 01
  */
 #include <gvusb.h>
 
 #include <stdio.h>
 #include <stdlib.h>
 
-enum { MAX_FRAME = 4096 }; /* the longest that every reader takes, also one without bulk endpoints */
+enum { MAX_FRAME = 4096 }; /* the limit for readers without bulk endpoints */
 
 static int fail(int code) {
     char text[GVUSB_TEXT_SIZE];
@@ -17,7 +17,7 @@ static int fail(int code) {
     return EXIT_FAILURE;
 }
 
-/* Reads a number in hexadecimal. Returns 0, and says why, when the text is none. */
+/* Read a hexadecimal number. Return 0 after printing a message if the text is not one. */
 static int read_hexadecimal(const char* text, unsigned int largest, unsigned int* number) {
     char* end;
     unsigned long value = strtoul(text, &end, 16);

@@ -1,6 +1,6 @@
 /*
- * Exchanges a frame every half second and overcomes what goes wrong: no answer in time, a reader that was
- * pulled out and comes back, an endpoint that is halted.
+ * Exchange a frame every half second, and recover from errors: a time-out, a reader that is unplugged and
+ * plugged in again, a halted endpoint.
  *
  * usage: handle_errors [EXCHANGES]
  */
@@ -18,19 +18,19 @@ static void sleep_ms(long ms) {
 }
 
 /*
- * After a time-out the answer may still be on its way, and the next exchange would take it for its own. So
- * receive until nothing comes any more.
+ * After a time-out, the answer may still arrive, and the next exchange would receive it instead of its own
+ * answer. So receive until nothing arrives.
  */
 static void drop_late_answer(int handle) {
     unsigned char late[ANSWER_SIZE];
     while (GVUSB_Receive(handle, GVUSB_PROTOCOL, late, sizeof late) > 0) {
-        puts("  a late answer was dropped");
+        puts("  dropped a late answer");
     }
 }
 
 /*
- * A scan finds a reader that is back and puts it in its old place, open and with its handle; where the library
- * polls, it has done so already.
+ * A scan finds a reader that is back and reopens it under its old handle. If the library polls, a poll may do
+ * so first.
  */
 static void wait_for_reader(int handle) {
     while (GVUSB_IsDevicePresent(handle) != 1) {
@@ -39,7 +39,7 @@ static void wait_for_reader(int handle) {
     }
 }
 
-/* What can be done about a failed exchange. Returns 0 to go on, or the code to give up with. */
+/* Recover from a failed exchange. Return 0 to continue, or the code to give up with. */
 static int recover(int handle, int code) {
     switch (code) {
     case GVUSB_ERR_TIMEOUT:
@@ -47,14 +47,14 @@ static int recover(int handle, int code) {
         return 0;
     case GVUSB_ERR_BULK_TRANSFER: /* an endpoint may be halted */
         return GVUSB_SetDevicePara(handle, "RESETPIPE", "");
-    case GVUSB_ERR_CONTROL_TRANSFER: /* the reader refused the frame; nothing is left to be cleared */
+    case GVUSB_ERR_CONTROL_TRANSFER: /* the reader refused the frame; there is nothing to clear */
         return 0;
     case GVUSB_ERR_NOT_PRESENT:
         puts("  waiting for the reader");
         wait_for_reader(handle);
         puts("  it is back");
         return 0;
-    default: /* such as GVUSB_ERR_CANNOT_CLAIM, when another program has the reader */
+    default: /* such as GVUSB_ERR_CANNOT_CLAIM: another program has claimed the reader */
         return code;
     }
 }

@@ -1,10 +1,10 @@
-/* Lists the readers on the bus: what each says of itself when it is identified. */
+/* List the readers on the bus, with the texts that identify them. */
 #include <gvusb.h>
 
 #include <stdio.h>
 #include <stdlib.h>
 
-/* A parameter of an entry of the scan list, or an empty text. The text lasts until the caller's next call. */
+/* A parameter of an entry in the scan list, or an empty text. Stored in `value`. */
 static const char* parameter(int index, const char* key, char value[GVUSB_PARAMETER_SIZE]) {
     value[0] = '\0';
     if (GVUSB_GetScanListPara(index, key, value) != 0) {

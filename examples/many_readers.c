@@ -1,11 +1,11 @@
 /*
- * Talks to every reader at once, each in a thread of its own.
+ * Exchange frames with all readers at once, with one thread for each reader.
  *
  * usage: many_readers [EXCHANGES]
  *
- * Every function of the library may be called from any thread. The library lets one exchange run at a time,
- * so threads keep the readers' logic apart; they do not make the bus faster. A failed call tells its code by
- * what it returns: the last error is one for the whole process and may be another thread's.
+ * Every function of the library may be called from any thread. The library runs one exchange at a time, so
+ * threads separate the logic of the readers but do not speed up the bus. Rely on the returned codes: the last
+ * error belongs to the whole process and may come from another thread.
  */
 #include <gvusb.h>
 
@@ -18,9 +18,9 @@ enum { MAX_READERS = 64, DEFAULT_EXCHANGES = 100 };
 struct reader {
     pthread_t thread;
     int handle;
-    int exchanges; /* to be made */
+    int exchanges; /* to make */
     int answered;
-    int code; /* of the first failure, else 0 */
+    int code; /* of the first failure, or 0 */
 };
 
 static void* talk(void* argument) {
@@ -39,7 +39,7 @@ static void* talk(void* argument) {
     return NULL;
 }
 
-/* Tells how a reader did and closes it. Returns its code. */
+/* Print the result for a reader and close it. Return its code. */
 static int finish(const struct reader* reader) {
     char id[GVUSB_PARAMETER_SIZE] = "";
     char text[GVUSB_TEXT_SIZE] = "";
@@ -67,7 +67,7 @@ int main(int argc, char** argv) {
         readers[count++] = (struct reader){.handle = handle, .exchanges = exchanges};
     }
     if (handle != 0) {
-        fprintf(stderr, "The readers beyond %d are left alone.\n", MAX_READERS);
+        fprintf(stderr, "There are more than %d readers; the others are not used.\n", MAX_READERS);
     }
     int started = 0;
     while (started < count && pthread_create(&readers[started].thread, NULL, talk, &readers[started]) == 0) {
@@ -75,7 +75,7 @@ int main(int argc, char** argv) {
     }
     int status = EXIT_SUCCESS;
     if (started < count) {
-        fprintf(stderr, "There are threads for %d of %d readers only.\n", started, count);
+        fprintf(stderr, "Threads could be started for only %d of %d readers.\n", started, count);
         status = EXIT_FAILURE;
     }
     for (int i = 0; i < started; ++i) {

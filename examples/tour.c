@@ -1,4 +1,4 @@
-/* A tour of the library: finds every reader, opens it, exchanges a frame with it, meets an error, closes. */
+/* A tour of the library: find and open all readers, exchange a frame with each, cause an error, close all. */
 #include <gvusb.h>
 
 #include <stdio.h>
@@ -12,7 +12,7 @@ static void print_bytes(const char* label, const unsigned char* bytes, int count
     printf("\n");
 }
 
-/* Tells what the library has to say about the last failure. */
+/* Print the text of the last error. */
 static void print_last_error(const char* what) {
     int code = 0;
     char text[GVUSB_TEXT_SIZE];
@@ -20,8 +20,7 @@ static void print_last_error(const char* what) {
     printf("  %s: %s\n", what, text);
 }
 
-/* Prints the identity of an entry of the scan list and opens the reader. Returns its handle or a negative
- * code. */
+/* Print the identity of a scan-list entry and open the reader. Return its handle or a negative code. */
 static int open_reader(int index) {
     char id[GVUSB_PARAMETER_SIZE] = "";
     char family[GVUSB_PARAMETER_SIZE] = "";
@@ -31,11 +30,11 @@ static int open_reader(int index) {
     GVUSB_GetScanListPara(index, "FAMILYNAME", family);
     GVUSB_GetScanListPara(index, "DEVICENAME", name);
     GVUSB_GetScanListPara(index, "INTERFACE", protocol);
-    printf("  %s: %s, family %s, speaks %s\n", id, name, family, protocol);
+    printf("  %s: %s, family %s, interface %s\n", id, name, family, protocol);
 
     int handle = GVUSB_OpenDevice((unsigned int)strtoul(id, NULL, 16));
     if (handle < 0) {
-        print_last_error("  it could not be opened");
+        print_last_error("  opening failed");
         return handle;
     }
     char type[GVUSB_PARAMETER_SIZE] = "";
@@ -44,7 +43,7 @@ static int open_reader(int index) {
     return handle;
 }
 
-/* Sends a frame and shows it with the reader's answer. Returns 0, or a negative code. */
+/* Send a frame and print it and the answer. Return 0 or a negative code. */
 static int exchange_frame(int handle) {
     static const unsigned char request[] = {0x02, 0x00, 0x07, 0xFF, 0x01};
     unsigned char answer[256];
@@ -75,13 +74,13 @@ int main(void) {
 
     printf("\nAn error, with its text\n");
     GVUSB_OpenDevice(0xDECAF);
-    print_last_error("opening a reader that was never found");
+    print_last_error("opening a reader that no scan found");
 
     printf("\nClosing\n");
     int handle;
     while ((handle = GVUSB_GetDeviceList(0)) != 0) {
         GVUSB_CloseDevice(handle);
-        printf("  handle 0x%x is closed\n", (unsigned int)handle);
+        printf("  closed handle 0x%x\n", (unsigned int)handle);
     }
     return status;
 }

@@ -1,12 +1,11 @@
 /*
- * Watches readers come and go, and keeps using the handles of those that come back.
+ * Watch readers come and go, and use the handles of those that come back.
  *
  * usage: watch_readers [SECONDS]
  *
- * The library polls the bus in a thread of its own and calls the handlers there. A reader that was opened and
- * comes back takes its old place: its handle works again. Each handler scans, as a reader is reported only once
- * between two scans, and it scans before it tells of the reader: the leaving of a reader is reported only of
- * those that the last scan found.
+ * The library polls the bus in its own thread and calls the handlers there. When an open reader comes back,
+ * its handle works again. Each handler scans, because the library reports a reader only once between two
+ * scans. It scans before it prints: a disconnect is reported only for readers that the last scan found.
  */
 #define _POSIX_C_SOURCE 199309L /* nanosleep, clock_gettime */
 #include <gvusb.h>
@@ -40,7 +39,7 @@ static void on_connect(int handle, unsigned int id, const char* text) {
 static void on_disconnect(int handle, unsigned int id, const char* text) {
     (void)text;
     GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
-    printf("  %4.1f s  event: reader %X was disconnected, its handle is 0x%x\n", seconds_since_start(), id,
+    printf("  %4.1f s  event: reader %X was disconnected, handle 0x%x\n", seconds_since_start(), id,
            (unsigned int)handle);
 }
 
@@ -81,7 +80,7 @@ int main(int argc, char** argv) {
     setvbuf(stdout, NULL, _IOLBF, 0);
 
     int code = GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, NULL);
-    if (code == 0 || code == GVUSB_ERR_NO_DEVICE_FOUND) { /* there may be one later */
+    if (code == 0 || code == GVUSB_ERR_NO_DEVICE_FOUND) { /* a reader may be plugged in later */
         code = watch_events();
     }
     if (code != 0) {

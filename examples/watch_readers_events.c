@@ -1,10 +1,10 @@
 /*
- * Watches readers come and go in hot-plug mode 2, where libusb reports them while its events are handled. For
- * programs that have an event loop anyway: this one is nothing but the loop.
+ * Watch readers come and go in hot-plug mode 2, in which libusb reports changes while its events are handled.
+ * This mode is for programs that have an event loop; this one has nothing else.
  *
  * usage: watch_readers_events [SECONDS]
  *
- * /etc/gavo/gvusb.conf has to say gvusb_hotplug=2. In mode 1, the usual one, nobody has to handle events: see
+ * /etc/gavo/gvusb.conf must contain gvusb_hotplug=2. In mode 1, the default, no event loop is needed: see
  * watch_readers.c.
  */
 #define _POSIX_C_SOURCE 199309L /* clock_gettime */
@@ -19,14 +19,14 @@
 
 enum { DEFAULT_SECONDS = 60 };
 
-/* Handlers may run in another thread than main; printf is all that these two share with it. */
+/* Handlers may run in another thread than main. These two only call printf, which is safe. */
 static void on_connect(int handle, unsigned int id, const char* text) {
     (void)handle;
     (void)text;
     printf("reader %X was connected\n", id);
 }
 
-/* libusb does not tell which one it was; GVUSB_IsDevicePresent tells it of each handle. */
+/* libusb does not say which reader it was. GVUSB_IsDevicePresent says so for each handle. */
 static void on_disconnect(int handle, unsigned int id, const char* text) {
     (void)handle;
     (void)id;
@@ -51,13 +51,14 @@ int main(int argc, char** argv) {
         return fail(code);
     }
     if (strcmp(mode, "2") != 0) {
-        fprintf(stderr, "The hot-plug mode is %s; /etc/gavo/gvusb.conf has to say gvusb_hotplug=2.\n", mode);
+        fprintf(stderr, "The hot-plug mode is %s; /etc/gavo/gvusb.conf must contain gvusb_hotplug=2.\n",
+                mode);
         return EXIT_FAILURE;
     }
 
-    /* The library's context is libusb's default one. A reference of our own keeps it until main is over. */
+    /* The library uses libusb's default context. This reference keeps the context until main ends. */
     if (libusb_init(NULL) != 0) {
-        fprintf(stderr, "libusb could not be started.\n");
+        fprintf(stderr, "libusb could not be initialized.\n");
         return EXIT_FAILURE;
     }
     GVUSB_EVENT_INIT connect = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, on_connect};
@@ -82,7 +83,7 @@ int main(int argc, char** argv) {
         clock_gettime(CLOCK_MONOTONIC, &now);
     }
 
-    /* Once they are removed no handler runs any more. */
+    /* After this, no handler runs. */
     GVUSB_DelEventHandler(0, &connect);
     GVUSB_DelEventHandler(0, &disconnect);
     libusb_exit(NULL);

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Lists the readers on the bus and sends each of them a frame."""
+"""List the readers on the bus and exchange a frame with each."""
 
 import sys
 

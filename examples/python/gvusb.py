@@ -1,16 +1,15 @@
-"""USB RFID readers from Python: the functions of libgvusb.so.7 by ctypes, and the constants of gvusb.h, under the
-same names.
+"""USB RFID readers from Python: the functions of libgvusb.so.7 and the constants of gvusb.h, under the same names.
 
-Functions return what the library returns, but a failure (a negative code) raises GvusbError. What C writes into
-a buffer of the caller's is returned: GVUSB_GetDevicePara gives the value, GVUSB_Receive the bytes.
+Functions return what the C functions return, except that a negative code raises GvusbError. What the C
+functions write into a buffer is returned: GVUSB_GetDevicePara returns the value, GVUSB_Receive the bytes.
 
     import gvusb
     handle = gvusb.GVUSB_ScanAndOpen(gvusb.GVUSB_SCAN_FIRST)
     print(gvusb.GVUSB_Transceive(handle, bytes.fromhex("02 00 07 FF 01")).hex())
     gvusb.GVUSB_CloseDevice(handle)
 
-Every function may be called from any thread. The environment variable GVUSB_LIBRARY names another file than the
-installed libgvusb.so.7.
+Every function may be called from any thread. The environment variable GVUSB_LIBRARY names a file to load
+instead of the installed libgvusb.so.7.
 """
 
 import ctypes
@@ -105,7 +104,7 @@ GVUSB_CALLBACK_FUNCTION = 3
 
 
 class GVUSB_SCANSEARCH(ctypes.Structure):
-    """What a scan looks for: one of the GVUSB_SEARCH_... as mask, and the text that goes with it, as bytes."""
+    """What a scan searches for: a GVUSB_SEARCH_... constant as the mask, and the text for it, as bytes."""
 
     _fields_ = [
         ("mask", ctypes.c_int32),
@@ -121,7 +120,7 @@ _Callback = ctypes.CFUNCTYPE(None, ctypes.c_int, ctypes.c_uint, ctypes.c_char_p)
 class GVUSB_EVENT_INIT(ctypes.Structure):
     """An event handler: GVUSB_EVENT_INIT.of(GVUSB_EVENT_CONNECT, function(handle, device_id, text)).
 
-    The function runs in a thread of the library. Keep the record as long as it is registered.
+    The function runs in a thread of the library. Keep a reference to the record while it is registered.
     """
 
     _fields_ = [
@@ -138,7 +137,7 @@ class GVUSB_EVENT_INIT(ctypes.Structure):
 
 
 class GvusbError(Exception):
-    """A call failed: `code` is what it returned, the text is the library's."""
+    """A failed call, with the code that it returned and the library's text for it."""
 
     def __init__(self, code):
         super().__init__(GVUSB_GetErrorText(code))
@@ -231,7 +230,7 @@ def GVUSB_GetDeviceHnd(device_id):
 
 
 def GVUSB_Transceive(handle, frame, size=4096, interface_name=GVUSB_PROTOCOL):
-    """Sends a frame and returns the answer, which may have up to `size` bytes."""
+    """Send a frame and return the answer, which may have up to `size` bytes."""
     answer = ctypes.create_string_buffer(size)
     name = interface_name.encode()
     count = _check(_transceive(handle, name, 0, frame, len(frame), answer, size))
@@ -267,7 +266,7 @@ def GVUSB_DelEventHandler(handle, registration):
 
 
 def GVUSB_GetLastError(handle):
-    """Returns the last error as (code, text)."""
+    """Return the last error as (code, text)."""
     code = ctypes.c_int()
     text = ctypes.create_string_buffer(GVUSB_TEXT_SIZE)
     _get_last_error(handle, ctypes.byref(code), text)

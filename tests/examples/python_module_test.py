@@ -1,4 +1,4 @@
-"""The Python module, on two virtual readers: 1A2B3C with bulk endpoints and 4D5E6F without."""
+"""Tests of the Python module on two virtual readers: 1A2B3C with bulk endpoints and 4D5E6F without."""
 
 import os
 import re
@@ -89,7 +89,7 @@ class PythonModuleTest(unittest.TestCase):
         self.assertEqual(failure.exception.code, gvusb.GVUSB_ERR_NOT_SCANNED)
         self.assertEqual(str(failure.exception), "GVUSB: (-1140) device not scanned")
 
-    def test_a_time_out_is_told_by_its_code(self):
+    def test_a_time_out_has_its_code(self):
         handle = gvusb.GVUSB_OpenDevice(0x1A2B3C)
         gvusb.GVUSB_SetDevicePara(handle, "TIMEOUT", 50)
         with self.assertRaises(gvusb.GvusbError) as failure:
@@ -97,7 +97,7 @@ class PythonModuleTest(unittest.TestCase):
         self.assertEqual(failure.exception.code, gvusb.GVUSB_ERR_TIMEOUT)
         self.assertEqual(gvusb.GVUSB_GetLastError(handle), (-1130, "GVUSB: (-1130) timeout"))
 
-    def test_tells_versions(self):
+    def test_returns_versions(self):
         self.assertEqual(gvusb.GVUSB_GetDLLVersion(), "07.01.00")
         with self.assertRaises(gvusb.GvusbError):
             gvusb.GVUSB_GetDrvVersion()

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # usage: run_example.sh CASE EXAMPLES_FOLDER LAUNCHER LIBRARY [PYTHON_FOLDER]
-# An example does on virtual readers what it is there to show. Each case is a function below.
+# Run an example on virtual readers and check what it shows. Each case is a function below.
 set -euo pipefail
 case=$1 examples=$2 launcher=$3 library=$4 python=${5:-}
 
@@ -16,7 +16,7 @@ expect_equal() {
     [ "$1" = "$2" ] || fail "expected:"$'\n'"$2"$'\n'"but it was:"$'\n'"$1"
 }
 
-# on_bus LAUNCHER_OPTIONS... -- CASE_FUNCTION: runs the function in a shell on that bus.
+# on_bus LAUNCHER_OPTIONS... -- CASE_FUNCTION: run the function in a shell on that bus.
 on_bus() {
     local options=()
     while [ "$1" != -- ]; do
@@ -30,14 +30,14 @@ send() {
     "$launcher" --send "$1" >/dev/null
 }
 
-# Starts an example whose output `await` reads.
+# Start an example whose output `await` reads.
 start() {
     coproc example { "$@"; }
     # shellcheck disable=SC2154 # set by coproc
     pid=$example_PID
 }
 
-# Reads the example's output until all of these texts have come, in whatever order.
+# Read the example's output until all of these texts have appeared, in any order.
 await() {
     local line text missing=("$@") rest
     while [ ${#missing[@]} -gt 0 ]; do
@@ -114,7 +114,7 @@ watches_by_polling_on_bus() {
     send "unplug 1"
     await "event: reader 1A2B3C was disconnected" "the reader does not answer any more"
     send "plug 1"
-    # The next reader has to come after the scan of this event's handler, which would keep it from being reported.
+    # The handler of this event scans. If that scan found the next reader, the reader would not be reported.
     await "event: reader 1A2B3C was connected" "the reader is back" "a frame was answered"
     send "plug id=2B0001"
     await "event: reader 2B0001 was connected"
@@ -171,7 +171,7 @@ says_which_mode_it_needs() {
     local error status=0
     error=$("$launcher" --no-config -- "$examples/watch_readers_events" 2>&1) || status=$?
     expect_equal "$status: $error" \
-        "1: The hot-plug mode is 1; /etc/gavo/gvusb.conf has to say gvusb_hotplug=2."
+        "1: The hot-plug mode is 1; /etc/gavo/gvusb.conf must contain gvusb_hotplug=2."
 }
 
 exchanges_a_frame_from_python() {
