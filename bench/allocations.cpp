@@ -32,7 +32,7 @@ Allocations allocations() noexcept {
             .bytes = bytesInUse.load(std::memory_order_relaxed)};
 }
 
-// glibc's own entry points, which are there before anything can be looked up.
+// glibc's own entry points: they work before the first dlsym().
 extern "C" {
 
 void* __libc_malloc(std::size_t size);

@@ -1,10 +1,10 @@
-// The program's own malloc and its kin, which count.
+// The allocations of this program, counted by its own malloc() family.
 #pragma once
 
 #include <cstddef>
 
 struct Allocations {
-    std::size_t count = 0; // made since the start
+    std::size_t count = 0; // since the start
     std::size_t bytes = 0; // in use
 };
 

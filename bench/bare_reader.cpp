@@ -27,7 +27,7 @@ struct Start {
     ~Start() { libusb_exit(nullptr); }
 };
 
-// libusb's context is shared by all who start it, the library as well.
+// libusb's default context is shared, also with the library.
 void startLibUsb() {
     static const Start start;
 }

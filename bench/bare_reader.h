@@ -1,4 +1,4 @@
-// What the library does for an application, done by the application itself: the same calls to libusb, and nothing else.
+// The same libusb calls that the library makes, made directly.
 #pragma once
 
 #include <cstddef>
@@ -6,12 +6,12 @@
 
 #include <libusb.h>
 
-// What any look at the bus takes: the list, a descriptor for each device, and giving the list back.
+// Get the device list, read each descriptor and free the list.
 void listDevices();
 
 void zeroFill(unsigned char* buffer, std::size_t size);
 
-// The first reader on the bus, open, with its interface claimed. Its endpoints are those of virtual readers.
+// The first reader on the bus, opened, with its interface claimed. Uses the endpoints of virtual readers.
 class BareReader {
 public:
     BareReader();
@@ -19,7 +19,7 @@ public:
     BareReader& operator=(const BareReader&) = delete;
     ~BareReader();
 
-    // Sends a frame and receives the answer. Throws std::runtime_error.
+    // Send a frame and receive the answer. Throws std::runtime_error.
     int exchange(unsigned char* data, int length, unsigned char* buffer, int size);
 
 private:

@@ -1,4 +1,4 @@
-"""Instructions by valgrind's callgrind: exact, and the same on a machine that does other work too."""
+"""Instruction counts from valgrind's callgrind: exact, and independent of other load on the machine."""
 
 import collections
 import os
@@ -20,7 +20,7 @@ def _profile(command, environment):
 
 
 def _cost_of(function, lines):
-    """What all calls of a function cost, with all that it called; the name may be cut short."""
+    """The inclusive cost of all calls of a function, given by the start of its name."""
     names = {}
     calls = instructions = 0
     called = None
@@ -43,9 +43,10 @@ def _cost_of(function, lines):
 
 
 def instructions(functions, command_of, times, environment):
-    """Instructions for one call of each function; command_of(times) is a launcher and a program that makes so many calls.
+    """Instructions for one call of each function. command_of(times) is a launcher and a program that makes the calls.
 
-    Twice as many calls take twice as much, so what is not repeated cancels out. All are counted in the same two runs."""
+    Runs the program once with `times` and once with twice as many, so that the cost of what is not repeated cancels
+    out. The same two runs count all functions."""
     once, twice = (_profile(command_of(n), environment) for n in (times, 2 * times))
     result = []
     for function in functions:

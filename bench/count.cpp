@@ -1,6 +1,7 @@
 // usage: count OPERATION TIMES
-// Does an operation so many times, and tells on standard error what memory it took: JSON, for measure.py. Standard output
-// is the library's log.
+//
+// Repeat an operation and print its allocations as JSON, for measure.py. They go to standard error, because
+// the library logs to standard output.
 
 #include "allocations.h"
 #include "operations.h"

@@ -1,7 +1,8 @@
-// A libusb that does nothing, to be loaded in the place of the real one: what a program costs on it is the program's own.
+// A stub libusb that does nothing and allocates nothing. It is loaded instead of the real one, so that only
+// the cost of the program remains.
 //
-// GVUSB_BENCH_READERS readers are on its bus, 1 unless told otherwise. It allocates nothing. With GVUSB_BENCH_CALLS, the
-// name of a file, it writes a line there for each call.
+// The environment variable GVUSB_BENCH_READERS sets the number of readers on its bus (1). If
+// GVUSB_BENCH_CALLS names a file, each call writes a line there.
 
 #include <libusb.h>
 

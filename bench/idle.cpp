@@ -1,6 +1,7 @@
 // usage: idle SECONDS
-// Uses the library and does nothing. Prints the share of a core that it took: JSON, for measure.py. The idle time begins
-// and ends with getppid(), for those who trace system calls.
+//
+// Load the library, do nothing, and print the used share of a core as JSON, for measure.py. A call of
+// getppid() marks the start and the end of the idle time in a trace of the system calls.
 
 #include "gvusb.h"
 

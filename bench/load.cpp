@@ -1,7 +1,7 @@
 // usage: load LIBRARY SAMPLES UPDATE_RATE_MICROSECONDS
-// Loads the library and unloads it again, and starts libusb and ends it again, each in processes of their own in which
-// libusb and the C++ runtime are loaded already. Prints the median times, and what the library keeps of the heap for
-// itself: JSON, for measure.py.
+//
+// Load and unload the library, and initialize and exit libusb, each time in a new process that has libusb and
+// the C++ runtime loaded. Print the median times and the heap that the library uses as JSON, for measure.py.
 
 #include "allocations.h"
 
@@ -29,7 +29,7 @@ namespace {
 struct Sample {
     double begin = 0; // microseconds
     double end = 0;
-    std::size_t heap = 0; // bytes kept while it is there
+    std::size_t heap = 0; // bytes in use while loaded
 };
 
 template <class Action>
@@ -52,7 +52,7 @@ Sample loadLibrary(const char* path, const char* updateRate) {
     if (set == nullptr || set(GVUSB_DRIVER, "HOTPLUG-UPDATERATE", updateRate) != GVUSB_OK) {
         throw std::runtime_error("the update rate could not be set");
     }
-    // The thread is in the middle of its sleep when the end comes.
+    // The library's thread is sleeping when the library is unloaded.
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
     sample.end = microseconds([&] { dlclose(library); });
     return sample;
@@ -75,7 +75,7 @@ Sample startLibUsb() {
 Sample inChild(const std::function<Sample()>& take) {
     std::array<int, 2> ends = {};
     if (pipe(ends.data()) != 0) {
-        throw std::runtime_error("no pipe");
+        throw std::runtime_error("pipe() failed");
     }
     const pid_t child = fork();
     if (child == 0) {
@@ -94,7 +94,7 @@ Sample inChild(const std::function<Sample()>& take) {
     close(ends[0]);
     int status = 0;
     if (!whole || waitpid(child, &status, 0) != child || status != 0) {
-        throw std::runtime_error("a sample could not be taken");
+        throw std::runtime_error("taking a sample failed");
     }
     return sample;
 }
@@ -117,7 +117,7 @@ int main(int count, char** arguments) try {
     std::vector<double> init;
     std::vector<double> exit;
     std::size_t heap = 0;
-    // In turns, so that what else the machine does falls on both.
+    // Alternate, so that other load on the machine affects both.
     for (long i = 0; i < samples; ++i) {
         const Sample library = inChild([&] { return loadLibrary(arguments[1], arguments[3]); });
         load.push_back(library.begin);

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Prints what the library's operations cost, beside the same calls made straight to libusb, and fails where a bound
-is broken. usage: measure.py [--counted] BUILD
+"""Print the cost of the library's operations next to that of the same libusb calls made directly. Fail if a bound is
+exceeded. usage: measure.py [--counted] BUILD
 
-Counted are instructions, allocations, system calls and calls of libusb, which come out the same on any machine at any
-load; --counted leaves out the times."""
+The counts of instructions, allocations, system calls and libusb calls are the same on any machine at any load.
+--counted leaves out the times."""
 
 import argparse
 import collections
@@ -16,7 +16,7 @@ import tempfile
 
 import callgrind
 
-RECORD_SIZE = 872  # of a reader, on a 64-bit machine; what a scan keeps for it is measured against this
+RECORD_SIZE = 872  # of a reader's record on a 64-bit machine, which the heap used for a scanned reader is compared with
 
 
 class Bench:
@@ -29,7 +29,7 @@ class Bench:
         return os.path.join(self.build, *parts)
 
     def on_nothing(self, readers=1, **more):
-        """The environment in which libusb does nothing."""
+        """The environment that loads the stub libusb."""
         return os.environ | {"LD_LIBRARY_PATH": self.path("bench", "do_nothing"),
                              "GVUSB_BENCH_READERS": str(readers)} | more
 
@@ -45,11 +45,11 @@ class Bench:
     # Counting.
 
     def instructions(self, operation, function, times=1000, readers=1, launcher=()):
-        """Instructions for one call of a function during an operation; libusb does nothing."""
+        """Instructions for one call of a function during an operation, with the stub libusb."""
         return callgrind.instructions([function], self._command(operation, launcher), times, self.on_nothing(readers))[0]
 
     def instructions_on_bus(self, operation, functions, times, launcher):
-        """The same for several functions at once, with the real libusb on an emulated bus."""
+        """The same for several functions, with the real libusb on an emulated bus."""
         return callgrind.instructions(functions, self._command(operation, launcher), times, os.environ)
 
     def _command(self, operation, launcher):
@@ -72,7 +72,7 @@ class Bench:
         return round((count(2 * times) - count(times)) / times)
 
     def libusb_calls(self, operation, readers):
-        """How often one more time of an operation calls each function of libusb."""
+        """How often one operation calls each function of libusb."""
         def count(n):
             with tempfile.NamedTemporaryFile("r") as calls:
                 subprocess.run(self.program("count", operation, n), check=True, stderr=subprocess.DEVNULL,
@@ -81,7 +81,7 @@ class Bench:
         return count(2) - count(1)
 
     def idle_system_calls(self, mode):
-        """The system calls of an idle process, by name."""
+        """The names of the system calls of an idle process."""
         with tempfile.NamedTemporaryFile("r") as trace, configuration(f"gvusb_hotplug={mode}") as path:
             subprocess.run([*self.emulated("id=1", configuration=path), "strace", "-f", "-o", trace.name,
                             *self.program("idle", 2)], check=True, stdout=subprocess.DEVNULL)
@@ -92,7 +92,7 @@ class Bench:
 
 
 class configuration:
-    """A configuration file of these lines, while the context lasts."""
+    """A context manager with a configuration file of these lines."""
 
     def __init__(self, *lines):
         self.lines = lines
@@ -108,7 +108,7 @@ class configuration:
 
 
 class Table:
-    COLUMNS = ("operation", "unit", "ours", "bare libusb", "ratio", "bound", "")
+    COLUMNS = ("operation", "unit", "library", "bare libusb", "ratio", "bound", "")
     WIDTHS = (64, 13, 10, 12, 7, 9, 6)
 
     def __init__(self):
@@ -124,30 +124,30 @@ class Table:
         return "" if value is None else f"{value:,.0f}" if abs(value) >= 100 or value == int(value) else f"{value:.3g}"
 
     def row(self, operation, unit, ours, bare=None, *, most=None, most_ratio=None):
-        """A row; `most` bounds ours, `most_ratio` ours over bare."""
+        """A row. `most` bounds the library's cost, `most_ratio` its ratio to that of bare libusb."""
         ratio = ours / bare if bare else None
         holds = (most is None or ours <= most) and (most_ratio is None or ratio <= most_ratio)
         bound = f"{most_ratio:g} x" if most_ratio is not None else self._number(most)
         self._print((operation, unit, self._number(ours), self._number(bare),
                      "" if ratio is None else f"{ratio:.3f}", bound,
-                     "" if not bound else "ok" if holds else "BROKEN"))
+                     "" if not bound else "ok" if holds else "FAIL"))
         self.broken += not holds
 
 
 def exchanges(bench, table):
     exchange = bench.instructions("exchange", "GVUSB_Transceive")
     bare = bench.instructions("exchange.bare", "BareReader::exchange")
-    table.row("exchange of 16 bytes, libusb does nothing", "instructions", exchange, bare, most=350)
-    table.row("the same, last of 64 open readers", "instructions",
+    table.row("exchange of 16 bytes, stub libusb", "instructions", exchange, bare, most=350)
+    table.row("the same on the last of 64 open readers", "instructions",
               bench.instructions("exchange", "GVUSB_Transceive", readers=64), bare, most=700)
     table.row("exchange", "allocations", bench.allocations("exchange"), 0, most=0)
     table.row("exchange", "system calls", bench.system_calls("exchange"), 0, most=0)
-    table.row("what 4,080 bytes more to send add", "instructions",
+    table.row("extra cost of sending 4,080 more bytes", "instructions",
               bench.instructions("exchange-long-frame", "GVUSB_Transceive") - exchange, 0, most=0)
     fill = bench.instructions("zero-fill-large-buffer", "zeroFill(") - bench.instructions("zero-fill", "zeroFill(")
-    table.row("what a receive buffer of 64 KiB adds; bare: filling it with zeros", "instructions",
+    table.row("extra cost of a 64 KiB buffer; bare: filling it with zeros", "instructions",
               bench.instructions("exchange-large-buffer", "GVUSB_Transceive") - exchange, fill, most=fill + 16)
-    # Of the transfers in the same run: how often libusb looks for the end of one is a matter of luck.
+    # Compare within one run: how often libusb checks for the end of a transfer varies between runs.
     ours, transfer = bench.instructions_on_bus("exchange", ["GVUSB_Transceive", "libusb_bulk_transfer"], 100,
                                                bench.emulated("id=1"))
     table.row("exchange of 16 bytes, emulated bus; bare: its two transfers", "instructions", ours, 2 * transfer,
@@ -165,7 +165,7 @@ def scans(bench, table):
         bare = bench.libusb_calls("scan.bare", readers)
         table.row(f"scan of {readers}", "libusb calls", ours.total(), bare.total(), most=bare.total())
         if ours != bare:
-            print(f"  the calls differ: {ours - bare} more, {bare - ours} fewer")
+            print(f"  the calls differ: {ours - bare} only in the library, {bare - ours} only in bare libusb")
             table.broken += 1
     kept = [bench.memory("scan", 1, readers)["bytes"] for readers in (1, 120)]
     table.row("heap kept for a scanned reader; bare: its record", "bytes", (kept[1] - kept[0]) / 119, RECORD_SIZE,
@@ -185,12 +185,12 @@ def logging(bench, table):
         logged = {"launcher": bench.emulated(configuration=path)}
         for operation in ("exchange", "scan"):
             few, many = (bench.memory(operation, times, **logged) for times in (100, 200))
-            table.row(f"a line of the log, level 2, {operation}", "allocations",
+            table.row(f"one log line, level 2, {operation}", "allocations",
                       (many["allocations"] - few["allocations"]) / (many["lines"] - few["lines"]), most=6)
         long, longer = (bench.instructions(operation, "GVUSB_Transceive", times=100, **logged)
                         for operation in ("exchange-long-frame", "exchange-longer-frame"))
-        # The digits of the times make some difference, but less than one instruction for each byte would.
-        table.row("exchange, level 2: what 4 KiB behind a full dump add", "instructions", longer - long, most=1000)
+        # The digits of the times vary, but by less than one instruction per byte.
+        table.row("exchange, level 2: extra cost of 4 KiB after a full dump", "instructions", longer - long, most=1000)
 
 
 def sizes(bench, table):
@@ -209,7 +209,7 @@ def load(bench, samples, update_rate):
 def idling(bench, table):
     for mode in (0, 2):
         others = bench.idle_system_calls(mode) - {"clock_nanosleep", "restart_syscall"}
-        table.row(f"idle, hot-plug mode {mode}: but the wake-up", "system calls", len(others), most=0)
+        table.row(f"idle, hot-plug mode {mode}, except wake-ups", "system calls", len(others), most=0)
         if others:
             print("  " + ", ".join(sorted(others)))
 
@@ -235,11 +235,11 @@ def scan_times(bench, table):
 
 
 def load_times(bench, table):
-    for update_rate, name in ((300_000, "300 ms"), (10, "10 us"), (3_600_000_000, "an hour")):
+    for update_rate, name in ((300_000, "300 ms"), (10, "10 us"), (3_600_000_000, "1 hour")):
         times = load(bench, 50, update_rate)
         if update_rate == 300_000:
-            table.row("load to ready; bare: libusb_init", "us", times["load"], times["init"], most_ratio=1.3)
-        table.row(f"unload, update rate {name}; bare: libusb_exit", "us", times["unload"], times["exit"],
+            table.row("loading; bare: libusb_init", "us", times["load"], times["init"], most_ratio=1.3)
+        table.row(f"unloading, update rate {name}; bare: libusb_exit", "us", times["unload"], times["exit"],
                   most=times["exit"] + 5000)
 
 
@@ -256,7 +256,7 @@ def main():
         for measure in (processor_time, scan_times, load_times):
             measure(bench, table)
     if table.broken:
-        print(f"{table.broken} bounds are broken", file=sys.stderr)
+        print(f"{table.broken} bounds are exceeded", file=sys.stderr)
     return 1 if table.broken else 0
 
 

@@ -14,7 +14,7 @@ namespace {
 
 using Action = std::function<void(long times)>;
 
-// The loop is in here, so that next to nothing is counted but the operation.
+// The loop is inside, so that almost nothing but the operation is counted.
 template <class Operate>
 Action repeated(Operate operate) {
     return [operate](long times) mutable {
@@ -34,12 +34,12 @@ void check(int code, const char* what) {
     }
 }
 
-// No polls beside what is measured.
+// Polls would be counted too.
 void suspendPolls() {
-    check(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1"), "suspending the polls");
+    check(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1"), "suspending polling");
 }
 
-// The last opened of all readers on the bus, whose first exchange is over.
+// Open all readers and make a first exchange with the last one, which is returned.
 int lastOpenedReader() {
     suspendPolls();
     check(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), "opening the readers");
@@ -95,14 +95,14 @@ Action scan() {
     return repeated([] { check(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), "a scan"); });
 }
 
-// The library's thread does it, some times in each of these ten milliseconds; how often is for the counter to tell.
+// Wait while the library's thread polls. The profiler counts the polls.
 Action poll() {
     suspendPolls();
     check(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), "a scan");
     check(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-UPDATERATE", "1000"), "setting the update rate");
-    // The thread still sleeps as long as it did by the old rate.
+    // The thread is still in a sleep of the old length.
     std::this_thread::sleep_for(std::chrono::milliseconds(400));
-    check(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "0"), "starting the polls");
+    check(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "0"), "resuming polling");
     return repeated([] { std::this_thread::sleep_for(std::chrono::milliseconds(10)); });
 }
 

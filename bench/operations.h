@@ -1,4 +1,4 @@
-// The operations that are measured: each is done by the library, and once more by the same calls made straight to libusb.
+// The measured operations: of the library, and the same ones as direct libusb calls.
 #pragma once
 
 #include <functional>
@@ -7,11 +7,11 @@
 
 struct Operation {
     std::string_view name;
-    // Makes everything ready and returns what is measured: it does the operation so many times.
+    // Prepare the operation and return a function that repeats it.
     std::function<std::function<void(long times)>()> prepare;
 };
 
-// The library's have plain names; those made straight to libusb end in ".bare".
+// The names of direct libusb calls end in ".bare".
 const std::vector<Operation>& operations();
 
 // Throws std::invalid_argument.

@@ -1,4 +1,5 @@
-// Times of a scan by the library and of the same calls made straight to libusb, in turns, by Google Benchmark.
+// Measure the time of a scan by the library and of the same libusb calls made directly, with Google
+// Benchmark.
 
 #include "operations.h"
 

@@ -1,26 +1,26 @@
 # shellcheck shell=bash
-# Installs Debian packages that are missing; sourced by the scripts beside it.
+# Functions that install missing Debian packages, for the scripts in this folder.
 
-# For build folders that do not exist yet; one that somebody has configured by hand keeps its generator.
+# For new build folders. A folder that was configured by hand keeps its generator.
 export CMAKE_GENERATOR=Ninja
 
-# What building the library, the virtual readers and the examples takes.
+# Needed to build the library, the virtual readers, the tool and the examples.
 build_packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev libumockdev-dev umockdev libcli11-dev
     nlohmann-json3-dev)
 
-# What the tests take beyond that: clang for its sanitizers and its analysis of locks, llvm to name functions in reports,
-# abigail-tools to compare the binary interface, doxygen and help2man to make the manual, python3 to do what it shows,
-# usbip to look at virtual readers with the client that everybody has, QEMU and cpio for a machine with its own kernel.
+# Also needed for the tests: clang for its sanitizers and thread-safety analysis, llvm to name functions in reports,
+# abigail-tools to compare the binary interface, doxygen and help2man to build the manual, python3 to run what the guides
+# show, usbip to try the virtual readers with the standard client, QEMU and cpio for a virtual machine.
 test_packages=(clang libclang-rt-14-dev llvm clang-format libgtest-dev libgmock-dev libcmocka-dev gcovr git
     abigail-tools doxygen help2man python3 usbip qemu-system-x86 cpio)
 
-# What looking for mistakes without running anything takes beyond both; run-clang-tidy is a Python program.
+# Also needed for static analysis. run-clang-tidy is a Python program.
 analysis_packages=(clang-tidy cppcheck gcc git jq python3 shellcheck)
 
-# What measuring takes beyond the first.
+# Needed for the benchmarks, in addition to build_packages.
 bench_packages=(binutils libbenchmark-dev python3 strace valgrind)
 
-# What building Debian packages and trying them takes beyond the first.
+# Needed to build and test Debian packages, in addition to build_packages.
 packaging_packages=(blhc debhelper doxygen dpkg-dev git help2man lintian mmdebstrap python3)
 
 install_missing() {
@@ -45,15 +45,14 @@ install_missing() {
             apt-get install -y -qq --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
         cat "$log" >&2
         rm -f "$log"
-        echo "The packages could not be installed." >&2
+        echo "Installing the packages failed." >&2
         return 1
     fi
     rm -f "$log"
 }
 
-# unpack_missing ARCHITECTURE PACKAGE... unpacks packages of another architecture into build-packages/ARCHITECTURE. They
-# are not installed: that would take a second architecture into the system, and with it every library's version there
-# would have to be the one here.
+# unpack_missing ARCHITECTURE PACKAGE... unpacks packages of another architecture into build-packages/ARCHITECTURE.
+# Installing them would add the architecture to the system, and all libraries would need the same version in both.
 unpack_missing() {
     local architecture=$1 root=$PWD/build-packages/$1
     shift
@@ -66,11 +65,11 @@ unpack_missing() {
     local apt=(apt-get -q -o "APT::Architecture=$architecture" -o "APT::Architectures=$architecture"
         -o "Dir::State=$root/apt" -o Dir::State::status=/dev/null -o "Dir::Cache=$root/apt"
         -o "APT::Sandbox::User=$(id -un)")
-    # A mirror may lack an index that is not needed here, so what counts is whether the packages come.
+    # The update may fail on an index that is not needed here. What matters is whether the download succeeds.
     if ! { "${apt[@]}" update || true; (cd "$root/apt/archives" && "${apt[@]}" download "$@"); } \
         >"$root/log" 2>&1; then
         cat "$root/log" >&2
-        echo "The packages for $architecture could not be fetched." >&2
+        echo "Downloading the packages for $architecture failed." >&2
         return 1
     fi
     local package
