@@ -9,6 +9,9 @@ enum class ExitStatus {
     notFound = 4,
 };
 
+// The exit status for an error code of the library.
+ExitStatus statusOf(int code);
+
 inline constexpr const char* exitStatusHelp = R"(
 EXIT STATUS
   0  success

@@ -16,19 +16,6 @@ std::string libraryText(int code) {
     return text;
 }
 
-ExitStatus statusOf(int code) {
-    switch (code) {
-    case GVUSB_ERR_TIMEOUT:
-        return ExitStatus::timeOut;
-    case GVUSB_ERR_NO_DEVICE_FOUND:
-    case GVUSB_ERR_NOT_SCANNED:
-    case GVUSB_ERR_NOT_PRESENT:
-        return ExitStatus::notFound;
-    default:
-        return ExitStatus::failure;
-    }
-}
-
 Failure libraryFailure(std::string_view what, int code) {
     return Failure(std::string(what) + ": " + libraryText(code), statusOf(code),
                    "Run 'gvusb explain " + std::to_string(code) + "' for causes and remedies.");

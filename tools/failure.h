@@ -24,9 +24,6 @@ private:
 // The library's text for a code.
 std::string libraryText(int code);
 
-// The exit status for an error code of the library.
-ExitStatus statusOf(int code);
-
 // An error code of the library as a failure of `what`, a thing or an operation.
 Failure libraryFailure(std::string_view what, int code);
 

@@ -10,7 +10,7 @@
 
 namespace output {
 
-// Nobody reads the output any more. This is no failure, but there is nothing left to do.
+// The reader of the output is gone. This is not a failure, but there is nothing left to do.
 struct Closed : std::exception {};
 
 // Write the whole text without buffering. Throws Closed, or Failure if it cannot be written.

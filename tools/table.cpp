@@ -3,15 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-std::string printable(std::string_view text) {
-    constexpr unsigned char firstPrintable = 0x20;
-    constexpr unsigned char deleteCharacter = 0x7F;
-    std::string result(text);
-    std::ranges::replace_if(
-        result, [](unsigned char c) { return c < firstPrintable || c == deleteCharacter; }, '?');
-    return result;
-}
-
 std::string padded(std::string_view text, std::size_t width) {
     std::string result(text);
     result.resize(std::max(result.size(), width), ' ');

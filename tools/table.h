@@ -18,8 +18,5 @@ private:
     std::vector<Row> m_rows;
 };
 
-// A reader's text with '?' for each control character, which could move a terminal's cursor.
-std::string printable(std::string_view text);
-
 // The text, padded with blanks to a width.
 std::string padded(std::string_view text, std::size_t width);

@@ -20,8 +20,4 @@ TEST(TableTest, LinesHaveNoBlanksAtTheirEnds) {
     EXPECT_EQ(table.text(), "a  long\nb\n\n");
 }
 
-TEST(TableTest, ControlCharactersBecomeQuestionMarks) {
-    EXPECT_EQ(printable("a\033[2Jb\n\177 c"), "a?[2Jb?? c");
-}
-
 } // namespace

@@ -1,6 +1,7 @@
 #include "command.h"
 #include "json.h"
 #include "output.h"
+#include "printable_text.h"
 #include "reader.h"
 #include "table.h"
 

@@ -2,6 +2,7 @@
 #include "failure.h"
 #include "json.h"
 #include "output.h"
+#include "printable_text.h"
 #include "table.h"
 
 #include <array>

@@ -7,6 +7,7 @@
 #include "interruption.h"
 #include "json.h"
 #include "output.h"
+#include "printable_text.h"
 #include "reader.h"
 #include "table.h"
 

@@ -1,7 +1,7 @@
 #include "doctor/configuration.h"
 
+#include "printable_text.h"
 #include "reader.h"
-#include "table.h"
 
 #include <array>
 #include <cerrno>

@@ -4,7 +4,7 @@
 #include "doctor/node_users.h"
 #include "doctor/permissions.h"
 #include "hexadecimal.h"
-#include "table.h"
+#include "printable_text.h"
 
 #include <array>
 #include <cstdio>
