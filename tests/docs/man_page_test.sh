@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # usage: man_page_test.sh PROGRAM PAGE FORMS HEADING...
-# A program's manual page has that many forms in its synopsis, all of its help's, and the sections of its help, these
-# among them, line by line.
+# The synopsis of a program's manual page has FORMS forms, the same as in its help. The page has all sections of the help,
+# line by line, and they include HEADING...
 set -euo pipefail
 program=$1
 page=$2

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # usage: man_version_test.sh VERSION PAGES
-# Every manual page of the library tells at its foot which version it is about.
+# Every manual page of the library states its version in the footer.
 set -euo pipefail
 version=$1
 pages=$2

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # usage: reference_pages_test.sh HEADER PAGES
-# The manual's section 3 has every name that the header declares, and the header's words on it.
+# Section 3 of the manual has every name that the header declares, with its description.
 set -euo pipefail
 header=$1
 pages=$2
@@ -32,6 +32,6 @@ says gvusb_types GVUSB_EventCallback "$(declared '^typedef .*GVUSB_EventCallback
 says gvusb_types GVUSB_EventCallback 'at a disconnect in mode 1'
 says gvusb_types GVUSB_EventCallback 'always an empty text'
 
-# A group's description begins with its first sentence.
+# The description of a group starts with its first sentence.
 [[ $(section gvusb_events DESCRIPTION | sed -n 3p) == 'How the library notices '* ]] ||
     fail "gvusb_events(3) begins with: $(section gvusb_events DESCRIPTION | sed -n 3p)"

@@ -1,20 +1,20 @@
 #!/usr/bin/env python3
 """usage: run_blocks.py DOCUMENT [NAME=PATH...]
 
-Does what a document shows, from its first code block to its last, in a folder that has nothing but links to these:
+Run the code blocks of a document in order, in a folder that contains only links with these names:
 
-  c        a program is compiled without a warning and kept as program.c; a part of one (without main) is compiled
-           inside a function
-  cmake    kept as CMakeLists.txt
-  python   kept as program.py
-  conf     kept as gvusb.conf
-  console  each line with "$ " is run in a shell; what follows it must be its output, where "..." stands for any text
-           in a line and, alone, for any lines. A trailing "# exit status N" says how it ends, 0 if nothing is said.
+  c        a program must compile without warnings and is stored as program.c; code without main is compiled inside a
+           function
+  cmake    stored as CMakeLists.txt
+  python   stored as program.py
+  conf     stored as gvusb.conf
+  console  each line with "$ " is run in a shell; the lines after it must be its output, where "..." stands for any
+           text in a line and, alone, for any lines. "# exit status N" at the end of a command is its status (0).
   udev     each line is a comment or has the form of a rule
-  sh       changes the machine or takes long, so it is not run here; it must be run elsewhere: see shell_blocks.py
+  sh       not run here, because it changes the machine or takes long; see shell_blocks.py for where it is run
 
-There are no others. The environment says where to find the compiler (CC), the programs (PATH), the header (CPATH), the
-library (LIBRARY_PATH, LD_LIBRARY_PATH) and what CMake finds (CMAKE_PREFIX_PATH).
+Other languages are an error. The environment says where to find the compiler (CC), the programs (PATH), the header
+(CPATH), the library (LIBRARY_PATH, LD_LIBRARY_PATH) and CMake packages (CMAKE_PREFIX_PATH).
 """
 
 import os
@@ -29,7 +29,7 @@ WARNINGS = ["-std=c11", "-Wall", "-Wextra", "-Wpedantic", "-Werror"]
 RULE = re.compile(r'[A-Z]+(\{\w+\})?(==|!=|\+=|=)"[^"]*"(, [A-Z]+(\{\w+\})?(==|!=|\+=|=)"[^"]*")*')
 STATUS = re.compile(r"\s+# exit status (\d+)$")
 
-# What a part of a program finds around it.
+# Surrounds code without main.
 FRAME = """#include <gvusb.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -70,11 +70,11 @@ def keep(name):
 def check_rules(text, _):
     for line in text.splitlines():
         if not line.startswith("#") and not RULE.fullmatch(line):
-            raise Mismatch(f"is no rule for udev: {line}")
+            raise Mismatch(f"not a udev rule: {line}")
 
 
 def pattern_of(lines):
-    """The expected lines as a regular expression."""
+    """Convert the expected lines to a regular expression."""
     parts = []
     for line in lines:
         if line.strip() == "...":
@@ -92,10 +92,10 @@ def run_command(command, expected, folder):
     output = "".join(line.rstrip() + "\n" for line in result.stdout.splitlines())
     print(f"$ {command}\n{output}", end="")
     if result.returncode != wanted:
-        raise Mismatch(f"{command}\nends with {result.returncode}, not with {wanted}:\n{output}")
+        raise Mismatch(f"{command}\nexits with {result.returncode} instead of {wanted}:\n{output}")
     if not re.fullmatch(pattern_of(expected), output):
         shown = "".join(line + "\n" for line in expected)
-        raise Mismatch(f"{command}\nshall print\n{shown}but prints\n{output}")
+        raise Mismatch(f"{command}\nshould print\n{shown}but prints\n{output}")
 
 
 def run_console(text, folder):
@@ -131,9 +131,9 @@ def main():
                     elsewhere += 1
                     nowhere = shell_blocks.run_nowhere(text)
                     if nowhere:
-                        raise Mismatch("run nowhere, see shell_blocks.py:\n" + "\n".join(nowhere))
+                        raise Mismatch("not run anywhere, see shell_blocks.py:\n" + "\n".join(nowhere))
                 elif language not in RUNNERS:
-                    raise Mismatch(f"a block of \"{language}\", which nothing runs")
+                    raise Mismatch(f"unknown language of a block: \"{language}\"")
                 else:
                     RUNNERS[language](text, folder)
                     done += 1
@@ -141,7 +141,7 @@ def main():
                 failed += 1
                 line = document.count("\n", 0, block.start()) + 1
                 print(f"{sys.argv[1]}:{line}: {mismatch}", file=sys.stderr)
-    print(f"{done} blocks hold, {failed} do not, {elsewhere} are run elsewhere")
+    print(f"{done} blocks passed, {failed} failed, {elsewhere} are run elsewhere")
     return 1 if failed or done + elsewhere == 0 else 0
 
 

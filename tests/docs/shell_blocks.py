@@ -1,7 +1,7 @@
-"""The shell blocks of the documents (```sh): each changes the machine or takes long, and yet is run somewhere.
+"""The shell blocks (```sh) of the documents. They change the machine or take long, but each must be run somewhere.
 
-Either tests/package/clean_root.sh runs it, as root in a Debian that is thrown away, straight from a document; or CI
-runs its commands; or a command is one of those below.
+Either tests/package/clean_root.sh runs the block as root in a temporary Debian, or CI runs its commands, or a command
+is listed below.
 """
 
 import os
@@ -10,21 +10,21 @@ import re
 PROJECT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 BLOCK = re.compile(r"^```(\w*)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
 
-# What nothing runs as the documents show it, with the reason.
+# Commands that nothing runs as shown, each with the reason.
 NOT_RUN = {
-    "docker run": "takes Docker, the kernel's USB devices and somebody's image",
-    "gvusb-emulate --usbip": "ends when it is interrupted; tests/emulator does that",
+    "docker run": "needs Docker, USB devices and an image",
+    "gvusb-emulate --usbip": "runs until interrupted; tests/emulator does that",
     "gvusb list": "shows what the lines before it have attached",
     "gvusb doctor": "shows what the lines before it have attached",
-    "ssh ": "takes two machines",
-    "sudo modprobe": "loads modules into the kernel of this very machine",
-    "sudo usbip": "takes these modules, or readers to lend",
-    "ctest --preset": "chooses among the very tests that this is one of",
+    "ssh ": "needs two machines",
+    "sudo modprobe": "loads kernel modules on this machine",
+    "sudo usbip": "needs these modules, or readers to export",
+    "ctest --preset": "runs a selection of the tests, this one included",
     "GVUSB_STRESS_CALLS=": "takes minutes; tests/stress makes fewer calls",
-    "scripts/fuzz": "takes an hour; what it has collected is replayed by tests/fuzz",
+    "scripts/fuzz": "takes an hour; tests/fuzz replays the corpus",
     "scripts/soak": "takes an hour; tests/emulated does the same for seconds",
-    "scripts/coverage": "builds everything once more, to measure: no result of it is wrong",
-    "scripts/test-architectures": "fetches another architecture's Debian",
+    "scripts/coverage": "builds everything again; only measures",
+    "scripts/test-architectures": "downloads packages of other architectures",
 }
 
 
@@ -34,7 +34,7 @@ def content(*path):
 
 
 def run_in_clean_root():
-    """The blocks that clean_root.sh says it runs, as "shown GUIDE NUMBER"."""
+    """The blocks that clean_root.sh runs by "shown GUIDE NUMBER"."""
     blocks = []
     for guide, number in re.findall(r"\bshown (\S+) (\d+)\b", content("tests/package/clean_root.sh")):
         document = content("README.md") if guide == "README" else content("docs", f"{guide}.md")
@@ -44,7 +44,7 @@ def run_in_clean_root():
 
 
 def run_nowhere(text):
-    """The commands of a block that nothing runs and that are not excused."""
+    """The commands of a block that are neither run nor listed in NOT_RUN."""
     if text in run_in_clean_root():
         return []
     by_ci = content(".ci", "run").split()
