@@ -20,6 +20,7 @@ NOT_RUN = {
     "sudo modprobe": "loads kernel modules on this machine",
     "sudo usbip": "needs these modules, or readers to export",
     "ctest --preset": "runs a selection of the tests, this one included",
+    "GVUSB_TEST_LOADS=": "takes minutes; tests/emulated loads less often",
     "GVUSB_STRESS_CALLS=": "takes minutes; tests/stress makes fewer calls",
     "scripts/fuzz": "takes an hour; tests/fuzz replays the corpus",
     "scripts/soak": "takes an hour; tests/emulated does the same for seconds",

@@ -10,9 +10,8 @@ enum { mode_count = sizeof modes / sizeof *modes };
 
 static struct program_run run;
 
-static void check_ends_with(int status, const char* configuration, const char* name, const char* first,
-                            const char* second) {
-    run_program(&run, configuration, name, first, second, NULL);
+static void check_ends_with(int status, const char* configuration, const char* name, const char* argument) {
+    run_program(&run, configuration, name, argument, NULL, NULL);
     if (run.status != status) {
         fail_msg("%s with \"%s\" ended with %d:\n%s", name, configuration, run.status, run.output);
     }
@@ -24,7 +23,7 @@ static int rounds(int emulated, int on_a_kernel) {
 
 static void MainReturnsWhileItHandlesEvents(void** state) {
     for (int i = 0; i < rounds(10, 2) * mode_count; ++i) {
-        check_ends_with(7, modes[i % mode_count], "end_beside_event_thread", NULL, NULL);
+        check_ends_with(7, modes[i % mode_count], "end_beside_event_thread", NULL);
         assert_string_equal(run.output, "");
     }
 }
@@ -32,7 +31,7 @@ static void MainReturnsWhileItHandlesEvents(void** state) {
 /* In mode 0 no handler is ever called. */
 static void AHandlerEndsTheProcessWhileItHandlesEvents(void** state) {
     for (int i = 0; i < rounds(10, 2) * (mode_count - 1); ++i) {
-        check_ends_with(7, modes[1 + i % (mode_count - 1)], "end_beside_event_thread", "handler", NULL);
+        check_ends_with(7, modes[1 + i % (mode_count - 1)], "end_beside_event_thread", "handler");
         assert_string_equal(run.output, "");
         bus("unplug %d", reader_count());
     }
@@ -43,7 +42,7 @@ static void TheLibraryIsUnloadedWhileReadersComeAndGo(void** state) {
     const char* const wanted = getenv("GVUSB_TEST_UNLOADS");
     const char* const times = wanted != NULL ? wanted : bus_is_emulated() ? "300" : "10";
     for (int i = 0; i < mode_count; ++i) {
-        check_ends_with(0, modes[i], "unload_beside_event_thread", GVUSB_TEST_LIBRARY, times);
+        check_ends_with(0, modes[i], "unload_beside_event_thread", times);
         print_message("%s: %s", modes[i], run.output);
     }
 }

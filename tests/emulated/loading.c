@@ -111,17 +111,17 @@ static void AProgramThatHasClosedEveryDescriptorEnds(void** state) {
 
 static void CallsAfterTheEndGetACode(void** state) {
     for (const char* const* configuration = every_mode; *configuration != NULL; ++configuration) {
-        run_program(&run, *configuration, "call_after_the_end", GVUSB_TEST_LIBRARY, NULL, NULL);
+        run_program(&run, *configuration, "call_after_the_end", NULL, NULL, NULL);
         check_status(0);
         assert_string_equal(run.output, "scan: -1109\n"
                                         "scan and open: -1109\n"
-                                        "next handle: 0\n"
-                                        "transmit: -1109\n");
+                                        "scan list: 0\n"
+                                        "transceive: -1109\n");
     }
 }
 
 static void AChildWithItsParentsProcessIdLeavesTheReadersAlone(void** state) {
-    run_program(&run, NULL, "end_child_with_same_id", GVUSB_TEST_LIBRARY, NULL, NULL);
+    run_program(&run, NULL, "end_child_with_same_id", NULL, NULL, NULL);
     check_status(0);
     assert_string_equal(run.output, "process 1, child: 0, present: 1, then 1\n");
 }

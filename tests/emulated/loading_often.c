@@ -45,10 +45,10 @@ static void check_figures(const struct figures* first, const struct figures* las
 #endif
 }
 
-static void check_loads(const char* configuration, const char* companion) {
+static void check_loads(const char* configuration) {
     const char* const wanted = getenv("GVUSB_TEST_LOADS");
     const char* const loads = wanted != NULL ? wanted : usual_loads;
-    run_program(&run, configuration, "load_often", loads, companion, NULL);
+    run_program(&run, configuration, "load_often", loads, NULL, NULL);
     if (run.status != 0) {
         fail_msg("ended with %d:\n%s", run.status, run.output);
     }
@@ -62,20 +62,15 @@ static void check_loads(const char* configuration, const char* companion) {
 }
 
 static void NothingIsLeftOverInModeZero(void** state) {
-    check_loads("gvusb_hotplug=0", NULL);
+    check_loads("gvusb_hotplug=0");
 }
 
 static void NothingIsLeftOverInModeOne(void** state) {
-    check_loads("gvusb_hotplug=1 gvusb_updaterate=1", NULL);
+    check_loads("gvusb_hotplug=1 gvusb_updaterate=1");
 }
 
 static void NothingIsLeftOverInModeTwo(void** state) {
-    check_loads("gvusb_hotplug=2", NULL);
-}
-
-/* It may be in the library's callback in the moment in which the library is unloaded. */
-static void AThreadThatHandlesEventsOutlivesEveryUnload(void** state) {
-    check_loads("gvusb_hotplug=2", "event-thread");
+    check_loads("gvusb_hotplug=2");
 }
 
 int main(int argc, char** argv) {
@@ -83,7 +78,6 @@ int main(int argc, char** argv) {
         TEST_CASE(NothingIsLeftOverInModeZero),
         TEST_CASE(NothingIsLeftOverInModeOne),
         TEST_CASE(NothingIsLeftOverInModeTwo),
-        TEST_CASE(AThreadThatHandlesEventsOutlivesEveryUnload),
     };
     return run_group("loading_often", tests, sizeof tests / sizeof *tests, argc, argv);
 }

@@ -1,17 +1,13 @@
 /*
- * Loads and unloads the library as often as argument 1 says. In between it opens the reader A1, and the other one goes
- * and comes back. With an argument 2, "event-thread", a thread handles libusb's events all the time, with a reference
- * of its own to libusb's context. Prints what the process takes of the machine after the first loads and at the end.
+ * Loads and unloads the library as often as the argument says. In between it opens the reader A1, and the other one is
+ * replugged. Prints what the process uses after the first loads and at the end.
  */
 #include "bus.h"
 #include "loaded.h"
 #include "process_figures.h"
 
-#include <libusb.h>
-#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 
 /* After so many loads the dynamic linker and the allocator have what they keep. */
 enum { first_loads = 20 };
@@ -42,16 +38,12 @@ static bool use(const struct loaded* gvusb) {
     return true;
 }
 
-/* A thread that handles events may be in the library's callback when the library is unloaded. */
-static bool load_once(bool beside_event_thread) {
+static bool load_once(void) {
     struct loaded gvusb;
     if (!load(&gvusb)) {
         return false;
     }
     const bool used = use(&gvusb);
-    if (beside_event_thread) {
-        bus("replug %d", comer);
-    }
     return unload(&gvusb) && used;
 }
 
@@ -61,26 +53,13 @@ static void print_figures(int loads) {
            figures.descriptors, figures.threads);
 }
 
-static void* handle_events(void* nothing) {
-    for (;;) {
-        libusb_handle_events(NULL);
-    }
-    return nothing;
-}
-
-static bool start_event_thread(void) {
-    pthread_t thread;
-    return libusb_init(NULL) == 0 && pthread_create(&thread, NULL, handle_events, NULL) == 0;
-}
-
 int main(int argc, char** argv) {
-    const bool beside_event_thread = argc == 3 && strcmp(argv[2], "event-thread") == 0;
-    if ((argc != 2 && !beside_event_thread) || (beside_event_thread && !start_event_thread())) {
+    if (argc != 2) {
         return 2;
     }
     const int loads = atoi(argv[1]);
     for (int i = 1; i <= loads; ++i) {
-        if (!load_once(beside_event_thread)) {
+        if (!load_once()) {
             fprintf(stderr, "at load %d\n", i);
             return 1;
         }
