@@ -1,11 +1,11 @@
 /**
  * @mainpage gvusb
  *
- * Finds, opens and talks to USB RFID readers.
+ * Find, open and talk to USB RFID readers.
  *
- * A reader is found by a scan, which fills the scan list; opened by its device ID (or together with the
- * scan), which gives it a device handle; then frames are exchanged with it by that handle, until it is
- * closed.
+ * A scan finds the readers on the bus and puts them into the scan list. Opening a reader of the scan list, by
+ * its device ID or together with the scan, gives it a device handle. Frames are exchanged by that handle until
+ * the reader is closed.
  *
  * @section topics Functions by topic
  *
@@ -21,44 +21,43 @@
  *
  * @section records Records
  *
- * GVUSB_SCANSEARCH says what a scan looks for, GVUSB_EVENT_INIT which function an event calls.
+ * GVUSB_SCANSEARCH selects the readers that a scan finds. GVUSB_EVENT_INIT registers an event handler.
  *
  * @section codes Return codes
  *
- * 0 or a positive value (a count, a handle, a flag) is success; failures are the negative codes of
- * GVUSB_ErrorCode. Two kinds of last error are kept: one for the whole process (the manager's), and one for
- * each open reader. GVUSB_GetLastError fetches either with its text. "Last error" below is the manager's.
+ * 0 or a positive value (a count, a handle, a flag) means success. Failures are the negative codes of
+ * GVUSB_ErrorCode. There is one last error for the whole process (the manager's) and one for each open reader.
+ * GVUSB_GetLastError fetches either of them with its text. "Last error" below means the manager's.
  *
  * @section threads Threads
  *
- * Every function may be called from any thread. Calls that reach readers are serialised: while one thread
- * waits for a reader's answer, the others wait for it. The last error is one number for the whole process,
- * so with several threads rely on the returned code, or on the reader's own last error. Loading and
- * unloading the library must not run at the same time as a call into it.
+ * Every function may be called from any thread. Calls that reach readers are serialized: while one thread
+ * waits for a reader's answer, the other threads wait too. The last error is one number for the whole process,
+ * so with several threads rely on the returned code or on the reader's own last error. Do not load or unload
+ * the library while a thread is in a call of the library.
  *
  * @section lifetime Start and end
  *
- * The library is ready as soon as it is loaded and cleans up when it is unloaded; there is no call for
- * either. It uses libusb's default context. The readers stay with the process that loaded it: a forked
- * child must not call the library.
+ * The library is ready as soon as it is loaded and cleans up when it is unloaded. No function initializes or
+ * ends it. It uses libusb's default context. Readers belong to the process that loaded the library: a child of
+ * fork must not call it.
  *
  * @section configuration Configuration
  *
- * /etc/gavo/gvusb.conf is read once, at loading: at most its first 1023 bytes are searched for the keys
+ * The library reads /etc/gavo/gvusb.conf once, when it is loaded. It searches the first 1023 bytes for the keys
  * "libusb_debuglevel=N", "gvusb_debuglevel=N", "gvusb_hotplug=M" (0 off, 1 polling, 2 libusb's hot-plug
- * callbacks), "gvusb_updaterate=MS" (milliseconds between two polls, at least 10) and "nopnp" (as mode 0).
+ * callbacks), "gvusb_updaterate=MS" (milliseconds between two polls, at least 10) and "nopnp" (same as mode 0).
  *
  * @section logging Logging
  *
- * With a log level of 1 and more the library writes what it does to standard output: 1 tells what the
- * manager does, 2 adds the work on each reader with every byte that is exchanged, 3 adds what happens at
- * each poll.
+ * If the log level is above 0, the library logs to standard output. Level 1 logs what the manager does. Level 2
+ * adds the work on each reader, with every byte that is exchanged. Level 3 adds what happens at each poll.
  *
  * @section memory Memory
  *
- * Callers own every buffer and record that they pass; the library keeps no pointer to them after the call.
- * Texts are zero-terminated 8-bit strings. An exception crosses the functions only when memory runs out;
- * every lock is released when it does.
+ * Callers own every buffer and record that they pass. The library keeps no pointer to them after the call.
+ * Texts are zero-terminated 8-bit strings. A function throws an exception only if memory runs out, with every
+ * lock released.
  *
  * @section examples Examples
  *
@@ -92,26 +91,26 @@ enum GVUSB_ErrorCode {
     GVUSB_ERR_NO_MEMORY = -1103,          /**< published, never returned */
     GVUSB_ERR_SET_CONFIGURATION = -1104,  /**< the USB configuration could not be set */
     GVUSB_ERR_KERNEL_FUNCTION = -1105,    /**< published, never returned */
-    GVUSB_ERR_UNSUPPORTED_OPTION = -1106, /**< an event handler for anything but handle 0 */
+    GVUSB_ERR_UNSUPPORTED_OPTION = -1106, /**< event handlers are only for handle 0 */
     GVUSB_ERR_UNSUPPORTED_METHOD = -1107, /**< the function is not supported */
     GVUSB_ERR_NO_CONFIGURATION = -1108,   /**< the reader has no USB configuration */
     GVUSB_ERR_LIBUSB_API = -1109,         /**< libusb lacks its capability query, or the library has ended */
     GVUSB_ERR_NO_GAVO_DEVICE = -1110,     /**< published, never returned */
     GVUSB_ERR_SEARCH_MISMATCH = -1111,    /**< published, never returned */
-    GVUSB_ERR_NO_DEVICE_FOUND = -1112,    /**< a scan found nothing, or the scan list is at its end */
+    GVUSB_ERR_NO_DEVICE_FOUND = -1112,    /**< a scan found nothing, or the end of the scan list */
     GVUSB_ERR_ALREADY_SCANNED = -1113,    /**< published, never returned */
     GVUSB_ERR_SCAN_LIST_OVERFLOW = -1114, /**< published, never returned */
-    GVUSB_ERR_NO_CURRENT_ENTRY = -1115,   /**< stepping on without a current scan-list entry; has no text */
+    GVUSB_ERR_NO_CURRENT_ENTRY = -1115,   /**< no current scan-list entry to start from; has no text */
     GVUSB_ERR_UNKNOWN_DEVICE_HANDLE = -1120,    /**< published, never returned */
     GVUSB_ERR_NULL_HANDLE = -1121,              /**< the handle is 0 */
     GVUSB_ERR_NEGATIVE_HANDLE = -1122,          /**< the handle is negative */
     GVUSB_ERR_HANDLE_NOT_FOUND = -1123,         /**< no open reader has this handle */
-    GVUSB_ERR_TIMEOUT = -1130,                  /**< the reader did not take or send a frame in time */
+    GVUSB_ERR_TIMEOUT = -1130,                  /**< sending or receiving took longer than "TIMEOUT" */
     GVUSB_ERR_NO_SEND_DATA = -1131,             /**< the send length is 0 */
     GVUSB_ERR_UNKNOWN_INTERFACE = -1132,        /**< the protocol name is not GVUSB_PROTOCOL */
     GVUSB_ERR_UNKNOWN_DIRECTION = -1133,        /**< published, never returned */
     GVUSB_ERR_RECEIVE_BUFFER_TOO_SMALL = -1134, /**< the receive buffer size is 0 */
-    GVUSB_ERR_SEND_LENGTH = -1135,              /**< the frame is too long to be sent */
+    GVUSB_ERR_SEND_LENGTH = -1135,              /**< the frame is too long to send */
     GVUSB_ERR_UNKNOWN_DESCRIPTOR = -1136,       /**< published, never returned */
     GVUSB_ERR_NOT_PRESENT = -1137,              /**< the reader is gone */
     GVUSB_ERR_TRANSMIT_PROCESS = -1138,         /**< published, never returned */
@@ -121,15 +120,15 @@ enum GVUSB_ErrorCode {
     GVUSB_ERR_DEVICE_LIST_HANDLE = -1142,       /**< published, never returned */
     GVUSB_ERR_CANNOT_OPEN = -1143,              /**< libusb refused to open the reader */
     GVUSB_ERR_NOT_OPENED = -1144,               /**< the reader is not open */
-    GVUSB_ERR_CANNOT_CLAIM = -1145,             /**< interface 0 is claimed by somebody else */
+    GVUSB_ERR_CANNOT_CLAIM = -1145,             /**< another program or driver has claimed interface 0 */
     GVUSB_ERR_WRONG_DEVICE = -1146,             /**< published, never returned */
-    GVUSB_ERR_UNKNOWN_PARAMETER = -1150,        /**< no such key, or not in this direction */
+    GVUSB_ERR_UNKNOWN_PARAMETER = -1150,        /**< the key is unknown, or cannot be read or written */
     GVUSB_ERR_OUT_OF_RANGE = -1151,             /**< the value is out of range */
     GVUSB_ERR_ODD_PARAMETER = -1152,            /**< published, never returned */
     GVUSB_ERR_INDEX_OUT_OF_RANGE = -1153,       /**< no such scan-list index */
     GVUSB_ERR_UNKNOWN_SCAN_OPTION = -1154,      /**< no such scan option */
     GVUSB_ERR_UNKNOWN_ERROR_CODE =
-        -1155,                          /**< the code has no text; or an emptied scan-list entry was opened */
+        -1155,                          /**< the code has no text; or the scan-list entry to open is empty */
     GVUSB_ERR_PARAMETER_SYNTAX = -1156, /**< published, never returned */
     GVUSB_ERR_PARAMETER_NOT_AVAILABLE = -1157,     /**< the reader refused to be reset */
     GVUSB_ERR_DEVICE_DESCRIPTOR_LENGTH = -1160,    /**< published, never returned */
@@ -148,21 +147,20 @@ enum GVUSB_ErrorCode {
     GVUSB_ERR_INTERNAL = -1199                     /**< published, never returned */
 };
 
-/** What GVUSB_GetScanListPara returns for an index that names no reader: positive, unlike every other
- * failure. */
+/** Returned by GVUSB_GetScanListPara if the index names no reader. Unlike every other failure, it is positive. */
 enum { GVUSB_NO_SCAN_LIST_ENTRY = 1115 };
 
-/** Options of GVUSB_Scan and GVUSB_ScanAndOpen. GVUSB_SCAN_SEARCH is combined by | with one of the others. */
+/** Options of GVUSB_Scan and GVUSB_ScanAndOpen. Combine GVUSB_SCAN_SEARCH with one of the others by |. */
 enum GVUSB_ScanOption {
-    GVUSB_SCAN_FIRST = 1,        /**< scan anew, the first reader found becomes the current entry */
-    GVUSB_SCAN_NEXT = 2,         /**< step to the next entry of the scan list, without scanning */
-    GVUSB_SCAN_ALL = 3,          /**< scan anew, all readers found */
-    GVUSB_SCAN_ALL_15 = 15,      /**< the same as GVUSB_SCAN_ALL */
+    GVUSB_SCAN_FIRST = 1,        /**< scan; the first reader found becomes the current entry */
+    GVUSB_SCAN_NEXT = 2,         /**< go to the next entry of the scan list, without a scan */
+    GVUSB_SCAN_ALL = 3,          /**< scan; all readers found */
+    GVUSB_SCAN_ALL_15 = 15,      /**< same as GVUSB_SCAN_ALL */
     GVUSB_SCAN_SEARCH = 0x10000, /**< only readers that match the search record */
     GVUSB_SCAN_NOTHING = 0x20000 /**< do nothing */
 };
 
-/** Criteria of a search record. Only one is tested: the first that is set, in this order. */
+/** Criteria of a search record. Only one is tested: the first in this order that is set. */
 enum GVUSB_SearchMask {
     GVUSB_SEARCH_FAMILY_NAME = 0x1, /**< the family name equals famName */
     GVUSB_SEARCH_DEVICE_NAME = 0x2, /**< the device name equals devName */
@@ -179,10 +177,10 @@ enum {
 enum {
     GVUSB_TEXT_SIZE = 57,       /**< the longest error text */
     GVUSB_PARAMETER_SIZE = 256, /**< the longest parameter value */
-    GVUSB_KEY_SIZE = 128        /**< longer keys and protocol names are refused as unknown */
+    GVUSB_KEY_SIZE = 128        /**< longer keys and protocol names are unknown */
 };
 
-/** The protocol of the frames, to be named in every exchange; upper and lower case are the same. */
+/** The protocol of the frames, passed in every exchange; upper and lower case are the same. */
 #define GVUSB_PROTOCOL "TESK-RCI2"
 
 /** Events and the kind of callback of an event registration. */
@@ -193,24 +191,24 @@ enum {
 };
 
 /**
- * What a scan looks for. Filled by the application, only read by the library. Texts are compared byte by
- * byte; a text that fills its field needs no terminating zero.
+ * Search record: which readers a scan finds. The application fills it, and the library only reads it. Texts are
+ * compared byte by byte. A text that fills its field needs no terminating zero.
  */
 struct _GVUSB_SCANSEARCH {
-    int32_t mask;     /**< one of enum GVUSB_SearchMask; a mask without any of them matches no reader */
-    char famName[25]; /**< family name; longer ones cannot be searched for */
-    char devName[50]; /**< device name; likewise */
+    int32_t mask;     /**< one of enum GVUSB_SearchMask; a mask with none of them matches no reader */
+    char famName[25]; /**< family name; longer names cannot be searched */
+    char devName[50]; /**< device name; longer names cannot be searched */
     char devId[25]; /**< device ID in hexadecimal, as scanf's "%x" reads it; without digits it matches none */
 };
-/** The search record under its usual name. */
+/** The usual name of the search record. */
 typedef struct _GVUSB_SCANSEARCH GVUSB_SCANSEARCH;
 
 /**
  * An event handler.
  *
- * @param iDevHnd  at a disconnect in mode 1 the reader's handle, which only means something if it was opened;
- *                 otherwise 0
- * @param uiDevId  device ID of the reader; 0 at a disconnect in mode 2, which does not tell it
+ * @param iDevHnd  at a disconnect in mode 1 the reader's handle, which is meaningful only if the reader was
+ *                 opened; otherwise 0
+ * @param uiDevId  device ID of the reader; 0 at a disconnect in mode 2, where it is unknown
  * @param pText    always an empty text
  */
 typedef void (*GVUSB_EventCallback)(int iDevHnd, unsigned int uiDevId, const char* pText);
@@ -223,7 +221,7 @@ struct _GVUSB_EVENT_INIT {
     uint32_t uiReserved2;      /**< not read */
     GVUSB_EventCallback cbFct; /**< the handler; null is accepted and never fires */
 };
-/** The event registration under its usual name. */
+/** The usual name of the event registration. */
 typedef struct _GVUSB_EVENT_INIT GVUSB_EVENT_INIT;
 
 /* The records' layouts are part of the binary interface; an array of size -1 does not compile. */
@@ -250,15 +248,15 @@ typedef char GVUSB_check_event_init[sizeof(struct _GVUSB_EVENT_INIT) == 16 + siz
  */
 
 /**
- * Finds the readers on the bus and puts them into the scan list, in the bus's order, in place of its former
- * content. Readers that are open stay open and keep their handles; every other reader is identified anew,
- * which opens and closes it.
+ * Find the readers on the bus and replace the content of the scan list by them, in the order of the bus.
+ * Readers that are open stay open and keep their handles. Every other reader is opened, identified and closed
+ * again.
  *
- * @param scanOption  one of enum GVUSB_ScanOption, with GVUSB_SCAN_SEARCH or without
- * @param search      what to look for, read only with GVUSB_SCAN_SEARCH; null matches every reader
- * @return  0 on success; with GVUSB_SCAN_NEXT the index of the entry that is now the current one;
- *          GVUSB_ERR_NO_DEVICE_FOUND when nothing was found or (GVUSB_SCAN_NEXT) the list is at its end;
- *          GVUSB_ERR_NO_CURRENT_ENTRY when GVUSB_SCAN_NEXT has no current entry to step on from;
+ * @param scanOption  one of enum GVUSB_ScanOption, optionally with GVUSB_SCAN_SEARCH
+ * @param search      which readers to find, read only with GVUSB_SCAN_SEARCH; null matches every reader
+ * @return  0 on success; with GVUSB_SCAN_NEXT the index of the new current entry;
+ *          GVUSB_ERR_NO_DEVICE_FOUND if no reader was found or, with GVUSB_SCAN_NEXT, at the end of the list;
+ *          GVUSB_ERR_NO_CURRENT_ENTRY if GVUSB_SCAN_NEXT has no current entry to start from;
  *          GVUSB_ERR_UNKNOWN_SCAN_OPTION
  *
  * Sets the last error to 0 or to the returned code. Any thread; the current entry is one for the whole
@@ -267,32 +265,31 @@ typedef char GVUSB_check_event_init[sizeof(struct _GVUSB_EVENT_INIT) == 16 + siz
 int GVUSB_Scan(int scanOption, GVUSB_SCANSEARCH* search);
 
 /**
- * Scans as GVUSB_Scan does and opens what was found: every reader with GVUSB_SCAN_ALL, the current entry with
- * GVUSB_SCAN_FIRST and GVUSB_SCAN_NEXT. Other threads' scans come before it or after it: what is opened is what
- * this scan found.
+ * Scan like GVUSB_Scan and open what was found: every reader with GVUSB_SCAN_ALL, the current entry with
+ * GVUSB_SCAN_FIRST and GVUSB_SCAN_NEXT. No scan of another thread comes between finding and opening.
  *
- * A reader that was open, was unplugged and is found again keeps its handle and is opened again. Where that fails,
- * its handle is returned all the same, and transfers answer GVUSB_ERR_NOT_OPENED: close the handle and open the
- * reader once more.
+ * A reader that was open, was unplugged and is found again keeps its handle and is opened again. If this fails,
+ * its handle is returned nevertheless, and transfers return GVUSB_ERR_NOT_OPENED: close the handle and open the
+ * reader again.
  *
  * @param scanOption  as in GVUSB_Scan
  * @param search      as in GVUSB_Scan
  * @return  with GVUSB_SCAN_ALL 0, or the code of the last reader that could not be opened (the others are
  *          open); with GVUSB_SCAN_FIRST and GVUSB_SCAN_NEXT the handle, above 0; with GVUSB_SCAN_NOTHING 0;
- *          the codes of GVUSB_Scan and GVUSB_OpenDevice otherwise
+ *          otherwise the codes of GVUSB_Scan and GVUSB_OpenDevice
  *
  * Sets the last error to 0 or to the returned code. Any thread.
  */
 int GVUSB_ScanAndOpen(int scanOption, GVUSB_SCANSEARCH* search);
 
 /**
- * Reads a parameter of a scan-list entry; the keys are those of GVUSB_GetDevicePara for a reader. On an entry
- * that is not open "DEVICEHND" reads "0" and "TYPENUMBER" cannot be read.
+ * Read a parameter of a scan-list entry. The keys are those of GVUSB_GetDevicePara for a reader. If the entry is
+ * not open, "DEVICEHND" reads "0" and "TYPENUMBER" cannot be read.
  *
  * @param index  0 for the first entry
  * @param key    name of the parameter
  * @param value  gets the text; GVUSB_PARAMETER_SIZE bytes
- * @return  0; GVUSB_ERR_NULL_POINTER; GVUSB_NO_SCAN_LIST_ENTRY (positive) when there is no such entry; the
+ * @return  0; GVUSB_ERR_NULL_POINTER; GVUSB_NO_SCAN_LIST_ENTRY (positive) if there is no such entry; the
  *          codes of GVUSB_GetDevicePara for a reader
  *
  * Sets the last error to the returned value. Any thread.
@@ -300,14 +297,14 @@ int GVUSB_ScanAndOpen(int scanOption, GVUSB_SCANSEARCH* search);
 int GVUSB_GetScanListPara(int index, const char* key, char* value);
 
 /**
- * Counts the readers that the last scan found.
+ * Count the entries of the scan list.
  *
- * @return  the number of entries of the scan list; sets the last error to 0. Any thread.
+ * @return  the number of entries; sets the last error to 0. Any thread.
  */
 int GVUSB_GetScanListSize(void);
 
 /**
- * Empties the scan list. Open readers stay open, with their handles.
+ * Empty the scan list. Open readers stay open and keep their handles.
  *
  * @return  0; sets the last error to 0. Any thread.
  */
@@ -321,21 +318,21 @@ int GVUSB_ClearScanList(void);
  */
 
 /**
- * Opens the first reader of the scan list that has this device ID. An open reader is left as it is. A reader
- * that is open but has left the scan list is not found; GVUSB_GetDeviceHnd finds it.
+ * Open the first reader of the scan list with this device ID. If it is open already, only return its handle. An
+ * open reader that is no longer in the scan list is not found; use GVUSB_GetDeviceHnd for it.
  *
  * @param devId  device ID, the number that "DEVICE-ID" gives in hexadecimal
- * @return  the handle, above 0; GVUSB_ERR_NOT_SCANNED; GVUSB_ERR_CANNOT_OPEN (libusb refused: permissions,
- *          say); GVUSB_ERR_CONFIG_DESCRIPTOR_READ; GVUSB_ERR_SET_CONFIGURATION
+ * @return  the handle, above 0; GVUSB_ERR_NOT_SCANNED; GVUSB_ERR_CANNOT_OPEN (libusb refused, often for lack of
+ *          permission); GVUSB_ERR_CONFIG_DESCRIPTOR_READ; GVUSB_ERR_SET_CONFIGURATION
  *
- * Sets the last error to 0 or to the returned code, but leaves it alone when the reader is open already. Any
+ * Sets the last error to 0 or to the returned code; leaves it unchanged if the reader is open already. Any
  * thread.
  */
 int GVUSB_OpenDevice(unsigned int devId);
 
 /**
- * Closes a reader. Its handle is no longer valid; as long as the reader stands in the scan list it can be
- * opened again from there, and has its former handle then.
+ * Close a reader. Its handle is no longer valid. While the reader is in the scan list, it can be opened again
+ * from there and then has the same handle.
  *
  * @param devHnd  handle of the reader
  * @return  0; GVUSB_ERR_NEGATIVE_HANDLE; GVUSB_ERR_NULL_HANDLE; GVUSB_ERR_HANDLE_NOT_FOUND
@@ -345,32 +342,32 @@ int GVUSB_OpenDevice(unsigned int devId);
 int GVUSB_CloseDevice(int devHnd);
 
 /**
- * Asks an open reader for its device ID, to see whether it is still there.
+ * Test whether an open reader is still there, by reading its device ID.
  *
  * @param devHnd  handle of the reader
- * @return  1 when it answers, 0 when not; GVUSB_ERR_NEGATIVE_HANDLE; GVUSB_ERR_NULL_HANDLE;
+ * @return  1 if it answers, 0 if not; GVUSB_ERR_NEGATIVE_HANDLE; GVUSB_ERR_NULL_HANDLE;
  *          GVUSB_ERR_HANDLE_NOT_FOUND
  *
- * Sets the last error to 0 or to the returned code; the reader's own last error says GVUSB_ERR_NOT_PRESENT.
- * Any thread.
+ * Sets the last error to 0 or to the returned code. If the reader does not answer, its own last error is
+ * GVUSB_ERR_NOT_PRESENT. Any thread.
  */
 int GVUSB_IsDevicePresent(int devHnd);
 
 /**
- * Walks the open readers: call it with 0 first, then with each handle that it returned, until it returns 0.
+ * Iterate over the open readers: pass 0 first, then each returned handle, until the function returns 0.
  *
  * @param devHnd  the handle returned last; 0 or a negative number to start
- * @return  the next handle, or 0 at the end and for a handle that is not open
+ * @return  the next handle; 0 at the end or if devHnd is not open
  *
- * Leaves the last error alone. Any thread.
+ * Leaves the last error unchanged. Any thread.
  */
 int GVUSB_GetDeviceList(int devHnd);
 
 /**
- * Looks the handle of an open reader up.
+ * Get the handle of an open reader.
  *
  * @param devId  device ID
- * @return  the handle, above 0; GVUSB_ERR_NOT_OPENED when no open reader has this device ID
+ * @return  the handle, above 0; GVUSB_ERR_NOT_OPENED if no open reader has this device ID
  *
  * Sets the last error only on failure. Any thread.
  */
@@ -380,44 +377,57 @@ int GVUSB_GetDeviceHnd(unsigned int devId);
 
 /**
  * @defgroup frames Exchanging frames
+ *
+ * A frame is sent to a reader, and its answer is received, over two bulk endpoints or over control transfers.
+ *
+ * @par Size of the receive buffer
+ * Choose a multiple of 512 bytes that is at least as long as the longest answer. 512 is a multiple of the packet
+ * size of every bulk endpoint at full and high speed. Over bulk endpoints, what does not fit into such a buffer is
+ * returned by the next receive. If the size is not a multiple of the packet size, a packet that does not fit
+ * makes the transfer fail with GVUSB_ERR_BULK_TRANSFER. Over control transfers, at most 4096 bytes are received,
+ * and an answer that is longer than the buffer is cut off.
+ *
  * @{
  */
 
 /**
- * Sends a frame and receives the answer; no other call reaches the reader between the two. A reader with a
- * bulk IN and a bulk OUT endpoint on interface 0 is talked to over these, any other over vendor control
- * transfers. The first transfer after opening claims interface 0.
+ * Send a frame and receive the answer. No other call reaches the reader in between. If interface 0 has a bulk IN
+ * and a bulk OUT endpoint, they carry the frames; otherwise vendor control transfers do. The first transfer after
+ * opening claims interface 0.
  *
- * Each of the two transfers may take as long as the reader's "TIMEOUT" says. What has arrived when the time
- * is over is lost; an answer that comes later is received by the next call. A frame that is not taken in time
- * over a bulk endpoint clears the halts of both. Let the buffer be large enough for any answer: a longer one
- * fails.
+ * Each of the two transfers takes at most the reader's "TIMEOUT". When the time is over, what has arrived so far
+ * is lost, and the next call receives an answer that comes later. If a frame cannot be sent over a bulk endpoint
+ * in time, the halts of both endpoints are cleared.
+ *
+ * If the answer does not fit into the buffer, then over bulk endpoints the next receive returns the rest, provided
+ * that the size is a multiple of the endpoint's packet size; otherwise the transfer fails with
+ * GVUSB_ERR_BULK_TRANSFER (-1139). Over control transfers the rest is cut off. Choose a multiple of 512 that is at
+ * least as long as the longest answer.
  *
  * @param devHnd         handle of the reader
  * @param interfaceName  GVUSB_PROTOCOL
  * @param reserved       ignored
  * @param sendData       the frame
- * @param sendLength     its length in bytes, at least 1; at most 4096 over control transfers (what libusb
- *                       takes)
+ * @param sendLength     its length in bytes, at least 1; over control transfers at most 4096 (libusb's limit)
  * @param receiveBuffer  gets the answer; is filled with zeros once the frame is sent (over control transfers
  *                       only its first 4096 bytes)
  * @param receiveSize    its size in bytes, at least 1; over control transfers at most 4096 bytes are received
- * @return  the number of bytes received, 0 included; or, in the order in which they are tested:
+ * @return  the number of bytes received, possibly 0; or, in the order in which they are tested:
  *          GVUSB_ERR_NEGATIVE_HANDLE, GVUSB_ERR_NULL_HANDLE, GVUSB_ERR_NULL_POINTER, GVUSB_ERR_NO_SEND_DATA,
  *          GVUSB_ERR_RECEIVE_BUFFER_TOO_SMALL, GVUSB_ERR_HANDLE_NOT_FOUND, GVUSB_ERR_NOT_OPENED,
  *          GVUSB_ERR_UNKNOWN_INTERFACE; GVUSB_ERR_NO_CONFIGURATION, GVUSB_ERR_CONFIG_DESCRIPTOR_READ,
  *          GVUSB_ERR_CANNOT_CLAIM from the first transfer after opening (close and open the reader then;
- *          later transfers go on without the interface); GVUSB_ERR_SEND_LENGTH (over 65535 bytes by control
+ *          later transfers work without the interface); GVUSB_ERR_SEND_LENGTH (over 65535 bytes by control
  *          transfers); GVUSB_ERR_TIMEOUT; GVUSB_ERR_NOT_PRESENT (unplugged); GVUSB_ERR_BULK_TRANSFER or
- *          GVUSB_ERR_CONTROL_TRANSFER (anything else, lengths that libusb does not take included)
+ *          GVUSB_ERR_CONTROL_TRANSFER (every other failure, including lengths that libusb does not accept)
  *
- * Sets the last error to 0 or to the returned code, and so the reader's own. Any thread.
+ * Sets the last error and the reader's own to 0 or to the returned code. Any thread.
  */
 int GVUSB_Transceive(int devHnd, const char* interfaceName, int reserved, const unsigned char* sendData,
                      unsigned int sendLength, unsigned char* receiveBuffer, unsigned int receiveSize);
 
 /**
- * Sends a frame. Codes and last errors as in GVUSB_Transceive.
+ * Send a frame. Codes and last errors as in GVUSB_Transceive.
  *
  * @param devHnd         handle of the reader
  * @param interfaceName  GVUSB_PROTOCOL
@@ -428,14 +438,19 @@ int GVUSB_Transceive(int devHnd, const char* interfaceName, int reserved, const 
 int GVUSB_Transmit(int devHnd, const char* interfaceName, const unsigned char* data, unsigned int length);
 
 /**
- * Receives a frame. Codes as in GVUSB_Transceive.
+ * Receive a frame, or the rest of one that did not fit into the last buffer. Codes as in GVUSB_Transceive.
+ *
+ * If the frame does not fit into the buffer, then over bulk endpoints the next receive returns the rest, provided
+ * that the size is a multiple of the endpoint's packet size; otherwise the transfer fails with
+ * GVUSB_ERR_BULK_TRANSFER (-1139). Over control transfers the rest is cut off. Choose a multiple of 512 that is at
+ * least as long as the longest answer.
  *
  * @param devHnd         handle of the reader
  * @param interfaceName  GVUSB_PROTOCOL
  * @param buffer         gets the frame; is filled with zeros first
  * @param size           its size in bytes, at least 1; over control transfers at most 4096 bytes are received
- * @return  the number of bytes received, 0 included; the last error is set to it too, unlike
- *          GVUSB_Transceive's
+ * @return  the number of bytes received, possibly 0. Unlike in GVUSB_Transceive, the last error is set to this
+ *          number too
  */
 int GVUSB_Receive(int devHnd, const char* interfaceName, unsigned char* buffer, unsigned int size);
 
@@ -447,24 +462,24 @@ int GVUSB_Receive(int devHnd, const char* interfaceName, unsigned char* buffer, 
  */
 
 /**
- * Reads a parameter. Keys may be written in upper or lower case.
+ * Read a parameter. Keys may be in upper or lower case.
  *
  * Of a reader:
- * - "TIMEOUT": milliseconds that a transfer may take, in decimal
- * - "DEVICEHND": its handle in decimal, "0" while it is closed
- * - "DEVICE-ID": its device ID in hexadecimal, upper case, without prefix
+ * - "TIMEOUT": how many milliseconds a transfer may take, in decimal
+ * - "DEVICEHND": its handle in decimal; "0" while it is closed
+ * - "DEVICE-ID": its device ID in hexadecimal, in upper case, without a prefix
  * - "DEVICENAME", "FAMILYNAME", "INTERFACE": its device name, family name and interface type
  * - "TYPENUMBER": its type number, read from the reader, which must be open
- * - "PRESENT": do not use; it blocks for ever, and with it every later call that reaches a reader.
- *   GVUSB_IsDevicePresent answers the question.
+ * - "PRESENT": do not use it. It blocks forever, and so does every later call that reaches a reader. Use
+ *   GVUSB_IsDevicePresent.
  *
  * Of the driver:
  * - "HOTPLUG-MODE": 0 off, 1 polling, 2 libusb's hot-plug callbacks
  *
  * @param devHnd  handle of a reader; GVUSB_ALL_DEVICES for the first open one; GVUSB_DRIVER for the driver
  * @param key     name of the parameter
- * @param value   gets the text; GVUSB_PARAMETER_SIZE bytes. Give it a text before: the log shows it also
- *                after a failure, as it stands
+ * @param value   gets the text; GVUSB_PARAMETER_SIZE bytes. Initialize it with a text: after a failure the log
+ *                shows the buffer as it is
  * @return  0; GVUSB_ERR_NEGATIVE_HANDLE (below -1); GVUSB_ERR_NULL_POINTER; GVUSB_ERR_EMPTY_DEVICE_LIST;
  *          GVUSB_ERR_HANDLE_NOT_FOUND; GVUSB_ERR_UNKNOWN_PARAMETER; GVUSB_ERR_NOT_OPENED;
  *          GVUSB_ERR_STRING_DESCRIPTOR_READ
@@ -474,22 +489,22 @@ int GVUSB_Receive(int devHnd, const char* interfaceName, unsigned char* buffer, 
 int GVUSB_GetDevicePara(int devHnd, const char* key, char* value);
 
 /**
- * Changes a parameter. Keys may be written in upper or lower case.
+ * Change a parameter. Keys may be in upper or lower case.
  *
  * Of a reader:
- * - "TIMEOUT": milliseconds that a transfer may take, in decimal, at least 1; it is 1000 at first, and again when
- *   the reader has been unplugged and has come back under its handle: set it anew then
- * - "RESETPIPE": clears a halt of both bulk endpoints; the value is ignored
- * - "RESETDEVICE": resets the reader; the value is ignored
+ * - "TIMEOUT": how many milliseconds a transfer may take, in decimal, at least 1. It is 1000 at first. It is 1000
+ *   again when the reader has been unplugged and has come back under its handle: set it again then
+ * - "RESETPIPE": clear a halt of both bulk endpoints; the value is ignored
+ * - "RESETDEVICE": reset the reader; the value is ignored
  *
  * Of the driver:
- * - "HOTPLUG-UPDATERATE": microseconds between two polls, in decimal, at least 10. What is too large, and a
- *   negative number such as "-1", counts as the longest, 4294967295 (71 minutes): check the sign of a number
+ * - "HOTPLUG-UPDATERATE": microseconds between two polls, in decimal, at least 10. A number that is too large or
+ *   negative, such as "-1", counts as 4294967295 (71 minutes), the longest interval: check the sign of a number
  *   before you pass it
- * - "HOTPLUG-SUSPEND": "1" suspends polling, "0" goes on with it, or begins with it in a mode without polling
+ * - "HOTPLUG-SUSPEND": "1" suspends polling. "0" resumes it, or starts it in a mode without polling
  *
- * With GVUSB_ALL_DEVICES every open reader is changed, in order, until one refuses; when none is open nothing
- * happens and the last error, as it stands, is returned.
+ * With GVUSB_ALL_DEVICES every open reader is changed, in order, until one refuses. If no reader is open, nothing
+ * happens, and the unchanged last error is returned.
  *
  * @param devHnd  handle of a reader, GVUSB_ALL_DEVICES or GVUSB_DRIVER
  * @param key     name of the parameter
@@ -507,66 +522,70 @@ int GVUSB_SetDevicePara(int devHnd, const char* key, const char* value);
 /**
  * @defgroup events Readers that come and go
  *
- * How the library notices is the hot-plug mode, which the configuration file sets and "HOTPLUG-MODE" tells:
+ * How the library notices changes of the bus depends on the hot-plug mode. The configuration file sets the mode,
+ * and "HOTPLUG-MODE" reads it:
  *
- * - Mode 0: it does not; no handler is called.
- * - Mode 1: a thread of the library polls the bus at the update rate. A connect event has the device ID, a
+ * - Mode 0: It does not notice them. No handler is called.
+ * - Mode 1: A thread of the library polls the bus at the update rate. A connect event has the device ID, a
  *   disconnect event the device ID and the handle. A reader of the scan list that comes back takes its old
- *   place, is opened again if it was open, and keeps its handle; this is no event. Its "TIMEOUT" is 1000 then:
- *   set it anew. Where opening it again fails, the handle stays and transfers answer GVUSB_ERR_NOT_OPENED: close
- *   the handle and open the reader once more. Each device ID is reported once per direction between two scans, so
- *   scan again to hear of it again, in the handler if you like: a report counts as one from before the scan.
- * - Mode 2: libusb reports to the library while it handles events, so some thread of the application has to
- *   drive libusb_handle_events(NULL); transfers do so in passing. A connect event has the device ID; a
- *   disconnect event has neither handle nor ID. Every one is reported, also of readers never scanned.
- *   Nothing is put back in its place: scan. A program that drives libusb's events takes a reference of its
- *   own to the default context, by libusb_init(NULL); without it the context would end under that thread
- *   at unloading.
+ *   place, is opened again if it was open, and keeps its handle. This is not reported. Its "TIMEOUT" is 1000
+ *   then: set it again. If the reader cannot be opened again, the handle stays and transfers return
+ *   GVUSB_ERR_NOT_OPENED: close the handle and open the reader again. Between two scans, each device ID is
+ *   reported once per direction. Scan again to get further reports; a handler may do so. A report belongs to the
+ *   time before the scan that its handler makes.
+ * - Mode 2: libusb reports changes to the library while a thread handles libusb's events, so a thread of the
+ *   application must call libusb_handle_events(NULL) in a loop. Transfers handle events too while they wait. A
+ *   connect event has the device ID; a disconnect event has neither the handle nor the ID. Every change is
+ *   reported, also of readers that were never scanned. The lists do not change: scan to use a reader that has
+ *   come back. If a thread still handles events when the library is unloaded, the library leaves libusb's
+ *   context to that thread, so the program ends cleanly. A program that unloads the library by dlclose should
+ *   still hold a reference of its own to the default context (libusb_init(NULL)).
  *
  * @par What an event handler may do
- * Handlers run one at a time, in a thread of the library or, in mode 2, in the thread that libusb calls
- * back. Threads of the library have the application's signals blocked, and a program that a handler starts
- * inherits that. No lock is held but that of the registrations, so a handler may call every function of
- * this header except GVUSB_AddEventHandler and GVUSB_DelEventHandler, which would wait for ever. It may take
- * its time, but until it returns no other event is reported and no handler can be added or removed. It may
- * end the process by exit(). It must not throw an exception and must not unload the library.
+ * Handlers run one at a time, in a thread of the library or, in mode 2, in the thread in which libusb calls the
+ * library. Threads of the library have the application's signals blocked, and a program that a handler starts
+ * inherits this. Only the lock of the registrations is held, so a handler may call every function of this header
+ * except GVUSB_AddEventHandler and GVUSB_DelEventHandler, which would wait forever. A handler may take its time,
+ * but until it returns no other event is reported and no handler can be added or removed. It may end the process
+ * by exit(). It must not throw an exception and must not unload the library.
  *
  * @par Readers with the device ID 0
- * 0 means that the device ID is unknown. GVUSB_GetDeviceHnd does not find such a reader, no connect event tells of
- * it, and in mode 1 it is not put back when it returns. Open it by GVUSB_ScanAndOpen and keep the handle; after it
- * was unplugged, close the handle, scan and open. Give every reader an ID of its own where you can.
+ * 0 means that the device ID is unknown. GVUSB_GetDeviceHnd does not find such a reader, its connection is not
+ * reported, and in mode 1 it does not get its handle back when it returns. Open it by GVUSB_ScanAndOpen and keep
+ * the handle. After it was unplugged, close the handle, scan and open. If you can, give every reader an ID of its
+ * own.
  *
  * @par Without udev
- * Where udev does not run, in many containers for one, libusb's view of the bus stays as it was when the
- * library was loaded: readers that come later are not found, and nothing is ever reported, in any mode.
+ * Without a running udev, as in many containers, libusb's view of the bus does not change after the library was
+ * loaded: readers that are plugged in later are not found, and nothing is ever reported, in any mode.
  *
  * @par Asking
- * To ask whether a reader is there, call GVUSB_IsDevicePresent. Reading the key "PRESENT" blocks for ever.
+ * To test whether a reader is there, call GVUSB_IsDevicePresent. Reading the key "PRESENT" blocks forever.
  *
  * @{
  */
 
 /**
- * Registers an event handler. The same handler registered again for the same event is registered once.
+ * Register an event handler. Registering the same handler again for the same event has no effect.
  *
  * @param devHnd        0
  * @param registration  event and handler
  * @return  0; GVUSB_ERR_NULL_POINTER; GVUSB_ERR_UNSUPPORTED_OPTION (devHnd is not 0);
  *          GVUSB_ERR_UNKNOWN_PARAMETER (uiCallbackType is not GVUSB_CALLBACK_FUNCTION)
  *
- * Sets the last error to the returned code. Any thread; waits for handlers that are running.
+ * Sets the last error to the returned code. Any thread; waits for running handlers.
  */
 int GVUSB_AddEventHandler(int devHnd, GVUSB_EVENT_INIT* registration);
 
 /**
- * Removes an event handler: the registration with the same event and handler.
+ * Remove the registration with the same event and handler.
  *
  * @param devHnd        0
  * @param registration  event and handler, as they were registered
  * @return  0; GVUSB_ERR_NULL_POINTER; GVUSB_ERR_UNSUPPORTED_OPTION (devHnd is not 0);
  *          GVUSB_ERR_UNKNOWN_PARAMETER (there is no such registration)
  *
- * Sets the last error to the returned code. Any thread; waits for handlers that are running.
+ * Sets the last error to the returned code. Any thread; waits for running handlers.
  */
 int GVUSB_DelEventHandler(int devHnd, GVUSB_EVENT_INIT* registration);
 
@@ -578,7 +597,7 @@ int GVUSB_DelEventHandler(int devHnd, GVUSB_EVENT_INIT* registration);
  */
 
 /**
- * Fetches a last error with its text. Reading the manager's last error clears it.
+ * Get a last error with its text. Getting the manager's last error clears it.
  *
  * @param devHnd  0 for the manager's last error; a reader's handle for its own
  * @param code    gets the last error (GVUSB_ERR_HANDLE_NOT_FOUND for a handle that is not open); not null
@@ -588,11 +607,11 @@ int GVUSB_DelEventHandler(int devHnd, GVUSB_EVENT_INIT* registration);
 int GVUSB_GetLastError(int devHnd, int* code, char* text);
 
 /**
- * Tells the text of a code.
+ * Get the text of a code.
  *
  * @param code  any number
  * @param text  gets the text; GVUSB_TEXT_SIZE bytes
- * @return  0; GVUSB_ERR_UNKNOWN_ERROR_CODE for a code without text, which gets "GVUSB: Unknown Error: 0x...
+ * @return  0; GVUSB_ERR_UNKNOWN_ERROR_CODE for a code without a text, which gets "GVUSB: Unknown Error: 0x...
  *          (...)"; GVUSB_ERR_NULL_POINTER
  *
  * Sets the last error to the returned code. Any thread.
@@ -600,10 +619,10 @@ int GVUSB_GetLastError(int devHnd, int* code, char* text);
 int GVUSB_GetErrorText(int code, char* text);
 
 /**
- * Tells the version of the library.
+ * Get the version of the library.
  *
- * @return  "07.01.00", the same pointer each time, owned by the library. Sets the last error to 0. Any
- *          thread.
+ * @return  "07.01.00". The pointer is always the same, and the library owns the text. Sets the last error to 0.
+ *          Any thread.
  */
 const char* GVUSB_GetDLLVersion(void);
 
