@@ -8,7 +8,7 @@
 
 char g_cGvusbErrorText[256] = {};
 
-// The wording, its spelling and its capitals are published: applications compare these texts.
+// Applications compare these texts, so wording, spelling and capitals must not change.
 const char* GvUsbErrorText::getErrorText(int code) {
     switch (code) {
     case GVUSB_OK:

@@ -1,4 +1,4 @@
-// The exported functions: each refuses bad arguments in a fixed order and forwards to the manager.
+// The exported functions. Each rejects bad arguments in a fixed order and forwards to the manager.
 #include "gvusb.h"
 
 #include "api/error_text.h"
@@ -19,7 +19,7 @@ void clearLastError() noexcept {
     g_GvUsbMan.SetLastError(GVUSB_OK);
 }
 
-// Runs a call on the manager. Before it is built and when it is gone, a call has nothing to work on.
+// Run a call on the manager, or fail if the manager is not constructed yet or already destroyed.
 template <class Call>
 int onManager(Call call, int otherwise = GVUSB_ERR_LIBUSB_API) {
     if (!relaxed::load(managerIsUsable)) {
@@ -28,7 +28,7 @@ int onManager(Call call, int otherwise = GVUSB_ERR_LIBUSB_API) {
     return call();
 }
 
-// The code that a reader's handle deserves, 0 for one that may exist.
+// Return the code for an invalid handle of a reader, 0 for one that may exist.
 int checkHandle(int devHnd) noexcept {
     if (devHnd < 0) {
         return GVUSB_ERR_NEGATIVE_HANDLE;
@@ -36,7 +36,7 @@ int checkHandle(int devHnd) noexcept {
     return devHnd == 0 ? GVUSB_ERR_NULL_HANDLE : GVUSB_OK;
 }
 
-// The same where the driver and the whole device list have handles too.
+// The same, but handles of the driver and of all readers are valid too.
 int checkParameterRequest(int devHnd, const char* key, const char* value) noexcept {
     if (devHnd < GVUSB_DRIVER) {
         return GVUSB_ERR_NEGATIVE_HANDLE;
@@ -148,7 +148,7 @@ int GVUSB_GetDeviceHnd(unsigned int devId) {
     return onManager([&] { return g_GvUsbMan.GetDeviceHnd(devId); });
 }
 
-// The call that applications live on, so the link makes one function of it and all that it calls.
+// The hot path. At link time this function and everything that it calls become one function.
 [[gnu::flatten]] int GVUSB_Transceive(int devHnd, const char* interfaceName, int /*reserved*/,
                                       const unsigned char* sendData, unsigned int sendLength,
                                       unsigned char* receiveBuffer, unsigned int receiveSize) {
@@ -208,7 +208,7 @@ int GVUSB_GetErrorText(int code, char* text) {
     return GVUSB_ERR_UNKNOWN_ERROR_CODE;
 }
 
-// Fetching the manager's last error clears it, as it is GVUSB_GetErrorText that tells the text.
+// Clears the manager's last error, because GVUSB_GetErrorText stores its own result there.
 int GVUSB_GetLastError(int devHnd, int* code, char* text) {
     const int lastError = devHnd == 0 ? relaxed::load(g_GvUsbMan.m_iLastError)
                                       : onManager([&] { return g_GvUsbMan.GetLastError(devHnd); });

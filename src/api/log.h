@@ -1,11 +1,11 @@
-// Log output: single lines on standard output, stamped with the time since the level was set.
+// Log output: lines on standard output, stamped with the time since the level was set.
 //
-// Any thread may log. Each line is one print, which the C library writes as a whole; the level and the start
-// time are read and written without a lock.
+// Any thread may log. Each line is one call of printf, which does not mix lines of several threads. The level and
+// the start time are accessed without a lock.
 //
 // Callers test the level first, so that a message costs nothing when it is not printed:
 //     if (GVLOG_Level() > 1) logLine("ident", "devId=0x", std::hex, devId);
-// A level above 0 shows what the manager does, above 1 the work on each reader, above 2 what happens at each
+// Level 1 shows what the manager does, level 2 adds the work on each reader, and level 3 what happens at each
 // poll.
 #pragma once
 
@@ -21,15 +21,15 @@ extern int g_GvUsbDebugLevel;
 extern struct timeval g_GvUsbStarttime;
 
 void GVLOG_SetLevel(int level);
-// Used: the library exports it too, for programs that call it.
+// "used" keeps the function in the library for programs that call it.
 [[gnu::used]] inline int GVLOG_Level() {
     return relaxed::load(g_GvUsbDebugLevel);
 }
 void GVLOG_Msg(const char* tag, const char* text);
 
-// Streams the pieces into one message. They come by value, which leaves the callers' variables in registers.
-// std::hex holds to the end of the message; a null text ends it there. A message that there is no memory for is
-// left out: what it tells of goes on, also where nothing may be thrown.
+// Log a message made of these pieces. They are passed by value to keep the callers' variables in registers.
+// std::hex applies to the rest of the message; a null text ends the message. If there is no memory for the
+// message, it is omitted and the caller continues, even where it must not throw.
 template <class... Pieces>
 [[gnu::cold, gnu::noinline]] void logLine(const char* tag, Pieces... pieces) {
     try {

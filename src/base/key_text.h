@@ -1,14 +1,14 @@
-// Keys and protocol names as callers give them, for comparison without regard to case.
+// Case-insensitive comparison of keys and protocol names.
 #pragma once
 
 #include <cstddef>
 #include <utility>
 
-// Copies src to dst, which must have room, in the upper case of the process's locale. Exported; the library itself
-// compares keys where they stand, by what follows.
+// Copy src to dst in upper case, by the process's locale. dst must be large enough. Exported for programs; the
+// library itself uses isKey().
 void g_ToUpperString(const char* src, char* dst);
 
-// Keys are ASCII, and the same keys in every locale.
+// Does not depend on the locale: keys are ASCII.
 bool equalsInUpperCase(const char* text, const char* known) noexcept;
 
 template <std::size_t Size, std::size_t... I>
@@ -16,8 +16,7 @@ bool equals(const char* text, const char (&known)[Size], std::index_sequence<I..
     return ((text[I] == known[I]) && ...);
 }
 
-// Whether a text is the known key, which is given in upper case. It is mostly written so, and then each character is one
-// comparison in the caller's own code.
+// Whether a text is the known key, which is given in upper case. Inline for the usual case, a text in upper case.
 template <std::size_t Size>
 bool isKey(const char* text, const char (&known)[Size]) noexcept {
     return equals(text, known, std::make_index_sequence<Size>()) || equalsInUpperCase(text, known);

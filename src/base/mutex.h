@@ -1,7 +1,6 @@
-// A POSIX mutex with default attributes that clang's thread-safety analysis knows, the scope that holds it, and
-// a condition to wait for under it.
+// A POSIX mutex for clang's thread-safety analysis, its scoped lock, and a condition variable.
 //
-// It has the size and layout of the pthread_mutex_t in it and is not recursive.
+// The mutex has default attributes, so it is not recursive, and the size and layout of a pthread_mutex_t.
 #pragma once
 
 #include "base/thread_safety.h"
@@ -47,15 +46,14 @@ private:
     Mutex& m_mutex;
 };
 
-// Something that threads wait for while they hold a mutex.
 class Condition {
 public:
-    // Never destroyed: that would wait for waiters, and in a forked child for copies of them.
+    // The pthread_cond_t is never destroyed: this would wait for waiters, in a forked child forever.
     constexpr Condition() noexcept = default;
     Condition(const Condition&) = delete;
     Condition& operator=(const Condition&) = delete;
 
-    // May return without a signal: test again what is waited for.
+    // Can wake up without a signal: call it in a loop that tests the condition.
     void wait(Mutex& mutex) noexcept GVUSB_REQUIRES(mutex) {
         pthread_cond_wait(&m_condition, &mutex.m_mutex);
     }

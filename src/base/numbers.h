@@ -1,4 +1,4 @@
-// Numbers in texts, read and written as C does; decimal numbers that do not fit saturate.
+// Numbers in texts, in the format of the C library. Decimal numbers out of range are clamped.
 #pragma once
 
 #include <algorithm>
@@ -9,8 +9,8 @@
 #include <optional>
 #include <string_view>
 
-// The decimal number at the start of a text: leading blanks and a sign are accepted, what follows the digits
-// is ignored. Nothing when there are no digits.
+// Return the decimal number at the start of a text, after optional blanks and a sign. Text after the digits is
+// ignored. Empty if there are no digits.
 template <class Number>
 std::optional<Number> leadingNumber(const char* text) noexcept {
     static_assert(std::numeric_limits<Number>::digits <= 32, "has to fit a long long whole");
@@ -23,14 +23,14 @@ std::optional<Number> leadingNumber(const char* text) noexcept {
         std::clamp<long long>(value, std::numeric_limits<Number>::min(), std::numeric_limits<Number>::max()));
 }
 
-// The number at the start of a text, as the conversion "%lu" reads it.
+// Return the number at the start of a text, as scanf's "%lu" reads it.
 std::optional<std::uint32_t> unsignedNumber(const char* text);
 
-// The hexadecimal number at the start of a text, as the conversion "%x" reads it: leading blanks and "0x" are
-// accepted, what follows the digits is ignored. Nothing when there are no digits.
+// Return the hexadecimal number at the start of a text, as scanf's "%x" reads it: after optional blanks and "0x".
+// Text after the digits is ignored. Empty if there are no digits.
 std::optional<std::uint32_t> hexadecimalNumber(std::string_view text);
 
-// Writes a number in decimal digits, for which there must be room. Much quicker than a format.
+// Write a number in decimal. The buffer must be large enough. Much faster than snprintf.
 template <class Number>
 void writeDecimal(char* text, Number number) noexcept {
     constexpr int longest = std::numeric_limits<Number>::digits10 + 2; // a sign and one digit more

@@ -1,5 +1,5 @@
-// Tells a process from its forked children, which have a copy of every object, but none of the threads, and locks that
-// nobody will ever release.
+// Distinguishes a process from its forked children. A child has a copy of every object, but no threads, and its locks may
+// be held forever.
 #pragma once
 
 #include <sys/types.h>
@@ -11,12 +11,12 @@ public:
     OwnProcess(const OwnProcess&) = delete;
     OwnProcess& operator=(const OwnProcess&) = delete;
 
-    // Whether this is the process that built the object.
+    // Whether this process constructed the object.
     [[nodiscard]] bool isCurrent() const noexcept;
 
 private:
-    // A page that the kernel clears in every child. The process ID alone is not enough: the first process of a container
-    // may have the ID that its parent has outside. Null where the kernel is older than 4.14.
+    // A page that the kernel clears in every child. The process ID is not enough: in a PID namespace of its own, a child can
+    // have the same ID as its parent. Null on kernels before 4.14.
     unsigned char* const m_mark;
     const pid_t m_id;
 };

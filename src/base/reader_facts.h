@@ -16,5 +16,5 @@ enum class StringIndex : std::uint8_t {
     typeNumber = 10
 };
 
-// How many milliseconds a transfer may take until an application sets another time-out.
+// In milliseconds, until an application sets another time-out.
 inline constexpr std::uint32_t defaultTransferTimeout = 1000;

@@ -1,6 +1,6 @@
-// Access to plain values that several threads read and write without a lock: last errors, flags, rates.
+// Atomic access to plain values that threads share without a lock: last errors, flags, rates.
 //
-// Such a value stands for itself; nothing else is published through it, so relaxed order is enough.
+// No other data is published through such a value, so relaxed memory order is enough.
 #pragma once
 
 #include <atomic>
@@ -21,8 +21,8 @@ void store(T& value, std::type_identity_t<T> newValue) noexcept {
     std::atomic_ref<T>(value).store(newValue, std::memory_order_relaxed);
 }
 
-// Copies a text that fits into a buffer that threads share. Readers at the same time may see a mixture of
-// texts, but always a terminated one as long as the buffer's last byte stays zero.
+// Copy a text to a buffer that threads share. A concurrent reader may see a mix of two texts, but always a
+// terminated one, because the buffer's last byte stays zero.
 template <std::size_t Size>
 void storeText(char (&buffer)[Size], const char* text) noexcept {
     std::size_t i = 0;

@@ -1,7 +1,6 @@
-// A search for one thing after the other that mostly come in the order in which they stand: each begins behind the last
-// one's find, so that all of them together go through the whole once instead of once for each.
+// Linear search that resumes after the previous match. Looking for all elements in their order takes one pass in total.
 //
-// Where it begins makes no difference to what is found, so threads may share it.
+// The starting position affects only the speed, so threads may share a search.
 #pragma once
 
 #include "base/relaxed.h"
@@ -13,7 +12,7 @@
 
 class SequentialSearch {
 public:
-    // The index of what the predicate accepts, looked for to the end and then from the beginning.
+    // Return the index of an element that the predicate accepts. The search wraps around at the end.
     template <class T, class Predicate>
     std::optional<std::size_t> find(const std::vector<T>& all, Predicate isIt) {
         const auto start =

@@ -1,4 +1,4 @@
-// Names for clang's thread-safety attributes; nothing for other compilers, which do not know them.
+// clang's thread-safety attributes; empty for other compilers.
 #pragma once
 
 #if defined(__clang__)

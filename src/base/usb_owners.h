@@ -1,4 +1,4 @@
-// Owners of what libusb hands out, so that every path gives it back.
+// RAII owners of libusb's objects.
 #pragma once
 
 #include <libusb.h>
@@ -23,7 +23,7 @@ struct DeviceHandleCloser {
 };
 using DeviceHandle = std::unique_ptr<libusb_device_handle, DeviceHandleCloser>;
 
-// The devices on the bus. The list holds a reference to each; what outlives it takes its own.
+// The devices on the bus. The list holds a reference to each device. To keep a device longer, take another one.
 class UsbDeviceList {
 public:
     explicit UsbDeviceList(bool libUsbUsable) noexcept
@@ -36,13 +36,13 @@ public:
     UsbDeviceList(const UsbDeviceList&) = delete;
     UsbDeviceList& operator=(const UsbDeviceList&) = delete;
 
-    // What libusb returned: the number of devices or a negative libusb code.
+    // The number of devices, or a negative libusb code.
     [[nodiscard]] ssize_t count() const noexcept { return m_count; }
     [[nodiscard]] std::span<libusb_device* const> devices() const noexcept {
         return {m_devices, m_count > 0 ? static_cast<std::size_t>(m_count) : 0};
     }
 
 private:
-    libusb_device** m_devices = nullptr; // first: the count's initialiser sets it
+    libusb_device** m_devices = nullptr; // declared first: initializing m_count sets it
     ssize_t m_count;
 };

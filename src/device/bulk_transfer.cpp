@@ -10,7 +10,7 @@
 
 namespace {
 
-// libusb counts bytes in an int.
+// libusb takes the length as an int.
 int bulkTransfer(libusb_device_handle* handle, std::uint8_t endpoint, unsigned char* data,
                  unsigned int length, int& transferred, unsigned int timeout) {
     if (length > INT_MAX) {
@@ -35,7 +35,7 @@ int GVDevice::Transmit_Bulk(const unsigned char* data, unsigned int len) {
     if (GVLOG_Level() > 1) {
         logLine(tag, "returned ", rc);
     }
-    // Only sending clears the halts: a reader that is slow to answer keeps its answer for the next receive.
+    // Receiving does not clear the halts, so that the next receive still gets the answer of a slow reader.
     if (rc == LIBUSB_ERROR_TIMEOUT) {
         ResetBulkEndPoints();
     }

@@ -10,13 +10,13 @@
 
 namespace {
 
-// Vendor requests to the device itself; request, value and index are 0 in both directions.
+// Vendor requests to the device; request, value and index are 0 in both directions.
 constexpr std::uint8_t vendorRequest =
     std::uint8_t{LIBUSB_REQUEST_TYPE_VENDOR} | std::uint8_t{LIBUSB_RECIPIENT_DEVICE};
 constexpr std::uint8_t hostToDevice = LIBUSB_ENDPOINT_OUT | vendorRequest;
 constexpr std::uint8_t deviceToHost = LIBUSB_ENDPOINT_IN | vendorRequest;
 
-constexpr unsigned int longestReceive = 4096; // what libusb takes in one control transfer
+constexpr unsigned int longestReceive = 4096; // libusb's limit for one control transfer
 
 } // namespace
 

@@ -11,14 +11,13 @@ namespace {
 
 constexpr int usedInterface = 0;
 
-// libusb's counts are those that the reader tells. Where its descriptors end early, there may be no list.
+// libusb's counts come from the reader. If its descriptors are truncated, the list can be null.
 template <class Entry>
 std::span<const Entry> listed(const Entry* first, int count) {
     return {first, first == nullptr ? 0 : static_cast<std::size_t>(std::max(count, 0))};
 }
 
-// The endpoints of interface 0 in its alternate setting 0; none when the configuration has no such
-// interface.
+// Return the endpoints of interface 0 in its alternate setting 0, or none if there is no such interface.
 std::span<const libusb_endpoint_descriptor> endpointsOf(const libusb_config_descriptor& config) {
     for (const libusb_interface& interface : listed(config.interface, config.bNumInterfaces)) {
         for (const libusb_interface_descriptor& setting :
@@ -77,7 +76,7 @@ int GVDevice::GetBulkEndPoints() {
     }
     config.reset();
 
-    // Without a kernel driver, the usual case, detaching reports an error that means nothing.
+    // The result does not matter: without a kernel driver, the usual case, it is an error.
     const int detached = libusb_detach_kernel_driver(usbdev_hnd, usedInterface);
     if (GVLOG_Level() > 1) {
         logLine(tag, "detach driver returned: ", detached);

@@ -1,8 +1,8 @@
-// GVDevice: one attached reader, with its libusb device, its identity and, while open, its libusb handle.
+// GVDevice: the record of one attached reader, with its libusb device, its identity and, while open, its libusb handle.
 //
-// Every operation on the reader takes the device's own mutex for its whole run, transfers included.
-// Construction, destruction, the IsDevice tests and GetUsbDevPtr take none: the manager serialises them with
-// its list mutexes. No member calls the manager.
+// Every operation on the reader holds the record's mutex from start to end, transfers included. Construction,
+// destruction, the IsDevice tests and GetUsbDevPtr do not take it: the manager serializes them with its list mutexes.
+// No member calls the manager.
 #pragma once
 
 #include "base/mutex.h"
@@ -14,38 +14,49 @@
 
 struct _GVUSB_SCANSEARCH;
 
-// How frames travel; settled by the first transfer after opening.
+// How frames are transferred. The first transfer after opening decides.
 enum class TransferMode : std::uint32_t { control = 0, bulk = 1, unknown = 255 };
 
 inline constexpr std::uint8_t noEndpoint = 0xFF;
 
 class GVDevice {
 public:
-    // Takes a reference to the libusb device for the lifetime of the record.
+    // ---- record.cpp
+    // Holds a reference to the libusb device during its lifetime.
     GVDevice(int handle, libusb_device* dev);
-    // Closes the reader when it is open.
+    // Closes the reader if it is open.
     virtual ~GVDevice();
     GVDevice(const GVDevice&) = delete;
     GVDevice& operator=(const GVDevice&) = delete;
 
-    // Identity.
+    // ---- identify.cpp
+    // Whether the reader has this place on the bus, or matches the search record.
     bool IsDevice(unsigned char bus, unsigned char address);
     bool IsDevice(_GVUSB_SCANSEARCH* search);
+    // Open the reader, read its identity and close it again.
     int IdentifyDevice();
+    // Whether an open reader still answers. Its last error says why not.
     bool IsPresent();
+    // record.cpp: the address of the libusb device as text, for the log. All records share one buffer.
     const char* GetUsbDevPtr();
 
-    // Opening and closing. A failed OpenDevice may leave the libusb handle open; CloseDevice releases it.
+    // ---- open.cpp
+    // A failed OpenDevice may leave the libusb handle open; CloseDevice releases it.
     int OpenDevice();
     int CloseDevice();
+    // Close the reader under the caller's lock, without a log line.
     void CloseDev() GVUSB_REQUIRES(mutex);
+    // Set configuration 1 unless it is the reader's first one.
     int SetConfiguration() GVUSB_REQUIRES(mutex);
 
-    // Bulk endpoints.
+    // ---- endpoints.cpp
+    // Find the bulk endpoints, choose the transfer mode and claim interface 0.
     int GetBulkEndPoints() GVUSB_REQUIRES(mutex);
+    // Clear the halts of both bulk endpoints.
     void ResetBulkEndPoints() GVUSB_REQUIRES(mutex);
 
-    // Transfers: a count of received bytes, 0 for a frame sent, or a negative code.
+    // ---- transfer.cpp, bulk_transfer.cpp, control_transfer.cpp
+    // Return the number of received bytes, 0 for a frame that was sent, or a negative code.
     int Transmit(const char* interfaceName, const unsigned char* data, unsigned int len);
     int Receive(const char* interfaceName, unsigned char* buf, unsigned int size);
     int Transceive(const char* interfaceName, const unsigned char* data, unsigned int len, unsigned char* buf,
@@ -58,13 +69,17 @@ public:
         GVUSB_REQUIRES(mutex);
     int Transceive_Ctrl(const unsigned char* data, unsigned int len, unsigned char* buf, unsigned int size)
         GVUSB_REQUIRES(mutex);
+
+    // ---- log_buffer.cpp
+    // Log a frame as a hexadecimal dump after a prefix.
     void logBuffer(const char* tag, const char* prefix, const unsigned char* data, unsigned int len);
 
-    // Parameters. value has room for 256 bytes.
+    // ---- parameters.cpp
+    // value has 256 bytes.
     int GetDevicePara(const char* key, char* value);
     int SetDevicePara(const char* key, const char* value);
 
-    // Stores and returns a code, which may be read without the mutex.
+    // Store and return a code. lastError may be read without the mutex.
     int SetLastError(int code) noexcept {
         relaxed::store(lastError, code);
         return code;
@@ -73,14 +88,18 @@ public:
     Mutex mutex;
     libusb_device* const usbdev;
     libusb_device_handle* usbdev_hnd GVUSB_GUARDED_BY(mutex) = nullptr; // null while closed
+    // Passed to g_libusb_open, without effect.
     std::int32_t openOption = 0;
-    bool owner = true; // whether the scan list destroys the record, else the device list; the manager's
+    // Whether the scan list destroys the record; otherwise the device list does. Used by the manager.
+    bool owner = true;
     std::int32_t lastError = 0;                           // of the last operation on this reader
     std::uint32_t timeout GVUSB_GUARDED_BY(mutex) = 1000; // milliseconds, for each transfer
+    // Unused.
     std::uint8_t spareByte = 0xFF;
     const std::uint8_t busNumber;
     const std::uint8_t devAddress;
-    std::int32_t devHnd; // the manager's
+    // Guarded by the manager.
+    std::int32_t devHnd;
     // The identity is written once, before the manager puts the record into a list.
     std::uint32_t devId = 0;
     char famName[256] = {};
@@ -89,16 +108,24 @@ public:
     TransferMode transferMode GVUSB_GUARDED_BY(mutex) = TransferMode::unknown;
     std::uint8_t addrIn GVUSB_GUARDED_BY(mutex) = noEndpoint;
     std::uint8_t addrOut GVUSB_GUARDED_BY(mutex) = noEndpoint;
-    std::uint32_t updateMark = 0; // 1 when the poll that is running has seen the reader; the manager's
+    // 1 if the current poll has found the reader on the bus. Used by the manager.
+    std::uint32_t updateMark = 0;
 
 private:
+    // identify.cpp
     int IdentificationFailed(const char* text, int usbResult, int code) GVUSB_REQUIRES(mutex);
+
+    // endpoints.cpp
     void ForgetBulkEndPoints() GVUSB_REQUIRES(mutex);
+
+    // transfer.cpp
     int BeginTransfer(const char* tag, bool knownProtocol) GVUSB_REQUIRES(mutex);
     int EndTransfer(const char* tag, int result);
+
+    // log_buffer.cpp
     [[gnu::cold]] void LogSent(const char* tag, const unsigned char* data, unsigned int len);
     [[gnu::cold]] void LogReceived(const char* tag, const unsigned char* data, int count);
 };
 
-// Opens a libusb device; the option has no effect.
+// open.cpp: open a libusb device. The option has no effect.
 int g_libusb_open(libusb_device* dev, libusb_device_handle** hnd, int option);

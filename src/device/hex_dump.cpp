@@ -4,8 +4,7 @@
 
 namespace {
 
-// A byte is appended while the write position is below this; three characters and the terminating zero still
-// fit then.
+// Below this position there is room for three characters and the terminating zero.
 constexpr std::size_t appendLimit = sizeof(HexDump) - 4;
 
 } // namespace

@@ -1,4 +1,4 @@
-// The hexadecimal dump of a frame, as one line of text in a buffer of fixed size.
+// Hexadecimal dump of a frame as one line in a buffer of fixed size.
 #pragma once
 
 #include <cstddef>
@@ -6,6 +6,5 @@
 
 using HexDump = char[4096];
 
-// Writes the prefix and, after it, each byte as two upper-case digits and a blank; what does not fit is left
-// out.
+// Write the prefix, then each byte as two upper-case digits and a blank. Bytes that do not fit are omitted.
 void dumpHex(HexDump& text, const char* prefix, std::span<const unsigned char> bytes) noexcept;

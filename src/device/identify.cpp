@@ -19,7 +19,7 @@ bool GVDevice::IsDevice(_GVUSB_SCANSEARCH* search) {
 
 int GVDevice::IdentifyDevice() {
     const MutexLock lock(mutex);
-    CloseDev(); // a handle that is still open would be lost
+    CloseDev(); // otherwise an open handle would leak
     libusb_device_handle* handle = nullptr;
     if (g_libusb_open(usbdev, &handle, openOption) != 0) {
         return SetLastError(GVUSB_ERR_CANNOT_OPEN);
@@ -55,7 +55,7 @@ int GVDevice::IdentifyDevice() {
     if (GVLOG_Level() > 1) {
         logLine("ident", "devName=", devName);
     }
-    // It is the interface type that is read, but the message names devName, as programs that read logs expect.
+    // Programs that read the log expect devName in this message, although the interface type is read.
     if (const int rc = readString(usbdev_hnd, StringIndex::interfaceType, intType); rc < 0) {
         return IdentificationFailed("devName", rc, GVUSB_ERR_STRING_DESCRIPTOR_READ);
     }

@@ -14,7 +14,7 @@ void GVDevice::logBuffer(const char* tag, const char* prefix, const unsigned cha
     GVLOG_Msg(tag, text);
 }
 
-// An empty precision prints nothing for a count of 0.
+// With an empty precision, printf prints nothing for a count of 0.
 void GVDevice::LogSent(const char* tag, const unsigned char* data, unsigned int len) {
     char prefix[64];
     std::snprintf(prefix, sizeof prefix, "%3.zu Bytes >> ", static_cast<std::size_t>(len));

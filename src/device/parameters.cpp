@@ -31,7 +31,7 @@ int GVDevice::GetDevicePara(const char* key, char* value) {
             return SetLastError(GVUSB_ERR_STRING_DESCRIPTOR_READ);
         }
     } else if (isKey(key, "PRESENT")) {
-        // Waits for ever: IsPresent takes the mutex that is held here. The key is kept as it is known.
+        // Deadlock: IsPresent takes the mutex that is held here. This behavior is documented and must stay.
         std::strcpy(value, IsPresent() ? "1" : "0");
     } else {
         return SetLastError(GVUSB_ERR_UNKNOWN_PARAMETER);

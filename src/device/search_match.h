@@ -1,4 +1,4 @@
-// Whether a reader is the one that a search record asks for.
+// Matching readers against search records.
 #pragma once
 
 #include <cstdint>
@@ -12,10 +12,10 @@ struct ReaderIdentity {
     std::string_view devName;
 };
 
-// Tests the one criterion with the lowest bit set in the record's mask. No record matches every reader.
+// Test only the criterion with the lowest bit that is set in the record's mask. Null matches every reader.
 bool matches(const _GVUSB_SCANSEARCH* search, const ReaderIdentity& reader);
 
-// The text in a record's field: up to its terminating zero, or the whole field.
+// Return the text in a field: up to the terminating zero, or the whole field.
 template <std::size_t Size>
 std::string_view fieldText(const char (&field)[Size]) {
     const std::string_view whole(field, Size);

@@ -1,4 +1,3 @@
-// Reading a string descriptor.
 #pragma once
 
 #include "base/reader_facts.h"
@@ -7,9 +6,9 @@
 
 #include <libusb.h>
 
-using DescriptorText = char[256]; // a descriptor's text is never longer, its terminating zero included
+using DescriptorText = char[256]; // enough for the text of every string descriptor
 
-// Returns libusb's result: the length or a negative code, after which text is not changed or incomplete.
+// Read a string descriptor. Return its length or a negative libusb code; text is then unchanged or incomplete.
 inline int readString(libusb_device_handle* handle, StringIndex index, char* text) {
     return libusb_get_string_descriptor_ascii(handle, static_cast<std::uint8_t>(index),
                                               reinterpret_cast<unsigned char*>(text), sizeof(DescriptorText));

@@ -44,8 +44,8 @@ int GVDevice::Transceive(const char* interfaceName, const unsigned char* data, u
                                          : Transceive_Ctrl(data, len, buf, size));
 }
 
-// A transfer needs an open reader, the known protocol and, the first time after opening, a look at its
-// endpoints.
+// Check that the reader is open and the protocol is known. In the first transfer after opening, also find the
+// endpoints and claim the interface.
 int GVDevice::BeginTransfer(const char* tag, bool knownProtocol) {
     if (usbdev_hnd == nullptr) {
         if (GVLOG_Level() > 1) {

@@ -1,11 +1,11 @@
-// What a failed transfer means to the caller.
+// The codes of failed transfers.
 #pragma once
 
 #include "gvusb.h"
 
 #include <libusb.h>
 
-// The library's code for libusb's; otherwise, where the failure has no code of its own.
+// Translate libusb's code. "otherwise" is for failures that have no code of their own.
 constexpr int transferCode(int usbResult, int otherwise) noexcept {
     switch (usbResult) {
     case LIBUSB_ERROR_TIMEOUT:

@@ -11,7 +11,7 @@
 
 namespace {
 
-// What stands behind the first occurrence of a key, null without one.
+// Return the text after the first occurrence of a key, or null.
 const char* valueOf(std::string_view key, const char* text) {
     const char* const found = std::strstr(text, key.data());
     return found == nullptr ? nullptr : found + key.size();
@@ -36,7 +36,7 @@ Configuration parseConfiguration(const char* text) {
     Configuration configuration;
     readNumber("libusb_debuglevel=", text, configuration.libUsbDebugLevel);
     readNumber("gvusb_debuglevel=", text, configuration.debugLevel);
-    // One character, whatever it is, is the mode; those without meaning activate nothing.
+    // The mode is one character. Modes other than 1 and 2 activate nothing.
     if (const char* value = valueOf("gvusb_hotplug=", text); value != nullptr && *value != '\0') {
         configuration.hotPlugMode = static_cast<signed char>(*value) - '0';
     }

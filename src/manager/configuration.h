@@ -1,4 +1,4 @@
-// The configuration file and the settings in its text.
+// The configuration file and its settings.
 #pragma once
 
 #include <optional>
@@ -10,12 +10,12 @@ struct Configuration {
     unsigned int updateRate = 300000; // microseconds
 };
 
-// Keys are found anywhere in the text, inside longer words too; of several the first counts. What is missing or unreadable
-// keeps its default.
+// Keys are found anywhere in the text, even inside longer words. The first occurrence counts. Missing or invalid settings
+// keep their defaults.
 Configuration parseConfiguration(const char* text);
 
-// "/etc/gavo/gvusb.conf", open from construction until it has been read. Only a regular file is opened, so that nothing
-// waits for the other end of a FIFO or reads a device.
+// "/etc/gavo/gvusb.conf", open from construction until it has been read. Other files than regular ones are ignored: a FIFO
+// or a device could block.
 class ConfigurationFile {
 public:
     ConfigurationFile() noexcept;
@@ -23,7 +23,7 @@ public:
     ConfigurationFile(const ConfigurationFile&) = delete;
     ConfigurationFile& operator=(const ConfigurationFile&) = delete;
 
-    // Reads the first 1023 bytes and closes the file. Nothing when there is no file.
+    // Read the first 1023 bytes and close the file. Empty if there is no file.
     std::optional<Configuration> read();
 
 private:

@@ -16,8 +16,8 @@ bool hasHandle(const std::vector<GVDevice*>& devices, int devHnd) {
 
 } // namespace
 
-// After the wrap the next handles may belong to readers that are still open, or that wait in the scan list to be
-// opened again.
+// After the counter has wrapped, the next handle may belong to a reader that is still open, or to one in the scan
+// list, which gets its handle back when it is opened again.
 int GVDrvHnd::NextDeviceHandle() {
     int devHnd;
     do {

@@ -11,8 +11,7 @@
 
 namespace {
 
-// A reader that goes into the scan list. An open one is the device list's; a new one is owned here until it
-// goes there.
+// A reader for the new scan list. The device list owns an open one; `created` owns a new one until it is in the list.
 struct ChosenDevice {
     GVDevice* device;
     std::unique_ptr<GVDevice> created;
@@ -34,7 +33,7 @@ int GVDrvHnd::DiscoverDevices(_GVUSB_SCANSEARCH* search) {
     return RebuildScanList(search);
 }
 
-// The list is empty in between, which nobody sees who holds the device-list mutex.
+// The list is empty in the meantime, but other threads cannot see it without the device-list mutex.
 int GVDrvHnd::RebuildScanList(_GVUSB_SCANSEARCH* search) {
     m_ReportedConnects.clear();
     m_ReportedDisconnects.clear();
@@ -88,7 +87,7 @@ int GVDrvHnd::RebuildScanList(_GVUSB_SCANSEARCH* search) {
         m_ScanList.push_back(entry.device);
         static_cast<void>(entry.created.release());
     }
-    // A replacement may take another reader with the same device ID out of the list: its entry becomes null.
+    // If several readers have the same device ID, a replacement can destroy one of them; its entry is then null.
     for (std::size_t i = 0; i < m_ScanList.size(); ++i) {
         GVDevice* const device = m_ScanList[i];
         if (device != nullptr && DL_ReplaceDevice(device) && GVLOG_Level() > 0) {
@@ -110,7 +109,7 @@ unsigned int GVDrvHnd::ReadDeviceIdOfUsbDev(libusb_device* dev) {
     return devId;
 }
 
-// Sets the device ID when it can be read and is a number. Returns 0 or libusb's code of what failed.
+// Set devId if it can be read, to 0 if it is not a number. Return 0 or libusb's code of the failure.
 int GVDrvHnd::ReadDeviceId(libusb_device* dev, unsigned int& devId) {
     libusb_device_handle* opened = nullptr;
     if (const int rc = libusb_open(dev, &opened); rc != 0) {

@@ -17,7 +17,7 @@ std::vector<_GVUSB_INTERNAL_EVENT_INIT*>::iterator findRegistration(const _GVUSB
                         });
 }
 
-// The thread that is running handlers, 0 for none. Only that thread finds its own number here.
+// The thread that is running handlers, 0 for none. A thread that finds itself here is running one.
 pthread_t handlerThread = 0;
 bool exiting = false;
 
@@ -76,7 +76,7 @@ bool GVDrvHnd::AddToEventInitList(_GVUSB_EVENT_INIT* registration) {
     copy->uiCallbackType = GVUSB_CALLBACK_FUNCTION;
     copy->cbFct = registration->cbFct;
     g_EvtInitAry.push_back(copy.get());
-    static_cast<void>(copy.release()); // the list has it
+    static_cast<void>(copy.release()); // the list owns it now
     return true;
 }
 
@@ -91,8 +91,8 @@ bool GVDrvHnd::RemoveFromEventInitList(_GVUSB_EVENT_INIT* registration) {
     return true;
 }
 
-// Unloading holds the scan-list mutex here, and a handler that scans takes the two mutexes the other way
-// round. None runs any more then, so trying gets the mutex, which is no order of locks.
+// Called at unloading with the scan-list mutex held, whereas a handler that scans takes the two mutexes in the opposite
+// order. No handler runs any more, so tryLock() succeeds, and lock-order checkers ignore it.
 void GVDrvHnd::ClearEventInitList() {
     const MutexLock lock(g_MtxEvtInitAry, MutexLock::tryFirst);
     for (const _GVUSB_INTERNAL_EVENT_INIT* registration : g_EvtInitAry) {

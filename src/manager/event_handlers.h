@@ -1,7 +1,7 @@
 // The list of event registrations.
 //
-// g_MtxEvtInitAry guards it and is held while handlers run, so that no registration vanishes under a running
-// handler.
+// g_MtxEvtInitAry guards it and is held while handlers run, so a registration cannot be removed while its handler
+// runs.
 #pragma once
 
 #include "base/mutex.h"
@@ -24,10 +24,10 @@ extern Mutex g_MtxEvtInitAry;
 extern std::vector<_GVUSB_INTERNAL_EVENT_INIT*>
     g_EvtInitAry GVUSB_GUARDED_BY(g_MtxEvtInitAry); // in order of registration
 
-// A handler may end the process by calling exit(), which tears the manager down inside the handler. Then no
-// handler runs any more, and the mutex that this one holds is given back, as whoever waits for it has to end
-// first. In a thread that is not running a handler this does nothing. Returns whether it was running one.
+// Prepare for the destruction of the manager in a handler that has called exit(): no handler runs any more, and the
+// mutex that is held for this handler is released, because the destructor joins threads that may wait for it. Does
+// nothing in a thread that is not running a handler. Return whether it was running one.
 bool leaveEventHandlerForExit();
 
-// Undoes that for a new manager.
+// Undo this for a new manager.
 void allowEventHandlers();

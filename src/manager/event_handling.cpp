@@ -4,7 +4,7 @@
 
 #include <libusb.h>
 
-// Older or other implementations of libusb may lack these. Without them no thread is taken to handle events.
+// Some implementations of libusb lack these functions. Without them, no thread is assumed to handle events.
 #pragma weak libusb_try_lock_events
 #pragma weak libusb_unlock_events
 #pragma weak libusb_event_handler_active
@@ -28,9 +28,9 @@ bool canInterrupt() {
            &libusb_interrupt_event_handler != nullptr;
 }
 
-// A thread that ends its round releases the events lock first and then takes the waiters' lock, which is held here: it
-// cannot begin another round before this one has the events lock. So as many rounds as there are threads are waited
-// for, whatever wakes them and however soon they come back.
+// At the end of a round, a thread releases the events lock and then takes the waiters' lock. Because the latter is held
+// here, it cannot start another round before this thread gets the events lock. So this waits for at most one round of
+// each thread, no matter what wakes them and how soon they come back.
 bool awaitEndOfRound() {
     bool ended = false;
     libusb_lock_event_waiters(nullptr);
@@ -48,7 +48,7 @@ bool awaitEndOfRound() {
 
 } // namespace
 
-// A thread that handles events holds their lock, and nobody else can take it, that thread included.
+// A thread that handles events holds the events lock, and no thread can take it then, not even the same one.
 bool eventsAreBeingHandled() {
     if (!canLockEvents() || libusb_try_lock_events(nullptr) != 0) {
         return canLockEvents();

@@ -1,21 +1,21 @@
-// Who handles libusb's events. The library never does so by itself, but its own synchronous transfers do in passing, and
-// applications may have a thread for it.
+// Detects threads that handle libusb's events. The library has no thread for this, but its synchronous transfers handle
+// events while they wait, and an application may have a thread for it.
 //
-// All of it is about libusb's default context, which must exist. Any thread.
+// libusb's default context must exist. Any thread.
 #pragma once
 
 #include <chrono>
 
-// Whether some thread, this one included, handles events at this moment.
+// Whether some thread, including this one, is handling events now.
 bool eventsAreBeingHandled();
 
-// Waits until a callback that has been deregistered can no longer run: deregistering alone leaves a callback alone that
-// libusb is calling, or has just decided to call. Returns whether a thread was handling events.
+// Wait until a deregistered callback can no longer run: libusb may still be calling it, or may have just decided to call it.
+// Return whether a thread was handling events.
 //
-// A thread that handles events and is stuck in a callback of the application, or that is the one which waits here, is
-// waited for one second.
+// Gives up after one second if the thread that handles events is stuck in a callback of the application, or is the calling
+// thread.
 bool awaitDeregisteredCallbacks();
 
-// Whether a thread begins to handle events within this time: one that handles them in a loop is between two rounds for
-// some microseconds.
+// Whether a thread handles events within this time. A thread that handles them in a loop is between two rounds for some
+// microseconds.
 bool eventsAreHandledWithin(std::chrono::milliseconds time);

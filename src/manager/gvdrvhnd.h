@@ -1,12 +1,11 @@
-// GVDrvHnd: the driver manager. It owns every reader's record, keeps the scan list and the device list, hands
+// GVDrvHnd: the driver manager. It owns the records of all readers, keeps the scan list and the device list, hands
 // out device handles, opens and closes readers, and watches the bus for readers that come and go.
 //
-// One instance exists, g_GvUsbMan, from loading to unloading. Two mutexes guard it, always taken in this
-// order: the scan-list mutex, which keeps a scan and an update of the lists apart and guards what has been
-// reported, and the device-list mutex, which guards both lists and is held during all work on a reader. A scan
-// that opens holds both until the readers that it found are open. Event handlers run with neither of them held,
-// under g_MtxEvtInitAry. The other members are constant after construction, or single values that any thread may
-// read and write.
+// The only instance, g_GvUsbMan, lives from loading to unloading. Two mutexes guard it, always taken in this order:
+// - m_mtxScanList excludes scans and polls from each other and guards which readers have been reported.
+// - m_mtxDevList guards both lists and is held during all work on a reader.
+// A scan that opens readers holds both until they are open. Event handlers run with neither of them held, under
+// g_MtxEvtInitAry. The other members are constant after construction, or single values that are accessed atomically.
 #pragma once
 
 #include "base/mutex.h"
@@ -25,14 +24,17 @@ class GVDevice;
 
 class GVDrvHnd {
 public:
+    // ---- lifecycle.cpp
     GVDrvHnd();
     virtual ~GVDrvHnd();
     GVDrvHnd(const GVDrvHnd&) = delete;
     GVDrvHnd& operator=(const GVDrvHnd&) = delete;
 
-    // Device list and device handles.
+    // ---- device_list.cpp: device list, handles and frames. DL_ functions search the device list.
+    // Return a handle that no record has.
     int NextDeviceHandle() GVUSB_REQUIRES(m_mtxDevList);
     void ClearDeviceList() GVUSB_EXCLUDES(m_mtxDevList);
+    // Return the handle after devHnd, or the first one if devHnd is not positive; 0 at the end of the list.
     int FindFirstOrNextDeviceHandle(int devHnd) GVUSB_EXCLUDES(m_mtxDevList);
     GVDevice* DL_DeviceOfUsbDev(const libusb_device* dev) GVUSB_REQUIRES(m_mtxDevList);
     GVDevice* DL_DeviceOfDevHnd(int devHnd) GVUSB_REQUIRES(m_mtxDevList);
@@ -47,30 +49,44 @@ public:
     int GetLastError(int devHnd) GVUSB_EXCLUDES(m_mtxDevList);
     int GetDeviceHnd(unsigned int devId) GVUSB_EXCLUDES(m_mtxDevList);
 
-    // Scan and scan list.
+    // ---- scan.cpp
+    // One of the scan options; also open what it finds if `open` is true.
     int Scan(int option, _GVUSB_SCANSEARCH* search, bool open) GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
+
+    // ---- discover.cpp
+    // Rebuild the scan list. Return the number of its entries.
     int DiscoverDevices(_GVUSB_SCANSEARCH* search) GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
     bool IsUsableGavoDevice(libusb_device_descriptor* desc);
+    // Open a device to read its device ID. Return 0 if this fails.
     unsigned int ReadDeviceIdOfUsbDev(libusb_device* dev);
+
+    // ---- scan_list.cpp. SL_ functions search the scan list.
     int GetScanListPara(int index, const char* key, char* value) GVUSB_EXCLUDES(m_mtxDevList);
     int GetScanListSize() GVUSB_EXCLUDES(m_mtxDevList);
     void ClearScanList() GVUSB_EXCLUDES(m_mtxDevList);
     GVDevice* SL_DeviceOfUsbDev(const libusb_device* dev) GVUSB_REQUIRES(m_mtxDevList);
     int SL_IndexOfDevId(unsigned int devId) GVUSB_REQUIRES(m_mtxDevList);
 
-    // Opening and closing.
+    // ---- opening.cpp
+    // Open every reader of the scan list, the one at an index, or the first one with a device ID.
     int OpenAllDevices() GVUSB_EXCLUDES(m_mtxDevList);
     int OpenDevice(int index) GVUSB_EXCLUDES(m_mtxDevList);
     int OpenDevice(unsigned int devId) GVUSB_EXCLUDES(m_mtxDevList);
     int CloseDevice(int devHnd) GVUSB_EXCLUDES(m_mtxDevList);
 
-    // Parameters of the driver, of every open reader, of one.
+    // ---- parameters.cpp: parameters of the driver, of every open reader, of one reader.
     int GetDevicePara(int devHnd, const char* key, char* value) GVUSB_EXCLUDES(m_mtxDevList);
     int SetDevicePara(int devHnd, const char* key, const char* value) GVUSB_EXCLUDES(m_mtxDevList);
 
-    // Hot-plug.
+    // ---- worker.cpp
+    // The thread that polls.
     static void* CheckDevicesThread(void* manager);
+
+    // ---- hotplug_polling.cpp
+    // Poll once.
     void UpdateDevices() GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
+
+    // ---- hotplug_callbacks.cpp: called by libusb in mode 2.
     static int LIBUSB_CALL ExecDeviceConnectCallbacks(libusb_context* ctx, libusb_device* dev,
                                                       libusb_hotplug_event event, void* manager);
     static int LIBUSB_CALL ExecDeviceDisconnectCallbacks(libusb_context* ctx, libusb_device* dev,
@@ -78,92 +94,119 @@ public:
     static int LIBUSB_CALL ExecDeviceCallbacks(libusb_context* ctx, libusb_device* dev,
                                                libusb_hotplug_event event, void* manager);
 
-    // Event handlers.
+    // ---- event_handlers.cpp
     int AddEventHandler(int devHnd, _GVUSB_EVENT_INIT* registration) GVUSB_EXCLUDES(g_MtxEvtInitAry);
     int DelEventHandler(int devHnd, _GVUSB_EVENT_INIT* registration) GVUSB_EXCLUDES(g_MtxEvtInitAry);
+    // Return whether the list has changed.
     static bool AddToEventInitList(_GVUSB_EVENT_INIT* registration) GVUSB_EXCLUDES(g_MtxEvtInitAry);
     static bool RemoveFromEventInitList(_GVUSB_EVENT_INIT* registration) GVUSB_EXCLUDES(g_MtxEvtInitAry);
     static void ClearEventInitList() GVUSB_EXCLUDES(g_MtxEvtInitAry);
     static void ExecEventInitListCallbacks(unsigned int event, int devHnd, unsigned int devId)
         GVUSB_EXCLUDES(g_MtxEvtInitAry);
+    // A list of device IDs as a set: add an ID that it does not have, and test for one.
     static void ToDevIds(std::vector<unsigned int>* ids, unsigned int id);
     static bool IsInDevIds(std::vector<unsigned int>* ids, unsigned int id);
 
-    // Diagnostic dumps.
+    // ---- dumps.cpp
     void logScanSearchOpt(_GVUSB_SCANSEARCH* search);
     void logDevice(libusb_device* dev, libusb_device_descriptor* desc);
     void logScanList() GVUSB_REQUIRES(m_mtxDevList);
     void logDeviceList() GVUSB_REQUIRES(m_mtxDevList);
 
-    // Replacing a reader's record when the reader is found again.
+    // ---- replace.cpp
+    // Replace the record of a reader that has come back, in the device list by its device ID (return whether there was
+    // one), or in the scan list at an index.
     bool DL_ReplaceDevice(GVDevice* newDev) GVUSB_REQUIRES(m_mtxDevList);
     void SL_ReplaceDevice(GVDevice* newDev, int index) GVUSB_REQUIRES(m_mtxDevList);
 
-    // Stores and returns a code.
+    // Store and return a code.
     int SetLastError(int code) noexcept {
         relaxed::store(m_iLastError, code);
         return code;
     }
 
     int m_iLastError = 0;
+    // How many handles have been used since the start or the last wrap.
     int m_iHandleCounter GVUSB_GUARDED_BY(m_mtxDevList) = 0;
-    // Index of the scan-list entry last handed out, -1 for none.
+    // Index of the current scan-list entry, -1 for none.
     int m_iScanCursor GVUSB_GUARDED_BY(m_mtxDevList) = -1;
+    // The lists own the records: see ownership.cpp. Entries can be null.
     std::vector<GVDevice*> m_ScanList GVUSB_GUARDED_BY(m_mtxDevList);
     std::vector<GVDevice*> m_DeviceList GVUSB_GUARDED_BY(m_mtxDevList);
     Mutex m_mtxDevList;
     Mutex m_mtxScanList GVUSB_ACQUIRED_BEFORE(m_mtxDevList);
+    // The worker thread, which polls unless it is suspended.
     pthread_t m_Thread = {};
     bool m_bStopThread = false;
     bool m_bSuspend = true;
     unsigned int m_uiUpdateRate = 300000; // microseconds between two polls
-    // Readers whose report began since the last scan: each is reported once per direction.
+    // Device IDs that have been reported since the last scan. Each is reported once per direction.
     std::vector<unsigned int> m_ReportedConnects GVUSB_GUARDED_BY(m_mtxScanList);
     std::vector<unsigned int> m_ReportedDisconnects GVUSB_GUARDED_BY(m_mtxScanList);
     int m_iLibUsbDebugLevel = 0;
+    // Whether libusb supports hot-plug callbacks.
     bool m_bHasHotPlug = false;
     int m_iDebugLevel = 0;
     int m_iHotPlugMode = 1; // 0 off, 1 polling, 2 libusb's hot-plug callbacks; constant after construction
     libusb_hotplug_callback_handle m_hCbConnect = 0;
     libusb_hotplug_callback_handle m_hCbDisconnect = 0;
-    // Whether libusb has a default context; without one most of its functions must not be called.
+    // Whether libusb has a default context. Without one, most of its functions must not be called.
     bool m_bLibUsbUsable = false;
     bool m_bThreadStarted = false; // there is a thread to join
     const OwnProcess m_Process;
+    // Events of mode 2 that wait to be reported.
     HotPlugQueue m_HotPlugQueue{m_Process, &ReportQueued, this};
 
 private:
+    // lifecycle.cpp
     void ApplyDebugLevels();
     void LogStart(const libusb_version& libUsbVersion);
     static void LeaveLibUsb(bool inHandler);
     void RegisterHotPlugCallbacks();
+
+    // worker.cpp
     void StopThread();
 
+    // ownership.cpp
     bool IsInScanList(const GVDevice* device) GVUSB_REQUIRES(m_mtxDevList);
     bool IsInDeviceList(const GVDevice* device) GVUSB_REQUIRES(m_mtxDevList);
+    // Delete a record and make its entries in both lists null.
     void DestroyDevice(GVDevice* device) GVUSB_REQUIRES(m_mtxDevList);
     void DropFromScanList(std::size_t index) GVUSB_REQUIRES(m_mtxDevList);
 
+    // scan.cpp
     int ScanAll(_GVUSB_SCANSEARCH* search, bool open) GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
     int ScanFirst(_GVUSB_SCANSEARCH* search, bool open) GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
     int ScanNext(bool open) GVUSB_EXCLUDES(m_mtxDevList);
+
+    // discover.cpp
     int RebuildScanList(_GVUSB_SCANSEARCH* search) GVUSB_REQUIRES(m_mtxScanList, m_mtxDevList);
+
+    // scan_list.cpp
     int CountScanList() GVUSB_REQUIRES(m_mtxDevList);
     void EmptyScanList() GVUSB_REQUIRES(m_mtxDevList);
 
+    // opening.cpp
     int OpenScanned(GVDevice& device) GVUSB_REQUIRES(m_mtxDevList);
     int OpenEntry(GVDevice& device) GVUSB_REQUIRES(m_mtxDevList);
     int OpenEntryAt(int index) GVUSB_REQUIRES(m_mtxDevList);
     int OpenEveryEntry() GVUSB_REQUIRES(m_mtxDevList);
 
+    // parameters.cpp
     int GetDriverPara(const char* key, char* value);
     int SetDriverPara(const char* key, const char* value);
     int SetEveryDevicePara(const char* key, const char* value) GVUSB_EXCLUDES(m_mtxDevList);
 
+    // discover.cpp
     int ReadDeviceId(libusb_device* dev, unsigned int& devId);
+
+    // hotplug_callbacks.cpp
     int ReportArrival(libusb_device* dev);
     static void ReportDeparture();
+    // Called by the queue's thread.
     static void ReportQueued(void* manager, libusb_hotplug_event event, libusb_device* dev);
+
+    // hotplug_polling.cpp
     struct Report {
         unsigned int devId;
         int devHnd;
@@ -172,6 +215,7 @@ private:
         std::vector<Report> disconnects;
         std::vector<Report> connects;
     };
+    // Compare the lists with the bus and record the reports that are due.
     Reports BeginReports() GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
     Reports CompareWithBus() GVUSB_REQUIRES(m_mtxScanList, m_mtxDevList);
     void UpdateFromUsbDevice(libusb_device* usbDevice, std::vector<Report>& arrived)
@@ -180,6 +224,6 @@ private:
 
 extern GVDrvHnd g_GvUsbMan;
 
-// Whether g_GvUsbMan has been built and is not yet going. Other libraries' initializers and destructors may call before
-// and after.
+// Whether calls may use g_GvUsbMan. Initializers and destructors of other libraries may call the library before it is
+// constructed and after its destruction.
 [[gnu::visibility("hidden")]] extern bool managerIsUsable;

@@ -6,7 +6,7 @@
 int LIBUSB_CALL GVDrvHnd::ExecDeviceConnectCallbacks(libusb_context* /*ctx*/, libusb_device* dev,
                                                      libusb_hotplug_event /*event*/, void* manager) {
     GVDrvHnd& self = *static_cast<GVDrvHnd*>(manager);
-    // A read that is refused as busy comes from inside event handling too, an application's own perhaps.
+    // libusb also refuses the read as "busy" if it comes from inside event handling.
     if (eventsAreBeingHandled() || self.ReportArrival(dev) == LIBUSB_ERROR_BUSY) {
         self.m_HotPlugQueue.Post(LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED, dev);
     }
@@ -44,7 +44,7 @@ void GVDrvHnd::ReportQueued(void* manager, libusb_hotplug_event event, libusb_de
     }
 }
 
-// Reports a reader that can be read. Returns libusb's code of a read that failed.
+// Report a reader whose device ID can be read and is not 0. Return 0 or libusb's code of a failed read.
 int GVDrvHnd::ReportArrival(libusb_device* dev) {
     unsigned int devId = 0;
     if (const int rc = ReadDeviceId(dev, devId); rc < 0 || devId == 0) {
@@ -57,7 +57,7 @@ int GVDrvHnd::ReportArrival(libusb_device* dev) {
     return LIBUSB_SUCCESS;
 }
 
-// What has left cannot be asked for its device ID any more.
+// The device ID cannot be read any more.
 void GVDrvHnd::ReportDeparture() {
     if (GVLOG_Level() > 0) {
         logLine("from libusb", "MESSAGE \"disconnect\": devHnd=0x", std::hex, 0, " devId=0x", 0);

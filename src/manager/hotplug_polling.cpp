@@ -9,11 +9,11 @@
 
 namespace {
 
-// A poll meets the readers in the order in which the one before met them.
+// Every poll finds the readers in the same order.
 constinit SequentialSearch connectSearch;
 constinit SequentialSearch disconnectSearch;
 
-// Returns whether the device ID is new in this period.
+// Return whether the device ID was not reported since the last scan.
 bool addReported(std::vector<unsigned int>& reported, unsigned int devId, SequentialSearch& search) {
     if (search.find(reported, [&](unsigned int id) { return id == devId; })) {
         return false;
@@ -22,7 +22,7 @@ bool addReported(std::vector<unsigned int>& reported, unsigned int devId, Sequen
     return true;
 }
 
-// Leaves the reports that are due, each device ID once.
+// Keep only the reports that are due, each device ID once.
 template <class Report>
 void keepUnreported(std::vector<Report>& reports, std::vector<unsigned int>& reported,
                     SequentialSearch& search) {
@@ -37,12 +37,12 @@ void keepUnreported(std::vector<Report>& reports, std::vector<unsigned int>& rep
 
 } // namespace
 
-// One poll: compares the bus with the scan list, puts readers that came back in their old place and reports
-// those that came or went.
+// Poll once: compare the bus with the scan list, replace the records of readers that came back, and report those that
+// came or went.
 void GVDrvHnd::UpdateDevices() {
     const Reports reports = BeginReports();
 
-    // Handlers run without the list mutexes, so that they may call the library.
+    // No list mutex is held, so that handlers can call the library.
     for (const auto& [devId, devHnd] : reports.disconnects) {
         if (GVLOG_Level() > 0) {
             logLine("update", "MESSAGE \"disconnect\": devId=0x", std::hex, devId, " devHnd=0x", devHnd);
@@ -57,9 +57,9 @@ void GVDrvHnd::UpdateDevices() {
     }
 }
 
-// A report counts in the period in which the poll saw the change, so it is noted before the mutexes are released:
-// a scan in the meantime, in a handler or in another thread, begins a period that this report does not belong to.
-// The room is made first: when memory runs out, none of them counts.
+// Records the reports before the mutexes are released, because a report belongs to the period in which the poll saw the
+// change. A later scan, in a handler or in another thread, starts a new period. Memory is reserved first: if it runs out,
+// none of the reports is recorded.
 GVDrvHnd::Reports GVDrvHnd::BeginReports() {
     const MutexLock scanLock(m_mtxScanList);
     const MutexLock listLock(m_mtxDevList);
@@ -71,7 +71,7 @@ GVDrvHnd::Reports GVDrvHnd::BeginReports() {
     return reports;
 }
 
-// The readers that are not where the scan list has them, and those on the bus that it does not have.
+// Return the readers that are in the scan list but not on the bus, and those on the bus but not in the list.
 GVDrvHnd::Reports GVDrvHnd::CompareWithBus() {
     Reports reports;
     for (GVDevice* device : m_ScanList) {
@@ -97,8 +97,7 @@ GVDrvHnd::Reports GVDrvHnd::CompareWithBus() {
     return reports;
 }
 
-// What one usable device on the bus means for the scan list; readers that are not in it are added to
-// arrived.
+// Update the scan list from one reader on the bus. Readers that are not in the list are added to arrived.
 void GVDrvHnd::UpdateFromUsbDevice(libusb_device* usbDevice, std::vector<Report>& arrived) {
     if (GVDevice* const known = SL_DeviceOfUsbDev(usbDevice)) {
         known->updateMark = 1;

@@ -14,7 +14,7 @@ void HotPlugQueue::Post(libusb_hotplug_event event, libusb_device* dev) noexcept
     try {
         m_events.push_back({.event = event, .device = std::move(device)});
     } catch (const std::bad_alloc&) {
-        return; // libusb's frames are below: nothing can be thrown through them
+        return; // an exception must not pass through libusb
     }
     if (!m_threadStarted) {
         m_threadStarted = startOwnThread(m_thread, &Run, this);
@@ -51,13 +51,13 @@ void* HotPlugQueue::Run(void* queue) {
                 break;
             }
             self.m_reporter(self.m_context, next.event, next.device.get());
-            next.device.reset(); // the next events may be long in coming
+            next.device.reset(); // it may take long until the next events come
         }
     }
     return nullptr;
 }
 
-// What has been posted since the last call; nothing when the queue is stopped.
+// Return the events that were posted since the last call. Empty if the queue is stopped.
 std::vector<HotPlugQueue::Event> HotPlugQueue::WaitForEvents() {
     const MutexLock lock(m_mutex);
     while (m_events.empty() && !m_stopped) {

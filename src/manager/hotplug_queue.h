@@ -1,9 +1,8 @@
-// Hands hot-plug events from where libusb delivers them to a thread of the library's own.
+// Passes hot-plug events from libusb's callbacks to a thread of the library.
 //
-// libusb delivers them while it handles events: there no reader can be asked for its device ID, and a handler
-// of the application that called the library would wait for a mutex whose holder waits for those very events.
-// The thread starts with the first event and reports them one by one, in the order in which they were posted,
-// holding no mutex.
+// Inside event handling, libusb refuses to read a reader's device ID, and a handler of the application that called the
+// library would wait for a mutex whose owner waits for these very events. The thread starts with the first event. It
+// reports the events one by one, in the order in which they were posted, and holds no mutex meanwhile.
 #pragma once
 
 #include "base/mutex.h"
@@ -27,12 +26,10 @@ public:
     HotPlugQueue(const HotPlugQueue&) = delete;
     HotPlugQueue& operator=(const HotPlugQueue&) = delete;
 
-    // Keeps a reference to the device until the event is reported. Any thread, also inside libusb's event
-    // handling.
+    // Queue an event, with a reference to the device until it is reported. Any thread, even inside event handling.
     void Post(libusb_hotplug_event event, libusb_device* dev) noexcept GVUSB_EXCLUDES(m_mutex);
 
-    // Drops what is queued and what is posted from now on, and waits for a report in progress, unless that
-    // report is what is stopping the queue.
+    // Drop queued and future events, and wait for a report in progress, unless the report itself stops the queue.
     void Stop() noexcept GVUSB_EXCLUDES(m_mutex);
 
 private:

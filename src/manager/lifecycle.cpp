@@ -11,12 +11,11 @@
 
 #include <sys/stat.h>
 
-// Older implementations of libusb may lack these. Without them its descriptors are taken to be open.
+// Older versions of libusb may lack these functions. Without them, its descriptors are assumed to be open.
 #pragma weak libusb_get_pollfds
 #pragma weak libusb_free_pollfds
 
-// In this order: what is built last goes first, so the registrations are still there when the manager clears
-// them.
+// In this order, because the destructor of the manager still uses the registrations.
 constinit Mutex g_MtxEvtInitAry;
 constinit std::vector<_GVUSB_INTERNAL_EVENT_INIT*> g_EvtInitAry;
 GVDrvHnd g_GvUsbMan;
@@ -24,7 +23,7 @@ constinit bool managerIsUsable = false;
 
 namespace {
 
-// A program can be linked against a newer libusb than it runs with; this is the interface that is used here.
+// A constant instead of LIBUSB_API_VERSION, because a program can run with an older libusb than it was built with.
 constexpr unsigned int usedLibUsbApi = 0x01000105;
 
 bool startLibUsb() {
@@ -32,7 +31,7 @@ bool startLibUsb() {
     return libusb_init(nullptr) == LIBUSB_SUCCESS;
 }
 
-// Whether libusb's descriptors are open. A program may have closed them together with all others, to become a daemon.
+// Whether libusb's descriptors are open. A program that becomes a daemon may have closed all descriptors.
 bool descriptorsAreOpen() {
     if (&libusb_get_pollfds == nullptr || &libusb_free_pollfds == nullptr) {
         return true;
@@ -85,7 +84,7 @@ GVDrvHnd::GVDrvHnd() {
 }
 
 GVDrvHnd::~GVDrvHnd() {
-    // A forked child that exits leaves the readers, which it shares with its parent, alone.
+    // A forked child must not touch the readers, which it shares with its parent.
     if (!m_Process.isCurrent()) {
         relaxed::store(managerIsUsable, false);
         return;
@@ -97,8 +96,7 @@ GVDrvHnd::~GVDrvHnd() {
     StopThread();
     m_HotPlugQueue.Stop();
     relaxed::store(managerIsUsable, false);
-    // Never unlocked: a scan that somebody starts while this runs, against all rules, waits instead of using
-    // what is going.
+    // Never unlocked, so that a scan that is wrongly started now waits instead of using destroyed objects.
     m_mtxScanList.lock();
     bool contextInUse = m_bLibUsbUsable && eventsAreBeingHandled();
     if (m_iHotPlugMode == 2 && m_bLibUsbUsable) {
@@ -119,7 +117,7 @@ GVDrvHnd::~GVDrvHnd() {
 
 void GVDrvHnd::ApplyDebugLevels() {
     if (m_bLibUsbUsable) {
-        // Deprecated in favour of libusb_set_option, which older versions do not have.
+        // Deprecated in favor of libusb_set_option, which older versions do not have.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
         libusb_set_debug(nullptr, m_iLibUsbDebugLevel);
@@ -128,11 +126,11 @@ void GVDrvHnd::ApplyDebugLevels() {
     GVLOG_SetLevel(m_iDebugLevel);
 }
 
-// Leaves libusb, unless that would free its context under a thread of the application that handles events, or wait for
-// ever for libusb's own thread, which closed descriptors keep from waking up. Then the process keeps the context.
+// Call libusb_exit, unless this would free the context under a thread of the application that handles events, or wait
+// forever for libusb's own thread, which cannot wake up if the descriptors are closed. Then the context stays.
 void GVDrvHnd::LeaveLibUsb(bool inHandler) {
-    // A handler that ends the process was called because of an event, so whoever handled that is likely to be between two
-    // rounds.
+    // A handler that ends the process was called because of an event, so the thread that handled the event is probably
+    // between two rounds.
     const std::chrono::milliseconds betweenRounds(inHandler ? 20 : 1);
     if (!eventsAreHandledWithin(betweenRounds) && descriptorsAreOpen()) {
         libusb_exit(nullptr);

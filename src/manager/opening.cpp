@@ -23,7 +23,7 @@ bool isOpen(const GVDevice& device) GVUSB_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 int openOrLeaveClosed(GVDevice& device) {
-    // Also when memory runs out in the middle; but what was open before stays open.
+    // Closes the reader on failure, also if memory runs out, unless it was open before.
     std::unique_ptr<GVDevice, Closer> opening(isOpen(device) ? nullptr : &device);
     const int code = device.OpenDevice();
     if (code == 0) {
@@ -32,7 +32,7 @@ int openOrLeaveClosed(GVDevice& device) {
     return code;
 }
 
-// Opens an entry of the scan list and puts it into the device list.
+// Open an entry of the scan list and put it into the device list.
 int GVDrvHnd::OpenScanned(GVDevice& device) {
     m_DeviceList.reserve(m_DeviceList.size() + 1);
     if (const int code = openOrLeaveClosed(device); code != 0) {
@@ -41,7 +41,7 @@ int GVDrvHnd::OpenScanned(GVDevice& device) {
         }
         return code;
     }
-    // A reader with the device ID 0 is not found by it, so it may be open already.
+    // A reader with the device ID 0 cannot be looked up by its ID, so it may be in the list already.
     if (!IsInDeviceList(&device)) {
         m_DeviceList.push_back(&device);
     }
@@ -52,7 +52,7 @@ int GVDrvHnd::OpenScanned(GVDevice& device) {
     return GVUSB_OK;
 }
 
-// Opens one entry for an application: the handle, or the code of the failure.
+// Open one entry. Return its handle or the code of the failure.
 int GVDrvHnd::OpenEntry(GVDevice& device) {
     if (const int devHnd = DL_HandleOfDeviceId(device.devId); devHnd != 0) {
         return devHnd;

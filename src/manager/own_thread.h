@@ -1,14 +1,13 @@
-// Threads that the library starts, and those that libusb starts for it. Signals of the application are handled by the
-// application's own threads.
+// Threads of the library and of libusb run with signals blocked, so that only the application's threads handle signals.
 #pragma once
 
 #include <csignal>
 
 #include <pthread.h>
 
-// Blocks signals in the calling thread for its lifetime. A thread that is started meanwhile inherits the mask, so it never
-// runs with another. Faults that a thread causes itself (SIGSEGV and the like) stay unblocked: blocked, they would end the
-// process without the application's handler.
+// Blocks signals in the calling thread during its lifetime. Threads that are started meanwhile inherit the mask. Signals for
+// a thread's own faults, such as SIGSEGV, stay unblocked: otherwise they would end the process without calling the
+// application's signal handler.
 class BlockedSignals {
 public:
     BlockedSignals() noexcept;
@@ -20,5 +19,5 @@ private:
     sigset_t m_before;
 };
 
-// Starts a thread with signals blocked. Returns whether it runs.
+// Start a thread with signals blocked. Return whether this succeeded.
 bool startOwnThread(pthread_t& thread, void* (*function)(void*), void* argument) noexcept;

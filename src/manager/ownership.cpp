@@ -1,8 +1,7 @@
-// Where a record may stand and who destroys it.
+// Which list destroys a record.
 //
-// A record can stand in both lists. It is destroyed when it leaves the last of them, and every list forgets
-// it first, so neither list ever holds a pointer to a destroyed record. The owner flag tells which list is to
-// destroy it.
+// A record can be in both lists. It is destroyed when it leaves the last of them. Both lists forget it first, so
+// neither list ever holds a pointer to a destroyed record. The owner flag says which list destroys it.
 #include "manager/gvdrvhnd.h"
 
 #include "device/gvdevice.h"
@@ -24,7 +23,7 @@ void GVDrvHnd::DestroyDevice(GVDevice* device) {
     delete device;
 }
 
-// A record that applications still address by its handle lives on, as the device list's own.
+// Applications can still use a record by its handle if it is in the device list, which then owns it.
 void GVDrvHnd::DropFromScanList(std::size_t index) {
     GVDevice* const device = std::exchange(m_ScanList[index], nullptr);
     if (device == nullptr) {

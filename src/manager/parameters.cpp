@@ -11,8 +11,8 @@
 
 namespace {
 
-// The handle is hexadecimal, and so is the return code after it. A read that failed shows the caller's buffer
-// as it stands, within its documented size.
+// The return code is hexadecimal too. After a failed read, the caller's buffer may have no terminating zero, so only its
+// documented size is read.
 void logParameter(const char* tag, int devHnd, const char* key, const char* value, std::size_t valueSize,
                   int code) {
     if (GVLOG_Level() > 0) {
@@ -86,7 +86,7 @@ int GVDrvHnd::SetDriverPara(const char* key, const char* value) {
     return SetLastError(GVUSB_OK);
 }
 
-// Every open reader in order, until one refuses. Without any, the last error stays and is the result.
+// Set a parameter of every open reader, in order, until one refuses. If none is open, return the unchanged last error.
 int GVDrvHnd::SetEveryDevicePara(const char* key, const char* value) {
     const MutexLock lock(m_mtxDevList);
     int code = relaxed::load(m_iLastError);

@@ -32,7 +32,7 @@ bool GVDrvHnd::DL_ReplaceDevice(GVDevice* newDev) {
     logReplacement("to ... ", *oldDev);
 
     DestroyDevice(oldDev);
-    // One entry for each record: a second would make a walk by handles go round in a circle.
+    // A record must be in the list only once: with two entries, iterating by handles would never end.
     std::replace(m_DeviceList.begin(), m_DeviceList.end(), newDev, static_cast<GVDevice*>(nullptr));
     *found = newDev;
     newDev->devHnd = devHnd;
@@ -45,14 +45,14 @@ bool GVDrvHnd::DL_ReplaceDevice(GVDevice* newDev) {
 
 void GVDrvHnd::SL_ReplaceDevice(GVDevice* newDev, int index) {
     newDev->owner = true;
-    // The list owns the new record from here on, also when memory runs out below.
+    // The list owns the new record from here on, even if memory runs out below.
     GVDevice* const displaced = std::exchange(m_ScanList[static_cast<std::size_t>(index)], newDev);
     const bool shared = displaced != nullptr && IsInDeviceList(displaced);
     if (displaced != nullptr && !shared && displaced != newDev) {
         DestroyDevice(displaced);
     }
     DL_ReplaceDevice(newDev);
-    // Of two open readers with the same device ID only the first is replaced; the other keeps its handle.
+    // If two open readers have the same device ID, only the first is replaced; the other one keeps its handle.
     if (shared && IsInDeviceList(displaced)) {
         displaced->owner = false;
     }

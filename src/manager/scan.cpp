@@ -25,7 +25,7 @@ int GVDrvHnd::Scan(int option, _GVUSB_SCANSEARCH* search, bool open) {
     }
 }
 
-// What a scan opens is what it found: no other thread's scan comes between the two.
+// Both mutexes are held until the readers are open, so that no other thread's scan changes the list in between.
 int GVDrvHnd::ScanAll(_GVUSB_SCANSEARCH* search, bool open) {
     logScanSearchOpt(search);
     const MutexLock scanLock(m_mtxScanList);

@@ -6,7 +6,7 @@
 
 namespace {
 
-// A poll asks for the readers in the order of the bus, which is mostly the list's.
+// A poll looks for the readers in the order of the bus, which is usually the order of the list.
 constinit SequentialSearch scanListSearch;
 
 } // namespace

@@ -6,7 +6,7 @@
 
 namespace {
 
-// The end of the thread is told however it ends: by the loop test, or cancelled in its sleep.
+// Logs the end of the thread, also if it is cancelled in its sleep.
 struct StopLogger {
     ~StopLogger() {
         if (GVLOG_Level() > 2) {
@@ -46,8 +46,8 @@ void* GVDrvHnd::CheckDevicesThread(void* manager) {
     return nullptr;
 }
 
-// Unloading waits for a poll in progress, but not for the end of the sleep, which may take hours. The thread
-// itself is what unloads when a handler that it runs calls exit().
+// Waits for a poll in progress, but not for the end of the sleep, which can take more than an hour. If a handler calls
+// exit() in this thread, the thread cannot join itself.
 void GVDrvHnd::StopThread() {
     relaxed::store(m_bStopThread, true);
     if (m_bThreadStarted && pthread_equal(m_Thread, pthread_self()) == 0) {
