@@ -37,10 +37,17 @@ static void AHandlerEndsTheProcessWhileItHandlesEvents(void** state) {
     }
 }
 
+/* The library's end destroys a mutex that it holds, and the thread sanitizer has room for 64 of these. */
+#ifdef GVUSB_TEST_SANITIZED
+static const char usual_unloads[] = "50";
+#else
+static const char usual_unloads[] = "300";
+#endif
+
 /* GVUSB_TEST_UNLOADS in the environment: how often. */
 static void TheLibraryIsUnloadedWhileReadersComeAndGo(void** state) {
     const char* const wanted = getenv("GVUSB_TEST_UNLOADS");
-    const char* const times = wanted != NULL ? wanted : bus_is_emulated() ? "300" : "10";
+    const char* const times = wanted != NULL ? wanted : bus_is_emulated() ? usual_unloads : "10";
     for (int i = 0; i < mode_count; ++i) {
         check_ends_with(0, modes[i], "unload_beside_event_thread", times);
         print_message("%s: %s", modes[i], run.output);
