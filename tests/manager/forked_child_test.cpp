@@ -2,7 +2,6 @@
 #include "manager_test.h"
 
 #include <cstdio>
-#include <cstdlib>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,13 +12,15 @@ namespace {
 
 class ForkedChildTest : public ManagerTest {
 protected:
-    // Forks, exits in the child with this status and returns how the child ended.
+    // Fork, end the child as exit() does but without the leak sanitizer's check, and return how the child ended. That check
+    // waits for the allocator's lock, which another thread may have held when the child was made.
     static int exitInChild(int status) {
         std::fflush(nullptr);
         const pid_t child = fork();
         if (child == 0) {
             alarm(10);
-            std::exit(status);
+            g_GvUsbMan.~GVDrvHnd();
+            _exit(status);
         }
         int ended = 0;
         EXPECT_EQ(waitpid(child, &ended, 0), child);

@@ -174,10 +174,16 @@ static void* handle_events(void* nothing) {
     return nothing;
 }
 
+static bool events_are_handled(void* context) {
+    (void)context;
+    return libusb_event_handler_active(NULL) != 0;
+}
+
+/* A thread without a reference that has not begun yet would find no context any more. */
 static bool start_event_thread(void) {
     pthread_t thread;
     return (!takes_reference || libusb_init(NULL) == 0) &&
-           pthread_create(&thread, NULL, handle_events, NULL) == 0;
+           pthread_create(&thread, NULL, handle_events, NULL) == 0 && await(events_are_handled, NULL, 10000);
 }
 
 static int end_beside_event_thread(void) {

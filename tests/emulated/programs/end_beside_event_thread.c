@@ -8,16 +8,12 @@
 #include <libusb.h>
 
 #include <pthread.h>
-#include <stdatomic.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
-static atomic_bool begun;
-
 static void* handle_events(void* nothing) {
     for (;;) {
-        atomic_store(&begun, true);
         libusb_handle_events(NULL);
     }
     return nothing;
@@ -31,9 +27,10 @@ static void end_program(int handle, unsigned int id, const char* text) {
     }
 }
 
-static bool has_begun(void* context) {
+/* A thread that has not begun yet would find no context any more. */
+static bool events_are_handled(void* context) {
     (void)context;
-    return atomic_load(&begun);
+    return libusb_event_handler_active(NULL) != 0;
 }
 
 int main(int argc, char** argv) {
@@ -41,7 +38,7 @@ int main(int argc, char** argv) {
     pthread_t thread;
     GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, NULL);
     if (GVUSB_AddEventHandler(0, &connect) != 0 || pthread_create(&thread, NULL, handle_events, NULL) != 0 ||
-        !await(has_begun, NULL, 10000)) {
+        !await(events_are_handled, NULL, 10000)) {
         return 1;
     }
     if (argc == 2 && strcmp(argv[1], "handler") == 0) {
@@ -49,6 +46,5 @@ int main(int argc, char** argv) {
         sleep(60);
         return 2;
     }
-    usleep(20000); /* the usual case: the thread has found no event and sleeps */
     return 7;
 }
