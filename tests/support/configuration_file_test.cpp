@@ -64,13 +64,16 @@ TEST(ConfigurationFileTest, CanBeMissingUnreadableOrAnotherFile) {
 
 TEST(ConfigurationFileTest, CannotBeWritten) {
     support::setConfigurationText("nopnp");
-    EXPECT_EQ(open(path, O_WRONLY), -1);
-    EXPECT_EQ(open(path, O_RDWR), -1);
+    for (const int access : {O_WRONLY, O_RDWR}) {
+        const int descriptor = open(path, access);
+        EXPECT_EQ(descriptor, -1);
+    }
 }
 
 TEST(ConfigurationFileTest, OtherPathsAreReal) {
-    const int descriptor = open("/proc/self/comm", O_RDONLY);
-    ASSERT_GE(descriptor, 0);
-    close(descriptor);
-    EXPECT_EQ(open("/etc/gavo/no-such-file", O_RDONLY), -1);
+    const int present = open("/proc/self/comm", O_RDONLY);
+    EXPECT_GE(present, 0);
+    close(present);
+    const int missing = open("/etc/gavo/no-such-file", O_RDONLY);
+    EXPECT_EQ(missing, -1);
 }

@@ -140,7 +140,9 @@ const libusb_pollfd** libusb_get_pollfds(libusb_context* context) {
     }
     auto* const list = new const libusb_pollfd*[descriptors.size() + 1]();
     for (std::size_t i = 0; i < descriptors.size(); ++i) {
-        list[i] = new libusb_pollfd{.fd = descriptors[i], .events = 0};
+        auto* const entry = new libusb_pollfd();
+        entry->fd = descriptors[i];
+        list[i] = entry;
     }
     return list;
 }

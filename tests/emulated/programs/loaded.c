@@ -37,7 +37,8 @@ bool load(struct loaded* gvusb) {
 
 bool unload(struct loaded* gvusb) {
     dlclose(gvusb->library);
-    if (dlopen(GVUSB_TEST_LIBRARY, RTLD_NOW | RTLD_NOLOAD) != NULL) {
+    void* const still_loaded = dlopen(GVUSB_TEST_LIBRARY, RTLD_NOW | RTLD_NOLOAD);
+    if (still_loaded != NULL) {
         fprintf(stderr, "the library stays loaded\n");
         return false;
     }
