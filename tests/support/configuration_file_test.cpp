@@ -76,4 +76,5 @@ TEST(ConfigurationFileTest, OtherPathsAreReal) {
     close(present);
     const int missing = open("/etc/gavo/no-such-file", O_RDONLY);
     EXPECT_EQ(missing, -1);
+    close(missing);
 }

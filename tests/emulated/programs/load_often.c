@@ -38,6 +38,28 @@ static bool use(const struct loaded* gvusb) {
     return true;
 }
 
+/* The emulated bus looks up each function of the C library when it is first called, which takes the loader's lock. libusb's
+ * own thread must not do that for the first time during dlclose, which holds the lock and waits for that thread. */
+struct expected_scan {
+    const struct loaded* gvusb;
+    int readers;
+};
+
+static bool finds_readers(void* context) {
+    const struct expected_scan* const expected = context;
+    expected->gvusb->scan(GVUSB_SCAN_ALL, NULL);
+    return expected->gvusb->scan_list_size() == expected->readers;
+}
+
+static bool let_libusb_see_a_replug(const struct loaded* gvusb) {
+    struct expected_scan without_comer = {gvusb, 1};
+    struct expected_scan with_comer = {gvusb, 2};
+    bus("unplug %d", comer);
+    const bool seen_leaving = await(finds_readers, &without_comer, 10000);
+    bus("plug %d", comer);
+    return seen_leaving && await(finds_readers, &with_comer, 10000);
+}
+
 static bool load_once(void) {
     struct loaded gvusb;
     if (!load(&gvusb)) {
@@ -58,6 +80,11 @@ int main(int argc, char** argv) {
         return 2;
     }
     const int loads = atoi(argv[1]);
+    struct loaded first;
+    if (!load(&first) || !let_libusb_see_a_replug(&first) || !unload(&first)) {
+        fprintf(stderr, "libusb does not see a replug\n");
+        return 1;
+    }
     for (int i = 1; i <= loads; ++i) {
         if (!load_once()) {
             fprintf(stderr, "at load %d\n", i);

@@ -39,6 +39,7 @@ bool unload(struct loaded* gvusb) {
     dlclose(gvusb->library);
     void* const still_loaded = dlopen(GVUSB_TEST_LIBRARY, RTLD_NOW | RTLD_NOLOAD);
     if (still_loaded != NULL) {
+        dlclose(still_loaded);
         fprintf(stderr, "the library stays loaded\n");
         return false;
     }
