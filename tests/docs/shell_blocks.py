@@ -20,10 +20,10 @@ NOT_RUN = {
     "sudo modprobe": "loads kernel modules on this machine",
     "sudo usbip": "needs these modules, or readers to export",
     "ctest --preset": "runs a selection of the tests, this one included",
-    "GVUSB_TEST_LOADS=": "takes minutes; tests/emulated loads less often",
+    "GVUSB_TEST_LOADS=": "takes minutes; tests/end_to_end loads less often",
     "GVUSB_STRESS_CALLS=": "takes minutes; tests/stress makes fewer calls",
     "scripts/fuzz": "takes an hour; tests/fuzz replays the corpus",
-    "scripts/soak": "takes an hour; tests/emulated does the same for seconds",
+    "scripts/soak": "takes an hour; tests/end_to_end does the same for seconds",
     "scripts/coverage": "builds everything again; only measures",
     "scripts/test-architectures": "downloads packages of other architectures",
 }

@@ -1,7 +1,7 @@
 // Runs a call of the library, with the failure of an allocation if one is planned.
 #pragma once
 
-#include "../manager/manager_lists.h"
+#include "../unit/manager/manager_lists.h"
 #include "allocation_failure.h"
 #include "call_sequences_broken.h"
 #include "call_sequences_session.h"

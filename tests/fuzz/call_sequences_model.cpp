@@ -1,6 +1,6 @@
 #include "call_sequences_model.h"
 
-#include "../manager/list_consistency.h"
+#include "../unit/manager/list_consistency.h"
 #include "call_sequences_broken.h"
 #include "fake_libusb_state.h"
 

@@ -1,4 +1,4 @@
-# The programs of tests/emulated, each with the readers and the configuration that it has there.
+# The programs of tests/end_to_end, each with the readers and the configuration that it has there.
 run_program() {
     local program=$1 readers=$2 configuration=$3 options=()
     [ -z "$readers" ] || options+=(--readers "$readers")
