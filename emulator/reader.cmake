@@ -1,12 +1,12 @@
 # The sources of the reader and of the USB/IP protocol. Each target that links this compiles them with its own flags.
 add_library(gvusb_reader INTERFACE)
 foreach(source
-        text.cpp
         model/description.cpp
         model/descriptors.cpp
         model/model.cpp
         model/reply_rule.cpp
         model/requests.cpp
+        model/text.cpp
         usbfs/device.cpp
         usbip/connection.cpp
         usbip/import.cpp

@@ -4,7 +4,7 @@
 // memory. One thread at a time.
 #pragma once
 
-#include "text.h"
+#include "model/text.h"
 
 #include <cstddef>
 #include <deque>

@@ -8,7 +8,7 @@
 
 #include "base/reader_facts.h"
 #include "model/reply_rule.h"
-#include "text.h"
+#include "model/text.h"
 
 #include <cstdint>
 #include <filesystem>

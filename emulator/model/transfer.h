@@ -3,7 +3,7 @@
 // Plain values; any thread may use them.
 #pragma once
 
-#include "text.h"
+#include "model/text.h"
 
 #include <cerrno>
 #include <chrono>

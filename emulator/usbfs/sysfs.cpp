@@ -1,7 +1,7 @@
 #include "usbfs/sysfs.h"
 
+#include "model/text.h"
 #include "preload_contract.h"
-#include "text.h"
 
 #include <array>
 #include <filesystem>

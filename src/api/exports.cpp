@@ -3,8 +3,8 @@
 
 #include "api/error_text.h"
 #include "base/relaxed.h"
+#include "base/version.h"
 #include "manager/gvdrvhnd.h"
-#include "version.h"
 
 #include <cstdio>
 #include <cstring>

@@ -1,9 +1,5 @@
 // Linear search that resumes after the previous match. Looking for all elements in their order takes one pass in total.
-//
-// The starting position affects only the speed, so threads may share a search.
 #pragma once
-
-#include "base/relaxed.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -15,8 +11,7 @@ public:
     // Return the index of an element that the predicate accepts. The search wraps around at the end.
     template <class T, class Predicate>
     std::optional<std::size_t> find(const std::vector<T>& all, Predicate isIt) {
-        const auto start =
-            all.begin() + static_cast<std::ptrdiff_t>(std::min(relaxed::load(m_next), all.size()));
+        const auto start = all.begin() + static_cast<std::ptrdiff_t>(std::min(m_next, all.size()));
         auto found = std::find_if(start, all.end(), isIt);
         if (found == all.end()) {
             found = std::find_if(all.begin(), start, isIt);
@@ -25,7 +20,7 @@ public:
             }
         }
         const auto index = static_cast<std::size_t>(found - all.begin());
-        relaxed::store(m_next, index + 1);
+        m_next = index + 1;
         return index;
     }
 

@@ -1,6 +1,6 @@
 #include "device/gvdevice.h"
 
-#include "api/log.h"
+#include "base/log.h"
 #include "device/transfer_codes.h"
 #include "gvusb.h"
 
@@ -23,7 +23,7 @@ int bulkTransfer(libusb_device_handle* handle, std::uint8_t endpoint, unsigned c
 
 int GVDevice::Transmit_Bulk(const unsigned char* data, unsigned int len) {
     constexpr const char* tag = "bulkTransmit";
-    if (GVLOG_Level() > 1) {
+    if (isLogged(Level::reader)) {
         LogSent(tag, data, len);
     }
     int transferred = 0;
@@ -32,9 +32,7 @@ int GVDevice::Transmit_Bulk(const unsigned char* data, unsigned int len) {
     if (rc >= 0) {
         return GVUSB_OK;
     }
-    if (GVLOG_Level() > 1) {
-        logLine(tag, "returned ", rc);
-    }
+    log<Level::reader>(tag, "returned ", rc);
     // Receiving does not clear the halts, so that the next receive still gets the answer of a slow reader.
     if (rc == LIBUSB_ERROR_TIMEOUT) {
         ResetBulkEndPoints();
@@ -47,12 +45,10 @@ int GVDevice::Receive_Bulk(unsigned char* buf, unsigned int size) {
     int transferred = 0;
     const int rc = bulkTransfer(usbdev_hnd, addrIn, buf, size, transferred, timeout);
     if (rc < 0) {
-        if (GVLOG_Level() > 1) {
-            logLine("bulkReceive", "returned ", rc);
-        }
+        log<Level::reader>("bulkReceive", "returned ", rc);
         return transferCode(rc, GVUSB_ERR_BULK_TRANSFER);
     }
-    if (GVLOG_Level() > 1) {
+    if (isLogged(Level::reader)) {
         LogReceived("bulkReceive ", buf, transferred);
     }
     return transferred;

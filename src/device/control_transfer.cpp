@@ -1,6 +1,6 @@
 #include "device/gvdevice.h"
 
-#include "api/log.h"
+#include "base/log.h"
 #include "device/transfer_codes.h"
 #include "gvusb.h"
 
@@ -22,7 +22,7 @@ constexpr unsigned int longestReceive = 4096; // libusb's limit for one control 
 
 int GVDevice::Transmit_Ctrl(const unsigned char* data, unsigned int len) {
     constexpr const char* tag = "ctrlTransmit";
-    if (GVLOG_Level() > 1) {
+    if (isLogged(Level::reader)) {
         LogSent(tag, data, len);
     }
     if (len > UINT16_MAX) {
@@ -34,9 +34,7 @@ int GVDevice::Transmit_Ctrl(const unsigned char* data, unsigned int len) {
     if (rc >= 0) {
         return GVUSB_OK;
     }
-    if (GVLOG_Level() > 1) {
-        logLine(tag, "returned ", rc);
-    }
+    log<Level::reader>(tag, "returned ", rc);
     return transferCode(rc, GVUSB_ERR_CONTROL_TRANSFER);
 }
 
@@ -46,12 +44,10 @@ int GVDevice::Receive_Ctrl(unsigned char* buf, unsigned int size) {
     const int rc = libusb_control_transfer(usbdev_hnd, deviceToHost, 0, 0, 0, buf,
                                            static_cast<std::uint16_t>(length), timeout);
     if (rc < 0) {
-        if (GVLOG_Level() > 1) {
-            logLine("ctrlReceive", "returned ", rc);
-        }
+        log<Level::reader>("ctrlReceive", "returned ", rc);
         return transferCode(rc, GVUSB_ERR_CONTROL_TRANSFER);
     }
-    if (GVLOG_Level() > 1) {
+    if (isLogged(Level::reader)) {
         LogReceived("ctrlReceive ", buf, rc);
     }
     return rc;

@@ -1,6 +1,6 @@
 #include "device/gvdevice.h"
 
-#include "api/log.h"
+#include "base/log.h"
 #include "base/usb_owners.h"
 #include "gvusb.h"
 
@@ -40,25 +40,19 @@ int GVDevice::GetBulkEndPoints() {
     constexpr const char* tag = "get bulk end points";
     ForgetBulkEndPoints();
     if (usbdev == nullptr || usbdev_hnd == nullptr) {
-        if (GVLOG_Level() > 1) {
-            logLine(tag, "usbdev=NULL or usbdev_hnd=NULL");
-        }
+        log<Level::reader>(tag, "usbdev=NULL or usbdev_hnd=NULL");
         return GVUSB_ERR_NOT_OPENED;
     }
     transferMode = TransferMode::control;
     libusb_device_descriptor device = {};
     libusb_get_device_descriptor(usbdev, &device);
     if (device.bNumConfigurations == 0) {
-        if (GVLOG_Level() > 1) {
-            logLine(tag, "no configurations");
-        }
+        log<Level::reader>(tag, "no configurations");
         return GVUSB_ERR_NO_CONFIGURATION;
     }
     libusb_config_descriptor* first = nullptr;
     if (const int rc = libusb_get_config_descriptor(usbdev, 0, &first); rc < 0) {
-        if (GVLOG_Level() > 1) {
-            logLine(tag, "libusb_get_config_descriptor(0) returned ", rc);
-        }
+        log<Level::reader>(tag, "libusb_get_config_descriptor(0) returned ", rc);
         return GVUSB_ERR_CONFIG_DESCRIPTOR_READ;
     }
     ConfigDescriptor config(first);
@@ -71,20 +65,14 @@ int GVDevice::GetBulkEndPoints() {
     if (addrIn != noEndpoint && addrOut != noEndpoint) {
         transferMode = TransferMode::bulk;
     }
-    if (GVLOG_Level() > 1) {
-        logLine(tag, "addrIn=", unsigned{addrIn}, " addrOut=", unsigned{addrOut});
-    }
+    log<Level::reader>(tag, "addrIn=", unsigned{addrIn}, " addrOut=", unsigned{addrOut});
     config.reset();
 
     // The result does not matter: without a kernel driver, the usual case, it is an error.
     const int detached = libusb_detach_kernel_driver(usbdev_hnd, usedInterface);
-    if (GVLOG_Level() > 1) {
-        logLine(tag, "detach driver returned: ", detached);
-    }
+    log<Level::reader>(tag, "detach driver returned: ", detached);
     if (const int rc = libusb_claim_interface(usbdev_hnd, usedInterface); rc < 0) {
-        if (GVLOG_Level() > 1) {
-            logLine(tag, "libusb_claim_interface(0) returned ", rc);
-        }
+        log<Level::reader>(tag, "libusb_claim_interface(0) returned ", rc);
         return GVUSB_ERR_CANNOT_CLAIM;
     }
     return GVUSB_OK;

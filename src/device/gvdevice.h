@@ -21,7 +21,7 @@ inline constexpr std::uint8_t noEndpoint = 0xFF;
 
 class GVDevice {
 public:
-    // ---- record.cpp
+    // ---- gvdevice.cpp
     // Holds a reference to the libusb device during its lifetime.
     GVDevice(int handle, libusb_device* dev);
     // Closes the reader if it is open.
@@ -37,7 +37,7 @@ public:
     int IdentifyDevice();
     // Whether an open reader still answers. Its last error says why not.
     bool IsPresent();
-    // record.cpp: the address of the libusb device as text, for the log. All records share one buffer.
+    // gvdevice.cpp: the address of the libusb device as text, for the log. All records share one buffer.
     const char* GetUsbDevPtr();
 
     // ---- open.cpp

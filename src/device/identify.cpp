@@ -1,6 +1,6 @@
 #include "device/gvdevice.h"
 
-#include "api/log.h"
+#include "base/log.h"
 #include "base/numbers.h"
 #include "device/search_match.h"
 #include "device/string_descriptor.h"
@@ -30,75 +30,55 @@ int GVDevice::IdentifyDevice() {
     if (const int rc = readString(usbdev_hnd, StringIndex::deviceId, devIdText); rc < 0) {
         return IdentificationFailed("devId", rc, GVUSB_ERR_DEVICE_DESCRIPTOR_READ);
     }
-    if (GVLOG_Level() > 1) {
-        logLine("ident", "devIdStr=", devIdText);
-    }
+    log<Level::reader>("ident", "devIdStr=", devIdText);
     const auto number = hexadecimalNumber(devIdText);
     if (!number) {
         CloseDev();
         return SetLastError(GVUSB_ERR_DEVICE_DESCRIPTOR_READ);
     }
     devId = *number;
-    if (GVLOG_Level() > 1) {
-        logLine("ident", "devId=0x", std::hex, devId);
-    }
+    log<Level::reader>("ident", "devId=0x", std::hex, devId);
 
     if (const int rc = readString(usbdev_hnd, StringIndex::familyName, famName); rc < 0) {
         return IdentificationFailed("famName", rc, GVUSB_ERR_STRING_DESCRIPTOR_READ);
     }
-    if (GVLOG_Level() > 1) {
-        logLine("ident", "famName=", famName);
-    }
+    log<Level::reader>("ident", "famName=", famName);
     if (const int rc = readString(usbdev_hnd, StringIndex::deviceName, devName); rc < 0) {
         return IdentificationFailed("devName", rc, GVUSB_ERR_STRING_DESCRIPTOR_READ);
     }
-    if (GVLOG_Level() > 1) {
-        logLine("ident", "devName=", devName);
-    }
+    log<Level::reader>("ident", "devName=", devName);
     // Programs that read the log expect devName in this message, although the interface type is read.
     if (const int rc = readString(usbdev_hnd, StringIndex::interfaceType, intType); rc < 0) {
         return IdentificationFailed("devName", rc, GVUSB_ERR_STRING_DESCRIPTOR_READ);
     }
     std::replace(intType, intType + std::strlen(intType), ' ', '-');
-    if (GVLOG_Level() > 1) {
-        logLine("ident", "intType=", intType);
-    }
+    log<Level::reader>("ident", "intType=", intType);
 
     CloseDev();
-    if (GVLOG_Level() > 1) {
-        logLine("ident", "ok");
-    }
+    log<Level::reader>("ident", "ok");
     return SetLastError(GVUSB_OK);
 }
 
 int GVDevice::IdentificationFailed(const char* text, int usbResult, int code) {
     CloseDev();
-    if (GVLOG_Level() > 1) {
-        logLine("ident", "libusb_get_string_descriptor_ascii(", text, ") returned ", usbResult);
-    }
+    log<Level::reader>("ident", "libusb_get_string_descriptor_ascii(", text, ") returned ", usbResult);
     return SetLastError(code);
 }
 
 bool GVDevice::IsPresent() {
     const MutexLock lock(mutex);
     if (usbdev_hnd == nullptr) {
-        if (GVLOG_Level() > 1) {
-            logLine("is present", "device not open error");
-        }
+        log<Level::reader>("is present", "device not open error");
         SetLastError(GVUSB_ERR_NOT_OPENED);
         return false;
     }
     DescriptorText devIdText = {};
     if (const int rc = readString(usbdev_hnd, StringIndex::deviceId, devIdText); rc < 0) {
-        if (GVLOG_Level() > 1) {
-            logLine("is present", "libusb_get_string_descriptor_ascii(devId) returned ", rc);
-        }
+        log<Level::reader>("is present", "libusb_get_string_descriptor_ascii(devId) returned ", rc);
         SetLastError(GVUSB_ERR_NOT_PRESENT);
         return false;
     }
-    if (GVLOG_Level() > 1) {
-        logLine("is present", "ok");
-    }
+    log<Level::reader>("is present", "ok");
     SetLastError(GVUSB_OK);
     return true;
 }

@@ -1,12 +1,12 @@
 #include "device/gvdevice.h"
 
-#include "api/log.h"
+#include "base/log.h"
 #include "device/hex_dump.h"
 
 #include <cstdio>
 
 void GVDevice::logBuffer(const char* tag, const char* prefix, const unsigned char* data, unsigned int len) {
-    if (GVLOG_Level() <= 1) {
+    if (!isLogged(Level::reader)) {
         return;
     }
     HexDump text;

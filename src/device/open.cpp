@@ -1,6 +1,6 @@
 #include "device/gvdevice.h"
 
-#include "api/log.h"
+#include "base/log.h"
 #include "base/usb_owners.h"
 #include "gvusb.h"
 
@@ -11,31 +11,23 @@ int g_libusb_open(libusb_device* dev, libusb_device_handle** hnd, int /*option*/
 int GVDevice::OpenDevice() {
     const MutexLock lock(mutex);
     if (usbdev == nullptr) {
-        if (GVLOG_Level() > 1) {
-            logLine("open", "no usbdev-structure");
-        }
+        log<Level::reader>("open", "no usbdev-structure");
         return SetLastError(GVUSB_ERR_CANNOT_OPEN);
     }
     if (usbdev_hnd != nullptr) {
-        if (GVLOG_Level() > 1) {
-            logLine("open", "allready opened");
-        }
+        log<Level::reader>("open", "allready opened");
         return SetLastError(GVUSB_OK);
     }
     libusb_device_handle* handle = nullptr;
     if (const int rc = g_libusb_open(usbdev, &handle, openOption); rc < 0) {
-        if (GVLOG_Level() > 1) {
-            logLine("open", "libusb_open returned ", rc);
-        }
+        log<Level::reader>("open", "libusb_open returned ", rc);
         return SetLastError(GVUSB_ERR_CANNOT_OPEN);
     }
     usbdev_hnd = handle;
     if (const int code = SetConfiguration(); code < 0) {
         return code;
     }
-    if (GVLOG_Level() > 1) {
-        logLine("open", "devHnd=0x", std::hex, devHnd, " devId=0x", devId, ": ok");
-    }
+    log<Level::reader>("open", "devHnd=0x", std::hex, devHnd, " devId=0x", devId, ": ok");
     return SetLastError(GVUSB_OK);
 }
 
@@ -43,9 +35,7 @@ int GVDevice::SetConfiguration() {
     constexpr int wanted = 1;
     libusb_config_descriptor* first = nullptr;
     if (const int rc = libusb_get_config_descriptor(usbdev, 0, &first); rc < 0) {
-        if (GVLOG_Level() > 1) {
-            logLine("set config", "libusb_get_config_descriptor(0) returned ", rc);
-        }
+        log<Level::reader>("set config", "libusb_get_config_descriptor(0) returned ", rc);
         return GVUSB_ERR_CONFIG_DESCRIPTOR_READ;
     }
     const ConfigDescriptor config(first);
@@ -53,9 +43,7 @@ int GVDevice::SetConfiguration() {
         return GVUSB_OK;
     }
     if (const int rc = libusb_set_configuration(usbdev_hnd, wanted); rc < 0) {
-        if (GVLOG_Level() > 1) {
-            logLine("set config", "libusb_set_configuration(", wanted, ") returned ", rc);
-        }
+        log<Level::reader>("set config", "libusb_set_configuration(", wanted, ") returned ", rc);
         return GVUSB_ERR_SET_CONFIGURATION;
     }
     return GVUSB_OK;
@@ -64,9 +52,7 @@ int GVDevice::SetConfiguration() {
 int GVDevice::CloseDevice() {
     const MutexLock lock(mutex);
     CloseDev();
-    if (GVLOG_Level() > 1) {
-        logLine("close", "devHnd=0x", std::hex, devHnd, " devId=0x", devId, ": ok");
-    }
+    log<Level::reader>("close", "devHnd=0x", std::hex, devHnd, " devId=0x", devId, ": ok");
     return SetLastError(GVUSB_OK);
 }
 

@@ -1,7 +1,7 @@
 #include "device/gvdevice.h"
 
-#include "api/log.h"
 #include "base/key_text.h"
+#include "base/log.h"
 #include "gvusb.h"
 
 namespace {
@@ -48,9 +48,7 @@ int GVDevice::Transceive(const char* interfaceName, const unsigned char* data, u
 // endpoints and claim the interface.
 int GVDevice::BeginTransfer(const char* tag, bool knownProtocol) {
     if (usbdev_hnd == nullptr) {
-        if (GVLOG_Level() > 1) {
-            logLine(tag, "device not open error");
-        }
+        log<Level::reader>(tag, "device not open error");
         return SetLastError(GVUSB_ERR_NOT_OPENED);
     }
     if (!knownProtocol) {
@@ -66,9 +64,7 @@ int GVDevice::BeginTransfer(const char* tag, bool knownProtocol) {
 
 int GVDevice::EndTransfer(const char* tag, int result) {
     if (result < 0) {
-        if (GVLOG_Level() > 1) {
-            logLine(tag, "returned ", result);
-        }
+        log<Level::reader>(tag, "returned ", result);
         return SetLastError(result);
     }
     SetLastError(GVUSB_OK);

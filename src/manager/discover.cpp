@@ -1,30 +1,25 @@
 #include "manager/gvdrvhnd.h"
 
-#include "api/log.h"
-#include "base/numbers.h"
-#include "base/reader_facts.h"
+#include "base/log.h"
 #include "base/usb_owners.h"
 #include "device/gvdevice.h"
-#include "device/string_descriptor.h"
 
 #include <memory>
 
 namespace {
 
-// A reader for the new scan list. The device list owns an open one; `created` owns a new one until it is in the list.
-struct ChosenDevice {
-    GVDevice* device;
-    std::unique_ptr<GVDevice> created;
-};
-
 void logUnwanted(const GVDevice& device) {
-    if (GVLOG_Level() > 0) {
-        logLine("scan", "Don't want: devId=0x", std::hex, device.devId, " devName=", device.devName,
-                " famName=", device.famName);
-    }
+    log<Level::manager>("scan", "Don't want: devId=0x", std::hex, device.devId, " devName=", device.devName,
+                        " famName=", device.famName);
 }
 
 } // namespace
+
+// A reader for the new scan list. The device list owns an open one; `created` owns a new one until it is in the list.
+struct GVDrvHnd::ChosenDevice {
+    GVDevice* device;
+    std::unique_ptr<GVDevice> created;
+};
 
 int GVDrvHnd::DiscoverDevices(_GVUSB_SCANSEARCH* search) {
     logScanSearchOpt(search);
@@ -35,14 +30,21 @@ int GVDrvHnd::DiscoverDevices(_GVUSB_SCANSEARCH* search) {
 
 // The list is empty in the meantime, but other threads cannot see it without the device-list mutex.
 int GVDrvHnd::RebuildScanList(_GVUSB_SCANSEARCH* search) {
-    m_ReportedConnects.clear();
-    m_ReportedDisconnects.clear();
+    ForgetReported();
     EmptyScanList();
-
     const UsbDeviceList usbDevices(m_bLibUsbUsable);
-    if (GVLOG_Level() > 0) {
-        logLine("scan", "numDev=", usbDevices.count());
-    }
+    log<Level::manager>("scan", "numDev=", usbDevices.count());
+    std::vector<ChosenDevice> chosen = ChooseDevices(usbDevices, search);
+    const int count = static_cast<int>(chosen.size());
+    FillScanList(std::move(chosen));
+    ReplaceReopenedDevices();
+    logScanList();
+    return count;
+}
+
+// Return the readers that match the search, in the order of the bus.
+std::vector<GVDrvHnd::ChosenDevice> GVDrvHnd::ChooseDevices(const UsbDeviceList& usbDevices,
+                                                            _GVUSB_SCANSEARCH* search) {
     std::vector<ChosenDevice> chosen;
     for (libusb_device* const usbDevice : usbDevices.devices()) {
         libusb_device_descriptor descriptor = {};
@@ -52,78 +54,57 @@ int GVDrvHnd::RebuildScanList(_GVUSB_SCANSEARCH* search) {
             continue;
         }
         if (GVDevice* const open = DL_DeviceOfUsbDev(usbDevice)) {
-            if (!open->IsDevice(search)) {
-                logUnwanted(*open);
-                continue;
-            }
-            chosen.push_back({.device = open, .created = nullptr});
-            if (GVLOG_Level() > 0) {
-                logLine("scan", "usbDev allready in device list. devId=0x", std::hex, open->devId);
-            }
-            continue;
-        }
-        auto created = std::make_unique<GVDevice>(NextDeviceHandle(), usbDevice);
-        created->owner = true;
-        if (const int code = created->IdentifyDevice(); code != 0) {
-            created.reset();
-            if (GVLOG_Level() > 0) {
-                logLine("scan", "Identify return-code=", code);
-            }
-            continue;
-        }
-        if (!created->IsDevice(search)) {
-            logUnwanted(*created);
-            continue;
-        }
-        GVDevice& device = *created;
-        chosen.push_back({.device = &device, .created = std::move(created)});
-        if (GVLOG_Level() > 0) {
-            logLine("scan", "New device: devHnd=0x", std::hex, device.devHnd, " devId=0x", device.devId);
+            ChooseOpenDevice(*open, search, chosen);
+        } else {
+            ChooseNewDevice(usbDevice, search, chosen);
         }
     }
+    return chosen;
+}
 
+void GVDrvHnd::ChooseOpenDevice(GVDevice& open, _GVUSB_SCANSEARCH* search,
+                                std::vector<ChosenDevice>& chosen) {
+    if (!open.IsDevice(search)) {
+        logUnwanted(open);
+        return;
+    }
+    chosen.push_back({.device = &open, .created = nullptr});
+    log<Level::manager>("scan", "usbDev allready in device list. devId=0x", std::hex, open.devId);
+}
+
+void GVDrvHnd::ChooseNewDevice(libusb_device* usbDevice, _GVUSB_SCANSEARCH* search,
+                               std::vector<ChosenDevice>& chosen) {
+    auto created = std::make_unique<GVDevice>(NextDeviceHandle(), usbDevice);
+    created->owner = true;
+    if (const int code = created->IdentifyDevice(); code != 0) {
+        created.reset();
+        log<Level::manager>("scan", "Identify return-code=", code);
+        return;
+    }
+    if (!created->IsDevice(search)) {
+        logUnwanted(*created);
+        return;
+    }
+    GVDevice& device = *created;
+    chosen.push_back({.device = &device, .created = std::move(created)});
+    log<Level::manager>("scan", "New device: devHnd=0x", std::hex, device.devHnd, " devId=0x", device.devId);
+}
+
+void GVDrvHnd::FillScanList(std::vector<ChosenDevice> chosen) {
     m_ScanList.reserve(chosen.size());
     for (ChosenDevice& entry : chosen) {
         m_ScanList.push_back(entry.device);
         static_cast<void>(entry.created.release());
     }
-    // If several readers have the same device ID, a replacement can destroy one of them; its entry is then null.
+}
+
+// Put the readers that were found into the place of open ones with the same device ID. If several readers have the same
+// device ID, this can destroy one of them; its entry is then null.
+void GVDrvHnd::ReplaceReopenedDevices() {
     for (std::size_t i = 0; i < m_ScanList.size(); ++i) {
         GVDevice* const device = m_ScanList[i];
-        if (device != nullptr && DL_ReplaceDevice(device) && GVLOG_Level() > 0) {
-            logLine("scan", "Replace in device list: devId=0x", std::hex, device->devId);
+        if (device != nullptr && DL_ReplaceDevice(device)) {
+            log<Level::manager>("scan", "Replace in device list: devId=0x", std::hex, device->devId);
         }
     }
-    logScanList();
-    return static_cast<int>(chosen.size());
-}
-
-bool GVDrvHnd::IsUsableGavoDevice(libusb_device_descriptor* desc) {
-    return desc->idVendor == GVUSB_VENDOR_ID && desc->idProduct >= lowestReaderProduct &&
-           desc->idProduct <= highestReaderProduct;
-}
-
-unsigned int GVDrvHnd::ReadDeviceIdOfUsbDev(libusb_device* dev) {
-    unsigned int devId = 0;
-    ReadDeviceId(dev, devId);
-    return devId;
-}
-
-// Set devId if it can be read, to 0 if it is not a number. Return 0 or libusb's code of the failure.
-int GVDrvHnd::ReadDeviceId(libusb_device* dev, unsigned int& devId) {
-    libusb_device_handle* opened = nullptr;
-    if (const int rc = libusb_open(dev, &opened); rc != 0) {
-        return rc;
-    }
-    const DeviceHandle handle(opened);
-    if (GVLOG_Level() > 2) {
-        logLine("update", "read device id");
-    }
-    DescriptorText text = {};
-    const int rc = readString(handle.get(), StringIndex::deviceId, text);
-    if (rc <= 0) {
-        return rc;
-    }
-    devId = hexadecimalNumber(text).value_or(0);
-    return LIBUSB_SUCCESS;
 }

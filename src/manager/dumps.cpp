@@ -1,13 +1,13 @@
 #include "manager/gvdrvhnd.h"
 
-#include "api/log.h"
+#include "base/log.h"
 #include "device/gvdevice.h"
 #include "device/search_match.h"
 
 namespace {
 
 void logDevices(const char* tag, const std::vector<GVDevice*>& devices) {
-    if (GVLOG_Level() <= 0) {
+    if (!isLogged(Level::manager)) {
         return;
     }
     if (devices.empty()) {
@@ -27,7 +27,7 @@ void logDevices(const char* tag, const std::vector<GVDevice*>& devices) {
 } // namespace
 
 void GVDrvHnd::logScanSearchOpt(_GVUSB_SCANSEARCH* search) {
-    if (GVLOG_Level() <= 0) {
+    if (!isLogged(Level::manager)) {
         return;
     }
     if (search == nullptr) {
@@ -39,12 +39,13 @@ void GVDrvHnd::logScanSearchOpt(_GVUSB_SCANSEARCH* search) {
 }
 
 void GVDrvHnd::logDevice(libusb_device* dev, libusb_device_descriptor* desc) {
-    if (GVLOG_Level() > 0) {
-        logLine("scan", "device: vendor=0x", std::hex, desc->idVendor, " prod=", std::dec, desc->idProduct,
-                " bus=", unsigned{libusb_get_bus_number(dev)},
-                " busAddr=", unsigned{libusb_get_device_address(dev)},
-                desc->idVendor == GVUSB_VENDOR_ID ? "   GAVO" : "");
+    if (!isLogged(Level::manager)) {
+        return;
     }
+    const unsigned bus = libusb_get_bus_number(dev);
+    const unsigned address = libusb_get_device_address(dev);
+    logLine("scan", "device: vendor=0x", std::hex, desc->idVendor, " prod=", std::dec, desc->idProduct,
+            " bus=", bus, " busAddr=", address, desc->idVendor == GVUSB_VENDOR_ID ? "   GAVO" : "");
 }
 
 void GVDrvHnd::logScanList() {

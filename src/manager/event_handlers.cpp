@@ -115,13 +115,3 @@ void GVDrvHnd::ExecEventInitListCallbacks(unsigned int event, int devHnd, unsign
         }
     }
 }
-
-void GVDrvHnd::ToDevIds(std::vector<unsigned int>* ids, unsigned int id) {
-    if (!IsInDevIds(ids, id)) {
-        ids->push_back(id);
-    }
-}
-
-bool GVDrvHnd::IsInDevIds(std::vector<unsigned int>* ids, unsigned int id) {
-    return std::find(ids->begin(), ids->end(), id) != ids->end();
-}

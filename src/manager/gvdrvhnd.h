@@ -11,6 +11,7 @@
 #include "base/mutex.h"
 #include "base/own_process.h"
 #include "base/relaxed.h"
+#include "base/sequential_search.h"
 #include "gvusb.h"
 #include "manager/event_handlers.h"
 #include "manager/hotplug_queue.h"
@@ -21,6 +22,7 @@
 #include <pthread.h>
 
 class GVDevice;
+class UsbDeviceList;
 
 class GVDrvHnd {
 public:
@@ -30,7 +32,7 @@ public:
     GVDrvHnd(const GVDrvHnd&) = delete;
     GVDrvHnd& operator=(const GVDrvHnd&) = delete;
 
-    // ---- device_list.cpp: device list, handles and frames. DL_ functions search the device list.
+    // ---- device_list.cpp: the device list and its handles. DL_ functions search the device list.
     // Return a handle that no record has.
     int NextDeviceHandle() GVUSB_REQUIRES(m_mtxDevList);
     void ClearDeviceList() GVUSB_EXCLUDES(m_mtxDevList);
@@ -39,6 +41,10 @@ public:
     GVDevice* DL_DeviceOfUsbDev(const libusb_device* dev) GVUSB_REQUIRES(m_mtxDevList);
     GVDevice* DL_DeviceOfDevHnd(int devHnd) GVUSB_REQUIRES(m_mtxDevList);
     int DL_HandleOfDeviceId(unsigned int devId) GVUSB_REQUIRES(m_mtxDevList);
+    int GetLastError(int devHnd) GVUSB_EXCLUDES(m_mtxDevList);
+    int GetDeviceHnd(unsigned int devId) GVUSB_EXCLUDES(m_mtxDevList);
+
+    // ---- frames.cpp: exchanges with an open reader.
     int IsDevicePresent(int devHnd) GVUSB_EXCLUDES(m_mtxDevList);
     int Transceive(int devHnd, const char* interfaceName, const unsigned char* data, unsigned int len,
                    unsigned char* buf, unsigned int size) GVUSB_EXCLUDES(m_mtxDevList);
@@ -46,8 +52,6 @@ public:
         GVUSB_EXCLUDES(m_mtxDevList);
     int Receive(int devHnd, const char* interfaceName, unsigned char* buf, unsigned int size)
         GVUSB_EXCLUDES(m_mtxDevList);
-    int GetLastError(int devHnd) GVUSB_EXCLUDES(m_mtxDevList);
-    int GetDeviceHnd(unsigned int devId) GVUSB_EXCLUDES(m_mtxDevList);
 
     // ---- scan.cpp
     // One of the scan options; also open what it finds if `open` is true.
@@ -56,6 +60,8 @@ public:
     // ---- discover.cpp
     // Rebuild the scan list. Return the number of its entries.
     int DiscoverDevices(_GVUSB_SCANSEARCH* search) GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
+
+    // ---- probe.cpp: what a device on the bus is.
     bool IsUsableGavoDevice(libusb_device_descriptor* desc);
     // Open a device to read its device ID. Return 0 if this fails.
     unsigned int ReadDeviceIdOfUsbDev(libusb_device* dev);
@@ -103,6 +109,8 @@ public:
     static void ClearEventInitList() GVUSB_EXCLUDES(g_MtxEvtInitAry);
     static void ExecEventInitListCallbacks(unsigned int event, int devHnd, unsigned int devId)
         GVUSB_EXCLUDES(g_MtxEvtInitAry);
+
+    // ---- reported.cpp
     // A list of device IDs as a set: add an ID that it does not have, and test for one.
     static void ToDevIds(std::vector<unsigned int>* ids, unsigned int id);
     static bool IsInDevIds(std::vector<unsigned int>* ids, unsigned int id);
@@ -179,8 +187,17 @@ private:
     int ScanFirst(_GVUSB_SCANSEARCH* search, bool open) GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
     int ScanNext(bool open) GVUSB_EXCLUDES(m_mtxDevList);
 
-    // discover.cpp
+    // discover.cpp: the steps of a scan.
+    struct ChosenDevice;
     int RebuildScanList(_GVUSB_SCANSEARCH* search) GVUSB_REQUIRES(m_mtxScanList, m_mtxDevList);
+    std::vector<ChosenDevice> ChooseDevices(const UsbDeviceList& usbDevices, _GVUSB_SCANSEARCH* search)
+        GVUSB_REQUIRES(m_mtxDevList);
+    void ChooseOpenDevice(GVDevice& open, _GVUSB_SCANSEARCH* search, std::vector<ChosenDevice>& chosen)
+        GVUSB_REQUIRES(m_mtxDevList);
+    void ChooseNewDevice(libusb_device* usbDevice, _GVUSB_SCANSEARCH* search,
+                         std::vector<ChosenDevice>& chosen) GVUSB_REQUIRES(m_mtxDevList);
+    void FillScanList(std::vector<ChosenDevice> chosen) GVUSB_REQUIRES(m_mtxDevList);
+    void ReplaceReopenedDevices() GVUSB_REQUIRES(m_mtxDevList);
 
     // scan_list.cpp
     int CountScanList() GVUSB_REQUIRES(m_mtxDevList);
@@ -197,7 +214,7 @@ private:
     int SetDriverPara(const char* key, const char* value);
     int SetEveryDevicePara(const char* key, const char* value) GVUSB_EXCLUDES(m_mtxDevList);
 
-    // discover.cpp
+    // probe.cpp
     int ReadDeviceId(libusb_device* dev, unsigned int& devId);
 
     // hotplug_callbacks.cpp
@@ -206,7 +223,7 @@ private:
     // Called by the queue's thread.
     static void ReportQueued(void* manager, libusb_hotplug_event event, libusb_device* dev);
 
-    // hotplug_polling.cpp
+    // reported.cpp
     struct Report {
         unsigned int devId;
         int devHnd;
@@ -215,11 +232,23 @@ private:
         std::vector<Report> disconnects;
         std::vector<Report> connects;
     };
+    // Begin a new period, in which nothing has been reported.
+    void ForgetReported() GVUSB_REQUIRES(m_mtxScanList);
+    // Record that a reader in the scan list is connected. It needs no report.
+    void RecordKnown(unsigned int devId) GVUSB_REQUIRES(m_mtxScanList);
+    // Record the reports that are due and drop the others.
+    void RecordReports(Reports& reports) GVUSB_REQUIRES(m_mtxScanList);
+
+    // hotplug_polling.cpp
     // Compare the lists with the bus and record the reports that are due.
     Reports BeginReports() GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
     Reports CompareWithBus() GVUSB_REQUIRES(m_mtxScanList, m_mtxDevList);
     void UpdateFromUsbDevice(libusb_device* usbDevice, std::vector<Report>& arrived)
         GVUSB_REQUIRES(m_mtxScanList, m_mtxDevList);
+
+    // A poll looks for the known readers in the order of the bus, which is usually that of the lists.
+    SequentialSearch m_ScanListSearch GVUSB_GUARDED_BY(m_mtxDevList);
+    SequentialSearch m_ReportedSearch GVUSB_GUARDED_BY(m_mtxScanList);
 };
 
 extern GVDrvHnd g_GvUsbMan;

@@ -1,6 +1,6 @@
 #include "manager/gvdrvhnd.h"
 
-#include "api/log.h"
+#include "base/log.h"
 #include "manager/event_handling.h"
 
 int LIBUSB_CALL GVDrvHnd::ExecDeviceConnectCallbacks(libusb_context* /*ctx*/, libusb_device* dev,
@@ -50,17 +50,13 @@ int GVDrvHnd::ReportArrival(libusb_device* dev) {
     if (const int rc = ReadDeviceId(dev, devId); rc < 0 || devId == 0) {
         return rc;
     }
-    if (GVLOG_Level() > 0) {
-        logLine("from libusb", "MESSAGE \"connect\": devId=0x", std::hex, devId);
-    }
+    log<Level::manager>("from libusb", "MESSAGE \"connect\": devId=0x", std::hex, devId);
     ExecEventInitListCallbacks(GVUSB_EVENT_CONNECT, 0, devId);
     return LIBUSB_SUCCESS;
 }
 
 // The device ID cannot be read any more.
 void GVDrvHnd::ReportDeparture() {
-    if (GVLOG_Level() > 0) {
-        logLine("from libusb", "MESSAGE \"disconnect\": devHnd=0x", std::hex, 0, " devId=0x", 0);
-    }
+    log<Level::manager>("from libusb", "MESSAGE \"disconnect\": devHnd=0x", std::hex, 0, " devId=0x", 0);
     ExecEventInitListCallbacks(GVUSB_EVENT_DISCONNECT, 0, 0);
 }

@@ -1,6 +1,6 @@
 #include "manager/hotplug_queue.h"
 
-#include "manager/own_thread.h"
+#include "base/own_thread.h"
 
 #include <new>
 #include <utility>

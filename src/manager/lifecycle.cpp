@@ -1,10 +1,10 @@
 #include "manager/gvdrvhnd.h"
 
-#include "api/log.h"
+#include "base/log.h"
+#include "base/own_thread.h"
+#include "base/version.h"
 #include "manager/configuration.h"
 #include "manager/event_handling.h"
-#include "manager/own_thread.h"
-#include "version.h"
 
 #include <memory>
 #include <optional>
@@ -74,9 +74,7 @@ GVDrvHnd::GVDrvHnd() {
     LogStart(*libUsbVersion);
     if (m_iHotPlugMode == 1) {
         relaxed::store(m_bSuspend, false);
-        if (GVLOG_Level() > 0) {
-            logLine("init", "gvUSB-UpdateRate=", relaxed::load(m_uiUpdateRate) / 1000, "msec");
-        }
+        log<Level::manager>("init", "gvUSB-UpdateRate=", relaxed::load(m_uiUpdateRate) / 1000, "msec");
     } else if (m_iHotPlugMode == 2) {
         RegisterHotPlugCallbacks();
     }
@@ -89,9 +87,7 @@ GVDrvHnd::~GVDrvHnd() {
         relaxed::store(managerIsUsable, false);
         return;
     }
-    if (GVLOG_Level() > 0) {
-        logLine("exit", "cleaning up ...");
-    }
+    log<Level::manager>("exit", "cleaning up ...");
     const bool inHandler = leaveEventHandlerForExit();
     StopThread();
     m_HotPlugQueue.Stop();
@@ -110,9 +106,7 @@ GVDrvHnd::~GVDrvHnd() {
     if (m_bLibUsbUsable && !contextInUse) {
         LeaveLibUsb(inHandler);
     }
-    if (GVLOG_Level() > 0) {
-        logLine("exit", "... done");
-    }
+    log<Level::manager>("exit", "... done");
 }
 
 void GVDrvHnd::ApplyDebugLevels() {
@@ -138,7 +132,7 @@ void GVDrvHnd::LeaveLibUsb(bool inHandler) {
 }
 
 void GVDrvHnd::LogStart(const libusb_version& libUsbVersion) {
-    if (GVLOG_Level() <= 0) {
+    if (!isLogged(Level::manager)) {
         return;
     }
     logLine("init", "libUSB-Version=", libUsbVersion.major, ".", libUsbVersion.minor, ".",
@@ -160,7 +154,5 @@ void GVDrvHnd::RegisterHotPlugCallbacks() {
                                          LIBUSB_HOTPLUG_MATCH_ANY, LIBUSB_HOTPLUG_MATCH_ANY,
                                          &ExecDeviceDisconnectCallbacks, this, &m_hCbDisconnect);
     }
-    if (GVLOG_Level() > 0) {
-        logLine("init", "libUSB callbacks registered");
-    }
+    log<Level::manager>("init", "libUSB callbacks registered");
 }

@@ -1,8 +1,8 @@
 #include "manager/gvdrvhnd.h"
 
-#include "api/log.h"
+#include "base/log.h"
 #include "device/gvdevice.h"
-#include "manager/open_device.h"
+#include "manager/opening.h"
 
 #include <algorithm>
 #include <memory>
@@ -36,9 +36,8 @@ int openOrLeaveClosed(GVDevice& device) {
 int GVDrvHnd::OpenScanned(GVDevice& device) {
     m_DeviceList.reserve(m_DeviceList.size() + 1);
     if (const int code = openOrLeaveClosed(device); code != 0) {
-        if (GVLOG_Level() > 0) {
-            logLine("open device", "devId=0x", std::hex, device.devId, ": return-code=", std::dec, code);
-        }
+        log<Level::manager>("open device", "devId=0x", std::hex, device.devId, ": return-code=", std::dec,
+                            code);
         return code;
     }
     // A reader with the device ID 0 cannot be looked up by its ID, so it may be in the list already.
@@ -46,9 +45,7 @@ int GVDrvHnd::OpenScanned(GVDevice& device) {
         m_DeviceList.push_back(&device);
     }
     device.owner = false;
-    if (GVLOG_Level() > 0) {
-        logLine("open device", "devId=0x", std::hex, device.devId, ": ok");
-    }
+    log<Level::manager>("open device", "devId=0x", std::hex, device.devId, ": ok");
     return GVUSB_OK;
 }
 
@@ -106,9 +103,7 @@ int GVDrvHnd::OpenDevice(unsigned int devId) {
         return device != nullptr && device->devId == devId;
     });
     if (found == m_ScanList.end()) {
-        if (GVLOG_Level() > 0) {
-            logLine("open device", "devId=0x", std::hex, devId, " not scanned");
-        }
+        log<Level::manager>("open device", "devId=0x", std::hex, devId, " not scanned");
         return SetLastError(GVUSB_ERR_NOT_SCANNED);
     }
     return OpenEntry(**found);
@@ -120,9 +115,7 @@ int GVDrvHnd::CloseDevice(int devHnd) {
         return device != nullptr && device->devHnd == devHnd;
     });
     if (found == m_DeviceList.end()) {
-        if (GVLOG_Level() > 0) {
-            logLine("close device", "devHnd=0x", std::hex, devHnd, " not in device list");
-        }
+        log<Level::manager>("close device", "devHnd=0x", std::hex, devHnd, " not in device list");
         return SetLastError(GVUSB_ERR_HANDLE_NOT_FOUND);
     }
     GVDevice* const device = *found;
@@ -134,10 +127,9 @@ int GVDrvHnd::CloseDevice(int devHnd) {
     device->CloseDevice();
     SetLastError(GVUSB_OK);
     unlisted.reset();
-    if (GVLOG_Level() > 0) {
-        logLine("close device", "devHnd=0x", std::hex, devHnd, " devId=0x", devId,
-                stillScanned ? ":done - device still in scan list" : ":done - device object destroyed");
-    }
+    log<Level::manager>("close device", "devHnd=0x", std::hex, devHnd, " devId=0x", devId,
+                        stillScanned ? ":done - device still in scan list"
+                                     : ":done - device object destroyed");
     logDeviceList();
     return GVUSB_OK;
 }

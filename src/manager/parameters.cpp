@@ -1,7 +1,7 @@
 #include "manager/gvdrvhnd.h"
 
-#include "api/log.h"
 #include "base/key_text.h"
+#include "base/log.h"
 #include "base/numbers.h"
 #include "device/gvdevice.h"
 
@@ -15,10 +15,8 @@ namespace {
 // documented size is read.
 void logParameter(const char* tag, int devHnd, const char* key, const char* value, std::size_t valueSize,
                   int code) {
-    if (GVLOG_Level() > 0) {
-        logLine(tag, "Hnd(0x", std::hex, devHnd, ") ", key, " = '",
-                std::string_view(value, strnlen(value, valueSize)), "' => rc=", code);
-    }
+    log<Level::manager>(tag, "Hnd(0x", std::hex, devHnd, ") ", key, " = '",
+                        std::string_view(value, strnlen(value, valueSize)), "' => rc=", code);
 }
 
 } // namespace

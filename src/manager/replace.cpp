@@ -1,8 +1,8 @@
 #include "manager/gvdrvhnd.h"
 
-#include "api/log.h"
+#include "base/log.h"
 #include "device/gvdevice.h"
-#include "manager/open_device.h"
+#include "manager/opening.h"
 
 #include <algorithm>
 #include <utility>
@@ -10,10 +10,9 @@
 namespace {
 
 void logReplacement(const char* tag, GVDevice& device) {
-    if (GVLOG_Level() > 0) {
-        logLine(tag, "devHnd=0x", std::hex, device.devHnd, " devId=0x", device.devId,
-                " usbDevPtr=", device.GetUsbDevPtr(), " owner=", device.owner);
-    }
+    log<Level::manager>(
+        tag, "devHnd=0x", std::hex, device.devHnd, " devId=0x", device.devId,
+        " usbDevPtr=", [&] { return device.GetUsbDevPtr(); }, " owner=", device.owner);
 }
 
 } // namespace

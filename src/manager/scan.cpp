@@ -1,6 +1,6 @@
 #include "manager/gvdrvhnd.h"
 
-#include "api/log.h"
+#include "base/log.h"
 #include "device/gvdevice.h"
 
 int GVDrvHnd::Scan(int option, _GVUSB_SCANSEARCH* search, bool open) {
@@ -18,9 +18,7 @@ int GVDrvHnd::Scan(int option, _GVUSB_SCANSEARCH* search, bool open) {
     case GVUSB_SCAN_NOTHING:
         return GVUSB_OK;
     default:
-        if (GVLOG_Level() > 0) {
-            logLine("scan", "unknown scan option");
-        }
+        log<Level::manager>("scan", "unknown scan option");
         return SetLastError(GVUSB_ERR_UNKNOWN_SCAN_OPTION);
     }
 }

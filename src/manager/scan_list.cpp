@@ -1,15 +1,7 @@
 #include "manager/gvdrvhnd.h"
 
-#include "api/log.h"
-#include "base/sequential_search.h"
+#include "base/log.h"
 #include "device/gvdevice.h"
-
-namespace {
-
-// A poll looks for the readers in the order of the bus, which is usually the order of the list.
-constinit SequentialSearch scanListSearch;
-
-} // namespace
 
 int GVDrvHnd::GetScanListPara(int index, const char* key, char* value) {
     const MutexLock lock(m_mtxDevList);
@@ -29,9 +21,7 @@ int GVDrvHnd::GetScanListSize() {
 int GVDrvHnd::CountScanList() {
     SetLastError(GVUSB_OK);
     const int size = static_cast<int>(m_ScanList.size());
-    if (GVLOG_Level() > 0) {
-        logLine("scan-list", "size=", size);
-    }
+    log<Level::manager>("scan-list", "size=", size);
     return size;
 }
 
@@ -49,7 +39,7 @@ void GVDrvHnd::EmptyScanList() {
 
 GVDevice* GVDrvHnd::SL_DeviceOfUsbDev(const libusb_device* dev) {
     const auto isIt = [&](const GVDevice* device) { return device != nullptr && device->usbdev == dev; };
-    const auto index = scanListSearch.find(m_ScanList, isIt);
+    const auto index = m_ScanListSearch.find(m_ScanList, isIt);
     return index ? m_ScanList[*index] : nullptr;
 }
 

@@ -1,6 +1,6 @@
 #include "manager/gvdrvhnd.h"
 
-#include "api/log.h"
+#include "base/log.h"
 
 #include <unistd.h>
 
@@ -9,7 +9,7 @@ namespace {
 // Logs the end of the thread, also if it is cancelled in its sleep.
 struct StopLogger {
     ~StopLogger() {
-        if (GVLOG_Level() > 2) {
+        if (isLogged(Level::poll)) {
             GVLOG_Msg("thread", "stop");
         }
     }
@@ -26,9 +26,7 @@ void sleepCancellably(unsigned int microseconds) {
 void* GVDrvHnd::CheckDevicesThread(void* manager) {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     GVDrvHnd& self = *static_cast<GVDrvHnd*>(manager);
-    if (GVLOG_Level() > 2) {
-        logLine("thread", "start");
-    }
+    log<Level::poll>("thread", "start");
     const StopLogger stopLogger;
     while (!relaxed::load(self.m_bStopThread)) {
         sleepCancellably(relaxed::load(self.m_uiUpdateRate));
@@ -38,9 +36,7 @@ void* GVDrvHnd::CheckDevicesThread(void* manager) {
         if (relaxed::load(self.m_bStopThread)) {
             break;
         }
-        if (GVLOG_Level() > 2) {
-            logLine("thread", "next update");
-        }
+        log<Level::poll>("thread", "next update");
         self.UpdateDevices();
     }
     return nullptr;

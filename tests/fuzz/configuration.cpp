@@ -4,7 +4,7 @@
 #include "gvusb.h"
 #include "manager.h"
 
-#include "api/log.h"
+#include "base/log.h"
 
 #include <climits>
 #include <cstdint>

@@ -6,7 +6,7 @@
 #include "descriptors_bus.h"
 #include "descriptors_records.h"
 
-#include "api/log.h"
+#include "base/log.h"
 #include "guarded_buffer.h"
 #include "gvusb.h"
 #include "input.h"

@@ -5,7 +5,7 @@
 #include "expect.h"
 #include "fake_libusb.h"
 #include "manager/gvdrvhnd.h"
-#include "manager/open_device.h"
+#include "manager/opening.h"
 
 #include <cstring>
 #include <set>

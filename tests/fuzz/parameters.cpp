@@ -9,7 +9,7 @@
 //   a01 3              GVUSB_AddEventHandler   d01 3             GVUSB_DelEventHandler
 //                      (event and kind of callback)
 //   k1                 GVUSB_GetLastError
-#include "api/log.h"
+#include "base/log.h"
 #include "guarded_buffer.h"
 #include "gvusb.h"
 #include "input.h"

@@ -7,7 +7,7 @@
 #include "gvusb.h"
 #include "manager/gvdrvhnd.h"
 
-#include "api/log.h"
+#include "base/log.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 #include "usbip/address.h"
 
-#include "text.h"
+#include "model/text.h"
 
 #include <gtest/gtest.h>
 

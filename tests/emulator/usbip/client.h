@@ -3,7 +3,7 @@
 // bytes.
 #pragma once
 
-#include "text.h"
+#include "model/text.h"
 #include "usbip/wire.h"
 
 #include <algorithm>

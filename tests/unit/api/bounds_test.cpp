@@ -6,7 +6,7 @@
 #include "edge_buffer.h"
 #include "manager_test.h"
 
-#include "api/log.h"
+#include "base/log.h"
 
 #include <array>
 #include <climits>

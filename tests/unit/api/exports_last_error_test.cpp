@@ -5,7 +5,7 @@
 #include "manager_test.h"
 #include "mutex_probe.h"
 
-#include "api/log.h"
+#include "base/log.h"
 
 #include <chrono>
 #include <functional>

@@ -4,7 +4,7 @@
 #include "captured_stdout.h"
 #include "manager_test.h"
 
-#include "api/log.h"
+#include "base/log.h"
 
 #include <climits>
 #include <functional>

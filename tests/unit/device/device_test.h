@@ -3,7 +3,7 @@
 // The devices under test are made by the tests themselves, directly on readers of the fake bus.
 #pragma once
 
-#include "api/log.h"
+#include "base/log.h"
 #include "captured_stdout.h"
 #include "device/gvdevice.h"
 #include "fake_libusb.h"

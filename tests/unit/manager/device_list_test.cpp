@@ -1,6 +1,5 @@
 #include "manager_lists.h"
 #include "manager_test.h"
-#include "mutex_probe.h"
 
 #include <array>
 #include <climits>
@@ -156,82 +155,6 @@ TEST_F(DeviceListTest, DeviceIdZeroIsNeverFound) {
     EXPECT_EQ(lastError(), -1144);
 }
 
-TEST_F(DeviceListTest, PresenceOfAnOpenReaderFollowsTheReader) {
-    const int devHnd = openReader("dev1", "1A2B3C");
-    g_GvUsbMan.SetLastError(-1111);
-    EXPECT_EQ(GVUSB_IsDevicePresent(devHnd), 1);
-    EXPECT_EQ(lastError(), 0);
-
-    fake::unplug("dev1");
-    g_GvUsbMan.SetLastError(-1111);
-    EXPECT_EQ(GVUSB_IsDevicePresent(devHnd), 0);
-    EXPECT_EQ(lastError(), 0);
-    EXPECT_EQ(g_GvUsbMan.GetLastError(devHnd), -1137);
-}
-
-TEST_F(DeviceListTest, TransceiveReturnsTheCountAndClearsTheLastError) {
-    const int devHnd = openReader("dev1", "1A2B3C");
-    unsigned char answer[64] = {};
-    g_GvUsbMan.SetLastError(-1111);
-    EXPECT_EQ(g_GvUsbMan.Transceive(devHnd, "tesk-rci2", frame, sizeof frame, answer, sizeof answer), 12);
-    EXPECT_EQ(lastError(), 0);
-    EXPECT_THAT(fake::frames("dev1"), ElementsAre(fake::Bytes(frame, frame + sizeof frame)));
-    EXPECT_TRUE(std::equal(frame, frame + sizeof frame, answer));
-}
-
-TEST_F(DeviceListTest, TransceiveRecordsTheReadersFailure) {
-    const int devHnd = openReader("dev1", "1A2B3C");
-    unsigned char answer[64] = {};
-    EXPECT_EQ(g_GvUsbMan.Transceive(devHnd, "OTHER", frame, sizeof frame, answer, sizeof answer), -1132);
-    EXPECT_EQ(lastError(), -1132);
-    EXPECT_EQ(g_GvUsbMan.GetLastError(devHnd), -1132);
-}
-
-TEST_F(DeviceListTest, TransmitRecordsZeroOrTheReadersFailure) {
-    const int devHnd = openReader("dev1", "1A2B3C");
-    g_GvUsbMan.SetLastError(-1111);
-    EXPECT_EQ(g_GvUsbMan.Transmit(devHnd, "TESK-RCI2", frame, sizeof frame), 0);
-    EXPECT_EQ(lastError(), 0);
-    EXPECT_THAT(fake::frames("dev1"), ElementsAre(fake::Bytes(frame, frame + sizeof frame)));
-
-    EXPECT_EQ(g_GvUsbMan.Transmit(devHnd, "OTHER", frame, sizeof frame), -1132);
-    EXPECT_EQ(lastError(), -1132);
-}
-
-TEST_F(DeviceListTest, ReceiveLeavesItsCountAsTheLastError) {
-    const int devHnd = openReader("dev1", "1A2B3C");
-    ASSERT_EQ(GVUSB_Transmit(devHnd, "TESK-RCI2", frame, sizeof frame), 0);
-    unsigned char buffer[64] = {};
-    EXPECT_EQ(GVUSB_Receive(devHnd, "TESK-RCI2", buffer, sizeof buffer), 12);
-    EXPECT_EQ(lastError(), 12);
-    EXPECT_TRUE(std::equal(frame, frame + sizeof frame, buffer));
-
-    int code = 0;
-    char text[GVUSB_TEXT_SIZE] = {};
-    EXPECT_EQ(GVUSB_GetLastError(0, &code, text), -1155);
-    EXPECT_EQ(code, 12);
-    EXPECT_STREQ(text, "GVUSB: Unknown Error: 0xC (12)");
-
-    EXPECT_EQ(GVUSB_Receive(devHnd, "TESK-RCI2", buffer, sizeof buffer), -1130);
-    EXPECT_EQ(lastError(), -1130);
-}
-
-TEST_F(DeviceListTest, UnknownHandleIsRefusedAndRecorded) {
-    openReader("dev1", "1A2B3C");
-    fake::takeCalls();
-    unsigned char buffer[64] = {};
-    const auto refuses = [](int result) {
-        EXPECT_EQ(result, noHandle);
-        EXPECT_EQ(lastError(), noHandle);
-        g_GvUsbMan.SetLastError(0);
-    };
-    refuses(GVUSB_IsDevicePresent(77));
-    refuses(GVUSB_Transceive(77, "TESK-RCI2", 0, frame, sizeof frame, buffer, sizeof buffer));
-    refuses(GVUSB_Transmit(77, "TESK-RCI2", frame, sizeof frame));
-    refuses(GVUSB_Receive(77, "TESK-RCI2", buffer, sizeof buffer));
-    EXPECT_THAT(fake::takeCalls(), IsEmpty());
-}
-
 TEST_F(DeviceListTest, ReadersLastErrorIsReadWithoutTouchingTheManagers) {
     const int devHnd = openReader("dev1", "1A2B3C");
     EXPECT_EQ(GVUSB_Transmit(devHnd, "OTHER", frame, sizeof frame), -1132);
@@ -283,40 +206,6 @@ TEST_F(DeviceListTest, ClearingClosesOpenReaders) {
     EXPECT_EQ(GVUSB_GetDeviceList(0), 0);
 }
 
-TEST_F(DeviceListTest, DeviceListMutexIsHeldWhileAReaderIsUsed) {
-    const int devHnd = openReader("dev1", "1A2B3C");
-    int used = 0;
-    fake::setHook([&](std::string_view, std::string_view) {
-        ++used;
-        EXPECT_TRUE(support::isHeld(g_GvUsbMan.m_mtxDevList));
-        EXPECT_FALSE(support::isHeld(g_GvUsbMan.m_mtxScanList));
-    });
-    unsigned char buffer[64] = {};
-    GVUSB_IsDevicePresent(devHnd);
-    GVUSB_Transceive(devHnd, "TESK-RCI2", 0, frame, sizeof frame, buffer, sizeof buffer);
-    GVUSB_Transmit(devHnd, "TESK-RCI2", frame, sizeof frame);
-    GVUSB_Receive(devHnd, "TESK-RCI2", buffer, sizeof buffer);
-    fake::setHook({});
-    EXPECT_GE(used, 5);
-    EXPECT_FALSE(support::isHeld(g_GvUsbMan.m_mtxDevList));
-}
-
-TEST_F(DeviceListTest, DeviceListMutexIsFreeAgainAfterAnException) {
-    const int devHnd = openReader("dev1", "1A2B3C");
-    unsigned char buffer[64] = {};
-    fake::setHook([](std::string_view, std::string_view) { throw std::bad_alloc(); });
-    const auto throws = [](auto use) {
-        EXPECT_THROW(use(), std::bad_alloc);
-        EXPECT_FALSE(support::isHeld(g_GvUsbMan.m_mtxDevList));
-    };
-    throws([&] { GVUSB_IsDevicePresent(devHnd); });
-    throws([&] { GVUSB_Transceive(devHnd, "TESK-RCI2", 0, frame, sizeof frame, buffer, sizeof buffer); });
-    throws([&] { GVUSB_Transmit(devHnd, "TESK-RCI2", frame, sizeof frame); });
-    throws([&] { GVUSB_Receive(devHnd, "TESK-RCI2", buffer, sizeof buffer); });
-    fake::setHook({});
-    EXPECT_EQ(GVUSB_IsDevicePresent(devHnd), 1);
-}
-
 TEST_F(DeviceListTest, MembersWithoutTransferWaitForTheDeviceListMutexToo) {
     const int devHnd = openReader("dev1", "1A2B3C");
     Mutex& mutex = g_GvUsbMan.m_mtxDevList;
@@ -329,13 +218,9 @@ TEST_F(DeviceListTest, MembersWithoutTransferWaitForTheDeviceListMutexToo) {
 
 TEST_F(DeviceListTest, NothingIsLogged) {
     const int devHnd = openReader("dev1", "1A2B3C");
-    unsigned char buffer[64] = {};
     LogAt log(1);
     GVUSB_GetDeviceList(0);
     GVUSB_GetDeviceHnd(1);
-    GVUSB_IsDevicePresent(devHnd);
-    GVUSB_IsDevicePresent(77);
-    GVUSB_Transceive(devHnd, "TESK-RCI2", 0, frame, sizeof frame, buffer, sizeof buffer);
     g_GvUsbMan.GetLastError(devHnd);
     g_GvUsbMan.ClearScanList();
     g_GvUsbMan.ClearDeviceList();

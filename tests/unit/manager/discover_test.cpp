@@ -1,9 +1,7 @@
 #include "manager_lists.h"
 #include "manager_test.h"
 
-#include <chrono>
 #include <cstring>
-#include <future>
 #include <new>
 
 #include <gmock/gmock.h>
@@ -11,6 +9,7 @@
 namespace fake = fake_libusb;
 using namespace manager_lists;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::IsEmpty;
 
 namespace {
@@ -42,17 +41,6 @@ protected:
 };
 
 } // namespace
-
-TEST_F(DiscoverTest, UsableAreTheMakersProductsOneToFour) {
-    libusb_device_descriptor descriptor = {};
-    for (const int product : {0, 1, 2, 3, 4, 5, 0x0101, 0xFFFF}) {
-        descriptor.idVendor = GVUSB_VENDOR_ID;
-        descriptor.idProduct = static_cast<std::uint16_t>(product);
-        EXPECT_EQ(g_GvUsbMan.IsUsableGavoDevice(&descriptor), product >= 1 && product <= 4) << product;
-        descriptor.idVendor = GVUSB_VENDOR_ID ^ 0x8000;
-        EXPECT_FALSE(g_GvUsbMan.IsUsableGavoDevice(&descriptor)) << product;
-    }
-}
 
 TEST_F(DiscoverTest, ScanIdentifiesNewReadersAndLeavesTheOthersAlone) {
     fake::plug("dev1", fake::bulkReader("A1"));
@@ -245,33 +233,6 @@ TEST_F(DiscoverTest, DeviceWithoutReadableDescriptorIsNotUsable) {
     EXPECT_EQ(fake::timesCalled("libusb_open"), 0u);
 }
 
-TEST_F(DiscoverTest, ScanBeginsANewPeriodOfReports) {
-    {
-        const MutexLock lock(g_GvUsbMan.m_mtxScanList);
-        g_GvUsbMan.m_ReportedConnects = {1, 2};
-        g_GvUsbMan.m_ReportedDisconnects = {3};
-    }
-    EXPECT_EQ(scan(), 0);
-    const MutexLock lock(g_GvUsbMan.m_mtxScanList);
-    EXPECT_THAT(g_GvUsbMan.m_ReportedConnects, IsEmpty());
-    EXPECT_THAT(g_GvUsbMan.m_ReportedDisconnects, IsEmpty());
-    EXPECT_GE(g_GvUsbMan.m_ReportedConnects.capacity(), 2u) << "the storage is kept";
-}
-
-TEST_F(DiscoverTest, NewPeriodBeginsWhenThePollInProgressIsOver) {
-    std::future<int> found;
-    {
-        const MutexLock poll(g_GvUsbMan.m_mtxScanList);
-        found = std::async(std::launch::async, [] { return scan(); });
-        found.wait_for(std::chrono::milliseconds(10));
-        g_GvUsbMan.m_ReportedConnects = {1};
-        g_GvUsbMan.m_ReportedDisconnects = {2};
-    }
-    EXPECT_EQ(found.get(), 0);
-    EXPECT_THAT(reportedConnects(), IsEmpty());
-    EXPECT_THAT(reportedDisconnects(), IsEmpty());
-}
-
 TEST_F(DiscoverTest, ReopenedReaderTakesThePlaceOfItsFormerSelf) {
     fake::plug("dev1", fake::bulkReader("A1"));
     fake::plug("dev2", fake::bulkReader("A2"));
@@ -287,6 +248,20 @@ TEST_F(DiscoverTest, ReopenedReaderTakesThePlaceOfItsFormerSelf) {
     EXPECT_EQ(fake::leftovers(), "dev2: 1 reference\nhnd2: open\n"
                                  "dev3: 1 reference\nhnd3: open\n"
                                  "libusb_init: 1 without libusb_exit\n");
+}
+
+TEST_F(DiscoverTest, ListOfTheBusIsReleasedLast) {
+    fake::plug("dev1", fake::bulkReader("A1"));
+    ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
+    fake::replug("dev1", "dev2");
+    fake::takeCalls();
+    EXPECT_EQ(scan(), 1);
+    const std::string calls = fake::takeCallText();
+    EXPECT_THAT(calls, EndsWith("libusb_unref_device(dev1)\n"
+                                "libusb_open(dev2) = 0\n"
+                                "libusb_get_config_descriptor(dev2, 0) = 0\n"
+                                "libusb_free_config_descriptor(config of dev2)\n"
+                                "libusb_free_device_list(list, 1)\n"));
 }
 
 TEST_F(DiscoverTest, ScanWithoutAReaderKeepsTheOpenOnesUntouched) {
@@ -331,30 +306,6 @@ TEST_F(DiscoverTest, OpenReadersWithTheSameIdBecomeOneRecord) {
     EXPECT_EQ(first->devHnd, firstHandle + 1);
     EXPECT_EQ(GVUSB_IsDevicePresent(firstHandle + 1), 1);
     EXPECT_EQ(fake::references("dev2"), 0);
-}
-
-TEST_F(DiscoverTest, DeviceIdIsReadThroughAShortLivedHandle) {
-    libusb_device* const dev = fake::plug("dev1", fake::bulkReader("0x1a2B3c rest"));
-    fake::takeCalls();
-    EXPECT_EQ(g_GvUsbMan.ReadDeviceIdOfUsbDev(dev), 0x1A2B3Cu);
-    EXPECT_EQ(fake::takeCallText(), "libusb_open(dev1) = 0\n"
-                                    "libusb_get_string_descriptor_ascii(hnd1, 1, 256) = 13\n"
-                                    "libusb_close(hnd1)\n");
-}
-
-TEST_F(DiscoverTest, DeviceIdThatCannotBeReadIsZero) {
-    libusb_device* const dev = fake::plug("dev1", fake::bulkReader());
-    for (const fake::FakeString& answer :
-         std::initializer_list<fake::FakeString>{"", "xyz", LIBUSB_ERROR_IO, LIBUSB_ERROR_BUSY, "0"}) {
-        fake::setString("dev1", 1, answer);
-        EXPECT_EQ(g_GvUsbMan.ReadDeviceIdOfUsbDev(dev), 0u);
-        EXPECT_EQ(fake::openHandles("dev1"), 0);
-    }
-    fake::failNext("libusb_open", LIBUSB_ERROR_ACCESS);
-    fake::setString("dev1", 1, "A1");
-    fake::takeCalls();
-    EXPECT_EQ(g_GvUsbMan.ReadDeviceIdOfUsbDev(dev), 0u);
-    EXPECT_EQ(fake::takeCallText(), "libusb_open(dev1) = -3\n");
 }
 
 TEST_F(DiscoverTest, WithoutLibUsbAScanFindsNothingAndCallsNothing) {

@@ -314,17 +314,3 @@ TEST_F(EventHandlersTest, LeavingForExitOutsideAHandlerChangesNothing) {
     EXPECT_EQ(fire(1).size(), 1u);
     EXPECT_FALSE(support::isHeld(g_MtxEvtInitAry));
 }
-
-TEST_F(EventHandlersTest, DeviceIdSetKeepsOneOfEachInOrder) {
-    std::vector<unsigned int> ids;
-    for (const unsigned int id : {7u, 3u, 7u, 0u, 0xFFFFFFFFu, 3u, 0u}) {
-        GVDrvHnd::ToDevIds(&ids, id);
-    }
-    EXPECT_THAT(ids, ElementsAre(7, 3, 0, 0xFFFFFFFF));
-    for (const unsigned int id : ids) {
-        EXPECT_TRUE(GVDrvHnd::IsInDevIds(&ids, id)) << id;
-    }
-    EXPECT_FALSE(GVDrvHnd::IsInDevIds(&ids, 8));
-    std::vector<unsigned int> none;
-    EXPECT_FALSE(GVDrvHnd::IsInDevIds(&none, 0));
-}

@@ -5,7 +5,7 @@
 #include "mutex_probe.h"
 #include "worker_sleep.h"
 
-#include "api/log.h"
+#include "base/log.h"
 
 #include <atomic>
 #include <chrono>

@@ -3,7 +3,7 @@
 
 #include "captured_stdout.h"
 
-#include "api/log.h"
+#include "base/log.h"
 
 #include <locale>
 

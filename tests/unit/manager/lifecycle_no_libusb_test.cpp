@@ -5,7 +5,7 @@
 #include "captured_stdout.h"
 #include "worker_sleep.h"
 
-#include "api/log.h"
+#include "base/log.h"
 
 #include <gmock/gmock.h>
 

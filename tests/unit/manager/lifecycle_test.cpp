@@ -5,7 +5,7 @@
 #include "clock.h"
 #include "mutex_probe.h"
 
-#include "api/log.h"
+#include "base/log.h"
 
 #include <climits>
 #include <csignal>

@@ -3,7 +3,7 @@
 // Reads and writes each under its mutex.
 #pragma once
 
-#include "api/log.h"
+#include "base/log.h"
 #include "captured_stdout.h"
 #include "device/gvdevice.h"
 #include "fake_libusb.h"

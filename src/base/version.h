@@ -1,4 +1,4 @@
-// The version of the library, as its texts tell it.
+// The version that the library reports.
 #pragma once
 
 namespace version {

@@ -1,4 +1,4 @@
-#include "manager/own_thread.h"
+#include "base/own_thread.h"
 
 #include <initializer_list>
 

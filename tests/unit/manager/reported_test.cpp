@@ -19,7 +19,7 @@ using testing::IsEmpty;
 
 namespace {
 
-class HotPlugPeriodsTest : public ManagerTest {
+class ReportedTest : public ManagerTest {
 protected:
     static void poll() { g_GvUsbMan.UpdateDevices(); }
     static void scan() { GVUSB_Scan(GVUSB_SCAN_ALL, nullptr); }
@@ -33,7 +33,7 @@ protected:
 
 } // namespace
 
-TEST_F(HotPlugPeriodsTest, ReportsCountBeforeTheirHandlersRun) {
+TEST_F(ReportedTest, ReportsCountBeforeTheirHandlersRun) {
     fake::plug("dev1", fake::bulkReader("A1"));
     fake::plug("dev2", fake::bulkReader("A2"));
     scan();
@@ -54,7 +54,7 @@ TEST_F(HotPlugPeriodsTest, ReportsCountBeforeTheirHandlersRun) {
     }
 }
 
-TEST_F(HotPlugPeriodsTest, ScanInAHandlerBeginsAPeriodThatKnowsNothingOfThePollsReports) {
+TEST_F(ReportedTest, ScanInAHandlerBeginsAPeriodThatKnowsNothingOfThePollsReports) {
     fake::plug("dev1", fake::bulkReader("A1"));
     fake::plug("dev2", fake::bulkReader("A2"));
     scan();
@@ -68,7 +68,7 @@ TEST_F(HotPlugPeriodsTest, ScanInAHandlerBeginsAPeriodThatKnowsNothingOfThePolls
     EXPECT_THAT(reportedConnects(), IsEmpty());
 }
 
-TEST_F(HotPlugPeriodsTest, ReaderThatIsReplacedAndThenGoesIsReportedTwiceToAHandlerThatScans) {
+TEST_F(ReportedTest, ReaderThatIsReplacedAndThenGoesIsReportedTwiceToAHandlerThatScans) {
     fake::plug("dev1", fake::bulkReader("A1"));
     scan();
     RecordedEvents events(scan);
@@ -84,7 +84,7 @@ TEST_F(HotPlugPeriodsTest, ReaderThatIsReplacedAndThenGoesIsReportedTwiceToAHand
     EXPECT_THAT(events.take(), IsEmpty());
 }
 
-TEST_F(HotPlugPeriodsTest, EveryComingAndGoingIsReportedToAHandlerThatScans) {
+TEST_F(ReportedTest, EveryComingAndGoingIsReportedToAHandlerThatScans) {
     fake::plug("dev1", fake::bulkReader("A1"));
     scan();
     RecordedEvents events(scan);
@@ -104,7 +104,7 @@ TEST_F(HotPlugPeriodsTest, EveryComingAndGoingIsReportedToAHandlerThatScans) {
 }
 
 // The handler's scan does not find what it is told of.
-TEST_F(HotPlugPeriodsTest, ReaderThatTheHandlersScanLeavesOutIsReportedOnceMoreInTheNewPeriod) {
+TEST_F(ReportedTest, ReaderThatTheHandlersScanLeavesOutIsReportedOnceMoreInTheNewPeriod) {
     fake::plug("dev1", fake::bulkReader("A1"));
     fake::plug("dev2", fake::bulkReader("A2"));
     scanOnly("A1");
@@ -122,7 +122,7 @@ TEST_F(HotPlugPeriodsTest, ReaderThatTheHandlersScanLeavesOutIsReportedOnceMoreI
     EXPECT_THAT(events.take(), IsEmpty());
 }
 
-TEST_F(HotPlugPeriodsTest, ReportsStillToComeAreReportedAfterAScanInAHandler) {
+TEST_F(ReportedTest, ReportsStillToComeAreReportedAfterAScanInAHandler) {
     for (const char* const name : {"dev1", "dev2", "dev3"}) {
         fake::plug(name, fake::bulkReader(std::string("A") + name[3]));
     }
@@ -139,7 +139,7 @@ TEST_F(HotPlugPeriodsTest, ReportsStillToComeAreReportedAfterAScanInAHandler) {
 }
 
 // The registrations are locked, so that the poll has looked at the bus and its handlers cannot run yet.
-TEST_F(HotPlugPeriodsTest, ScanOfAnotherThreadBeforeTheHandlersBeginsANewPeriod) {
+TEST_F(ReportedTest, ScanOfAnotherThreadBeforeTheHandlersBeginsANewPeriod) {
     fake::plug("dev1", fake::bulkReader("A1"));
     fake::plug("dev2", fake::bulkReader("A2"));
     scan();
@@ -168,7 +168,7 @@ TEST_F(HotPlugPeriodsTest, ScanOfAnotherThreadBeforeTheHandlersBeginsANewPeriod)
     EXPECT_THAT(events.take(), ElementsAre("disconnect hnd=10000005 id=a1", "disconnect hnd=10000006 id=a3"));
 }
 
-TEST_F(HotPlugPeriodsTest, EqualDeviceIdsOfOnePollAreReportedOnceAlsoAroundAScanInTheHandler) {
+TEST_F(ReportedTest, EqualDeviceIdsOfOnePollAreReportedOnceAlsoAroundAScanInTheHandler) {
     fake::plug("dev1", fake::bulkReader("A1"));
     fake::plug("dev2", fake::bulkReader("A1"));
     RecordedEvents events(scan);
@@ -182,7 +182,7 @@ TEST_F(HotPlugPeriodsTest, EqualDeviceIdsOfOnePollAreReportedOnceAlsoAroundAScan
     EXPECT_THAT(events.take(), IsEmpty());
 }
 
-TEST_F(HotPlugPeriodsTest, PollThatRunsOutOfMemoryCountsNothing) {
+TEST_F(ReportedTest, PollThatRunsOutOfMemoryCountsNothing) {
     if (!support::allocationsAreWatched) {
         GTEST_SKIP() << "operator new is the sanitizer's";
     }
@@ -222,4 +222,45 @@ TEST_F(HotPlugPeriodsTest, PollThatRunsOutOfMemoryCountsNothing) {
         EXPECT_THAT(events.take(), IsEmpty());
     }
     EXPECT_GT(n, 5u);
+}
+
+TEST_F(ReportedTest, ScanBeginsANewPeriodOfReports) {
+    {
+        const MutexLock lock(g_GvUsbMan.m_mtxScanList);
+        g_GvUsbMan.m_ReportedConnects = {1, 2};
+        g_GvUsbMan.m_ReportedDisconnects = {3};
+    }
+    EXPECT_EQ(g_GvUsbMan.DiscoverDevices(nullptr), 0);
+    const MutexLock lock(g_GvUsbMan.m_mtxScanList);
+    EXPECT_THAT(g_GvUsbMan.m_ReportedConnects, IsEmpty());
+    EXPECT_THAT(g_GvUsbMan.m_ReportedDisconnects, IsEmpty());
+    EXPECT_GE(g_GvUsbMan.m_ReportedConnects.capacity(), 2u) << "the storage is kept";
+}
+
+TEST_F(ReportedTest, NewPeriodBeginsWhenThePollInProgressIsOver) {
+    std::future<int> found;
+    {
+        const MutexLock poll(g_GvUsbMan.m_mtxScanList);
+        found = std::async(std::launch::async, [] { return g_GvUsbMan.DiscoverDevices(nullptr); });
+        found.wait_for(std::chrono::milliseconds(10));
+        g_GvUsbMan.m_ReportedConnects = {1};
+        g_GvUsbMan.m_ReportedDisconnects = {2};
+    }
+    EXPECT_EQ(found.get(), 0);
+    EXPECT_THAT(reportedConnects(), IsEmpty());
+    EXPECT_THAT(reportedDisconnects(), IsEmpty());
+}
+
+TEST_F(ReportedTest, DeviceIdSetKeepsOneOfEachInOrder) {
+    std::vector<unsigned int> ids;
+    for (const unsigned int id : {7u, 3u, 7u, 0u, 0xFFFFFFFFu, 3u, 0u}) {
+        GVDrvHnd::ToDevIds(&ids, id);
+    }
+    EXPECT_THAT(ids, ElementsAre(7, 3, 0, 0xFFFFFFFF));
+    for (const unsigned int id : ids) {
+        EXPECT_TRUE(GVDrvHnd::IsInDevIds(&ids, id)) << id;
+    }
+    EXPECT_FALSE(GVDrvHnd::IsInDevIds(&ids, 8));
+    std::vector<unsigned int> none;
+    EXPECT_FALSE(GVDrvHnd::IsInDevIds(&none, 0));
 }

@@ -1,5 +1,5 @@
 // Messages put together from pieces.
-#include "api/log.h"
+#include "base/log.h"
 
 #include "captured_stdout.h"
 #include "manager_test.h"

@@ -1,4 +1,4 @@
-#include "manager/own_thread.h"
+#include "base/own_thread.h"
 
 #include <csignal>
 #include <set>

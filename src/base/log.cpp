@@ -1,4 +1,4 @@
-#include "api/log.h"
+#include "base/log.h"
 
 #include <cstdio>
 
