@@ -1,7 +1,7 @@
-// Programs of library calls, bus events, failures, polls and deliveries, from arbitrary bytes: whatever their
-// order, what the manager promises holds after each step, and at the end nothing is left over.
+// Interpret arbitrary bytes as a program of library calls, bus events, failures, polls and deliveries. Compare the
+// manager with a model after each step, and check for leaks at the end.
 //
-// With GVUSB_FUZZ_TELL in the environment the program tells at its end how often each instruction was run.
+// With GVUSB_FUZZ_COUNTS in the environment, the process prints how often it ran each instruction when it exits.
 
 #include "call_sequences_attempt.h"
 #include "configuration_file.h"
@@ -17,10 +17,10 @@ using namespace call_sequences;
 
 namespace {
 
-constexpr int mostSteps = 200;
+constexpr int maxSteps = 200;
 constexpr int lastHandleCount = 0x0FFFFFFF;
 
-// The programs poll themselves: the worker, whose sleep ends it, would do so at any time.
+// Build the manager and stop its worker thread, which would poll at any time. Only instructions poll.
 void load() {
     support::setConfigurationText("gvusb_hotplug=2");
     const support::SteeredSleep sleep;
@@ -30,18 +30,17 @@ void load() {
     g_GvUsbMan.m_bThreadStarted = false;
 }
 
-// In a thread of its own: the manager goes with a mutex held, and the thread sanitizer counts that against the
-// thread as long as it lives.
+// Destroy the manager in a separate thread, because the destructor leaves a mutex locked. The thread sanitizer attributes the lock to
+// the thread until the thread exits.
 void unload() {
     std::thread([] { g_GvUsbMan.~GVDrvHnd(); }).join();
 }
 
 void prepareOnce() {
     static const bool prepared = [] {
-        // The log is written for nobody.
         expect(std::freopen("/dev/null", "w", stdout) != nullptr, "/dev/null cannot be opened");
-        if (std::getenv("GVUSB_FUZZ_TELL") != nullptr) {
-            std::atexit(tellInstructions);
+        if (std::getenv("GVUSB_FUZZ_COUNTS") != nullptr) {
+            std::atexit(printInstructionCounts);
         }
         fake::reset();
         unload();
@@ -51,14 +50,14 @@ void prepareOnce() {
     static_cast<void>(prepared);
 }
 
-void startHandlesAt(int count) {
+void setHandleCounter(int count) {
     const MutexLock lock(g_GvUsbMan.m_mtxDevList);
     g_GvUsbMan.m_iHandleCounter = count;
 }
 
-// As an application would, all but the bus.
-void giveEverythingBack(Session& session) {
-    setPresentStep("giving everything back");
+// Close all readers and remove all handlers, as an application does, and unplug all readers.
+void releaseEverything(Session& session) {
+    setCurrentStep("release everything");
     while (const int devHnd = GVUSB_GetDeviceList(0)) {
         expectEqual(GVUSB_CloseDevice(devHnd), 0, "the result of closing");
     }
@@ -71,19 +70,19 @@ void giveEverythingBack(Session& session) {
             fake::unplug(device.name);
         }
     }
-    // Forgets what was reported and which entry is the current one.
+    // This scan resets which readers were reported and which entry is the current one.
     expectEqual(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), int{GVUSB_ERR_NO_DEVICE_FOUND}, "the last scan");
     expectEqual(GVUSB_GetScanListSize(), 0, "the size of the scan list");
 }
 
-void expectNothingLeft() {
+void expectNoLeaks() {
     const std::string leftovers = fake::leftovers();
     if (!leftovers.empty()) {
-        broken("left over: " + leftovers);
+        fail("leaked: " + leftovers);
     }
     const std::vector<std::string> misuses = fake::misuses();
     if (!misuses.empty()) {
-        broken("libusb is misused: " + misuses.front());
+        fail("libusb is misused: " + misuses.front());
     }
 }
 
@@ -94,13 +93,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fake::reset();
     fake::recordNothing();
     Input input({data, size});
-    const std::uint8_t manner = input.byte();
-    const bool unloads = (manner & 0x07) == 0x07;
-    startHandlesAt((manner & 0x08) != 0 ? lastHandleCount - 3 : 0);
+    const std::uint8_t flags = input.byte();
+    const bool unloads = (flags & 0x07) == 0x07;
+    setHandleCounter((flags & 0x08) != 0 ? lastHandleCount - 3 : 0);
 
     Session session(input);
-    present = &session;
-    for (int step = 0; step < mostSteps && !session.input.atEnd(); ++step) {
+    currentSession = &session;
+    for (int step = 0; step < maxSteps && !session.input.atEnd(); ++step) {
         runInstruction(session);
     }
 
@@ -108,14 +107,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     session.bus.stopFailing();
     fake::setEventsHandled(false);
     if (unloads) {
-        setPresentStep("unloading");
+        setCurrentStep("unload");
         unload();
-        expectNothingLeft();
+        expectNoLeaks();
         load();
     } else {
-        giveEverythingBack(session);
-        expectNothingLeft();
+        releaseEverything(session);
+        expectNoLeaks();
     }
-    present = nullptr;
+    currentSession = nullptr;
     return 0;
 }

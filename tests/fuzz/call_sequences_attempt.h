@@ -1,9 +1,9 @@
-// Runs a call of the library, with the failure of an allocation if one is planned.
+// Run a library call, in which an allocation fails if the program has asked for it.
 #pragma once
 
 #include "../unit/manager/manager_lists.h"
 #include "allocation_failure.h"
-#include "call_sequences_broken.h"
+#include "call_sequences_check.h"
 #include "call_sequences_session.h"
 
 #include <new>
@@ -11,7 +11,7 @@
 
 namespace call_sequences {
 
-// What the call returned; nothing when memory ran out.
+// Return what the call returned, or nothing if it threw std::bad_alloc.
 template <class Call>
 std::optional<int> attempt(Session& session, Call call) {
     if (session.inHandler || session.failingAllocation == 0) {
@@ -21,7 +21,7 @@ std::optional<int> attempt(Session& session, Call call) {
     try {
         return call();
     } catch (const std::bad_alloc&) {
-        expect(failure.happened(), "memory ran out without a failed allocation");
+        expect(failure.happened(), "std::bad_alloc without a failed allocation");
         return std::nullopt;
     }
 }
@@ -30,7 +30,7 @@ inline void expectLastError(int expected) {
     expectEqual(manager_lists::lastError(), expected, "the last error");
 }
 
-// A handle: of an open reader more often than 0, a negative one, one that was closed or one that never was.
+// Choose a handle: mostly that of an open reader, otherwise 0, a negative, closed or unknown one.
 inline int chooseHandle(Session& session) {
     const std::size_t kind = session.input.number(12);
     const std::size_t index = session.input.byte();
@@ -53,8 +53,8 @@ inline int chooseHandle(Session& session) {
     }
 }
 
-// The code with which an export refuses a reader's handle, 0 for one that it looks up.
-inline int handleRefusal(int devHnd) {
+// The code that an exported function returns for an invalid handle, 0 if it looks the handle up.
+inline int invalidHandleCode(int devHnd) {
     if (devHnd < 0) {
         return GVUSB_ERR_NEGATIVE_HANDLE;
     }

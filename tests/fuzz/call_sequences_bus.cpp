@@ -9,13 +9,13 @@ namespace fake = fake_libusb;
 namespace call_sequences {
 namespace {
 
-constexpr std::ptrdiff_t mostPlugged = 6;
+constexpr std::ptrdiff_t maxPlugged = 6;
 
-// Codes that libusb returns, one that it does not, and 0 for a read of nothing.
+// Error codes of libusb and one that libusb does not define.
 constexpr std::array codes = {-1, -2, -3, -4, -5, -6, -7, -8, -9, -10, -11, -12, -99, -77};
 
 struct IdText {
-    const char* text; // null: cannot be read
+    const char* text; // null if it cannot be read
     std::optional<unsigned> id;
 };
 
@@ -38,11 +38,11 @@ fake::FakeString answer(const char* text) {
 
 fake::FakeReader odd(std::size_t kind, fake::FakeReader reader) {
     switch (kind) {
-    case 0: // the configuration has to be set, and can be
+    case 0: // must be set to configuration 1
         reader.configurations[0].value = 2;
         reader.configurations.push_back({.value = 1});
         break;
-    case 1: // cannot be
+    case 1: // has no configuration 1
         reader.configurations[0].value = 2;
         break;
     case 2:
@@ -71,7 +71,7 @@ fake::FakeReader odd(std::size_t kind, fake::FakeReader reader) {
 void Bus::plug(Input& input) {
     const std::size_t kind = input.number(12);
     const IdText& text = input.oneOf(idTexts);
-    if (std::ranges::count_if(m_devices, &Device::plugged) >= mostPlugged) {
+    if (std::ranges::count_if(m_devices, &Device::plugged) >= maxPlugged) {
         return;
     }
     Device device = {.name = newName(),
@@ -116,12 +116,12 @@ void Bus::unplug(Input& input) {
     }
 }
 
-// The same pointer comes again only after nobody holds the old device any more.
+// libusb can reuse a pointer only after the last reference to the old device is gone.
 void Bus::replug(Input& input, bool mayKeepPointer) {
     Device* const old = choose(input);
     const bool wanted = input.number(2) == 1;
     if (old == nullptr ||
-        (!old->plugged && std::ranges::count_if(m_devices, &Device::plugged) >= mostPlugged)) {
+        (!old->plugged && std::ranges::count_if(m_devices, &Device::plugged) >= maxPlugged)) {
         return;
     }
     const bool same =
@@ -156,7 +156,7 @@ void Bus::changeString(Input& input) {
         }
     } else {
         device->unreadable.erase(index);
-        // Longer than what is kept of it.
+        // 300 characters are more than the library stores.
         fake::setString(device->name, index,
                         text.id == 0xFFFFFFFF ? std::string(300, 'x') : std::string(text.text));
     }

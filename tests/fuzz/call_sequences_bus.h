@@ -1,6 +1,6 @@
-// The bus of one program: the devices that it has plugged, and what a reader is expected to tell.
+// The bus of one program: the devices that it plugged in, and the strings that they are expected to return.
 //
-// Names are never used twice in a program. A device that has left stays here as long as somebody holds it.
+// A program uses each name once. An unplugged device stays in the list while the library has a reference to it.
 #pragma once
 
 #include "call_sequences_input.h"
@@ -13,24 +13,24 @@
 
 namespace call_sequences {
 
-// The device IDs of all readers, several of which may have the same.
+// The device IDs of all readers. Several readers may have the same one.
 inline constexpr std::array<unsigned, 5> deviceIds = {0xA1, 0xA2, 0xA3, 0, 0xFFFFFFFF};
 
 struct Device {
     std::string name;
     libusb_device* usbDevice;
     bool plugged;
-    bool usable;                            // one of the maker's readers
-    std::optional<unsigned> id;             // as its string tells it
-    bool opens;                             // opening it succeeds if libusb does not fail
-    std::set<std::uint8_t> unreadable = {}; // other strings that it needs to be identified
+    bool usable;                            // has the vendor ID and a product ID of a reader
+    std::optional<unsigned> id;             // from its string descriptor
+    bool opens;                             // opening it succeeds unless libusb fails
+    std::set<std::uint8_t> unreadable = {}; // other required strings
 
     [[nodiscard]] std::optional<unsigned> identity() const { return unreadable.empty() ? id : std::nullopt; }
 };
 
 class Bus {
 public:
-    // What a program can make happen, each with arguments from the input.
+    // Events that a program can cause, each with arguments from the input.
     void plug(Input& input);
     void unplug(Input& input);
     void replug(Input& input) { replug(input, true); }
@@ -42,19 +42,18 @@ public:
     void stopFailing();
     void changeDuringCall(Input& input);
 
-    // Whether libusb may fail for another reason than the state of the bus.
+    // Whether libusb may fail independently of the state of the bus.
     [[nodiscard]] bool failing() const noexcept { return m_failing; }
-    void setFailing() noexcept { m_failing = true; }
 
-    // In the bus's order, those that have left too.
+    // In the order of the bus, including unplugged devices.
     [[nodiscard]] const std::vector<Device>& devices() const noexcept { return m_devices; }
     [[nodiscard]] const Device* find(const libusb_device* usbDevice) const noexcept;
     [[nodiscard]] std::vector<std::string> names() const;
 
-    // Forgets the devices that have left and that nobody holds.
+    // Remove unplugged devices that have no references.
     void forgetGone();
 
-    // A device that has been plugged, null when there is none.
+    // Choose a device, null if there is none.
     Device* choose(Input& input);
 
 private:

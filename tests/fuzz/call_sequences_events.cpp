@@ -1,4 +1,4 @@
-// Readers that come and go: registrations, handlers that call the library, polls and deliveries.
+// Hot-plug events: registrations, handlers that call the library, polls and deliveries.
 
 #include "call_sequences_attempt.h"
 #include "fake_libusb_state.h"
@@ -12,20 +12,20 @@ namespace fake = fake_libusb;
 
 namespace call_sequences {
 
-Session* present = nullptr;
+Session* currentSession = nullptr;
 
 namespace {
 
-constexpr std::size_t mostStepsInHandler = 3;
+constexpr std::size_t maxStepsInHandler = 3;
 
-// What the program wants to happen in a handler. The failure of an allocation is the interrupted step's.
+// Run the next steps of the handler program. A planned allocation failure applies only to the outer step.
 void runInHandler(Session& session) {
     const std::span<const std::uint8_t> program(session.handlerProgram);
     Input outerInput = session.input;
     session.input = Input(program.subspan(session.handlerPosition));
     const Changes outerChanges = session.outerChanges;
     session.inHandler = true;
-    for (std::size_t step = 0; step < mostStepsInHandler && !session.input.atEnd(); ++step) {
+    for (std::size_t step = 0; step < maxStepsInHandler && !session.input.atEnd(); ++step) {
         runInstruction(session);
     }
     session.inHandler = false;
@@ -36,14 +36,15 @@ void runInHandler(Session& session) {
 
 void handle(GVUSB_EventCallback self, int devHnd, unsigned devId, const char* text) {
     const support::AllocationPause pause;
-    Session& session = *present;
+    Session& session = *currentSession;
     const std::lock_guard turn(session.handlerTurn);
     ++session.handlerCalls;
     session.model.follow(session.outerChanges);
     expect(*text == '\0', "an event has a text");
-    const bool leaves = session.polling ? devHnd != 0 : devId == 0;
-    expect(session.polling ? leaves || devId != 0 : devHnd == 0, "an event has unknown arguments");
-    const Model::Registration registration = {leaves ? GVUSB_EVENT_DISCONNECT : GVUSB_EVENT_CONNECT, self};
+    const bool disconnects = session.polling ? devHnd != 0 : devId == 0;
+    expect(session.polling ? disconnects || devId != 0 : devHnd == 0, "an event has unknown arguments");
+    const Model::Registration registration = {disconnects ? GVUSB_EVENT_DISCONNECT : GVUSB_EVENT_CONNECT,
+                                              self};
     expect(std::ranges::count(session.model.registrations, registration) == 1,
            "a handler runs that is not registered for the event");
     expect(!session.polling ||
@@ -73,8 +74,8 @@ struct RegistrationArguments {
         isNull = (kind & 0xE0) == 0xC0;
     }
 
-    // What is refused before the registrations are looked at.
-    [[nodiscard]] int refusal() const {
+    // The code for invalid arguments, 0 if the library looks at the registrations.
+    [[nodiscard]] int error() const {
         if (isNull) {
             return GVUSB_ERR_NULL_POINTER;
         }
@@ -90,8 +91,8 @@ struct RegistrationArguments {
     bool isNull = false;
 };
 
-// A reader that came back stands in its old place: the first entry with its device ID. One that has an entry
-// of its own did not come back.
+// A replugged reader takes its old place, the first entry with its device ID. A reader that has its own entry was
+// not replugged.
 void checkReturned(const Session& session) {
     const manager_lists::Devices list = manager_lists::scanList();
     const auto hasEntry = [&](const Device& device) {
@@ -105,7 +106,7 @@ void checkReturned(const Session& session) {
             const auto entry = std::ranges::find_if(
                 list, [&](const GVDevice* record) { return record != nullptr && record->devId == devId; });
             expect(entry == list.end() || session.bus.find((*entry)->usbdev)->plugged,
-                   "a reader that came back is not in its old place");
+                   "a replugged reader is not in its old place");
         }
     }
 }
@@ -126,11 +127,11 @@ bool allReported(Session& session, const std::vector<libusb_device*>& usbDevices
     });
 }
 
-// The queue keeps a reference to a device until its event is reported.
+// The event queue has a reference to a device until it has reported the event.
 void waitUntilReported(Session& session, const std::vector<libusb_device*>& usbDevices) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!allReported(session, usbDevices)) {
-        expect(std::chrono::steady_clock::now() < end, "the events are never reported");
+        expect(std::chrono::steady_clock::now() < end, "the events are not reported");
         std::this_thread::yield();
     }
 }
@@ -144,7 +145,7 @@ void addEventHandler(Session& session) {
     if (!result) {
         return;
     }
-    expectEqual(*result, arguments.refusal(), "the result of adding a handler");
+    expectEqual(*result, arguments.error(), "the result of adding a handler");
     expectLastError(*result);
     const Model::Registration wanted = {arguments.event.uiEvent, arguments.event.cbFct};
     auto& known = session.model.registrations;
@@ -157,8 +158,8 @@ void delEventHandler(Session& session) {
     RegistrationArguments arguments(session);
     const auto result =
         attempt(session, [&] { return GVUSB_DelEventHandler(arguments.devHnd, arguments.pointer()); });
-    expect(result.has_value(), "removing a handler asks for memory");
-    int expected = arguments.refusal();
+    expect(result.has_value(), "removing a handler allocates memory");
+    int expected = arguments.error();
     if (expected == 0) {
         const Model::Registration wanted = {arguments.event.uiEvent, arguments.event.cbFct};
         const bool removed = std::erase(session.model.registrations, wanted) > 0;

@@ -1,4 +1,4 @@
-// The fuzzer's bytes, read front to back. At the end everything reads as 0.
+// The fuzzer's bytes, read from front to back. After the end, all values are 0.
 #pragma once
 
 #include <array>
@@ -26,7 +26,6 @@ public:
         return first;
     }
 
-    // Below the limit.
     std::size_t number(std::size_t limit) noexcept { return byte() % limit; }
 
     template <class Value, std::size_t Size>

@@ -1,7 +1,7 @@
 #include "call_sequences_model.h"
 
 #include "../unit/manager/list_consistency.h"
-#include "call_sequences_broken.h"
+#include "call_sequences_check.h"
 #include "fake_libusb_state.h"
 
 #include <algorithm>
@@ -11,7 +11,7 @@ namespace fake = fake_libusb;
 namespace call_sequences {
 namespace {
 
-std::vector<OpenReader> readersOfTheManager() {
+std::vector<OpenReader> openReadersOfManager() {
     std::vector<OpenReader> readers;
     for (GVDevice* record : manager_lists::deviceList()) {
         if (record != nullptr) {
@@ -26,23 +26,23 @@ std::vector<OpenReader> readersOfTheManager() {
 
 void expectFree(Mutex& mutex, const char* what) {
     if (!mutex.tryLock()) {
-        broken(std::string(what) + " is locked");
+        fail(std::string(what) + " is locked");
     }
     mutex.unlock();
 }
 
-// An interface is claimed by an open record's own handle, once the record has looked for endpoints.
+// A record claims an interface with its own handle, and only after it looked for endpoints.
 void checkClaims(GVDevice& record) GVUSB_NO_THREAD_SAFETY_ANALYSIS {
     expectFree(record.mutex, "a reader's mutex");
     if (record.usbdev_hnd == nullptr) {
-        expect(record.transferMode == TransferMode::unknown, "a closed reader knows how to transfer");
+        expect(record.transferMode == TransferMode::unknown, "a closed reader has a transfer mode");
         return;
     }
     const fake::Access all;
-    expect(record.usbdev_hnd->open, "a record holds a closed handle");
-    expect(record.usbdev_hnd->device == record.usbdev, "a record holds another device's handle");
+    expect(record.usbdev_hnd->open, "a record has a closed handle");
+    expect(record.usbdev_hnd->device == record.usbdev, "a record has a handle of another device");
     expect(record.usbdev_hnd->claimed.empty() || record.transferMode != TransferMode::unknown,
-           "an interface is claimed without a transfer");
+           "an interface is claimed before a transfer");
 }
 
 void checkRegistrations(const std::vector<Model::Registration>& expected) GVUSB_NO_THREAD_SAFETY_ANALYSIS {
@@ -51,7 +51,7 @@ void checkRegistrations(const std::vector<Model::Registration>& expected) GVUSB_
         const auto& [event, handler] = expected[i];
         same = g_EvtInitAry[i]->uiEvent == event && g_EvtInitAry[i]->cbFct == handler;
     }
-    expect(same, "the registrations are not those that were made");
+    expect(same, "the registrations differ from the expected ones");
 }
 
 } // namespace
@@ -75,7 +75,7 @@ void Model::follow(const Changes& changes) {
         return std::ranges::count(readers, 0U, &OpenReader::devId);
     };
     const bool collapses = changes.collapses && zeros(m_readers) >= 2;
-    const std::vector<OpenReader> present = readersOfTheManager();
+    const std::vector<OpenReader> actual = openReadersOfManager();
     std::vector<OpenReader> next;
     auto known = m_readers.begin();
     const auto skipTo = [&](auto reader) {
@@ -83,7 +83,7 @@ void Model::follow(const Changes& changes) {
             expect(collapses && known->devId == 0, "an open reader has lost its handle");
         }
     };
-    for (const OpenReader& now : present) {
+    for (const OpenReader& now : actual) {
         const auto found = std::ranges::find(known, m_readers.end(), now.devHnd, &OpenReader::devHnd);
         skipTo(found);
         if (found != m_readers.end()) {
@@ -91,10 +91,10 @@ void Model::follow(const Changes& changes) {
             next.push_back(*known++);
             continue;
         }
-        expect(changes.opens, "a reader is open that nobody has opened");
-        expect(now.open, "a reader stands in the device list that could not be opened");
+        expect(changes.opens, "a reader is open without a call that opens it");
+        expect(now.open, "the device list has a new reader that is closed");
         const auto [entry, isNew] = m_knownHandles.emplace(now.devHnd, now.devId);
-        expect(isNew || entry->second == now.devId, "the handle was another reader's");
+        expect(isNew || entry->second == now.devId, "a handle is reused for another reader");
         next.push_back(now);
     }
     skipTo(m_readers.end());
@@ -102,22 +102,23 @@ void Model::follow(const Changes& changes) {
     m_readers = std::move(next);
     std::set<unsigned> ids;
     for (const OpenReader& reader : m_readers) {
-        expect(reader.devId == 0 || ids.insert(reader.devId).second, "two open readers have one device ID");
+        expect(reader.devId == 0 || ids.insert(reader.devId).second,
+               "two open readers have the same device ID");
     }
 }
 
 void Model::followReader(OpenReader& known, const OpenReader& now, const Changes& changes) {
     expectEqual(now.devId, known.devId, "the device ID of an open reader");
-    expect(now.usbDevice == known.usbDevice || changes.replaces, "an open reader is another device");
+    expect(now.usbDevice == known.usbDevice || changes.replaces, "an open reader is now another device");
     const Device* const device = m_bus.find(now.usbDevice);
-    expect(device != nullptr, "an open reader is no device");
-    // Readers with one device ID replace each other in turn; one of them that cannot be opened closes the entry.
+    expect(device != nullptr, "the device of an open reader is unknown");
+    // Readers with the same device ID replace each other in turn. If one of them cannot be opened, the entry is closed.
     const bool oneDoesNotOpen = std::ranges::any_of(
         m_bus.devices(), [&](const Device& other) { return !other.opens && other.identity() == now.devId; });
     expect(now.open || !known.open || (changes.replaces && (changes.mayFailToOpen || oneDoesNotOpen)),
            "an open reader is closed");
-    // Opening finds no reader with the device ID 0 among the open ones, so it opens a closed one again.
-    expect(known.open || !now.open || (changes.opens && now.devId == 0), "a closed reader is open");
+    // The search for an open reader ignores device ID 0, so opening such a reader can reopen a closed record.
+    expect(known.open || !now.open || (changes.opens && now.devId == 0), "a closed reader is open again");
     known = now;
 }
 
@@ -129,16 +130,16 @@ void Model::check(bool inHandler) const {
     }
     checkRegistrations(registrations);
 
-    // While handlers run, the queue of deliveries may hold a reference of its own: counted afterwards.
+    // While handlers run, the event queue may have a reference. References are counted after the step.
     const std::string inconsistencies =
         manager_lists::inconsistencies(inHandler ? std::vector<std::string>() : m_bus.names());
     if (!inconsistencies.empty()) {
-        broken(inconsistencies);
+        fail(inconsistencies);
     }
     for (const manager_lists::Devices& list : {manager_lists::scanList(), manager_lists::deviceList()}) {
         for (GVDevice* const record : list) {
             if (record != nullptr) {
-                expect(m_bus.find(record->usbdev) != nullptr, "a record is of no device");
+                expect(m_bus.find(record->usbdev) != nullptr, "the device of a record is unknown");
                 checkClaims(*record);
             }
         }
@@ -147,13 +148,13 @@ void Model::check(bool inHandler) const {
     int devHnd = 0;
     for (const OpenReader& reader : m_readers) {
         devHnd = GVUSB_GetDeviceList(devHnd);
-        expectEqual(devHnd, reader.devHnd, "the next handle of the walk");
+        expectEqual(devHnd, reader.devHnd, "the next handle in the device list");
     }
-    expect(m_readers.empty() || GVUSB_GetDeviceList(devHnd) == 0, "the walk does not end");
+    expect(m_readers.empty() || GVUSB_GetDeviceList(devHnd) == 0, "the device list does not end");
 
     const std::vector<std::string> misuses = fake::misuses();
     if (!misuses.empty()) {
-        broken("libusb is misused: " + misuses.front());
+        fail("libusb is misused: " + misuses.front());
     }
 }
 

@@ -1,5 +1,5 @@
-// What an application may rely on after each step: the readers that it has open, with their handles, and the
-// registrations that it has made. Kept apart from the manager and compared with it.
+// The expected state after each step: open readers with their handles, and registered event handlers. The checks
+// compare it with the manager.
 #pragma once
 
 #include "call_sequences_bus.h"
@@ -15,19 +15,19 @@
 
 namespace call_sequences {
 
-// What a step may change about the open readers.
+// How a step may change the open readers.
 struct Changes {
     bool opens = false;         // readers may be added at the end
-    bool replaces = false;      // records may be replaced, which keeps the handle
-    bool collapses = false;     // of several open readers with the device ID 0, some may go: a scan's doing
-    bool mayFailToOpen = false; // what was open may be closed after its replacement
+    bool replaces = false;      // records may be replaced; the handle stays the same
+    bool collapses = false;     // a scan may remove open readers with device ID 0, but not the last one
+    bool mayFailToOpen = false; // a replaced reader may be closed
 };
 
 struct OpenReader {
     int devHnd;
     unsigned devId;
     const libusb_device* usbDevice;
-    bool open; // false after a replacement whose opening failed: the handle stays and answers -1144
+    bool open; // false if opening failed after a replacement; calls then return -1144
 };
 
 class Model {
@@ -35,22 +35,22 @@ public:
     explicit Model(const Bus& bus)
         : m_bus(bus) {}
 
-    // The open readers, in the order of a walk.
+    // In the order of GVUSB_GetDeviceList.
     [[nodiscard]] const std::vector<OpenReader>& readers() const noexcept { return m_readers; }
     [[nodiscard]] const OpenReader* findHandle(int devHnd) const noexcept;
-    [[nodiscard]] const OpenReader* findId(unsigned devId) const noexcept; // none for the device ID 0
+    [[nodiscard]] const OpenReader* findId(unsigned devId) const noexcept; // null for device ID 0
     void remove(int devHnd);
 
-    // Every handle there has been, with the device ID that it belongs to for ever.
+    // All handles so far, each with its device ID. A handle is not reused for another device ID.
     [[nodiscard]] const std::map<int, unsigned>& knownHandles() const noexcept { return m_knownHandles; }
 
-    // Takes over what the manager has done, and is broken by what it may not do.
+    // Update the model from the manager. Fail on a change that is not allowed.
     void follow(const Changes& changes);
 
-    // What else holds between any two steps; `inHandler` while the registrations are locked.
+    // Check what must be true between two steps. `inHandler`: the registrations are locked.
     void check(bool inHandler) const;
 
-    // What a scan of the bus, as it is, should find.
+    // What a scan should find now.
     struct Found {
         const libusb_device* usbDevice;
         unsigned devId;
@@ -61,7 +61,7 @@ public:
     std::vector<Registration> registrations;
     int cursor = -1;
 
-    // What polls have told each handler, by the number of scans before the poll, event and device ID.
+    // What polls reported: number of scans before the poll, handler with its event, and device ID.
     std::set<std::tuple<int, Registration, unsigned>> reported;
     int scans = 0;
 

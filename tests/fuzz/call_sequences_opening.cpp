@@ -54,12 +54,12 @@ void closeDevice(Session& session) {
     const bool known = session.model.findHandle(devHnd) != nullptr;
     const auto result = attempt(session, [&] { return GVUSB_CloseDevice(devHnd); });
     if (result) {
-        const int refusal = handleRefusal(devHnd);
+        const int invalid = invalidHandleCode(devHnd);
         const int expected = known ? 0 : int{GVUSB_ERR_HANDLE_NOT_FOUND};
-        expectEqual(*result, refusal != 0 ? refusal : expected, "the result of closing");
+        expectEqual(*result, invalid != 0 ? invalid : expected, "the result of closing");
         expectLastError(*result);
     }
-    // Only the log can fail, when the reader is closed.
+    // The reader is closed even if memory ran out, because only the log allocates.
     session.model.remove(devHnd);
     session.model.follow({});
 }
@@ -72,12 +72,12 @@ void isDevicePresent(Session& session) {
     }
     expectLastError(std::min(*result, 0));
     const OpenReader* const reader = session.model.findHandle(devHnd);
-    if (const int refusal = handleRefusal(devHnd); refusal != 0) {
-        expectEqual(*result, refusal, "the result for a wrong handle");
+    if (const int invalid = invalidHandleCode(devHnd); invalid != 0) {
+        expectEqual(*result, invalid, "the result for an invalid handle");
     } else if (reader == nullptr) {
         expectEqual(*result, int{GVUSB_ERR_HANDLE_NOT_FOUND}, "the result for an unknown handle");
     } else {
-        expect(*result == 0 || (*result == 1 && stillAnswers(session, *reader)), "presence is told wrongly");
+        expect(*result == 0 || (*result == 1 && stillAnswers(session, *reader)), "the presence is wrong");
     }
 }
 
@@ -112,16 +112,16 @@ void getLastError(Session& session) {
     int code = 1;
     const int before = manager_lists::lastError();
     const auto result = attempt(session, [&] { return GVUSB_GetLastError(devHnd, &code, text.get()); });
-    expect(result.has_value(), "telling the last error asks for memory");
+    expect(result.has_value(), "GVUSB_GetLastError allocates memory");
     if (devHnd == 0) {
-        expectEqual(code, before, "the last error told");
+        expectEqual(code, before, "the code of the last error");
     } else if (session.model.findHandle(devHnd) == nullptr) {
         expectEqual(code, int{GVUSB_ERR_HANDLE_NOT_FOUND}, "the last error of an unknown handle");
     }
     expectLastError(*result);
     if (withText) {
-        expect(std::strncmp(text.get(), "GVUSB: ", 7) == 0, "a text has no beginning");
-        expect(*result == 0 || *result == GVUSB_ERR_UNKNOWN_ERROR_CODE, "the result of telling a text");
+        expect(std::strncmp(text.get(), "GVUSB: ", 7) == 0, "a text does not start with GVUSB:");
+        expect(*result == 0 || *result == GVUSB_ERR_UNKNOWN_ERROR_CODE, "the result is an unknown code");
     } else {
         expectEqual(*result, int{GVUSB_ERR_NULL_POINTER}, "the result without a text");
     }
@@ -132,14 +132,14 @@ void getErrorText(Session& session) {
                                                   : static_cast<int>(session.input.byte() * 0x01010101U);
     const std::unique_ptr<char[]> text(new char[GVUSB_TEXT_SIZE]);
     const auto result = attempt(session, [&] { return GVUSB_GetErrorText(code, text.get()); });
-    expect(result.has_value(), "telling a text asks for memory");
+    expect(result.has_value(), "GVUSB_GetErrorText allocates memory");
     const bool unknown = std::strncmp(text.get(), "GVUSB: Unknown Error", 20) == 0;
-    expectEqual(*result, unknown ? int{GVUSB_ERR_UNKNOWN_ERROR_CODE} : 0, "the result of telling a text");
+    expectEqual(*result, unknown ? int{GVUSB_ERR_UNKNOWN_ERROR_CODE} : 0, "the result of GVUSB_GetErrorText");
     expectLastError(*result);
 }
 
 void getVersions(Session& /*session*/) {
-    expect(std::strcmp(GVUSB_GetDLLVersion(), "07.01.00") == 0, "the version is another");
+    expect(std::strcmp(GVUSB_GetDLLVersion(), "07.01.00") == 0, "the version is wrong");
     expectLastError(GVUSB_OK);
     expectEqual(GVUSB_GetDrvVersion(), int{GVUSB_ERR_UNSUPPORTED_METHOD}, "the driver's version");
     expectLastError(GVUSB_ERR_UNSUPPORTED_METHOD);

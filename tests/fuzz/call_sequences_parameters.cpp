@@ -57,7 +57,6 @@ std::string formatted(const char* format, unsigned number) {
     return text;
 }
 
-// The code for the reader's parameter.
 void checkWriting(const Session& session, GVDevice& record, const char* key, int result) {
     const bool open = manager_lists::isOpen(record);
     if (isKey(key, "TIMEOUT")) {
@@ -68,7 +67,8 @@ void checkWriting(const Session& session, GVDevice& record, const char* key, int
         const Device* const device = session.bus.find(record.usbdev);
         const bool refused = result == GVUSB_ERR_PARAMETER_NOT_AVAILABLE;
         expect(open ? result == 0 || refused : result == GVUSB_ERR_NOT_OPENED, "the result of a reset");
-        expect(!open || session.mayFail() || refused != device->plugged, "a reset does what it should not");
+        expect(!open || session.mayFail() || refused != device->plugged,
+               "a reset succeeds or fails unexpectedly");
     } else {
         expectEqual(result, int{GVUSB_ERR_UNKNOWN_PARAMETER}, "the result for an unknown key");
     }
@@ -80,7 +80,7 @@ void checkDriverWriting(const char* key, int result) {
            "the result for the driver's parameter");
 }
 
-// Every reader is written until one refuses: what that one answers.
+// A call for all readers stops at the first one that fails and returns its code.
 void checkWritingAll(const Session& session, const char* key, int result, int lastErrorBefore) {
     const manager_lists::Devices list = manager_lists::deviceList();
     GVDevice* last = nullptr;
@@ -116,14 +116,14 @@ void checkReading(const Session& session, GVDevice& record, const ReadKey& key, 
                     : result == GVUSB_ERR_NOT_OPENED,
                "the result for the type number");
         expect(!open || result != 0 || session.bus.find(record.usbdev)->plugged,
-               "a reader that has left tells its type number");
+               "an unplugged reader returns its type number");
     } else if (isKey(text, "DEVICEHND")) {
         expectEqual(result, 0, "the result for the handle");
         const int devHnd = open ? record.devHnd : 0;
-        expect(value.buffer() == std::to_string(devHnd), "the text of the handle is another");
+        expect(value.buffer() == std::to_string(devHnd), "the text of the handle is wrong");
     } else if (isKey(text, "DEVICE-ID")) {
         expectEqual(result, 0, "the result for the device ID");
-        expect(value.buffer() == formatted("%X", record.devId), "the text of the device ID is another");
+        expect(value.buffer() == formatted("%X", record.devId), "the text of the device ID is wrong");
     } else if (std::ranges::any_of(deviceTexts, [&](const char* known) { return isKey(text, known); })) {
         expectEqual(result, 0, "the result for a text of the reader");
     } else {
@@ -148,7 +148,7 @@ void getDevicePara(Session& session) {
     } else if (devHnd == GVUSB_DRIVER) {
         const bool known = isKey(key.text(), "HOTPLUG-MODE");
         expectEqual(*result, known ? 0 : int{GVUSB_ERR_UNKNOWN_PARAMETER}, "the result of the driver");
-        expect(!known || std::strcmp(value.buffer(), "2") == 0, "the mode is another");
+        expect(!known || std::strcmp(value.buffer(), "2") == 0, "the mode is wrong");
     } else if (devHnd == GVUSB_ALL_DEVICES && session.model.readers().empty()) {
         expectEqual(*result, int{GVUSB_ERR_EMPTY_DEVICE_LIST}, "the result without any reader");
     } else {

@@ -8,8 +8,8 @@
 
 namespace call_sequences {
 
-// A key to read a parameter: known in some spelling, unknown, too long, null. Never "PRESENT", which waits
-// for ever.
+// A key to read a parameter: known, in another case, unknown, too long or null. "PRESENT" is excluded, because
+// reading it blocks.
 class ReadKey {
 public:
     explicit ReadKey(Input& input);
@@ -19,7 +19,7 @@ private:
     const char* m_text;
 };
 
-// As large as the interface asks for and no larger, or null.
+// A buffer of exactly the documented size, or null.
 class ParameterValue {
 public:
     explicit ParameterValue(Input& input);
@@ -29,7 +29,7 @@ private:
     std::unique_ptr<char[]> m_buffer;
 };
 
-// What reading a parameter of this record has to answer, and the text of those that are known beforehand.
+// Check the result of reading a parameter of this record, and the value where the model knows it.
 void checkReading(const Session& session, GVDevice& record, const ReadKey& key, const ParameterValue& value,
                   int result);
 

@@ -28,7 +28,7 @@ constexpr std::array options = {
     GVUSB_SCAN_NOTHING | GVUSB_SCAN_ALL,
 };
 
-// A text of the program's, cut to the field and not always terminated.
+// Fill the field with a text, which is not terminated if it is too long.
 template <std::size_t Size>
 void fill(char (&field)[Size], Input& input) {
     static constexpr std::array<const char*, 8> texts = {
@@ -64,7 +64,7 @@ void checkFound(const std::vector<Model::Found>& expected) {
     for (std::size_t i = 0; i < list.size(); ++i) {
         if (list[i] == nullptr) {
             expect(std::ranges::count(expected, expected[i].devId, &Model::Found::devId) > 1,
-                   "an entry is empty that no other reader has replaced");
+                   "an entry is empty without a replacement");
             continue;
         }
         expectEqual(list[i]->devId, expected[i].devId, "the device ID of an entry");
@@ -72,7 +72,7 @@ void checkFound(const std::vector<Model::Found>& expected) {
     }
 }
 
-// A new scan, of which `first` makes the first entry the current one.
+// Check a new scan. `first`: the first entry is the current one afterwards.
 void checkNewScan(Session& session, bool first, bool open, bool searched, std::optional<int> result,
                   const std::vector<Model::Found>& expected) {
     Model& model = session.model;
@@ -81,14 +81,13 @@ void checkNewScan(Session& session, bool first, bool open, bool searched, std::o
     if (!result) {
         expect(!first || session.model.cursor == manager_lists::scanCursor() ||
                    manager_lists::scanCursor() == 0,
-               "the current entry is another one");
+               "the current entry is wrong");
         model.cursor = first ? manager_lists::scanCursor() : -1;
         return;
     }
     const bool found = *result != GVUSB_ERR_NO_DEVICE_FOUND;
     model.cursor = first && found ? 0 : -1;
-    expect(found != manager_lists::scanList().empty(),
-           "the result does not tell whether something was found");
+    expect(found != manager_lists::scanList().empty(), "the result contradicts the scan list");
     if (!open) {
         expect(*result == 0 || !found, "a scan fails with an unknown code");
     } else if (first && found) {
@@ -96,7 +95,7 @@ void checkNewScan(Session& session, bool first, bool open, bool searched, std::o
         expect(*result > 0                               ? model.findHandle(*result) != nullptr
                : *result == GVUSB_ERR_UNKNOWN_ERROR_CODE ? emptied
                                                          : isOpeningFailure(*result),
-               "the first reader is neither open nor refused");
+               "the first reader is not open, and the code is unknown");
     } else {
         expect(*result == 0 || !found || isOpeningFailure(*result), "opening all fails with an unknown code");
     }
@@ -108,7 +107,7 @@ void checkNewScan(Session& session, bool first, bool open, bool searched, std::o
         for (const Model::Found& reader : expected) {
             const bool opens = session.bus.find(reader.usbDevice)->opens;
             expect(first || !opens || reader.devId == 0 || model.findId(reader.devId) != nullptr,
-                   "a reader was found and not opened");
+                   "a reader was found but not opened");
         }
         expect(first || *result == 0 ||
                    std::ranges::any_of(expected,
@@ -145,7 +144,7 @@ void checkNext(Session& session, bool open, std::optional<int> result) {
     } else {
         const OpenReader* const reader = model.findHandle(*result);
         expect(reader != nullptr ? reader->devId == list[next]->devId : isOpeningFailure(*result),
-               "the next reader is neither open nor refused");
+               "the next reader is not open, and the code is unknown");
     }
 }
 

@@ -1,4 +1,4 @@
-// One program in progress: its input, its bus, what it may rely on, and what its event handlers shall do.
+// A running program: its input, its bus, its model, and the steps that its event handlers run.
 #pragma once
 
 #include "call_sequences_model.h"
@@ -13,28 +13,28 @@ struct Session {
     explicit Session(Input program)
         : input(program) {}
 
-    // Whether what a call does depends on failures that the program has asked for.
+    // Whether the program has asked for failures.
     [[nodiscard]] bool mayFail() const noexcept { return bus.failing() || failingAllocation > 0; }
 
     Input input;
     Bus bus;
     Model model{bus};
     std::size_t failingAllocation = 0; // of the next call, 0 for none
-    // Handlers may run in a thread of the library. Who holds this has the session, and the library, to itself.
+    // Handlers may run in a thread of the library. The lock gives exclusive access to the session.
     std::mutex handlerTurn;
     bool inHandler = false;
     int handlerCalls = 0;
     Changes outerChanges;                     // of the step that runs handlers
     bool polling = false;                     // whether that step is a poll
-    int scansBeforePoll = 0;                  // its reports belong to the period after these
-    std::vector<std::uint8_t> handlerProgram; // what handlers do, used up front to back
+    int scansBeforePoll = 0;                  // the number of scans when that poll started
+    std::vector<std::uint8_t> handlerProgram; // the steps for handlers, each run once
     std::size_t handlerPosition = 0;
 };
 
-// The one in progress, for event handlers.
-extern Session* present;
+// For event handlers.
+extern Session* currentSession;
 
-// Calls of the library, each with arguments from the input, and what they may return and leave behind.
+// Call the library with arguments from the input, and check the result and the state afterwards.
 void scan(Session& session);
 void scanAndOpen(Session& session);
 void getScanListPara(Session& session);
@@ -56,12 +56,12 @@ void getLastError(Session& session);
 void getErrorText(Session& session);
 void getVersions(Session& session);
 
-// What happens without a call of the application.
+// Events without a call of the application.
 void poll(Session& session);
 void deliver(Session& session);
 
-// One instruction of the program; in a handler only one that a handler may run.
+// Run one instruction. In a handler, skip an instruction that handlers must not run.
 void runInstruction(Session& session);
-void tellInstructions(); // how often each has been run, on standard error
+void printInstructionCounts(); // to standard error
 
 } // namespace call_sequences

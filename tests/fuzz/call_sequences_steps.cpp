@@ -1,4 +1,4 @@
-// The instructions of a program: one byte each, and their arguments behind it.
+// The instructions of a program. Each is one byte, followed by its arguments.
 
 #include "call_sequences_attempt.h"
 
@@ -11,7 +11,7 @@ namespace fake = fake_libusb;
 namespace call_sequences {
 namespace {
 
-enum class In { both, main }; // whether a handler may do it too
+enum class In { both, main }; // whether handlers may run it
 
 struct Instruction {
     const char* name;
@@ -46,7 +46,7 @@ void setEventsHandled(Session& session) {
     fake::setEventsHandled(session.input.number(2) == 1);
 }
 
-// The corpus is made of these numbers: new instructions go to the end.
+// The corpus contains these numbers: append new instructions at the end.
 constexpr std::array<Instruction, 36> instructions = {{
     {"plug", &onBus<&Bus::plug>},
     {"unplug", &onBus<&Bus::unplug>},
@@ -98,7 +98,7 @@ void runInstruction(Session& session) {
         return;
     }
     ++(session.inHandler ? executedInHandler : executed)[number];
-    setPresentStep(instruction.name);
+    setCurrentStep(instruction.name);
     const std::size_t failingAllocation = session.failingAllocation;
     instruction.run(session);
     if (!session.inHandler) {
@@ -110,7 +110,7 @@ void runInstruction(Session& session) {
     session.model.check(session.inHandler);
 }
 
-void tellInstructions() {
+void printInstructionCounts() {
     std::fprintf(stderr, "%-30s %12s %12s\n", "instruction", "in main", "in handlers");
     for (std::size_t i = 0; i < instructions.size(); ++i) {
         std::fprintf(stderr, "%-30s %12lu %12lu\n", instructions[i].name, executed[i].load(),

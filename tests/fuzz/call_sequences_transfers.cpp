@@ -34,9 +34,9 @@ std::unique_ptr<unsigned char[]> chooseBuffer(Input& input, unsigned size) {
     return buffer;
 }
 
-// What is refused before a reader is looked for.
-int refusal(const Arguments& arguments, bool nullPointer, int zeroSize) {
-    if (const int code = handleRefusal(arguments.devHnd); code != 0) {
+// The code for invalid arguments, 0 if the library looks for the reader.
+int argumentError(const Arguments& arguments, bool nullPointer, int zeroSize) {
+    if (const int code = invalidHandleCode(arguments.devHnd); code != 0) {
         return code;
     }
     if (nullPointer || arguments.protocol == nullptr) {
@@ -45,11 +45,11 @@ int refusal(const Arguments& arguments, bool nullPointer, int zeroSize) {
     return zeroSize;
 }
 
-// Returns whether the frame may have been exchanged.
-bool checkResult(Session& session, const Arguments& arguments, int refused, int result, int mostReceived) {
+// Return whether the frame may have been exchanged.
+bool checkResult(Session& session, const Arguments& arguments, int error, int result, int maxReceived) {
     const OpenReader* const reader = session.model.findHandle(arguments.devHnd);
-    if (refused != 0) {
-        expectEqual(result, refused, "the result for wrong arguments");
+    if (error != 0) {
+        expectEqual(result, error, "the result for wrong arguments");
         return false;
     }
     if (reader == nullptr) {
@@ -70,13 +70,13 @@ bool checkResult(Session& session, const Arguments& arguments, int refused, int 
         int{GVUSB_ERR_TIMEOUT},          int{GVUSB_ERR_NOT_PRESENT},
         int{GVUSB_ERR_BULK_TRANSFER},    int{GVUSB_ERR_CONTROL_TRANSFER}};
     expect(result >= 0 || std::ranges::find(codes, result) != codes.end(), "the result is an unknown code");
-    expect(result <= mostReceived, "more was received than there is room for");
+    expect(result <= maxReceived, "more was received than there is room for");
     const Device* const device = session.bus.find(reader->usbDevice);
-    expect(result < 0 || session.mayFail() || device->plugged, "a reader that has left exchanges frames");
+    expect(result < 0 || session.mayFail() || device->plugged, "an unplugged reader exchanges frames");
     return true;
 }
 
-// Behind what was received the buffer is zero, as far as control transfers reach.
+// The library clears the rest of the buffer, up to 4096 bytes.
 void checkRest(const unsigned char* buffer, unsigned size, int received) {
     const unsigned cleared = std::min(size, 4096U);
     for (auto i = static_cast<unsigned>(received); i < cleared; ++i) {
@@ -101,8 +101,8 @@ void transceive(Session& session) {
     expectLastError(std::min(*result, 0));
     int zeroSize = arguments.size == 0 ? int{GVUSB_ERR_RECEIVE_BUFFER_TOO_SMALL} : 0;
     zeroSize = length == 0 ? int{GVUSB_ERR_NO_SEND_DATA} : zeroSize;
-    const int refused = refusal(arguments, data == nullptr || buffer == nullptr, zeroSize);
-    if (checkResult(session, arguments, refused, *result, static_cast<int>(arguments.size)) && *result >= 0) {
+    const int error = argumentError(arguments, data == nullptr || buffer == nullptr, zeroSize);
+    if (checkResult(session, arguments, error, *result, static_cast<int>(arguments.size)) && *result >= 0) {
         checkRest(buffer.get(), arguments.size, *result);
     }
 }
@@ -110,16 +110,16 @@ void transceive(Session& session) {
 void transmit(Session& session) {
     const Arguments arguments(session);
     const auto data = chooseBuffer(session.input, arguments.size);
-    // Too long for any transfer: the data are not even looked at, but by the log.
+    // Such a length is too long for any transfer. Only the log reads the data, up to 4096 bytes.
     const unsigned length =
         session.input.number(8) == 7 && arguments.size >= 4096 ? 0x80000000U : arguments.size;
     const auto result = attempt(
         session, [&] { return GVUSB_Transmit(arguments.devHnd, arguments.protocol, data.get(), length); });
     if (result) {
         expectLastError(*result);
-        const int refused =
-            refusal(arguments, data == nullptr, length == 0 ? int{GVUSB_ERR_NO_SEND_DATA} : 0);
-        checkResult(session, arguments, refused, *result, 0);
+        const int error =
+            argumentError(arguments, data == nullptr, length == 0 ? int{GVUSB_ERR_NO_SEND_DATA} : 0);
+        checkResult(session, arguments, error, *result, 0);
     }
 }
 
@@ -133,9 +133,9 @@ void receive(Session& session) {
         return;
     }
     expectLastError(*result);
-    const int refused = refusal(arguments, buffer == nullptr,
-                                arguments.size == 0 ? int{GVUSB_ERR_RECEIVE_BUFFER_TOO_SMALL} : 0);
-    if (checkResult(session, arguments, refused, *result, static_cast<int>(arguments.size)) && *result >= 0) {
+    const int error = argumentError(arguments, buffer == nullptr,
+                                    arguments.size == 0 ? int{GVUSB_ERR_RECEIVE_BUFFER_TOO_SMALL} : 0);
+    if (checkResult(session, arguments, error, *result, static_cast<int>(arguments.size)) && *result >= 0) {
         checkRest(buffer.get(), arguments.size, *result);
     }
 }

@@ -1,4 +1,4 @@
-// The text of the configuration file: any bytes make a manager that works and goes without a trace.
+// Build a manager with the input as the text of the configuration file, check it and destroy it.
 #include "manager/configuration.h"
 #include "guarded_buffer.h"
 #include "gvusb.h"
@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t charactersRead = 1023;
 
-// The keys are looked for in what is read of the file, up to a zero byte.
+// The library searches for keys in the first 1023 characters, up to a zero byte.
 Configuration expectedConfiguration(const std::string& text) {
     const std::string read = text.substr(0, charactersRead);
     const fuzz::GuardedText terminated(read.substr(0, read.find('\0')));
@@ -32,10 +32,10 @@ void checkManager(const Configuration& configuration) {
     const int mode = g_GvUsbMan.m_iHotPlugMode;
     fuzz::expect(mode == configuration.hotPlugMode, "the hot-plug mode is that of the file");
     fuzz::expect(relaxed::load(g_GvUsbMan.m_uiUpdateRate) == configuration.updateRate,
-                 "so is the update rate");
+                 "the update rate is that of the file");
     fuzz::expect(g_GvUsbMan.m_iLibUsbDebugLevel == configuration.libUsbDebugLevel,
-                 "so is libusb's debug level");
-    fuzz::expect(GVLOG_Level() == configuration.debugLevel, "so is the log level");
+                 "libusb's debug level is that of the file");
+    fuzz::expect(GVLOG_Level() == configuration.debugLevel, "the log level is that of the file");
     fuzz::expect(relaxed::load(g_GvUsbMan.m_bSuspend) == (mode != 1), "only mode 1 polls");
     fuzz::expect(fake_libusb::registeredCallbacks() == (mode == 2 ? 2 : 0), "only mode 2 has callbacks");
     fuzz::expect(g_GvUsbMan.m_bThreadStarted, "the worker runs");
@@ -46,12 +46,12 @@ void checkDriverParameters(const Configuration& configuration) {
     fuzz::expect(GVUSB_GetDevicePara(GVUSB_DRIVER, "hotplug-mode", value.text()) == 0,
                  "the mode can be read");
     const std::string mode = std::to_string(static_cast<unsigned int>(configuration.hotPlugMode));
-    fuzz::expect(value.terminatedText() == mode, "the mode that is read is the manager's");
+    fuzz::expect(value.terminatedText() == mode, "the mode is that of the manager");
     fuzz::expect(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-UPDATERATE", "4000000") == 0,
                  "the rate can be set");
-    fuzz::expect(relaxed::load(g_GvUsbMan.m_uiUpdateRate) == 4'000'000, "the rate is the one that was set");
+    fuzz::expect(relaxed::load(g_GvUsbMan.m_uiUpdateRate) == 4'000'000, "the rate was set");
     fuzz::expect(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-UPDATERATE", "9") == GVUSB_ERR_OUT_OF_RANGE,
-                 "a rate below 10 is refused");
+                 "a rate below 10 is rejected");
     fuzz::expect(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1") == 0, "polling can be suspended");
     fuzz::expect(relaxed::load(g_GvUsbMan.m_bSuspend), "polling is suspended");
 }

@@ -1,8 +1,7 @@
-// What readers say of themselves and how they answer: any of it goes through finding, opening, exchanging,
-// settings, coming back and closing without harm, and leaves nothing behind.
+// Find, open, use, replug and close readers with arbitrary descriptors, strings and answers.
 //
-// The input begins with the log level, the number of readers and their descriptions; then each byte chooses a
-// step.
+// The input begins with the log level, the number of readers and their descriptions. After that, each byte chooses
+// a step.
 #include "descriptors_bus.h"
 #include "descriptors_records.h"
 
@@ -43,7 +42,7 @@ GVUSB_EVENT_INIT registrationOf(unsigned int event) {
 void prepareManager() {
     fuzz::discardStdout();
     fuzz::destroyManager();
-    // The polls are those of the input.
+    // Only the input polls.
     fuzz::putWorkerToSleep();
     fuzz::buildManager("gvusb_hotplug=2");
     for (const unsigned int event : {GVUSB_EVENT_CONNECT, GVUSB_EVENT_DISCONNECT}) {
@@ -55,7 +54,7 @@ void prepareManager() {
 std::vector<int> openHandles() {
     std::vector<int> handles;
     for (int devHnd = 0; (devHnd = GVUSB_GetDeviceList(devHnd)) != 0;) {
-        expect(std::ranges::find(handles, devHnd) == handles.end(), "the walk over the open readers ends");
+        expect(std::ranges::find(handles, devHnd) == handles.end(), "the device list ends");
         handles.push_back(devHnd);
     }
     return handles;
@@ -125,11 +124,9 @@ private:
         case 18:
             return static_cast<void>(GVUSB_ClearScanList());
         default:
-            return askForPresence();
+            return queryPresence();
         }
     }
-
-    // The library.
 
     static void fill(char* field, std::size_t size, Input& input) {
         const std::string_view text = input.bytes(std::min<std::size_t>(input.byte(), size));
@@ -153,7 +150,7 @@ private:
         const int result = open ? GVUSB_ScanAndOpen(asked, search.get()) : GVUSB_Scan(asked, search.get());
         if (option == GVUSB_SCAN_ALL || option == GVUSB_SCAN_FIRST) {
             const int size = GVUSB_GetScanListSize();
-            expect((result == GVUSB_ERR_NO_DEVICE_FOUND) == (size == 0), "a scan finds what the list holds");
+            expect((result == GVUSB_ERR_NO_DEVICE_FOUND) == (size == 0), "a scan finds what is in the list");
             for (int index = 0; searching && index < size; ++index) {
                 checkFound(index, *search);
             }
@@ -179,10 +176,10 @@ private:
         const std::string text = scanned(index, "DEVICE-ID");
         const auto devId = static_cast<unsigned int>(std::strtoul(text.c_str(), nullptr, 16));
         const int result = GVUSB_OpenDevice(devId);
-        expect(!text.empty() || result != 0, "opening gives a handle or a code");
+        expect(!text.empty() || result != 0, "opening returns a handle or a code");
     }
 
-    // The handle of an open reader; at times one that is none.
+    // The handle of an open reader, sometimes an invalid one.
     int chosenHandle() {
         const std::vector<int> handles = openHandles();
         const std::size_t which = m_input.below(4);
@@ -205,7 +202,7 @@ private:
             break;
         case 1:
             expect(GVUSB_Transmit(handle, GVUSB_PROTOCOL, frame.bytes(), length) <= 0,
-                   "a frame is sent or not");
+                   "sending returns 0 or a code");
             return;
         default:
             received = GVUSB_Receive(handle, GVUSB_PROTOCOL, answer.bytes(), room);
@@ -216,7 +213,7 @@ private:
             expect(std::all_of(answer.bytes() +
                                    std::min<std::size_t>(static_cast<std::size_t>(received), filled),
                                answer.bytes() + filled, [](unsigned char byte) { return byte == 0; }),
-                   "what is behind the answer is zero");
+                   "the rest of the buffer is zero");
         }
     }
 
@@ -240,7 +237,7 @@ private:
         GVUSB_SetDevicePara(handle, m_input.oneOf(keys), "20");
     }
 
-    void askForPresence() {
+    void queryPresence() {
         const int handle = chosenHandle();
         const int present = GVUSB_IsDevicePresent(handle);
         expect(present <= 1, "present is 1 or 0");
@@ -256,7 +253,7 @@ private:
         }
         GVUSB_ClearScanList();
         GVLOG_SetLevel(0);
-        fuzz::expectEmpty(fake_libusb::leftovers(), "left over");
+        fuzz::expectEmpty(fake_libusb::leftovers(), "leaked");
         fuzz::expectNoMisuse();
     }
 
@@ -268,9 +265,10 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const bool ready = (prepareManager(), true);
-    expect(ready, "the manager is there");
+    expect(ready, "the manager exists");
     fuzz::clearBus();
-    GVUSB_Scan(GVUSB_SCAN_FIRST, nullptr); // an empty bus: no current entry, nothing reported
+    // A scan of the empty bus resets the current entry and which readers were reported.
+    GVUSB_Scan(GVUSB_SCAN_FIRST, nullptr);
     g_GvUsbMan.SetLastError(0);
     Input input(data, size);
     Session(input).run();

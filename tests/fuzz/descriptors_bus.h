@@ -1,4 +1,4 @@
-// The bus of a session, as an input changes it: readers that come and go, what they answer and what fails.
+// A bus whose readers, answers and failures come from the input.
 #pragma once
 
 #include "descriptors_reader.h"
@@ -28,11 +28,11 @@ public:
     explicit Bus(Input& input)
         : m_input(input) {}
 
-    // Of all devices that libusb still has to know.
+    // The names of all devices so far, without those whose pointer was reused.
     [[nodiscard]] const std::vector<std::string>& everPlugged() const { return m_everPlugged; }
 
     void plug() {
-        if (m_plugged.size() < mostReaders) {
+        if (m_plugged.size() < maxReaders) {
             const std::string name = newName();
             fake_libusb::plug(name, takeReader(m_input));
             m_plugged.push_back(name);
@@ -63,7 +63,7 @@ public:
         }
     }
 
-    // What libusb reports, inside its event handling and outside.
+    // Let libusb report an event, inside or outside its event handling.
     void report() {
         const std::string name = chosen();
         if (name.empty()) {
@@ -77,7 +77,7 @@ public:
             arrived ? fake_libusb::fireArrived(name, delivery) : fake_libusb::fireLeft(name, delivery);
         expect(called <= 1, "one callback for each kind of event");
         while (fake_libusb::references(name) != before) {
-            std::this_thread::yield(); // the queue's thread has the report
+            std::this_thread::yield(); // until the event thread has handled the report
         }
     }
 
@@ -116,11 +116,11 @@ public:
     }
 
 private:
-    static constexpr std::size_t mostReaders = 12;
+    static constexpr std::size_t maxReaders = 12;
 
     std::string newName() { return "dev" + std::to_string(++m_named); }
 
-    // One of the readers on the bus, "" when there is none.
+    // One of the readers on the bus, "" if there is none.
     std::string chosen() { return m_plugged.empty() ? "" : m_plugged[m_input.below(m_plugged.size())]; }
 
     Input& m_input;

@@ -1,4 +1,4 @@
-// A reader as an input describes it: strings of any bytes and lengths or none, and any configurations.
+// Make a reader from the input, with any strings and configurations.
 #pragma once
 
 #include "fake_reader.h"
@@ -18,7 +18,7 @@ inline constexpr std::array<int, 8> usbCodes = {
     LIBUSB_ERROR_IO,       LIBUSB_ERROR_TIMEOUT, LIBUSB_ERROR_PIPE,      LIBUSB_ERROR_NO_DEVICE,
     LIBUSB_ERROR_OVERFLOW, LIBUSB_ERROR_BUSY,    LIBUSB_ERROR_NOT_FOUND, LIBUSB_ERROR_NO_MEM};
 
-// A text, a text of twice the length so that it can be longer than any buffer, or the code of a failed read.
+// A text, a text repeated so that it can be longer than any buffer, or the code of a failed read.
 inline fake_libusb::FakeString takeString(Input& input) {
     const std::size_t kind = input.below(8);
     if (kind == 7) {
@@ -63,7 +63,7 @@ inline fake_libusb::FakeConfiguration takeConfiguration(Input& input) {
     return configuration;
 }
 
-// A byte of flags says what differs from a usual reader.
+// The first byte has flags for the differences from an ordinary reader.
 inline fake_libusb::FakeReader takeReader(Input& input) {
     const std::uint8_t flags = input.byte();
     const auto has = [&](unsigned bit) { return (flags >> bit & 1) != 0; };

@@ -1,4 +1,4 @@
-// What has to hold of the manager's records at any time.
+// Checks of the manager's records.
 #pragma once
 
 #include "device/gvdevice.h"
@@ -18,7 +18,7 @@ inline bool isTerminated(const char (&text)[256]) {
     return std::memchr(text, 0, sizeof text) != nullptr;
 }
 
-inline void expectHeldByRecords(const std::string& name, const std::set<GVDevice*>& records) {
+inline void expectReferencesOfRecords(const std::string& name, const std::set<GVDevice*>& records) {
     const libusb_device* const device = fake_libusb::device(name);
     int references = 0;
     int open = 0;
@@ -28,11 +28,11 @@ inline void expectHeldByRecords(const std::string& name, const std::set<GVDevice
             open += isOpen(*record) ? 1 : 0;
         }
     }
-    expect(fake_libusb::references(name) == references, "references are held by records");
-    expect(fake_libusb::openHandles(name) == open, "handles are held by records");
+    expect(fake_libusb::references(name) == references, "each reference belongs to a record");
+    expect(fake_libusb::openHandles(name) == open, "each open handle belongs to a record");
 }
 
-// Everything that is held of these devices is held by a record that stands in a list.
+// Every reference to these devices and every open handle belongs to a record in a list.
 inline void expectConsistentRecords(const std::vector<std::string>& deviceNames) {
     const MutexLock lock(g_GvUsbMan.m_mtxDevList);
     std::set<GVDevice*> records(g_GvUsbMan.m_ScanList.begin(), g_GvUsbMan.m_ScanList.end());
@@ -40,13 +40,13 @@ inline void expectConsistentRecords(const std::vector<std::string>& deviceNames)
     records.erase(nullptr);
     std::set<int> handles;
     for (const GVDevice* const record : records) {
-        expect(handles.insert(record->devHnd).second, "each record has a handle of its own");
+        expect(handles.insert(record->devHnd).second, "each record has its own handle");
         expect(isTerminated(record->famName) && isTerminated(record->devName) &&
                    isTerminated(record->intType),
                "a record's texts are terminated");
     }
     for (const std::string& name : deviceNames) {
-        expectHeldByRecords(name, records);
+        expectReferencesOfRecords(name, records);
     }
 }
 

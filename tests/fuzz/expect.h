@@ -1,5 +1,4 @@
-// How a fuzz target says that something has to hold: what does not ends the program, which the fuzzer
-// reports.
+// Checks that abort the process when they fail, which the fuzzer reports.
 #pragma once
 
 #include <cstdio>
@@ -10,7 +9,7 @@ namespace fuzz {
 
 inline void expect(bool holds, const char* what) {
     if (!holds) {
-        std::fprintf(stderr, "does not hold: %s\n", what);
+        std::fprintf(stderr, "failed: %s\n", what);
         std::abort();
     }
 }

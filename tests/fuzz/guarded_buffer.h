@@ -1,5 +1,5 @@
-// Memory of a caller's, of exactly the size that is said; nothing beside it may be touched. Writing there is
-// found afterwards, and with the address sanitizer reading is found too.
+// A buffer with guard bytes on both sides. The destructor detects writes to them. The address sanitizer also
+// detects reads.
 #pragma once
 
 #include "expect.h"
@@ -45,8 +45,8 @@ public:
         const auto untouched = [](unsigned char byte) { return byte == filling; };
         expect(std::all_of(m_memory.get(), m_memory.get() + guard, untouched),
                "nothing is written before a buffer");
-        const unsigned char* const behind = m_memory.get() + guard + m_size;
-        expect(std::all_of(behind, behind + guard, untouched), "nothing is written behind a buffer");
+        const unsigned char* const after = m_memory.get() + guard + m_size;
+        expect(std::all_of(after, after + guard, untouched), "nothing is written after a buffer");
     }
     GuardedBuffer(const GuardedBuffer&) = delete;
     GuardedBuffer& operator=(const GuardedBuffer&) = delete;
@@ -56,7 +56,7 @@ public:
     [[nodiscard]] const char* text() const { return reinterpret_cast<const char*>(m_memory.get() + guard); }
     [[nodiscard]] std::size_t size() const { return m_size; }
 
-    // The text that a call has put there, which has to end within the buffer.
+    // The text in the buffer. Fail if it is not terminated.
     std::string_view terminatedText() {
         const std::size_t length = strnlen(text(), m_size);
         expect(length < m_size, "the text in a buffer is terminated");
@@ -71,7 +71,7 @@ private:
     std::unique_ptr<unsigned char[]> m_memory;
 };
 
-// A text as the library's functions take it, up to the first zero byte of what is given.
+// A terminated copy of a text, up to its first zero byte.
 class GuardedText {
 public:
     explicit GuardedText(std::string_view content)

@@ -1,4 +1,4 @@
-// What a fuzz target takes from its input, from the front; at its end everything is zero or empty.
+// A fuzz target's input, read from front to back. After the end, all values are 0 or empty.
 #pragma once
 
 #include <algorithm>
@@ -23,30 +23,28 @@ public:
 
     bool flag() { return (byte() & 1) != 0; }
 
-    // From 0 to less than count.
     std::size_t below(std::size_t count) { return byte() % count; }
 
-    // As many bytes as there are, up to this number.
+    // At most this many bytes.
     std::string_view bytes(std::size_t most) {
         const std::string_view taken = m_left.substr(0, most);
         m_left.remove_prefix(taken.size());
         return taken;
     }
 
-    // A byte that tells how many, and these.
+    // One byte with a count, then this many bytes.
     std::string_view countedBytes() {
         const std::size_t count = byte();
         return bytes(count);
     }
 
-    // Up to the end of the line, which is not part of it.
+    // Without the newline, which is skipped.
     std::string_view line() {
         const std::string_view taken = bytes(std::min(m_left.find('\n'), m_left.size()));
         bytes(1);
         return taken;
     }
 
-    // The choice that a byte makes.
     template <class Value, std::size_t Count>
     Value oneOf(const std::array<Value, Count>& values) {
         return values[below(Count)];

@@ -1,5 +1,4 @@
-// The manager of a fuzz target: built anew in the place of the global one, on the stand-in for libusb, and with
-// standard output, which the log goes to, out of the way.
+// Build a new manager in place of the global one, with the stand-in for libusb, and discard the log.
 #pragma once
 
 #include "configuration_file.h"
@@ -27,31 +26,31 @@ inline void expectNoMisuse() {
     expectEmpty(text, "libusb is misused");
 }
 
-// An empty bus; nothing is recorded, and nothing is kept of what is gone.
+// Empty the bus, free unplugged devices and stop recording calls.
 inline void clearBus() {
     fake_libusb::reset();
     fake_libusb::forgetDead();
     fake_libusb::recordNothing();
 }
 
-inline bool& managerLives() {
-    static bool lives = true;
-    return lives;
+inline bool& managerExists() {
+    static bool exists = true;
+    return exists;
 }
 
-// For the place of a manager that is destroyed.
+// The previous manager must be destroyed.
 inline void buildManager(const std::string& configuration) {
     clearBus();
     support::setConfigurationText(configuration);
     new (&g_GvUsbMan) GVDrvHnd;
-    managerLives() = true;
+    managerExists() = true;
 }
 
-// The program's end destroys the global manager: what has no manager by then gets one before.
+// The process destroys the global manager when it exits, so one must exist.
 inline void buildManagerAtExit() {
     static const struct Builder {
         ~Builder() {
-            if (!managerLives()) {
+            if (!managerExists()) {
                 buildManager("nopnp");
             }
         }
@@ -59,17 +58,17 @@ inline void buildManagerAtExit() {
 }
 
 inline void destroyManager() {
-    if (!managerLives()) {
+    if (!managerExists()) {
         return;
     }
     buildManagerAtExit();
     g_GvUsbMan.~GVDrvHnd();
-    managerLives() = false;
-    expectEmpty(fake_libusb::leftovers(), "left over");
+    managerExists() = false;
+    expectEmpty(fake_libusb::leftovers(), "leaked");
     expectNoMisuse();
 }
 
-// From now on the worker sleeps and never polls. Before the program's end it goes, with its manager.
+// Make the worker sleep, so that it does not poll. When the process exits, destroy the manager and end the sleep.
 inline void putWorkerToSleep() {
     buildManagerAtExit();
     static struct Sleeping {

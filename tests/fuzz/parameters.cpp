@@ -1,8 +1,7 @@
-// Keys, values, names of protocols, events and codes as a program may give them. Two readers are open the
-// whole time.
+// Pass arbitrary keys, values, protocol names, events and codes to the library. Two readers stay open.
 //
-// Each line of the input is a call: a letter that says which function, a letter for the handle where there is
-// one, and the text.
+// Each line of the input is a call: a letter for the function, a letter for the handle if there is one, and the
+// text.
 //   g1TIMEOUT          GVUSB_GetDevicePara     s1TIMEOUT=250     GVUSB_SetDevicePara
 //   l0DEVICENAME       GVUSB_GetScanListPara   e-1102            GVUSB_GetErrorText
 //   t1TESK-RCI2        GVUSB_Transceive        o, i              GVUSB_Transmit, GVUSB_Receive
@@ -32,7 +31,7 @@ void handler(int, unsigned int, const char*) {
 void openReaders() {
     fuzz::discardStdout();
     fuzz::destroyManager();
-    // Without it the worker would poll in between when an input lets it.
+    // Otherwise the worker polls when an input ends the suspension.
     fuzz::putWorkerToSleep();
     fuzz::buildManager("nopnp");
     fake_libusb::plug("dev1", fake_libusb::bulkReader("1A"));
@@ -75,11 +74,10 @@ Number takeNumber(std::string_view& text) {
 }
 
 void expectLastError(int code) {
-    fuzz::expect(relaxed::load(g_GvUsbMan.m_iLastError) == code,
-                 "the last error is the code that is returned");
+    fuzz::expect(relaxed::load(g_GvUsbMan.m_iLastError) == code, "the last error is the returned code");
 }
 
-// Reading it blocks for ever, which is documented.
+// Reading it blocks, as documented.
 bool blocks(const char* key) {
     return strcasecmp(key, "PRESENT") == 0;
 }
@@ -109,7 +107,7 @@ void getParameter(int handle, std::string_view text) {
     if (code == 0) {
         checkValue(key.text(), value);
     }
-    fuzz::expect(code <= 0, "reading a parameter tells success or a code");
+    fuzz::expect(code <= 0, "reading a parameter returns 0 or a code");
     fuzz::expect(std::strlen(key.text()) < GVUSB_KEY_SIZE || code != 0, "an over-long key is unknown");
 }
 
@@ -119,7 +117,7 @@ void setParameter(int handle, std::string_view text) {
     const fuzz::GuardedText value(text.substr(std::min(separator + 1, text.size())));
     const int code = GVUSB_SetDevicePara(handle, key.text(), value.text());
     expectLastError(code);
-    fuzz::expect(code <= 0, "changing a parameter tells success or a code");
+    fuzz::expect(code <= 0, "setting a parameter returns 0 or a code");
     fuzz::expect(std::strlen(key.text()) < GVUSB_KEY_SIZE || code != 0, "an over-long key is unknown");
     fuzz::expect(relaxed::load(g_GvUsbMan.m_uiUpdateRate) >= 10, "the update rate is at least 10");
 }
@@ -175,7 +173,7 @@ void checkErrorText(int code, fuzz::GuardedBuffer& buffer, int returned) {
     const std::string number = "(" + std::to_string(code) + ")";
     const bool known = code == 0 ? text == "GVUSB: OK" : text.starts_with("GVUSB: " + number + " ");
     fuzz::expect(returned == 0 ? known : returned == GVUSB_ERR_UNKNOWN_ERROR_CODE && text == unknown,
-                 "a code has its text or none");
+                 "a code has its own text or is unknown");
 }
 
 void getErrorText(std::string_view text) {
@@ -221,7 +219,7 @@ void call(std::string_view line) {
     }
 }
 
-// Back to where each input starts.
+// Restore the initial state for the next input.
 void restore() {
     for (const int handle : openHandles) {
         fuzz::expect(GVUSB_SetDevicePara(handle, "TIMEOUT", "1000") == 0, "the time-out can be set");

@@ -1,7 +1,7 @@
-// A reader's device and configuration descriptors, any bytes: the real libusb parses them, and the library finds,
-// opens, uses, replaces and closes the reader, or refuses it. Started by gvusb-emulate, on a bus of its own.
+// Give a reader arbitrary device and configuration descriptors. The real libusb parses them, and the library finds,
+// opens, uses, replugs and closes the reader, or rejects it. gvusb-emulate starts this program on its own bus.
 //
-// The input is what programs read as the descriptors, but for the vendor, which is always a reader's.
+// The input is the bytes of the descriptors. Only the vendor ID is replaced by that of the readers.
 #include "expect.h"
 #include "guarded_buffer.h"
 #include "gvusb.h"
@@ -26,12 +26,12 @@ extern "C" {
 #include "bus.h"
 }
 
-// libFuzzer takes what changes here for a path. libusb has no instrumentation of its own; what it complains of tells
-// the paths of its parser.
-__attribute__((section("__libfuzzer_extra_counters"))) std::uint8_t complaints[4096];
+// libFuzzer treats changes of this array as coverage. libusb is not instrumented, but its warnings show which paths its
+// parser takes.
+__attribute__((section("__libfuzzer_extra_counters"))) std::uint8_t warnings[4096];
 
-// Of an interface that it cannot read, libusb 1.0.26 keeps an alternate setting that nobody can free. That the library
-// frees what it can is tested on the stand-in.
+// libusb 1.0.26 leaks an alternate setting of an interface that it cannot parse. Tests with the stand-in check for leaks
+// of the library.
 extern "C" const char* __lsan_default_suppressions() {
     return "leak:libusb-1.0.so\n";
 }
@@ -45,8 +45,8 @@ constexpr std::size_t longestInput = 1024;
 constexpr std::array<const char*, 6> readerKeys = {"DEVICEHND",  "DEVICE-ID", "DEVICENAME",
                                                    "FAMILYNAME", "INTERFACE", "TYPENUMBER"};
 
-// libusb 1.0.26 looks for the configurations behind the first from descriptor to descriptor, and never ends at one of
-// length 0; it holds a lock there. The kernel shows no such descriptor: it cuts the configuration off in front of it.
+// To find the second and later configurations, libusb 1.0.26 goes from descriptor to descriptor. At one of length 0 it
+// loops forever with a lock held. The kernel cuts off a configuration before such a descriptor.
 bool hangsLibusb(std::span<const std::uint8_t> descriptors) {
     constexpr std::size_t deviceSize = 18;
     constexpr std::size_t configurationSize = 9;
@@ -70,8 +70,8 @@ bool hangsLibusb(std::span<const std::uint8_t> descriptors) {
     return false;
 }
 
-// A message that differs only in its numbers is the same one.
-void LIBUSB_CALL noteComplaint(libusb_context*, libusb_log_level, const char* message) {
+// Messages that differ only in numbers count as the same warning.
+void LIBUSB_CALL recordWarning(libusb_context*, libusb_log_level, const char* message) {
     std::uint32_t hash = 2166136261U;
     bool inNumber = false;
     for (const char* c = message; *c != '\0'; ++c) {
@@ -81,12 +81,12 @@ void LIBUSB_CALL noteComplaint(libusb_context*, libusb_log_level, const char* me
             hash = (hash ^ character) * 16777619U;
         }
     }
-    complaints[hash % std::size(complaints)] = 1;
+    warnings[hash % std::size(warnings)] = 1;
 }
 
-int plugFirst() {
+int prepareBus() {
     expect(std::freopen("/dev/null", "w", stdout) != nullptr, "standard output goes to /dev/null");
-    libusb_set_log_cb(nullptr, noteComplaint, LIBUSB_LOG_CB_GLOBAL);
+    libusb_set_log_cb(nullptr, recordWarning, LIBUSB_LOG_CB_GLOBAL);
     libusb_set_option(nullptr, LIBUSB_OPTION_LOG_LEVEL, LIBUSB_LOG_LEVEL_WARNING);
     return plug_new("id=F0,plugged=no");
 }
@@ -101,7 +101,7 @@ std::string hexadecimal(std::span<const std::uint8_t> bytes) {
     return text;
 }
 
-void giveDescriptors(int reader, std::vector<std::uint8_t> descriptors) {
+void setDescriptors(int reader, std::vector<std::uint8_t> descriptors) {
     constexpr std::size_t vendorAt = 8;
     if (descriptors.size() > vendorAt + 1) {
         descriptors[vendorAt] = GVUSB_VENDOR_ID & 0xFFU;
@@ -110,7 +110,7 @@ void giveDescriptors(int reader, std::vector<std::uint8_t> descriptors) {
     bus("descriptors %d %s", reader, hexadecimal(descriptors).c_str());
 }
 
-// A reader that takes a frame answers with it, by whichever way.
+// A virtual reader answers with the frame that it received.
 void exchange(int handle) {
     GuardedBuffer frame(std::string_view("\x02\x00\x07\xFF\x01", 5));
     GuardedBuffer answer(64);
@@ -165,11 +165,11 @@ void findAndUse(int reader) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const int reader = plugFirst();
+    static const int reader = prepareBus();
     if (size == 0 || size > longestInput || hangsLibusb({data, size})) {
         return 0;
     }
-    giveDescriptors(reader, {data, data + size});
+    setDescriptors(reader, {data, data + size});
     GVLOG_SetLevel(data[size - 1] % 4);
     findAndUse(reader);
     GVLOG_SetLevel(0);

@@ -1,4 +1,4 @@
-// The main function of a fuzz target that is built without a fuzzer. It runs the target once on each file of the given
+// The main function of a fuzz target that is built without a fuzzer. Run the target once on each file of the given
 // folders.
 #include <cstdint>
 #include <cstdio>

@@ -1,4 +1,4 @@
-// Three USB/IP clients send anything and read slowly, while two readers fail and are unplugged.
+// Three USB/IP clients send arbitrary data and read slowly, while two readers fail and are unplugged.
 //
 // Each byte of the input chooses a step; the bytes after it are the step's arguments.
 #include "input.h"
@@ -94,7 +94,7 @@ void receive(Fixture& f) {
     peer.receive(most == 255 ? std::size_t{1} << 26 : most, f.now);
 }
 
-void connectAnew(Fixture& f) {
+void reconnect(Fixture& f) {
     f.peers[f.input.below(f.peers.size())] = std::make_unique<fuzz::UsbipPeer>(f.readers);
 }
 
@@ -125,27 +125,26 @@ void letTimePass(Fixture& f) {
     f.now += Milliseconds(f.input.byte());
     f.readers.advance(f.now);
     const std::optional<Time> due = f.readers.nextDeadline();
-    fuzz::expect(!due || *due > f.now, "everything due has completed");
+    fuzz::expect(!due || *due > f.now, "everything that was due has completed");
 }
 
 void checkImporters(const Fixture& f) {
-    // Output that a client leaves unread, plus the replies to every pending transfer.
-    constexpr std::size_t mostOutput =
+    // Output that a client has not read, plus the replies to all pending transfers.
+    constexpr std::size_t maxOutput =
         (std::size_t{1} << 20) + usbip::mostRequests * headerSize + AnswerQueue::mostRoom;
     std::size_t importing = 0;
     for (const auto& peer : f.peers) {
         importing += peer->connection.hasImported() ? 1 : 0;
-        fuzz::expect(peer->connection.output().size() <= mostOutput, "output is bounded");
+        fuzz::expect(peer->connection.output().size() <= maxOutput, "the output is limited");
     }
     for (std::size_t number = 1; number <= f.readers.size(); ++number) {
         const usbip::Reader& reader = f.readers.at(number);
         fuzz::expect(reader.importer == nullptr || reader.plugged, "only plugged readers are imported");
         importing -= reader.importer != nullptr ? 1 : 0;
     }
-    fuzz::expect(importing == 0, "each importer has a reader of its own");
+    fuzz::expect(importing == 0, "each importer has its own reader");
 }
 
-// Whatever has happened, a reader works for the next client.
 void checkThatReadersWork(Fixture& f) {
     for (auto& peer : f.peers) {
         peer.reset();
@@ -167,8 +166,8 @@ void checkThatReadersWork(Fixture& f) {
                  "a reader works for the next client");
 }
 
-constexpr std::array steps = {sendBytes,   sendSubmit,   sendSubmit,   sendUnlink,  receive,
-                              connectAnew, plugOrUnplug, changeFaults, letTimePass, sendImport};
+constexpr std::array steps = {sendBytes, sendSubmit,   sendSubmit,   sendUnlink,  receive,
+                              reconnect, plugOrUnplug, changeFaults, letTimePass, sendImport};
 
 } // namespace
 

@@ -1,4 +1,4 @@
-// A USB/IP client that sends anything at all and checks what the server sends against the protocol.
+// A USB/IP client that sends arbitrary data and checks that the server's replies follow the protocol.
 #pragma once
 
 #include "expect.h"
@@ -17,7 +17,7 @@ public:
     explicit UsbipPeer(emulator::usbip::Readers& readers)
         : connection(readers) {}
 
-    // Sends only while the server reads, as a socket does.
+    // Send only while the server reads, like a socket.
     void send(const emulator::Bytes& bytes, emulator::Time now) {
         if (!connection.wantsInput()) {
             return;
@@ -27,7 +27,7 @@ public:
         connection.receive(bytes, now);
     }
 
-    // Reads at most this many of the bytes that the server has to send.
+    // Read at most this many of the bytes that the server has to send.
     void receive(std::size_t most, emulator::Time now) {
         const auto output = connection.output();
         const std::size_t count = std::min(most, output.size());
@@ -40,7 +40,7 @@ public:
     emulator::usbip::Connection connection;
 
 private:
-    struct Asked {
+    struct Submitted {
         bool in = false;
         std::uint32_t length = 0;
     };
@@ -49,7 +49,7 @@ private:
         std::uint32_t unlinked = 0;
     };
 
-    static void takeOff(emulator::Bytes& bytes, std::size_t count) {
+    static void removeFront(emulator::Bytes& bytes, std::size_t count) {
         bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count));
     }
 
@@ -58,7 +58,7 @@ private:
         }
     }
 
-    // The server ends the connection at a message that it refuses, so nothing after that is answered.
+    // The server closes the connection at an invalid message, and does not answer later ones.
     bool noteMessage() {
         using namespace usbip_client;
         if (!m_wantsUrbs) {
@@ -66,7 +66,7 @@ private:
                 ntohs(recordOf<usbip_operation>(m_sent).code) != usbip_request_import) {
                 return false;
             }
-            takeOff(m_sent, importRequestSize);
+            removeFront(m_sent, importRequestSize);
             m_wantsUrbs = true;
             return true;
         }
@@ -79,7 +79,7 @@ private:
         if (ntohl(submit.header.command) == usbip_command_unlink) {
             const std::uint32_t unlinked = ntohl(recordOf<usbip_unlink>(m_sent).unlinked);
             m_unlinks.push_back({.sequence = sequence, .unlinked = unlinked});
-            takeOff(m_sent, headerSize);
+            removeFront(m_sent, headerSize);
             return true;
         }
         const std::uint32_t length = ntohl(submit.length);
@@ -87,8 +87,8 @@ private:
         if (m_sent.size() < size) {
             return false;
         }
-        m_asked[sequence].push_back({.in = in, .length = length});
-        takeOff(m_sent, size);
+        m_submitted[sequence].push_back({.in = in, .length = length});
+        removeFront(m_sent, size);
         return true;
     }
 
@@ -109,12 +109,12 @@ private:
             expect(code == usbip_reply_list || code == usbip_reply_import,
                    "a reply answers a list or an import");
             if (code == usbip_reply_list || statusOf(m_received) != usbip_ok) {
-                return false; // a list of devices follows, or nothing
+                return false; // a device list or nothing follows
             }
             if (m_received.size() < importReplySize) {
                 return false;
             }
-            takeOff(m_received, importReplySize);
+            removeFront(m_received, importReplySize);
             m_answered = true;
             return true;
         }
@@ -133,34 +133,35 @@ private:
                 takeAnswered(m_unlinks.front().unlinked);
             }
             m_unlinks.pop_front();
-            takeOff(m_received, headerSize);
+            removeFront(m_received, headerSize);
             return true;
         }
         expect(command == usbip_reply_submit, "a reply answers a submit or an unlink");
-        expect(!m_asked[sequence].empty(), "a submit is answered once");
+        expect(!m_submitted[sequence].empty(), "a submit is answered once");
         expect(status <= 0, "a status is 0 or negative");
-        const Asked& asked = m_asked[sequence].front();
+        const Submitted& submitted = m_submitted[sequence].front();
         const std::uint32_t actual = ntohl(reply.actual_length);
-        expect(actual <= asked.length, "no more data than requested");
-        const std::size_t size = headerSize + (asked.in ? actual : 0);
+        expect(actual <= submitted.length, "no more data than requested");
+        const std::size_t size = headerSize + (submitted.in ? actual : 0);
         if (m_received.size() < size) {
             return false;
         }
         takeAnswered(sequence);
-        takeOff(m_received, size);
+        removeFront(m_received, size);
         return true;
     }
 
     void takeAnswered(std::uint32_t sequence) {
-        expect(!m_asked[sequence].empty(), "only requests are answered");
-        m_asked[sequence].pop_front();
+        expect(!m_submitted[sequence].empty(), "only requests are answered");
+        m_submitted[sequence].pop_front();
     }
 
     emulator::Bytes m_sent;
     emulator::Bytes m_received;
     bool m_wantsUrbs = false;
     bool m_answered = false;
-    std::map<std::uint32_t, std::deque<Asked>> m_asked; // by sequence number, which a client may reuse
+    // By sequence number, which a client may reuse.
+    std::map<std::uint32_t, std::deque<Submitted>> m_submitted;
     std::deque<Unlink> m_unlinks;
 };
 

@@ -1,4 +1,4 @@
-#include "call_sequences_broken.h"
+#include "call_sequences_check.h"
 
 #include <array>
 #include <atomic>
@@ -8,24 +8,24 @@
 namespace call_sequences {
 namespace {
 
-// The last steps, oldest at the next place to be written.
+// A ring buffer of the last steps. The next one overwrites the oldest.
 std::array<std::atomic<const char*>, 32> latestSteps = {};
 std::atomic<std::size_t> steps = 0;
 
 } // namespace
 
-void setPresentStep(std::string_view name) noexcept {
+void setCurrentStep(std::string_view name) noexcept {
     latestSteps[steps++ % latestSteps.size()] = name.data();
 }
 
-void broken(const std::string& what) {
+void fail(const std::string& what) {
     const std::size_t next = steps;
     for (std::size_t i = next; i < next + latestSteps.size(); ++i) {
         if (const char* const name = latestSteps[i % latestSteps.size()]) {
             std::fprintf(stderr, "%s\n", name);
         }
     }
-    std::fprintf(stderr, "broken: %s; these were the last steps\n", what.c_str());
+    std::fprintf(stderr, "failed: %s; the last steps are above\n", what.c_str());
     std::abort();
 }
 
