@@ -1,1 +1,1 @@
-// Nothing but the headers that every program of tests has in common, compiled once.
+// Precompiles the headers that all test programs share.

@@ -5,7 +5,7 @@
 
 namespace {
 
-// Plain values, initialised at compile time: operator new runs before any constructor of this file could.
+// Initialized at compile time, because operator new runs before any constructor of this file.
 constinit thread_local std::size_t counted = 0;
 constinit thread_local std::size_t untilFailure = 0; // 0: none planned
 constinit thread_local unsigned pauses = 0;

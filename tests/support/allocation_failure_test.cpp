@@ -15,7 +15,7 @@ struct alignas(64) Aligned {
     char bytes[64];
 };
 
-// Out of the optimiser's sight, which may drop an allocation whose pointer goes nowhere.
+// Prevent the optimizer from dropping an allocation whose pointer is unused.
 template <class T>
 void keep(T* pointer) {
     asm volatile("" : : "g"(pointer) : "memory");
@@ -25,7 +25,7 @@ class AllocationFailureTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!support::allocationsAreWatched) {
-            GTEST_SKIP() << "operator new is the sanitizer's";
+            GTEST_SKIP() << "the sanitizer replaces operator new";
         }
     }
 };

@@ -20,7 +20,7 @@ bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-// The length of a time field as "%2lu.%06d" prints it at the beginning of the line; 0 if there is none.
+// The length of a time field as "%2lu.%06d" prints it at the start of the line; 0 if there is none.
 std::size_t timeLength(std::string_view line) {
     const std::size_t point = line.find('.');
     if (point == std::string_view::npos || point < 2) {
@@ -38,7 +38,7 @@ std::size_t timeLength(std::string_view line) {
     return point + 1 + fractionDigits;
 }
 
-// "[tag] text" of a line without its line feed; empty if the line is not of that form.
+// "[tag] text" of a line without its line feed; empty if the line has another form.
 std::string_view message(std::string_view line) {
     const std::size_t time = timeLength(line);
     if (time == 0 || !line.substr(time).starts_with(afterTime)) {
@@ -99,7 +99,7 @@ CapturedStdout::~CapturedStdout() {
 std::string CapturedStdout::takeText() {
     const AllocationPause pause;
     std::fflush(stdout);
-    // Not lseek: it would move the position at which stdout is being written.
+    // lseek() would move the position at which stdout is being written.
     struct stat status = {};
     if (fstat(file_, &status) != 0) {
         failToCapture("captured output cannot be read");

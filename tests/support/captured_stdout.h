@@ -1,6 +1,6 @@
-// What the program writes to the C library's stdout, as text, and the log lines in it.
+// Captures what the program writes to the C library's stdout, as text and as log lines.
 //
-// The capture concerns the whole process, so only one can exist at a time. Other threads may print meanwhile.
+// The capture affects the whole process, so only one can exist at a time. Other threads may print meanwhile.
 #pragma once
 
 #include <string>
@@ -11,19 +11,19 @@ namespace support {
 
 class CapturedStdout {
 public:
-    CapturedStdout(); // throws std::system_error when stdout cannot be redirected
+    CapturedStdout(); // throws std::system_error if stdout cannot be redirected
 
-    // Gives stdout back. Lines that are not log lines (a failed expectation's report, say) are printed then,
-    // so that no message of the test framework is lost.
+    // Restores stdout, and prints the captured lines that are not log lines. This keeps messages of the test
+    // framework, such as failed expectations.
     ~CapturedStdout();
 
     CapturedStdout(const CapturedStdout&) = delete;
     CapturedStdout& operator=(const CapturedStdout&) = delete;
 
-    // Everything written since the construction or the last call, unflushed output included.
+    // Everything written since the construction or the last call, including unflushed output.
     std::string takeText();
 
-    // takeText() as logLines() reads it.
+    // takeText(), parsed by logLines().
     std::vector<std::string> takeLogLines();
 
 private:
@@ -37,7 +37,7 @@ private:
 // appears as "malformed: " and the line, so that no comparison passes by accident.
 std::vector<std::string> logLines(std::string_view text);
 
-// A time as the lines show it, " 3.500000", taken from one line; empty if the line is malformed.
+// The time of a log line, such as " 3.500000"; empty if the line is malformed.
 std::string logTime(std::string_view line);
 
 } // namespace support

@@ -16,7 +16,7 @@ TEST(CapturedStdoutTest, TakesUnflushedOutputPieceByPiece) {
     EXPECT_EQ(captured.takeText(), "");
 }
 
-TEST(CapturedStdoutTest, GivesStdoutBackAndPrintsWhatIsNoLogLine) {
+TEST(CapturedStdoutTest, RestoresStdoutAndPrintsLinesThatAreNotLogLines) {
     support::CapturedStdout outer;
     {
         const auto inner = std::make_unique<support::CapturedStdout>();
@@ -43,7 +43,7 @@ TEST(LogLinesTest, AcceptsTheExactFormOnly) {
     }
 }
 
-TEST(LogLinesTest, KeepsTheTextToTheByte) {
+TEST(LogLinesTest, KeepsTheTextUnchanged) {
     EXPECT_EQ(support::logLines(" 1.000000 :: gvusb: [bulkReceive ]   5 Bytes << 02 \n"
                                 " 1.000000 :: gvusb: [to ... ] \n"),
               (Lines{"[bulkReceive ]   5 Bytes << 02 ", "[to ... ] "}));

@@ -6,7 +6,7 @@
 
 namespace {
 
-// Constant-initialised and trivially destroyed, so usable before main and after it.
+// Constant-initialized and trivially destroyed, so usable before and after main().
 constinit std::mutex mutex;
 constinit bool fixed = false;
 constinit timeval moment = {0, 0};

@@ -1,19 +1,20 @@
-// The time that gettimeofday tells in the test program: the real one, or one that the test sets.
+// Controls the time that gettimeofday() returns in the test program: the real time, or one that the test
+// sets.
 //
-// May be used from any thread.
+// Thread-safe.
 #pragma once
 
 namespace support {
 
-// From now on the time stands still at this moment, until it is set again.
+// Stop the clock at this time, until it is set again.
 void setTime(long seconds, long microseconds);
 
 void useRealTime();
 
-// How often gettimeofday has been called since one of the above, or since the start.
+// The number of calls of gettimeofday() since the last call of one of these functions, or since the start.
 int timeReads();
 
-// A moment for the length of a test; the real time again afterwards.
+// Stops the clock for the length of a test, then restores the real time.
 class [[nodiscard]] FixedTime {
 public:
     FixedTime(long seconds, long microseconds) { setTime(seconds, microseconds); }

@@ -16,7 +16,7 @@ timeval now() {
 
 } // namespace
 
-TEST(ClockTest, StandsWhereItIsSet) {
+TEST(ClockTest, StopsAtTheTimeThatWasSet) {
     const support::FixedTime time(12, 100000);
     EXPECT_EQ(now().tv_sec, 12);
     EXPECT_EQ(now().tv_usec, 100000);

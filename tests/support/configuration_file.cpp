@@ -36,7 +36,7 @@ struct Configuration {
     }
 };
 
-// Never destroyed: the library may open files while the program ends.
+// Never destroyed: the library may open files during process exit.
 Configuration& configuration() {
     static Configuration& instance = *[] {
         const support::AllocationPause pause;
@@ -60,7 +60,7 @@ int realOpen(const char* path, int flags, mode_t mode) {
     return real(path, flags, mode);
 }
 
-// A file without a name: reads past a buffer's size work as they do on disk, and closing is checked by the
+// An anonymous file: reading more than one buffer works as on disk, and a missing close() shows in the
 // descriptor count.
 int openText(const std::string& text) {
     const int descriptor = memfd_create("gvusb.conf", MFD_CLOEXEC);

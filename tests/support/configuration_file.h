@@ -1,27 +1,30 @@
-// What the test program reads when it opens "/etc/gavo/gvusb.conf" with open(); all other paths are the real ones.
+// Controls what the test program reads when it opens "/etc/gavo/gvusb.conf" with open(). Other paths are not
+// redirected.
 //
-// May be used from any thread, and before main: the library reads the file while the program is loaded.
+// Thread-safe, and usable before main(): the library reads the file while the program is loaded.
 #pragma once
 
 #include <optional>
 #include <string>
 
-// A test program may define this function to give the text that is read before main; null means no such file.
-// Without it there is none. It runs before any constructor of the test: let it return a literal.
+// A test program may define this function to return the text that is read before main(), or null for a
+// missing file. Without this function, the file is missing. It runs before any constructor of the test, so
+// return a literal.
 extern "C" [[gnu::weak]] const char* gvusbTestInitialConfiguration();
 
 namespace support {
 
-// The file has this text from now on; nullopt means that it is missing (the state at the beginning).
+// Set the text of the file; nullopt means that the file is missing, as it is initially.
 void setConfigurationText(std::optional<std::string> text);
 
-// Opening fails with EACCES.
+// Make opening fail with EACCES.
 void makeConfigurationUnreadable();
 
-// What is opened is this file, whatever it is.
+// Redirect opening to this file, of whatever type.
 void setConfigurationPath(std::string path);
 
-// How often the file has been asked for since one of the three above was called last, or since the start.
+// How often the file has been opened since the last call of one of the three functions above, or since the
+// start.
 int configurationOpens();
 
 } // namespace support

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-// Read by the first object of this file, before main.
+// Read by the first object of this file, before main().
 extern "C" const char* gvusbTestInitialConfiguration() {
     return "gvusb_hotplug=0\n";
 }
@@ -38,7 +38,7 @@ TEST(ConfigurationFileTest, HasAChosenTextBeforeMain) {
     EXPECT_EQ(readBeforeMain, "gvusb_hotplug=0\n");
 }
 
-TEST(ConfigurationFileTest, IsWhatTheTestSets) {
+TEST(ConfigurationFileTest, HasTheTextThatTheTestSets) {
     support::setConfigurationText("nopnp");
     EXPECT_EQ(contents(), "nopnp");
     EXPECT_EQ(contents(), "nopnp");
@@ -70,7 +70,7 @@ TEST(ConfigurationFileTest, CannotBeWritten) {
     }
 }
 
-TEST(ConfigurationFileTest, OtherPathsAreReal) {
+TEST(ConfigurationFileTest, OtherPathsAreNotRedirected) {
     const int present = open("/proc/self/comm", O_RDONLY);
     EXPECT_GE(present, 0);
     close(present);

@@ -1,6 +1,5 @@
-// Memory of exactly the given size that ends where the process may touch nothing more, so that a byte read or
-// written behind it ends the test at once, whatever it is built with. Bytes written before it are found when
-// it goes.
+// A buffer of exactly the given size in front of an inaccessible page: a read or write past its end ends the
+// test at once, with or without sanitizers. The destructor detects writes before the start.
 #pragma once
 
 #include <algorithm>
@@ -38,7 +37,7 @@ public:
         std::memset(memory_, filling, usable_);
     }
 
-    // The content and nothing behind it.
+    // The content without trailing bytes.
     explicit EdgeBuffer(std::string_view content)
         : EdgeBuffer(content.size()) {
         std::ranges::copy(content, bytes());

@@ -1,14 +1,14 @@
-// A scripted stand-in for libusb-1.0, linked in its place: a bus made of described devices, every call
-// recorded, any call made to fail, everything handed out accounted for.
+// A scripted stand-in for libusb-1.0, linked in its place: the test describes the devices on the bus. The
+// stand-in records every call, can make any call fail, and tracks everything that it hands out.
 //
-// All functions may be called from any thread, before main and after it: the state is built at the first use
-// and never destroyed. One internal mutex guards it; hooks, handlers and hot-plug callbacks run without that
-// mutex. A wrong use of libusb never aborts: it is noted in misuses(), and the call answers
-// LIBUSB_ERROR_OTHER. A name or function name that does not exist is a mistake of the test and throws
+// All functions may be called from any thread, before and after main(): the state is built at the first use
+// and never destroyed. One internal mutex guards it. Hooks, handlers and hot-plug callbacks run without that
+// mutex. A wrong use of libusb never aborts: it is recorded in misuses(), and the call returns
+// LIBUSB_ERROR_OTHER. An unknown device or function name is a mistake in the test and throws
 // std::invalid_argument.
 //
-// Names. The test names its devices: "dev1". A handle of dev1 is "hnd1" ("hnd1#2" when opened while hnd1 is
-// open); a handle of a device with another kind of name, "lamp", is "hnd(lamp)".
+// Names. The test names its devices: "dev1". The handle of dev1 is "hnd1" ("hnd1#2" if opened while hnd1 is
+// open). The handle of a device with any other name, such as "lamp", is "hnd(lamp)".
 #pragma once
 
 #include "fake_reader.h"
@@ -27,42 +27,41 @@
 
 namespace fake_libusb {
 
-// Puts everything back to the beginning: empty bus, no failures, answers, hooks or switches, recording on,
-// records and misuses empty. What the code under test still holds (the global manager's libusb_init and
-// callbacks, say) stays usable, but leftovers() speaks only of what was taken since.
+// Reset everything: empty bus, no failures, answers, hooks or switches, recording on, records and misuses
+// empty. What the code under test still holds, such as the global manager's libusb_init() and callbacks,
+// stays valid, but leftovers() reports only what was acquired since.
 void reset();
 
-// Forgets devices that are dead and handles that are closed. They are kept for a while so that their use is
-// known as such; from now on they are unknown pointers. For volume.
+// Free the dead devices and closed handles, which are kept for a while to detect their use. From now on their
+// pointers are unknown. For tests with many devices.
 void forgetDead();
 
 // The bus.
 
-// Plugs a device; it comes last in libusb_get_device_list. Names are unique among the devices that still
-// exist.
+// Plug in a device; it comes last in libusb_get_device_list(). Names are unique among the devices that exist.
 libusb_device* plug(std::string_view name, FakeReader reader);
 
-// Takes the device off the bus. Its pointer stays valid while it is referenced or open; calls on it that
-// would reach the device answer LIBUSB_ERROR_NO_DEVICE. After the last reference is gone, every use of it is
-// a misuse.
+// Remove the device from the bus. Its pointer stays valid while it is referenced or open; calls that would
+// reach the device return LIBUSB_ERROR_NO_DEVICE. After the last reference is released, every use of it is a
+// misuse.
 void unplug(std::string_view name);
 
 enum class Pointer {
-    fresh, // another libusb_device*
-    same, // the old libusb_device* again, as a memory allocator may do; the old device must not be referenced
+    fresh, // a different libusb_device*
+    same,  // the old libusb_device* again, as allocators may reuse it; it must be unreferenced
 };
 
-// Unplugs `name` if it is plugged and plugs the same description, with its present changes and a new address,
-// under `newName`. Pointer::same throws std::logic_error while the old device is still referenced or open.
+// Unplug `name` if it is plugged, and plug in the same description, including changes, with a new address, as
+// `newName`. Pointer::same throws std::logic_error if the old device is still referenced or open.
 libusb_device* replug(std::string_view name, std::string_view newName, Pointer pointer = Pointer::fresh);
 
-// Changes the description of a device while it is plugged (the echo and open handles stay).
+// Change the description of a plugged device. Its echo queue and open handles are kept.
 void change(std::string_view name, const std::function<void(FakeReader&)>& edit);
 void setString(std::string_view name, std::uint8_t index, FakeString answer);
 
 libusb_device* device(std::string_view name);
 
-// The record.
+// Recorded calls.
 
 // Every call in the order in which it took effect, one line each:
 //   libusb_init(default) = 0                                libusb_exit(default)
@@ -80,38 +79,38 @@ libusb_device* device(std::string_view name);
 //   libusb_control_transfer(hnd1, 0x40, 0, 0, 0, 5, 1000) = 5
 //     (request type, request, value, index, length, time-out)
 //   libusb_hotplug_register_callback(default, 1, 0, 0x1209, -1, -1) = 0
-//     (events, flags, vendor, product, class; any = -1; callback handles count from 1, the lowest free one is
-//     taken)
+//     (events, flags, vendor, product, class; any = -1; callback handles start at 1, and the lowest free one
+// is assigned)
 //   libusb_hotplug_deregister_callback(default, 1)
 //   libusb_try_lock_events(default) = 0                     libusb_unlock_events(default)
 //   libusb_lock_event_waiters(default)                      libusb_unlock_event_waiters(default)
 //   libusb_event_handler_active(default) = 0                libusb_interrupt_event_handler(default)
 //   libusb_get_pollfds(default)                             libusb_free_pollfds(pollfds)
-// A call that a hook left by an exception ends in " threw". A null pointer is written as "null", one that
-// libusb never gave out as "unknown".
-std::vector<std::string> takeCalls(); // returns them and clears
-std::string takeCallText();           // the same as one text, each line ended by "\n"
+// A call that a hook aborted by an exception ends in " threw". A null pointer appears as "null", a pointer
+// that libusb never returned as "unknown".
+std::vector<std::string> takeCalls(); // returns and clears them
+std::string takeCallText();           // the same as one text; each line ends with "\n"
 
-void recordNothing(); // for volume; the frames are not kept either
+void recordNothing(); // for tests with many calls; frames are not kept either
 void recordAll();
 void recordAllBut(std::initializer_list<std::string_view> functions);
 
-// Without the calls that only keep accounts: version, capability, reference counts, descriptors already
-// cached in memory, bus number and address, freeing of lists and descriptors, the events lock.
+// Omit calls that only do bookkeeping: version, capability, reference counts, cached descriptors, bus number
+// and address, freeing lists and descriptors, the event lock.
 void recordWithoutBookkeeping();
 
-// From now on only calls of the calling thread are recorded, counted as fallible and made to fail.
+// Record, count and fail only calls of the calling thread.
 void watchOnlyThisThread();
 
-// How often the function has been called since reset(), whatever is recorded.
+// How often the function has been called since reset(), recorded or not.
 std::size_t timesCalled(std::string_view function);
 
-// What the device has been sent (bulk OUT and control 0x40), oldest first, transfers answered with an error
-// too.
+// The frames sent to the device (bulk OUT and control 0x40), oldest first, including those whose transfer
+// failed.
 std::vector<Bytes> frames(std::string_view name);
 
-// The functions that a manager calls on a bus and that can fail: all of those below but starting libusb and
-// registering callbacks. Fuzz inputs choose by position.
+// The fallible functions that a manager calls on a bus: all functions below except initialization and
+// callback registration. Fuzz inputs select by position.
 inline constexpr std::array<std::string_view, 13> fallibleFunctions = {"libusb_get_device_list",
                                                                        "libusb_get_device_descriptor",
                                                                        "libusb_get_config_descriptor",
@@ -128,38 +127,38 @@ inline constexpr std::array<std::string_view, 13> fallibleFunctions = {"libusb_g
 
 // Failures.
 
-// The functions that can fail are those that return a code: libusb_init, libusb_get_device_list, ..._open,
+// Fallible functions are those that return a code: libusb_init, libusb_get_device_list, ..._open,
 // ..._get_device_descriptor, ..._get_config_descriptor, ..._get_string_descriptor_ascii,
 // ..._set_configuration, ..._detach_kernel_driver, ..._claim_interface, ..._release_interface,
-// ..._clear_halt, ..._reset_device, ..._bulk_transfer, ..._control_transfer,
-// ..._hotplug_register_callback. A failed call has no effect, sends nothing and leaves its output arguments
-// as they are. `device` limits the failure to one device ("" = any); `n` counts from 1, the next call.
+// ..._clear_halt, ..._reset_device, ..._bulk_transfer, ..._control_transfer, ..._hotplug_register_callback. A
+// failed call has no effect, sends nothing and does not write its output arguments. `device` limits the
+// failure to one device ("" = any); `n` counts from 1, the next call.
 void failNext(std::string_view function, int code, std::string_view device = {});
 void failNth(std::string_view function, std::size_t n, int code, std::string_view device = {});
 void failAlways(std::string_view function, int code, std::string_view device = {});
 
-// The n-th call from now (1 = the next) of any function that can fail fails once. For sweeps:
+// Make the n-th call from now (1 is the next) of any fallible function fail once. For sweeps:
 //   for (std::size_t n = 1;; ++n) { reset(); plug(...); failCall(n, LIBUSB_ERROR_IO); run();
 //       EXPECT_EQ(leftovers(), ""); EXPECT_TRUE(misuses().empty()); if (!failurePlayed()) break; }
 void failCall(std::size_t n, int code);
-std::size_t fallibleCalls(); // calls of functions that can fail, since reset()
-bool failurePlayed();        // whether any of the failures above happened since reset()
-void stopFailing();          // forgets all failures that are not played yet
+std::size_t fallibleCalls(); // calls of fallible functions since reset()
+bool failurePlayed();        // whether any of the failures above occurred since reset()
+void stopFailing();          // cancels all planned failures
 
 // Transfers.
 
-// By default a device echoes: what it is sent over bulk OUT or control 0x40 waits in a queue of its own and
-// is what the next bulk IN or control 0xC0 returns; with nothing waiting, IN answers LIBUSB_ERROR_TIMEOUT at
-// once. A bulk IN shorter than the waiting frame leaves the rest for the next one; a control IN drops the
-// rest; libusb_reset_device drops everything. A bulk endpoint that the active configuration does not have,
-// and any other control request, answer LIBUSB_ERROR_IO and LIBUSB_ERROR_PIPE; a control transfer over 4096
-// bytes LIBUSB_ERROR_INVALID_PARAM.
+// By default a device echoes: data that it receives over bulk OUT or control 0x40 is queued, and the next
+// bulk IN or control 0xC0 returns it. With an empty queue, IN returns LIBUSB_ERROR_TIMEOUT at once. A bulk IN
+// shorter than the queued frame leaves the rest for the next one; a control IN drops the rest;
+// libusb_reset_device() drops everything. A bulk endpoint that the active configuration lacks fails with
+// LIBUSB_ERROR_IO, any other control request with LIBUSB_ERROR_PIPE, and a control transfer over 4096 bytes
+// with LIBUSB_ERROR_INVALID_PARAM.
 enum class Transfer { bulkOut, bulkIn, controlOut, controlIn };
 
 struct Answer {
     int code = 0;    // 0 or a libusb error
-    Bytes data = {}; // IN: written to the buffer (also with an error code), cut to its length
-    std::optional<int> count = std::nullopt; // transferred; IN: data.size() unless given, OUT: the length
+    Bytes data = {}; // IN: written to the buffer (also with an error code), truncated to its length
+    std::optional<int> count = std::nullopt; // transferred; default: IN data.size(), OUT the length
 };
 
 struct Request {
@@ -174,55 +173,55 @@ struct Request {
     unsigned timeout = 0;
 };
 
-// Answers the next transfers of this kind on this device, one each, in place of the echo.
+// Answer the next transfers of this kind on this device, one each, instead of echoing.
 void queueAnswer(std::string_view name, Transfer transfer, Answer answer);
 
-// Asked for every transfer on an attached device for which no answer is queued; nullopt means the echo.
+// Called for every transfer on an attached device for which no answer is queued; nullopt selects the echo.
 using Handler = std::function<std::optional<Answer>(const Request&)>;
 void setHandler(Handler handler);
 
 // Hooks.
 
-// Called inside every libusb call before it takes effect, in the calling thread, with the function's name and
-// the device's name ("" if none). It may look at locks, change the bus, fire callbacks, throw. Calls made
-// inside the hook by the same thread do not run it again.
+// Called inside every libusb call before it takes effect, in the calling thread, with the names of the
+// function and the device ("" if none). The hook may inspect locks, change the bus, fire callbacks and throw.
+// Calls that it makes in the same thread do not run it again.
 using Hook = std::function<void(std::string_view function, std::string_view device)>;
 void setHook(Hook hook);
 
 // Hot-plug.
 
 enum class Delivery {
-    insideEventHandling, // as libusb does: synchronous transfers and string reads in the callback answer -6
+    insideEventHandling, // as in libusb, synchronous transfers and string reads fail with -6
     plain,
 };
 
 // Call every registered callback that matches the device, in order of registration, in the calling thread.
-// They do not plug or unplug: do that first. A callback that returns non-zero is deregistered. Returns how
-// many were called.
+// Plug or unplug the device before. A callback that returns non-zero is deregistered. Returns the number of
+// callbacks called.
 int fireArrived(std::string_view name, Delivery delivery = Delivery::insideEventHandling);
 int fireLeft(std::string_view name, Delivery delivery = Delivery::insideEventHandling);
-int registeredCallbacks(); // all of them, whenever registered
+int registeredCallbacks(); // all of them, including those registered before reset()
 
 // Switches.
 
-// libusb_has_capability answers 1 for 0 and 1 unless told otherwise.
+// libusb_has_capability() returns 1 for capabilities 0 and 1 by default.
 void setCapability(std::uint32_t capability, bool present);
 
-// 1.0.26.11724 with an empty release candidate unless told otherwise; `rc` may be null. The texts must last.
+// The default is 1.0.26.11724 with an empty release candidate. `rc` may be null. The texts must stay valid.
 void setVersion(libusb_version version);
 
-// true: another thread handles events in a loop, so that libusb_try_lock_events answers 1. A round of it that is
-// interrupted while the event waiters' lock is held ends, and the next one begins when that lock is released. A thread
-// that is stuck in a callback does not end its round.
+// true: another thread handles events in a loop, so libusb_try_lock_events() returns 1. Interrupting the loop
+// while the event waiters' lock is held stops it until that lock is released. A thread that is stuck in a
+// callback does not stop.
 void setEventsHandled(bool handled);
 void setEventHandlerStuck();
 
-// What libusb_get_pollfds returns; null without any.
+// What libusb_get_pollfds() returns; null by default.
 void setPollDescriptors(std::vector<int> descriptors);
 
-// Accounting.
+// Resource tracking.
 
-// What was taken since reset() and not given back, one line each, "" if nothing:
+// What was acquired since reset() and not released, one line each, "" if nothing:
 //   dev1: 2 references
 //   hnd1: open
 //   hnd1: interface 0 claimed
@@ -234,18 +233,19 @@ void setPollDescriptors(std::vector<int> descriptors);
 //   event waiters' lock: held
 std::string leftovers();
 
-// What is held at this moment, whenever taken. The references are those of the code under test, without the
-// bus's and those of open handles.
+// What is held now, including what was acquired before reset(). References exclude those of the bus and of
+// open handles.
 int references(std::string_view name);
 int openHandles(std::string_view name);
-int initialisations();
+int initializations();
 
 // Wrong uses since reset(), each a text that begins with the function's name: a handle closed twice or used
-// after closing, a device used after its last reference, a reference given back that was not held, a list or
-// descriptor that is not (or no longer) one, an interface still claimed at closing with no attempt to release
-// it, use of a context that does not exist (libusb_init not called, failed, or undone), a null output
-// argument, a synchronous transfer or libusb_close by the thread that holds the events lock (it would hang).
-// libusb_free_..., _close and _unref_device accept null, and libusb_hotplug_deregister_callback the handle 0.
+// after closing, a device used after its last reference, a reference released that was not held, a list or
+// descriptor that is invalid or already freed, an interface still claimed at closing without an attempt to
+// release it, use of a nonexistent context (libusb_init() not called, failed, or undone), a null output
+// argument, a synchronous transfer or libusb_close() by the thread that holds the event lock (it would hang).
+// libusb_free_..., _close and _unref_device accept null, and libusb_hotplug_deregister_callback() accepts the
+// handle 0.
 std::vector<std::string> misuses();
 
 } // namespace fake_libusb

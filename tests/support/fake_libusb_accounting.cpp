@@ -1,11 +1,11 @@
-// What the code under test holds and what it did wrong.
+// What the code under test holds, and its misuses.
 
 #include "fake_libusb_state.h"
 
 namespace fake_libusb {
 namespace {
 
-// Lines in the order in which the devices were plugged, whatever order the hash tables have.
+// Lines in the order in which the devices were plugged, independent of hash order.
 void addHandles(std::string& text, const libusb_device& device) {
     std::map<int, const libusb_device_handle*> bySlot;
     for (const libusb_device_handle* handle : device.handles) {
@@ -53,8 +53,8 @@ std::string leftovers() {
             text += "callback " + std::to_string(registration.handle) + ": registered\n";
         }
     }
-    if (all->test.initialisations > 0) {
-        text += "libusb_init: " + std::to_string(all->test.initialisations) + " without libusb_exit\n";
+    if (all->test.initializations > 0) {
+        text += "libusb_init: " + std::to_string(all->test.initializations) + " without libusb_exit\n";
     }
     if (all->test.eventsLockHolder) {
         text += "events lock: held\n";

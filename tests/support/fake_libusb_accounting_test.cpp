@@ -3,7 +3,7 @@
 namespace fake = fake_libusb;
 using FakeAccountingTest = FakeLibusbTest;
 
-TEST_F(FakeAccountingTest, EveryThingThatIsHeldIsALine) {
+TEST_F(FakeAccountingTest, EachHeldResourceIsALine) {
     libusb_device* const first = fake::plug("dev1", fake::bulkReader());
     libusb_device* const second = fake::plug("dev2", fake::bulkReader());
     libusb_init(nullptr);
@@ -49,7 +49,7 @@ TEST_F(FakeAccountingTest, ListFreedWithoutUnreferencingLeavesTheReferences) {
     EXPECT_EQ(fake::misuses(), Lines{});
 }
 
-TEST_F(FakeAccountingTest, WrongUsesOfHandlesAreNoted) {
+TEST_F(FakeAccountingTest, WrongUsesOfHandlesAreRecorded) {
     libusb_device_handle* const handle = open(fake::plug("dev1", fake::bulkReader()));
     EXPECT_EQ(libusb_claim_interface(handle, 0), 0);
     libusb_close(handle);
@@ -65,7 +65,7 @@ TEST_F(FakeAccountingTest, WrongUsesOfHandlesAreNoted) {
                      "libusb_claim_interface: a handle that libusb never gave out"}));
 }
 
-TEST_F(FakeAccountingTest, WrongUsesOfDevicesAreNoted) {
+TEST_F(FakeAccountingTest, WrongUsesOfDevicesAreRecorded) {
     libusb_device* const device = fake::plug("dev1", fake::bulkReader());
     libusb_unref_device(device);
     libusb_ref_device(device);
@@ -94,7 +94,7 @@ TEST_F(FakeAccountingTest, OpenHandleKeepsAnUnpluggedDevice) {
     EXPECT_EQ(fake::misuses(), Lines{"libusb_get_bus_number: dev1 after its last reference was given back"});
 }
 
-TEST_F(FakeAccountingTest, WrongListsAndDescriptorsAreNoted) {
+TEST_F(FakeAccountingTest, InvalidListsAndDescriptorsAreRecorded) {
     const Context context;
     libusb_device** list = nullptr;
     libusb_get_device_list(nullptr, &list);
@@ -113,7 +113,7 @@ TEST_F(FakeAccountingTest, WrongListsAndDescriptorsAreNoted) {
                                       "libusb_hotplug_deregister_callback: no callback 5 is registered"}));
 }
 
-TEST_F(FakeAccountingTest, MillionsOfHandlesDoNotPileUp) {
+TEST_F(FakeAccountingTest, MillionsOfHandlesDoNotAccumulate) {
     fake::recordNothing();
     libusb_device* const device = fake::plug("dev1", fake::bulkReader());
     for (int i = 0; i < 20'000; ++i) {
@@ -124,12 +124,12 @@ TEST_F(FakeAccountingTest, MillionsOfHandlesDoNotPileUp) {
         fake::plug(name, fake::bulkReader());
         fake::unplug(name);
     }
-    EXPECT_THROW(fake::references("dev2"), std::invalid_argument) << "the oldest dead devices are given up";
+    EXPECT_THROW(fake::references("dev2"), std::invalid_argument) << "the oldest dead devices are freed";
     EXPECT_EQ(fake::references("dev3001"), 0);
     EXPECT_EQ(fake::leftovers(), "");
 }
 
-TEST_F(FakeAccountingTest, ForgetsTheDeadWhenAsked) {
+TEST_F(FakeAccountingTest, FreesDeadObjectsOnRequest) {
     libusb_device_handle* const closed = open(fake::plug("dev1", fake::bulkReader()));
     libusb_close(closed);
     fake::unplug("dev1");
@@ -137,7 +137,7 @@ TEST_F(FakeAccountingTest, ForgetsTheDeadWhenAsked) {
     fake::unplug("dev2");
     fake::forgetDead();
     EXPECT_THROW(fake::references("dev1"), std::invalid_argument);
-    EXPECT_EQ(fake::openHandles("dev2"), 1) << "what is open lives";
+    EXPECT_EQ(fake::openHandles("dev2"), 1) << "open handles are not freed";
     libusb_close(held);
     EXPECT_EQ(fake::misuses(), Lines());
     libusb_close(closed);

@@ -1,4 +1,4 @@
-// The bus as the test changes it.
+// Changes of the bus by the test.
 
 #include "fake_libusb_state.h"
 
@@ -65,7 +65,7 @@ libusb_device* replug(std::string_view name, std::string_view newName, Pointer p
     FakeReader reader = old.reader;
     reader.address = 0;
     if (pointer == Pointer::fresh) {
-        // Copied first: unplugging may be the end of the old device.
+        // Copied first, because unplugging may destroy the old device.
         detach(*all, old);
         return plugNew(*all, newName, std::move(reader));
     }
@@ -105,8 +105,7 @@ libusb_device* device(std::string_view name) {
 }
 
 void reset() {
-    // The hook and the handler may own things whose destruction calls libusb: they go after the lock is given
-    // back.
+    // Destroy the old hook and handler after releasing the lock: their destructors may call libusb.
     Test old;
     Access all;
     std::swap(old, all->test);

@@ -18,7 +18,7 @@ std::vector<libusb_device*> enumerated() {
 
 } // namespace
 
-TEST_F(FakeBusTest, EnumeratesInTheOrderOfPlugging) {
+TEST_F(FakeBusTest, EnumeratesInPlugOrder) {
     const Context context;
     libusb_device* const first = fake::plug("dev1", fake::bulkReader());
     libusb_device* const second = fake::plug("dev2", fake::controlReader());
@@ -28,7 +28,7 @@ TEST_F(FakeBusTest, EnumeratesInTheOrderOfPlugging) {
     EXPECT_EQ(fake::leftovers(), "");
 }
 
-TEST_F(FakeBusTest, EmptyBusGivesAnEmptyListThatHasToBeFreed) {
+TEST_F(FakeBusTest, EmptyBusReturnsAnEmptyListThatMustBeFreed) {
     const Context context;
     libusb_device** list = nullptr;
     EXPECT_EQ(libusb_get_device_list(nullptr, &list), 0);
@@ -39,7 +39,7 @@ TEST_F(FakeBusTest, EmptyBusGivesAnEmptyListThatHasToBeFreed) {
     EXPECT_EQ(fake::leftovers(), "");
 }
 
-TEST_F(FakeBusTest, DescriptorsSayWhatTheDescriptionSays) {
+TEST_F(FakeBusTest, DescriptorsMatchTheDescription) {
     fake::FakeReader reader = fake::bulkReader();
     reader.product = 3;
     reader.bus = 7;
@@ -68,7 +68,7 @@ TEST_F(FakeBusTest, DescriptorsSayWhatTheDescriptionSays) {
     EXPECT_EQ(fake::leftovers(), "");
 }
 
-TEST_F(FakeBusTest, OddConfigurationsCanBeDescribed) {
+TEST_F(FakeBusTest, UnusualConfigurationsCanBeDescribed) {
     fake::FakeReader none = fake::bulkReader();
     none.configurations.clear();
     fake::FakeReader noInterface = fake::bulkReader();
@@ -91,7 +91,7 @@ TEST_F(FakeBusTest, OddConfigurationsCanBeDescribed) {
     EXPECT_EQ(descriptor.bNumConfigurations, 0);
 }
 
-TEST_F(FakeBusTest, AListCanBeNullBesideItsCount) {
+TEST_F(FakeBusTest, ListCanBeNullDespiteItsCount) {
     const auto described = [](std::string_view name, fake::FakeList list) {
         fake::FakeReader reader = fake::bulkReader();
         reader.configurations[0].nullList = list;
@@ -113,7 +113,7 @@ TEST_F(FakeBusTest, AListCanBeNullBesideItsCount) {
     libusb_free_config_descriptor(config);
 }
 
-TEST_F(FakeBusTest, AddressesCountUpUnlessGiven) {
+TEST_F(FakeBusTest, AddressesIncreaseUnlessGiven) {
     EXPECT_EQ(libusb_get_device_address(fake::plug("dev1", fake::bulkReader())), 1);
     EXPECT_EQ(libusb_get_device_address(fake::plug("dev2", fake::bulkReader())), 2);
     fake::FakeReader far = fake::bulkReader();
@@ -122,7 +122,7 @@ TEST_F(FakeBusTest, AddressesCountUpUnlessGiven) {
     EXPECT_EQ(libusb_get_device_address(fake::plug("dev4", fake::bulkReader())), 1);
 }
 
-TEST_F(FakeBusTest, UnpluggedDeviceAnswersNoDeviceWhereItWouldBeReached) {
+TEST_F(FakeBusTest, CallsThatReachAnUnpluggedDeviceReturnNoDevice) {
     libusb_device* const device = fake::plug("dev1", fake::bulkReader());
     libusb_device_handle* const handle = open(device);
     ASSERT_EQ(libusb_claim_interface(handle, 0), 0);
@@ -152,7 +152,7 @@ TEST_F(FakeBusTest, UnpluggedDeviceAnswersNoDeviceWhereItWouldBeReached) {
     EXPECT_EQ(fake::leftovers(), "");
 }
 
-TEST_F(FakeBusTest, ReplugGivesAnotherPointerAndTheSameDescription) {
+TEST_F(FakeBusTest, ReplugReturnsAnotherPointerWithTheSameDescription) {
     fake::FakeReader reader = fake::bulkReader("AB");
     reader.address = 1;
     libusb_device* const before = fake::plug("dev1", reader);
@@ -170,7 +170,7 @@ TEST_F(FakeBusTest, ReplugGivesAnotherPointerAndTheSameDescription) {
     EXPECT_EQ(fake::misuses(), Lines{});
 }
 
-TEST_F(FakeBusTest, ReplugCanUseAFreedPointerAgainButNoneThatIsHeld) {
+TEST_F(FakeBusTest, ReplugCanReuseAFreedPointerButNotAHeldOne) {
     libusb_device* const before = fake::plug("dev1", fake::bulkReader());
     libusb_ref_device(before);
     EXPECT_THROW(fake::replug("dev1", "dev1b", fake::Pointer::same), std::logic_error);
@@ -191,7 +191,7 @@ TEST_F(FakeBusTest, NamesAreUniqueWhileTheDeviceExists) {
     EXPECT_THROW(fake::device("dev9"), std::invalid_argument);
 }
 
-TEST_F(FakeBusTest, ChangesReachTheOpenDevice) {
+TEST_F(FakeBusTest, ChangesApplyToAnOpenDevice) {
     libusb_device_handle* const handle = open(fake::plug("dev1", fake::bulkReader()));
     fake::change("dev1", [](fake::FakeReader& reader) {
         reader.strings[5] = LIBUSB_ERROR_IO;
@@ -204,7 +204,7 @@ TEST_F(FakeBusTest, ChangesReachTheOpenDevice) {
     libusb_close(handle);
 }
 
-TEST_F(FakeBusTest, ResetUnplugsEverythingAndForgetsTheNames) {
+TEST_F(FakeBusTest, ResetUnplugsEverythingAndFreesTheNames) {
     libusb_device* const old = fake::plug("dev1", fake::bulkReader());
     libusb_ref_device(old);
     EXPECT_EQ(fake::leftovers(), "dev1: 1 reference\n");

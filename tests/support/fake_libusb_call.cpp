@@ -76,8 +76,8 @@ std::optional<int> Call::failure() {
     auto& planned = test.failures[function_.index()];
     for (auto failure = planned.begin(); failure != planned.end();) {
         const bool matches = failure->device.empty() || failure->device == device_;
-        // When two failures fall due at one call, the earlier planned one happens and the other waits for the
-        // next.
+        // If two failures are due at one call, the one planned first occurs, and the other one at the next
+        // call.
         const bool due = matches && failure->calls <= 1;
         if (matches && !due) {
             --failure->calls;
@@ -151,7 +151,7 @@ bool Call::usable(const libusb_context* context) {
         misuse("a context other than the default one");
         return false;
     }
-    if (state.initialisations == 0 || state.test.initialisationFailed) {
+    if (state.initializations == 0 || state.test.initializationFailed) {
         misuse("there is no context");
         return false;
     }

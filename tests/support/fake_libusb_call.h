@@ -1,6 +1,7 @@
-// The frame of one libusb call in the stand-in: what every function does before and after its own effect.
+// The common part of every libusb call in the stand-in: what each function does before and after its own
+// effect.
 //
-// A Call holds State::mutex from its construction to its end, but for hooks and what it runs unlocked.
+// A Call holds State::mutex for its whole lifetime, except while it runs hooks and unlocked actions.
 #pragma once
 
 #include "fake_libusb_state.h"
@@ -9,16 +10,15 @@
 
 namespace fake_libusb {
 
-// A number that is recorded as "0x02".
+// A number that is recorded in hexadecimal, such as "0x02".
 struct Hexadecimal {
     unsigned value;
     int digits = 2;
 };
 
-// The frame of one libusb call: runs the hook, then holds the state's mutex; records the call when it
-// returns.
+// Runs the hook, then locks the state; records the call when it returns.
 class Call {
-    support::AllocationPause pause_; // first, so that it covers all the others
+    support::AllocationPause pause_; // first, so that it covers the other members
 
 public:
     explicit Call(KnownFunction function, const libusb_device* device = nullptr);
@@ -26,33 +26,32 @@ public:
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
 
-    // The code with which this call shall fail, if it shall.
+    // The planned error code of this call, if any.
     std::optional<int> failure();
 
-    // Why a call on this handle that reaches the device cannot take place: misuse, planned failure, no
-    // device.
+    // Why a call on this handle cannot reach the device: misuse, planned failure, no device.
     std::optional<int> refusal(const libusb_device_handle* handle);
 
-    // The same for a synchronous transfer, which besides cannot take place where events are being handled.
+    // The same for a synchronous transfer, which also fails inside event handling.
     std::optional<int> transferRefusal(const libusb_device_handle* handle);
 
-    // Checks of what the caller passed; a wrong one is noted as misuse and false.
+    // Check an argument; record a wrong one as misuse and return false.
     bool usable(const libusb_device* device);
     bool usable(const libusb_device_handle* handle);
     bool usable(const libusb_context* context);
     bool given(const void* pointer, const char* what);
     void misuse(const std::string& text);
 
-    // Notes a call that waits for an event and would wait for ever.
+    // Record a call that would wait for an event forever.
     void waitsForEvents();
 
-    // Takes back one reference of the caller's.
+    // Release one reference of the caller's.
     void unreference(libusb_device& device);
 
-    // The name of the device that the call concerns, "" if none.
+    // The name of the device that the call concerns, or "".
     const std::string& device() const { return device_; }
 
-    // Runs `action` without the mutex.
+    // Run `action` without the mutex.
     template <class Action>
     auto unlocked(Action action) {
         struct Relock {
@@ -64,7 +63,7 @@ public:
         return action();
     }
 
-    // Records the call and passes its result on.
+    // Record the call and return its result.
     template <class Result, class... Arguments>
     Result returns(Result result, const Arguments&... arguments) {
         if (recorded()) {

@@ -1,4 +1,4 @@
-// The calls that concern libusb as a whole: beginning and end, version, capabilities, the events lock.
+// Calls that concern libusb as a whole: initialization and exit, version, capabilities, the event lock.
 
 #include "fake_libusb_call.h"
 
@@ -16,12 +16,12 @@ int libusb_init(libusb_context** context) {
         return call.returns(LIBUSB_ERROR_OTHER, "other");
     }
     if (const auto code = call.failure()) {
-        call.state.test.initialisationFailed = true;
+        call.state.test.initializationFailed = true;
         return call.returns(*code, asked);
     }
-    call.state.test.initialisationFailed = false;
-    ++call.state.initialisations;
-    ++call.state.test.initialisations;
+    call.state.test.initializationFailed = false;
+    ++call.state.initializations;
+    ++call.state.test.initializations;
     return call.returns(0, asked);
 }
 
@@ -31,8 +31,8 @@ void libusb_exit(libusb_context* context) {
     if (!call.usable(context)) {
         return;
     }
-    --call.state.test.initialisations;
-    if (--call.state.initialisations > 0) {
+    --call.state.test.initializations;
+    if (--call.state.initializations > 0) {
         return;
     }
     for (const auto& device : call.state.devices) {
@@ -185,8 +185,8 @@ void setPollDescriptors(std::vector<int> descriptors) {
     Access()->test.pollDescriptors = std::move(descriptors);
 }
 
-int initialisations() {
-    return Access()->initialisations;
+int initializations() {
+    return Access()->initializations;
 }
 
 } // namespace fake_libusb

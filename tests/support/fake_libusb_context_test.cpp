@@ -7,9 +7,9 @@ using FakeContextTest = FakeLibusbTest;
 
 namespace {
 
-// Uses libusb before main and after it, as a library with a static object does.
+// Uses libusb before and after main(), as a library with a static object does.
 struct Loaded {
-    int initialised = libusb_init(nullptr);
+    int initialized = libusb_init(nullptr);
     Loaded() { libusb_exit(nullptr); }
     ~Loaded() {
         libusb_init(nullptr);
@@ -24,10 +24,10 @@ const Loaded loaded;
 } // namespace
 
 TEST_F(FakeContextTest, CanBeUsedBeforeMain) {
-    EXPECT_EQ(loaded.initialised, 0);
+    EXPECT_EQ(loaded.initialized, 0);
 }
 
-TEST_F(FakeContextTest, UseWithoutAContextIsNoted) {
+TEST_F(FakeContextTest, UseWithoutAContextIsRecorded) {
     libusb_device** list = nullptr;
     EXPECT_EQ(libusb_get_device_list(nullptr, &list), LIBUSB_ERROR_OTHER);
     libusb_exit(nullptr);
@@ -44,7 +44,7 @@ TEST_F(FakeContextTest, UseWithoutAContextIsNoted) {
     EXPECT_EQ(fake::misuses().size(), 3u);
 }
 
-TEST_F(FakeContextTest, FailedInitialisationLeavesNoContextEvenBesidesAnotherOne) {
+TEST_F(FakeContextTest, FailedInitializationLeavesNoContextEvenAfterASuccessfulOne) {
     const Context another;
     fake::failNext("libusb_init", LIBUSB_ERROR_OTHER);
     EXPECT_EQ(libusb_init(nullptr), LIBUSB_ERROR_OTHER);
@@ -54,7 +54,7 @@ TEST_F(FakeContextTest, FailedInitialisationLeavesNoContextEvenBesidesAnotherOne
     fake::reset();
 }
 
-TEST_F(FakeContextTest, EndWithDevicesStillHeldIsNoted) {
+TEST_F(FakeContextTest, ExitWithDevicesStillHeldIsRecorded) {
     libusb_init(nullptr);
     libusb_device* const device = libusb_ref_device(fake::plug("dev1", fake::bulkReader()));
     libusb_exit(nullptr);
@@ -73,7 +73,7 @@ TEST_F(FakeContextTest, VersionCanBeSetWithoutACandidate) {
     EXPECT_EQ(libusb_get_version()->micro, 26);
 }
 
-TEST_F(FakeContextTest, EventsLockBelongsToOneThread) {
+TEST_F(FakeContextTest, EventLockBelongsToOneThread) {
     const Context context;
     EXPECT_EQ(libusb_try_lock_events(nullptr), 0);
     EXPECT_EQ(libusb_try_lock_events(nullptr), 1);
@@ -87,7 +87,7 @@ TEST_F(FakeContextTest, EventsLockBelongsToOneThread) {
     EXPECT_EQ(libusb_try_lock_events(nullptr), 1);
 }
 
-TEST_F(FakeContextTest, AnInterruptedEventHandlerCannotComeBackWhileTheWaitersAreLocked) {
+TEST_F(FakeContextTest, InterruptedEventHandlerStaysOutWhileTheWaitersLockIsHeld) {
     const Context context;
     EXPECT_EQ(libusb_event_handler_active(nullptr), 0);
     fake::setEventsHandled(true);
@@ -102,7 +102,7 @@ TEST_F(FakeContextTest, AnInterruptedEventHandlerCannotComeBackWhileTheWaitersAr
     EXPECT_EQ(fake::misuses(), Lines());
 }
 
-TEST_F(FakeContextTest, EventsLockIsReleasedAfterTheWaitersLock) {
+TEST_F(FakeContextTest, EventLockIsReleasedAfterTheWaitersLock) {
     const Context context;
     libusb_lock_event_waiters(nullptr);
     EXPECT_EQ(libusb_try_lock_events(nullptr), 0);
@@ -116,7 +116,7 @@ TEST_F(FakeContextTest, EventsLockIsReleasedAfterTheWaitersLock) {
                      "libusb_unlock_event_waiters: this thread does not hold the event waiters' lock"}));
 }
 
-TEST_F(FakeContextTest, PollDescriptorsAreThoseOfTheTest) {
+TEST_F(FakeContextTest, PollDescriptorsAreThoseThatTheTestSets) {
     const Context context;
     EXPECT_EQ(libusb_get_pollfds(nullptr), nullptr);
     fake::setPollDescriptors({3, 4});
@@ -128,7 +128,7 @@ TEST_F(FakeContextTest, PollDescriptorsAreThoseOfTheTest) {
     libusb_free_pollfds(list);
 }
 
-TEST_F(FakeContextTest, WaitingWhileHoldingTheEventsLockIsNoted) {
+TEST_F(FakeContextTest, WaitingWhileHoldingTheEventLockIsRecorded) {
     const Context context;
     libusb_device_handle* const handle = open(fake::plug("dev1", fake::bulkReader()));
     EXPECT_EQ(libusb_try_lock_events(nullptr), 0);

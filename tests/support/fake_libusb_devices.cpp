@@ -1,4 +1,4 @@
-// The calls that find devices, keep references to them and read what is cached of them.
+// Calls that find devices, reference them and read their cached descriptors.
 
 #include "fake_libusb_call.h"
 

@@ -1,4 +1,4 @@
-// Which calls the test makes fail, and the hook.
+// Planned failures, and the hook.
 
 #include "fake_libusb_state.h"
 
@@ -54,7 +54,7 @@ void stopFailing() {
 }
 
 void setHook(Hook hook) {
-    // The old hook may own things whose destruction calls libusb: it goes after the lock is given back.
+    // Destroy the old hook after releasing the lock: its destructor may call libusb.
     const support::AllocationPause pause;
     auto next = hook ? std::make_shared<const Hook>(std::move(hook)) : nullptr;
     Access()->test.hook.swap(next);

@@ -11,7 +11,7 @@ int ignoreEvent(libusb_context*, libusb_device*, libusb_hotplug_event, void*) {
 
 } // namespace
 
-TEST_F(FakeFailuresTest, HappenInTheOrderInWhichTheyArePlanned) {
+TEST_F(FakeFailuresTest, OccurInPlannedOrder) {
     libusb_device* const device = fake::plug("dev1", fake::bulkReader());
     libusb_device_handle* handle = nullptr;
     fake::failNext("libusb_open", LIBUSB_ERROR_ACCESS);
@@ -28,7 +28,7 @@ TEST_F(FakeFailuresTest, HappenInTheOrderInWhichTheyArePlanned) {
     EXPECT_EQ(fake::leftovers(), "");
 }
 
-TEST_F(FakeFailuresTest, CanLastAndConcernOneDevice) {
+TEST_F(FakeFailuresTest, CanPersistAndAffectOneDevice) {
     libusb_device* const first = fake::plug("dev1", fake::bulkReader());
     libusb_device* const second = fake::plug("dev2", fake::bulkReader());
     libusb_device_handle* const firstHandle = open(first);
@@ -101,7 +101,7 @@ TEST_F(FakeFailuresTest, EveryFunctionThatReturnsACodeCanFailAndThenHasNoEffect)
     EXPECT_THROW(fake::failNth("libusb_open", 0, -1), std::invalid_argument);
 }
 
-TEST_F(FakeFailuresTest, SweepMeetsEveryCallOnceAndEnds) {
+TEST_F(FakeFailuresTest, SweepFailsEveryCallOnceAndEnds) {
     std::string met;
     std::size_t n = 1;
     for (;; ++n) {

@@ -1,6 +1,4 @@
-// The libusb functions that the stand-in has, by name.
-//
-// Compile-time values only.
+// The libusb functions that the stand-in implements, by name. Compile-time values only.
 #pragma once
 
 #include <algorithm>
@@ -15,7 +13,7 @@ namespace fake_libusb {
 struct FunctionTraits {
     std::string_view name;
     bool fallible;    // returns a code
-    bool bookkeeping; // reaches no device and changes nothing but accounts
+    bool bookkeeping; // reaches no device and changes only counts
 };
 
 inline constexpr std::array functionTraits = std::to_array<FunctionTraits>({
@@ -58,7 +56,7 @@ inline constexpr std::array functionTraits = std::to_array<FunctionTraits>({
 
 inline constexpr std::size_t functionCount = functionTraits.size();
 
-// One of them, found by its name when the test runs.
+// A function found by its name at run time.
 class Function {
 public:
     explicit constexpr Function(std::string_view name)
@@ -77,7 +75,7 @@ private:
     std::size_t index_;
 };
 
-// One of them, named by a literal that the compiler looks up.
+// A function named by a literal, found at compile time.
 class KnownFunction : public Function {
 public:
     consteval KnownFunction(const char* name)

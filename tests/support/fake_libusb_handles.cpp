@@ -1,4 +1,4 @@
-// The calls that open and close a device and set it up for transfers.
+// Calls that open and close a device and prepare it for transfers.
 
 #include "fake_libusb_call.h"
 

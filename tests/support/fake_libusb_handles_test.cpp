@@ -70,7 +70,7 @@ TEST_F(FakeHandlesTest, HaltIsClearedOnEndpointsThatExist) {
     libusb_close(handle);
 }
 
-TEST_F(FakeHandlesTest, StringsAreCutToTheBufferAndTerminated) {
+TEST_F(FakeHandlesTest, StringsAreTruncatedToTheBufferAndTerminated) {
     fake::FakeReader reader = fake::bulkReader();
     reader.strings = {{1, std::string("A\0B\xFF", 4)}, {3, LIBUSB_ERROR_OVERFLOW}, {5, ""}};
     libusb_device_handle* const handle = open(fake::plug("dev1", reader));

@@ -41,7 +41,7 @@ TEST_F(FakeHookTest, ShowsWhoHoldsAMutexDuringTheCall) {
     pthread_mutex_destroy(&mutex);
 }
 
-TEST_F(FakeHookTest, MayThrowThroughTheCallWhichThenHasNoEffect) {
+TEST_F(FakeHookTest, MayThrowThroughTheCallThatThenHasNoEffect) {
     libusb_device* const device = fake::plug("dev1", fake::bulkReader());
     libusb_device_handle* handle = nullptr;
     fake::setHook([](std::string_view, std::string_view) { throw std::bad_alloc(); });
@@ -65,7 +65,7 @@ TEST_F(FakeHookTest, DoesNotRunForItsOwnCalls) {
     fake::setHook(nullptr);
 }
 
-TEST_F(FakeHookTest, ReplacesItselfSafely) {
+TEST_F(FakeHookTest, CanReplaceItself) {
     fake::setHook([](std::string_view, std::string_view) { fake::setHook(nullptr); });
     EXPECT_EQ(libusb_has_capability(0), 1);
     EXPECT_EQ(libusb_has_capability(0), 1);
@@ -73,7 +73,7 @@ TEST_F(FakeHookTest, ReplacesItselfSafely) {
 
 TEST_F(FakeHookTest, OwnAllocationsOfTheStandInAreNotCounted) {
     if (!support::allocationsAreWatched) {
-        GTEST_SKIP() << "operator new is the sanitizer's";
+        GTEST_SKIP() << "the sanitizer replaces operator new";
     }
     libusb_device* const device = fake::plug("dev1", fake::bulkReader());
     const std::size_t before = support::allocations();
@@ -83,7 +83,7 @@ TEST_F(FakeHookTest, OwnAllocationsOfTheStandInAreNotCounted) {
     EXPECT_FALSE(failure.happened());
 }
 
-TEST_F(FakeHookTest, ManyThreadsAtOnceStayBalanced) {
+TEST_F(FakeHookTest, ManyThreadsLeaveNothingBehind) {
     const Context context;
     for (const char* const name : {"dev1", "dev2", "dev3"}) {
         fake::plug(name, fake::bulkReader());
@@ -101,7 +101,7 @@ TEST_F(FakeHookTest, ManyThreadsAtOnceStayBalanced) {
     for (int i = 0; i < threads; ++i) {
         running.emplace_back([&, i] {
             for (int round = 0; round < rounds; ++round) {
-                // Another thread's list may still hold the device of the round before.
+                // Another thread's list may still hold the device of the previous round.
                 const std::string own = "own" + std::to_string(i * rounds + round);
                 fake::plug(own, fake::controlReader());
                 fake::fireArrived(own);

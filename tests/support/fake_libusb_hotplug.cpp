@@ -1,4 +1,4 @@
-// Hot-plug callbacks: their registration and their delivery.
+// Registration and delivery of hot-plug callbacks.
 
 #include "fake_libusb_call.h"
 
@@ -22,7 +22,7 @@ int lowestFreeHandle(const std::vector<Registration>& registrations) {
     return handle;
 }
 
-// libusb describes every device of the bus as class 0 here, so a callback for another class never matches.
+// The stand-in's devices all have class 0, so a callback for another class never matches.
 bool matches(const Registration& registration, const libusb_device& device, int event) {
     const auto accepts = [](int wanted, int present) {
         return wanted == LIBUSB_HOTPLUG_MATCH_ANY || wanted == present;
@@ -31,7 +31,7 @@ bool matches(const Registration& registration, const libusb_device& device, int 
            accepts(registration.product, device.reader.product) && accepts(registration.deviceClass, 0);
 }
 
-// Marks this thread as handling events for its lifetime.
+// Marks this thread as handling events for the lifetime of the object.
 class EventHandling {
 public:
     explicit EventHandling(bool inside)
@@ -60,7 +60,7 @@ void unpin(libusb_device& device) {
     all->settle(device);
 }
 
-// libusb keeps a device that has left until all callbacks have heard of it: the pin does the same.
+// Keeps an unplugged device until all callbacks have been called, as libusb does.
 class Pin {
 public:
     explicit Pin(std::string_view name) {
@@ -160,7 +160,7 @@ int libusb_hotplug_register_callback(libusb_context* context, int events, int fl
 void libusb_hotplug_deregister_callback(libusb_context* context, libusb_hotplug_callback_handle handle) {
     Call call("libusb_hotplug_deregister_callback");
     call.done(context, handle);
-    // libusb never gives out the handle 0 and ignores it.
+    // libusb never assigns the handle 0 and ignores it.
     if (!call.usable(context) || handle == 0) {
         return;
     }

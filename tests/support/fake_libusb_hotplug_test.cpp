@@ -14,7 +14,7 @@ std::vector<Event> events;
 
 int note(libusb_context* context, libusb_device* device, libusb_hotplug_event event, void* result) {
     EXPECT_EQ(context, nullptr);
-    EXPECT_NE(libusb_get_device_address(device), 0) << "a device that has left can still be asked";
+    EXPECT_NE(libusb_get_device_address(device), 0) << "an unplugged device can still be queried";
     events.push_back({device, event});
     return result == nullptr ? 0 : 1;
 }
@@ -37,7 +37,7 @@ protected:
 
 } // namespace
 
-TEST_F(FakeHotplugTest, DeliversToTheCallbacksThatMatch) {
+TEST_F(FakeHotplugTest, CallsMatchingCallbacks) {
     libusb_device* const reader = fake::plug("dev1", fake::bulkReader());
     fake::plug("lamp", fake::foreignDevice());
     const int arrived = watch(LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED, GVUSB_VENDOR_ID);
@@ -56,7 +56,7 @@ TEST_F(FakeHotplugTest, DeliversToTheCallbacksThatMatch) {
     EXPECT_EQ(fake::misuses(), Lines{});
 }
 
-TEST_F(FakeHotplugTest, CallbackThatReturnsNonZeroIsGone) {
+TEST_F(FakeHotplugTest, CallbackThatReturnsNonzeroIsDeregistered) {
     fake::plug("dev1", fake::bulkReader());
     watch(LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED, GVUSB_VENDOR_ID, 1, this);
     EXPECT_EQ(fake::fireArrived("dev1"), 1);
@@ -64,7 +64,7 @@ TEST_F(FakeHotplugTest, CallbackThatReturnsNonZeroIsGone) {
     EXPECT_EQ(fake::registeredCallbacks(), 0);
 }
 
-TEST_F(FakeHotplugTest, EnumerationReportsWhatIsThere) {
+TEST_F(FakeHotplugTest, EnumerationReportsPresentDevices) {
     libusb_device* const reader = fake::plug("dev1", fake::bulkReader());
     const int handle = watch(LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED, LIBUSB_HOTPLUG_MATCH_ANY,
                              LIBUSB_HOTPLUG_MATCH_ANY, nullptr, LIBUSB_HOTPLUG_ENUMERATE);
@@ -100,7 +100,7 @@ TEST_F(FakeHotplugTest, SynchronousTransfersAreBusyInsideEventHandlingOnly) {
     EXPECT_EQ(fake::misuses(), Lines{});
 }
 
-TEST_F(FakeHotplugTest, RegistrationRefusesWhatLibusbRefuses) {
+TEST_F(FakeHotplugTest, RegistrationRejectsWhatLibusbRejects) {
     libusb_hotplug_callback_handle handle = 0;
     const auto attempt = [&](int chosen, int vendor) {
         return libusb_hotplug_register_callback(nullptr, static_cast<libusb_hotplug_event>(chosen), 0, vendor,

@@ -1,4 +1,4 @@
-// What the test records of the calls.
+// Recording of calls.
 
 #include "fake_libusb_state.h"
 

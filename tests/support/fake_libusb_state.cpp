@@ -3,8 +3,8 @@
 namespace fake_libusb {
 namespace {
 
-// Enough that a test's stale pointers still point at something known; few enough for millions of open and
-// close.
+// Large enough that a test's stale pointers are still recognized, small enough for millions of open and close
+// calls.
 constexpr std::size_t deadDevicesKept = 1024;
 constexpr std::size_t closedHandlesKept = 1024;
 

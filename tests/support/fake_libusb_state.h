@@ -1,6 +1,4 @@
-// The insides of the libusb stand-in: the one state behind fake_libusb.h.
-//
-// Everything here is guarded by State::mutex, which Access and Call hold.
+// The state behind fake_libusb.h. State::mutex guards everything here; Access and Call hold it.
 #pragma once
 
 #include "allocation_failure.h"
@@ -17,8 +15,8 @@
 #include <thread>
 #include <unordered_map>
 
-// The two opaque types of libusb. Objects that libusb would have freed are kept for a while, marked as dead,
-// so that their use is seen instead of being undefined.
+// libusb's two opaque types. Objects that libusb would have freed are kept for a while and marked as dead, to
+// detect their use without undefined behavior.
 struct libusb_device {
     std::string name;
     fake_libusb::FakeReader reader;
@@ -61,7 +59,7 @@ struct Configuration {
 
 struct DeviceList {
     std::unique_ptr<libusb_device*[]> given;
-    std::vector<libusb_device*> devices; // what was given, whatever the caller writes into it
+    std::vector<libusb_device*> devices; // as returned, whatever the caller writes into the list
     bool ofThisTest = true;
 };
 
@@ -77,14 +75,14 @@ struct Registration {
 };
 
 struct PlannedFailure {
-    std::size_t calls; // until it happens; 0: every time
+    std::size_t calls; // until it occurs; 0: every time
     int code;
     std::string device; // "" = any
 };
 
 inline constexpr libusb_version usualVersion = {1, 0, 26, 11724, "", "http://libusb.info"};
 
-// What a test configures or observes; reset() replaces it by a new one.
+// What a test configures or observes; reset() replaces it with a new one.
 struct Test {
     std::vector<libusb_device*> bus;
     std::uint8_t lastAddress = 0;
@@ -114,30 +112,30 @@ struct Test {
     std::optional<std::thread::id> waitersLockHolder;
     std::vector<int> pollDescriptors;
     std::optional<std::thread::id> eventsLockHolder;
-    bool initialisationFailed = false;
-    int initialisations = 0; // since reset()
+    bool initializationFailed = false;
+    int initializations = 0; // since reset()
 };
 
 struct State {
     std::mutex mutex;
     Test test;
-    std::deque<std::unique_ptr<libusb_device>> devices; // every one that is known, the latest last
+    std::deque<std::unique_ptr<libusb_device>> devices; // all that are known, the latest last
     std::unordered_map<const libusb_device*, libusb_device*> knownDevices;
     std::unordered_map<const libusb_device_handle*, std::unique_ptr<libusb_device_handle>> handles;
     std::deque<const libusb_device_handle*> closedHandles;
     std::unordered_map<const libusb_config_descriptor*, std::unique_ptr<Configuration>> configurations;
     std::unordered_map<libusb_device**, DeviceList> lists;
     std::vector<Registration> registrations;
-    std::deque<libusb_version> versions; // whatever libusb_get_version has pointed to stays
-    int initialisations = 0;             // in all
+    std::deque<libusb_version> versions; // never destroyed: libusb_get_version() returns pointers
+    int initializations = 0;             // in total
 
-    // The latest device of the name that the test plugged, dead or not; throws when there is none.
+    // The latest device with this name that the test plugged, dead or not; throws if there is none.
     libusb_device& named(std::string_view name);
 
-    // Marks the device as dead if nothing keeps it any more.
+    // Mark the device as dead if nothing references it.
     void settle(libusb_device& device);
 
-    // Closes the handle, which gives up its hold on the device.
+    // Close the handle and release its hold on the device.
     void retire(libusb_device_handle& handle);
 
     void misuse(const Function& function, const std::string& text);
@@ -145,7 +143,7 @@ struct State {
 
 State& state();
 
-// The state for the length of a statement or a block: locked, and with allocations out of the count.
+// Access to the state for a statement or a block: locked, and with allocations not counted.
 class Access {
 public:
     Access()
@@ -160,7 +158,7 @@ private:
     std::unique_lock<std::mutex> lock_;
 };
 
-// Whether the calling thread is in a hot-plug callback delivered by libusb's event handling.
+// Whether the calling thread is in a hot-plug callback that libusb's event handling called.
 bool& insideEventHandling();
 
 bool hasEndpoint(const libusb_device& device, std::uint8_t address);

@@ -1,4 +1,4 @@
-// A fresh bus for each test of the stand-in itself, and that it is left balanced.
+// Tests of the stand-in itself: each starts with a fresh bus and must leave no resources behind.
 #pragma once
 
 #include "fake_libusb.h"
@@ -10,11 +10,11 @@ protected:
     using Lines = std::vector<std::string>;
 
     FakeLibusbTest() { fake_libusb::reset(); }
-    ~FakeLibusbTest() override { EXPECT_EQ(fake_libusb::initialisations(), 0); }
+    ~FakeLibusbTest() override { EXPECT_EQ(fake_libusb::initializations(), 0); }
     FakeLibusbTest(const FakeLibusbTest&) = delete;
     FakeLibusbTest& operator=(const FakeLibusbTest&) = delete;
 
-    // libusb_init for as long as it lives; the test begins after it.
+    // Keeps libusb initialized for its lifetime, without recording the initialization.
     struct Context {
         Context() {
             libusb_init(nullptr);

@@ -1,4 +1,4 @@
-// The synchronous transfers: string descriptors, bulk and control.
+// Synchronous transfers: string descriptors, bulk and control.
 
 #include "fake_libusb_call.h"
 
@@ -12,14 +12,14 @@ constexpr int longestControlTransfer = 4096;
 
 struct Outcome {
     int code;
-    std::optional<int> count = std::nullopt; // none: the transfer was refused and touches no argument
+    std::optional<int> count = std::nullopt; // none: the transfer was refused and writes no argument
 };
 
 bool isOut(Transfer transfer) {
     return transfer == Transfer::bulkOut || transfer == Transfer::controlOut;
 }
 
-// Whether the device has what the transfer is addressed to, if nothing is scripted.
+// Whether the device has the target of the transfer, if no answer is scripted.
 int addressed(const libusb_device& device, const Request& request) {
     const bool bulk = request.transfer == Transfer::bulkOut || request.transfer == Transfer::bulkIn;
     if (bulk) {
@@ -184,7 +184,7 @@ void queueAnswer(std::string_view name, Transfer transfer, Answer answer) {
 }
 
 void setHandler(Handler handler) {
-    // The old handler may own things whose destruction calls libusb: it goes after the lock is given back.
+    // Destroy the old handler after releasing the lock: its destructor may call libusb.
     const support::AllocationPause pause;
     auto next = handler ? std::make_shared<const Handler>(std::move(handler)) : nullptr;
     Access()->test.handler.swap(next);

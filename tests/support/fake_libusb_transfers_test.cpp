@@ -57,7 +57,7 @@ TEST_F(FakeTransfersTest, ShortBulkInLeavesTheRestAndShortControlInDropsIt) {
     EXPECT_EQ(libusb_control_transfer(handle, 0xC0, 0, 0, 0, data, 2, 1000), LIBUSB_ERROR_TIMEOUT);
 }
 
-TEST_F(FakeTransfersTest, WhatTheDeviceDoesNotHaveFails) {
+TEST_F(FakeTransfersTest, MissingEndpointsAndUnknownRequestsFail) {
     unsigned char data[5000] = {};
     int transferred = 0;
     EXPECT_EQ(libusb_bulk_transfer(handle, 0x03, data, 1, &transferred, 1), LIBUSB_ERROR_IO);
@@ -83,7 +83,7 @@ TEST_F(FakeTransfersTest, QueuedAnswersComeFirstAndOnce) {
     EXPECT_EQ(fake::frames("dev1"), (std::vector<fake::Bytes>{{1, 2}}));
 }
 
-TEST_F(FakeTransfersTest, HandlerSeesTheWholeRequestAndMayLeaveItToTheEcho) {
+TEST_F(FakeTransfersTest, HandlerSeesTheWholeRequestAndMayDeferToTheEcho) {
     std::vector<std::string> seen;
     fake::setHandler([&](const fake::Request& request) -> std::optional<fake::Answer> {
         seen.push_back(request.device + " " + std::to_string(request.endpoint) + " " +
@@ -104,7 +104,7 @@ TEST_F(FakeTransfersTest, HandlerSeesTheWholeRequestAndMayLeaveItToTheEcho) {
                                               "dev1 192 7 8 9 0 1 50"}));
 }
 
-TEST_F(FakeTransfersTest, HandlerMayUnplugTheDeviceItIsAskedFor) {
+TEST_F(FakeTransfersTest, HandlerMayUnplugItsDevice) {
     fake::setHandler([](const fake::Request&) {
         fake::unplug("dev1");
         return fake::Answer{.code = LIBUSB_ERROR_NO_DEVICE};
@@ -114,13 +114,13 @@ TEST_F(FakeTransfersTest, HandlerMayUnplugTheDeviceItIsAskedFor) {
     EXPECT_EQ(send({1}), LIBUSB_ERROR_NO_DEVICE);
 }
 
-TEST_F(FakeTransfersTest, ResetLosesWhatWasWaiting) {
+TEST_F(FakeTransfersTest, ResetDropsQueuedFrames) {
     EXPECT_EQ(send({1}), 0);
     EXPECT_EQ(libusb_reset_device(handle), 0);
     EXPECT_EQ(receive(1).code, LIBUSB_ERROR_TIMEOUT);
 }
 
-TEST_F(FakeTransfersTest, VolumeKeepsNothing) {
+TEST_F(FakeTransfersTest, KeepsNothingIfRecordingIsOff) {
     fake::recordNothing();
     fake::takeCalls();
     unsigned char data[16] = {};

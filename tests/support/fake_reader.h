@@ -1,6 +1,5 @@
-// The description of a device on the fake bus: what its descriptors say and how it answers by itself.
-//
-// Plain values without any locking; fake_libusb::plug() copies the description.
+// The description of a device on the fake bus: its descriptors and its default answers. Plain values;
+// fake_libusb::plug() copies the description.
 #pragma once
 
 #include <cstdint>
@@ -29,47 +28,47 @@ struct FakeEndpoint {
 using FakeAltSetting = std::vector<FakeEndpoint>;
 
 struct FakeInterface {
-    // bInterfaceNumber is the position in FakeConfiguration::interfaces unless given here.
+    // Overrides bInterfaceNumber, which by default is the position in FakeConfiguration::interfaces.
     std::vector<FakeAltSetting> altSettings = {{}};
     std::optional<std::uint8_t> number = std::nullopt;
 };
 
-// A list of libusb's description of a configuration.
+// A list in libusb's description of a configuration.
 enum class FakeList { interfaces, altSettings, endpoints };
 
 struct FakeConfiguration {
     std::uint8_t value = 1; // bConfigurationValue
     std::vector<FakeInterface> interfaces = {FakeInterface{}};
 
-    // Such lists are null, and their counts are as if they were there. That is what libusb leaves of the
-    // endpoints of a configuration that ends inside the first of them.
+    // Makes such lists null without changing their counts. libusb leaves the endpoints this way if a
+    // configuration ends inside the first endpoint descriptor.
     std::optional<FakeList> nullList = std::nullopt;
 };
 
-// What a string descriptor holds, or the libusb code that reading it returns. The bytes are handed over as
-// they are (real libusb would turn those above 0x7F into '?' and never has more than 126), cut to the
-// caller's buffer less one and zero-terminated.
+// The content of a string descriptor, or the libusb code that reading it returns. The bytes are returned
+// unchanged, truncated to the caller's buffer minus one and zero-terminated. The real libusb replaces bytes
+// above 0x7F with '?' and returns at most 126.
 using FakeString = std::variant<std::string, int>;
 
 struct FakeReader {
     std::uint16_t vendor = GVUSB_VENDOR_ID;
     std::uint16_t product = 1;
     std::uint8_t bus = 1;
-    std::uint8_t address = 0; // 0: one more than the highest address plugged since reset()
+    std::uint8_t address = 0; // 0: one more than the highest address used since reset()
 
-    // A string that is not in the map answers LIBUSB_ERROR_PIPE, as a stalled request does.
+    // A string that is not in the map fails with LIBUSB_ERROR_PIPE, like a stalled request.
     std::map<std::uint8_t, FakeString> strings = {
         {1, "1A2B3C"}, {3, "DESKTOP"}, {5, "READER ONE"}, {6, "TESK RCI2"}, {10, "17"}};
 
-    // In descriptor order; the first one is active after plugging. libusb_set_configuration with a value that
-    // is not here answers LIBUSB_ERROR_NOT_FOUND.
+    // In descriptor order; the first one is active after plugging. libusb_set_configuration() with any other
+    // value returns LIBUSB_ERROR_NOT_FOUND.
     std::vector<FakeConfiguration> configurations = {FakeConfiguration{}};
 
-    // bNumConfigurations of the device descriptor, when it shall differ from configurations.size().
+    // Overrides bNumConfigurations of the device descriptor, which is configurations.size() by default.
     std::optional<std::uint8_t> reportedConfigurations = std::nullopt;
 
     bool kernelDriver = false;     // a kernel driver holds interface 0 until it is detached
-    bool claimedElsewhere = false; // another process holds interface 0: claiming answers LIBUSB_ERROR_BUSY
+    bool claimedElsewhere = false; // another process holds interface 0: claiming returns LIBUSB_ERROR_BUSY
 };
 
 // A reader whose interface 0 has the bulk endpoints 0x81 (IN) and 0x02 (OUT).
@@ -80,7 +79,7 @@ inline FakeReader bulkReader(std::string deviceId = "1A2B3C") {
     return reader;
 }
 
-// A reader without endpoints of its own, served by vendor control transfers.
+// A reader without bulk endpoints, which uses vendor control transfers.
 inline FakeReader controlReader(std::string deviceId = "4D5E6F") {
     FakeReader reader;
     reader.product = 2;
@@ -88,7 +87,7 @@ inline FakeReader controlReader(std::string deviceId = "4D5E6F") {
     return reader;
 }
 
-// Something on the bus that is not one of the maker's readers.
+// A device on the bus that is not a reader.
 inline FakeReader foreignDevice() {
     FakeReader device = bulkReader();
     device.vendor = GVUSB_VENDOR_ID ^ 0x0001;

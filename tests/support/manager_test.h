@@ -1,5 +1,4 @@
-// A fresh manager for each test, built in the place of the global one so that the exported functions work on
-// it.
+// A fresh manager for each test, built in place of the global one so that the exported functions use it.
 #pragma once
 
 #include "configuration_file.h"
@@ -16,8 +15,7 @@
 
 class ManagerTest : public testing::Test {
 protected:
-    // Without polling, so that nothing but the test calls libusb; a test that needs more restarts the
-    // manager.
+    // Without polling, so that only the test calls libusb. A test that needs polling restarts the manager.
     static constexpr const char* quiet = "nopnp";
 
     ManagerTest() {
@@ -25,7 +23,7 @@ protected:
         fake_libusb::takeCalls();
     }
 
-    // Whatever a test did, the manager gives everything back when it goes.
+    // The manager must release everything when it is destroyed, whatever a test did.
     ~ManagerTest() override {
         fake_libusb::setEventsHandled(false);
         g_GvUsbMan.~GVDrvHnd();
@@ -36,7 +34,7 @@ protected:
     ManagerTest(const ManagerTest&) = delete;
     ManagerTest& operator=(const ManagerTest&) = delete;
 
-    // Unloads and loads, in effect: the manager goes and comes back with this configuration file.
+    // Simulate unloading and loading: destroy the manager and build a new one with this configuration file.
     static void restart(const std::string& configuration) {
         g_GvUsbMan.~GVDrvHnd();
         build(configuration);
@@ -48,8 +46,7 @@ private:
         support::setConfigurationText(configuration);
         const int sleepsBefore = support::sleepsBegun();
         new (&g_GvUsbMan) GVDrvHnd;
-        // What the worker tells when it starts is behind it then, and does not turn up in the middle of the
-        // test.
+        // Wait until the worker has logged its start, so that the line does not appear during the test.
         while (g_GvUsbMan.m_bThreadStarted && support::sleepsBegun() == sleepsBefore) {
             std::this_thread::yield();
         }

@@ -1,7 +1,7 @@
-// Tells whether somebody holds a mutex.
+// Tells whether a mutex is held.
 //
-// May be asked from any thread, also from the one that holds the mutex: another thread tries it, so that the
-// answer does not depend on who asks.
+// Works in any thread, including the one that holds the mutex: a separate thread tries to lock it, so the
+// answer does not depend on the caller.
 #pragma once
 
 #include "allocation_failure.h"
@@ -23,7 +23,7 @@ inline bool isHeld(pthread_mutex_t& mutex) {
     return held;
 }
 
-// The same for a class that is nothing but a pthread_mutex_t.
+// The same for a class that consists of only a pthread_mutex_t.
 template <class Wrapper>
 requires(sizeof(Wrapper) == sizeof(pthread_mutex_t)) bool isHeld(Wrapper& mutex) {
     return isHeld(reinterpret_cast<pthread_mutex_t&>(mutex));

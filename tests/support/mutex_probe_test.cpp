@@ -10,7 +10,7 @@ struct Wrapper {
 
 } // namespace
 
-TEST(MutexProbeTest, SeesAMutexHeldByTheAskingThreadAndLeavesItAsItIs) {
+TEST(MutexProbeTest, DetectsAMutexHeldByTheCallingThreadAndDoesNotChangeIt) {
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     EXPECT_FALSE(support::isHeld(mutex));
     EXPECT_FALSE(support::isHeld(mutex));
@@ -21,7 +21,7 @@ TEST(MutexProbeTest, SeesAMutexHeldByTheAskingThreadAndLeavesItAsItIs) {
     pthread_mutex_destroy(&mutex);
 }
 
-TEST(MutexProbeTest, SeesThroughAWrapper) {
+TEST(MutexProbeTest, DetectsAHeldMutexInAWrapper) {
     Wrapper wrapper;
     EXPECT_FALSE(support::isHeld(wrapper));
     pthread_mutex_lock(&wrapper.mutex);

@@ -1,4 +1,4 @@
-/* Options of the thread sanitizer, for every program of tests however it is started. */
+/* Options of the thread sanitizer for every test program. */
 
 const char* __tsan_default_options(void);
 const char* __tsan_default_suppressions(void);
@@ -8,9 +8,9 @@ const char* __tsan_default_options(void) {
 }
 
 /*
- * The manager destroys the scan-list mutex while it holds it, so that nobody else gets it at unloading. And
- * libusb 1.0.26 destroys a transfer's mutex after its event thread has let it go, in an order that the tool
- * cannot see.
+ * The manager destroys the scan-list mutex while it holds it, so that no other thread locks it during
+ * unloading. And libusb 1.0.26 destroys a transfer's mutex after its event thread has unlocked it, in an
+ * order that the sanitizer cannot see.
  */
 const char* __tsan_default_suppressions(void) {
     return "mutex:GVDrvHnd::~GVDrvHnd\n"

@@ -10,7 +10,7 @@ namespace {
 
 constinit std::atomic<bool> steered = false;
 constinit std::atomic<int> begun = 0;
-constinit std::atomic<int> asleep = 0; // steered sleeps in progress
+constinit std::atomic<int> asleep = 0; // controlled sleeps in progress
 constinit std::atomic<int> wakings = 0;
 std::mutex lengthsMutex;
 std::vector<unsigned int> lengthsSoFar;
@@ -20,7 +20,7 @@ void pauseShortly() {
     nanosleep(&pause, nullptr);
 }
 
-// Also when the sleeping thread is cancelled.
+// A destructor, so that it also runs when the sleeping thread is canceled.
 struct Asleep {
     Asleep() { ++asleep; }
     ~Asleep() { --asleep; }
@@ -37,7 +37,7 @@ bool takeWaking() {
 
 } // namespace
 
-// Ends, as the real one does, when its thread is cancelled.
+// A cancellation point, like the real usleep().
 extern "C" int usleep(useconds_t microseconds) {
     if (!steered) {
         ++begun;
@@ -49,10 +49,10 @@ extern "C" int usleep(useconds_t microseconds) {
         const std::lock_guard lock(lengthsMutex);
         lengthsSoFar.push_back(microseconds);
     }
-    ++begun; // first, so that whoever waits for the thread to be asleep finds it counted
+    ++begun; // first, so that a waiting test finds the sleep counted
     const Asleep now;
-    // Cancelled here and not in the pause: the thread sanitizer loses track of a thread cancelled in a call
-    // that it intercepts, and then takes what the thread does at its end for races.
+    // Allow cancellation here and not in the pause: if a thread is canceled in an intercepted call, the
+    // thread sanitizer loses track of it and reports false races at its end.
     while (steered && !takeWaking()) {
         int before = 0;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);

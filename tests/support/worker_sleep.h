@@ -1,14 +1,14 @@
-// The worker thread's sleep, which a test can watch and steer: usleep of the test program.
+// Replaces usleep() in the test program, so that a test can observe and control the worker thread's sleep.
 //
-// May be used from any thread.
+// Thread-safe.
 #pragma once
 
 #include <vector>
 
 namespace support {
 
-// While it lives, sleeps end only when the test says so. It steers sleeps that begin from now on, so build it
-// before the manager.
+// Makes sleeps last until the test ends them. Affects sleeps that begin from now on, so create it before the
+// manager.
 class [[nodiscard]] SteeredSleep {
 public:
     SteeredSleep();
@@ -16,21 +16,21 @@ public:
     SteeredSleep(const SteeredSleep&) = delete;
     SteeredSleep& operator=(const SteeredSleep&) = delete;
 
-    // Returns once the worker sleeps.
+    // Wait until the worker sleeps.
     void waitUntilAsleep();
 
-    // Ends the sleep in progress and returns when the next one has begun: one turn of the worker's loop.
+    // End the sleep in progress and wait for the next one to begin: one iteration of the worker's loop.
     void turn();
 
-    // The same without waiting for the next sleep, which may never come.
+    // The same without waiting for the next sleep, which may never begin.
     void wake();
 
-    // The sleeps so far, in microseconds, the one in progress included.
+    // The lengths of the sleeps so far in microseconds, including the one in progress.
     static std::vector<unsigned int> lengths();
 };
 
-// How many sleeps have begun since the start of the program, steered or not. The worker's first one tells
-// that the worker runs.
+// The number of sleeps begun since the start of the program, controlled or not. The first one shows that the
+// worker is running.
 int sleepsBegun();
 
 } // namespace support

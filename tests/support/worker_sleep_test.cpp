@@ -39,7 +39,7 @@ private:
     std::thread thread_;
 };
 
-TEST_F(WorkerSleep, EndsOnlyWhenItIsToldTo) {
+TEST_F(WorkerSleep, EndsOnlyOnRequest) {
     runLoop();
     sleep.waitUntilAsleep();
     EXPECT_EQ(turns, 0);
@@ -52,7 +52,7 @@ TEST_F(WorkerSleep, EndsOnlyWhenItIsToldTo) {
     EXPECT_EQ(turns, 3);
 }
 
-TEST_F(WorkerSleep, CountsWhatHasBegun) {
+TEST_F(WorkerSleep, CountsSleepsThatHaveBegun) {
     const int before = sleepsBegun();
     runLoop();
     sleep.waitUntilAsleep();
@@ -61,7 +61,7 @@ TEST_F(WorkerSleep, CountsWhatHasBegun) {
     EXPECT_EQ(sleepsBegun(), before + 1);
 }
 
-TEST_F(WorkerSleep, EndsWhenItsThreadIsCancelled) {
+TEST_F(WorkerSleep, EndsWhenItsThreadIsCanceled) {
     pthread_t thread;
     const auto sleepForHours = [](void*) -> void* {
         usleep(4'000'000'000);
