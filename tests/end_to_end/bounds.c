@@ -1,23 +1,25 @@
-/* What is written into a caller's memory, and read from it, when readers say the most that a descriptor holds.
- * The memory ends where nothing more may be touched. */
+/*
+ * Check that the library stays within the caller's buffers, even if readers send descriptors of the maximum
+ * length. Each buffer ends at an inaccessible page.
+ */
 #include "testing.h"
 
 #include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-/* The readers as CMakeLists.txt describes them, by number. */
+/* The readers as described in CMakeLists.txt, by number. */
 enum { bulk_reader = 1, control_reader };
 enum { bulk_id = 0xB1, control_id = 0xC1 };
 
-enum { longest_string = 126 }; /* a descriptor of 255 bytes has no more UTF-16 units */
+enum { longest_string = 126 }; /* a descriptor has at most 255 bytes, which is room for 126 UTF-16 units */
 
 struct edge {
     char* mapped;
     size_t page, size;
 };
 
-/* `size` bytes, at most a page, behind which everything is forbidden. */
+/* Return `size` bytes, at most a page, in front of an inaccessible page. */
 static struct edge edge_of(size_t size) {
     struct edge edge = {.page = (size_t)sysconf(_SC_PAGESIZE), .size = size};
     assert_true(size <= edge.page);
@@ -46,7 +48,7 @@ static void check_value(int handle, const char* key, const char* expected) {
     free_edge(&value);
 }
 
-/* Both readers say `told` in all their strings but the ID; the library has to read `expected`. */
+/* Both readers send `told` as all of their strings except the ID; the library must read `expected`. */
 static void check_strings(const char* told, const char* expected) {
     static const int indexes[] = {3, 5, 6, 10};
     for (int reader = bulk_reader; reader <= control_reader; ++reader) {
@@ -74,13 +76,13 @@ static void repeat(char* text, const char* piece, size_t size) {
     text[size] = '\0';
 }
 
-static void TheLongestDescriptorsAreReadWhole(void** state) {
+static void TheLongestDescriptorsAreReadCompletely(void** state) {
     char text[longest_string + 1];
     repeat(text, "x", longest_string);
     check_strings(text, text);
 }
 
-static void FormatsInDescriptorsAreTextLikeAnyOther(void** state) {
+static void FormatSpecifiersInDescriptorsAreNotInterpreted(void** state) {
     char text[longest_string + 1];
     repeat(text, "%n%s%1000d", longest_string);
     check_strings(text, text);
@@ -94,7 +96,7 @@ static void CharactersBeyondAsciiAreReadAsQuestionMarks(void** state) {
     check_strings(text, marks);
 }
 
-static void AnIdAsLongAsADescriptorIsANumberWithTextBehind(void** state) {
+static void AnIdOfMaximumLengthIsANumberFollowedByText(void** state) {
     char description[3 + longest_string + 1] = "id=";
     repeat(description + 3, "z", longest_string);
     memcpy(description + 3, "FEED", 4);
@@ -105,7 +107,7 @@ static void AnIdAsLongAsADescriptorIsANumberWithTextBehind(void** state) {
     check_echo(handle);
 }
 
-static void ASearchRecordNeedsNoZeros(void** state) {
+static void ASearchRecordNeedsNoTerminators(void** state) {
     struct edge record = edge_of(sizeof(GVUSB_SCANSEARCH));
     for (int mask = 0; mask < 8; ++mask) {
         memset(memory(&record), 'f', record.size);
@@ -135,7 +137,7 @@ static void FramesStayWithinTheirBuffers(void** state) {
     }
 }
 
-static void LengthsThatLibusbCannotTakeAreRefused(void** state) {
+static void LengthsBeyondLibusbsLimitAreRefused(void** state) {
     static const unsigned int ids[] = {bulk_id, control_id};
     static const int codes[] = {GVUSB_ERR_BULK_TRANSFER, GVUSB_ERR_SEND_LENGTH};
     const unsigned char frame[1] = {1};
@@ -152,13 +154,13 @@ static void LengthsThatLibusbCannotTakeAreRefused(void** state) {
 
 int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
-        TEST_CASE(TheLongestDescriptorsAreReadWhole),
-        TEST_CASE(FormatsInDescriptorsAreTextLikeAnyOther),
+        TEST_CASE(TheLongestDescriptorsAreReadCompletely),
+        TEST_CASE(FormatSpecifiersInDescriptorsAreNotInterpreted),
         TEST_CASE(CharactersBeyondAsciiAreReadAsQuestionMarks),
-        TEST_CASE(AnIdAsLongAsADescriptorIsANumberWithTextBehind),
-        TEST_CASE(ASearchRecordNeedsNoZeros),
+        TEST_CASE(AnIdOfMaximumLengthIsANumberFollowedByText),
+        TEST_CASE(ASearchRecordNeedsNoTerminators),
         TEST_CASE(FramesStayWithinTheirBuffers),
-        TEST_CASE(LengthsThatLibusbCannotTakeAreRefused),
+        TEST_CASE(LengthsBeyondLibusbsLimitAreRefused),
     };
     return run_group("bounds", tests, sizeof tests / sizeof *tests, argc, argv);
 }

@@ -11,7 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
-/* The longest command gives a reader's descriptors, the longest answer tells a frame, in hexadecimal. */
+/* The longest command contains a reader's descriptors, the longest answer a frame, in hexadecimal. */
 enum { longest_command = 4096, longest_answer = 2 * longest_frame + 64 };
 
 /* Names the program that makes a real kernel follow the bus. */
@@ -82,12 +82,14 @@ static bool begins_with(const char* text, const char* beginning) {
     return strncmp(text, beginning, strlen(beginning)) == 0;
 }
 
-/* A real kernel is told of what was plugged, and takes notice of a change in its own time. Both is the work of
- * a program; where none is named, the bus is emulated and at once as it was told to be. */
+/*
+ * A real kernel takes time to notice a change. The program that the variable names forwards the change and
+ * waits. Without the variable, the bus is emulated and changes take effect at once.
+ */
 static const char* change_kernel(const char* settle, const char* command) {
     const char* answer = run_command(command);
     if (system(settle) != 0) {
-        give_up(command, "the kernel does not follow");
+        give_up(command, "the kernel did not follow");
     }
     return answer;
 }

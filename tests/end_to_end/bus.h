@@ -1,8 +1,8 @@
 /*
- * The virtual bus that this program runs on: changes it and asks what its readers have seen.
+ * Controls the virtual bus that this program runs on, and queries what its readers have received.
  *
- * A command that the bus refuses is a mistake in the test: the program is aborted with both texts. Any
- * thread.
+ * A rejected command is a mistake in the test: the program prints the command and the answer, and aborts.
+ * Thread-safe.
  */
 #ifndef GVUSB_TESTS_BUS_H
 #define GVUSB_TESTS_BUS_H
@@ -13,40 +13,41 @@
 /* The longest frame that the tests send. */
 enum { longest_frame = 65536 };
 
-/* Runs a command and returns what stands after "ok" in its answer; the text is valid until the thread's next
- * call. */
+/* Run a command and return the text after "ok" in its answer, valid until the thread's next call. */
 __attribute__((format(printf, 1, 2))) const char* bus(const char* format, ...);
 
-/* False where the readers are attached to a real kernel: what goes wrong on the host's side cannot be played
- * there, and what the host does is not seen but for what it says to the readers. */
+/*
+ * False if the readers are attached to a real kernel, where the bus cannot inject faults of the host or
+ * observe what the host does, except for its requests to the readers.
+ */
 bool bus_is_emulated(void);
 
-/* Plugs a new reader and returns its number. */
+/* Plug in a new reader and return its number. */
 int plug_new(const char* description);
 
-/* How many readers have been described, and whether one of them is plugged. */
+/* The number of readers described, and whether one of them is plugged. */
 int reader_count(void);
 bool is_plugged(int reader);
 
-/* How often the host did something to a reader: "opens", "claims", "clear-halts" ... */
+/* How often the host did something with a reader: "opens", "claims", "clear-halts" ... */
 long host_count(int reader, const char* what);
 
 /* What a reader has received. */
 struct seen_frame {
-    long count; /* of all frames since the start; what follows is about the last one */
+    long count; /* of all frames since the start; the other members describe the last one */
     int endpoint;
     size_t length;
     unsigned char bytes[longest_frame];
 };
 void read_seen_frame(int reader, struct seen_frame* frame);
 
-/* Takes every fault back, of every reader, and what readers still wanted to say. */
+/* Clear all faults and pending answers of all readers. */
 void calm_bus(void);
 
-/* Milliseconds since some moment of the past. */
+/* Milliseconds of a monotonic clock. */
 double now_ms(void);
 
-/* Waits until a condition holds; false when it does not within the time. */
+/* Wait until a condition holds; false if it does not within the time. */
 bool await(bool (*condition)(void* context), void* context, double longest_ms);
 
 #endif

@@ -1,4 +1,4 @@
-/* What the configuration file changes, and the log of whole sessions. */
+/* The effects of the configuration file, and the log of whole sessions. */
 #include "program.h"
 #include "testing.h"
 
@@ -6,15 +6,14 @@
 #include <stdlib.h>
 #include <string.h>
 
-/* The readers as CMakeLists.txt describes them, by number. */
+/* The readers as described in CMakeLists.txt, by number. */
 enum { bulk = 1, control };
 
 static struct program_run run;
 
-/* ---- The log, without what differs from run to run */
+/* ---- The log without the parts that vary */
 
-/* Puts `name` in the place of what stands between `before` and `after`; keeps the line where they do not
- * stand. */
+/* Replace the text between `before` and `after` with `name`; leave the line unchanged if they are missing. */
 static void replace_between(char* line, size_t size, const char* before, const char* after,
                             const char* name) {
     char* begin = strstr(line, before);
@@ -32,7 +31,7 @@ static bool is_digit(char character) {
     return character >= '0' && character <= '9';
 }
 
-/* Checks the time and the library's name at the beginning of a line and returns what follows. */
+/* Check the time and the library's name at the start of a line and return what follows. */
 static const char* after_stamp(const char* line) {
     static const char name[] = " :: gvusb: ";
     const char* rest = line + (line[0] == ' ');
@@ -49,20 +48,21 @@ static const char* after_stamp(const char* line) {
     return rest + sizeof name - 1;
 }
 
-/* The worker thread's start races with the reading of the configuration, so nobody knows whether it is told.
+/*
+ * The worker thread may start before or after the configuration is read, so its start may or may not be
+ * logged.
  */
 static bool may_be_missing(const char* line) {
     return strcmp(line, "[thread] start") == 0;
 }
 
-/* Whether a line is told by the worker thread's polls. */
+/* Whether a poll logged the line. */
 static bool is_of_a_poll(const char* line) {
     static const char tag[] = "[update] ";
     return strcmp(line, "[thread] next update") == 0 || strncmp(line, tag, sizeof tag - 1) == 0;
 }
 
-/* The output as one text, line by line without times, pointers and versions, and without the lines that are not
- * wanted, if any. */
+/* The output as one text without times, pointers, versions and, optionally, the lines to leave out. */
 static const char* plain_log(bool (*unwanted)(const char* line)) {
     static char log[sizeof run.output];
     size_t length = 0;
@@ -81,7 +81,7 @@ static const char* plain_log(bool (*unwanted)(const char* line)) {
     return log;
 }
 
-/* What a log is expected to be: the text of a file with some lines dropped and some changed. */
+/* The expected log: the text of a file with some lines dropped and some changed. */
 static const char* expected_log(const char* file_name, bool (*wanted)(const char* line),
                                 const char* const (*changes)[2]) {
     static char log[65536];
@@ -105,7 +105,7 @@ static const char* expected_log(const char* file_name, bool (*wanted)(const char
     return log;
 }
 
-/* Names the first line that differs; the whole texts would hide it. */
+/* Report the first line that differs, which the whole texts would hide. */
 static void check_same_lines(const char* log, const char* expected) {
     int number = 1;
     while (*log != '\0' || *expected != '\0') {
@@ -138,13 +138,13 @@ static void NothingIsLoggedWithoutAConfigurationFile(void** state) {
     assert_string_equal(run.output, "");
 }
 
-static void LevelTwoTellsEverythingOfABulkSession(void** state) {
+static void LevelTwoLogsEverythingOfABulkSession(void** state) {
     bus("unplug %d", control);
     run_session("gvusb_debuglevel=2\ngvusb_hotplug=0\n");
     check_same_lines(plain_log(NULL), expected_log("session_bulk.txt", NULL, NULL));
 }
 
-static void LevelTwoTellsEverythingOfAControlSession(void** state) {
+static void LevelTwoLogsEverythingOfAControlSession(void** state) {
     bus("unplug %d", bulk);
     run_session("gvusb_debuglevel=2\ngvusb_hotplug=0\n");
     check_same_lines(plain_log(NULL), expected_log("session_control.txt", NULL, NULL));
@@ -162,7 +162,7 @@ static bool is_about_the_manager(const char* line) {
     return true;
 }
 
-static void LevelOneTellsWhatTheManagerDoes(void** state) {
+static void LevelOneLogsWhatTheManagerDoes(void** state) {
     static const char* const changes[][2] = {{"[init] gvUSB-DebugLevel=2", "[init] gvUSB-DebugLevel=1"},
                                              {NULL, NULL}};
     bus("unplug %d", control);
@@ -170,7 +170,7 @@ static void LevelOneTellsWhatTheManagerDoes(void** state) {
     check_same_lines(plain_log(NULL), expected_log("session_bulk.txt", is_about_the_manager, changes));
 }
 
-static void LevelThreeTellsOfTheWorkerThread(void** state) {
+static void LevelThreeLogsTheWorkerThread(void** state) {
     static const char* const changes[][2] = {
         {"[init] gvUSB-DebugLevel=2", "[init] gvUSB-DebugLevel=3"},
         {"[init] gvUSB-UseHotPlug=0", "[init] gvUSB-UseHotPlug=1\n[init] gvUSB-UpdateRate=3600000msec"},
@@ -178,7 +178,7 @@ static void LevelThreeTellsOfTheWorkerThread(void** state) {
         {NULL, NULL}};
     bus("unplug %d", control);
     run_session("gvusb_debuglevel=3,gvusb_hotplug=1,gvusb_updaterate=3600000");
-    /* The thread may begin its first sleep before the update rate is read, and then polls once after 300 ms. */
+    /* The thread may begin its first sleep before the update rate is read, and then polls after 300 ms. */
     check_same_lines(plain_log(is_of_a_poll), expected_log("session_bulk.txt", NULL, changes));
 }
 
@@ -187,7 +187,7 @@ static void LevelThreeTellsOfTheWorkerThread(void** state) {
 struct settings {
     const char* configuration;
     const char* mode;
-    const char* rate; /* null: not told, as nothing polls */
+    const char* rate; /* null: not logged, because nothing polls */
 };
 
 static void check_settings(const struct settings* settings) {
@@ -212,7 +212,7 @@ static void check_settings(const struct settings* settings) {
     assert_memory_equal(rest, expected, strlen(expected));
 }
 
-static void ModeAndUpdateRateAreTakenFromTheFile(void** state) {
+static void ModeAndUpdateRateAreReadFromTheFile(void** state) {
     static const struct settings cases[] = {
         {"gvusb_debuglevel=1", "1", "300"},
         {"gvusb_debuglevel=1 gvusb_hotplug=0", "0", NULL},
@@ -234,7 +234,7 @@ static void ModeAndUpdateRateAreTakenFromTheFile(void** state) {
     }
 }
 
-static void KeysBehindTheFirst1023BytesAreNotSeen(void** state) {
+static void KeysAfterTheFirst1023BytesAreIgnored(void** state) {
     static const char level[] = "gvusb_debuglevel=1 ";
     static const char rate[] = "gvusb_updaterate=44";
     enum { seen = 1023 };
@@ -248,7 +248,7 @@ static void KeysBehindTheFirst1023BytesAreNotSeen(void** state) {
     }
 }
 
-static void LibusbsDebugLevelIsHandedOn(void** state) {
+static void LibusbsDebugLevelIsPassedOn(void** state) {
     run_program(&run, "libusb_debuglevel=4 gvusb_debuglevel=0", "version", NULL, NULL, NULL);
     assert_int_equal(run.status, 0);
     assert_non_null(strstr(run.output, "libusb: debug"));
@@ -256,13 +256,13 @@ static void LibusbsDebugLevelIsHandedOn(void** state) {
     assert_null(strstr(run.output, "libusb"));
 }
 
-/* ---- Polling, as level 3 tells of it */
+/* ---- Polling as logged at level 3 */
 
 static double time_of(const char* line) {
     return strtod(line, NULL) * 1000;
 }
 
-static void PollsComeAtTheUpdateRateAndReportEachReaderOnce(void** state) {
+static void PollsRunAtTheUpdateRateAndReportEachReaderOnce(void** state) {
     bus("unplug %d", control);
     run_program(&run, "gvusb_debuglevel=3 gvusb_updaterate=50", "wait_for_polls", NULL, NULL, NULL);
     assert_int_equal(run.status, 0);
@@ -277,7 +277,7 @@ static void PollsComeAtTheUpdateRateAndReportEachReaderOnce(void** state) {
     while (second[-1] != '\n') {
         --second;
     }
-    /* The clock of the log has microseconds and the sleep its own: a millisecond is no matter. */
+    /* The clocks of the log and of the sleep differ, so allow a millisecond. */
     assert_true(time_of(second) - time_of(first) >= 49);
 
     static const char two_polls[] = "[thread] next update\n"
@@ -298,14 +298,14 @@ static void PollsComeAtTheUpdateRateAndReportEachReaderOnce(void** state) {
 int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
         TEST_CASE(NothingIsLoggedWithoutAConfigurationFile),
-        TEST_CASE(LevelTwoTellsEverythingOfABulkSession),
-        TEST_CASE(LevelTwoTellsEverythingOfAControlSession),
-        TEST_CASE(LevelOneTellsWhatTheManagerDoes),
-        TEST_CASE(LevelThreeTellsOfTheWorkerThread),
-        TEST_CASE(ModeAndUpdateRateAreTakenFromTheFile),
-        TEST_CASE(KeysBehindTheFirst1023BytesAreNotSeen),
-        TEST_CASE(LibusbsDebugLevelIsHandedOn),
-        TEST_CASE(PollsComeAtTheUpdateRateAndReportEachReaderOnce),
+        TEST_CASE(LevelTwoLogsEverythingOfABulkSession),
+        TEST_CASE(LevelTwoLogsEverythingOfAControlSession),
+        TEST_CASE(LevelOneLogsWhatTheManagerDoes),
+        TEST_CASE(LevelThreeLogsTheWorkerThread),
+        TEST_CASE(ModeAndUpdateRateAreReadFromTheFile),
+        TEST_CASE(KeysAfterTheFirst1023BytesAreIgnored),
+        TEST_CASE(LibusbsDebugLevelIsPassedOn),
+        TEST_CASE(PollsRunAtTheUpdateRateAndReportEachReaderOnce),
     };
     return run_group("configuration", tests, sizeof tests / sizeof *tests, argc, argv);
 }

@@ -1,12 +1,12 @@
-/* Readers whose descriptors are wrong, as the real libusb reads them. */
+/* Readers with malformed descriptors, read by the real libusb. */
 #include "testing.h"
 
 #include <stdio.h>
 
-/* The defective reader has bulk endpoints and takes control transfers as well, so it answers either way. */
+/* The defective reader has bulk endpoints and accepts control transfers too, so it answers either way. */
 enum { sound_id = 0xA1, defective_id = 0xD1 };
 
-/* What it would say of itself if it were sound, in hexadecimal. The gap takes the vendor. */
+/* Its descriptors in hexadecimal before truncation. The vendor ID is inserted. */
 static const char sound[] = "1201100100000040%02x%02x0100000103050101" /* device */
                             "090220000101008032"                       /* configuration */
                             "0904000002ff000006"                       /* interface */
@@ -14,7 +14,7 @@ static const char sound[] = "1201100100000040%02x%02x0100000103050101" /* device
                             "07050202400000";
 enum { configuration_end = 27, first_endpoint_begin = 36, sound_end = 50 };
 
-/* Plugs a reader that tells no more of itself than this many bytes; returns its number. */
+/* Plug in a reader whose descriptors end after this many bytes; return its number. */
 static int plug_cut_short(size_t length) {
     char digits[sizeof sound];
     snprintf(digits, sizeof digits, sound, GVUSB_VENDOR_ID & 0xFFU, GVUSB_VENDOR_ID >> 8U);
@@ -24,8 +24,8 @@ static int plug_cut_short(size_t length) {
     return plug_new(description);
 }
 
-/* libusb tells of two endpoints then, and has no list of them. */
-static void AConfigurationThatEndsInsideItsFirstEndPointHasNone(void** state) {
+/* libusb then reports two endpoints but a null list. */
+static void AConfigurationThatEndsInsideItsFirstEndpointHasNone(void** state) {
     const int reader = plug_cut_short(first_endpoint_begin + 2);
     scan_until(2);
     const int handle = GVUSB_OpenDevice(defective_id);
@@ -39,8 +39,10 @@ static void AConfigurationThatEndsInsideItsFirstEndPointHasNone(void** state) {
     assert_int_equal(GVUSB_CloseDevice(handle), 0);
 }
 
-/* libusb shows no device whose first configuration lacks its head, and reads no configuration that ends where
- * it promises an endpoint. */
+/*
+ * libusb skips a device whose first configuration lacks its header, and cannot read a configuration that ends
+ * where an endpoint descriptor should start.
+ */
 static void DescriptorsMayEndAnywhere(void** state) {
     for (size_t length = 0; length <= sound_end; ++length) {
         const int reader = plug_cut_short(length);
@@ -64,7 +66,7 @@ static void DescriptorsMayEndAnywhere(void** state) {
 
 int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
-        TEST_CASE(AConfigurationThatEndsInsideItsFirstEndPointHasNone),
+        TEST_CASE(AConfigurationThatEndsInsideItsFirstEndpointHasNone),
         TEST_CASE(DescriptorsMayEndAnywhere),
     };
     return run_group("defective", tests, sizeof tests / sizeof *tests, argc, argv);

@@ -1,6 +1,7 @@
 /*
- * The kernel refuses the system calls that libusb, libudev and the C library make for the library, one at a time, as a
- * service's filter may: every call gives a code, and the program ends as it wants to.
+ * The kernel denies the system calls that libusb, libudev and the C library make for the library, one at a
+ * time, as a service's seccomp filter may. Every function must return a code, and the program must end
+ * normally.
  */
 #include "program.h"
 #include "testing.h"
@@ -12,7 +13,7 @@ static const char* const configurations[] = {
     "gvusb_hotplug=2",
 };
 
-/* A filter may say that the call is not permitted, or that there is no such call. */
+/* A filter may report that the call is not permitted or does not exist. */
 static const char* const errors[] = {"EPERM", "ENOSYS"};
 
 static const char* const system_calls[] = {
@@ -52,8 +53,10 @@ static void SystemCallsMayBeDeniedWhileAReaderIsOpen(void** state) {
     check_all_denied("reader-open");
 }
 
-/* Later the emulated bus itself takes sockets, and the C library ends a process that has no memory for a thread's
- * variables. */
+/*
+ * Only before loading: later the emulated bus itself needs sockets, and the C library ends a process that
+ * cannot allocate thread-local storage.
+ */
 static void MemoryAndSocketsMayBeDeniedBeforeTheLibraryIsLoaded(void** state) {
     for (size_t i = 0; i < sizeof configurations / sizeof *configurations; ++i) {
         check_denied("mmap", "before-loading", configurations[i]);

@@ -1,6 +1,6 @@
 /*
- * Processes that end in every way while the library is in use: with the status that they chose, in finite time, with
- * nothing printed, and with every reader free for the next process.
+ * Processes end in every way while the library is in use. Each must end with its chosen status, in finite
+ * time and without output, and must leave every reader usable by the next process.
  */
 #include "program.h"
 #include "testing.h"
@@ -8,7 +8,7 @@
 #include <signal.h>
 #include <string.h>
 
-/* The readers as CMakeLists.txt describes them, by number. */
+/* The readers as described in CMakeLists.txt, by number. */
 enum { kept = 1, newcomer };
 enum { kept_id = 0xA1 };
 
@@ -22,7 +22,9 @@ static const char* const modes[] = {
 
 static struct program_run run;
 
-/* A thread that is not main's cannot return from main, and what runs destructors may not interrupt a call. */
+/*
+ * Only the main thread can return from main(), and an exit that runs destructors must not interrupt a call.
+ */
 enum { by_return, by_exit, by_quick_exit };
 
 static const struct {
@@ -47,7 +49,7 @@ static bool is_released(void* reader) {
     return !bus_is_emulated() || host_count(number, "opens") == host_count(number, "closes");
 }
 
-/* The next process, which is this one, opens the reader as if nothing had happened. */
+/* This process acts as the next process and opens the reader. */
 static void check_reader_is_released(void) {
     int reader = kept;
     assert_true(await(is_released, &reader, long_enough_ms));
@@ -100,14 +102,14 @@ static void AProgramEndsInEveryWayBesideAThreadThatHandlesEvents(void** state) {
     check_endings("event-thread", by_return);
 }
 
-/* The program has taken no reference to libusb's context, so that nothing but the library keeps it. */
+/* The program holds no reference to libusb's context; only the library does. */
 static void AProgramEndsInEveryWayBesideAThreadThatHandlesEventsWithoutAReference(void** state) {
     check_endings("event-thread-without-reference", by_return);
     check_endings_in_mode(1, "handler-without-reference", by_exit);
     check_endings_in_mode(2, "handler-without-reference", by_exit);
 }
 
-/* In mode 0 no handler runs. */
+/* Mode 0 calls no handler. */
 static void AProgramEndsInEveryWayInAHandler(void** state) {
     check_endings_in_mode(1, "handler", by_exit);
     check_endings_in_mode(2, "handler", by_exit);
@@ -118,7 +120,7 @@ static void AProgramEndsInEveryWayWhileAHandlerRuns(void** state) {
     check_endings_in_mode(2, "during-handler", by_return);
 }
 
-static void AnExceptionThatNobodyCatchesEndsTheProgramAsAnywhere(void** state) {
+static void AnUncaughtExceptionEndsTheProgramAsUsual(void** state) {
     for (size_t mode = 0; mode < sizeof modes / sizeof *modes; ++mode) {
         run_program(&run, modes[mode], "end_by_exception", NULL, NULL, NULL);
         check_ends_with(128 + SIGABRT, "terminate called after throwing an instance of 'int'\n", "exception",
@@ -135,7 +137,7 @@ int main(int argc, char** argv) {
         TEST_CASE(AProgramEndsInEveryWayBesideAThreadThatHandlesEventsWithoutAReference),
         TEST_CASE(AProgramEndsInEveryWayInAHandler),
         TEST_CASE(AProgramEndsInEveryWayWhileAHandlerRuns),
-        TEST_CASE(AnExceptionThatNobodyCatchesEndsTheProgramAsAnywhere),
+        TEST_CASE(AnUncaughtExceptionEndsTheProgramAsUsual),
     };
     return run_group("ending", tests, sizeof tests / sizeof *tests, argc, argv);
 }

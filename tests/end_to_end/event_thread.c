@@ -1,4 +1,4 @@
-/* A thread of the application that handles libusb's events while the library goes: with the process, or by dlclose. */
+/* A thread of the application handles libusb's events while the process exits or unloads the library. */
 #include "program.h"
 #include "testing.h"
 
@@ -28,7 +28,7 @@ static void MainReturnsWhileItHandlesEvents(void** state) {
     }
 }
 
-/* In mode 0 no handler is ever called. */
+/* Mode 0 calls no handler. */
 static void AHandlerEndsTheProcessWhileItHandlesEvents(void** state) {
     for (int i = 0; i < rounds(10, 2) * (mode_count - 1); ++i) {
         check_ends_with(7, modes[1 + i % (mode_count - 1)], "end_beside_event_thread", "handler");
@@ -37,14 +37,14 @@ static void AHandlerEndsTheProcessWhileItHandlesEvents(void** state) {
     }
 }
 
-/* The library's end destroys a mutex that it holds, and the thread sanitizer has room for 64 of these. */
+/* The library's destructor destroys a locked mutex, and the thread sanitizer can track only 64 of these. */
 #ifdef GVUSB_TEST_SANITIZED
 static const char usual_unloads[] = "50";
 #else
 static const char usual_unloads[] = "300";
 #endif
 
-/* GVUSB_TEST_UNLOADS in the environment: how often. */
+/* GVUSB_TEST_UNLOADS in the environment sets the number of unloads. */
 static void TheLibraryIsUnloadedWhileReadersComeAndGo(void** state) {
     const char* const wanted = getenv("GVUSB_TEST_UNLOADS");
     const char* const times = wanted != NULL ? wanted : bus_is_emulated() ? usual_unloads : "10";

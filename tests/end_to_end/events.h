@@ -1,7 +1,7 @@
 /*
  * Records the events that the library reports.
  *
- * Handlers run in threads of the library; everything here may be called from any thread.
+ * Thread-safe, because handlers run in threads of the library.
  */
 #ifndef GVUSB_TESTS_EVENTS_H
 #define GVUSB_TESTS_EVENTS_H
@@ -12,28 +12,27 @@ struct event {
     int kind; /* GVUSB_EVENT_CONNECT or GVUSB_EVENT_DISCONNECT */
     int handle;
     unsigned int id;
-    double time; /* as now_ms tells */
+    double time; /* as returned by now_ms() */
 };
 
-/* Registers handlers for both kinds of events, and removes them again. Each returns false when the library
- * refuses. */
+/* Register and remove handlers for both kinds of events. Each returns false if the library rejects it. */
 bool record_events(void);
 bool stop_recording(void);
 
-/* Forgets what has been recorded. */
+/* Discard the recorded events. */
 void forget_events(void);
 
-/* How many events have been recorded, and the one with this index. */
+/* The number of recorded events, and the event with this index. */
 int event_count(void);
 struct event recorded_event(int index);
 
-/* How many events are of this kind about this reader. */
+/* The number of events of this kind about this reader. */
 int events_about(int kind, unsigned int id);
 
-/* Waits until so many events have been recorded; false if they do not come. */
+/* Wait until this many events have been recorded; false on a time-out. */
 bool await_events(int count);
 
-/* Something to be done in the handler of the next event, once. */
+/* Set an action for the handler of the next event to run once. */
 void do_in_next_handler(void (*action)(const struct event* event));
 bool await_action_done(void);
 

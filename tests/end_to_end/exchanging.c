@@ -1,9 +1,9 @@
-/* Exchanging frames over bulk endpoints and over control transfers. */
+/* Frame exchanges over bulk endpoints and control transfers. */
 #include "testing.h"
 
 #include <string.h>
 
-/* The readers as CMakeLists.txt describes them, by number. */
+/* The readers as described in CMakeLists.txt, by number. */
 enum { bulk = 1, fast, control, in_only, many_endpoints };
 enum { bulk_id = 0xB1, fast_id = 0xB2, control_id = 0xC1, in_only_id = 0xC2, many_endpoints_id = 0xD1 };
 enum { longest_control_frame = 4096 };
@@ -31,7 +31,7 @@ static int transmit(int handle, unsigned int length) {
     return GVUSB_Transmit(handle, GVUSB_PROTOCOL, frame, length);
 }
 
-/* The frame goes there and back, and the reader has seen exactly it. */
+/* Check that the reader receives exactly this frame, and that it comes back. */
 static void check_round_trip(int handle, int reader, unsigned int length) {
     fill_frame(length);
     read_seen_frame(reader, &seen);
@@ -44,7 +44,7 @@ static void check_round_trip(int handle, int reader, unsigned int length) {
     assert_memory_equal(seen.bytes, frame, length);
 }
 
-static void FramesOfEverySizeTravelOverBulk(void** state) {
+static void FramesOfEverySizeAreExchangedOverBulk(void** state) {
     static const unsigned int lengths[] = {1,   2,    63,   64,   65,    127,   128,   511,   512,
                                            513, 4095, 4096, 4097, 16383, 16384, 16385, 65535, 65536};
     const int slow_handle = open_reader(bulk_id);
@@ -55,7 +55,7 @@ static void FramesOfEverySizeTravelOverBulk(void** state) {
     }
 }
 
-static void FramesOfEverySizeTravelOverControl(void** state) {
+static void FramesOfEverySizeAreExchangedOverControl(void** state) {
     static const unsigned int lengths[] = {1,   2,   8,   63,   64,   65,
                                            255, 256, 512, 1023, 4095, longest_control_frame};
     const int handle = open_reader(control_id);
@@ -117,7 +117,7 @@ static void BadArgumentsAreRefusedInOrder(void** state) {
     assert_int_equal(GVUSB_Receive(handle, GVUSB_PROTOCOL, answer, 0), GVUSB_ERR_RECEIVE_BUFFER_TOO_SMALL);
 }
 
-static void SendingAndReceivingGoOneByOne(void** state) {
+static void SendingAndReceivingWorkSeparately(void** state) {
     static const unsigned int ids[] = {bulk_id, control_id};
     for (size_t i = 0; i < sizeof ids / sizeof *ids; ++i) {
         const int handle = open_reader(ids[i]);
@@ -183,7 +183,7 @@ static void AnAnswerLongerThanTheBufferFailsOverBulk(void** state) {
     assert_int_equal(last_error(handle), GVUSB_ERR_BULK_TRANSFER);
 }
 
-static void ABufferOfWholePacketsTakesAnAnswerPiecemeal(void** state) {
+static void ABufferOfWholePacketsReceivesAnAnswerInParts(void** state) {
     const int handle = open_reader(bulk_id);
     bus("reply %d pattern:100", bulk);
     assert_int_equal(transmit(handle, 1), 0);
@@ -192,7 +192,7 @@ static void ABufferOfWholePacketsTakesAnAnswerPiecemeal(void** state) {
     assert_int_equal(answer[0], 64);
 }
 
-static void AnAnswerLongerThanTheBufferIsCutOverControl(void** state) {
+static void AnAnswerLongerThanTheBufferIsTruncatedOverControl(void** state) {
     const int handle = open_reader(control_id);
     bus("reply %d pattern:100", control);
     assert_int_equal(transmit(handle, 1), 0);
@@ -201,7 +201,7 @@ static void AnAnswerLongerThanTheBufferIsCutOverControl(void** state) {
     assert_int_equal(answer[10], 0xAA);
 }
 
-static void TheBufferBehindAShortAnswerIsZero(void** state) {
+static void TheBufferAfterAShortAnswerIsZero(void** state) {
     const int handle = open_reader(bulk_id);
     fill_frame(3);
     assert_int_equal(transmit(handle, 3), 0);
@@ -244,7 +244,7 @@ static void AnEmptyAnswerIsReceivedAsNothing(void** state) {
     }
 }
 
-static void AFrameTakenOnlyInPartCountsAsSent(void** state) {
+static void AFrameAcceptedOnlyInPartCountsAsSent(void** state) {
     const int handle = open_reader(bulk_id);
     bus("short %d out 2", bulk);
     fill_frame(10);
@@ -253,13 +253,13 @@ static void AFrameTakenOnlyInPartCountsAsSent(void** state) {
     assert_int_equal(seen.length, 2);
 }
 
-static void AReaderWithOneBulkEndPointIsTalkedToByControl(void** state) {
+static void AReaderWithOneBulkEndpointUsesControlTransfers(void** state) {
     const int handle = open_reader(in_only_id);
     check_round_trip(handle, in_only, 20);
     assert_int_equal(seen.endpoint, 0);
 }
 
-static void TheLastBulkEndPointOfEachDirectionIsUsed(void** state) {
+static void TheLastBulkEndpointOfEachDirectionIsUsed(void** state) {
     const int handle = open_reader(many_endpoints_id);
     check_round_trip(handle, many_endpoints, 100);
     assert_int_equal(seen.endpoint, 0x05);
@@ -285,26 +285,26 @@ static void ExchangesWithSeveralReadersDoNotMix(void** state) {
 
 int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
-        TEST_CASE(FramesOfEverySizeTravelOverBulk),
-        TEST_CASE(FramesOfEverySizeTravelOverControl),
+        TEST_CASE(FramesOfEverySizeAreExchangedOverBulk),
+        TEST_CASE(FramesOfEverySizeAreExchangedOverControl),
         TEST_CASE(FramesTooLongForControlAreRefused),
         TEST_CASE(TheProtocolNameIsTheSameInAnyCase),
         TEST_CASE(AnotherProtocolIsRefused),
         TEST_CASE(BadArgumentsAreRefusedInOrder),
-        TEST_CASE(SendingAndReceivingGoOneByOne),
+        TEST_CASE(SendingAndReceivingWorkSeparately),
         TEST_CASE(OnlyReceivingLeavesItsCountAsTheLastError),
         TEST_CASE(AnAnswerThatComesTooLateIsReceivedNext),
         TEST_CASE(AfterALateAnswerExchangesAreOneBehind),
         TEST_CASE(AnAnswerLongerThanTheBufferFailsOverBulk),
-        TEST_CASE(ABufferOfWholePacketsTakesAnAnswerPiecemeal),
-        TEST_CASE(AnAnswerLongerThanTheBufferIsCutOverControl),
-        TEST_CASE(TheBufferBehindAShortAnswerIsZero),
+        TEST_CASE(ABufferOfWholePacketsReceivesAnAnswerInParts),
+        TEST_CASE(AnAnswerLongerThanTheBufferIsTruncatedOverControl),
+        TEST_CASE(TheBufferAfterAShortAnswerIsZero),
         TEST_CASE(OnlyTheFirst4096BytesAreZeroOverControl),
         TEST_CASE(ShortAnswersAreReceivedAsTheyAre),
         TEST_CASE(AnEmptyAnswerIsReceivedAsNothing),
-        TEST_CASE(AFrameTakenOnlyInPartCountsAsSent),
-        TEST_CASE(AReaderWithOneBulkEndPointIsTalkedToByControl),
-        TEST_CASE(TheLastBulkEndPointOfEachDirectionIsUsed),
+        TEST_CASE(AFrameAcceptedOnlyInPartCountsAsSent),
+        TEST_CASE(AReaderWithOneBulkEndpointUsesControlTransfers),
+        TEST_CASE(TheLastBulkEndpointOfEachDirectionIsUsed),
         TEST_CASE(ExchangesWithSeveralReadersDoNotMix),
     };
     return run_group("exchanging", tests, sizeof tests / sizeof *tests, argc, argv);

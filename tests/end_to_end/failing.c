@@ -1,14 +1,14 @@
-/* What goes wrong with readers: silence, stalls, unplugging, resets. */
+/* Faults of readers: silence, stalls, unplugging, resets. */
 #include "testing.h"
 
 #include <pthread.h>
 #include <string.h>
 
-/* The readers as CMakeLists.txt describes them, by number. */
+/* The readers as described in CMakeLists.txt, by number. */
 enum { bulk = 1, control, readers = control };
 enum { bulk_id = 0xB1, control_id = 0xC1 };
 
-/* How much later than its time-out a transfer may end on a busy machine. */
+/* How long after its time-out a transfer may end on a busy machine. */
 enum { tolerance_ms = 1500 };
 
 static const unsigned char frame[] = {0x10, 0x20, 0x30};
@@ -44,13 +44,13 @@ static int open_with_timeout(unsigned int id, const char* milliseconds) {
     return handle;
 }
 
-static void AReaderHasASecondToAnswerWhenNothingElseIsSaid(void** state) {
+static void TheDefaultTimeoutIsOneSecond(void** state) {
     const int handle = open_reader(bulk_id);
     bus("mute %d in", bulk);
     check_times_out(transceive, handle, 1000);
 }
 
-static void TheTimeoutIsTheReadersOwn(void** state) {
+static void EachReaderHasItsOwnTimeout(void** state) {
     const int quick = open_with_timeout(bulk_id, "60");
     const int slow = open_with_timeout(control_id, "250");
     bus("mute all in");
@@ -60,7 +60,7 @@ static void TheTimeoutIsTheReadersOwn(void** state) {
     check_times_out(receive, slow, 250);
 }
 
-static void SendingAndReceivingHaveTheTimeoutEach(void** state) {
+static void TheTimeoutAppliesToSendingAndReceivingSeparately(void** state) {
     const int handle = open_with_timeout(bulk_id, "400");
     bus("delay %d out 250", bulk);
     bus("delay %d in 250", bulk);
@@ -82,7 +82,7 @@ static void ASendThatTimesOutClearsBothHalts(void** state) {
     check_echo(handle);
 }
 
-static void AReceiveThatTimesOutLeavesTheEndPointsAsTheyAre(void** state) {
+static void AReceiveThatTimesOutDoesNotClearTheHalts(void** state) {
     const int handle = open_with_timeout(bulk_id, "60");
     const long halts = host_count(bulk, "clear-halts");
     bus("mute %d in", bulk);
@@ -128,7 +128,7 @@ static void AStalledPipeFailsUntilItIsReset(void** state) {
     }
 }
 
-static void AStallThatStaysOutlivesAReset(void** state) {
+static void APermanentStallSurvivesAReset(void** state) {
     const int handle = open_reader(bulk_id);
     bus("stall %d in stuck", bulk);
     assert_int_equal(transceive(handle), GVUSB_ERR_BULK_TRANSFER);
@@ -208,7 +208,7 @@ static bool has_transfers(void* context) {
     return host_count(wanted->reader, "transfers") >= wanted->count;
 }
 
-static void UnpluggingEndsATransferInItsMiddle(void** state) {
+static void UnpluggingEndsAPendingTransfer(void** state) {
     static const unsigned int ids[] = {bulk_id, control_id};
     for (int reader = 1; reader <= readers; ++reader) {
         const int handle = open_with_timeout(ids[reader - 1], "60000");
@@ -231,7 +231,7 @@ static void UnpluggingEndsATransferInItsMiddle(void** state) {
     }
 }
 
-static void AReaderPluggedAgainIsUsedByItsOldHandleAfterAScan(void** state) {
+static void AReaderPluggedAgainKeepsItsHandleAfterAScan(void** state) {
     const int handle = open_reader(bulk_id);
     const int other = open_reader(control_id);
     for (int i = 0; i < 3; ++i) {
@@ -249,7 +249,7 @@ static void AReaderPluggedAgainIsUsedByItsOldHandleAfterAScan(void** state) {
     assert_int_equal(GVUSB_CloseDevice(handle), 0);
 }
 
-/* An open reader that a scan does not find has only its handle left; the handle stays good for closing. */
+/* After a scan that does not find an open reader, its handle can only be closed. */
 static void AScanWithoutAnOpenReaderKeepsItsHandle(void** state) {
     const int handle = open_reader(bulk_id);
     bus("unplug %d", bulk);
@@ -270,7 +270,7 @@ static void AResetReachesTheReader(void** state) {
     check_echo(handle);
 }
 
-static void AReaderIsUsedOnAfterAReset(void** state) {
+static void AReaderWorksAfterAReset(void** state) {
     static const unsigned int ids[] = {bulk_id, control_id};
     for (int reader = 1; reader <= readers; ++reader) {
         const int handle = open_reader(ids[reader - 1]);
@@ -281,7 +281,7 @@ static void AReaderIsUsedOnAfterAReset(void** state) {
     }
 }
 
-static void AFailingResetIsTold(void** state) {
+static void AFailedResetIsReported(void** state) {
     const int handle = open_reader(bulk_id);
     check_echo(handle);
     bus("fail-reset %d on", bulk);
@@ -310,24 +310,24 @@ static void EachReaderKeepsItsOwnLastError(void** state) {
 
 int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
-        TEST_CASE(AReaderHasASecondToAnswerWhenNothingElseIsSaid),
-        TEST_CASE(TheTimeoutIsTheReadersOwn),
-        TEST_CASE(SendingAndReceivingHaveTheTimeoutEach),
+        TEST_CASE(TheDefaultTimeoutIsOneSecond),
+        TEST_CASE(EachReaderHasItsOwnTimeout),
+        TEST_CASE(TheTimeoutAppliesToSendingAndReceivingSeparately),
         TEST_CASE(ASendThatTimesOutClearsBothHalts),
-        TEST_CASE(AReceiveThatTimesOutLeavesTheEndPointsAsTheyAre),
+        TEST_CASE(AReceiveThatTimesOutDoesNotClearTheHalts),
         TEST_CASE(ControlTransfersTimeOutInBothDirections),
         TEST_CASE(ATimedOutReceiveLeavesZerosInTheBuffer),
         TEST_CASE(AStalledPipeFailsUntilItIsReset),
-        TEST_CASE(AStallThatStaysOutlivesAReset),
+        TEST_CASE(APermanentStallSurvivesAReset),
         TEST_CASE(AStalledControlRequestFailsAlone),
         TEST_CASE(AnUnpluggedReaderIsNotPresent),
         TEST_CASE(ParametersOfAnUnpluggedReader),
-        TEST_CASE(UnpluggingEndsATransferInItsMiddle),
-        TEST_CASE(AReaderPluggedAgainIsUsedByItsOldHandleAfterAScan),
+        TEST_CASE(UnpluggingEndsAPendingTransfer),
+        TEST_CASE(AReaderPluggedAgainKeepsItsHandleAfterAScan),
         TEST_CASE(AScanWithoutAnOpenReaderKeepsItsHandle),
         TEST_CASE(AResetReachesTheReader),
-        TEST_CASE(AReaderIsUsedOnAfterAReset),
-        TEST_CASE(AFailingResetIsTold),
+        TEST_CASE(AReaderWorksAfterAReset),
+        TEST_CASE(AFailedResetIsReported),
         TEST_CASE(EachReaderKeepsItsOwnLastError),
     };
     return run_group("failing", tests, sizeof tests / sizeof *tests, argc, argv);

@@ -1,4 +1,4 @@
-/* Readers that come and go while libusb tells of it, as far as somebody handles libusb's events. */
+/* Hot-plug in mode 2, where libusb reports changes while a thread handles its events. */
 #include "events.h"
 #include "handler_calls.h"
 #include "program.h"
@@ -11,13 +11,13 @@
 #include <string.h>
 #include <unistd.h>
 
-/* The readers as CMakeLists.txt describes them, by number. */
+/* The readers as described in CMakeLists.txt, by number. */
 enum { desk = 1, gate };
 enum { desk_id = 0xA1, gate_id = 0xB2, marker_id = 0xEEEE, newcomer_id = 0x77 };
 
 static struct program_run run;
 
-/* ---- Who handles libusb's events */
+/* ---- Handling libusb's events */
 
 static void handle_events_once(void) {
     struct timeval longest = {.tv_sec = 0, .tv_usec = 10000};
@@ -54,9 +54,9 @@ static void stop_driver(void) {
     }
 }
 
-/* ---- Beginning and end of each test */
+/* ---- Setup and teardown of each test */
 
-/* Events are reported in their order, so once the marker has come and gone nothing from before is left. */
+/* Events are reported in order, so once the marker has come and gone, no earlier event is pending. */
 static int record_from_now_on(void** state) {
     start_afresh(state);
     assert_true(record_events());
@@ -79,7 +79,7 @@ static int end_recording(void** state) {
     return stop_recording() ? 0 : -1;
 }
 
-/* A real kernel takes half a second to learn of a reader, so fewer times have to do there. */
+/* A real kernel takes half a second to notice a reader, so repeat fewer times there. */
 static int often(int times, int on_a_kernel) {
     return bus_is_emulated() ? times : on_a_kernel;
 }
@@ -101,8 +101,8 @@ static void TheModeIsTwo(void** state) {
     assert_string_equal(parameter(GVUSB_DRIVER, "HOTPLUG-MODE"), "2");
 }
 
-/* Nothing can be awaited where nothing happens: some time goes by instead. */
-static void NothingIsReportedUntilSomebodyHandlesEvents(void** state) {
+/* The absence of events cannot be awaited, so let some time pass. */
+static void NothingIsReportedUntilAThreadHandlesEvents(void** state) {
     plug_new("id=77");
     usleep(200000);
     assert_int_equal(event_count(), 0);
@@ -123,7 +123,7 @@ static void AnExchangeDeliversEventsToo(void** state) {
     check_event(0, GVUSB_EVENT_CONNECT, newcomer_id);
 }
 
-static void EveryComingAndGoingIsReported(void** state) {
+static void EveryArrivalAndDepartureIsReported(void** state) {
     start_driver();
     for (int i = 0; i < 5; ++i) {
         bus("unplug %d", desk);
@@ -135,7 +135,7 @@ static void EveryComingAndGoingIsReported(void** state) {
     }
 }
 
-static void EventsAreReportedInTheirOrder(void** state) {
+static void EventsAreReportedInOrder(void** state) {
     enum { most = 20 };
     const int count = often(most, 4);
     int readers[most];
@@ -159,7 +159,7 @@ static void EventsAreReportedInTheirOrder(void** state) {
     check_event(count, GVUSB_EVENT_CONNECT, newcomer_id);
 }
 
-static void WhatCannotBeReadIsReportedOnlyWhenItGoes(void** state) {
+static void AnUnreadableReaderIsReportedOnlyOnDeparture(void** state) {
     start_driver();
     const int unreadable = plug_new("missing=1");
     plug_new("id=77");
@@ -170,7 +170,7 @@ static void WhatCannotBeReadIsReportedOnlyWhenItGoes(void** state) {
     check_event(1, GVUSB_EVENT_DISCONNECT, 0);
 }
 
-static void OtherMakersDevicesAreNotReported(void** state) {
+static void OtherVendorsDevicesAreNotReported(void** state) {
     start_driver();
     const int foreign = plug_new("id=78,vendor=0x1234");
     bus("unplug %d", foreign);
@@ -179,7 +179,7 @@ static void OtherMakersDevicesAreNotReported(void** state) {
     check_event(0, GVUSB_EVENT_CONNECT, newcomer_id);
 }
 
-static void AHandlerMayCallTheLibraryWhenAReaderComes(void** state) {
+static void AHandlerMayCallTheLibraryOnArrival(void** state) {
     start_driver();
     do_in_next_handler(call_everything);
     plug_new("id=77");
@@ -187,7 +187,7 @@ static void AHandlerMayCallTheLibraryWhenAReaderComes(void** state) {
     assert_null(failed_handler_call());
 }
 
-static void AHandlerMayCallTheLibraryWhenAReaderGoes(void** state) {
+static void AHandlerMayCallTheLibraryOnDeparture(void** state) {
     start_driver();
     do_in_next_handler(call_everything);
     bus("unplug %d", desk);
@@ -245,16 +245,16 @@ static void replug_gate_while_exchanging(int times) {
     assert_true(atomic_load(&good_exchanges) > times);
 }
 
-static void EventsComeWhileAnotherThreadExchangesWithoutPause(void** state) {
+static void EventsAreReportedDuringContinuousExchangesOfAnotherThread(void** state) {
     start_driver();
     replug_gate_while_exchanging(often(50, 5));
 }
 
-static void ExchangesWithoutPauseDeliverEventsByThemselves(void** state) {
+static void ContinuousExchangesDeliverEvents(void** state) {
     replug_gate_while_exchanging(often(50, 5));
 }
 
-/* ---- How long it takes from libusb's callback to the application's handler */
+/* ---- The delay from libusb's callback to the application's handler */
 
 static double delivery_time;
 
@@ -303,7 +303,7 @@ static void AHandlerMayEndTheProgram(void** state) {
     assert_non_null(strstr(run.output, "[exit] ... done"));
 }
 
-static void EventsThatWaitAreDroppedAtTheEnd(void** state) {
+static void QueuedEventsAreDroppedAtTheEnd(void** state) {
     run_program(&run, "gvusb_debuglevel=0 gvusb_hotplug=2", "unload_with_events_queued", NULL, NULL, NULL);
     assert_int_equal(run.status, 0);
     assert_string_equal(run.output, "handler\n");
@@ -314,20 +314,20 @@ static void EventsThatWaitAreDroppedAtTheEnd(void** state) {
 int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
         HOTPLUG_CASE(TheModeIsTwo),
-        HOTPLUG_CASE(NothingIsReportedUntilSomebodyHandlesEvents),
+        HOTPLUG_CASE(NothingIsReportedUntilAThreadHandlesEvents),
         HOTPLUG_CASE(AnExchangeDeliversEventsToo),
-        HOTPLUG_CASE(EveryComingAndGoingIsReported),
-        HOTPLUG_CASE(EventsAreReportedInTheirOrder),
-        HOTPLUG_CASE(WhatCannotBeReadIsReportedOnlyWhenItGoes),
-        HOTPLUG_CASE(OtherMakersDevicesAreNotReported),
-        HOTPLUG_CASE(AHandlerMayCallTheLibraryWhenAReaderComes),
-        HOTPLUG_CASE(AHandlerMayCallTheLibraryWhenAReaderGoes),
+        HOTPLUG_CASE(EveryArrivalAndDepartureIsReported),
+        HOTPLUG_CASE(EventsAreReportedInOrder),
+        HOTPLUG_CASE(AnUnreadableReaderIsReportedOnlyOnDeparture),
+        HOTPLUG_CASE(OtherVendorsDevicesAreNotReported),
+        HOTPLUG_CASE(AHandlerMayCallTheLibraryOnArrival),
+        HOTPLUG_CASE(AHandlerMayCallTheLibraryOnDeparture),
         HOTPLUG_CASE(AHandlerMayCallTheLibraryWhenAnExchangeDeliversTheEvent),
-        HOTPLUG_CASE(EventsComeWhileAnotherThreadExchangesWithoutPause),
-        HOTPLUG_CASE(ExchangesWithoutPauseDeliverEventsByThemselves),
+        HOTPLUG_CASE(EventsAreReportedDuringContinuousExchangesOfAnotherThread),
+        HOTPLUG_CASE(ContinuousExchangesDeliverEvents),
         HOTPLUG_CASE(HandlersAreCalledSoonAfterLibusbsCallback),
         HOTPLUG_CASE(AHandlerMayEndTheProgram),
-        HOTPLUG_CASE(EventsThatWaitAreDroppedAtTheEnd),
+        HOTPLUG_CASE(QueuedEventsAreDroppedAtTheEnd),
     };
     return run_group("hotplug_callbacks", tests, sizeof tests / sizeof *tests, argc, argv);
 }

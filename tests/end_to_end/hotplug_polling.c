@@ -1,4 +1,4 @@
-/* Readers that come and go while the library polls the bus. */
+/* Hot-plug in mode 1, where the library polls the bus. */
 #include "events.h"
 #include "handler_calls.h"
 #include "program.h"
@@ -8,8 +8,8 @@
 #include <unistd.h>
 
 /*
- * The readers as CMakeLists.txt describes them, by number. Every poll asks the watcher, as it cannot tell who
- * it is and so is never known: for its languages and then for its ID.
+ * The readers as described in CMakeLists.txt, by number. The watcher cannot identify itself, so every poll
+ * treats it as new and makes two requests to it: for its languages and for its ID.
  */
 enum { desk = 1, gate, watcher, usable = 2, transfers_per_poll = 2 };
 enum { desk_id = 0xA1, gate_id = 0xB2, newcomer_id = 0x77 };
@@ -25,7 +25,7 @@ static void await_poll(int polls) {
     assert_true(await(has_transfers, &wanted, long_enough_ms));
 }
 
-/* When the second poll from now on is under way, all is reported that could be seen before. */
+/* Once the second poll from now has begun, every change before this call has been reported. */
 static void await_polls(void) {
     await_poll(2);
 }
@@ -35,7 +35,7 @@ static void resume_polling(void) {
     assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "0"), 0);
 }
 
-/* All readers are scanned, which nobody hears of any more. */
+/* Scan all readers, so that none of them is reported again. */
 static int scan_and_record(void** state) {
     resume_polling();
     start_afresh(state);
@@ -81,7 +81,7 @@ static void NothingIsReportedWhileNothingChanges(void** state) {
     assert_int_equal(event_count(), 0);
 }
 
-static void AScannedReaderThatGoesIsReportedOnceWithItsHandle(void** state) {
+static void AScannedReaderThatDepartsIsReportedOnceWithItsHandle(void** state) {
     const int handle = GVUSB_OpenDevice(desk_id);
     bus("unplug %d", desk);
     check_event(0, GVUSB_EVENT_DISCONNECT, handle, desk_id);
@@ -100,7 +100,7 @@ static void AReaderThatIsNotOpenIsReportedToo(void** state) {
     assert_true(event.handle > 0);
 }
 
-static void AnOpenReaderThatComesBackIsUsedByItsOldHandle(void** state) {
+static void AnOpenReaderThatReturnsKeepsItsHandle(void** state) {
     const int handle = GVUSB_OpenDevice(desk_id);
     const int other = GVUSB_OpenDevice(gate_id);
     check_echo(handle);
@@ -117,7 +117,7 @@ static void AnOpenReaderThatComesBackIsUsedByItsOldHandle(void** state) {
     check_echo(other);
 }
 
-static void AClosedReaderThatComesBackIsOpenedWithoutAScan(void** state) {
+static void AClosedReaderThatReturnsIsOpenedWithoutAScan(void** state) {
     bus("unplug %d", desk);
     assert_true(await_events(1));
     assert_int_equal(GVUSB_OpenDevice(desk_id), GVUSB_ERR_CANNOT_OPEN);
@@ -128,7 +128,7 @@ static void AClosedReaderThatComesBackIsOpenedWithoutAScan(void** state) {
     assert_int_equal(event_count(), 1);
 }
 
-static void AReplugWithinOnePollIsReportedAsALeave(void** state) {
+static void AReplugWithinOnePollIsReportedAsADeparture(void** state) {
     const int handle = GVUSB_OpenDevice(desk_id);
     check_echo(handle);
     assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1"), 0);
@@ -192,8 +192,8 @@ static void await_desk(int handle) {
     await_polls();
 }
 
-/* A poll that comes between the two halves of a replug reports the reader's coming too. */
-static void EveryLeaveIsReportedToAHandlerThatScans(void** state) {
+/* A poll between the unplug and the plug of a replug also reports the arrival. */
+static void EveryDepartureIsReportedToAHandlerThatScans(void** state) {
     GVUSB_EVENT_INIT connect = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, scan_in_handler};
     GVUSB_EVENT_INIT disconnect = {GVUSB_EVENT_DISCONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, scan_in_handler};
     const int handle = GVUSB_OpenDevice(desk_id);
@@ -215,7 +215,7 @@ static void EveryLeaveIsReportedToAHandlerThatScans(void** state) {
     assert_int_equal(GVUSB_DelEventHandler(0, &disconnect), 0);
 }
 
-static void AReaderThatNobodyScannedIsReportedOnceWithoutHandle(void** state) {
+static void AReaderThatWasNotScannedIsReportedOnceWithoutAHandle(void** state) {
     const int newcomer = plug_new("id=77,name=Newcomer");
     check_event(0, GVUSB_EVENT_CONNECT, 0, newcomer_id);
     bus("unplug %d", newcomer);
@@ -234,7 +234,7 @@ static void AReaderThatNobodyScannedIsReportedOnceWithoutHandle(void** state) {
     assert_int_equal(events_about(GVUSB_EVENT_CONNECT, gate_id), 0);
 }
 
-static void AReaderIsReportedWhenItCanBeReadAtLast(void** state) {
+static void AReaderIsReportedOnceItBecomesReadable(void** state) {
     const int newcomer = plug_new("id=77,plugged=no");
     bus("fail-string %d 1 on", newcomer);
     bus("plug %d", newcomer);
@@ -254,7 +254,7 @@ static void OtherDevicesAreNotReported(void** state) {
     assert_int_equal(event_count(), 1);
 }
 
-static void AHandlerMayCallTheLibraryWhenAReaderComes(void** state) {
+static void AHandlerMayCallTheLibraryOnArrival(void** state) {
     do_in_next_handler(call_everything);
     plug_new("id=77");
     assert_true(await_action_done());
@@ -262,7 +262,7 @@ static void AHandlerMayCallTheLibraryWhenAReaderComes(void** state) {
     check_event(0, GVUSB_EVENT_CONNECT, 0, newcomer_id);
 }
 
-static void AHandlerMayCallTheLibraryWhenAReaderGoes(void** state) {
+static void AHandlerMayCallTheLibraryOnDeparture(void** state) {
     const int handle = GVUSB_OpenDevice(desk_id);
     do_in_next_handler(call_everything);
     bus("unplug %d", desk);
@@ -304,11 +304,11 @@ static void BadRegistrationsAreRefused(void** state) {
     assert_int_equal(GVUSB_AddEventHandler(0, &registration), GVUSB_ERR_UNKNOWN_PARAMETER);
 }
 
-/* Nothing can be awaited where nothing happens: some update rates go by instead. */
+/* The absence of events cannot be awaited, so let some update intervals pass. */
 static void NothingIsReportedWhilePollingIsSuspended(void** state) {
     enum { some_update_rates_us = 150000 };
     assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1"), 0);
-    /* A poll that is under way comes to its end. */
+    /* Let a poll in progress end. */
     assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL, NULL), 0);
     usleep(some_update_rates_us);
     const long transfers = host_count(watcher, "transfers");
@@ -331,7 +331,7 @@ static void TheUpdateRateIsTheTimeBetweenTwoPolls(void** state) {
         await_poll(1);
         times[i] = now_ms();
     }
-    /* Each look at the bus may come a little late. */
+    /* Each time may be read a little late. */
     assert_true(times[1] - times[0] >= 130);
     assert_true(times[2] - times[0] >= 290);
     assert_true(times[2] - times[0] <= 2000);
@@ -351,18 +351,18 @@ int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
         HOTPLUG_CASE(TheModeIsOne),
         HOTPLUG_CASE(NothingIsReportedWhileNothingChanges),
-        HOTPLUG_CASE(AScannedReaderThatGoesIsReportedOnceWithItsHandle),
+        HOTPLUG_CASE(AScannedReaderThatDepartsIsReportedOnceWithItsHandle),
         HOTPLUG_CASE(AReaderThatIsNotOpenIsReportedToo),
-        HOTPLUG_CASE(AnOpenReaderThatComesBackIsUsedByItsOldHandle),
-        HOTPLUG_CASE(AClosedReaderThatComesBackIsOpenedWithoutAScan),
-        HOTPLUG_CASE(AReplugWithinOnePollIsReportedAsALeave),
+        HOTPLUG_CASE(AnOpenReaderThatReturnsKeepsItsHandle),
+        HOTPLUG_CASE(AClosedReaderThatReturnsIsOpenedWithoutAScan),
+        HOTPLUG_CASE(AReplugWithinOnePollIsReportedAsADeparture),
         HOTPLUG_CASE(EachDirectionIsReportedOnceUntilTheNextScan),
-        HOTPLUG_CASE(EveryLeaveIsReportedToAHandlerThatScans),
-        HOTPLUG_CASE(AReaderThatNobodyScannedIsReportedOnceWithoutHandle),
-        HOTPLUG_CASE(AReaderIsReportedWhenItCanBeReadAtLast),
+        HOTPLUG_CASE(EveryDepartureIsReportedToAHandlerThatScans),
+        HOTPLUG_CASE(AReaderThatWasNotScannedIsReportedOnceWithoutAHandle),
+        HOTPLUG_CASE(AReaderIsReportedOnceItBecomesReadable),
         HOTPLUG_CASE(OtherDevicesAreNotReported),
-        HOTPLUG_CASE(AHandlerMayCallTheLibraryWhenAReaderComes),
-        HOTPLUG_CASE(AHandlerMayCallTheLibraryWhenAReaderGoes),
+        HOTPLUG_CASE(AHandlerMayCallTheLibraryOnArrival),
+        HOTPLUG_CASE(AHandlerMayCallTheLibraryOnDeparture),
         HOTPLUG_CASE(AHandlerRegisteredTwiceIsCalledOnce),
         HOTPLUG_CASE(ARemovedHandlerIsNotCalled),
         HOTPLUG_CASE(BadRegistrationsAreRefused),

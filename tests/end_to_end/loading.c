@@ -1,12 +1,11 @@
-/* Loading and unloading the library, and the end of programs that use it. */
+/* Loading and unloading the library, and ending programs that use it. */
 #include "program.h"
 #include "testing.h"
 
 #include <stdio.h>
 #include <string.h>
 
-/* How long the end of a program may take after main. A sanitizer's own work at the end is measured with it.
- */
+/* The limit for the time that a program takes to end after main(). It includes a sanitizer's work at exit. */
 #ifdef GVUSB_TEST_SANITIZED
 enum { longest_end_ms = 1500 };
 #else
@@ -32,7 +31,10 @@ static void check_status(int status) {
     }
 }
 
-/* Each unloading runs the library's end before dlclose returns, and the library is as new the next time. */
+/*
+ * Each unload runs the library's destructors before dlclose() returns, and the next load starts with fresh
+ * state.
+ */
 static void check_loads_and_unloads(const char* program) {
     run_program(&run, "gvusb_debuglevel=1", program, GVUSB_TEST_LIBRARY, "5", NULL);
     check_status(0);
@@ -53,11 +55,11 @@ static void check_loads_and_unloads(const char* program) {
     assert_null(strstr(strstr(rest, "main ends\n"), "[exit]"));
 }
 
-static void ACProgramLoadsAndUnloadsItAgainAndAgain(void** state) {
+static void ACProgramLoadsAndUnloadsItRepeatedly(void** state) {
     check_loads_and_unloads("load_and_unload_c");
 }
 
-static void ACxxProgramLoadsAndUnloadsItAgainAndAgain(void** state) {
+static void ACxxProgramLoadsAndUnloadsItRepeatedly(void** state) {
     check_loads_and_unloads("load_and_unload_cxx");
 }
 
@@ -101,7 +103,7 @@ static void ReadersLeftOpenAreClosedAtTheEnd(void** state) {
     check_echo(open_reader(0x1A2B3C));
 }
 
-/* libusb could not wake its own thread any more, and would wait for it for ever. */
+/* libusb could no longer wake its own thread, and would wait for it forever. */
 static void AProgramThatHasClosedEveryDescriptorEnds(void** state) {
     for (const char* const* configuration = every_mode; *configuration != NULL; ++configuration) {
         run_program(&run, *configuration, "close_every_descriptor", NULL, NULL, NULL);
@@ -109,7 +111,7 @@ static void AProgramThatHasClosedEveryDescriptorEnds(void** state) {
     }
 }
 
-static void CallsAfterTheEndGetACode(void** state) {
+static void CallsAfterTheEndReturnACode(void** state) {
     for (const char* const* configuration = every_mode; *configuration != NULL; ++configuration) {
         run_program(&run, *configuration, "call_after_the_end", NULL, NULL, NULL);
         check_status(0);
@@ -120,7 +122,7 @@ static void CallsAfterTheEndGetACode(void** state) {
     }
 }
 
-static void AChildWithItsParentsProcessIdLeavesTheReadersAlone(void** state) {
+static void AChildWithItsParentsProcessIdDoesNotCloseTheReaders(void** state) {
     run_program(&run, NULL, "end_child_with_same_id", NULL, NULL, NULL);
     check_status(0);
     assert_string_equal(run.output, "process 1, child: 0, present: 1, then 1\n");
@@ -128,15 +130,15 @@ static void AChildWithItsParentsProcessIdLeavesTheReadersAlone(void** state) {
 
 int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
-        TEST_CASE(ACProgramLoadsAndUnloadsItAgainAndAgain),
-        TEST_CASE(ACxxProgramLoadsAndUnloadsItAgainAndAgain),
+        TEST_CASE(ACProgramLoadsAndUnloadsItRepeatedly),
+        TEST_CASE(ACxxProgramLoadsAndUnloadsItRepeatedly),
         TEST_CASE(LoadingSurvivesALibusbThatCannotStart),
         TEST_CASE(AnUpdateRateOfHoursDoesNotDelayTheEnd),
         TEST_CASE(TheEndIsQuickInEveryMode),
         TEST_CASE(ReadersLeftOpenAreClosedAtTheEnd),
         TEST_CASE(AProgramThatHasClosedEveryDescriptorEnds),
-        TEST_CASE(CallsAfterTheEndGetACode),
-        TEST_CASE(AChildWithItsParentsProcessIdLeavesTheReadersAlone),
+        TEST_CASE(CallsAfterTheEndReturnACode),
+        TEST_CASE(AChildWithItsParentsProcessIdDoesNotCloseTheReaders),
     };
     return run_group("loading", tests, sizeof tests / sizeof *tests, argc, argv);
 }

@@ -1,4 +1,6 @@
-/* The library loaded and unloaded again and again in one process, in every mode, while a reader comes and goes. */
+/*
+ * The library is loaded and unloaded many times in one process, in every mode, while a reader is replugged.
+ */
 #include "program.h"
 #include "testing.h"
 
@@ -6,16 +8,18 @@
 #include <stdlib.h>
 #include <string.h>
 
-/* How often; GVUSB_TEST_LOADS in the environment overrules it. */
+/* The number of loads; GVUSB_TEST_LOADS in the environment overrides it. */
 #ifdef GVUSB_TEST_SANITIZED
-/* The library's end destroys a mutex that it holds, and the thread sanitizer has room for 64 of these. */
+/* The library's destructor destroys a locked mutex, and the thread sanitizer can track only 64 of these. */
 static const char usual_loads[] = "50";
 #else
 static const char usual_loads[] = "400";
 #endif
 
-/* By how much memory may grow between the first loads and the last: what the allocator keeps differs. One page
- * that each load lost would be 1600 kB. */
+/*
+ * The permitted growth of memory between the first loads and the last, because the allocator's caches vary. A
+ * leak of one page per load would be 1600 kB.
+ */
 enum { resident_tolerance_kb = 512 };
 
 static struct program_run run;
@@ -38,7 +42,7 @@ static struct figures read_figures(const char* line) {
 static void check_figures(const struct figures* first, const struct figures* last) {
     assert_int_equal(first->descriptors, last->descriptors);
     assert_int_equal(first->threads, last->threads);
-#ifndef GVUSB_TEST_SANITIZED /* which keep freed memory for a while */
+#ifndef GVUSB_TEST_SANITIZED /* sanitizers keep freed memory for a while */
     if (last->resident_kb - first->resident_kb > resident_tolerance_kb) {
         fail_msg("resident memory grew from %ld kB to %ld kB", first->resident_kb, last->resident_kb);
     }

@@ -1,10 +1,10 @@
-/* Opening and closing readers, and what their handles are good for. */
+/* Opening and closing readers, and using their handles. */
 #include "testing.h"
 
 #include <stdio.h>
 #include <string.h>
 
-/* The readers as CMakeLists.txt describes them, by number. */
+/* The readers as described in CMakeLists.txt, by number. */
 enum { desk = 1, gate, second_configuration, with_driver, readers = with_driver };
 enum { desk_id = 0xA1, gate_id = 0xB2, second_configuration_id = 0xC3, with_driver_id = 0xD4 };
 
@@ -18,7 +18,7 @@ static void scan(void) {
     assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL, NULL), 0);
 }
 
-static void OpensByDeviceIdAndGivesAHandle(void** state) {
+static void OpensByDeviceIdAndReturnsAHandle(void** state) {
     scan();
     const int handle = GVUSB_OpenDevice(desk_id);
     assert_in_range(handle, 0x10000001, 0x1FFFFFFF);
@@ -32,7 +32,7 @@ static void OpensByDeviceIdAndGivesAHandle(void** state) {
     check_echo(handle);
 }
 
-static void AReaderThatNobodyScannedIsNotOpened(void** state) {
+static void AReaderThatWasNotScannedIsNotOpened(void** state) {
     assert_int_equal(GVUSB_OpenDevice(desk_id), GVUSB_ERR_NOT_SCANNED);
     assert_int_equal(last_error(0), GVUSB_ERR_NOT_SCANNED);
     scan();
@@ -76,7 +76,7 @@ static void ScanAndOpenOpensEveryReader(void** state) {
     assert_int_equal(GVUSB_GetDeviceList(handle), 0);
 }
 
-static void HandlesAreWalkedInTheOrderOfOpening(void** state) {
+static void HandlesAreIteratedInTheOrderOfOpening(void** state) {
     assert_int_equal(GVUSB_GetDeviceList(0), 0);
     scan();
     const int first = GVUSB_OpenDevice(gate_id);
@@ -93,7 +93,7 @@ static void HandlesAreWalkedInTheOrderOfOpening(void** state) {
     assert_int_equal(GVUSB_GetDeviceList(second), 0);
 }
 
-static void AnOpenReaderIsLeftAsItIs(void** state) {
+static void OpeningAnOpenReaderChangesNothing(void** state) {
     scan();
     const int handle = GVUSB_OpenDevice(desk_id);
     const long opens = host_count(desk, "opens");
@@ -162,8 +162,8 @@ static void ARefusedReaderStaysScannedAndOpensLater(void** state) {
     }
 }
 
-/* libusb takes a node that has gone for a reader that has gone, before it hears so. */
-static void AReaderWhoseNodeHasGoneIsNotScannedUntilItIsPluggedAgain(void** state) {
+/* libusb treats a reader whose node is missing as unplugged, even before it is notified. */
+static void AReaderWithoutItsNodeIsNotScannedUntilItIsPluggedAgain(void** state) {
     scan();
     bus("refuse %d ENOENT", desk);
     assert_int_equal(GVUSB_OpenDevice(desk_id), GVUSB_ERR_CANNOT_OPEN);
@@ -175,7 +175,7 @@ static void AReaderWhoseNodeHasGoneIsNotScannedUntilItIsPluggedAgain(void** stat
     check_echo(GVUSB_OpenDevice(desk_id));
 }
 
-static void ABusyInterfaceIsToldByTheFirstTransfer(void** state) {
+static void ABusyInterfaceIsReportedByTheFirstTransfer(void** state) {
     bus("busy %d on", desk);
     const int handle = open_reader(desk_id);
     assert_int_equal(exchange(handle), GVUSB_ERR_CANNOT_CLAIM);
@@ -222,7 +222,7 @@ static void AReaderInAnotherConfigurationIsSetToTheFirst(void** state) {
     assert_int_equal(host_count(desk, "set-configurations"), desk_before);
 }
 
-static void AReaderThatCannotBeConfiguredIsClosedAndTriedAgain(void** state) {
+static void AReaderThatCannotBeConfiguredIsClosedForARetry(void** state) {
     bus("fail-configuration %d on", second_configuration);
     scan();
     for (int i = 0; i < 2; ++i) {
@@ -240,7 +240,7 @@ static void AReaderThatCannotBeConfiguredIsClosedAndTriedAgain(void** state) {
     check_echo(GVUSB_OpenDevice(second_configuration_id));
 }
 
-static void OneReaderThatFailsDoesNotKeepTheOthersFromOpening(void** state) {
+static void AFailingReaderDoesNotPreventOpeningTheOthers(void** state) {
     bus("fail-configuration %d on", second_configuration);
     assert_int_equal(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, NULL), GVUSB_ERR_SET_CONFIGURATION);
     assert_int_equal(last_error(0), GVUSB_ERR_SET_CONFIGURATION);
@@ -261,7 +261,7 @@ static void ABoundKernelDriverIsDetached(void** state) {
     assert_int_equal(host_count(with_driver, "driver-detaches"), detaches + 1);
 }
 
-static void DeviceIdZeroOpensButIsNotFoundByIt(void** state) {
+static void AReaderWithDeviceIdZeroOpensButIsNotFoundByItsId(void** state) {
     plug_new("id=0,name=Null");
     scan_until(readers + 1);
     const int handle = GVUSB_OpenDevice(0);
@@ -276,26 +276,26 @@ static void DeviceIdZeroOpensButIsNotFoundByIt(void** state) {
 
 int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
-        TEST_CASE(OpensByDeviceIdAndGivesAHandle),
-        TEST_CASE(AReaderThatNobodyScannedIsNotOpened),
+        TEST_CASE(OpensByDeviceIdAndReturnsAHandle),
+        TEST_CASE(AReaderThatWasNotScannedIsNotOpened),
         TEST_CASE(AReaderDroppedFromTheScanListIsOpenButNotScanned),
         TEST_CASE(SeveralReadersAreOpenAtOnce),
         TEST_CASE(ScanAndOpenOpensEveryReader),
-        TEST_CASE(HandlesAreWalkedInTheOrderOfOpening),
-        TEST_CASE(AnOpenReaderIsLeftAsItIs),
+        TEST_CASE(HandlesAreIteratedInTheOrderOfOpening),
+        TEST_CASE(OpeningAnOpenReaderChangesNothing),
         TEST_CASE(AClosedReaderOpensAgainWithItsHandle),
         TEST_CASE(ClosingReleasesTheReader),
         TEST_CASE(ClosingAnUnknownHandleIsRefused),
         TEST_CASE(ARefusedReaderStaysScannedAndOpensLater),
-        TEST_CASE(AReaderWhoseNodeHasGoneIsNotScannedUntilItIsPluggedAgain),
-        TEST_CASE(ABusyInterfaceIsToldByTheFirstTransfer),
+        TEST_CASE(AReaderWithoutItsNodeIsNotScannedUntilItIsPluggedAgain),
+        TEST_CASE(ABusyInterfaceIsReportedByTheFirstTransfer),
         TEST_CASE(TheInterfaceIsClaimedOncePerOpening),
         TEST_CASE(AReaderUnpluggedAfterTheScanCannotBeOpened),
         TEST_CASE(AReaderInAnotherConfigurationIsSetToTheFirst),
-        TEST_CASE(AReaderThatCannotBeConfiguredIsClosedAndTriedAgain),
-        TEST_CASE(OneReaderThatFailsDoesNotKeepTheOthersFromOpening),
+        TEST_CASE(AReaderThatCannotBeConfiguredIsClosedForARetry),
+        TEST_CASE(AFailingReaderDoesNotPreventOpeningTheOthers),
         TEST_CASE(ABoundKernelDriverIsDetached),
-        TEST_CASE(DeviceIdZeroOpensButIsNotFoundByIt),
+        TEST_CASE(AReaderWithDeviceIdZeroOpensButIsNotFoundByItsId),
     };
     return run_group("opening", tests, sizeof tests / sizeof *tests, argc, argv);
 }

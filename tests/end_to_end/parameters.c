@@ -1,10 +1,10 @@
-/* The settings of readers and of the driver. */
+/* Settings of readers and of the driver. */
 #include "testing.h"
 
 #include <stdio.h>
 #include <string.h>
 
-/* The readers as CMakeLists.txt describes them, by number. */
+/* The readers as described in CMakeLists.txt, by number. */
 enum { desk = 1, gate };
 enum { desk_id = 0x12AB0, gate_id = 0xB2 };
 
@@ -62,7 +62,7 @@ static void KeysOfAnyLengthAreRefusedSafely(void** state) {
     }
 }
 
-static void TheTimeoutTakesNumbersFromOne(void** state) {
+static void TheTimeoutAcceptsNumbersFromOne(void** state) {
     static const char* const refused[] = {"0", "-1", "", "soon"};
     const int handle = open_reader(desk_id);
     assert_int_equal(GVUSB_SetDevicePara(handle, "TIMEOUT", "250ms"), 0);
@@ -77,7 +77,7 @@ static void TheTimeoutTakesNumbersFromOne(void** state) {
     check_echo(handle);
 }
 
-static void TheTimeoutBelongsToTheOpeningsScan(void** state) {
+static void TheTimeoutIsKeptUntilTheNextScan(void** state) {
     int handle = open_reader(desk_id);
     assert_int_equal(GVUSB_SetDevicePara(handle, "TIMEOUT", "55"), 0);
     GVUSB_CloseDevice(handle);
@@ -136,7 +136,7 @@ static void WritingToAllDevicesWritesToEveryOpenOne(void** state) {
     assert_string_equal(parameter(second, "TIMEOUT"), "321");
 }
 
-static void WritingToAllDevicesStopsAtTheFirstThatRefuses(void** state) {
+static void WritingToAllDevicesStopsAtTheFirstFailure(void** state) {
     const int first = open_reader(desk_id);
     const int second = GVUSB_OpenDevice(gate_id);
     bus("fail-reset %d on", desk);
@@ -148,7 +148,7 @@ static void WritingToAllDevicesStopsAtTheFirstThatRefuses(void** state) {
     assert_int_equal(last_error(second), 0);
 }
 
-static void WritingToAllDevicesWithoutAnyReturnsTheLastErrorAsItIs(void** state) {
+static void WritingToAllDevicesReturnsTheLastErrorIfThereAreNone(void** state) {
     last_error(0);
     assert_int_equal(GVUSB_SetDevicePara(GVUSB_ALL_DEVICES, "TIMEOUT", "1"), 0);
     assert_int_equal(GVUSB_CloseDevice(0), GVUSB_ERR_NULL_HANDLE);
@@ -168,7 +168,7 @@ static void HandlesThatAreNotOpenAreRefused(void** state) {
     assert_int_equal(GVUSB_SetDevicePara(handle, "TIMEOUT", NULL), GVUSB_ERR_NULL_POINTER);
 }
 
-static void TheDriversParametersGoOneWayEach(void** state) {
+static void EachDriverParameterIsEitherReadOrWritten(void** state) {
     assert_string_equal(parameter(GVUSB_DRIVER, "HOTPLUG-MODE"), "0");
     assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-MODE", "1"), GVUSB_ERR_UNKNOWN_PARAMETER);
     assert_int_equal(get(GVUSB_DRIVER, "HOTPLUG-UPDATERATE"), GVUSB_ERR_UNKNOWN_PARAMETER);
@@ -177,7 +177,7 @@ static void TheDriversParametersGoOneWayEach(void** state) {
     assert_int_equal(last_error(0), GVUSB_ERR_UNKNOWN_PARAMETER);
 }
 
-static void TheUpdateRateTakesNumbersFromTen(void** state) {
+static void TheUpdateRateAcceptsNumbersFromTen(void** state) {
     static const char* const accepted[] = {"10", "250000ms", " 300000", "4000000000"};
     static const char* const refused[] = {"9", "0", "abc", ""};
     for (size_t i = 0; i < sizeof accepted / sizeof *accepted; ++i) {
@@ -190,7 +190,7 @@ static void TheUpdateRateTakesNumbersFromTen(void** state) {
     }
 }
 
-static void SuspendTakesExactlyZeroAndOne(void** state) {
+static void SuspendAcceptsExactlyZeroAndOne(void** state) {
     static const char* const refused[] = {"", "2", "00", " 1", "true"};
     assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "0"), 0);
     assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "hotplug-suspend", "1"), 0);
@@ -206,19 +206,19 @@ int main(int argc, char** argv) {
         TEST_CASE(KeysAreTheSameInAnyCase),
         TEST_CASE(UnknownKeysAreRefused),
         TEST_CASE(KeysOfAnyLengthAreRefusedSafely),
-        TEST_CASE(TheTimeoutTakesNumbersFromOne),
-        TEST_CASE(TheTimeoutBelongsToTheOpeningsScan),
+        TEST_CASE(TheTimeoutAcceptsNumbersFromOne),
+        TEST_CASE(TheTimeoutIsKeptUntilTheNextScan),
         TEST_CASE(TypeNumberIsReadEachTime),
         TEST_CASE(TheIdentityIsThatOfTheScan),
         TEST_CASE(TheLongestTextsFitTheirBuffers),
         TEST_CASE(ReadingFromAllDevicesReadsTheFirstOpenOne),
         TEST_CASE(WritingToAllDevicesWritesToEveryOpenOne),
-        TEST_CASE(WritingToAllDevicesStopsAtTheFirstThatRefuses),
-        TEST_CASE(WritingToAllDevicesWithoutAnyReturnsTheLastErrorAsItIs),
+        TEST_CASE(WritingToAllDevicesStopsAtTheFirstFailure),
+        TEST_CASE(WritingToAllDevicesReturnsTheLastErrorIfThereAreNone),
         TEST_CASE(HandlesThatAreNotOpenAreRefused),
-        TEST_CASE(TheDriversParametersGoOneWayEach),
-        TEST_CASE(TheUpdateRateTakesNumbersFromTen),
-        TEST_CASE(SuspendTakesExactlyZeroAndOne),
+        TEST_CASE(EachDriverParameterIsEitherReadOrWritten),
+        TEST_CASE(TheUpdateRateAcceptsNumbersFromTen),
+        TEST_CASE(SuspendAcceptsExactlyZeroAndOne),
     };
     return run_group("parameters", tests, sizeof tests / sizeof *tests, argc, argv);
 }

@@ -10,11 +10,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-/* The readers as CMakeLists.txt describes them, by their product IDs. */
+/* The readers as described in CMakeLists.txt, by product ID. */
 enum { desk = 1, gate };
 enum { desk_id = 0xA1, gate_id = 0xB2 };
 
-/* Root may open whatever it likes; this takes that right from the calling thread. */
+/* Root may open every node; drop the capabilities for this from the calling thread. */
 static void obey_permissions(void) {
     struct __user_cap_header_struct header = {.version = _LINUX_CAPABILITY_VERSION_3};
     struct __user_cap_data_struct sets[2];
@@ -23,7 +23,7 @@ static void obey_permissions(void) {
     assert_int_equal(syscall(SYS_capset, &header, sets), 0);
 }
 
-/* The node that libusb would open, whose place the emulated bus has in a folder of its own. */
+/* Change the mode of the node that libusb would open. The emulated bus has its nodes in another folder. */
 static void change_mode(int product, mode_t mode) {
     const char* root = getenv("UMOCKDEV_DIR");
     libusb_device** list = NULL;
@@ -71,7 +71,7 @@ static void AReaderThatMayNoLongerBeWrittenToIsNotOpened(void** state) {
     check_echo(GVUSB_OpenDevice(desk_id));
 }
 
-static void AnOpenReaderIsUsedOnWhenItsPermissionIsTakenAway(void** state) {
+static void AnOpenReaderWorksAfterItsPermissionIsRemoved(void** state) {
     const int handle = open_reader(desk_id);
     change_mode(desk, 0);
     check_echo(handle);
@@ -83,7 +83,7 @@ int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
         cmocka_unit_test_setup(AReaderThatMayNotBeWrittenToIsNotScanned, give_permissions_back),
         cmocka_unit_test_setup(AReaderThatMayNoLongerBeWrittenToIsNotOpened, give_permissions_back),
-        cmocka_unit_test_setup(AnOpenReaderIsUsedOnWhenItsPermissionIsTakenAway, give_permissions_back),
+        cmocka_unit_test_setup(AnOpenReaderWorksAfterItsPermissionIsRemoved, give_permissions_back),
     };
     obey_permissions();
     return run_group("permissions", tests, sizeof tests / sizeof *tests, argc, argv);

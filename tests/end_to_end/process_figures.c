@@ -36,7 +36,7 @@ static long count_descriptors(pid_t process) {
         count += entry->d_name[0] != '.';
     }
     closedir(folder);
-    return process == getpid() ? count - 1 : count; /* without the one that reads the folder */
+    return process == getpid() ? count - 1 : count; /* without the descriptor that reads the folder */
 }
 
 struct process_figures figures_of(pid_t process) {

@@ -1,7 +1,7 @@
 /*
- * What a process takes of the machine: memory, descriptors, threads.
+ * The resources that a process uses: memory, descriptors, threads.
  *
- * Any thread.
+ * Thread-safe.
  */
 #ifndef GVUSB_TESTS_PROCESS_FIGURES_H
 #define GVUSB_TESTS_PROCESS_FIGURES_H
@@ -10,7 +10,7 @@
 
 struct process_figures {
     long resident_kb;
-    long heap_bytes; /* handed out by malloc and not given back; the calling process's only, else 0 */
+    long heap_bytes; /* allocated by malloc() and not freed; only for the calling process, otherwise 0 */
     long descriptors;
     long threads;
 };
@@ -18,7 +18,7 @@ struct process_figures {
 struct process_figures own_figures(void);
 struct process_figures figures_of(pid_t process);
 
-/* Sums of the calling process's figures at several moments. */
+/* Sums of the calling process's figures over several samples. */
 struct memory_samples {
     double resident_kb, heap_bytes;
     double count;

@@ -14,12 +14,14 @@
 
 extern char** environ;
 
-/* The variable by which the program's preload learns what stands for the configuration file. Without a preload
- * there is only the file itself, which another variable names to permit that it is written. */
+/*
+ * The first variable tells the emulator's preload which file replaces the configuration file. Without the
+ * preload, the second variable names the real file and permits overwriting it.
+ */
 static const char configuration_variable[] = "GVUSB_EMULATE_CONFIG";
 static const char own_file_variable[] = "GVUSB_TEST_CONFIGURATION_FILE";
 
-/* How long a program may run; GVUSB_TEST_RUN_SECONDS in the environment overrules it. */
+/* The time limit for a program; GVUSB_TEST_RUN_SECONDS in the environment overrides it. */
 enum { longest_run_s = 120 };
 
 static double longest_run_ms(void) {
@@ -34,8 +36,7 @@ static void write_text(int file, const char* text) {
     close(file);
 }
 
-/* Without a preload that could tell each program another file there is the file itself. What stood in it the
- * calling program has read long ago. */
+/* Without the preload, overwrite the real file. The calling program has read it long ago. */
 static void replace_configuration(const char* path, const char* text) {
     unlink(path);
     if (text != NULL) {
@@ -57,7 +58,7 @@ static pid_t start(char** arguments, int output) {
     return process;
 }
 
-/* Reads until the program has closed its output, which its end does; false if that takes too long. */
+/* Read until the program closes its output at its end; false on a time-out. */
 static bool read_output(int output, struct program_run* run) {
     const double deadline = now_ms() + longest_run_ms();
     size_t length = 0;

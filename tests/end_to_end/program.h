@@ -1,7 +1,7 @@
 /*
- * Runs another program on the same bus, with a configuration of its own, and catches what it prints.
+ * Runs another program on the same bus with its own configuration, and captures its output.
  *
- * One thread at a time.
+ * Not thread-safe.
  */
 #ifndef GVUSB_TESTS_PROGRAM_H
 #define GVUSB_TESTS_PROGRAM_H
@@ -9,16 +9,16 @@
 #include <stddef.h>
 
 struct program_run {
-    int status;          /* the exit status, or 128 and the number of the signal that ended it */
-    double first_output; /* when it printed something for the first time, as now_ms tells */
+    int status;          /* the exit status, or 128 plus the number of the signal that ended it */
+    double first_output; /* when it first printed something, as returned by now_ms() */
     double ended;
     char output[1 << 20]; /* standard output and standard error */
 };
 
 /*
- * Runs a program of the programs folder to its end, with up to three arguments (null: no more).
- * `configuration` is what it reads as /etc/gavo/gvusb.conf; with null there is no such file. A program that
- * does not end is killed and fails the test.
+ * Run a program of the programs folder to its end, with up to three arguments (null: no more). It reads
+ * `configuration` as /etc/gavo/gvusb.conf; null means a missing file. A program that does not end in time is
+ * killed and fails the test.
  */
 void run_program(struct program_run* run, const char* configuration, const char* name, const char* first,
                  const char* second, const char* third);

@@ -1,10 +1,10 @@
-/* Finding readers: the scan list and what can be read from it. */
+/* Finding readers: the scan list and its parameters. */
 #include "testing.h"
 
 #include <stdio.h>
 #include <string.h>
 
-/* The readers as CMakeLists.txt describes them. */
+/* The readers as described in CMakeLists.txt. */
 enum { desk, gate, handheld, foreign, fifth_product, without_id, readers };
 enum { usable = 3 };
 static const char* const ids[usable] = {"A1", "B2", "C3"};
@@ -52,7 +52,7 @@ static void ScanAllFindsTheReadersAndNothingElse(void** state) {
     check_all_usable();
 }
 
-static void EveryEntryTellsItsIdentity(void** state) {
+static void EveryEntryReturnsItsIdentity(void** state) {
     assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL, NULL), 0);
     const int index = scan_list_index("A1");
     assert_string_equal(scan_list_parameter(index, "device-id"), "A1");
@@ -169,7 +169,7 @@ static void OnlyTheFirstCriterionOfTheMaskCounts(void** state) {
     check_finds_nothing(0, "Desk", "Gate reader", "A1");
 }
 
-static void TheSearchRecordIsReadOnlyWhereTheOptionSaysSo(void** state) {
+static void TheSearchRecordIsUsedOnlyWithItsOption(void** state) {
     GVUSB_SCANSEARCH search = search_for(GVUSB_SEARCH_DEVICE_ID, "", "", "A1");
     assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL, &search), 0);
     check_all_usable();
@@ -177,7 +177,7 @@ static void TheSearchRecordIsReadOnlyWhereTheOptionSaysSo(void** state) {
     check_all_usable();
 }
 
-static void SearchAndOpenOpensWhatWasFoundAlone(void** state) {
+static void SearchAndOpenOpensOnlyMatches(void** state) {
     GVUSB_SCANSEARCH search = search_for(GVUSB_SEARCH_DEVICE_ID, "", "", "B2");
     assert_int_equal(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL | GVUSB_SCAN_SEARCH, &search), 0);
     const int handle = GVUSB_GetDeviceHnd(0xB2);
@@ -283,7 +283,7 @@ static void AnOpenReaderKeepsItsHandleAcrossScans(void** state) {
 int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
         TEST_CASE(ScanAllFindsTheReadersAndNothingElse),
-        TEST_CASE(EveryEntryTellsItsIdentity),
+        TEST_CASE(EveryEntryReturnsItsIdentity),
         TEST_CASE(TypeNumberIsReadFromAnOpenReader),
         TEST_CASE(AnEntryThatDoesNotExistReadsAsPositive1115),
         TEST_CASE(StepsThroughTheScanListToItsEnd),
@@ -295,8 +295,8 @@ int main(int argc, char** argv) {
         TEST_CASE(FindsByDeviceName),
         TEST_CASE(FindsByDeviceId),
         TEST_CASE(OnlyTheFirstCriterionOfTheMaskCounts),
-        TEST_CASE(TheSearchRecordIsReadOnlyWhereTheOptionSaysSo),
-        TEST_CASE(SearchAndOpenOpensWhatWasFoundAlone),
+        TEST_CASE(TheSearchRecordIsUsedOnlyWithItsOption),
+        TEST_CASE(SearchAndOpenOpensOnlyMatches),
         TEST_CASE(AnEmptyBusHasNothingToScan),
         TEST_CASE(AReaderThatCannotIdentifyItselfIsLeftOut),
         TEST_CASE(AReaderThatMayNotBeOpenedIsLeftOut),

@@ -1,4 +1,4 @@
-/* Signals of the application reach the application's threads, though the library and libusb have threads of their own. */
+/* Signals are delivered to the application's threads, not to those of the library or libusb. */
 #include "program.h"
 #include "testing.h"
 
@@ -12,20 +12,20 @@ static void check_takes_signal(const char* configuration, const char* program) {
     assert_string_equal(run.output, "taken\n");
 }
 
-static void AProgramTakesASignalByDescriptorInEveryMode(void** state) {
+static void AProgramReceivesASignalByDescriptorInEveryMode(void** state) {
     check_takes_signal("gvusb_hotplug=0", "take_signal");
     check_takes_signal("gvusb_hotplug=1 gvusb_updaterate=10", "take_signal");
     check_takes_signal("gvusb_hotplug=2", "take_signal");
 }
 
-static void AProgramWithoutTheLibraryTakesItToo(void** state) {
+static void AProgramWithoutTheLibraryReceivesItToo(void** state) {
     check_takes_signal("gvusb_hotplug=0", "take_signal_without_library");
 }
 
 int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
-        TEST_CASE(AProgramTakesASignalByDescriptorInEveryMode),
-        TEST_CASE(AProgramWithoutTheLibraryTakesItToo),
+        TEST_CASE(AProgramReceivesASignalByDescriptorInEveryMode),
+        TEST_CASE(AProgramWithoutTheLibraryReceivesItToo),
     };
     return run_group("signals", tests, sizeof tests / sizeof *tests, argc, argv);
 }

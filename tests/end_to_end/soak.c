@@ -1,9 +1,9 @@
 /*
- * One process for a long time: readers come and go without end while others are used, and nothing may grow,
- * go missing or be told twice.
+ * One process runs for a long time: readers come and go continuously while others are used. Nothing may grow,
+ * get lost or be reported twice.
  *
- * Takes the seconds to run, 5 unless told otherwise. Prints a line each minute, in a run of less than ten
- * minutes each second, and a verdict; exits with 0 when every limit was kept.
+ * The argument is the number of seconds to run, 5 by default. Prints a line each minute, in a run of less
+ * than ten minutes each second, and a verdict. Exits with 0 if every limit was kept.
  */
 #include "bus.h"
 #include "gvusb.h"
@@ -19,14 +19,17 @@ enum { bulk_id = 0x50, control_id, visited_id, kept_id, first_comer_id = 0xA0, c
 
 enum { usual_seconds = 5, longest_wait_ms = 10000, update_rate_us = 10000, pause_us = 20000 };
 
-/* What the averages over the second and the last quarter of the time may differ by. */
+/* The permitted difference between the averages over the second and the last quarter of the time. */
 enum { resident_tolerance_kb = 256, heap_tolerance_bytes = 16384 };
 
-/* The readers' numbers. Watched are the one that is kept open (0) and those that come and go (1 and up). */
+/*
+ * The readers' numbers. The watched ones are the one that is kept open (0) and those that come and go (1 and
+ * up).
+ */
 static int kept, first_comer;
 static int kept_handle;
 
-/* Every poll and every scan opens the watcher, which cannot tell who it is. */
+/* Every poll and every scan opens the watcher, because it cannot identify itself. */
 static int watcher;
 static long opens_at_start;
 
@@ -40,7 +43,7 @@ static bool has_polls(void* wanted) {
     return poll_count() >= *(const long*)wanted;
 }
 
-/* A reader that is reported twice is so by one of the next polls. */
+/* A duplicate report would come from one of the next polls. */
 static void await_reports(void) {
     await(all_reported, NULL, longest_wait_ms);
     long wanted = poll_count() + 2;
@@ -82,10 +85,10 @@ static void change_comers(const char* command, unsigned int which) {
 
 static void suspend_polls(bool suspended) {
     GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", suspended ? "1" : "0");
-    usleep(2 * update_rate_us); /* the poll that is under way ends */
+    usleep(2 * update_rate_us); /* a poll in progress ends */
 }
 
-/* A poll puts the reader in its old place, or now and then a scan. */
+/* A poll puts the reader in its old place; sometimes a scan does. */
 static void bring_kept_reader_back(bool by_scan) {
     if (by_scan) {
         suspend_polls(true);
@@ -117,11 +120,11 @@ static void come_and_go(unsigned int random) {
     bring_kept_reader_back(random % 4 == 0);
 }
 
-/* Nothing is opened for a moment, neither by a poll nor by the exchanges. */
+/* Measure while neither polls nor exchanges have anything open. */
 static struct process_figures quiet_figures(void) {
     suspend_polls(true);
     begin_period(0, 0);
-    scan(); /* waits for a poll that takes longer */
+    scan(); /* waits for a longer poll */
     pause_exchanges();
     const struct process_figures figures = own_figures();
     resume_exchanges();
@@ -150,7 +153,7 @@ static bool check_equal(const char* what, long figure, long wanted) {
     return check(figure == wanted, what, (double)figure, (double)wanted);
 }
 
-/* Sanitizers keep freed memory and do not count it, so there memory is not judged. */
+/* Memory is not checked with sanitizers, because they keep freed memory without counting it. */
 static bool check_memory(const struct memory_samples* early, const struct memory_samples* last) {
 #ifdef GVUSB_TEST_SANITIZED
     (void)early, (void)last;
@@ -169,7 +172,7 @@ static bool check_memory(const struct memory_samples* early, const struct memory
 static bool verdict(const struct memory_samples quarters[4], const struct process_figures* before) {
     const struct process_figures after = quiet_figures();
     const struct report_counts counts = report_counts();
-    printf("\nWhat was found, and in brackets what is wanted or the most that is allowed:\n");
+    printf("\nResults, with the expected or maximum value in parentheses:\n");
     bool good = check_equal("reports that went missing", counts.due - counts.reported, 0);
     good &= check_equal("reports that were not due", counts.doubled, 0);
     good &= check_equal("reports with a wrong handle", counts.wrong_handles, 0);
@@ -208,7 +211,7 @@ static bool all_listed(void* nothing) {
     return GVUSB_GetScanListSize() == listed;
 }
 
-/* What was on the bus goes. */
+/* Replace all readers on the bus. */
 static bool plug_readers(void) {
     for (int reader = reader_count(); reader > 0; --reader) {
         bus("unplug %d", reader);
@@ -231,7 +234,7 @@ static bool prepare(void) {
     for (int i = 1; i <= comers; ++i) {
         watch_reader(i, (unsigned int)(first_comer_id + i - 1), 0);
     }
-    suspend_polls(true); /* what a poll saw before the scan is not due */
+    suspend_polls(true); /* a poll that began before the scan could report unexpectedly */
     opens_at_start = host_count(watcher, "opens");
     suspend_polls(false);
     return kept_handle > 0 && count_reports() && begin_exchanges(bulk_id, control_id, visited_id);
@@ -244,9 +247,9 @@ int main(int argc, char** argv) {
         return 2;
     }
     setlinebuf(stdout);
-    alarm((unsigned int)seconds + 60); /* a standstill ends the program */
+    alarm((unsigned int)seconds + 60); /* end the program if it hangs */
     if (!prepare()) {
-        fprintf(stderr, "The readers are not as they should be.\n");
+        fprintf(stderr, "The readers could not be prepared.\n");
         return 2;
     }
     come_and_go(0);

@@ -40,7 +40,7 @@ struct opening {
     int result;
 };
 
-/* A scan empties the list before it fills it again, and nothing can be opened in between. */
+/* A scan empties the list before it fills it again; meanwhile nothing can be opened. */
 static bool is_listed(void* argument) {
     struct opening* const opening = argument;
     opening->result = GVUSB_OpenDevice(opening->id);

@@ -1,29 +1,29 @@
 /*
- * A thread that exchanges frames with readers that stay: one over bulk endpoints, one over control
- * transfers, and one that is closed and opened again every now and then.
+ * A thread that exchanges frames with readers that stay plugged: one over bulk endpoints, one over control
+ * transfers, and one that is closed and reopened from time to time.
  *
- * Any thread.
+ * Thread-safe.
  */
 #ifndef GVUSB_TESTS_SOAK_EXCHANGES_H
 #define GVUSB_TESTS_SOAK_EXCHANGES_H
 
 #include <stdbool.h>
 
-/* Begins with these readers, which a scan has found, and ends. */
+/* Start with these readers, which a scan must have found, and stop. */
 bool begin_exchanges(unsigned int bulk_id, unsigned int control_id, unsigned int visited_id);
 void end_exchanges(void);
 
-/* In between the thread rests. */
+/* Pause the thread. */
 void pause_exchanges(void);
 void resume_exchanges(void);
 
-/* An exchange of a frame that no other has; whether it came back unchanged. */
+/* Exchange a unique frame; true if it came back unchanged. */
 bool exchange(int handle);
 
-/* Opens a reader, waiting for a scan in another thread to list it; 0 when that fails. */
+/* Open a reader, waiting until another thread's scan lists it; 0 on failure. */
 int open_listed_reader(unsigned int id);
 
-/* What should have succeeded did not. */
+/* Count a call that failed unexpectedly. */
 void note_failure(int code);
 
 long exchange_count(void);

@@ -9,7 +9,7 @@ struct watched {
     unsigned int id;
     int handle;
     int wanted, seen;         /* the kind of event of this period, and how many came */
-    int wanted_before, later; /* the kind of the period before, and how many came in this one */
+    int wanted_before, later; /* the kind of the previous period, and how many came in this one */
 };
 
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;

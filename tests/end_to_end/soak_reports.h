@@ -1,39 +1,41 @@
 /*
- * Counts the events that the library reports against those that are due.
+ * Counts the events that the library reports, compared with the expected ones.
  *
- * Scans divide the time into periods; in each a reader is to be reported in one direction, or not at all. A
- * poll that has looked at the bus before a scan may report after it what that scan has made news again: one
- * such late repetition of the period before is no mistake.
+ * Scans divide the time into periods. In each, a reader is expected to be reported in one direction, or not
+ * at all. A poll that read the bus before a scan may report a change again after it: one such late repetition
+ * from the previous period is not an error.
  *
- * Any thread.
+ * Thread-safe.
  */
 #ifndef GVUSB_TESTS_SOAK_REPORTS_H
 #define GVUSB_TESTS_SOAK_REPORTS_H
 
 #include <stdbool.h>
 
-/* How many readers are watched at most. */
+/* The maximum number of watched readers. */
 enum { most_watched = 8 };
 
 struct report_counts {
     long due;
-    long reported; /* of those that were due */
+    long reported; /* the expected ones */
     long late;
-    long doubled; /* not due, or told before */
+    long doubled; /* unexpected, or repeated */
     long wrong_handles;
 };
 
-/* Registers the handlers; false when the library refuses. */
+/* Register the handlers; false if the library rejects them. */
 bool count_reports(void);
 
-/* Has a reader watched, as number 0, 1 ...: one that stays open under a handle, or (0) one that is never
- * open. */
+/*
+ * Watch a reader under a number (0, 1 ...): one that stays open under a handle, or (0) one that is never
+ * open.
+ */
 void watch_reader(int number, unsigned int id, int handle);
 
-/* From now on these readers, bit 0 for number 0, are to be reported with this kind of event. */
+/* Expect these readers (bit 0 is number 0) to be reported with this kind of event from now on. */
 void begin_period(int kind, unsigned int which);
 
-/* Whether nothing of this period is outstanding. */
+/* Whether all reports of this period have come. */
 bool all_reported(void* nothing);
 
 struct report_counts report_counts(void);

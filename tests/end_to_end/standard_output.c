@@ -1,5 +1,7 @@
-/* The whole log on a standard output that takes nothing: every call gives its code, nothing hangs, nothing ends the
- * process. */
+/*
+ * The library logs to a standard output that refuses all output. Every call must return its usual code, and
+ * nothing may hang or end the process.
+ */
 #include "program.h"
 #include "testing.h"
 
@@ -34,35 +36,35 @@ static void check_session(const char* output) {
     check_echo(open_reader(0xA1));
 }
 
-static void ADiskThatIsFullDisturbsNoCall(void** state) {
+static void AFullDiskAffectsNoCall(void** state) {
     check_session("full");
 }
 
-/* SIGPIPE is ignored, or it would end the process. */
-static void APipeThatNobodyReadsAnyMoreDisturbsNoCall(void** state) {
+/* The program ignores SIGPIPE, which would end the process. */
+static void ABrokenPipeAffectsNoCall(void** state) {
     check_session("broken");
 }
 
-static void AFullPipeThatDoesNotBlockDisturbsNoCall(void** state) {
+static void AFullNonblockingPipeAffectsNoCall(void** state) {
     check_session("nonblocking");
 }
 
-static void AStandardOutputThatIsOnlyReadableDisturbsNoCall(void** state) {
+static void AReadOnlyStandardOutputAffectsNoCall(void** state) {
     check_session("unwritable");
 }
 
-/* libusb's event descriptor has number 1 then, and gets the log. */
-static void AClosedStandardOutputDisturbsNoCall(void** state) {
+/* libusb's event descriptor then has number 1 and receives the log. */
+static void AClosedStandardOutputAffectsNoCall(void** state) {
     check_session("closed");
 }
 
 int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
-        TEST_CASE(ADiskThatIsFullDisturbsNoCall),
-        TEST_CASE(APipeThatNobodyReadsAnyMoreDisturbsNoCall),
-        TEST_CASE(AFullPipeThatDoesNotBlockDisturbsNoCall),
-        TEST_CASE(AStandardOutputThatIsOnlyReadableDisturbsNoCall),
-        TEST_CASE(AClosedStandardOutputDisturbsNoCall),
+        TEST_CASE(AFullDiskAffectsNoCall),
+        TEST_CASE(ABrokenPipeAffectsNoCall),
+        TEST_CASE(AFullNonblockingPipeAffectsNoCall),
+        TEST_CASE(AReadOnlyStandardOutputAffectsNoCall),
+        TEST_CASE(AClosedStandardOutputAffectsNoCall),
     };
     return run_group("standard_output", tests, sizeof tests / sizeof *tests, argc, argv);
 }

@@ -1,8 +1,8 @@
 /*
- * Eight threads call every function at random while readers come and go and fail: whatever happens, the
- * readers can be used afterwards and everything that was taken is given back.
+ * Eight threads call every function at random while readers come, go and fail. Afterwards the readers must
+ * work and all resources must be released.
  *
- * GVUSB_STRESS_SECONDS in the environment is how long, GVUSB_STRESS_SEED what chance begins with.
+ * GVUSB_STRESS_SECONDS in the environment sets the duration, GVUSB_STRESS_SEED the random seed.
  */
 #include "process_figures.h"
 #include "testing.h"
@@ -16,7 +16,7 @@
 #include <time.h>
 #include <unistd.h>
 
-/* The readers as CMakeLists.txt describes them: number 1 has the first ID, and so on. */
+/* The readers as described in CMakeLists.txt: number 1 has the first ID, and so on. */
 enum { first_id = 0xC0, readers = 6 };
 
 enum { callers = 8, handles = 16, usual_seconds = 10, longest_standstill_s = 90 };
@@ -39,7 +39,7 @@ static unsigned int reader_id(unsigned int* random) {
     return (unsigned int)(first_id + pick(random, readers));
 }
 
-/* Mostly of an open reader, otherwise one that was or that never is. */
+/* Usually the handle of an open reader, otherwise a former or an invalid one. */
 static int handle(unsigned int* random) {
     switch (pick(random, 16)) {
     case 0:
@@ -65,7 +65,7 @@ static void learn(unsigned int* random, int result) {
     }
 }
 
-/* Whoever waits for an answer that does not come keeps all the others waiting. */
+/* A call that waits for a missing answer blocks all other calls, so set a short time-out. */
 static void learn_opened(unsigned int* random, int result) {
     learn(random, result);
     if (result > 0) {
@@ -93,7 +93,7 @@ static void exchange(unsigned int* random) {
     }
 }
 
-/* Mostly all readers are listed, so that most can be opened. */
+/* Usually lists all readers, so that most can be opened. */
 static void find(unsigned int* random) {
     static const int options[] = {GVUSB_SCAN_FIRST, GVUSB_SCAN_NEXT};
     GVUSB_SCANSEARCH search = {.mask = GVUSB_SEARCH_DEVICE_ID};
@@ -157,7 +157,7 @@ static void ask(unsigned int* random) {
     }
 }
 
-/* Everything but what a handler must not call. */
+/* Call any function that a handler may call. */
 static void call_anything(unsigned int* random) {
     atomic_fetch_add(&calls, 1);
     const int what = pick(random, 256);
@@ -178,7 +178,7 @@ static void call_anything(unsigned int* random) {
     }
 }
 
-/* Handlers run one at a time. */
+/* Unsynchronized, because handlers run one at a time. */
 static void on_event(int device_handle, unsigned int id, const char* text) {
     static unsigned int random = 99;
     (void)device_handle, (void)id, (void)text;
@@ -205,7 +205,7 @@ static void* call_all_the_time(void* seed) {
 
 static bool plugged[1 + readers];
 
-/* The bus's own hub is nobody's child. */
+/* The root hub has no parent. */
 static int readers_on_bus(void) {
     libusb_device** list = NULL;
     const ssize_t count = libusb_get_device_list(NULL, &list);
@@ -221,7 +221,7 @@ static bool libusb_knows(void* count) {
     return readers_on_bus() == *(const int*)count;
 }
 
-/* Only so many changes can wait for libusb to notice them. */
+/* The queue of changes that libusb has not yet noticed is limited. */
 static void await_libusb(void) {
     int count = 0;
     for (int reader = 1; reader <= readers; ++reader) {
@@ -274,7 +274,7 @@ static void change_bus_for(double seconds, unsigned int random) {
                   atomic_load(&answers), changes, atomic_load(&events));
 }
 
-/* The thread sanitizer may have begun to ask a program of its own for functions' names, over two pipes. */
+/* The thread sanitizer may have started a symbolizer process, which uses two pipes. */
 static bool has_descriptors(void* count) {
     const long more = own_figures().descriptors - *(const long*)count;
 #ifdef GVUSB_TEST_SANITIZED
@@ -289,7 +289,7 @@ static bool has_returned_everything(void* reader) {
     return host_count(number, "opens") == host_count(number, "closes");
 }
 
-/* A poll that is under way has readers open; a scan waits for its end. */
+/* A poll in progress has readers open; a scan waits for its end. */
 static void stop_polls(void) {
     assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1"), 0);
     usleep(20000);
@@ -320,7 +320,7 @@ static void check_nothing_is_left(long descriptors) {
     }
 }
 
-static void NothingIsLostWhateverIsCalledAndHappens(void** state) {
+static void NothingIsLostUnderRandomCallsAndEvents(void** state) {
     unsigned int seeds[callers];
     pthread_t threads[callers];
     pthread_t driver;
@@ -370,7 +370,7 @@ static void NothingIsLostWhateverIsCalledAndHappens(void** state) {
 
 int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
-        TEST_CASE(NothingIsLostWhateverIsCalledAndHappens),
+        TEST_CASE(NothingIsLostUnderRandomCallsAndEvents),
     };
     if (libusb_init(NULL) != 0) {
         return 2;

@@ -7,7 +7,7 @@
 enum { most_tests = 64 };
 
 static int first_readers;   /* those that the program was started with */
-static int usable_at_start; /* how many of them a scan finds */
+static int usable_at_start; /* the number of these that a scan finds */
 
 static bool scan_finds(void* size) {
     GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
@@ -54,11 +54,11 @@ static const struct CMUnitTest* test_named(const struct CMUnitTest* tests, size_
             return &tests[i];
         }
     }
-    fprintf(stderr, "there is no test %s to leave out\n", name);
+    fprintf(stderr, "cannot leave out unknown test %s\n", name);
     exit(2);
 }
 
-/* Takes the tests out whose names are in a text with blanks between them; returns how many stay. */
+/* Remove the tests whose names are in a space-separated list; return the number of the others. */
 static size_t leave_out(struct CMUnitTest* tests, size_t count, const char* names) {
     char* left_out = strdup(names);
     char* rest = NULL;

@@ -1,23 +1,25 @@
-/* Threads that cannot be created: libusb's own, the library's own, and in mode 2 the one of the first event. */
+/* Thread creation fails: for libusb's thread, the polling thread, and in mode 2 the reporting thread. */
 #include "program.h"
 #include "testing.h"
 
 #include <stdio.h>
 #include <string.h>
 
-/* In this order each load creates them. */
+/* In the order in which they are created. */
 enum { libusbs_thread = 1, polling_thread, reporting_thread };
 
 static struct program_run run;
 
-/* What comes after this beginning; null if the text begins otherwise. */
+/* The text after this beginning; null if the text begins differently. */
 static const char* after(const char* text, const char* beginning) {
     const size_t length = strlen(beginning);
     return strncmp(text, beginning, length) == 0 ? text + length : NULL;
 }
 
-/* Checks what the calls gave while this creation failed, and that nothing was left over nor remembered. Returns how
- * many creations were tried. */
+/*
+ * Check the results of the calls while this creation failed, that nothing leaked, and that the failure had no
+ * lasting effect. Returns the number of attempted creations.
+ */
 static int check_creation_fails(int which, const char* configuration, const char* outcome,
                                 const char* usual) {
     char number[16];
@@ -45,8 +47,8 @@ static int check_creation_fails(int which, const char* configuration, const char
     return creations;
 }
 
-/* Past the last creation nothing fails, which shows that there is no further one. */
-static void ModeZeroDoesWithoutAnyThread(void** state) {
+/* Nothing fails after the last creation, which shows that there are no more. */
+static void ModeZeroWorksWithoutAnyThread(void** state) {
     static const char configuration[] = "gvusb_hotplug=0";
     check_creation_fails(libusbs_thread, configuration, "silence", "silence");
     check_creation_fails(polling_thread, configuration, "silence", "silence");
@@ -54,7 +56,7 @@ static void ModeZeroDoesWithoutAnyThread(void** state) {
                      polling_thread);
 }
 
-static void ModeOneReportsNothingWithoutTheThreadThatPolls(void** state) {
+static void ModeOneReportsNothingWithoutThePollingThread(void** state) {
     static const char configuration[] = "gvusb_hotplug=1 gvusb_updaterate=10";
     check_creation_fails(libusbs_thread, configuration, "silence", "event");
     check_creation_fails(polling_thread, configuration, "silence", "event");
@@ -62,7 +64,7 @@ static void ModeOneReportsNothingWithoutTheThreadThatPolls(void** state) {
                      polling_thread);
 }
 
-/* The thread that could not be created for one event is tried again at the next. */
+/* The creation that failed for one event is attempted again at the next one. */
 static void ModeTwoReportsLaterWithoutAThreadForTheFirstEvent(void** state) {
     static const char configuration[] = "gvusb_hotplug=2";
     check_creation_fails(libusbs_thread, configuration, "silence", "event");
@@ -75,8 +77,8 @@ static void ModeTwoReportsLaterWithoutAThreadForTheFirstEvent(void** state) {
 
 int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
-        TEST_CASE(ModeZeroDoesWithoutAnyThread),
-        TEST_CASE(ModeOneReportsNothingWithoutTheThreadThatPolls),
+        TEST_CASE(ModeZeroWorksWithoutAnyThread),
+        TEST_CASE(ModeOneReportsNothingWithoutThePollingThread),
         TEST_CASE(ModeTwoReportsLaterWithoutAThreadForTheFirstEvent),
     };
     return run_group("thread_creation", tests, sizeof tests / sizeof *tests, argc, argv);

@@ -1,4 +1,4 @@
-/* Several threads at work at once, and readers that come and go under their hands. */
+/* Several threads at work at once, and readers that come and go meanwhile. */
 #include "events.h"
 #include "testing.h"
 
@@ -10,17 +10,20 @@
 #include <string.h>
 #include <unistd.h>
 
-/* How often a reader is unplugged and plugged again; GVUSB_TEST_CHURN in the environment overrules it. */
+/* The number of replugs; GVUSB_TEST_CHURN in the environment overrides it. */
 enum { churn_cycles = 2000 };
 
-/* The readers as CMakeLists.txt describes them: number 1 has the first ID, and so on. */
+/* The readers as described in CMakeLists.txt: number 1 has the first ID, and so on. */
 enum { first_id = 0xC0, readers = 6 };
 
 enum { longest_problem = 160 };
 static char problem[longest_problem];
 static atomic_int problems;
 
-/* Threads cannot use cmocka's checks; the first problem that one notes fails the test once all have ended. */
+/*
+ * Only the main thread can use cmocka's checks, so record the first problem and fail the test after all
+ * threads have ended.
+ */
 static void note_problem(const char* what, int result) {
     if (atomic_fetch_add(&problems, 1) == 0) {
         snprintf(problem, sizeof problem, "%s gave %d", what, result);
@@ -42,7 +45,7 @@ static unsigned int reader_id(int reader) {
     return (unsigned int)(first_id + reader - 1);
 }
 
-/* An exchange of a frame that no other has; the result, with 0 for an answer that is not the frame's. */
+/* Exchange a unique frame; return the result, or 0 if the answer differs. */
 static int exchange(int handle) {
     static atomic_uint serial;
     unsigned char frame[64];
@@ -166,7 +169,7 @@ static void ThreadsOpenAndCloseDifferentReaders(void** state) {
     assert_int_equal(GVUSB_GetDeviceList(0), 0);
 }
 
-/* What a thread's own search finds is what it opens, whatever the others search for. */
+/* A thread must open the reader that its own search found, whatever other threads search for. */
 static void* scan_and_open_own(void* argument) {
     const unsigned int id = *(const unsigned int*)argument;
     GVUSB_SCANSEARCH search = {.mask = GVUSB_SEARCH_DEVICE_ID};
@@ -201,7 +204,7 @@ static void ThreadsThatScanAndOpenGetTheReaderThatTheySearchedFor(void** state) 
     check_no_problems();
 }
 
-static void AReaderThatStaysIsOpenedWhateverIsScannedMeanwhile(void** state) {
+static void APresentReaderOpensDuringConcurrentScans(void** state) {
     forget_problems();
     assert_int_equal(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, NULL), 0);
     const int handle = GVUSB_GetDeviceHnd(reader_id(1));
@@ -224,7 +227,7 @@ static void AReaderThatStaysIsOpenedWhateverIsScannedMeanwhile(void** state) {
 static int kept_handle; /* of the first reader, which no thread closes */
 static atomic_int scans;
 
-/* What may happen to a reader that goes, comes back, and is closed by another thread meanwhile. */
+/* The possible results for a reader that goes, comes back, and is closed by another thread meanwhile. */
 static bool may_happen(int result) {
     return result > 0 || result == GVUSB_ERR_NOT_PRESENT || result == GVUSB_ERR_HANDLE_NOT_FOUND ||
            result == GVUSB_ERR_NOT_OPENED || result == GVUSB_ERR_CANNOT_CLAIM ||
@@ -284,8 +287,8 @@ static int wanted_cycles(void) {
 }
 
 /*
- * A reader that goes again in the very moment in which it is opened again stays closed under its handle, and
- * says so. Whoever has the handle opens it as any closed reader, and has the same handle then.
+ * A reader that is unplugged again while it is reopened stays closed under its handle, and calls report that.
+ * Opening it returns the same handle.
  */
 static void check_kept_reader(void) {
     assert_int_equal(GVUSB_GetDeviceHnd(reader_id(1)), kept_handle);
@@ -294,12 +297,12 @@ static void check_kept_reader(void) {
         assert_int_equal(GVUSB_CloseDevice(kept_handle), 0);
         assert_int_equal(GVUSB_OpenDevice(reader_id(1)), kept_handle);
     } else if (result <= 0) {
-        fail_msg("the reader that is kept answers with %d", result);
+        fail_msg("the exchange with the open reader returned %d", result);
     }
     check_echo(kept_handle);
 }
 
-/* A poll that is under way has readers open; a scan waits for its end. */
+/* A poll in progress has readers open; a scan waits for its end. */
 static int files_without_polls(void) {
     assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1"), 0);
     usleep(20000);
@@ -309,12 +312,12 @@ static int files_without_polls(void) {
     return files;
 }
 
-/* A poll that is under way ends a little later. */
+/* A poll in progress ends shortly. */
 static bool has_files(void* count) {
     return open_files() == *(const int*)count;
 }
 
-/* A real kernel keeps its readers open, whoever uses them. */
+/* A real kernel keeps its readers open regardless of the users. */
 static bool has_returned_everything(void* reader) {
     const int number = *(const int*)reader;
     return !bus_is_emulated() || host_count(number, "opens") == host_count(number, "closes");
@@ -344,7 +347,7 @@ static void NothingIsLostWhileReadersComeAndGo(void** state) {
     pthread_join(users[1], NULL);
     check_no_problems();
 
-    /* Each scan begins a new count of reports; the first period began before it. */
+    /* Each scan starts a new period of reports; the first period began before it. */
     assert_true(stop_recording());
     for (int reader = 1; reader <= readers; ++reader) {
         assert_in_range(events_about(GVUSB_EVENT_CONNECT, reader_id(reader)), 0, atomic_load(&scans) + 1);
@@ -374,7 +377,7 @@ int main(int argc, char** argv) {
         TEST_CASE(ThreadsThatShareAReaderGetTheirOwnAnswers),
         TEST_CASE(ThreadsOpenAndCloseDifferentReaders),
         TEST_CASE(ThreadsThatScanAndOpenGetTheReaderThatTheySearchedFor),
-        TEST_CASE(AReaderThatStaysIsOpenedWhateverIsScannedMeanwhile),
+        TEST_CASE(APresentReaderOpensDuringConcurrentScans),
         TEST_CASE(NothingIsLostWhileReadersComeAndGo),
     };
     return run_group("threads", tests, sizeof tests / sizeof *tests, argc, argv);

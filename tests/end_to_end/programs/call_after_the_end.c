@@ -1,6 +1,6 @@
 /*
- * Calls the library when it has ended: from an atexit function that was registered before it was loaded, which therefore
- * runs after its destructors.
+ * Calls the library after its destructors have run: in an atexit() function that was registered before the
+ * library was loaded, and so runs after them.
  */
 #include "loaded.h"
 

@@ -1,4 +1,4 @@
-/* Closes every descriptor while readers are open, as programs do that become daemons, and ends. */
+/* Closes every descriptor while readers are open, as daemons do, and ends. */
 #include <gvusb.h>
 
 #include <sys/resource.h>

@@ -1,6 +1,6 @@
 /*
- * Ends in the way that argument 1 names while a reader is open, in the situation that argument 2 names. Whatever ends
- * it with a status of its own does so with 7.
+ * Ends in the way that argument 1 names, in the situation that argument 2 names, while a reader is open. If
+ * the way permits a status, it is 7.
  */
 #include "bus.h"
 
@@ -19,7 +19,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-/* As ending.c describes the readers. */
+/* The readers as described for ending.c. */
 enum { kept_id = 0xA1, newcomer = 2 };
 
 enum { status = 7, handler_us = 100000, transfer_begins_us = 20000 };
@@ -99,7 +99,7 @@ static void* run_way(void* way) {
 
 static const struct way {
     const char* name;
-    void (*end)(void); /* null: main returns */
+    void (*end)(void); /* null: main() returns */
 } ways[] = {
     {"return", NULL},
     {"exit", end_by_exit},
@@ -133,7 +133,7 @@ static int end_in_main(void) {
     return status;
 }
 
-/* The process goes on without its main thread until another one ends it. */
+/* The process continues without its main thread until another thread ends it. */
 static int end_in_thread(void) {
     pthread_t thread;
     if (pthread_create(&thread, NULL, run_way, &wanted.end) != 0) {
@@ -151,7 +151,7 @@ static void* receive(void* nothing) {
     return nothing;
 }
 
-/* The reader has nothing to say, so the transfer lasts longer than the process. */
+/* The reader does not answer, so the transfer outlasts the process. */
 static int end_during_transfer(void) {
     pthread_t thread;
     if (sem_init(&about_to_receive, 0, 0) != 0 ||
@@ -164,9 +164,9 @@ static int end_during_transfer(void) {
     return end_in_main();
 }
 
-static bool takes_reference; /* to libusb's context; else the library's is the only one */
+static bool takes_reference; /* to libusb's context; otherwise only the library holds one */
 
-/* Mode 2 reports while somebody handles libusb's events, which does no harm in the others. */
+/* Mode 2 needs a thread that handles libusb's events. It does no harm in other modes. */
 static void* handle_events(void* nothing) {
     for (;;) {
         libusb_handle_events(NULL);
@@ -179,7 +179,7 @@ static bool events_are_handled(void* context) {
     return libusb_event_handler_active(NULL) != 0;
 }
 
-/* A thread without a reference that has not begun yet would find no context any more. */
+/* Wait for the thread: without its own reference, it would find no context if it started late. */
 static bool start_event_thread(void) {
     pthread_t thread;
     return (!takes_reference || libusb_init(NULL) == 0) &&

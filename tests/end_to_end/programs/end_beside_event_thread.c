@@ -1,6 +1,6 @@
 /*
- * Ends while another thread handles libusb's events, without a reference of its own to libusb's context: by returning from
- * main or, with the argument "handler", by exit() in an event handler.
+ * Ends while another thread handles libusb's events without its own reference to libusb's context. Ends by
+ * returning from main() or, with the argument "handler", by exit() in an event handler.
  */
 #include "bus.h"
 
@@ -27,7 +27,7 @@ static void end_program(int handle, unsigned int id, const char* text) {
     }
 }
 
-/* A thread that has not begun yet would find no context any more. */
+/* A thread that started late would find no context. */
 static bool events_are_handled(void* context) {
     (void)context;
     return libusb_event_handler_active(NULL) != 0;

@@ -1,4 +1,4 @@
-// Ends by an exception that nobody catches while a reader is open.
+// Ends by an uncaught exception while a reader is open.
 #include <gvusb.h>
 
 #include <sys/resource.h>

@@ -1,6 +1,6 @@
 /*
- * The first process of a container starts another container: in both it has the process ID 1. The child ends, which must
- * not take its parent's readers away. The library is loaded in the first container.
+ * The first process of a container starts another container, so both processes have the process ID 1. When
+ * the child ends, it must not close its parent's readers. The library is loaded in the first container.
  */
 #include "loaded.h"
 
@@ -10,7 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/* The child does not free its copies of the readers. To the leak sanitizer these are leaks. */
+/* The child does not free its copies of the readers, which the leak sanitizer would report. */
 int __lsan_is_turned_off(void);
 int __lsan_is_turned_off(void) {
     return 1;

@@ -1,6 +1,6 @@
 /*
- * Ends by calling exit() in an event handler, while main handles libusb's events without a reference of its own to libusb's
- * default context.
+ * Ends by calling exit() in an event handler, while main() handles libusb's events without its own reference
+ * to libusb's default context.
  */
 #include "bus.h"
 
@@ -23,7 +23,7 @@ int main(void) {
         return 1;
     }
     plug_new("id=E0E");
-    /* In the mode that polls nobody has to do this, and it does no harm. */
+    /* Mode 1 does not need this, but it does no harm. */
     for (;;) {
         libusb_handle_events(NULL);
     }

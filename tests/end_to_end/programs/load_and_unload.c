@@ -1,10 +1,10 @@
-/* Loads and unloads the library, argument 1, as often as argument 2 says, and uses it in between. */
+/* Loads, uses and unloads the library in argument 1, as often as argument 2 says. */
 #include <dlfcn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
-/* A void pointer cannot be cast to a function's in C, so it is copied. */
+/* C cannot cast a void pointer to a function pointer, so copy it. */
 static void look_up(void* library, const char* name, void* function) {
     void* symbol = dlsym(library, name);
     if (symbol == NULL) {

@@ -1,4 +1,4 @@
-// What load_and_unload.c does, in a program that has the C++ library and its templates in it itself.
+// Like load_and_unload.c, in a program that itself contains the C++ runtime and its templates.
 #include <cstdlib>
 #include <iostream>
 #include <sstream>

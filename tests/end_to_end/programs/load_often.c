@@ -1,6 +1,6 @@
 /*
- * Loads and unloads the library as often as the argument says. In between it opens the reader A1, and the other one is
- * replugged. Prints what the process uses after the first loads and at the end.
+ * Loads and unloads the library as often as the argument says. While it is loaded, opens the reader A1 and
+ * replugs the other reader. Prints the resources in use after the first loads and at the end.
  */
 #include "bus.h"
 #include "loaded.h"
@@ -9,7 +9,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-/* After so many loads the dynamic linker and the allocator have what they keep. */
+/* After this many loads, the caches of the dynamic linker and the allocator are full. */
 enum { first_loads = 20 };
 
 enum { comer = 2 };
@@ -20,7 +20,10 @@ static void ignore(int handle, unsigned int id, const char* text) {
     (void)text;
 }
 
-/* The exchange delivers libusb's events too, so in mode 2 a thread of the library reports when this returns. */
+/*
+ * The exchange also delivers libusb's events, so in mode 2 a thread of the library is reporting when this
+ * returns.
+ */
 static bool use(const struct loaded* gvusb) {
     static const unsigned char frame[] = {1, 2, 3};
     unsigned char answer[16];
@@ -38,8 +41,6 @@ static bool use(const struct loaded* gvusb) {
     return true;
 }
 
-/* The emulated bus looks up each function of the C library when it is first called, which takes the loader's lock. libusb's
- * own thread must not do that for the first time during dlclose, which holds the lock and waits for that thread. */
 struct expected_scan {
     const struct loaded* gvusb;
     int readers;
@@ -51,6 +52,11 @@ static bool finds_readers(void* context) {
     return expected->gvusb->scan_list_size() == expected->readers;
 }
 
+/*
+ * The emulated bus looks up each C library function on its first call, which takes the loader's lock.
+ * libusb's own thread must not do that during dlclose(): dlclose() holds the lock and waits for that thread.
+ * So make sure that the functions are looked up before.
+ */
 static bool let_libusb_see_a_replug(const struct loaded* gvusb) {
     struct expected_scan without_comer = {gvusb, 1};
     struct expected_scan with_comer = {gvusb, 2};

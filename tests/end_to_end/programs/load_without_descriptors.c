@@ -1,4 +1,4 @@
-/* Loads the library, argument 1, with one file descriptor left, which is too few for libusb to start. */
+/* Loads the library in argument 1 with one file descriptor left, which is too few for libusb to start. */
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <stdio.h>

@@ -1,7 +1,7 @@
 /*
- * Loads the library, uses and unloads it while the creation of a thread fails, which one says argument 1; then once
- * more while none fails. Arguments 2 and 3 say for each whether a handler is to be awaited: "event" or "silence".
- * Prints what the calls gave, how many creations were tried, and what was left over.
+ * Loads, uses and unloads the library while the creation of one thread, numbered by argument 1, fails; then
+ * again without a failure. Arguments 2 and 3 tell for each time whether to wait for a handler: "event" or
+ * "silence". Prints the results of the calls, the number of attempted creations, and the resources left over.
  */
 #include "bus.h"
 #include "loaded.h"
@@ -38,14 +38,14 @@ static struct {
     int handle;
 } user;
 
-/* In mode 2 it is an exchange that delivers libusb's events. */
+/* In mode 2, an exchange delivers libusb's events. */
 static bool is_reported(void* nothing) {
     (void)nothing;
     exchange(user.gvusb, user.handle);
     return atomic_load(&reports) > 0;
 }
 
-/* A reader that comes again and again is reported as long as there is a thread that does. */
+/* Replug until the reader is reported. */
 static bool is_reported_when_replugged(void* nothing) {
     bus("replug %d", comer);
     return await(is_reported, nothing, attempt_ms);

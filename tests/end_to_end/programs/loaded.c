@@ -4,7 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
-/* A void pointer cannot be cast to a function's in C, so it is copied. */
+/* C cannot cast a void pointer to a function pointer, so copy it. */
 static bool look_up(void* library, const char* name, void* function) {
     void* const symbol = dlsym(library, name);
     if (symbol == NULL) {

@@ -1,5 +1,5 @@
 /*
- * The library, loaded by dlopen where a program has to prepare something before, or wants to unload it.
+ * Loads the library with dlopen(), for programs that prepare something first or unload it.
  *
  * Nothing here prints to standard output.
  */
@@ -25,7 +25,7 @@ struct loaded {
     __typeof__(GVUSB_AddEventHandler)* add_event_handler;
 };
 
-/* Says on standard error why when it returns false. */
+/* If it returns false, the reason is on standard error. */
 bool load(struct loaded* gvusb);
 
 /* False if the library stays loaded. */

@@ -1,5 +1,4 @@
-/* A session of an application with the reader 1A2B3C, with a mistake here and there. The log is all that it
- * prints. */
+/* A session with the reader 1A2B3C, including some mistakes. Its only output is the log. */
 #include <gvusb.h>
 
 #include <string.h>

@@ -1,7 +1,7 @@
 /*
- * A session with the first reader, with a standard output that argument 1 names, buffered as argument 2 says. The
- * library is loaded when standard output is as it is to be. Exits with 0 if every call gave what it gives with any
- * other standard output; else says on standard error which did not.
+ * A session with the first reader, with the standard output that argument 1 names, buffered as argument 2
+ * says. Loads the library after standard output is set up. Exits with 0 if every call returns the same as
+ * with any other standard output; otherwise names the call on standard error.
  */
 #include "loaded.h"
 
@@ -13,7 +13,7 @@
 #include <string.h>
 #include <unistd.h>
 
-/* Enough lines to have the C library write out its buffer again and again. */
+/* Enough lines to make the C library flush its buffer repeatedly. */
 enum { rounds = 5 };
 
 _Noreturn static void fail(const char* what, int result) {
@@ -21,7 +21,7 @@ _Noreturn static void fail(const char* what, int result) {
     exit(1);
 }
 
-/* ---- Standard output, each checked to refuse what is written */
+/* ---- Standard output, each checked to refuse writing */
 
 static void check_refuses(int error) {
     if (write(STDOUT_FILENO, "x", 1) != -1 || errno != error) {
@@ -52,7 +52,7 @@ static void make_broken(void) {
     check_refuses(EPIPE);
 }
 
-/* Whoever has the other end never reads. */
+/* The other end never reads. */
 static void make_full_and_nonblocking(void) {
     static const char bytes[4096];
     int ends[2];
@@ -70,8 +70,10 @@ static void make_unwritable(void) {
     check_refuses(EBADF);
 }
 
-/* As a service may begin that closes its descriptors. The next file that is opened gets number 0, so that libusb's
- * first descriptor gets number 1. */
+/*
+ * A service may start with closed descriptors. The next file that is opened gets number 0, so libusb's first
+ * descriptor gets number 1.
+ */
 static void make_closed(void) {
     close(STDIN_FILENO);
     close(STDOUT_FILENO);

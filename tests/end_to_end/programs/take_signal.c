@@ -1,6 +1,7 @@
 /*
- * Takes SIGTERM by signalfd, as services do: main blocks it and reads the descriptor. A thread that existed before main
- * with the signal unblocked would receive it instead, which ends the process.
+ * Receives SIGTERM through signalfd(), as services do: main() blocks the signal and reads the descriptor. A
+ * thread that was created before main() without blocking the signal would receive it instead, which would end
+ * the process.
  *
  * Built with and without the library.
  */

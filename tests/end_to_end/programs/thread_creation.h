@@ -1,14 +1,14 @@
 /*
- * A pthread_create that fails when it is told to, in the place of the C library's: a shared library that a program
- * links, so that it also stands behind a sanitizer's.
+ * Replaces the C library's pthread_create() with one that can fail on request. It is a shared library that a
+ * program links, so that a sanitizer's pthread_create() calls it.
  */
 #ifndef GVUSB_TESTS_THREAD_CREATION_H
 #define GVUSB_TESTS_THREAD_CREATION_H
 
-/* Has one of the next creations fail with EAGAIN, the first being 1; 0 has none fail. Counts anew. */
+/* Make the n-th creation from now (1 is the next) fail with EAGAIN; with 0, none fails. Resets the count. */
 void fail_thread_creation(int which);
 
-/* How many have been tried since. */
+/* The number of attempts since then. */
 int thread_creations(void);
 
 #endif

@@ -1,6 +1,6 @@
 /*
- * Loads and unloads the library as often as the argument says, while one thread handles libusb's events and another plugs
- * and unplugs a reader. The event thread has a reference of its own to libusb's context.
+ * Loads and unloads the library as often as the argument says, while one thread handles libusb's events and
+ * another one plugs and unplugs a reader. The event thread has its own reference to libusb's context.
  */
 #include "bus.h"
 #include "loaded.h"
@@ -32,8 +32,10 @@ static void* change_bus(void* nothing) {
     return nothing;
 }
 
-/* The emulated bus looks up the C library's functions when they are first needed, which waits for the loader's lock. A
- * thread of the library that did this during dlclose would be waited for in vain. */
+/*
+ * The emulated bus looks up each C library function on its first call, which waits for the loader's lock. If
+ * a thread of the library did that during dlclose(), which waits for it, both would deadlock.
+ */
 static void open_each_device_once(void) {
     libusb_device** devices = NULL;
     libusb_device_handle* handle = NULL;

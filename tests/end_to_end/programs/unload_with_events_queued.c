@@ -1,7 +1,4 @@
-/*
- * Ends while an event handler runs and further events wait for it. What is printed tells how many handlers
- * have begun.
- */
+/* Ends while an event handler is running and more events are queued. Prints how many handlers have begun. */
 #include "bus.h"
 
 #include <gvusb.h>

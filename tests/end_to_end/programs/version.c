@@ -1,4 +1,4 @@
-/* The least that a program can do with the library. */
+/* A minimal program that uses the library. */
 #include <gvusb.h>
 
 #include <string.h>

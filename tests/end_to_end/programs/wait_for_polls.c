@@ -1,10 +1,14 @@
-/* Ends after the second poll, of which the reader tells that is opened at each because nobody has scanned it.
+/*
+ * Ends after polls have run. The reader is not scanned, so each poll opens it, which shows in its counters.
  */
 #include "bus.h"
 
 #include <gvusb.h>
 
-/* Each poll asks the reader for its languages and for its ID. With the fourth under way three are done. */
+/*
+ * Each poll makes two requests: for the languages and for the ID. When the fourth poll has begun, three are
+ * done.
+ */
 enum { transfers_per_poll = 2 };
 
 static bool has_seen_three(void* before) {

@@ -1,7 +1,7 @@
 /*
- * A session with the reader A1 in which the kernel refuses the system call that argument 1 names, in every thread, from
- * the stage on that argument 2 names, with the error that argument 3 names. Exits with 0 if every call of the library
- * gave a code, or if the dynamic linker said why it cannot load it.
+ * A session with the reader A1. From the stage that argument 2 names, the kernel denies the system call that
+ * argument 1 names, in every thread, with the error that argument 3 names. Exits with 0 if every library call
+ * returns a code, or if the dynamic linker reports why it cannot load the library.
  */
 #include "bus.h"
 #include "loaded.h"
@@ -65,7 +65,7 @@ static void deny(const char* name, const char* error) {
     }
 }
 
-/* What every function returns: a count, a handle or 0, or one of the published codes. */
+/* Every function returns a count, a handle, 0 or a published code. */
 static int expect_code(const char* what, int result) {
     if (result < 0 && (result > GVUSB_ERR_EMPTY_DEVICE_LIST || result < GVUSB_ERR_INTERNAL)) {
         fail(what, result);
@@ -104,7 +104,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const char* const stage = argv[2];
-    bus("list"); /* whose channel is there from now on */
+    bus("list"); /* opens the channel, which stays open */
     if (strcmp(stage, "before-loading") == 0) {
         deny(argv[1], argv[3]);
     }
