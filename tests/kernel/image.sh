@@ -1,15 +1,15 @@
 # shellcheck shell=bash
-# Makes the root file system that the guest's kernel unpacks into its memory. Sourced by run.
+# Builds the root file system that the guest's kernel unpacks into memory. Sourced by run.
 
-# What a reader takes from the kernel: the USB core, a controller whose ports lead to a server, and one driver that may
-# have taken a reader before the library does.
+# The modules that a reader needs: the USB core, a controller whose ports connect to a server, and a driver that may
+# bind a reader before the library uses it.
 guest_modules=(usb/common/usb-common usb/core/usbcore usb/usbip/usbip-core usb/usbip/vhci-hcd usb/serial/usbserial)
 
-# What udev does to every device and to USB's; the rest is about hardware that the guest does not have.
+# The udev rules for all devices and for USB; the others concern hardware that the guest lacks.
 guest_rules=(50-udev-default.rules 80-drivers.rules)
 
-# make_image GUEST_ROOT SCRIPTS IMAGE FILE... makes IMAGE with what the packages in GUEST_ROOT, the folder SCRIPTS and
-# these files give, each file under the path that it has here, with the libraries that it takes.
+# make_image GUEST_ROOT SCRIPTS IMAGE FILE...: build IMAGE from the packages in GUEST_ROOT, the folder SCRIPTS and these
+# files, each under the same path as here and with the libraries that it needs.
 make_image() {
     local root=$1 scripts=$2 image=$3 stage folder programs
     shift 3
@@ -49,7 +49,7 @@ add_system() {
     "$root/bin/busybox" depmod -b "$stage" "${modules##*/}"
 }
 
-# What the programs link, and the loader that they name.
+# The libraries and the loader of the programs.
 add_libraries() {
     local stage=$1
     shift

@@ -1,15 +1,15 @@
 # shellcheck shell=bash
-# The packages that the guest is made of: fetched, unpacked and kept, but never installed. Sourced by run.
+# The guest's packages, which are downloaded, unpacked and cached, but never installed. Sourced by run.
 
-# Debian's own kernel, the udev and the USB/IP client that belong to it, and a shell with the usual commands.
+# In addition to Debian's kernel: udev, the USB/IP client, and a shell with the usual commands.
 guest_packages=(udev usbip busybox-static)
 
-# unpack_guest_packages FOLDER puts them into FOLDER/NAMES-AND-VERSIONS and tells that folder in $guest_root. What has
-# been fetched once is used without asking the archive again for a week.
+# unpack_guest_packages FOLDER: unpack the packages into FOLDER/NAMES-AND-VERSIONS and set $guest_root to that folder.
+# Packages are cached for a week without a query of the archive.
 unpack_guest_packages() {
     local kept=$1 new log names lock
     mkdir -p "$kept"
-    # Guests that start together fetch once.
+    # Guests that start at the same time download only once.
     exec {lock}>"$kept/lock"
     flock "$lock"
     guest_root=$(find "$kept" -maxdepth 1 -name 'guest-*' -mtime -7 -print -quit 2>/dev/null || true)
@@ -35,11 +35,11 @@ unpack_guest_packages() {
 
 fetch_guest_packages() {
     local kernel package
-    # The package without a version in its name depends on the newest kernel.
+    # The unversioned package depends on the newest kernel.
     kernel=$(apt-cache depends "linux-image-$(dpkg --print-architecture)" |
         sed -n 's/^ *Depends: \(linux-image-[0-9].*\)/\1/p' | head -1)
     if [ -z "$kernel" ]; then
-        echo "No kernel among the packages; apt-get update may help."
+        echo "No kernel package found; try apt-get update."
         return 1
     fi
     mkdir "$1/packages"
@@ -47,7 +47,7 @@ fetch_guest_packages() {
     for package in "$1"/packages/*.deb; do
         dpkg-deb --extract "$package" "$1"
     done
-    # What the guest has no use for is most of it.
+    # Most files are not needed in the guest.
     find "$1/lib/modules" -name '*.ko' -not -path '*/drivers/usb/*' -delete
     rm -rf "${1:?}/usr/share"
 }

@@ -1,10 +1,10 @@
 /*
- * Makes the guest's kernel follow the server of virtual readers: attaches every reader that is not attached yet, and
- * ends when the kernel and udev show exactly the server's readers. Exit status 0 when they do.
+ * Makes the guest's kernel follow the server of virtual readers: attaches every reader that is not yet
+ * attached, and waits until the kernel and udev show exactly the server's readers. Exits with 0 if they do.
  *
- * The USB/IP client of the system attaches too, but takes far longer to start than the kernel to notice.
+ * The system's USB/IP client could attach them too, but takes much longer to start.
  *
- * Runs below the server, which says in the environment where it is; without one there are no readers.
+ * The environment names the server; without one, there are no readers.
  */
 #include "bus.h"
 #include "usbip_client.h"
@@ -24,7 +24,7 @@ static struct usbip_reader readers[most_readers];
 static struct usbip_port ports[most_readers];
 static int port_count;
 
-/* Whom nobody has attached the server tells. */
+/* The server lists only readers that are not attached. */
 static bool attach_missing(const char* server) {
     const int count = usbip_readers(server, readers, most_readers);
     for (int i = 0; i < count; ++i) {
@@ -72,7 +72,10 @@ static int count_entries(const char* folder, const char* beginning, const char* 
     return count;
 }
 
-/* udev notes each device before it tells of it, and takes the note away with the device. */
+/*
+ * udev writes a file for each device before it reports the device, and deletes the file when the device is
+ * removed.
+ */
 static bool udev_agrees(void) {
     return access("/run/udev/control", F_OK) != 0 ||
            (access("/run/udev/queue", F_OK) != 0 &&
@@ -87,22 +90,22 @@ static bool kernel_agrees(int plugged) {
             return false;
         }
     }
-    /* Devices beside the readers are the controllers' own, whose names begin with "usb". */
+    /* The other devices are root hubs, whose names begin with "usb". */
     return used == plugged && count_entries("/sys/bus/usb/devices", "", ":") -
                                       count_entries("/sys/bus/usb/devices", "usb", ":") ==
                                   plugged;
 }
 
-/* Null when all is as it should be. */
+/* The reason why the kernel has not settled yet; null if it has. */
 static const char* trouble(const char* server, int plugged) {
     port_count = usbip_ports(ports, most_readers);
     if (server != NULL && !attach_missing(server)) {
         return "a reader cannot be attached";
     }
     if (!kernel_agrees(plugged)) {
-        return "the kernel shows other devices than the server has readers";
+        return "the kernel's devices differ from the server's readers";
     }
-    return udev_agrees() ? NULL : "udev is not done with the kernel's devices";
+    return udev_agrees() ? NULL : "udev has not processed all devices yet";
 }
 
 int main(void) {

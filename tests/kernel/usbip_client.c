@@ -84,7 +84,7 @@ int usbip_readers(const char* server, struct usbip_reader* readers, int most) {
     return count;
 }
 
-/* The kernel keeps the connection that it is given. */
+/* The kernel takes over the connection. */
 static bool hand_over(int connection, const struct usbip_reader* reader, int port) {
     char text[64];
     const int length =

@@ -7,12 +7,12 @@
 
 struct usbip_reader {
     char bus_id[usbip_bus_id_size];
-    unsigned int remote_id; /* the server's bus and device number, as the kernel shows it again */
-    unsigned int speed;     /* as the kernel numbers speeds */
+    unsigned int remote_id; /* the server's bus and device number; the kernel reports it for each port */
+    unsigned int speed;     /* as numbered by the kernel */
 };
 
-/* The readers of the server at ADDRESS:PORT; -1 when it does not tell them. */
+/* List the readers of the server at ADDRESS:PORT; -1 on failure. */
 int usbip_readers(const char* server, struct usbip_reader* readers, int most);
 
-/* Connects the reader to a port of the kernel's controller. */
+/* Attach the reader to a port of the kernel's controller. */
 bool usbip_attach(const char* server, const struct usbip_reader* reader, int port);

@@ -2,7 +2,7 @@
 
 #include <stdio.h>
 
-/* The states that the kernel shows in each controller's file. */
+/* The states in the status file of each controller. */
 enum { state_free = 4, state_used = 6 };
 
 static int read_controller(FILE* file, struct usbip_port* ports, int most) {

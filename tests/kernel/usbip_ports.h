@@ -6,13 +6,13 @@
 struct usbip_port {
     int number;
     bool in_use;
-    bool has_address;       /* the device behind it is on its way into the system */
+    bool has_address;       /* a device is attached and is being set up */
     unsigned int remote_id; /* the server's bus and device number */
-    char device[32];        /* the kernel's name of it */
+    char device[32];        /* the kernel's name for it */
 };
 
-/* All ports for devices up to high speed; how many there are. */
+/* List all ports for devices up to high speed; return their number. */
 int usbip_ports(struct usbip_port* ports, int most);
 
-/* Null when all are in use. */
+/* Null if all ports are in use. */
 const struct usbip_port* usbip_free_port(const struct usbip_port* ports, int count);

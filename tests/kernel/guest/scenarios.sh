@@ -1,6 +1,6 @@
-# Runs every scenario, or those that the kernel's command line names, and tells what came of it. A scenario is a
-# script that checks one thing after the other; sourced, so that it has what is here. Everything is exported, functions
-# too, for the shells that run on a set of readers.
+# Runs every scenario, or those that the kernel's command line names, and prints the results. A scenario is a script
+# with a sequence of checks. It is sourced, so that it can use the functions here. All variables and functions are
+# exported for the shells that run on a set of readers.
 # shellcheck shell=bash source=/dev/null
 set -ua
 . /kernel/settings
@@ -13,7 +13,7 @@ vendor=$(sed -n 's/.*idVendor}=="\([0-9a-f]*\)".*/\1/p' "$rule")
 launcher=/kernel/gvusb-emulate
 results=/run/results
 
-# check NAME COMMAND... says "ok" when the command succeeds. Where it does not, what it printed is shown too.
+# check NAME COMMAND...: print "ok" if the command succeeds, otherwise "not ok" and the command's output.
 check() {
     local name=$1 log=/run/check.log status=0
     shift
@@ -26,7 +26,7 @@ check() {
     fi
 }
 
-# Succeeds when the command does and a line that it prints matches.
+# Succeed if the command succeeds and prints a matching line.
 prints() {
     local pattern=$1
     shift
@@ -36,7 +36,7 @@ prints() {
     [ $status -eq 0 ] && grep -q -e "$pattern" /run/printed
 }
 
-# on_readers OPTION... -- FUNCTION [ARGUMENT...] calls the function in a shell on these readers.
+# on_readers OPTION... -- FUNCTION [ARGUMENT...]: call the function in a shell on these readers.
 on_readers() {
     local options=()
     while [ "$1" != -- ]; do
@@ -51,7 +51,7 @@ seconds() {
     cut -d' ' -f1 /proc/uptime
 }
 
-# is_wanted KEY NAME tells whether the kernel's command line has the name in the list after the key, or no such list.
+# is_wanted KEY NAME: succeed if the kernel's command line has no list under the key, or the list contains the name.
 is_wanted() {
     local list
     list=$(sed -n "s/.*gvusb\\.$1=\\([^ ]*\\).*/\\1/p" /proc/cmdline)

@@ -1,5 +1,6 @@
-# A driver of the kernel, or another program, has the reader's interface before the library.
-# Of the reader's interface; those of the controllers' hubs have port 0 in their names.
+# A kernel driver, or another program, uses the reader's interface before the library does.
+
+# The driver of the reader's interface. The names of the root hubs' interfaces contain port 0.
 driver_is() {
     local driver
     driver=$(basename "$(readlink -f /sys/bus/usb/devices/*-[1-9]*:1.0/driver)")
@@ -19,9 +20,9 @@ exchanges() {
 
 with_a_driver() {
     check "the kernel's serial driver takes a reader that is plugged in" driver_is usbserial_generic
-    check "the diagnosis tells of the driver" prints 'usbserial_generic' "$tool" doctor
-    check "the reader is used all the same" exchanges
-    check "the driver has lost the reader" has_no_driver
+    check "the diagnosis names the driver" prints 'usbserial_generic' "$tool" doctor
+    check "the reader works nevertheless" exchanges
+    check "the driver is detached" has_no_driver
 }
 
 cannot_be_claimed() {
@@ -33,10 +34,10 @@ with_another_program() {
     "$examples/handle_errors" 1000 >/run/other &
     local other=$!
     until grep -q 'exchange 1: 5 bytes' /run/other; do usleep 10000; done
-    check "what another program has claimed cannot be used" cannot_be_claimed
+    check "a reader that another program has claimed cannot be used" cannot_be_claimed
     kill $other
     wait $other 2>/dev/null
-    check "once that program has ended it can" exchanges
+    check "after that program has ended it works" exchanges
 }
 
 modprobe usbserial vendor="0x$vendor" product=0x0001

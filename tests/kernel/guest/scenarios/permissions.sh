@@ -1,4 +1,4 @@
-# Who may use a reader: root alone, until the rule is installed; then the group's members too.
+# Only root may use a reader until the rule is installed; then the members of the group may use it too.
 as_user() {
     local user=$1
     shift
@@ -32,7 +32,7 @@ on_the_bus() {
 
     mkdir -p /etc/udev/rules.d
     cp "$rule" /etc/udev/rules.d
-    # What the diagnosis advises; the vendor's readers that are plugged in already get their rights by it too.
+    # The diagnosis advises these commands. They also set the permissions of readers that are already plugged in.
     udevadm control --reload
     udevadm trigger --action=add --attr-match=idVendor="$vendor"
     udevadm settle
@@ -41,11 +41,11 @@ on_the_bus() {
     check "with the rule the diagnosis names it and the group" doctor_knows_the_rule user
 
     "$launcher" --send "replug 1" >/dev/null
-    check "with the rule a member uses a reader that is plugged in anew" exchanges member
+    check "with the rule a member uses a replugged reader" exchanges member
     rm /etc/udev/rules.d/*
     udevadm control --reload
     "$launcher" --send "replug 1" >/dev/null
-    check "with the rule gone again no other user finds the reader" finds_no_reader member
+    check "after the rule is removed no other user finds the reader" finds_no_reader member
 }
 
 on_readers --reader id=1A2B3C -- on_the_bus

@@ -1,4 +1,4 @@
-# The programs of tests/end_to_end, each with the readers and the configuration that it has there.
+# Runs the programs of tests/end_to_end with the same readers and configuration as on the emulated bus.
 run_program() {
     local program=$1 readers=$2 configuration=$3 options=()
     [ -z "$readers" ] || options+=(--readers "$readers")
@@ -17,7 +17,7 @@ while IFS='|' read -r name program readers configuration left_out; do
     program_began=$(seconds)
     CMOCKA_MESSAGE_OUTPUT=TAP
     GVUSB_TEST_LEAVE_OUT=$left_out
-    # What is plugged takes a real kernel half a second to learn.
+    # A real kernel takes half a second to notice a reader.
     GVUSB_TEST_CHURN=4
     check "$name" run_program "$program" "$readers" "$configuration"
     grep -E '^(ok|not ok)' /run/check.log | sed 's/ [0-9]* - / - /' | sed "s/ - / - $name./" | tee -a "$results"

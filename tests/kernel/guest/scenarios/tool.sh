@@ -1,4 +1,4 @@
-# The command-line tool lists readers, talks to them and tells of their coming and going.
+# The command-line tool lists readers, exchanges frames with them and reports plugging and unplugging.
 check_tool() {
     local subject=$1 case
     shift

@@ -1,10 +1,10 @@
-# Where udev does not run, libusb never hears of plugging and unplugging.
+# Without udev, libusb is never notified of plugging and unplugging.
 doctor_names_udev() {
     "$tool" doctor >/run/doctor
     [ $? -eq 1 ] && grep -q '^PROBLEM  *udev' /run/doctor
 }
 
-# What the monitor tells in two seconds, in which a reader comes and another goes.
+# Print what the monitor reports in two seconds, while one reader is plugged in and another unplugged.
 monitor_tells() {
     "$tool" monitor >/run/events 2>&1 &
     local monitor=$!
@@ -23,19 +23,19 @@ unnoticed() {
 }
 
 without_udev() {
-    check "readers that are there at the start are found" prints '^0  *A1 ' "$tool" list
+    check "readers that are plugged at the start are found" prints '^0  *A1 ' "$tool" list
     check "the diagnosis says that udev does not run" doctor_names_udev
-    check "plugging and unplugging is not noticed" unnoticed
-    check "a program that starts now sees it" prints '^0  *C3 ' "$tool" list
+    check "plugging and unplugging are not noticed" unnoticed
+    check "a program that starts now finds the new reader" prints '^0  *C3 ' "$tool" list
 }
 
 udevadm control --exit
 while pidof systemd-udevd >/dev/null; do usleep 10000; done
-# It leaves its socket behind, by which libudev tells whether it runs. The device nodes are the kernel's own.
+# udev leaves its socket behind, which libudev uses to detect whether udev is running. The kernel made the device nodes.
 rm -r /run/udev
 on_readers --reader id=A1 -- without_udev
 
 /lib/systemd/systemd-udevd --daemon
 udevadm trigger --type=devices --subsystem-match=usb --action=add
 udevadm settle
-on_readers --reader id=A1 -- check "with udev again it is noticed" monitor_tells
+on_readers --reader id=A1 -- check "with udev again they are noticed" monitor_tells
