@@ -64,8 +64,8 @@ shell_on_bus() { # SCRIPT [ARGUMENTS...]
         '"$1" "$@"
 }
 
-# Run a shell script in a terminal, whose content is the output; standard input is typed there. `exec` leaves
-# no other shell in between, which the interrupt key would end too, with its own status.
+# Run a shell script in a terminal and capture its content; standard input is typed there. Without `exec`, an
+# intermediate shell would run, which the interrupt key would end too, with its own status.
 in_terminal() { # SCRIPT
     printf '%s\n' "$1" >"$scratch/commands"
     keep "$emulate" "${configuration[@]}" "${readers[@]}" -- \

@@ -62,7 +62,7 @@ TEST(ReaderDescriptionTest, ParsesEveryKey) {
     EXPECT_EQ(reader.descriptors, (Bytes{0x12, 0x01}));
 }
 
-TEST(ReaderDescriptionTest, LeavesStringsOut) {
+TEST(ReaderDescriptionTest, OmitsStrings) {
     const ReaderDescription reader = one("missing=3+10");
     EXPECT_FALSE(reader.strings.contains(3));
     EXPECT_FALSE(reader.strings.contains(10));
@@ -85,7 +85,7 @@ TEST(ReaderDescriptionTest, MayHaveNoConfiguration) {
     EXPECT_TRUE(one("configuration=none").configurations.empty());
 }
 
-TEST(ReaderDescriptionTest, CountsDeviceIdsOfCopiesUp) {
+TEST(ReaderDescriptionTest, IncrementsDeviceIdsOfCopies) {
     const std::vector<ReaderDescription> readers = parseReaders("id=9F,copies=3");
     ASSERT_EQ(readers.size(), 3U);
     EXPECT_EQ(readers[0].strings.at(1), "9F");

@@ -45,7 +45,7 @@ TEST(DescriptorsTest, AllDescriptorsAreDeviceThenEachConfiguration) {
     EXPECT_EQ(configurationDescriptor(reader, 1)[5], 1);
 }
 
-TEST(DescriptorsTest, GivenDescriptorsAreShownAsTheyAre) {
+TEST(DescriptorsTest, GivenDescriptorsAreReturnedUnchanged) {
     EXPECT_EQ(allDescriptors(described("descriptors=12 01FF")), (Bytes{0x12, 0x01, 0xFF}));
     EXPECT_EQ(allDescriptors(described("descriptors=")), Bytes{});
 }
@@ -70,7 +70,7 @@ TEST(DescriptorsTest, GivenDescriptorsMayEndAnywhere) {
         EXPECT_EQ(givenDescriptor(given, deviceType, 0), device) << length;
         const std::optional<Bytes> configuration = givenDescriptor(given, configurationType, 0);
         EXPECT_EQ(configuration.value_or(Bytes{}).size(), length - device.size()) << length;
-        // A total length of 0 leads from one configuration to the same.
+        // A configuration with a total length of 0 repeats, so every index finds it.
         EXPECT_EQ(givenDescriptor(given, configurationType, 255).has_value(), length == all.size()) << length;
     }
 }
@@ -95,7 +95,7 @@ TEST(DescriptorsTest, StringKeepsBytesThatAreNotUtf8) {
     EXPECT_EQ(stringDescriptor("\xC3(\xFF"), (Bytes{8, 3, 0xC3, 0, '(', 0, 0xFF, 0}));
 }
 
-TEST(DescriptorsTest, StringIsCutToTheLongestDescriptor) {
+TEST(DescriptorsTest, StringIsTruncatedToTheLongestDescriptor) {
     const Bytes bytes = stringDescriptor(std::string(200, 'x'));
     EXPECT_EQ(bytes.size(), 254U);
     EXPECT_EQ(bytes[0], 254);

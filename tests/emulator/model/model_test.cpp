@@ -95,7 +95,7 @@ TEST_F(ReaderModelTest, CancelsOnlyPendingTransfers) {
     EXPECT_FALSE(reader.cancel(sent, now));
 }
 
-TEST_F(ReaderModelTest, CancellingTheFirstLetsTheNextComplete) {
+TEST_F(ReaderModelTest, CancelingTheFirstLetsTheNextComplete) {
     const TransferId first = in();
     const TransferId second = in();
     reader.cancel(first, now);

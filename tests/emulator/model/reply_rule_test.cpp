@@ -29,7 +29,7 @@ TEST(ReplyRuleTest, IsWrittenAsItIsRead) {
     }
 }
 
-TEST(ReplyRuleTest, RefusesWhatItDoesNotKnow) {
+TEST(ReplyRuleTest, RejectsUnknownRules) {
     for (const char* wrong : {"", "loud", "echo:1", "fixed", "fixed:1", "pattern", "pattern:x"}) {
         EXPECT_THROW(ReplyRule::parse(wrong), TextError) << wrong;
     }

@@ -26,7 +26,7 @@ protected:
     ReaderModel reader{defaultReaders().front()};
 };
 
-TEST_F(ReaderRequestsTest, CutsDescriptorsToTheRequestedLength) {
+TEST_F(ReaderRequestsTest, TruncatesDescriptorsToTheRequestedLength) {
     const Bytes device = deviceDescriptor(reader.description());
     expectAnswer({0x80, 6, 0x0100, 0, 18}, device);
     expectAnswer({0x80, 6, 0x0100, 0, 8}, Bytes(device.begin(), device.begin() + 8));
@@ -45,7 +45,7 @@ TEST_F(ReaderRequestsTest, StallsMissingDescriptors) {
     expectStall({0x80, 6, 0x0300, 0, 255});
 }
 
-TEST_F(ReaderRequestsTest, ReturnsGivenDescriptorsInThePlaceOfItsOwn) {
+TEST_F(ReaderRequestsTest, ReturnsGivenDescriptorsInsteadOfItsOwn) {
     Bytes given = deviceDescriptor(reader.description());
     given[17] = 9;
     const Bytes device = given;

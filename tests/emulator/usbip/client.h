@@ -1,6 +1,6 @@
-// The client's side of USB/IP: composes requests and takes replies apart. It shares only the structures of
-// usbip/wire.h with the server, whose mistakes would otherwise cancel out; messages_test.cpp pins their
-// bytes.
+// The client side of USB/IP: composes requests and parses replies. Of the server's code, it uses only the
+// structures of usbip/wire.h, so that mistakes do not cancel out; messages_test.cpp checks those structures
+// byte by byte.
 #pragma once
 
 #include "model/text.h"

@@ -61,7 +61,7 @@ TEST_F(UsbipConnectionTest, AcceptsMessagesInAnyPieces) {
     EXPECT_EQ(Replies(output, {2}).text(), "submitted 1 0 +3; submitted 2 0 010203; unlinked 3 0");
 }
 
-TEST_F(UsbipConnectionTest, KnowsThatAMessageIsIncomplete) {
+TEST_F(UsbipConnectionTest, DetectsAnIncompleteMessage) {
     EXPECT_FALSE(connection.hasPartialMessage());
     connection.receive(Bytes{0x01}, now);
     EXPECT_TRUE(connection.hasPartialMessage());
@@ -69,7 +69,7 @@ TEST_F(UsbipConnectionTest, KnowsThatAMessageIsIncomplete) {
     EXPECT_FALSE(connection.hasPartialMessage());
 }
 
-TEST_F(UsbipConnectionTest, ReaderIsImportedByOneAtATime) {
+TEST_F(UsbipConnectionTest, ReaderIsImportedByOneClientAtATime) {
     Connection second(readers);
     EXPECT_EQ(importStatus(connection), 0U);
     EXPECT_EQ(importStatus(second), 2U) << "busy";
@@ -218,7 +218,7 @@ TEST_F(UsbipConnectionTest, LongAnswerOverflows) {
     EXPECT_EQ(exchange(fetchFrame(2, 2), {2}), "submitted 2 -75 0102");
 }
 
-TEST_F(UsbipConnectionTest, FrameGoesByControlTransferToo) {
+TEST_F(UsbipConnectionTest, FrameIsSentByControlTransferToo) {
     importStatus(connection);
     EXPECT_EQ(exchange(submit(
                   {.sequence = 1, .length = 3, .setup = {0x40, 0, 0, 0, 0, 0, 3, 0}, .data = {4, 5, 6}})),
@@ -226,7 +226,7 @@ TEST_F(UsbipConnectionTest, FrameGoesByControlTransferToo) {
     EXPECT_EQ(exchange(control(2, {0xC0, 0, 0, 0, 0, 0, 64, 0}), {2}), "submitted 2 0 040506");
 }
 
-TEST_F(UsbipConnectionTest, ControlTransferWithoutDataGoesEitherWay) {
+TEST_F(UsbipConnectionTest, ControlTransferWithoutDataWorksInEitherDirection) {
     importStatus(connection);
     EXPECT_EQ(exchange(submit({.sequence = 1, .direction = in, .setup = {0x00, 9, 1, 0, 0, 0, 0, 0}}), {1}),
               "submitted 1 0 ");

@@ -289,7 +289,7 @@ TEST_F(UsbipServerTest, CountsWhatTheClientDid) {
 
 // ---- hostile clients
 
-TEST_F(UsbipServerTest, NonsenseEndsOnlyItsOwnConnection) {
+TEST_F(UsbipServerTest, InvalidInputEndsOnlyItsOwnConnection) {
     Client good(bus.address());
     imports(good);
     for (const Bytes& nonsense :
@@ -326,7 +326,7 @@ TEST_F(UsbipServerTest, StopsReadingFromAClientThatDoesNotRead) {
 
 class UsbipImpatientServerTest : public UsbipServerTest {
 protected:
-    // A server without a bus, with less patience.
+    // A server without a bus, with a short time-out.
     bool endsWithin(Client& client, std::chrono::milliseconds time) {
         const Time end = std::chrono::steady_clock::now() + time;
         while (!client.ended && std::chrono::steady_clock::now() < end) {
@@ -341,7 +341,7 @@ protected:
     std::size_t reader = readers.add(parseReaders("").front());
 };
 
-TEST_F(UsbipImpatientServerTest, SilentClientIsEnded) {
+TEST_F(UsbipImpatientServerTest, SilentClientIsDisconnected) {
     readers.plug(reader, std::chrono::steady_clock::now());
     Client silent(server.address());
     Client halfRequest(server.address());
@@ -357,7 +357,7 @@ TEST_F(UsbipImpatientServerTest, SilentClientIsEnded) {
 }
 
 // A client whose input is not read cannot complete a message.
-TEST_F(UsbipImpatientServerTest, PatienceRestartsWhenAClientIsReadAgain) {
+TEST_F(UsbipImpatientServerTest, TimeoutRestartsWhenAClientIsReadAgain) {
     constexpr auto patience = 500ms;
     usbip::Server patient(readers, parseSocketAddress("127.0.0.1:0"), {}, patience);
     readers.at(reader).model.setReply(ReplyRule::parse("pattern:65536"));

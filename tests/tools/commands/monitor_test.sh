@@ -74,7 +74,7 @@ reports_a_quick_replug() {
     in_every_mode reports_replugs
 }
 
-reports_a_twin() {
+reports_a_duplicate() {
     shell_on_bus "$watching"'
         bus "plug id=A1"; await lines "$scratch/events" 1; sleep 0.3
         bus "unplug 1"; await lines "$scratch/events" 2; sleep 0.3
@@ -84,7 +84,7 @@ disconnect A1'
 }
 
 reports_readers_with_the_same_id() {
-    in_every_mode reports_a_twin
+    in_every_mode reports_a_duplicate
 }
 
 writes_each_event_at_once_as_json() {

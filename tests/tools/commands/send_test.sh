@@ -143,7 +143,7 @@ sends_standard_input_repeatedly() {
 
 prints_the_summary_on_a_signal() {
     for signal in INT TERM; do
-        rm -f "$scratch/answers" # or the last round's would be taken for this one's
+        rm -f "$scratch/answers" # do not mistake the previous round's answers for this one's
         shell_on_bus '"$gvusb" send A1 02 --repeat 1000000 >"$scratch/answers" &
             await test -s "$scratch/answers"; kill -'$signal' $!; wait $!; echo $?'
         expect_output 0
@@ -189,7 +189,7 @@ ends_on_the_interrupt_key() {
     in_terminal 'exec "$gvusb" send A1 02 --repeat 1000000' < <(
         until grep -q '^02' "$scratch/output" 2>/dev/null; do sleep 0.05; done
         printf '\003'
-        exec sleep 10 2>/dev/null # the end of what is typed would be the end of the terminal
+        exec sleep 10 2>/dev/null # the end of standard input would close the terminal
     )
     expect_status 0
     expect_in_output '^maximum '

@@ -79,7 +79,7 @@ names_the_process_that_claimed_the_interface() {
 }
 
 says_that_root_can_name_the_process() {
-    # Inspecting a process takes all the capabilities that it has.
+    # Inspecting a process requires all the capabilities that it has.
     if [ "$(id -u)" -eq 0 ]; then
         lesser='setpriv --bounding-set=-sys_ptrace,-chown'
     else
