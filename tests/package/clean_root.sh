@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # usage: clean_root.sh SOURCES
-# Runs as root in a root file system of its own with nothing in it but a compiler, CMake, udev and sudo. Installs the
-# packages in SOURCES/build-debian-packages as the guides say, uses them as their users would, and removes them without
-# a trace; then does as the README says to build and install the sources.
+# Runs as root in a separate root file system that contains only a compiler, CMake, udev and sudo. Installs the packages
+# in SOURCES/build-debian-packages according to the guides, uses them, and removes them without leftovers. Then builds
+# and installs the sources according to the README.
 set -euo pipefail
 sources=$1
 export DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8
@@ -12,10 +12,10 @@ fail() {
 }
 expect() {
     echo "$1: $3"
-    [ "$2" = "$3" ] || fail "but \"$2\" was expected"
+    [ "$2" = "$3" ] || fail "expected \"$2\""
 }
-# Without what others write at any installation: the package manager's own books, caches, logs, what was in /etc/passwd
-# and its like before, and the virtual file systems.
+# All files except those that any installation changes (the package manager's data, caches, logs, backups of /etc/passwd
+# and similar files), and virtual file systems.
 contents() {
     find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /run -o -path /tmp -o -path "$sources" \
         -o -path '/etc/*-' -o -path /var/lib/dpkg -o -path /var/lib/apt -o -path /var/cache -o -path /var/log \) \
@@ -25,7 +25,7 @@ contents() {
 quietly() {
     "$@" >/tmp/log 2>&1 || { cat /tmp/log; fail "failed: $*"; }
 }
-# Does what the n-th shell block of a guide shows.
+# Run the n-th shell block of a guide.
 shown() {
     local guide=$sources/docs/$1.md
     if [ "$1" = README ]; then
@@ -35,7 +35,7 @@ shown() {
         /^```/ { inside = !fenced && $0 == "```sh" && ++number == wanted; fenced = !fenced; next }
         inside' "$guide" >/tmp/block
     [ -s /tmp/block ] || fail "$guide has no shell block $2"
-    echo "$1 shows: $(paste -sd '|' /tmp/block | sed 's/|/; /g')"
+    echo "run block of $1: $(paste -sd '|' /tmp/block | sed 's/|/; /g')"
     (cd "$sources" && quietly bash -e /tmp/block)
 }
 
@@ -59,8 +59,7 @@ while read -r program; do
     expect "$(basename "$program")" "version 07.01.00, mode 1, 5 bytes" "$(gvusb-emulate -- "$program")"
 done </tmp/programs
 
-# The real udev, asked what it would do with a reader and with another device of the same vendor. It keeps the tags that
-# a device has had.
+# The result of the real udev for this reader. udev remembers a device's former tags, so delete its data first.
 judge() {
     rm -rf /run/udev/data /run/udev/tags
     { gvusb-emulate --reader "$1,address=2" -- udevadm test /sys/bus/usb/devices/1-1 2>&1 || true; } |
@@ -71,19 +70,19 @@ for product in 1 2 3 4; do
 done
 expect "udev about product 5" "" "$(judge product=5)"
 
-# A daemon in a network namespace of its own, where the kernel tells it of none of this machine's devices.
+# Run the daemon in a separate network namespace, so that it receives no events about this machine's devices.
 unshare --net /lib/systemd/systemd-udevd --daemon
 shown containers-and-permissions 1
 shown containers-and-permissions 2
 expect "the service's group" plugdev "$(id -gn my-service)"
 quietly deluser --system my-service
 udevadm control --exit
-# It leaves its socket there.
+# The daemon leaves its socket behind.
 rm /run/udev/control
 
-# Here are no readers, and no udev any more. That is what the tool has to say.
+# Neither readers nor udev are available here, and the tool must report both.
 if (shown getting-started 4) >/tmp/diagnosis; then
-    fail "gvusb doctor finds nothing wrong"
+    fail "gvusb doctor finds no problem"
 fi
 for problem in udev readers; do
     grep "^PROBLEM  $problem" /tmp/diagnosis || {
@@ -97,9 +96,9 @@ quietly apt-get autoremove -y --purge
 contents >/tmp/after
 if ! diff /tmp/before /tmp/after >/tmp/left; then
     cat /tmp/left
-    fail "the packages left something behind"
+    fail "the packages left files behind"
 fi
-echo "$(comm -13 /tmp/before /tmp/installed | wc -l) files and folders were installed and are gone again"
+echo "$(comm -13 /tmp/before /tmp/installed | wc -l) files and folders were installed and removed again"
 
 shown README 3
 shown README 4

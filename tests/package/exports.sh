@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # usage: exports.sh LIBRARY HEADER
-# The library exports every function of its header, its data and its classes, and nothing of the C++ runtime's.
+# Checks that the library exports every function of the header, its data and its classes, and nothing of the C++
+# runtime.
 set -euo pipefail
 library=$1
 header=$2
@@ -29,7 +30,7 @@ for name in "${functions[@]}" g_GvUsbMan g_GvUsbDebugLevel g_GvUsbStarttime g_cG
 done
 
 if foreign=$(grep -vE '^(GVUSB_|g_|GVLOG_|GvusbGetErrorText|GvUsbErrorText::|(vtable|typeinfo|typeinfo name) for GV|GV(Device|DrvHnd)::)' <<<"$exported"); then
-    echo "exported by accident:"
+    echo "exported unintentionally:"
     echo "$foreign"
     failures=$((failures + 1))
 fi

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # usage: install.sh BUILD_FOLDER PROGRAM...
-# What is installed is complete, works wherever its prefix is moved to, and can be taken away again.
+# Checks that the installation is complete, works after moving its prefix, and can be removed.
 set -euo pipefail
 build=$1
 shift
@@ -13,7 +13,7 @@ fail() {
 }
 contents() { (cd "$1" && find . -type f -o -type l | LC_ALL=C sort); }
 
-# As a package of the system: /etc belongs to it, and nothing is installed outside.
+# As in a system package, which also owns /etc.
 DESTDIR=$folder/system cmake --install "$build" --prefix /usr >/dev/null
 contents "$folder/system" >"$folder/installed"
 for file in ./etc/gavo/gvusb.conf ./usr/lib/udev/rules.d/70-gvusb.rules ./usr/include/gvusb.h \
@@ -26,28 +26,28 @@ for name in libgvusb.so libgvusb.so.7 libgvusb.so.7.1.0 pkgconfig/gvusb.pc cmake
     grep -q "^\./usr/lib.*/$name\$" "$folder/installed" || fail "not installed: $name"
 done
 grep -qE 'ATTR\{idVendor\}=="[0-9a-f]{4}"' "$folder/system/usr/lib/udev/rules.d/70-gvusb.rules" ||
-    fail "the udev rule has no vendor ID as udev writes it"
+    fail "the udev rule has no vendor ID in the format of udev"
 
-# Settings that the administrator has made survive the next installation.
+# A reinstallation must keep the administrator's settings.
 echo gvusb_debuglevel=1 >"$folder/system/etc/gavo/gvusb.conf"
 DESTDIR=$folder/system cmake --install "$build" --prefix /usr >/dev/null
 grep -q '^gvusb_debuglevel=1$' "$folder/system/etc/gavo/gvusb.conf" || fail "the configuration was overwritten"
 
-# Taking away what the installation lists leaves nothing but the configuration that was there before.
+# Removing the listed files must leave only the configuration that existed before.
 (cd "$folder/system" && sed 's|^/||' "$build/install_manifest.txt" | xargs -d '\n' rm)
-[ "$(contents "$folder/system")" = ./etc/gavo/gvusb.conf ] || fail "left over: $(contents "$folder/system")"
+[ "$(contents "$folder/system")" = ./etc/gavo/gvusb.conf ] || fail "not removed: $(contents "$folder/system")"
 
-# Every file belongs to one of the components that the packages are made of.
+# Each file must belong to one of the components that make up the packages.
 for component in runtime development tools; do
     DESTDIR=$folder/components cmake --install "$build" --prefix /usr --component "$component" >/dev/null
 done
-contents "$folder/components" | diff "$folder/installed" - || fail "files that no component has, or that nobody installs"
+contents "$folder/components" | diff "$folder/installed" - || fail "the components differ from the installation"
 
-# With a prefix of its own, which is moved afterwards.
+# With a separate prefix, which is moved afterwards.
 cmake --install "$build" --prefix "$folder/before" >/dev/null
 prefix=$folder/moved
 mv "$folder/before" "$prefix"
-[ ! -e "$prefix/etc" ] || fail "a configuration that nobody reads was installed"
+[ ! -e "$prefix/etc" ] || fail "a configuration that the library does not read was installed"
 libraries=$(dirname "$(find "$prefix" -name libgvusb.so)")
 export LD_LIBRARY_PATH=$libraries PKG_CONFIG_PATH=$libraries/pkgconfig CMAKE_PREFIX_PATH=$prefix
 "$here/consumer/build.sh" "$folder/consumers" >"$folder/programs"
@@ -55,6 +55,6 @@ while read -r program; do
     for configuration in --no-config "--config=$prefix/share/doc/gvusb/gvusb.conf"; do
         answer=$("$prefix/bin/gvusb-emulate" "$configuration" -- "$program" 2>&1) || true
         echo "$(basename "$program") ${configuration%%=*}: $answer"
-        [ "$answer" = "version 07.01.00, mode 1, 5 bytes" ] || fail "that is not what was expected"
+        [ "$answer" = "version 07.01.00, mode 1, 5 bytes" ] || fail "unexpected answer"
     done
 done <"$folder/programs"

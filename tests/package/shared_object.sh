@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # usage: shared_object.sh LIBRARY FOLDER
-# The library has its names and its SONAME, is bound at loading and read-only after it, and has no executable stack.
+# Checks the library's names and SONAME, immediate binding, read-only relocations, and a non-executable stack.
 set -euo pipefail
 library=$1
 folder=$2

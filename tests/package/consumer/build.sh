@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # usage: build.sh FOLDER
-# Builds the consumers in FOLDER against an installed library, which pkg-config and CMake have to find: in C and in C++,
-# by each of the two. Prints the programs' paths.
+# Builds the consumers in FOLDER against an installed library, in C and in C++, each with pkg-config and with CMake.
+# Prints the paths of the programs.
 set -euo pipefail
 source=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 folder=$1
 mkdir -p "$folder"
 
-# Words are split on purpose: these are lists of options.
+# Split into words on purpose: the output is a list of options.
 read -ra flags <<<"$(pkg-config --cflags --libs gvusb)"
 "${CC:-cc}" -Wall -Wextra -Wpedantic -Werror "$source/consumer.c" -o "$folder/pkg-config-c" "${flags[@]}"
 "${CXX:-c++}" -Wall -Wextra -Wpedantic -Werror "$source/consumer.cpp" -o "$folder/pkg-config-cxx" "${flags[@]}"

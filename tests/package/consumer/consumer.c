@@ -1,4 +1,4 @@
-/* An application as a user of the installed library would write it: settings, then one exchange. */
+/* A user's application: reads settings, then exchanges one frame. */
 #include <gvusb.h>
 
 #include <stdio.h>

@@ -1,4 +1,4 @@
-// The same in C++: the header's functions keep their C linkage.
+// The same in C++: the header's functions must have C linkage.
 #include <gvusb.h>
 
 #include <array>
