@@ -140,8 +140,8 @@ reports_every_change_on_bus() {
     kill "$pid"
 }
 
-# Leaves the reader in the scan list. Where a poll comes between the two halves of a replug, the handler's scan may not
-# find the reader, and its coming is reported too.
+# Replug so that the reader stays in the scan list. If a poll runs between unplug and plug, the handler's scan may not
+# find the reader, and its arrival is reported too.
 replug() {
     local seen
     send "replug 1"
