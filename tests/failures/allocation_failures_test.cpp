@@ -1,4 +1,4 @@
-// Every allocation that an operation makes fails once.
+// Fail every allocation of every operation once.
 #include "sweep.h"
 #include "sweep_test.h"
 
@@ -15,7 +15,7 @@ public:
 protected:
     void SetUp() override {
         if (!support::allocationsAreWatched) {
-            GTEST_SKIP() << "operator new is the sanitizer's";
+            GTEST_SKIP() << "the sanitizer replaces operator new";
         }
     }
 

@@ -1,4 +1,4 @@
-// What the library makes of a libusb function that failed: the codes that its callers are promised.
+// The library's return codes for each libusb failure.
 #pragma once
 
 #include "failing.h"
@@ -8,7 +8,8 @@
 
 namespace failures {
 
-// Of opening: the handle, then configuration 1. `nth` is the call of libusb_open that this is, 0 for any.
+// The code of opening a reader: opening the handle, then setting configuration 1. `nth` is the number of the
+// libusb_open() call, 0 for any.
 inline int openingCode(const Failing& failing, std::string_view device, std::size_t nth = 0) {
     if (failing.fails("libusb_open", device, nth)) {
         return GVUSB_ERR_CANNOT_OPEN;
@@ -19,7 +20,7 @@ inline int openingCode(const Failing& failing, std::string_view device, std::siz
     return failing.fails("libusb_set_configuration", device) ? GVUSB_ERR_SET_CONFIGURATION : GVUSB_OK;
 }
 
-// Of a transfer that libusb answered with an error.
+// The code of a transfer that failed with a libusb error.
 inline int transferFailure(int usbCode, int otherwise) {
     switch (usbCode) {
     case LIBUSB_ERROR_TIMEOUT:
@@ -31,11 +32,12 @@ inline int transferFailure(int usbCode, int otherwise) {
     }
 }
 
-// Of an exchange of frames: the endpoints and the interface at the first one after opening, then the frames.
-// Detaching a kernel driver and clearing halts may fail; a driver that stays keeps the interface.
+// The code of a frame exchange: the first one after opening looks up the endpoints and claims the interface.
+// Failures to detach a kernel driver and to clear halts are ignored, but an attached driver keeps the
+// interface.
 inline int exchangeCode(const Failing& failing, bool kernelDriver = false) {
     if (failing.fails("libusb_get_device_descriptor")) {
-        return GVUSB_ERR_NO_CONFIGURATION; // none is known then
+        return GVUSB_ERR_NO_CONFIGURATION; // no configuration is known then
     }
     if (failing.fails("libusb_get_config_descriptor")) {
         return GVUSB_ERR_CONFIG_DESCRIPTOR_READ;
@@ -53,8 +55,8 @@ inline int exchangeCode(const Failing& failing, bool kernelDriver = false) {
     return GVUSB_OK;
 }
 
-// Whether a scan or a poll that finds the device for the first time comes to nothing: its descriptor, opening it,
-// or any of its texts. `opens` is how often it is opened to read them.
+// Whether a scan or a poll that finds the device for the first time cannot identify it: reading its
+// descriptor, opening it, or reading a string fails. `opens` is how often it is opened to read them.
 inline bool staysUnidentified(const Failing& failing, std::string_view device, std::size_t opens = 1) {
     if (failing.fails("libusb_get_device_list") || failing.fails("libusb_get_device_descriptor", device) ||
         failing.fails("libusb_get_string_descriptor_ascii", device)) {
@@ -68,7 +70,7 @@ inline bool staysUnidentified(const Failing& failing, std::string_view device, s
     return false;
 }
 
-// Whether a scan or a poll misses a device that the library has a record of: all that it reads is the descriptor.
+// Whether a scan or a poll misses a device that already has a record, of which it reads only the descriptor.
 inline bool isMissed(const Failing& failing, std::string_view device) {
     return failing.fails("libusb_get_device_list") || failing.fails("libusb_get_device_descriptor", device);
 }

@@ -1,7 +1,6 @@
-// The libusb calls that an operation makes, and which of them fail.
+// The libusb calls of an operation, and which of them fail.
 //
-// Plain values, but for TraceRecorder and LastingFailure, which use the stand-in's only hook: one of them at a
-// time.
+// TraceRecorder and LastingFailure use the stand-in's only hook, so only one of them can exist at a time.
 #pragma once
 
 #include <cstddef>
@@ -14,8 +13,7 @@
 
 namespace failures {
 
-// The documentation of nearly every libusb function names some codes and adds "another LIBUSB_ERROR code", or
-// says no more than that a LIBUSB_ERROR code is returned: each may return any of them.
+// libusb's documentation allows nearly every function to return any LIBUSB_ERROR code.
 inline constexpr int everyCode[] = {
     LIBUSB_ERROR_IO,        LIBUSB_ERROR_INVALID_PARAM, LIBUSB_ERROR_ACCESS,  LIBUSB_ERROR_NO_DEVICE,
     LIBUSB_ERROR_NOT_FOUND, LIBUSB_ERROR_BUSY,          LIBUSB_ERROR_TIMEOUT, LIBUSB_ERROR_OVERFLOW,
@@ -25,13 +23,13 @@ inline constexpr int everyCode[] = {
 // A call that returns a code.
 struct Call {
     std::string function;
-    std::string device; // "" when it concerns none
+    std::string device; // "" if it concerns none
     std::size_t nth;    // call of this function on this device, from 1
 };
 using Trace = std::vector<Call>;
 
-// Which calls of an operation fail: none, one, or all from one on. The calls are those that the operation makes
-// when nothing fails; up to the first failure it makes the same.
+// Which calls of an operation fail: none, one, or one and all later ones. The trace holds the calls without
+// failures; up to the first failure, the operation makes the same calls.
 class Failing {
 public:
     enum class Extent { once, fromThenOn };
@@ -39,7 +37,7 @@ public:
     Failing() = default;
     Failing(Trace trace, std::size_t first, int code, Extent extent);
 
-    // Whether any such call fails; "" and 0 stand for any device and any of the function's calls on it.
+    // Whether such a call fails; "" matches any device, and 0 any of the function's calls on it.
     bool fails(std::string_view function, std::string_view device = {}, std::size_t nth = 0) const;
 
     int code() const { return code_; }
@@ -53,7 +51,7 @@ private:
     Extent extent_ = Extent::once;
 };
 
-// Notes the calls that can fail for as long as it lives, of whatever thread.
+// Records all fallible calls, of any thread, during its lifetime.
 class TraceRecorder {
 public:
     TraceRecorder();
@@ -67,7 +65,7 @@ private:
     std::shared_ptr<Notes> notes_;
 };
 
-// Makes the n-th call that can fail and all after it fail, for as long as it lives.
+// Makes the n-th fallible call and all later ones fail during its lifetime.
 class LastingFailure {
 public:
     LastingFailure(std::size_t n, int code);

@@ -1,5 +1,5 @@
-// The poll and libusb's two callbacks. They return nothing and leave the last error alone; what counts is what they
-// report and how the lists are afterwards.
+// The poll and libusb's two callbacks. They return nothing and do not change the last error, so check their
+// reports and the lists.
 #include "expected_codes.h"
 #include "operations.h"
 #include "situations.h"
@@ -41,8 +41,8 @@ void listening(void (*prepare)()) {
     listenForEvents();
 }
 
-// What a poll misses of the readers that are still there, from the given one on: it cannot tell them from those that
-// went.
+// The present readers, from the given one on, whose descriptors a poll cannot read. The poll considers them
+// unplugged.
 Events missed(const Failing& failing, int from = 0) {
     Events events;
     for (int i = from; i < 3; ++i) {
@@ -99,8 +99,8 @@ void reportedVanished(const Events& events) {
     EXPECT_EQ(std::ranges::count(events, disconnect(firstHandle, bulkId)), 1);
 }
 
-// A reader that came back counts as gone for this poll, whether its new record could take the old one's place or
-// not; only an open reader's handle goes over to the new record.
+// A poll reports a reader that came back as disconnected, whether or not its new record replaces the old one.
+// Only an open reader passes its handle on to the new record.
 Outcome reconnectedOf(const Failing& failing, bool wasOpen) {
     const bool replaced = !staysUnidentified(failing, "dev4", 2);
     return reports(firstIsGone(failing, replaced && !wasOpen ? firstHandle + 3 : firstHandle));
@@ -110,7 +110,7 @@ void recordIsRenewed(const Events& /*events*/) {
     EXPECT_EQ(manager_lists::scanList().at(0)->usbdev, fake::device("dev4"));
 }
 
-// The callback may leave the report to another thread, which keeps the device until it is done.
+// The callback may queue the report for another thread, which keeps the device until it is done.
 template <int (*fire)(std::string_view, fake::Delivery), fake::Delivery delivery>
 int deliver() {
     EXPECT_EQ(fire("dev1", delivery), 1);
@@ -126,7 +126,7 @@ Outcome queuedArrivalOf(const Failing& failing) {
     return reports(cannotBeRead(failing) ? Events{} : Events{connect(bulkId)});
 }
 
-// A reader that is busy, as libusb says while it handles events, is read once more.
+// A read that fails with BUSY, as in libusb's event handling, is repeated once.
 Outcome arrivalOf(const Failing& failing) {
     const bool readLater = failing.code() == LIBUSB_ERROR_BUSY && !failing.lasts();
     return reports(cannotBeRead(failing) && !readLater ? Events{} : Events{connect(bulkId)});

@@ -1,4 +1,4 @@
-// Every call into libusb that an operation makes fails once, with every code that libusb has.
+// Fail every libusb call of every operation once, with every libusb error code.
 #include "sweep.h"
 #include "sweep_test.h"
 
@@ -16,7 +16,7 @@ protected:
         trace_ = callsOf(GetParam());
     }
 
-    // Returns how many failures there were.
+    // Returns the number of failures.
     template <std::size_t count>
     std::size_t sweep(const int (&codes)[count], Failing::Extent extent, int logLevel) const {
         const support::CapturedStdout output;
@@ -38,8 +38,8 @@ TEST_P(LibusbFailuresTest, EachCallMayFailWithEachCode) {
     tell(sweep(everyCode, Failing::Extent::once, 0));
 }
 
-// As when the reader is pulled out, or libusb breaks down for good, in the middle.
-TEST_P(LibusbFailuresTest, AllCallsFromAnyOneOnMayFail) {
+// As if the reader were unplugged, or libusb failed permanently, during the operation.
+TEST_P(LibusbFailuresTest, AllCallsFromAnyPointOnMayFail) {
     tell(sweep({LIBUSB_ERROR_NO_DEVICE}, Failing::Extent::fromThenOn, 0));
 }
 

@@ -1,5 +1,5 @@
-// Unloading and loading, in each hot-plug mode. Loading never fails: without libusb the library finds nothing, and
-// without its callbacks it reports nothing.
+// Unloading and loading, in each hot-plug mode. Loading never fails: without libusb the library finds no
+// readers, and without its callbacks it reports no events.
 #include "expected_codes.h"
 #include "operations.h"
 #include "situations.h"
@@ -20,8 +20,9 @@ void reloadHere() {
     new (&g_GvUsbMan) GVDrvHnd;
 }
 
-// The manager goes with a mutex held, which the thread sanitizer counts against the thread as long as it lives;
-// but allocations fail in this thread only. Tells how many callbacks are registered then.
+// The manager destroys a locked mutex, which the thread sanitizer counts as held by the thread until the
+// thread ends, so use a separate thread. Planned allocation failures affect only this thread, so stay in it
+// if they are possible. Returns the number of registered callbacks.
 int reload() {
     if (support::allocationsAreWatched) {
         reloadHere();

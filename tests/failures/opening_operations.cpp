@@ -1,4 +1,4 @@
-// Opening, closing and asking whether a reader is present.
+// Opening, closing and checking the presence of a reader.
 #include "expected_codes.h"
 #include "operations.h"
 #include "situations.h"
@@ -28,7 +28,7 @@ int close() {
     return GVUSB_CloseDevice(handleOf(bulkId));
 }
 
-// The interface may stay claimed as far as libusb tells; the handle goes all the same.
+// The library closes the handle even if releasing the interface fails.
 Outcome alwaysCloses(const Failing& /*failing*/) {
     return {};
 }
@@ -61,7 +61,7 @@ Outcome presenceOf(const Failing& failing) {
             .readerError = present ? 0 : int{GVUSB_ERR_NOT_PRESENT}};
 }
 
-// Whatever was done before: clearing the list leaves open readers open and destroys the others' records.
+// In any state, clearing the list keeps open readers open and destroys the other records.
 int clearScanList() {
     return GVUSB_ClearScanList();
 }

@@ -1,7 +1,8 @@
-// What the library can be asked to do, each in the situations that make a difference, with the outcome that the
-// failure of any of its calls into libusb has.
+// The operations of the library, each in all relevant situations, with the expected outcome if any of its
+// libusb calls fails.
 //
-// GVUSB_GetDevicePara and GVUSB_GetScanListPara with the key "PRESENT" are not among them: they never return.
+// GVUSB_GetDevicePara() and GVUSB_GetScanListPara() with the key "PRESENT" are missing because they never
+// return.
 #pragma once
 
 #include "failing.h"
@@ -13,15 +14,15 @@
 
 namespace failures {
 
-// Last errors that an operation leaves as they are: what the sweep stores before it runs one.
+// A last error that the sweep stores before an operation, to detect whether the operation changes it.
 inline constexpr int earlierError = -1152;
 
 struct Outcome {
     int result = 0;
-    unsigned handleOf = 0;                       // the result is the handle of this reader instead
-    std::optional<int> lastError = std::nullopt; // the manager's; follows from the result unless given
-    unsigned reader = 0;                         // an open reader whose own last error is...
-    int readerError = 0;                         // ... this
+    unsigned handleOf = 0;                       // if set, the result is the handle of this reader
+    std::optional<int> lastError = std::nullopt; // the manager's; if not set, it follows from the result
+    unsigned reader = 0;                         // an open reader whose own last error is checked
+    int readerError = 0;                         // the last error of `reader`
     std::optional<std::vector<unsigned>> scanned = std::nullopt;   // device IDs in the scan list
     std::optional<std::vector<std::string>> events = std::nullopt; // reported
 };
@@ -32,16 +33,16 @@ struct Operation {
     int (*run)();
     Outcome (*outcome)(const Failing&);
 
-    // Undoes what the operation did before it is tried again, where that is needed.
+    // Restore the situation before the operation is repeated, if necessary.
     void (*restore)() = [] {};
 
-    // What holds once it has been tried again; gets the events of both times.
+    // Check the state after the repetition, given the events of both runs.
     void (*settled)(const std::vector<std::string>& events) = [](const std::vector<std::string>&) {};
 
     const char* configuration = "nopnp";
-    bool polls = false;      // in a thread of its own, as configured
-    bool callsLibusb = true; // functions that can fail
-    // libusb's frames are below: memory that has run out there costs the event, as nothing can be thrown.
+    bool polls = false;      // in the worker thread, as configured
+    bool callsLibusb = true; // only fallible functions count
+    // Called from libusb's C code, which cannot pass exceptions: if memory runs out, the event is lost.
     bool mayLoseEvents = false;
 };
 
@@ -55,7 +56,7 @@ std::vector<Operation> transferOperations();
 std::vector<Operation> parameterOperations();
 std::vector<Operation> hotPlugOperations();
 std::vector<Operation> lifecycleOperations();
-std::vector<Operation> quietOperations(); // those that never call libusb
+std::vector<Operation> quietOperations(); // operations that call no fallible libusb function
 
 std::vector<Operation> allOperations();
 

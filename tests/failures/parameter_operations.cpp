@@ -1,4 +1,4 @@
-// Parameters that talk to the reader.
+// Parameters that access the reader.
 #include "expected_codes.h"
 #include "operations.h"
 #include "situations.h"
@@ -34,7 +34,7 @@ int resetEveryPipe() {
     return GVUSB_SetDevicePara(GVUSB_ALL_DEVICES, "RESETPIPE", "");
 }
 
-// Halts that cannot be cleared are passed over.
+// Failures to clear a halt are ignored.
 Outcome alwaysResets(const Failing& /*failing*/) {
     return {.result = 0, .reader = bulkId, .readerError = 0};
 }
@@ -52,7 +52,7 @@ int resetEveryDevice() {
     return GVUSB_SetDevicePara(GVUSB_ALL_DEVICES, "RESETDEVICE", "");
 }
 
-// The first that refuses is the last that is asked.
+// The first failure ends the operation.
 Outcome resetEveryOf(const Failing& failing) {
     const int code = failing.fails("libusb_reset_device") ? int{GVUSB_ERR_PARAMETER_NOT_AVAILABLE} : 0;
     const bool first = failing.fails("libusb_reset_device", "dev1");

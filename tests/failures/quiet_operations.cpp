@@ -1,4 +1,4 @@
-// What never calls a libusb function that can fail: nothing that happens on the bus disturbs it.
+// Operations that call no fallible libusb function, so failures on the bus do not affect them.
 #include "operations.h"
 #include "situations.h"
 
@@ -37,7 +37,7 @@ Outcome gives(const Failing& /*failing*/) {
     return {.result = result};
 }
 
-// Such an operation does not touch the last error.
+// These operations do not change the last error.
 template <int result>
 Outcome onlyGives(const Failing& /*failing*/) {
     return {.result = result, .lastError = earlierError};

@@ -1,4 +1,4 @@
-// Scans, with opening and without. A reader that cannot be read is left out; the others are found.
+// Scans, with and without opening. A reader that cannot be read is left out; the others are found.
 #include "expected_codes.h"
 #include "operations.h"
 #include "situations.h"
@@ -13,7 +13,7 @@ namespace {
 struct Reader {
     const char* device;
     unsigned devId;
-    bool known; // open already, so that the scan reads nothing but its descriptor
+    bool known; // already open, so the scan reads only its descriptor
 };
 
 const std::vector<Reader> freshReaders = {
@@ -53,7 +53,7 @@ Outcome searchOf(const Failing& failing) {
     return scanOutcome(readers);
 }
 
-// Reading its texts was the first time that the reader was opened.
+// The scan has already opened the reader once, to read its strings.
 int openingAfterScan(const Failing& failing, const Reader& reader) {
     return reader.known ? 0 : openingCode(failing, reader.device, 2);
 }
@@ -78,7 +78,7 @@ Outcome scanAndOpenFirstOf(const Failing& failing) {
     return outcome;
 }
 
-// Steps to dev2, which was read by an earlier scan.
+// Step to dev2, which an earlier scan identified.
 Outcome openNextOf(const Failing& failing) {
     const int code = openingCode(failing, "dev2");
     return {.result = code, .handleOf = code == 0 ? kernelDriverId : 0};

@@ -1,5 +1,5 @@
-// The readers on the bus and what the library has done with them when an operation begins, and the events that it
-// reports.
+// The state in which an operation begins (readers on the bus, and what the library has done with them), and
+// the events that it reports.
 #pragma once
 
 #include "recorded_events.h"
@@ -9,8 +9,8 @@
 
 namespace failures {
 
-// dev1 and dev2 have bulk endpoints, dev2 a kernel driver too; dev3 is served by control transfers and has to be
-// set to configuration 1. Between dev2 and dev3 there is a device of somebody else's.
+// dev1 and dev2 have bulk endpoints, and dev2 has a kernel driver. dev3 uses control transfers and must be
+// set to configuration 1. A device of another vendor is between dev2 and dev3.
 inline constexpr unsigned bulkId = 0xA1;
 inline constexpr unsigned kernelDriverId = 0xA2;
 inline constexpr unsigned controlId = 0xA3;
@@ -19,7 +19,7 @@ inline constexpr unsigned newcomerId = 0xA5;
 inline constexpr int firstHandle = 0x10000001;
 inline constexpr int frameLength = 5;
 
-// Situations: each has fresh readers.
+// Situations: each starts with fresh readers.
 void plugged();
 void scanned();
 void opened();
@@ -33,20 +33,20 @@ void unplugged(); // exchanging, and dev1 is gone
 void plugNewcomer(); // dev5
 void forgetSituation();
 
-// The names of all devices that were plugged since forgetSituation().
+// The names of all devices plugged since forgetSituation().
 const std::vector<std::string>& deviceNames();
 
-// The frame that all send.
+// The frame that all operations send.
 extern const unsigned char frame[frameLength];
 
 // The handle of an open reader.
 int handleOf(unsigned devId);
 int transceive(unsigned devId);
 
-// Whatever was left open is closed, and everything on the bus can be scanned, opened and spoken to.
+// Close all readers, then check that every reader on the bus can be scanned, opened and used.
 void expectEverythingWorks();
 
-// Event handlers that note what they are told; of the situation.
+// Event handlers that record the events, until the next situation.
 void listenForEvents();
 std::vector<std::string> takeEvents();
 

@@ -23,7 +23,7 @@ namespace {
 
 using Events = std::vector<std::string>;
 
-// The operation's last error would show that it stored none, were it 0 before.
+// A nonzero last error shows whether the operation stores one.
 void begin(const Operation& operation) {
     forgetSituation();
     support::setConfigurationText(operation.configuration);
@@ -80,8 +80,8 @@ std::vector<NamedMutex> mutexesOfReaders() {
     return mutexes;
 }
 
-// Another thread takes every one of them. A mutex that stayed locked would hang whatever comes next, so that ends
-// the program here, with a word on it.
+// Lock each mutex in another thread. A locked mutex would hang the next operation, so report it and end the
+// program.
 void requireFree(const std::vector<NamedMutex>& mutexes, const std::string& failure) {
     std::thread([&] {
         for (const auto& [name, mutex] : mutexes) {
@@ -99,7 +99,7 @@ void requireEveryMutexFree(const std::string& failure) {
     requireFree(mutexesOfReaders(), failure);
 }
 
-// All that libusb gave out belongs to a record that stands in a list.
+// Everything acquired from libusb must belong to a record in a list.
 void expectNothingHeldOrLost() {
     manager_lists::expectConsistentLists(deviceNames());
     std::istringstream leftovers(fake::leftovers());
@@ -185,7 +185,7 @@ bool runOutOfMemory(const Operation& operation, std::size_t n, int logLevel) {
     requireEveryMutexFree(failure);
     EXPECT_TRUE(happened || !passed);
     const Events events = takeEvents();
-    // An operation that gets by without the memory has its usual outcome.
+    // An operation that does not need the memory has its usual outcome.
     if (!passed) {
         const Outcome expected = operation.outcome(Failing());
         expectOutcome(expected, result);

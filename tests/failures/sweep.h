@@ -1,4 +1,4 @@
-// Runs an operation in its situation with something failing, and checks all that holds afterwards.
+// Runs an operation in its situation with a failure injected, and checks the state afterwards.
 #pragma once
 
 #include "failing.h"
@@ -8,16 +8,16 @@
 
 namespace failures {
 
-// Each of these begins with a fresh manager and a fresh bus. Only one at a time; the worker thread must not call
+// Each function starts with a fresh manager and a fresh bus. Not thread-safe; the worker thread must not call
 // libusb meanwhile.
 
-// The calls into libusb that the operation makes when nothing fails.
+// The operation's libusb calls without failures.
 Trace callsOf(const Operation& operation);
 
-// The calls that the failure describes fail. Tells whether any did.
+// Fail the calls that `failing` describes. Returns whether any call failed.
 void runWithFailure(const Operation& operation, const Failing& failing, std::size_t n, int logLevel);
 
-// The n-th allocation of this thread fails. Tells whether there was one.
+// Fail the n-th allocation of this thread. Returns whether there was one.
 bool runOutOfMemory(const Operation& operation, std::size_t n, int logLevel);
 
 } // namespace failures

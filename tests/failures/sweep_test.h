@@ -1,4 +1,4 @@
-// What the two sweeps share: the stage, and the count of what they have made fail.
+// Shared by the two sweeps: the fixture, and the count of injected failures.
 #pragma once
 
 #include "operations.h"
@@ -44,7 +44,7 @@ private:
         return count;
     }
 
-    // A worker thread that polls would call libusb in the middle of an operation.
+    // Keeps the worker thread asleep, because a poll would call libusb during an operation.
     std::optional<support::SteeredSleep> noPolls_;
 };
 

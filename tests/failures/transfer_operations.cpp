@@ -1,4 +1,4 @@
-// Frames: the first exchange after opening, which settles how they travel, and later ones.
+// Frames: the first exchange after opening, which selects the transfer mode, and later ones.
 #include "expected_codes.h"
 #include "operations.h"
 #include "situations.h"
@@ -48,7 +48,7 @@ Outcome transmitOf(const Failing& failing) {
     return {.result = code, .reader = devId, .readerError = code};
 }
 
-// Leaves the count of received bytes as the last error.
+// The last error is the number of received bytes.
 template <unsigned devId>
 Outcome receiveOf(const Failing& failing) {
     const int code = exchangeCode(failing, devId == kernelDriverId);
@@ -56,7 +56,7 @@ Outcome receiveOf(const Failing& failing) {
     return {.result = result, .lastError = result, .reader = devId, .readerError = code};
 }
 
-// How frames travel is settled by the first exchange even when it fails: only opening anew looks again.
+// The first exchange selects the transfer mode even if it fails, so reopen the reader.
 template <unsigned devId>
 void reopen() {
     GVUSB_CloseDevice(handleOf(devId));
@@ -96,20 +96,20 @@ void exchangingUntilTimeOut() {
     timeOutNext();
 }
 
-// One that was not played is still to come.
+// Consume a time-out that has not occurred yet.
 void renewTimeOut() {
     transmit<bulkId>();
     timeOutNext();
 }
 
-// Clearing the halts afterwards may fail.
+// Failures to clear the halts are ignored.
 Outcome timeOutOf(const Failing& failing) {
     const int failure = exchangeCode(failing);
     const int code = failure < 0 ? failure : int{GVUSB_ERR_TIMEOUT};
     return {.result = code, .reader = bulkId, .readerError = code};
 }
 
-// A frame that is sent once the reader has recovered from a time-out.
+// Send a frame after the reader has recovered from a time-out.
 int transmitTwice() {
     transmit<bulkId>();
     return transmit<bulkId>();
@@ -120,7 +120,7 @@ Outcome recoveryOf(const Failing& failing) {
     return {.result = code, .reader = bulkId, .readerError = code};
 }
 
-// The time-out is not played when the failure comes first, and then the next frame meets it.
+// If the failure comes first, the time-out does not occur until the next frame.
 Outcome timeOutBeforeRecoveryOf(const Failing& failing) {
     if (failing.fails("libusb_bulk_transfer", "", 1) && !failing.lasts()) {
         return {.result = GVUSB_ERR_TIMEOUT, .reader = bulkId, .readerError = GVUSB_ERR_TIMEOUT};
