@@ -52,7 +52,7 @@ std::string ChangingBus::newName() {
     return "reader" + std::to_string(++plugs_);
 }
 
-// When nobody delivers, or not fast enough, the oldest are forgotten.
+// If changes are not delivered fast enough, drop the oldest.
 void ChangingBus::note(const std::string& name, bool arrived) {
     if (!arrived) {
         gone_.push_back(name);
@@ -67,7 +67,7 @@ void ChangingBus::note(const std::string& name, bool arrived) {
     }
 }
 
-// Few device IDs, so that there are twins.
+// Use few device IDs, to get duplicates.
 void ChangingBus::plug() {
     if (plugged_.size() == mostReaders) {
         return;
@@ -89,7 +89,7 @@ void ChangingBus::unplug() {
     plugged_.erase(plugged_.begin() + static_cast<std::ptrdiff_t>(which));
 }
 
-// What is still used cannot come back under its old pointer.
+// A device that is still in use cannot come back with its old pointer.
 void ChangingBus::replug() {
     if (plugged_.empty()) {
         return;
@@ -162,7 +162,7 @@ bool ChangingBus::deliver() {
             fake::fireLeft(change->name, delivery);
         }
     } catch (const std::invalid_argument&) {
-        // It has gone so long ago, or come back as another, that not even its name is left.
+        // The device was unplugged or replaced so long ago that its name is unknown.
     }
     return true;
 }

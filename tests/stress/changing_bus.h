@@ -1,7 +1,7 @@
-// The stand-in's bus, changed at random all the time: readers come, go and come back, anything fails, and
-// libusb's callbacks are called for it.
+// Changes the stand-in's bus at random: plugs, unplugs and replugs readers, injects failures, and calls
+// libusb's callbacks for the changes.
 //
-// step() belongs to one thread and deliver() to another; the rest is for quiet moments.
+// One thread may call step() and another one deliver(). Call the other functions only while both are idle.
 #pragma once
 
 #include <deque>
@@ -17,16 +17,16 @@ public:
     explicit ChangingBus(unsigned seed)
         : random_(seed) {}
 
-    // One change.
+    // Make one change.
     void step();
 
-    // Calls libusb's hot-plug callbacks for a change that nobody has heard of; false when there is none.
+    // Call libusb's hot-plug callbacks for a pending change; false if there is none.
     bool deliver();
 
-    // Ends all failures and has every change heard of.
+    // Clear all failures and deliver all pending changes.
     void calm();
 
-    // The readers on the bus and the last ones that were.
+    // The names of the plugged readers and of the last unplugged ones.
     std::vector<std::string> names() const;
 
 private:

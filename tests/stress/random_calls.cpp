@@ -22,7 +22,7 @@ void noteProblem(const std::string& text) {
     }
 }
 
-// A buffer for a text that must not be left.
+// A text buffer that detects writes past its end.
 template <std::size_t size>
 class TextBuffer {
 public:
@@ -69,7 +69,7 @@ constexpr std::array<GVUSB_EVENT_INIT, 4> registrations = {
      {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, &countEvent},
      {GVUSB_EVENT_DISCONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, &countEvent}}};
 
-// The last ones are those that handlers leave alone.
+// The last operations are those that handlers must not call.
 constexpr std::size_t forbiddenInHandlers = 2;
 std::array<std::atomic<unsigned long>, 32> callsOf;
 

@@ -1,6 +1,6 @@
-// Calls of every exported function with arguments that chance decides, good and bad ones.
+// Calls every exported function with random arguments, valid and invalid.
 //
-// Each object belongs to one thread at a time. Handles that one learns of are used by all.
+// Each object belongs to one thread at a time. All objects share the handles that they learn.
 #pragma once
 
 #include "gvusb.h"
@@ -21,10 +21,10 @@ public:
 
     void call();
 
-    // Leaves out the functions that a handler must not call.
+    // Like call(), without the functions that a handler must not call.
     void callInHandler();
 
-    // The functions that nobody has called yet.
+    // The functions that have not been called yet.
     static std::vector<std::string> functionsNotCalled();
 
 private:
@@ -61,19 +61,19 @@ private:
     Slot& slot_;
 };
 
-// What handlers are about; they run one at a time.
+// The slot that all handlers use, because they run one at a time.
 Slot& handlerSlot();
 
-// Takes every event handler away.
+// Remove all event handlers.
 void removeHandlers();
 
-// How many calls there were of all functions.
+// The total number of calls.
 unsigned long callCount();
 
 // How often handlers have been called.
 unsigned long eventCount();
 
-// What went wrong, "" for nothing: the first result that no function may give, or text longer than it may be.
+// The first problem, "" for none: an invalid result, or a text longer than permitted.
 std::string firstProblem();
 
 } // namespace stress

@@ -1,8 +1,8 @@
-// Eight threads call every exported function at random while the bus changes under them: nothing crashes,
-// hangs, races or is lost, and at every quiet moment all that the library holds is in order.
+// Eight threads call every exported function at random while the bus changes. Nothing may crash, hang, race
+// or leak, and whenever all threads pause, the library's state must be consistent.
 //
-// GVUSB_STRESS_CALLS in the environment is the number of calls of each test, GVUSB_STRESS_SEED what chance
-// begins with.
+// GVUSB_STRESS_CALLS in the environment is the number of calls of each test, GVUSB_STRESS_SEED the random
+// seed.
 
 #include "changing_bus.h"
 #include "configuration_file.h"
@@ -29,7 +29,7 @@ using testing::IsEmpty;
 namespace {
 
 constexpr unsigned threadCount = 8;
-constexpr unsigned rounds = 8; // with a quiet moment after each
+constexpr unsigned rounds = 8; // the threads pause after each round
 constexpr auto patience = std::chrono::seconds(30);
 
 unsigned long fromEnvironment(const char* name, unsigned long otherwise) {
@@ -37,7 +37,7 @@ unsigned long fromEnvironment(const char* name, unsigned long otherwise) {
     return text == nullptr ? otherwise : std::strtoul(text, nullptr, 0);
 }
 
-// Where the log goes.
+// Discards the log.
 class SilencedStdout {
 public:
     SilencedStdout() {
@@ -58,7 +58,7 @@ private:
     const int original_ = dup(STDOUT_FILENO);
 };
 
-// Another thread gets its turn in the middle of what the library does.
+// Yield to other threads in the middle of library calls.
 void interrupt(std::string_view, std::string_view) {
     thread_local unsigned calls = 0;
     if (++calls % 16 == 0) {
@@ -163,7 +163,7 @@ private:
         return all;
     }
 
-    // The library's own threads come to the end of what they are at, and no handler gives them more.
+    // Wait until the library's own threads are idle, without handlers that cause more work.
     void awaitRest() {
         const Calling now(quiet_, "waiting for the library's threads");
         removeHandlers();
@@ -177,7 +177,7 @@ private:
         }
     }
 
-    // What is delivered last is reported last.
+    // Events are reported in order, so wait for the report of a last event.
     void awaitQueue() {
         GVUSB_EVENT_INIT registration = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0,
                                          &noteLastArrival};
@@ -227,11 +227,11 @@ TEST_F(StressTest, WhilePolling) {
     stressInMode(1);
 }
 
-TEST_F(StressTest, WithLibUsbsCallbacks) {
+TEST_F(StressTest, WithLibusbsCallbacks) {
     stressInMode(2);
 }
 
-TEST(WatchdogDeathTest, AThreadThatHangsEndsTheProgramWithItsFunctionsName) {
+TEST(WatchdogDeathTest, HungThreadEndsTheProgramAndItsFunctionIsNamed) {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     const auto hang = [] {
         Slot slot("caller 1");

@@ -1,6 +1,6 @@
-// Ends the program when a thread makes no progress, and tells what each thread was about.
+// Ends the program if a thread makes no progress, and prints what each thread is doing.
 //
-// A thread tells its own slot what it does; the watchdog reads all of them from a thread of its own.
+// Each thread stores its current call in its own slot; the watchdog's thread reads all slots.
 #pragma once
 
 #include <atomic>
@@ -16,11 +16,11 @@ struct Slot {
     explicit Slot(std::string thread)
         : name(std::move(thread)) {}
     const std::string name;
-    std::atomic<const char*> function = nullptr; // null: idle, which may last
+    std::atomic<const char*> function = nullptr; // null: idle, for any length of time
     std::atomic<unsigned long> calls = 0;
 };
 
-// What a thread is about, for the length of a block.
+// Stores the current call in a slot for the length of a block.
 class Calling {
 public:
     Calling(Slot& slot, const char* function)
