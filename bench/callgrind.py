@@ -45,7 +45,7 @@ def _cost_of(function, lines):
 def instructions(functions, command_of, times, environment):
     """Instructions for one call of each function. command_of(times) is a launcher and a program that makes the calls.
 
-    Runs the program once with `times` and once with twice as many, so that the cost of what is not repeated cancels
+    Runs the program once with `times` and once with twice as many, so that the cost of unrepeated work cancels
     out. The same two runs count all functions."""
     once, twice = (_profile(command_of(n), environment) for n in (times, 2 * times))
     result = []

@@ -16,7 +16,7 @@ import tempfile
 
 import callgrind
 
-RECORD_SIZE = 872  # of a reader's record on a 64-bit machine, which the heap used for a scanned reader is compared with
+RECORD_SIZE = 872  # of a reader's record on a 64-bit machine, for comparison with the heap used for a scanned reader
 
 
 class Bench:
