@@ -1,4 +1,4 @@
-# Finds libusb-1.0 with nothing but its development package (no pkg-config needed) and defines LibUSB::LibUSB.
+# Finds libusb-1.0 with only its development package (without pkg-config) and defines LibUSB::LibUSB.
 find_path(LibUSB_INCLUDE_DIR NAMES libusb.h PATH_SUFFIXES libusb-1.0)
 find_library(LibUSB_LIBRARY NAMES usb-1.0)
 
@@ -8,7 +8,7 @@ find_package_handle_standard_args(LibUSB
     REASON_FAILURE_MESSAGE "libusb-1.0 is missing: on Debian install libusb-1.0-0-dev")
 
 if(LibUSB_FOUND AND NOT TARGET LibUSB::LibUSB)
-    # The headers apart from the library: what links a libusb of its own, as the unit tests do, needs only these.
+    # The headers without the library, for targets that link a replacement for libusb, such as the unit tests.
     add_library(LibUSB::Headers INTERFACE IMPORTED)
     target_include_directories(LibUSB::Headers SYSTEM INTERFACE ${LibUSB_INCLUDE_DIR})
 

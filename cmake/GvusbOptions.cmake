@@ -1,5 +1,5 @@
-# What can be switched. Parts beyond the library itself are on where their packages are installed; where not, the
-# configure run says which package is missing.
+# Options. All parts except the library are built if the packages that they need are installed; otherwise the configure
+# run lists the missing packages.
 
 set(GVUSB_VENDOR_ID 0x1209 CACHE STRING "USB vendor ID of the readers (16 bits)")
 if(NOT GVUSB_VENDOR_ID MATCHES "^0x[0-9A-Fa-f][0-9A-Fa-f]?[0-9A-Fa-f]?[0-9A-Fa-f]?$")
@@ -54,8 +54,8 @@ if(NOT GTest_FOUND OR NOT TARGET GTest::gmock)
     list(APPEND missing_for_tests libgtest-dev libgmock-dev)
 endif()
 
-# An option that is on by default exactly where nothing is missing, and a clear refusal where it is asked for without.
-# What is missing today is not remembered as the user's choice.
+# Define an option that is on if nothing is missing. If packages are missing, fail if it was requested explicitly,
+# otherwise turn it off without caching this.
 function(gvusb_part name what missing)
     if(NOT missing)
         option(${name} "Build ${what}" ON)
@@ -71,7 +71,7 @@ endfunction()
 
 gvusb_part(GVUSB_BUILD_EMULATOR "the virtual readers (gvusb-emulate)" "${missing_for_emulator}")
 if(GVUSB_BUILD_EMULATOR)
-    # The tests on virtual readers are programs in C.
+    # The tests on virtual readers are C programs.
     find_package(cmocka QUIET)
     if(NOT cmocka_FOUND)
         list(APPEND missing_for_tests libcmocka-dev)
@@ -81,7 +81,7 @@ gvusb_part(GVUSB_BUILD_TESTS "the tests" "${missing_for_tests}")
 gvusb_part(GVUSB_BUILD_TOOLS "the command-line tool (gvusb)" "${missing_for_tools}")
 gvusb_part(GVUSB_BUILD_EXAMPLES "the examples" "")
 if(GVUSB_SANITIZE)
-    # The manual is made by running the programs; once is enough.
+    # Building the manual runs the programs. One build, without sanitizers, is enough.
     set(GVUSB_BUILD_MANUAL OFF)
 else()
     gvusb_part(GVUSB_BUILD_MANUAL "the manual" "${missing_for_manual}")

@@ -1,6 +1,6 @@
-# What the toolchains here have in common: Debian's cross compiler, and the libraries of the other architecture that
-# scripts/test-architectures has unpacked, so that nothing of this machine's own gets in. The file that includes this
-# one sets architecture (Debian's name), compiler (the prefix of its name) and CMAKE_LIBRARY_ARCHITECTURE.
+# Shared by the toolchain files: Debian's cross compiler, and the other architecture's libraries as unpacked by
+# scripts/test-architectures. Libraries of this machine are never used. The including file must set `architecture`
+# (Debian's name), `compiler` (the prefix of its name) and CMAKE_LIBRARY_ARCHITECTURE.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_C_COMPILER ${compiler}-gcc)
 set(CMAKE_CXX_COMPILER ${compiler}-g++)
@@ -12,6 +12,6 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(ENV{PKG_CONFIG_LIBDIR} ${CMAKE_FIND_ROOT_PATH}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/pkgconfig)
 
-# For the libraries that libusb itself needs.
+# To find the libraries that libusb needs.
 set(CMAKE_EXE_LINKER_FLAGS_INIT
     -Wl,-rpath-link,${CMAKE_FIND_ROOT_PATH}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})

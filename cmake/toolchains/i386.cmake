@@ -1,4 +1,4 @@
-# Builds for i386, whose programs run on amd64 as they are.
+# Builds for i386. The programs run directly on amd64.
 set(architecture i386)
 set(compiler i686-linux-gnu)
 set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
