@@ -1,5 +1,5 @@
-// What callers pass is read and written within its size and nowhere else, also with the log on, whatever
-// readers say of themselves. Buffers end where nothing more may be touched.
+// The library stays within the caller's buffers, even with the log on and with arbitrary strings from
+// readers. Each buffer ends at an inaccessible page.
 #include "gvusb.h"
 
 #include "captured_stdout.h"
@@ -28,7 +28,7 @@ using testing::IsEmpty;
 constexpr const char* valueKeys[] = {"TIMEOUT",    "DEVICEHND", "DEVICE-ID", "DEVICENAME",
                                      "FAMILYNAME", "INTERFACE", "TYPENUMBER"};
 
-// The text of a string descriptor as long as the library's buffers take.
+// A string of the maximum length that the library's buffers hold.
 std::string longest(std::string piece) {
     std::string text;
     while (text.size() < GVUSB_PARAMETER_SIZE - 1) {
@@ -51,7 +51,7 @@ protected:
     Bounds() { GVLOG_SetLevel(3); }
     ~Bounds() override { GVLOG_SetLevel(0); }
 
-    // The worker that ends logs nothing: the thread sanitizer loses track of a thread that is cancelled.
+    // The thread sanitizer loses track of a canceled thread, so the worker must not log while it ends.
     static void restartLogging(const std::string& configuration) {
         GVLOG_SetLevel(0);
         restart(configuration);
@@ -69,7 +69,7 @@ protected:
     support::CapturedStdout output;
 };
 
-TEST_F(Bounds, EveryValueFitsTheDocumentedSizeWhateverAReaderSays) {
+TEST_F(Bounds, EveryValueFitsTheDocumentedSize) {
     for (const std::string& text : {longest("x"), longest("\xC3\xA4\xFF\x80"), longest("%n%s%1000d"),
                                     longest("a\nb\r\n\t"), std::string()}) {
         SCOPED_TRACE(text);
@@ -140,7 +140,7 @@ TEST_F(Bounds, FailedReadLogsTheCallersBufferWithinItsSize) {
     }
 }
 
-TEST_F(Bounds, KeysValuesAndProtocolNamesAreReadToTheirZeroOnly) {
+TEST_F(Bounds, KeysValuesAndProtocolNamesAreReadOnlyToTheirTerminator) {
     const int devHnd = openReader(fake::bulkReader());
     for (const std::size_t length : {0u, 1u, 126u, 127u, 128u, 129u, 5000u}) {
         SCOPED_TRACE(length);
@@ -158,7 +158,7 @@ TEST_F(Bounds, KeysValuesAndProtocolNamesAreReadToTheirZeroOnly) {
     }
 }
 
-TEST_F(Bounds, SearchRecordWithoutAZeroIsReadWithinItsFields) {
+TEST_F(Bounds, UnterminatedSearchRecordIsReadWithinItsFields) {
     fake::plug("dev1", talkative(fake::bulkReader(), longest("f")));
     for (const std::int32_t mask : {0, 1, 2, 4, 7, -1}) {
         for (const int option : {GVUSB_SCAN_ALL, GVUSB_SCAN_FIRST}) {
@@ -209,11 +209,11 @@ TEST_F(Bounds, FramesAreSentAndReceivedWithinTheirSizes) {
     }
 }
 
-TEST_F(Bounds, SendLengthThatLibusbCannotTakeIsRefusedWithoutIt) {
+TEST_F(Bounds, SendLengthBeyondLibusbsLimitIsRefusedWithoutACall) {
     for (const bool bulk : {true, false}) {
         const int code = bulk ? GVUSB_ERR_BULK_TRANSFER : GVUSB_ERR_SEND_LENGTH;
         restartLogging(quiet);
-        GVLOG_SetLevel(0); // the log would show some of what is not there
+        GVLOG_SetLevel(0); // the log would read beyond the frame
         const int devHnd = openReader(bulk ? fake::bulkReader() : fake::controlReader());
         unsigned char frame[1] = {1};
         unsigned char answer[1] = {2};
@@ -230,8 +230,8 @@ TEST_F(Bounds, SendLengthThatLibusbCannotTakeIsRefusedWithoutIt) {
 }
 
 #if UINTPTR_MAX > UINT32_MAX
-// More than 2 GB of addresses, again and again for the same few megabytes. No object is as large where
-// addresses have 32 bits.
+// More than 2 GB of addresses that map the same few megabytes repeatedly. With 32-bit addresses, no object is
+// that large.
 class HugeBuffer {
     static constexpr unsigned int piece = 1u << 24;
 
@@ -264,7 +264,7 @@ private:
     unsigned char* memory_ = nullptr;
 };
 
-TEST_F(Bounds, ReceiveMemoryBeyondWhatLibusbTakesFailsWithoutIt) {
+TEST_F(Bounds, ReceiveMemoryBeyondLibusbsLimitFailsWithoutACall) {
     const int devHnd = openReader(fake::bulkReader());
     unsigned char frame[1] = {1};
     EXPECT_EQ(GVUSB_Transceive(devHnd, GVUSB_PROTOCOL, 0, frame, 1, frame, 1), 1);

@@ -20,7 +20,7 @@ struct Entry {
     const char* text;
 };
 
-// As published, to the letter.
+// The published texts, verbatim.
 constexpr Entry published[] = {
     {0, "GVUSB: OK"},
     {-1100, "GVUSB: (-1100) empty device list"},
@@ -143,7 +143,7 @@ TEST_F(ErrorText, UnknownCodeIsShownInHexadecimalAndDecimal) {
     }
 }
 
-TEST_F(ErrorText, KnownCodeLeavesTheTextOfTheLastUnknownOne) {
+TEST_F(ErrorText, KnownCodeKeepsTheTextOfTheLastUnknownOne) {
     GvusbGetErrorText(5);
     GvusbGetErrorText(-1155);
     EXPECT_STREQ(g_cGvusbErrorText, "GVUSB: Unknown Error: 0x5 (5)");
@@ -161,7 +161,7 @@ TEST_F(ErrorText, ExportCopiesEveryPublishedTextAndReturnsSuccess) {
     }
 }
 
-TEST_F(ErrorText, ExportCopiesTheTextOfAnUnknownCodeAndSaysThatItIsUnknown) {
+TEST_F(ErrorText, ExportCopiesTheTextOfAnUnknownCodeAndReportsIt) {
     for (const auto& [code, text] : unknown) {
         SCOPED_TRACE(code);
         char copy[57];
@@ -173,13 +173,13 @@ TEST_F(ErrorText, ExportCopiesTheTextOfAnUnknownCodeAndSaysThatItIsUnknown) {
     }
 }
 
-TEST_F(ErrorText, ExportWritesNothingBehindTheTerminatingZero) {
+TEST_F(ErrorText, ExportWritesNothingAfterTheTerminatingZero) {
     char copy[] = "##########################################";
     GVUSB_GetErrorText(0, copy);
     EXPECT_EQ(std::string(copy, 12), std::string("GVUSB: OK\0##", 12));
 }
 
-// Each caller gets its own code's text, though all share the buffer for unknown codes.
+// Each caller must get its own code's text, although all share the buffer for unknown codes.
 TEST_F(ErrorText, ThreadsDoNotGetEachOthersTexts) {
     std::atomic<bool> stop = false;
     const auto disturb = [&] {

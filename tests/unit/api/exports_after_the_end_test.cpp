@@ -1,5 +1,5 @@
-// Calls when the manager is gone: from another library's destructor or an atexit function that runs after ours. Each gets a
-// code; nothing of the manager is touched.
+// Calls after the manager is destroyed: from another library's destructor, or from an atexit() function that
+// runs after ours. Each returns a code and does not access the manager.
 #include "gvusb.h"
 
 #include "manager_test.h"
@@ -37,7 +37,7 @@ private:
     int handle_ = 0;
 };
 
-TEST_F(ExportsAfterTheEnd, WhatNeedsTheManagerTellsThatLibusbIsNotAvailable) {
+TEST_F(ExportsAfterTheEnd, FunctionsThatNeedTheManagerReportThatLibusbIsNotAvailable) {
     char value[GVUSB_PARAMETER_SIZE] = "";
     unsigned char bytes[4] = {1, 2, 3, 4};
     GVUSB_SCANSEARCH search = {};
@@ -74,7 +74,7 @@ TEST_F(ExportsAfterTheEnd, ListsAreEmpty) {
     EXPECT_EQ(GVUSB_GetDeviceList(0), 0);
 }
 
-TEST_F(ExportsAfterTheEnd, RefusalsComeFirst) {
+TEST_F(ExportsAfterTheEnd, ArgumentsAreCheckedFirst) {
     EXPECT_EQ(GVUSB_CloseDevice(-7), GVUSB_ERR_NEGATIVE_HANDLE);
     EXPECT_EQ(GVUSB_AddEventHandler(0, nullptr), GVUSB_ERR_NULL_POINTER);
 }

@@ -1,5 +1,4 @@
-// Which exported functions clear the manager's last error before they start, which leave it, and how it is
-// fetched.
+// Which exported functions clear the manager's last error first, which keep it, and how to fetch it.
 #include "gvusb.h"
 
 #include "manager_test.h"
@@ -32,7 +31,7 @@ protected:
 
     static int lastError() { return relaxed::load(g_GvUsbMan.m_iLastError); }
 
-    // Plugs and opens dev1; its handle.
+    // Plug in and open dev1; return its handle.
     static int openReader() {
         fake::plug("dev1", fake::bulkReader("1A2B3C"));
         EXPECT_EQ(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), 0);
@@ -41,7 +40,7 @@ protected:
         return devHnd;
     }
 
-    // The last error as it stands when `run`, begun with an earlier error, first calls libusb.
+    // Start `run` with an earlier error, and return the last error at its first libusb call.
     static std::optional<int> lastErrorOnTheWay(const std::function<void()>& run) {
         std::optional<int> seen;
         g_GvUsbMan.SetLastError(earlier);
@@ -85,7 +84,7 @@ TEST_F(LastError, VersionClearsIt) {
     EXPECT_EQ(after([] { EXPECT_STREQ(GVUSB_GetDLLVersion(), "07.01.00"); }), 0);
 }
 
-// While somebody else holds the registrations, the error is gone already.
+// The error is cleared even before the function locks the registrations.
 TEST_F(LastError, EventHandlerFunctionsClearItFirst) {
     GVUSB_EVENT_INIT registration = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, ignoreEvent};
     for (const auto function : {&GVUSB_AddEventHandler, &GVUSB_DelEventHandler}) {
@@ -104,7 +103,7 @@ TEST_F(LastError, EventHandlerFunctionsClearItFirst) {
     }
 }
 
-TEST_F(LastError, FunctionsOnAReaderLeaveItUntilTheyKnowTheirResult) {
+TEST_F(LastError, ReaderFunctionsKeepItUntilTheirResultIsKnown) {
     const int devHnd = openReader();
     EXPECT_EQ(lastErrorOnTheWay([&] { GVUSB_Transmit(devHnd, protocol, frame, 3); }), earlier);
     EXPECT_EQ(lastErrorOnTheWay([&] { GVUSB_Receive(devHnd, protocol, buffer, 8); }), earlier);
@@ -117,12 +116,12 @@ TEST_F(LastError, FunctionsOnAReaderLeaveItUntilTheyKnowTheirResult) {
     EXPECT_EQ(lastErrorOnTheWay([&] { GVUSB_OpenDevice(0x1A2B3C); }), earlier);
 }
 
-TEST_F(LastError, OpeningAnOpenReaderLeavesIt) {
+TEST_F(LastError, OpeningAnOpenReaderKeepsIt) {
     const int devHnd = openReader();
     EXPECT_EQ(after([&] { EXPECT_EQ(GVUSB_OpenDevice(0x1A2B3C), devHnd); }), earlier);
 }
 
-TEST_F(LastError, WalkingTheDeviceListLeavesIt) {
+TEST_F(LastError, IteratingOverTheDeviceListKeepsIt) {
     const int devHnd = openReader();
     for (const int from : {0, -1, -1199}) {
         EXPECT_EQ(after([&] { EXPECT_EQ(GVUSB_GetDeviceList(from), devHnd); }), earlier) << from;
@@ -131,26 +130,26 @@ TEST_F(LastError, WalkingTheDeviceListLeavesIt) {
     EXPECT_EQ(after([&] { EXPECT_EQ(GVUSB_GetDeviceList(5), 0); }), earlier);
 }
 
-TEST_F(LastError, FindingAHandleLeavesIt) {
+TEST_F(LastError, FindingAHandleKeepsIt) {
     const int devHnd = openReader();
     EXPECT_EQ(after([&] { EXPECT_EQ(GVUSB_GetDeviceHnd(0x1A2B3C), devHnd); }), earlier);
     EXPECT_EQ(after([&] { EXPECT_EQ(GVUSB_GetDeviceHnd(0x1A2B3D), -1144); }), -1144);
 }
 
-TEST_F(LastError, ChangingEveryReaderWithoutAnyReturnsIt) {
+TEST_F(LastError, ChangingEveryReaderReturnsItIfThereAreNone) {
     EXPECT_EQ(GVUSB_CloseDevice(0), -1121);
     EXPECT_EQ(GVUSB_SetDevicePara(0, "TIMEOUT", "500"), -1121);
     EXPECT_EQ(lastError(), -1121);
 }
 
-TEST_F(LastError, TransmitAndTransceiveLeaveZeroAndReceiveItsCount) {
+TEST_F(LastError, TransmitAndTransceiveSetItToZeroAndReceiveToItsCount) {
     const int devHnd = openReader();
     EXPECT_EQ(after([&] { EXPECT_EQ(GVUSB_Transmit(devHnd, protocol, frame, 3), 0); }), 0);
     EXPECT_EQ(after([&] { EXPECT_EQ(GVUSB_Receive(devHnd, protocol, buffer, 8), 3); }), 3);
     EXPECT_EQ(after([&] { EXPECT_EQ(GVUSB_Transceive(devHnd, protocol, 0, frame, 3, buffer, 8), 3); }), 0);
 }
 
-TEST_F(LastError, FetchingTheManagersTellsItsTextAndClearsIt) {
+TEST_F(LastError, FetchingTheManagersReturnsItsTextAndClearsIt) {
     ASSERT_EQ(GVUSB_CloseDevice(0), -1121);
     int code = 1;
     char text[GVUSB_TEXT_SIZE] = {};
@@ -162,7 +161,7 @@ TEST_F(LastError, FetchingTheManagersTellsItsTextAndClearsIt) {
     EXPECT_STREQ(text, "GVUSB: OK");
 }
 
-TEST_F(LastError, FetchingACountSaysThatItIsNoCode) {
+TEST_F(LastError, FetchingACountReportsThatItIsNoCode) {
     const int devHnd = openReader();
     ASSERT_EQ(GVUSB_Transmit(devHnd, protocol, frame, 3), 0);
     ASSERT_EQ(GVUSB_Receive(devHnd, protocol, buffer, 8), 3);
@@ -176,7 +175,7 @@ TEST_F(LastError, FetchingACountSaysThatItIsNoCode) {
     EXPECT_STREQ(text, "GVUSB: (-1155) unknown error code");
 }
 
-TEST_F(LastError, FetchingWithoutTextBufferLeavesItsOwnRefusal) {
+TEST_F(LastError, FetchingWithoutTextBufferStoresItsOwnError) {
     g_GvUsbMan.SetLastError(-1123);
     int code = 0;
     EXPECT_EQ(GVUSB_GetLastError(0, &code, nullptr), -1102);
@@ -184,7 +183,7 @@ TEST_F(LastError, FetchingWithoutTextBufferLeavesItsOwnRefusal) {
     EXPECT_EQ(lastError(), -1102);
 }
 
-TEST_F(LastError, FetchingAReadersTellsItsOwnAndKeepsIt) {
+TEST_F(LastError, FetchingAReadersReturnsItsOwnAndKeepsIt) {
     const int devHnd = openReader();
     ASSERT_EQ(GVUSB_SetDevicePara(devHnd, "TIMEOUT", "0"), -1151);
     g_GvUsbMan.SetLastError(earlier);
@@ -212,7 +211,7 @@ TEST_F(LastError, HandlesThatAreNotOpenAreNotFound) {
     }
 }
 
-TEST_F(LastError, ANewManagerHasNone) {
+TEST_F(LastError, NewManagerHasNone) {
     restart(quiet);
     int code = 1;
     char text[GVUSB_TEXT_SIZE] = {};

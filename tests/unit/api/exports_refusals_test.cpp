@@ -1,4 +1,4 @@
-// What the exported functions refuse, in which order.
+// Which arguments the exported functions reject, and in which order they check them.
 #include "gvusb.h"
 
 #include "captured_stdout.h"
@@ -56,7 +56,7 @@ protected:
     GVUSB_EVENT_INIT registration = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, ignoreEvent};
 };
 
-TEST_F(Refusals, NullPointersWhereOneIsNeeded) {
+TEST_F(Refusals, RequiredPointersThatAreNull) {
     expectRefused({
         {"scan-list parameter, no key", [&] { return GVUSB_GetScanListPara(0, nullptr, value); }, -1102},
         {"scan-list parameter, no value", [&] { return GVUSB_GetScanListPara(0, "TIMEOUT", nullptr); },
@@ -71,7 +71,7 @@ TEST_F(Refusals, NullPointersWhereOneIsNeeded) {
     });
 }
 
-TEST_F(Refusals, HandlesThatCannotBeAReaders) {
+TEST_F(Refusals, HandlesThatNoReaderCanHave) {
     expectRefused({
         {"close negative", [] { return GVUSB_CloseDevice(-7); }, -1122},
         {"close -1", [] { return GVUSB_CloseDevice(-1); }, -1122},
@@ -111,9 +111,10 @@ TEST_F(Refusals, ParametersWithoutKeyOrValue) {
     }
 }
 
-// Every combination of good and bad arguments: the first bad one in the order handle, pointers, send length,
-// receive size decides. What passes is forwarded and fails because no reader has the handle.
-TEST_F(Refusals, TransferArgumentsAreTestedInOrder) {
+// Every combination of valid and invalid arguments: the first invalid one in the order handle, pointers, send
+// length, receive size determines the code. Valid calls reach the manager and fail because no reader has the
+// handle.
+TEST_F(Refusals, TransferArgumentsAreCheckedInOrder) {
     const std::pair<int, int> handles[] = {
         {-1, -1122}, {INT_MIN, -1122}, {0, -1121}, {unknownHandle, -1123}, {INT_MAX, -1123}};
     for (const auto& handle : handles) {
@@ -150,7 +151,7 @@ TEST_F(Refusals, TransferArgumentsAreTestedInOrder) {
     }
 }
 
-TEST_F(Refusals, TheThirdArgumentOfTransceiveIsNotTested) {
+TEST_F(Refusals, ThirdArgumentOfTransceiveIsNotChecked) {
     for (const int reserved : {INT_MIN, -1, 0, 1, INT_MAX}) {
         expectRefused(
             {{"transceive",
@@ -159,7 +160,7 @@ TEST_F(Refusals, TheThirdArgumentOfTransceiveIsNotTested) {
     }
 }
 
-TEST_F(Refusals, LastErrorWithoutTextBufferTellsTheCodeOnly) {
+TEST_F(Refusals, LastErrorWithoutTextBufferReturnsOnlyTheCode) {
     int code = 0;
     expectRefused({{"manager", [&] { return GVUSB_GetLastError(0, &code, nullptr); }, -1102}});
     EXPECT_EQ(code, earlier);

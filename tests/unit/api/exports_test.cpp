@@ -1,4 +1,4 @@
-// The exported functions hand their arguments to the manager unchanged and its results back.
+// The exported functions pass their arguments to the manager unchanged, and return its results.
 #include "gvusb.h"
 
 #include "allocation_failure.h"
@@ -44,7 +44,7 @@ protected:
     unsigned char buffer[8] = {};
 };
 
-TEST_F(Exports, ScanFindsAndOnlyScanAndOpenOpens) {
+TEST_F(Exports, ScanOnlyFindsReadersAndScanAndOpenOpensThem) {
     fake::plug("dev1", fake::bulkReader("1A2B3C"));
     fake::plug("dev2", fake::bulkReader("4D5E6F"));
     EXPECT_EQ(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), 0);
@@ -141,14 +141,14 @@ TEST_F(Exports, HandlersAreRegisteredAndRemoved) {
     EXPECT_EQ(GVUSB_DelEventHandler(0, &registration), -1150);
 }
 
-TEST_F(Exports, VersionIsTheSameTextAtTheSamePlace) {
+TEST_F(Exports, VersionIsTheSameTextAtTheSameAddress) {
     const char* const version = GVUSB_GetDLLVersion();
     EXPECT_STREQ(version, "07.01.00");
     EXPECT_EQ(GVUSB_GetDLLVersion(), version);
     EXPECT_STREQ(version, "07.01.00");
 }
 
-TEST_F(Exports, VersionMayBeAskedForByAllThreads) {
+TEST_F(Exports, VersionMayBeReadByAllThreads) {
     const auto ask = [] {
         for (int i = 0; i < 300; ++i) {
             GVUSB_GetDLLVersion();
@@ -160,10 +160,10 @@ TEST_F(Exports, VersionMayBeAskedForByAllThreads) {
     EXPECT_STREQ(GVUSB_GetDLLVersion(), "07.01.00");
 }
 
-// Out of memory passes through the exported functions; whatever was locked is free again.
+// std::bad_alloc passes through the exported functions, which unlock every mutex.
 TEST_F(Exports, RunningOutOfMemoryReleasesEveryMutex) {
     if (!support::allocationsAreWatched) {
-        GTEST_SKIP() << "operator new is the sanitizer's";
+        GTEST_SKIP() << "the sanitizer replaces operator new";
     }
     fake::plug("dev1", fake::bulkReader("1A2B3C"));
     bool everythingRan = false;

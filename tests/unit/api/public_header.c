@@ -1,7 +1,7 @@
-/* Uses the public header, and nothing else, as C99. */
+/* Uses only the public header, as C99. */
 #include "gvusb.h"
 
-/* The exact signatures: a pointer of another type is refused by the compiler. */
+/* The exact signatures: the compiler rejects a pointer of another type. */
 struct Functions {
     int (*scan)(int, struct _GVUSB_SCANSEARCH*);
     int (*scanAndOpen)(int, struct _GVUSB_SCANSEARCH*);
@@ -49,7 +49,7 @@ const char* publicHeaderVersionFromC(void) {
     return functions.getDllVersion();
 }
 
-/* Fills both records, and returns the first code that is not 0. */
+/* Initialize both records, and return the first nonzero code. */
 int publicHeaderRoundTripFromC(char* text) {
     GVUSB_SCANSEARCH search = {GVUSB_SEARCH_DEVICE_NAME, "DESKTOP", "READER ONE", "1A2B3C"};
     GVUSB_EVENT_INIT registration = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, onEvent};

@@ -19,7 +19,7 @@ std::string upper(const std::string& text) {
     return buffer;
 }
 
-TEST(ToUpperString, RaisesLettersAndLeavesTheRest) {
+TEST(ToUpperString, ConvertsOnlyLetters) {
     EXPECT_EQ(upper("hotplug-Mode"), "HOTPLUG-MODE");
     EXPECT_EQ(upper("tesk-rci2"), "TESK-RCI2");
     EXPECT_EQ(upper("abcdefghijklmnopqrstuvwxyz"), "ABCDEFGHIJKLMNOPQRSTUVWXYZ");
@@ -27,7 +27,7 @@ TEST(ToUpperString, RaisesLettersAndLeavesTheRest) {
     EXPECT_EQ(upper(""), "");
 }
 
-TEST(ToUpperString, LeavesBytesBeyondAsciiAsTheyAreInTheCLocale) {
+TEST(ToUpperString, KeepsNonAsciiBytesInTheCLocale) {
     std::string bytes;
     for (int byte = 0x80; byte <= 0xFF; ++byte) {
         bytes += static_cast<char>(byte);
@@ -35,7 +35,7 @@ TEST(ToUpperString, LeavesBytesBeyondAsciiAsTheyAreInTheCLocale) {
     EXPECT_EQ(upper(bytes), bytes);
 }
 
-TEST(ToUpperString, WritesNothingBehindTheTerminatingZero) {
+TEST(ToUpperString, WritesNothingAfterTheTerminatingZero) {
     char buffer[] = "########";
     g_ToUpperString("abc", buffer);
     EXPECT_EQ(std::string(buffer, sizeof buffer), std::string("ABC\0####\0", 9));
@@ -52,7 +52,7 @@ TEST(ToUpperString, FollowsTheProcessLocale) {
     EXPECT_EQ(upper("timeout \xFD"), "T\xDDMEOUT I");
 }
 
-TEST(IsKey, WhateverTheCase) {
+TEST(IsKey, IgnoresTheCase) {
     for (const char* text : {"TIMEOUT", "timeout", "TimeOut", "TIMEOUt", "tIMEOUT"}) {
         EXPECT_TRUE(isKey(text, "TIMEOUT")) << text;
     }
@@ -66,19 +66,19 @@ TEST(IsKey, ComparesWholeTexts) {
     }
 }
 
-TEST(IsKey, TellsLettersFromTheirNeighbours) {
+TEST(IsKey, DistinguishesLettersFromAdjacentCharacters) {
     EXPECT_FALSE(isKey("TIMEOU`", "TIMEOU@"));
     EXPECT_FALSE(isKey("{", "["));
 }
 
-TEST(IsKey, ReadsNoFurtherThanTheEndOfTheText) {
+TEST(IsKey, DoesNotReadPastTheEndOfTheText) {
     for (const char* text : {"TIM", "tim", ""}) {
         support::EdgeBuffer buffer(std::string_view(text, std::strlen(text) + 1));
         EXPECT_FALSE(isKey(buffer.text(), "TIMEOUT")) << text;
     }
 }
 
-TEST(IsKey, RefusesATextOfAnyLength) {
+TEST(IsKey, RejectsTextOfAnyLength) {
     for (const std::size_t length : {127U, 128U, 129U, 100'000U}) {
         EXPECT_FALSE(isKey(std::string(length, 'T').c_str(), "TIMEOUT")) << length;
     }

@@ -1,4 +1,4 @@
-// Messages put together from pieces.
+// Composing log messages from parts.
 #include "base/log.h"
 
 #include "captured_stdout.h"
@@ -32,7 +32,7 @@ protected:
     }
 };
 
-TEST_F(LogLine, JoinsItsPieces) {
+TEST_F(LogLine, ConcatenatesItsParts) {
     EXPECT_EQ(logged("size=", 12, ", name=", std::string("READER ONE")), "[tag] size=12, name=READER ONE");
     EXPECT_EQ(logged("code ", -1150), "[tag] code -1150");
     EXPECT_EQ(logged(""), "[tag] ");

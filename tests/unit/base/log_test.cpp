@@ -25,7 +25,7 @@ protected:
         GVLOG_SetLevel(0);
     }
 
-    // The line that is printed at that moment.
+    // The line that is printed at this time.
     static std::string lineAt(long seconds, long microseconds) {
         setTime(seconds, microseconds);
         CapturedStdout output;
@@ -44,7 +44,7 @@ TEST_F(Log, NothingIsLoggedAfterLoadingWithoutConfiguration) {
     EXPECT_EQ(g_GvUsbDebugLevel, 0);
 }
 
-TEST_F(Log, SettingTheLevelNotesTheTime) {
+TEST_F(Log, SettingTheLevelStoresTheTime) {
     const FixedTime now(123456, 654321);
     GVLOG_SetLevel(2);
     EXPECT_EQ(GVLOG_Level(), 2);
@@ -53,7 +53,7 @@ TEST_F(Log, SettingTheLevelNotesTheTime) {
     EXPECT_EQ(g_GvUsbStarttime.tv_usec, 654321);
 }
 
-TEST_F(Log, LevelIsKeptAsItIsGiven) {
+TEST_F(Log, LevelIsStoredUnchanged) {
     for (const int level : {INT_MIN, -1, 0, 1, 3, INT_MAX}) {
         GVLOG_SetLevel(level);
         EXPECT_EQ(GVLOG_Level(), level);
@@ -90,7 +90,7 @@ TEST_F(Log, TimeCountsFromTheLevelsSetting) {
     }
 }
 
-TEST_F(Log, ClockThatIsSetBackBeforeTheLevelsSettingShowsItsTime) {
+TEST_F(Log, ClockThatIsSetBackShowsItsAbsoluteTime) {
     struct Row {
         long startSeconds, startMicroseconds, seconds, microseconds;
     };
@@ -110,7 +110,7 @@ TEST_F(Log, ClockThatIsSetBackBeforeTheLevelsSettingShowsItsTime) {
     }
 }
 
-TEST_F(Log, TimeGoesOnFromZeroOnceASetBackClockHasReachedTheLevelsSetting) {
+TEST_F(Log, TimeStartsFromZeroWhenASetBackClockReachesTheStartTime) {
     startAt(10, 500000);
     EXPECT_EQ(lineAt(10, 499999), " 0.000000 :: gvusb: [scan] no devices\n");
     EXPECT_EQ(lineAt(10, 500000), " 0.000000 :: gvusb: [scan] no devices\n");
@@ -123,7 +123,7 @@ TEST_F(Log, SettingTheLevelAgainRestartsTheTime) {
     EXPECT_EQ(lineAt(2001, 250000), " 1.000000 :: gvusb: [scan] no devices\n");
 }
 
-TEST_F(Log, LevelWrittenDirectlyLeavesTheStartTime) {
+TEST_F(Log, LevelWrittenDirectlyKeepsTheStartTime) {
     startAt(0, 0);
     relaxed::store(g_GvUsbDebugLevel, 3);
     EXPECT_EQ(GVLOG_Level(), 3);
@@ -181,7 +181,7 @@ TEST_F(Log, LinesStayInTheOutputBuffer) {
     std::free(written);
 }
 
-TEST_F(Log, LinesOfSeveralThreadsStayWhole) {
+TEST_F(Log, LinesOfSeveralThreadsAreNotInterleaved) {
     constexpr int each = 200;
     CapturedStdout output;
     GVLOG_SetLevel(1);

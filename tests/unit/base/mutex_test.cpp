@@ -19,7 +19,7 @@ TEST(MutexLock, HoldsTheMutexForItsScope) {
     EXPECT_FALSE(isHeld(mutex));
 }
 
-TEST(MutexLock, LetsGoWhenAnExceptionPasses) {
+TEST(MutexLock, UnlocksWhenAnExceptionPasses) {
     Mutex mutex;
     EXPECT_THROW(
         {
@@ -30,7 +30,7 @@ TEST(MutexLock, LetsGoWhenAnExceptionPasses) {
     EXPECT_FALSE(isHeld(mutex));
 }
 
-TEST(MutexLock, KeepsTheOthersWaiting) {
+TEST(MutexLock, BlocksOtherThreads) {
     Mutex mutex;
     int shared = 0;
     const auto count = [&] {
@@ -45,7 +45,7 @@ TEST(MutexLock, KeepsTheOthersWaiting) {
     EXPECT_EQ(shared, 4000);
 }
 
-TEST(Condition, IsWaitedForWithTheMutexGivenBack) {
+TEST(Condition, WaitingReleasesTheMutex) {
     Mutex mutex;
     Condition changed;
     int value = 0;
@@ -65,7 +65,7 @@ TEST(Condition, IsWaitedForWithTheMutexGivenBack) {
     EXPECT_EQ(value, 1);
 }
 
-// The exported g_MtxEvtInitAry is used as a pthread_mutex_t.
+// Programs use the exported g_MtxEvtInitAry as a pthread_mutex_t.
 TEST(Mutex, IsAPthreadMutexThatIsNotRecursive) {
     Mutex mutex;
     auto& native = reinterpret_cast<pthread_mutex_t&>(mutex);

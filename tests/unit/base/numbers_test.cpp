@@ -42,7 +42,7 @@ TEST(LeadingNumber, ReadsASignedDecimalNumber) {
     }
 }
 
-TEST(LeadingNumber, SaturatesWhatDoesNotFitAnInt) {
+TEST(LeadingNumber, SaturatesAtTheLimitsOfInt) {
     const Row<int> rows[] = {
         {"2147483647", highestInt}, {"2147483648", highestInt},
         {"4294967296", highestInt}, {"99999999999999999999999", highestInt},
@@ -54,7 +54,7 @@ TEST(LeadingNumber, SaturatesWhatDoesNotFitAnInt) {
     }
 }
 
-TEST(LeadingNumber, SaturatesWhatDoesNotFitAnUnsigned) {
+TEST(LeadingNumber, SaturatesAtTheLimitsOfUnsigned) {
     const Row<std::uint32_t> rows[] = {
         {"4294967295", highestUnsigned},
         {"4294967296", highestUnsigned},
@@ -67,7 +67,7 @@ TEST(LeadingNumber, SaturatesWhatDoesNotFitAnUnsigned) {
     }
 }
 
-TEST(UnsignedNumber, ReadsAsTheConversionForUnsignedDecimalsDoes) {
+TEST(UnsignedNumber, ReadsLikeTheUnsignedDecimalConversion) {
     const Row<std::uint32_t> rows[] = {
         {"0", 0},
         {"9", 9},
@@ -86,14 +86,14 @@ TEST(UnsignedNumber, ReadsAsTheConversionForUnsignedDecimalsDoes) {
     }
 }
 
-TEST(UnsignedNumber, SaturatesWhatDoesNotFit) {
+TEST(UnsignedNumber, SaturatesAtTheLargestNumber) {
     for (const char* text : {"4294967295", "4294967296", "4294967306", "18446744073709551615",
                              "18446744073709551626", "99999999999999999999999"}) {
         EXPECT_EQ(unsignedNumber(text), highestUnsigned) << text;
     }
 }
 
-// The conversion negates within an unsigned long; only what is left there is cut to 32 bits.
+// The conversion negates an unsigned long, and then truncates the result to 32 bits.
 TEST(UnsignedNumber, SignWrapsAroundTheWidthOfAnUnsignedLong) {
     constexpr bool narrow = std::numeric_limits<unsigned long>::digits == 32;
     const Row<std::uint32_t> rows[] = {
@@ -110,7 +110,7 @@ TEST(UnsignedNumber, SignWrapsAroundTheWidthOfAnUnsignedLong) {
     }
 }
 
-TEST(HexadecimalNumber, ReadsAsTheConversionForHexadecimalDoes) {
+TEST(HexadecimalNumber, ReadsLikeTheHexadecimalConversion) {
     const Row<std::uint32_t> rows[] = {
         {"1A2B3C", 0x1A2B3C},
         {"1a2b3c", 0x1A2B3C},
@@ -128,7 +128,7 @@ TEST(HexadecimalNumber, ReadsAsTheConversionForHexadecimalDoes) {
     }
 }
 
-TEST(HexadecimalNumber, EndsWithItsText) {
+TEST(HexadecimalNumber, DoesNotReadPastTheEndOfItsText) {
     const char field[] = {'1', '2', '3', '4'};
     EXPECT_EQ(hexadecimalNumber({field, 3}), 0x123u);
 }
@@ -140,7 +140,7 @@ std::string written(Number number) {
     return text;
 }
 
-TEST(WriteDecimal, WritesAsTheConversionsForDecimalNumbersDo) {
+TEST(WriteDecimal, WritesLikeTheDecimalConversions) {
     EXPECT_EQ(written(0), "0");
     EXPECT_EQ(written(1000U), "1000");
     EXPECT_EQ(written(highestUnsigned), "4294967295");
@@ -148,7 +148,7 @@ TEST(WriteDecimal, WritesAsTheConversionsForDecimalNumbersDo) {
     EXPECT_EQ(written(lowestInt), "-2147483648");
 }
 
-TEST(WriteDecimal, WritesNothingBehindTheTerminatingZero) {
+TEST(WriteDecimal, WritesNothingAfterTheTerminatingZero) {
     char text[] = "########";
     writeDecimal(text, 1000U);
     EXPECT_EQ(std::string(text, sizeof text), std::string("1000\0###", 9));

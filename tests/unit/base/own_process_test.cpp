@@ -11,7 +11,7 @@
 
 namespace {
 
-// What the program is told its process ID is; nothing: the real one.
+// The process ID that getpid() returns; nullopt: the real one.
 std::optional<pid_t> toldProcessId;
 
 int statusOf(pid_t child) {
@@ -26,7 +26,7 @@ extern "C" pid_t getpid() noexcept {
     return toldProcessId ? *toldProcessId : static_cast<pid_t>(syscall(SYS_getpid));
 }
 
-TEST(OwnProcess, IsCurrentWhereItWasBuilt) {
+TEST(OwnProcess, IsCurrentInTheProcessThatCreatedIt) {
     const OwnProcess process;
     EXPECT_TRUE(process.isCurrent());
 }
@@ -41,8 +41,8 @@ TEST(OwnProcess, IsNotCurrentInAForkedChild) {
     EXPECT_TRUE(process.isCurrent());
 }
 
-// The first process of a container has the ID 1, also in a container that has been started from another.
-TEST(OwnProcess, IsNotCurrentInAChildThatIsToldItsParentsProcessId) {
+// The first process of a container has the ID 1, even if another container's first process started it.
+TEST(OwnProcess, IsNotCurrentInAChildWithItsParentsProcessId) {
     const OwnProcess process;
     const pid_t parent = getpid();
     const pid_t child = fork();
@@ -53,8 +53,8 @@ TEST(OwnProcess, IsNotCurrentInAChildThatIsToldItsParentsProcessId) {
     EXPECT_EQ(statusOf(child), 0);
 }
 
-// fork() is not the only way to make a child.
-TEST(OwnProcess, IsNotCurrentInAChildMadeByTheSystemCallItself) {
+// A child can be created without fork().
+TEST(OwnProcess, IsNotCurrentInAChildCreatedByTheSystemCall) {
     const OwnProcess process;
     const pid_t parent = getpid();
     const auto child = static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr));
@@ -65,7 +65,7 @@ TEST(OwnProcess, IsNotCurrentInAChildMadeByTheSystemCallItself) {
     EXPECT_EQ(statusOf(child), 0);
 }
 
-TEST(OwnProcess, BelongsToTheChildThatBuildsItsOwn) {
+TEST(OwnProcess, IsCurrentInAChildThatCreatesItsOwn) {
     const pid_t child = fork();
     if (child == 0) {
         const OwnProcess process;

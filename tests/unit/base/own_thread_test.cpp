@@ -15,7 +15,7 @@ sigset_t blockedHere() {
     return blocked;
 }
 
-// Not SIGKILL and SIGSTOP, nor what the C library, or an emulator of another processor, keeps for itself.
+// All signals except SIGKILL and SIGSTOP, and those that the C library or an emulator reserves.
 sigset_t blockable() {
     sigset_t all;
     sigset_t before;
@@ -51,7 +51,7 @@ private:
     sigset_t before_;
 };
 
-TEST_F(OwnThread, BlocksEverySignalButThoseOfFaultsOfItsOwn) {
+TEST_F(OwnThread, BlocksEverySignalExceptThoseOfItsOwnFaults) {
     const std::set<int> faults = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS};
     sigset_t blocked;
     sigemptyset(&blocked);
@@ -66,7 +66,7 @@ TEST_F(OwnThread, BlocksEverySignalButThoseOfFaultsOfItsOwn) {
     EXPECT_EQ(sigismember(&blocked, SIGTERM), 1);
 }
 
-TEST_F(OwnThread, LeavesTheCallersSignalsAsTheyWere) {
+TEST_F(OwnThread, RestoresTheCallersSignalMask) {
     const sigset_t before = blockedHere();
     sigset_t ignored;
     pthread_t thread;
@@ -75,7 +75,7 @@ TEST_F(OwnThread, LeavesTheCallersSignalsAsTheyWere) {
     expectSame(blockedHere(), before);
 }
 
-TEST_F(OwnThread, SaysWhenThereIsNone) {
+TEST_F(OwnThread, ReportsAFailedCreation) {
     pthread_attr_t usual;
     pthread_attr_t enormous;
     ASSERT_EQ(pthread_getattr_default_np(&usual), 0);

@@ -7,7 +7,7 @@
 
 namespace {
 
-TEST(Relaxed, ValuesTravelBetweenThreadsWithoutALock) {
+TEST(Relaxed, ValuesPassBetweenThreadsWithoutALock) {
     int value = 0;
     std::thread writer([&] {
         for (int i = 1; i <= 1000; ++i) {
@@ -22,13 +22,13 @@ TEST(Relaxed, ValuesTravelBetweenThreadsWithoutALock) {
     writer.join();
 }
 
-TEST(StoreText, CopiesUpToTheTerminatingZeroAndNoFurther) {
+TEST(StoreText, CopiesOnlyUpToTheTerminatingZero) {
     char buffer[] = "########";
     relaxed::storeText(buffer, "abc");
     EXPECT_EQ(std::string(buffer, sizeof buffer), std::string("abc\0####\0", 9));
 }
 
-TEST(StoreText, CutsATextThatDoesNotFit) {
+TEST(StoreText, TruncatesTextThatDoesNotFit) {
     char buffer[4] = {};
     relaxed::storeText(buffer, "abc");
     EXPECT_STREQ(buffer, "abc");

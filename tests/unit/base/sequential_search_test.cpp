@@ -28,7 +28,7 @@ TEST(SequentialSearch, FindsEachInAnyOrder) {
     }
 }
 
-TEST(SequentialSearch, TakesOneStepForEachInTheirOrderAlsoTheSecondTimeRound) {
+TEST(SequentialSearch, TakesOneStepPerElementInOrderAlsoInTheSecondPass) {
     const std::vector<int> all = {10, 11, 12, 13};
     CountingSearch search;
     for (int round = 1; round <= 2; ++round) {
@@ -39,7 +39,7 @@ TEST(SequentialSearch, TakesOneStepForEachInTheirOrderAlsoTheSecondTimeRound) {
     }
 }
 
-TEST(SequentialSearch, FindsNothingWhereItIsNot) {
+TEST(SequentialSearch, DoesNotFindAMissingElement) {
     CountingSearch search;
     EXPECT_EQ(search.find({}, 1), std::nullopt);
     EXPECT_EQ(search.find({10, 11}, 11), 1);
@@ -47,7 +47,7 @@ TEST(SequentialSearch, FindsNothingWhereItIsNot) {
     EXPECT_EQ(search.find({10, 11}, 10), 0);
 }
 
-TEST(SequentialSearch, BearsThatWhatItSearchesShrinks) {
+TEST(SequentialSearch, ToleratesAShrinkingContainer) {
     CountingSearch search;
     EXPECT_EQ(search.find({10, 11, 12, 13}, 13), 3);
     EXPECT_EQ(search.find({10}, 10), 0);

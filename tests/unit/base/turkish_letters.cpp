@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr int firstEntry = -128; // the C library's table begins there
+constexpr int firstEntry = -128; // the C library's table starts there
 constexpr int lastEntry = 255;
 
 constexpr auto upperCase(bool turkish) {
@@ -30,7 +30,7 @@ const int* table() {
 
 } // namespace
 
-// The two ways in which the C library's header reaches the conversion.
+// The two ways in which the C library's header calls the conversion.
 extern "C" int toupper(int c) noexcept {
     return c >= firstEntry && c <= lastEntry ? table()[c] : c;
 }

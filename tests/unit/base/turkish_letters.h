@@ -1,6 +1,6 @@
-// While it lives, C's toupper() answers in this thread as under a Turkish 8-bit locale: 'i' becomes 0xDD.
+// Makes toupper() of this thread behave as in a Turkish 8-bit locale: 'i' becomes 0xDD.
 //
-// Stands for setlocale(), which finds such a locale only on machines where it is installed.
+// Replaces setlocale(), which requires that such a locale is installed.
 #pragma once
 
 class [[nodiscard]] TurkishLetters {

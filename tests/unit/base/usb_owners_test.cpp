@@ -60,7 +60,7 @@ TEST_F(UsbOwners, FailedDeviceListIsEmptyAndNotFreed) {
     EXPECT_EQ(fake::takeCallText(), "libusb_get_device_list(default) = -11\n");
 }
 
-TEST_F(UsbOwners, DeviceListIsEmptyWhereLibusbHasNoContext) {
+TEST_F(UsbOwners, DeviceListIsEmptyWithoutAContext) {
     fake::plug("dev1", fake::bulkReader());
     {
         const UsbDeviceList list(false);
@@ -86,13 +86,13 @@ TEST_F(UsbOwners, HandleIsClosed) {
     EXPECT_EQ(fake::takeCalls().back(), "libusb_close(hnd1)");
 }
 
-TEST_F(UsbOwners, ReferenceIsGivenBack) {
+TEST_F(UsbOwners, ReferenceIsReleased) {
     DeviceReference(libusb_ref_device(fake::plug("dev1", fake::bulkReader()))).reset();
     EXPECT_EQ(fake::references("dev1"), 0);
     EXPECT_EQ(fake::takeCalls().back(), "libusb_unref_device(dev1)");
 }
 
-TEST_F(UsbOwners, NothingIsGivenBackWhereNothingWasTaken) {
+TEST_F(UsbOwners, NothingIsReleasedIfNothingWasAcquired) {
     ConfigDescriptor(nullptr).reset();
     DeviceHandle(nullptr).reset();
     DeviceReference(nullptr).reset();

@@ -24,7 +24,7 @@ protected:
     GVDevice device{1, fake::plug("dev1", fake::bulkReader())};
 };
 
-TEST_F(BulkTransferTest, SendsTheFrameToTheOutEndPointWithTheTimeOut) {
+TEST_F(BulkTransferTest, SendsTheFrameToTheOutEndpointWithTheTimeout) {
     EXPECT_EQ(send(sentFrame), GVUSB_OK);
     EXPECT_EQ(fake::takeCallText(), "libusb_bulk_transfer(hnd1, 0x02, 5, 1000) = 0\n");
     EXPECT_THAT(fake::frames("dev1"), ElementsAre(sentFrame));
@@ -34,7 +34,7 @@ TEST_F(BulkTransferTest, SendsTheFrameToTheOutEndPointWithTheTimeOut) {
     EXPECT_EQ(fake::takeCallText(), "libusb_bulk_transfer(hnd1, 0x02, 1, 4294967295) = 0\n");
 }
 
-TEST_F(BulkTransferTest, ReceivesFromTheInEndPointWithTheTimeOut) {
+TEST_F(BulkTransferTest, ReceivesFromTheInEndpointWithTheTimeout) {
     fake::queueAnswer("dev1", fake::Transfer::bulkIn, {.data = {1, 2, 3}});
     EXPECT_EQ(device.SetDevicePara("TIMEOUT", "250"), GVUSB_OK);
     fake::Bytes buffer(16);
@@ -42,7 +42,7 @@ TEST_F(BulkTransferTest, ReceivesFromTheInEndPointWithTheTimeOut) {
     EXPECT_EQ(fake::takeCallText(), "libusb_bulk_transfer(hnd1, 0x81, 16, 250) = 0\n");
 }
 
-TEST_F(BulkTransferTest, FramesOfEveryKindOfLengthArrive) {
+TEST_F(BulkTransferTest, FramesOfVariousLengthsArrive) {
     for (const std::size_t length : {1u, 63u, 64u, 65u, 512u, 4096u, 4097u, 65536u}) {
         SCOPED_TRACE(length);
         fake::Bytes frame(length);
@@ -85,7 +85,7 @@ TEST_F(BulkTransferTest, FailedSendIsMappedAndLogged) {
     }
 }
 
-TEST_F(BulkTransferTest, OnlyATimeOutOfASendClearsBothEndPoints) {
+TEST_F(BulkTransferTest, OnlyATimeoutOfASendClearsBothEndpoints) {
     for (const int usbResult : libusbErrors) {
         SCOPED_TRACE(usbResult);
         fake::queueAnswer("dev1", fake::Transfer::bulkOut, {.code = usbResult});
@@ -100,7 +100,7 @@ TEST_F(BulkTransferTest, OnlyATimeOutOfASendClearsBothEndPoints) {
     }
 }
 
-TEST_F(BulkTransferTest, TimeOutOfASendStaysATimeOutWhenClearingFails) {
+TEST_F(BulkTransferTest, TimeoutOfASendStaysATimeoutWhenClearingFails) {
     fake::queueAnswer("dev1", fake::Transfer::bulkOut, {.code = LIBUSB_ERROR_TIMEOUT});
     fake::failAlways("libusb_clear_halt", LIBUSB_ERROR_NO_DEVICE);
     EXPECT_EQ(send(sentFrame), GVUSB_ERR_TIMEOUT);
@@ -108,7 +108,7 @@ TEST_F(BulkTransferTest, TimeOutOfASendStaysATimeOutWhenClearingFails) {
     EXPECT_EQ(stateOf(device), bulkState);
 }
 
-TEST_F(BulkTransferTest, FailedSendIsLoggedBeforeTheEndPointsAreCleared) {
+TEST_F(BulkTransferTest, FailedSendIsLoggedBeforeTheEndpointsAreCleared) {
     fake::queueAnswer("dev1", fake::Transfer::bulkOut, {.code = LIBUSB_ERROR_TIMEOUT});
     support::CapturedStdout output;
     Lines beforeTransfer;
@@ -165,7 +165,7 @@ TEST_F(BulkTransferTest, ReceiveFillsTheWholeBufferWithZeroFirst) {
     }
 }
 
-TEST_F(BulkTransferTest, BytesBehindTheReceivedOnesAreZero) {
+TEST_F(BulkTransferTest, BytesAfterTheReceivedOnesAreZero) {
     fake::queueAnswer("dev1", fake::Transfer::bulkIn, {.data = {1, 2}});
     fake::Bytes buffer(5, 0xAA);
     EXPECT_EQ(receive(buffer), 2);
@@ -187,14 +187,14 @@ TEST_F(BulkTransferTest, EmptyReceptionIsDumpedWithABlankCount) {
     EXPECT_EQ(device.lastError, GVUSB_OK);
 }
 
-TEST_F(BulkTransferTest, LongestLengthThatLibusbTakesReachesIt) {
-    fake::failNext("libusb_bulk_transfer", LIBUSB_ERROR_NO_MEM); // which reads nothing of the frame
+TEST_F(BulkTransferTest, LongestLengthThatLibusbAcceptsIsPassedOn) {
+    fake::failNext("libusb_bulk_transfer", LIBUSB_ERROR_NO_MEM); // which does not read the frame
     EXPECT_EQ(device.Transmit(protocol, sentFrame.data(), 0x7FFFFFFF), GVUSB_ERR_BULK_TRANSFER);
     EXPECT_THAT(fake::takeCalls(), ElementsAre("libusb_bulk_transfer(hnd1, 0x02, 2147483647, 1000) = -11"));
 }
 
-TEST_F(BulkTransferTest, LengthBeyondWhatLibusbTakesIsATransferErrorAfterTheDump) {
-    const fake::Bytes start(1400, 0x55); // more is never read of it
+TEST_F(BulkTransferTest, LengthBeyondLibusbsLimitIsATransferErrorAfterTheDump) {
+    const fake::Bytes start(1400, 0x55); // the dump reads no more of it
     for (const unsigned int length : {0x80000000u, 0xFFFFFFFFu}) {
         SCOPED_TRACE(length);
         int result = 0;
@@ -209,7 +209,7 @@ TEST_F(BulkTransferTest, LengthBeyondWhatLibusbTakesIsATransferErrorAfterTheDump
     EXPECT_THAT(fake::frames("dev1"), IsEmpty());
 }
 
-TEST_F(BulkTransferTest, MembersUnderTheLockLeaveTheLastErrorToTheirCaller) {
+TEST_F(BulkTransferTest, MembersUnderTheLockDoNotSetTheLastError) {
     device.lastError = GVUSB_ERR_OUT_OF_RANGE;
     const MutexLock lock(device.mutex);
     unsigned char buffer[4];

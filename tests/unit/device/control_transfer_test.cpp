@@ -38,7 +38,7 @@ TEST_F(ControlTransferTest, ReceivesByAVendorRequestToTheDevice) {
     EXPECT_EQ(fake::takeCallText(), "libusb_control_transfer(hnd1, 0xc0, 0, 0, 0, 16, 250) = 3\n");
 }
 
-TEST_F(ControlTransferTest, ReaderWithOnlyOneBulkEndPointIsServedByControl) {
+TEST_F(ControlTransferTest, ReaderWithOnlyOneBulkEndpointUsesControlTransfers) {
     for (const std::uint8_t address : {std::uint8_t{0x81}, std::uint8_t{0x02}}) {
         fake::FakeReader reader;
         reader.configurations[0].interfaces[0].altSettings = {{fake::FakeEndpoint{address}}};
@@ -72,7 +72,7 @@ TEST_F(ControlTransferTest, ShortWriteCountsAsSuccess) {
     }
 }
 
-TEST_F(ControlTransferTest, LongestSendIsLeftToLibusb) {
+TEST_F(ControlTransferTest, LongestSendIsPassedToLibusb) {
     const fake::Bytes frame(65535, 0x11);
     EXPECT_EQ(send(frame), GVUSB_ERR_CONTROL_TRANSFER);
     EXPECT_EQ(fake::takeCallText(), "libusb_control_transfer(hnd1, 0x40, 0, 0, 0, 65535, 1000) = -2\n");
@@ -81,7 +81,7 @@ TEST_F(ControlTransferTest, LongestSendIsLeftToLibusb) {
 TEST_F(ControlTransferTest, LongerSendIsRefusedAfterItsDump) {
     for (const unsigned int length : {65536u, 65537u, 0x80000000u, 0xFFFFFFFFu}) {
         SCOPED_TRACE(length);
-        const fake::Bytes start(1400, 0x55); // more is never read of it
+        const fake::Bytes start(1400, 0x55); // the dump reads no more of it
         int result = 0;
         const Lines lines = logOf(2, [&] { result = device.Transmit(protocol, start.data(), length); });
         EXPECT_EQ(result, GVUSB_ERR_SEND_LENGTH);
@@ -134,7 +134,7 @@ TEST_F(ControlTransferTest, FailedReceiveIsMappedAndLoggedWithoutClearingAnythin
     }
 }
 
-TEST_F(ControlTransferTest, ReceiveAsksForAndZeroesNoMoreThan4096Bytes) {
+TEST_F(ControlTransferTest, ReceiveRequestsAndZeroesAtMost4096Bytes) {
     for (const unsigned int size : {1u, 4095u, 4096u, 4097u, 10000u, 65536u, 65537u}) {
         SCOPED_TRACE(size);
         const unsigned int asked = std::min(size, 4096u);
@@ -176,7 +176,7 @@ TEST_F(ControlTransferTest, EmptyReceptionIsDumpedWithABlankCount) {
     EXPECT_EQ(device.lastError, GVUSB_OK);
 }
 
-TEST_F(ControlTransferTest, MembersUnderTheLockLeaveTheLastErrorToTheirCaller) {
+TEST_F(ControlTransferTest, MembersUnderTheLockDoNotSetTheLastError) {
     device.lastError = GVUSB_ERR_OUT_OF_RANGE;
     const MutexLock lock(device.mutex);
     unsigned char buffer[4];

@@ -4,7 +4,7 @@
 
 #include <ostream>
 
-// The global manager of this program must not poll the bus that the tests build.
+// The global manager of this program must not poll the tests' bus.
 extern "C" const char* gvusbTestInitialConfiguration() {
     return "nopnp";
 }
@@ -21,7 +21,7 @@ void PrintTo(TransferMode mode, std::ostream* stream) {
         *stream << "unknown";
         return;
     }
-    *stream << "none of the transfer modes: " << static_cast<std::uint32_t>(mode);
+    *stream << "invalid transfer mode: " << static_cast<std::uint32_t>(mode);
 }
 
 std::ostream& operator<<(std::ostream& stream, const DeviceState& state) {

@@ -1,6 +1,7 @@
-// What the tests of a reader share: an empty bus, a silent log and accounts that must balance at the end.
+// The fixture of the reader tests: an empty bus, no logging, and a check that all libusb resources are
+// released.
 //
-// The devices under test are made by the tests themselves, directly on readers of the fake bus.
+// The tests create their devices directly on readers of the fake bus.
 #pragma once
 
 #include "base/log.h"
@@ -24,7 +25,7 @@ using Lines = std::vector<std::string>;
 
 void PrintTo(TransferMode mode, std::ostream* stream);
 
-// How a device stands with libusb.
+// The state of a device's libusb resources.
 struct DeviceState {
     bool open = false;
     TransferMode mode = TransferMode::unknown;
@@ -44,10 +45,10 @@ inline constexpr DeviceState controlState = {.open = true, .mode = TransferMode:
 DeviceState stateOf(GVDevice& device);
 unsigned int timeoutOf(GVDevice& device);
 
-// Every code of libusb's, the last one outside its list's sequence.
+// Every libusb error code.
 inline constexpr int libusbErrors[] = {-1, -2, -3, -4, -5, -6, -7, -8, -9, -10, -11, -12, -99};
 
-// A hook for the length of a scope, so that it never outlives what it refers to.
+// Sets a hook for the length of a scope, so that it does not outlive the objects that it references.
 class [[nodiscard]] ScopedHook {
 public:
     explicit ScopedHook(fake::Hook hook) { fake::setHook(std::move(hook)); }
@@ -63,12 +64,12 @@ protected:
     DeviceTest(const DeviceTest&) = delete;
     DeviceTest& operator=(const DeviceTest&) = delete;
 
-    // Opens the device and forgets the calls that it took.
+    // Open the device and discard the recorded calls.
     static void open(GVDevice& device);
-    // The same with the endpoints looked up and interface 0 claimed.
+    // The same, and look up the endpoints and claim interface 0.
     static void makeReady(GVDevice& device);
 
-    // The log lines that the work writes at this level, without their times.
+    // The lines that `work` logs at this level, without times.
     template <class Work>
     static Lines logOf(int level, Work work) {
         support::CapturedStdout output;

@@ -11,7 +11,7 @@ constexpr fake::FakeEndpoint bulk(std::uint8_t address) {
     return {address, 2};
 }
 
-// A reader whose interface 0 has these endpoints in its alternate setting 0.
+// A reader whose interface 0 has these endpoints in alternate setting 0.
 fake::FakeReader readerWith(fake::FakeAltSetting endpoints) {
     fake::FakeReader reader;
     reader.configurations[0].interfaces[0].altSettings = {std::move(endpoints)};
@@ -53,7 +53,7 @@ TEST_F(EndpointsTest, LooksUpThenDetachesThenClaims) {
     EXPECT_EQ(device->lastError, GVUSB_ERR_OUT_OF_RANGE);
 }
 
-TEST_F(EndpointsTest, LogsEndPointsInDecimalAndDetaching) {
+TEST_F(EndpointsTest, LogsEndpointsInDecimalAndDetaching) {
     const auto device = makeOpen(fake::bulkReader());
     const auto look = [&] { EXPECT_EQ(lookUp(*device), GVUSB_OK); };
     EXPECT_THAT(logOf(2, look), ElementsAre("[get bulk end points] addrIn=129 addrOut=2",
@@ -63,7 +63,7 @@ TEST_F(EndpointsTest, LogsEndPointsInDecimalAndDetaching) {
     }
 }
 
-TEST_F(EndpointsTest, EndPointsAreLoggedBeforeDetaching) {
+TEST_F(EndpointsTest, EndpointsAreLoggedBeforeDetaching) {
     const auto device = makeOpen(fake::bulkReader());
     support::CapturedStdout output;
     Lines atDetaching;
@@ -87,7 +87,7 @@ struct Layout {
     DeviceState expected;
 };
 
-TEST_F(EndpointsTest, TheLastBulkEndPointOfEachDirectionIsUsed) {
+TEST_F(EndpointsTest, TheLastBulkEndpointOfEachDirectionIsUsed) {
     const auto mode = [](TransferMode transferMode, int in, int out) {
         return DeviceState{.open = true, .mode = transferMode, .addrIn = in, .addrOut = out};
     };
@@ -131,7 +131,7 @@ TEST_F(EndpointsTest, OtherTransferTypesAreSkipped) {
     }
 }
 
-TEST_F(EndpointsTest, OnlyTheLowTwoBitsOfTheAttributesSayTheType) {
+TEST_F(EndpointsTest, OnlyTheLowTwoBitsOfTheAttributesDetermineTheType) {
     const auto device = makeOpen(readerWith({{0x81, 0xFE}, {0x02, 0x06}, {0x83, 0xFD}, {0x04, 0x07}}));
     EXPECT_EQ(lookUp(*device), GVUSB_OK);
     EXPECT_EQ(stateOf(*device), bulkState);
@@ -163,7 +163,7 @@ TEST_F(EndpointsTest, OtherConfigurationsAreIgnored) {
     EXPECT_EQ(stateOf(*device), controlState);
 }
 
-TEST_F(EndpointsTest, WithoutInterfaceZeroThereAreNoEndPoints) {
+TEST_F(EndpointsTest, WithoutInterfaceZeroThereAreNoEndpoints) {
     fake::FakeReader renumbered = fake::bulkReader();
     renumbered.configurations[0].interfaces[0].number = 1;
     fake::FakeReader empty = fake::bulkReader();
@@ -178,7 +178,7 @@ TEST_F(EndpointsTest, WithoutInterfaceZeroThereAreNoEndPoints) {
     }
 }
 
-TEST_F(EndpointsTest, WithoutAlternateSettingThereAreNoEndPoints) {
+TEST_F(EndpointsTest, WithoutAlternateSettingThereAreNoEndpoints) {
     fake::FakeReader reader = fake::bulkReader();
     reader.configurations[0].interfaces[0].altSettings.clear();
     const auto device = makeOpen(reader);
@@ -186,8 +186,8 @@ TEST_F(EndpointsTest, WithoutAlternateSettingThereAreNoEndPoints) {
     EXPECT_EQ(stateOf(*device), controlState);
 }
 
-// libusb's counts come from the reader and say nothing about the lists beside them.
-TEST_F(EndpointsTest, CountsWithoutTheirListsAreReadersWithoutEndPoints) {
+// libusb takes the counts from the reader's descriptors, and does not guarantee that the lists exist.
+TEST_F(EndpointsTest, NullListsMeanNoEndpointsDespiteTheirCounts) {
     for (const fake::FakeList list :
          {fake::FakeList::endpoints, fake::FakeList::altSettings, fake::FakeList::interfaces}) {
         SCOPED_TRACE(static_cast<int>(list));
@@ -259,7 +259,7 @@ TEST_F(EndpointsTest, UnreadableConfigurationEndsInControlModeWithoutClaiming) {
     }
 }
 
-TEST_F(EndpointsTest, ReaderWithoutConfigurationsHasNoEndPoints) {
+TEST_F(EndpointsTest, ReaderWithoutConfigurationsHasNoEndpoints) {
     fake::FakeReader reader = fake::bulkReader();
     reader.reportedConfigurations = 0;
     const auto device = makeOpen(reader);
@@ -269,7 +269,7 @@ TEST_F(EndpointsTest, ReaderWithoutConfigurationsHasNoEndPoints) {
     EXPECT_EQ(stateOf(*device), controlState);
 }
 
-// Nobody looks at the descriptor's result; without a descriptor there are no configurations to count.
+// The result of reading the descriptor is ignored; without a descriptor, there are no configurations.
 TEST_F(EndpointsTest, UnreadableDeviceDescriptorCountsAsNoConfigurations) {
     const auto device = makeOpen(fake::bulkReader());
     fake::failNext("libusb_get_device_descriptor", LIBUSB_ERROR_IO);
@@ -278,7 +278,7 @@ TEST_F(EndpointsTest, UnreadableDeviceDescriptorCountsAsNoConfigurations) {
     EXPECT_EQ(stateOf(*device), controlState);
 }
 
-TEST_F(EndpointsTest, FailuresAreSilentUpToLevelOne) {
+TEST_F(EndpointsTest, FailuresAreNotLoggedUpToLevelOne) {
     const auto device = makeOpen(fake::bulkReader());
     EXPECT_THAT(logOf(1,
                       [&] {
@@ -311,12 +311,12 @@ TEST_F(EndpointsTest, ClosedReaderCannotBeLookedUp) {
 
 TEST_F(EndpointsTest, RecordWithoutUsbDeviceCannotBeLookedUp) {
     GVDevice device(1, nullptr);
-    fake::reset(); // the constructor has asked libusb about no device
+    fake::reset(); // the constructor has made calls for the device
     EXPECT_THAT(logOf(2, [&] { EXPECT_EQ(lookUp(device), GVUSB_ERR_NOT_OPENED); }),
                 ElementsAre("[get bulk end points] usbdev=NULL or usbdev_hnd=NULL"));
 }
 
-TEST_F(EndpointsTest, EachLookUpForgetsTheOneBefore) {
+TEST_F(EndpointsTest, EachLookupReplacesThePreviousOne) {
     const auto device = makeOpen(fake::bulkReader());
     EXPECT_EQ(lookUp(*device), GVUSB_OK);
     fake::change("dev1", [](fake::FakeReader& reader) {
@@ -337,7 +337,7 @@ TEST_F(EndpointsTest, ResettingClearsOutThenIn) {
     EXPECT_EQ(stateOf(*device), bulkState);
 }
 
-TEST_F(EndpointsTest, FailedResettingOfOneEndPointDoesNotStopTheOther) {
+TEST_F(EndpointsTest, FailedResettingOfOneEndpointDoesNotStopTheOther) {
     const auto device = makeOpen(fake::bulkReader());
     EXPECT_EQ(lookUp(*device), GVUSB_OK);
     fake::takeCalls();

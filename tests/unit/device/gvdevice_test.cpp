@@ -23,7 +23,7 @@ static_assert(sizeof(GVDevice::intType) == 256);
 
 class RecordTest : public DeviceTest {};
 
-TEST_F(RecordTest, ConstructionTakesReferenceThenReadsWhereTheReaderIs) {
+TEST_F(RecordTest, ConstructionReferencesTheDeviceThenReadsItsBusAndAddress) {
     libusb_device* const usb = fake::plug("dev1", fake::bulkReader());
 
     const GVDevice device(1, usb);
@@ -61,7 +61,7 @@ TEST_F(RecordTest, NewRecordIsClosedAndUnidentified) {
     EXPECT_FALSE(support::isHeld(device.mutex));
 }
 
-TEST_F(RecordTest, DefaultsDoNotDependOnWhatTheMemoryHeldBefore) {
+TEST_F(RecordTest, DefaultsDoNotDependOnTheMemoryContents) {
     libusb_device* const usb = fake::plug("dev1", fake::bulkReader());
     alignas(GVDevice) unsigned char memory[sizeof(GVDevice)];
     std::fill(std::begin(memory), std::end(memory), static_cast<unsigned char>(0xAA));
@@ -136,7 +136,7 @@ TEST_F(RecordTest, DestructionTakesNoLock) {
     EXPECT_THAT(heldIn, IsEmpty());
 }
 
-TEST_F(RecordTest, ReaderThatIsGoneCanStillBeDestroyed) {
+TEST_F(RecordTest, UnpluggedReaderCanBeDestroyed) {
     auto device = std::make_unique<GVDevice>(1, fake::plug("dev1", fake::bulkReader()));
     makeReady(*device);
     fake::unplug("dev1");
@@ -160,7 +160,7 @@ TEST_F(RecordTest, SeveralRecordsOfOneReaderHoldAReferenceEach) {
 
 TEST_F(RecordTest, ConstructionAllocatesNothing) {
     if (!support::allocationsAreWatched) {
-        GTEST_SKIP() << "operator new is the sanitizer's";
+        GTEST_SKIP() << "the sanitizer replaces operator new";
     }
     libusb_device* const usb = fake::plug("dev1", fake::bulkReader());
     const std::size_t before = support::allocations();

@@ -12,7 +12,7 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-// The dump, out of a buffer whose bytes all differ from what is written to it.
+// The dump, written to a buffer that is prefilled with a byte that does not occur in it.
 std::string dump(const std::string& prefix, const Bytes& bytes) {
     HexDump text;
     std::memset(text, '~', sizeof text);
@@ -50,7 +50,7 @@ TEST(HexDumpTest, WithoutBytesOnlyThePrefixIsWritten) {
     EXPECT_EQ(dump(std::string(4000, 'p'), {}), std::string(4000, 'p'));
 }
 
-// A byte is written wherever the position is below 4092, whatever the prefix's length.
+// A byte is written if its position is below 4092, for any length of the prefix.
 TEST(HexDumpTest, StopsAtPosition4092) {
     const Bytes bytes(5000, 0x5A);
     for (std::size_t length = 0; length <= 4092; ++length) {
@@ -81,13 +81,13 @@ TEST(HexDumpTest, PrefixesNearTheLimit) {
     }
 }
 
-TEST(HexDumpTest, LongerPrefixesAreCutTo4095Characters) {
+TEST(HexDumpTest, LongerPrefixesAreTruncatedTo4095Characters) {
     for (const std::size_t length : {4096u, 4097u, 5000u, 100000u}) {
         EXPECT_EQ(dump(std::string(length, 'p'), {0x01}), std::string(4095, 'p')) << length;
     }
 }
 
-TEST(HexDumpTest, NothingIsWrittenBehindTheTerminatingZero) {
+TEST(HexDumpTest, NothingIsWrittenAfterTheTerminatingZero) {
     for (const std::size_t prefixLength : {0u, 13u, 4090u, 4091u, 4095u}) {
         HexDump text;
         std::memset(text, '~', sizeof text);

@@ -41,7 +41,7 @@ TEST_F(IdentifyTest, ReadsTheFourTextsAndLeavesTheReaderClosed) {
     EXPECT_EQ(stateOf(device), closedState);
 }
 
-TEST_F(IdentifyTest, OpenReaderLosesNoHandle) {
+TEST_F(IdentifyTest, OpenReadersHandleIsClosed) {
     makeReady(device);
     EXPECT_EQ(device.IdentifyDevice(), GVUSB_OK);
     EXPECT_EQ(fake::openHandles("dev1"), 0);
@@ -59,7 +59,7 @@ TEST_F(IdentifyTest, LogsEachTextWhenTheLevelIsAboveOne) {
     EXPECT_THAT(logOf(3, identify), testing::SizeIs(6));
 }
 
-TEST_F(IdentifyTest, SaysOkAfterClosing) {
+TEST_F(IdentifyTest, LogsOkAfterClosing) {
     Lines before;
     {
         support::CapturedStdout output;
@@ -75,7 +75,7 @@ TEST_F(IdentifyTest, SaysOkAfterClosing) {
     EXPECT_EQ(before.back(), "[ident] intType=TESK-RCI2");
 }
 
-TEST_F(IdentifyTest, RefusedOpeningIsNotLogged) {
+TEST_F(IdentifyTest, FailedOpeningIsNotLogged) {
     for (const int code : {-1, -3, -4, -6, -11, -99, 1}) {
         SCOPED_TRACE(code);
         fake::failNext("libusb_open", code);
@@ -99,7 +99,7 @@ void PrintTo(const FailingText& text, std::ostream* stream) {
 
 class FailingTextTest : public IdentifyTest, public testing::WithParamInterface<FailingText> {};
 
-TEST_P(FailingTextTest, ClosesLogsAndKeepsWhatWasReadBefore) {
+TEST_P(FailingTextTest, ClosesLogsAndKeepsTheTextsReadBefore) {
     const auto [index, nameInLog, code, linesBefore] = GetParam();
     for (const int result : libusbErrors) {
         SCOPED_TRACE(result);
@@ -125,7 +125,7 @@ TEST_P(FailingTextTest, ClosesLogsAndKeepsWhatWasReadBefore) {
     EXPECT_STREQ(device.intType, "");
 }
 
-TEST_P(FailingTextTest, IsSilentUpToLevelOne) {
+TEST_P(FailingTextTest, IsNotLoggedUpToLevelOne) {
     fake::setString("dev1", GetParam().index, LIBUSB_ERROR_PIPE);
     EXPECT_THAT(logOf(1, [&] { EXPECT_EQ(device.IdentifyDevice(), GetParam().code); }), IsEmpty());
 }
@@ -143,7 +143,7 @@ TEST_P(FailingTextTest, ClosesBeforeItLogs) {
     EXPECT_THAT(output.takeLogLines(), ElementsAre(HasSubstr(" returned -9")));
 }
 
-// The interface type is named devName in the log, as ever.
+// The log names the interface type devName.
 INSTANTIATE_TEST_SUITE_P(EachDescriptor, FailingTextTest,
                          testing::Values(FailingText{1, "devId", GVUSB_ERR_DEVICE_DESCRIPTOR_READ, 0},
                                          FailingText{3, "famName", GVUSB_ERR_STRING_DESCRIPTOR_READ, 2},
@@ -168,7 +168,7 @@ TEST_F(IdentifyTest, DeviceIdTextIsReadAsHexadecimal) {
     }
 }
 
-TEST_F(IdentifyTest, DeviceIdBeyondItsBitsIsWhatTheConversionMakesOfIt) {
+TEST_F(IdentifyTest, DeviceIdThatDoesNotFitIsConvertedLikeByScanf) {
     for (const char* text : {"100000000", "123456789", "1FFFFFFFF", "FFFFFFFFFFFFFFFF", "123456789ABCDEF0123",
                              "-1", "-1A", "-FFFFFFFFFFFFFFFFFF"}) {
         SCOPED_TRACE(text);
@@ -180,14 +180,14 @@ TEST_F(IdentifyTest, DeviceIdBeyondItsBitsIsWhatTheConversionMakesOfIt) {
     }
 }
 
-TEST_F(IdentifyTest, DeviceIdTextWithoutNumberIsRefusedWithoutAnotherLine) {
+TEST_F(IdentifyTest, DeviceIdTextWithoutANumberFailsWithoutAnotherLine) {
     for (const char* text : {"", " ", "   \t", "G1A2B", "-", "+", "x1", "no id"}) {
         SCOPED_TRACE(text);
         fake::setString("dev1", 1, text);
         fake::takeCalls();
         const Lines lines =
             logOf(2, [&] { EXPECT_EQ(device.IdentifyDevice(), GVUSB_ERR_DEVICE_DESCRIPTOR_READ); });
-        // A tab is a byte of the text like any other.
+        // A tab is logged unchanged.
         EXPECT_THAT(lines, ElementsAre("[ident] devIdStr=" + std::string(text)));
         EXPECT_EQ(device.lastError, GVUSB_ERR_DEVICE_DESCRIPTOR_READ);
         EXPECT_EQ(stateOf(device), closedState);
@@ -198,7 +198,7 @@ TEST_F(IdentifyTest, DeviceIdTextWithoutNumberIsRefusedWithoutAnotherLine) {
     EXPECT_EQ(device.devId, 0u);
 }
 
-TEST_F(IdentifyTest, TextsOf255BytesAreKeptWhole) {
+TEST_F(IdentifyTest, TextsOf255BytesAreNotTruncated) {
     const std::string longest(255, 'x');
     for (const std::uint8_t index : {std::uint8_t{3}, std::uint8_t{5}, std::uint8_t{6}}) {
         fake::setString("dev1", index, longest);
@@ -236,7 +236,7 @@ TEST_F(IdentifyTest, BlanksInTheNamesStay) {
     EXPECT_STREQ(device.devName, " C D ");
 }
 
-TEST_F(IdentifyTest, TextsWithPercentSignsAreLoggedAsTheyAre) {
+TEST_F(IdentifyTest, TextsWithPercentSignsAreLoggedUnchanged) {
     fake::setString("dev1", 3, "100%s%n%d");
     const Lines lines = logOf(2, [&] { EXPECT_EQ(device.IdentifyDevice(), GVUSB_OK); });
     EXPECT_EQ(lines[2], "[ident] famName=100%s%n%d");
@@ -279,13 +279,13 @@ TEST_F(IdentifyTest, ClosedReaderIsNotPresent) {
     EXPECT_THAT(fake::takeCalls(), IsEmpty());
 }
 
-TEST_F(IdentifyTest, IdentifiedReaderIsClosedAgainAndSoNotPresent) {
+TEST_F(IdentifyTest, IdentifiedReaderIsClosedAndThereforeNotPresent) {
     EXPECT_EQ(device.IdentifyDevice(), GVUSB_OK);
     EXPECT_FALSE(device.IsPresent());
     EXPECT_EQ(device.lastError, GVUSB_ERR_NOT_OPENED);
 }
 
-TEST_F(IdentifyTest, OpenReaderThatAnswersIsPresentWhateverItAnswers) {
+TEST_F(IdentifyTest, OpenReaderThatReturnsAnyAnswerIsPresent) {
     open(device);
     const auto ask = [&] { EXPECT_TRUE(device.IsPresent()); };
     for (const char* text : {"1A2B3C", "", "no number"}) {

@@ -1,4 +1,4 @@
-// Which mutex is held when, for every operation of a device.
+// Which mutex each operation of a device holds, and when.
 
 #include "device_test.h"
 #include "mutex_probe.h"
@@ -62,7 +62,7 @@ std::vector<Operation> operations() {
     return all;
 }
 
-// A reader whose configuration has to be changed at opening.
+// A reader whose configuration must be changed when it is opened.
 fake::FakeReader reader() {
     fake::FakeReader two = fake::bulkReader();
     two.configurations.push_back(two.configurations[0]);
@@ -72,7 +72,7 @@ fake::FakeReader reader() {
 
 class LockingTest : public DeviceTest, public testing::WithParamInterface<Operation> {
 protected:
-    // A device in the state that the operation starts from.
+    // A device in the initial state of the operation.
     struct Prepared {
         Prepared() {
             if (GetParam().onKnownEndPoints) {
@@ -102,7 +102,7 @@ TEST_P(LockingTest, MutexIsHeldDuringEveryLibusbCallAndFreeAfterwards) {
     EXPECT_FALSE(support::isHeld(prepared.device.mutex));
 }
 
-TEST_P(LockingTest, MutexIsFreeWhicheverLibusbCallFails) {
+TEST_P(LockingTest, MutexIsFreeAfterAFailureOfAnyLibusbCall) {
     bool failed = true;
     for (std::size_t n = 1; failed; ++n) {
         SCOPED_TRACE(n);
@@ -115,7 +115,7 @@ TEST_P(LockingTest, MutexIsFreeWhicheverLibusbCallFails) {
     }
 }
 
-// What a hook throws passes through the device as running out of memory would.
+// An exception from a hook passes through the device like std::bad_alloc.
 TEST_P(LockingTest, MutexIsFreeAfterAnExceptionFromAnyLibusbCall) {
     bool thrown = true;
     for (int n = 1; thrown; ++n) {
@@ -140,7 +140,7 @@ TEST_P(LockingTest, MutexIsFreeAfterAnExceptionFromAnyLibusbCall) {
     }
 }
 
-TEST_P(LockingTest, WaitsForWhoeverHoldsTheMutex) {
+TEST_P(LockingTest, WaitsForTheMutex) {
     Prepared prepared;
     fake::takeCalls();
     std::atomic<bool> done = false;
@@ -202,7 +202,7 @@ TEST_F(DeviceMutexTest, DevicesDoNotWaitForEachOther) {
     EXPECT_TRUE(second.IsPresent());
 }
 
-// Memory that a forked child shares.
+// Memory shared with a forked child.
 class SharedMemory {
 public:
     SharedMemory()
@@ -218,15 +218,15 @@ private:
 };
 static_assert(sizeof(GVDevice) < 4096);
 
-// The GNU C library marks a default mutex for which somebody waits in this way.
+// The GNU C library's internal state of a default mutex that a thread is waiting for.
 bool isWaitedFor(Mutex& mutex) {
     constexpr int lockedWithWaiters = 2;
     auto& native = reinterpret_cast<pthread_mutex_t&>(mutex);
     return std::atomic_ref(native.__data.__lock).load() == lockedWithWaiters;
 }
 
-// The child has one thread only; when somebody waits for a mutex that it holds, it waits for itself.
-TEST_F(DeviceMutexTest, ReadingPresentWaitsForTheDevicesOwnMutexForEver) {
+// The child has only one thread, so if a mutex that it holds has a waiter, it is that thread.
+TEST_F(DeviceMutexTest, ReadingPresentDeadlocksOnTheDevicesMutex) {
     const SharedMemory memory;
     ASSERT_NE(memory.get(), MAP_FAILED);
     auto* const device = new (memory.get()) GVDevice(1, fake::plug("dev1", fake::bulkReader()));

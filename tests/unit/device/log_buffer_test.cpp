@@ -25,13 +25,13 @@ TEST_F(LogBufferTest, WritesOneLineWithTagAndPrefix) {
     EXPECT_THAT(dump(3, "t", "", {0x01}), ElementsAre("[t] 01 "));
 }
 
-TEST_F(LogBufferTest, IsSilentUpToLevelOne) {
+TEST_F(LogBufferTest, IsNotLoggedUpToLevelOne) {
     for (const int level : {-1, 0, 1}) {
         EXPECT_THAT(dump(level, "tag", "prefix", {0x01}), IsEmpty()) << level;
     }
 }
 
-TEST_F(LogBufferTest, NoBytesLeaveThePrefix) {
+TEST_F(LogBufferTest, EmptyBufferLogsOnlyThePrefix) {
     EXPECT_THAT(dump(2, "tag", "prefix", {}), ElementsAre("[tag] prefix"));
     EXPECT_THAT(logOf(2, [&] { device.logBuffer("tag", "prefix", nullptr, 0); }),
                 ElementsAre("[tag] prefix"));
@@ -41,7 +41,7 @@ TEST_F(LogBufferTest, PercentSignsInThePrefixAreText) {
     EXPECT_THAT(dump(2, "tag", "100%s%n", {0x01}), ElementsAre("[tag] 100%s%n01 "));
 }
 
-TEST_F(LogBufferTest, LongestLinesAreWrittenWhole) {
+TEST_F(LogBufferTest, LongestLinesAreNotTruncated) {
     for (const std::size_t length : {4090u, 4091u}) {
         const std::string prefix(length, 'p');
         EXPECT_THAT(dump(2, "tag", prefix, {0xAB, 0xCD}), ElementsAre("[tag] " + prefix + "AB ")) << length;
@@ -55,7 +55,7 @@ TEST_F(LogBufferTest, LongestLinesAreWrittenWhole) {
 
 TEST_F(LogBufferTest, DumpNeedsNoMemory) {
     if (!support::allocationsAreWatched) {
-        GTEST_SKIP() << "operator new is the sanitizer's";
+        GTEST_SKIP() << "the sanitizer replaces operator new";
     }
     support::CapturedStdout output;
     const fake::Bytes bytes(5000, 0x5A);
@@ -68,7 +68,7 @@ TEST_F(LogBufferTest, DumpNeedsNoMemory) {
     EXPECT_EQ(output.takeLogLines().size(), 1u);
 }
 
-TEST_F(LogBufferTest, DumpLeavesTheLastErrorAndTheMutexAlone) {
+TEST_F(LogBufferTest, DumpAccessesNeitherTheLastErrorNorTheMutex) {
     device.lastError = GVUSB_ERR_OUT_OF_RANGE;
     const MutexLock lock(device.mutex);
     EXPECT_THAT(dump(2, "tag", "", {0x01}), ElementsAre("[tag] 01 "));
@@ -84,7 +84,7 @@ const Count counts[] = {{0, "   "},     {1, "  1"},     {9, "  9"},     {10, " 1
                         {99, " 99"},    {100, "100"},   {999, "999"},   {1000, "1000"},
                         {1359, "1359"}, {1360, "1360"}, {1361, "1361"}, {4096, "4096"}};
 
-// What the dump of this many bytes 0x3C after a prefix shows of them.
+// The part of the dump after the prefix, for this number of bytes 0x3C.
 std::string shownBytes(unsigned int bytes, std::size_t prefixLength) {
     const std::size_t room = (4092 - prefixLength + 2) / 3;
     std::string text;

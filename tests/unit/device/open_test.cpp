@@ -14,7 +14,7 @@ fake::FakeReader configured(std::uint8_t value) {
     return reader;
 }
 
-// A reader whose first configuration has this value and whose second one is the one that the library wants.
+// A reader whose first configuration has this value, and whose second one is the required one.
 fake::FakeReader configuredSecond(std::uint8_t firstValue) {
     fake::FakeReader reader = configured(firstValue);
     reader.configurations.push_back(fake::bulkReader().configurations[0]);
@@ -55,7 +55,7 @@ TEST_F(OpenTest, OpeningLogsHandleAndIdInHexadecimal) {
                 ElementsAre("[open] devHnd=0x1000000f devId=0xffffffff: ok"));
 }
 
-TEST_F(OpenTest, OpeningAndClosingAreSilentUpToLevelOne) {
+TEST_F(OpenTest, OpeningAndClosingAreNotLoggedUpToLevelOne) {
     const auto device = make(fake::bulkReader());
     for (const int level : {-1, 0, 1}) {
         EXPECT_THAT(logOf(level,
@@ -87,7 +87,7 @@ TEST_F(OpenTest, OpeningTwiceDoesNotTouchLibusb) {
     EXPECT_EQ(stateOf(*device), bulkState);
 }
 
-TEST_F(OpenTest, RefusedOpeningLeavesTheReaderClosed) {
+TEST_F(OpenTest, FailedOpeningLeavesTheReaderClosed) {
     const auto device = make(fake::bulkReader());
     for (const int code : libusbErrors) {
         SCOPED_TRACE(code);
@@ -104,7 +104,7 @@ TEST_F(OpenTest, RefusedOpeningLeavesTheReaderClosed) {
 
 TEST_F(OpenTest, RecordWithoutUsbDeviceCannotBeOpened) {
     auto device = std::make_unique<GVDevice>(1, nullptr);
-    fake::reset(); // the constructor has asked libusb about no device
+    fake::reset(); // the constructor has made calls for the device
     const auto attempt = [&] { EXPECT_EQ(device->OpenDevice(), GVUSB_ERR_CANNOT_OPEN); };
 
     EXPECT_THAT(logOf(2, attempt), ElementsAre("[open] no usbdev-structure"));
@@ -116,7 +116,7 @@ TEST_F(OpenTest, RecordWithoutUsbDeviceCannotBeOpened) {
     EXPECT_THAT(fake::takeCalls(), IsEmpty());
 }
 
-TEST_F(OpenTest, OtherFirstConfigurationIsReplacedByTheWantedOne) {
+TEST_F(OpenTest, OtherFirstConfigurationIsReplacedByTheRequiredOne) {
     for (const std::uint8_t value : {std::uint8_t{0}, std::uint8_t{2}, std::uint8_t{255}}) {
         SCOPED_TRACE(unsigned{value});
         fake::reset();
@@ -131,7 +131,7 @@ TEST_F(OpenTest, OtherFirstConfigurationIsReplacedByTheWantedOne) {
     }
 }
 
-TEST_F(OpenTest, TheDescriptorDecidesNotTheActiveConfiguration) {
+TEST_F(OpenTest, DescriptorMattersNotTheActiveConfiguration) {
     fake::FakeReader reader = configured(1);
     reader.configurations.push_back({.value = 2});
     const auto device = make(reader);
@@ -192,7 +192,7 @@ TEST_F(OpenTest, RefusedConfigurationLeavesHandleOpenAndLastErrorUntouched) {
     }
 }
 
-TEST_F(OpenTest, FailedConfigurationIsSilentUpToLevelOne) {
+TEST_F(OpenTest, FailedConfigurationIsNotLoggedUpToLevelOne) {
     const auto device = make(configured(2));
     EXPECT_THAT(logOf(1, [&] { EXPECT_EQ(device->OpenDevice(), GVUSB_ERR_SET_CONFIGURATION); }), IsEmpty());
 }
@@ -209,7 +209,7 @@ TEST_F(OpenTest, ReaderWithFailedConfigurationCountsAsOpen) {
     EXPECT_THAT(fake::takeCalls(), IsEmpty());
 }
 
-TEST_F(OpenTest, SetConfigurationByItselfLeavesTheLastError) {
+TEST_F(OpenTest, SetConfigurationKeepsTheLastError) {
     const auto device = make(fake::bulkReader());
     open(*device);
     device->lastError = GVUSB_ERR_OUT_OF_RANGE;
@@ -275,7 +275,7 @@ TEST_F(OpenTest, ClosedRecordIsNotTouchedByCloseDev) {
     EXPECT_EQ(device->lastError, GVUSB_ERR_OUT_OF_RANGE);
 }
 
-TEST_F(OpenTest, TimeoutAndIdentityOutliveClosing) {
+TEST_F(OpenTest, TimeoutAndIdentityAreKeptAfterClosing) {
     const auto device = make(fake::bulkReader());
     EXPECT_EQ(device->IdentifyDevice(), GVUSB_OK);
     EXPECT_EQ(device->SetDevicePara("TIMEOUT", "77"), GVUSB_OK);

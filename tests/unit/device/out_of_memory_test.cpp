@@ -1,5 +1,5 @@
-// Running out of memory in the middle of an operation: whether the exception passes or costs a log line only,
-// the mutex is free, and nothing is left with libusb once the device is gone.
+// Memory runs out during an operation. Whether the exception passes or only a log line is lost, the mutex is
+// unlocked, and destroying the device releases everything.
 
 #include "allocation_failure.h"
 #include "mutex_probe.h"
@@ -13,7 +13,7 @@ namespace {
 struct Work {
     const char* name;
     bool onOpenReader;
-    const char* failing; // libusb function, or null
+    const char* failing; // libusb function that fails, or null
     std::function<void(GVDevice&)> run;
 };
 
@@ -27,16 +27,17 @@ void transceive(GVDevice& device) {
 
 const Work works[] = {
     {"identify", false, nullptr, [](GVDevice& device) { device.IdentifyDevice(); }},
-    {"identifyInVain", false, "libusb_get_string_descriptor_ascii",
+    {"identifyFailing", false, "libusb_get_string_descriptor_ascii",
      [](GVDevice& device) { device.IdentifyDevice(); }},
     {"open", false, nullptr, [](GVDevice& device) { device.OpenDevice(); }},
-    {"openInVain", false, "libusb_open", [](GVDevice& device) { device.OpenDevice(); }},
-    {"configureInVain", false, "libusb_get_config_descriptor", [](GVDevice& device) { device.OpenDevice(); }},
+    {"openFailing", false, "libusb_open", [](GVDevice& device) { device.OpenDevice(); }},
+    {"configureFailing", false, "libusb_get_config_descriptor",
+     [](GVDevice& device) { device.OpenDevice(); }},
     {"close", true, nullptr, [](GVDevice& device) { device.CloseDevice(); }},
     {"notPresent", true, "libusb_get_string_descriptor_ascii", [](GVDevice& device) { device.IsPresent(); }},
     {"transceive", true, nullptr, transceive},
-    {"transceiveInVain", true, "libusb_bulk_transfer", transceive},
-    {"lookUpInVain", true, "libusb_claim_interface", transceive},
+    {"transceiveFailing", true, "libusb_bulk_transfer", transceive},
+    {"lookUpFailing", true, "libusb_claim_interface", transceive},
     {"transmitWhileClosed", false, nullptr, transceive},
 };
 
@@ -44,11 +45,11 @@ class OutOfMemoryTest : public DeviceTest, public testing::WithParamInterface<Wo
 protected:
     void SetUp() override {
         if (!support::allocationsAreWatched) {
-            GTEST_SKIP() << "operator new is the sanitizer's";
+            GTEST_SKIP() << "the sanitizer replaces operator new";
         }
     }
 
-    // Runs the work with the n-th allocation failing; tells whether it got that far.
+    // Run the work with the n-th allocation failing; return whether there was one.
     static bool survives(std::size_t n) {
         const Work& work = GetParam();
         fake::reset();

@@ -18,14 +18,14 @@ protected:
         fake::takeCalls();
     }
 
-    // The value read, or the code if that fails.
+    // The value, or the code if reading it fails.
     std::string read(const std::string& key) {
         char value[GVUSB_PARAMETER_SIZE];
         std::memset(value, '~', sizeof value);
         const int code = device.GetDevicePara(key.c_str(), value);
         EXPECT_EQ(device.lastError, code);
         if (code != GVUSB_OK && key != "TYPENUMBER") {
-            EXPECT_EQ(value[0], '~') << "written although it failed";
+            EXPECT_EQ(value[0], '~') << "written despite the failure";
         }
         return code == GVUSB_OK ? value : std::to_string(code);
     }
@@ -88,7 +88,7 @@ TEST_F(ParametersTest, DeviceIdIsReadInUpperCaseHexadecimal) {
     }
 }
 
-TEST_F(ParametersTest, TextsOf255BytesAreReadWhole) {
+TEST_F(ParametersTest, TextsOf255BytesAreReadCompletely) {
     std::memset(device.famName, 'f', 255);
     std::memset(device.devName, 'd', 255);
     std::memset(device.intType, 'i', 255);
@@ -188,7 +188,7 @@ TEST_F(ParametersTest, UnknownKeysCannotBeWritten) {
     EXPECT_EQ(read("TIMEOUT"), "1000");
 }
 
-TEST_F(ParametersTest, TimeoutTakesWhatStandsAtTheStartOfTheText) {
+TEST_F(ParametersTest, TimeoutIsTheNumberAtTheStartOfTheText) {
     const std::pair<const char*, const char*> texts[] = {
         {"1", "1"},
         {"250", "250"},
@@ -211,7 +211,7 @@ TEST_F(ParametersTest, TimeoutTakesWhatStandsAtTheStartOfTheText) {
     }
 }
 
-TEST_F(ParametersTest, TimeoutBeyondItsBitsIsTheLargest) {
+TEST_F(ParametersTest, TimeoutThatDoesNotFitSaturates) {
     for (const char* text : {"4294967296", "4294967297", "9223372036854775807", "9223372036854775808",
                              "99999999999999999999999999"}) {
         SCOPED_TRACE(text);
@@ -237,7 +237,7 @@ TEST_F(ParametersTest, ResettingNeedsAnOpenReader) {
     EXPECT_THAT(fake::takeCalls(), IsEmpty());
 }
 
-TEST_F(ParametersTest, ResettingPipesClearsOutThenInWhateverTheResults) {
+TEST_F(ParametersTest, ResettingPipesClearsOutThenInDespiteFailures) {
     makeReady(device);
     for (const char* value : {"", "0", "anything"}) {
         EXPECT_EQ(write("RESETPIPE", value), GVUSB_OK);
@@ -258,7 +258,7 @@ TEST_F(ParametersTest, ResettingPipesDoesNothingOutsideBulkMode) {
     EXPECT_THAT(fake::takeCalls(), IsEmpty());
 }
 
-TEST_F(ParametersTest, ResettingTheDeviceLeavesTheRecordAsItWas) {
+TEST_F(ParametersTest, ResettingTheDeviceKeepsTheRecordUnchanged) {
     makeReady(device);
     EXPECT_EQ(write("RESETDEVICE", "anything"), GVUSB_OK);
     EXPECT_EQ(fake::takeCallText(), "libusb_reset_device(hnd1) = 0\n");
@@ -275,7 +275,7 @@ TEST_F(ParametersTest, FailedResetOfTheDeviceIsNotAvailable) {
     }
 }
 
-TEST_F(ParametersTest, LastErrorIsZeroWhileTheReaderIsAsked) {
+TEST_F(ParametersTest, LastErrorIsZeroDuringTheRequest) {
     open(device);
     std::vector<int> seen;
     const ScopedHook hook([&](std::string_view, std::string_view) { seen.push_back(device.lastError); });

@@ -122,7 +122,7 @@ TEST_F(SearchMatchTest, LargestDeviceIdIsFound) {
     EXPECT_FALSE(matches(Search{4, "", "", "7fffffff"}));
 }
 
-// A record of which every byte beyond the mask is filled, without a single terminating zero.
+// A record whose bytes after the mask are all nonzero, so that no field is terminated.
 _GVUSB_SCANSEARCH filled(std::int32_t mask, char filler) {
     _GVUSB_SCANSEARCH record;
     std::memset(static_cast<void*>(&record), filler, sizeof record);
@@ -130,7 +130,7 @@ _GVUSB_SCANSEARCH filled(std::int32_t mask, char filler) {
     return record;
 }
 
-TEST_F(SearchMatchTest, TextThatFillsItsFieldNeedsNoZero) {
+TEST_F(SearchMatchTest, TextThatFillsItsFieldNeedsNoTerminator) {
     std::memset(device.famName, 'f', sizeof _GVUSB_SCANSEARCH::famName);
     std::memset(device.devName, 'f', sizeof _GVUSB_SCANSEARCH::devName);
     EXPECT_TRUE(matches(filled(1, 'f')));
@@ -147,7 +147,7 @@ TEST_F(SearchMatchTest, DeviceIdThatFillsItsFieldIsReadToTheFieldsEnd) {
     EXPECT_TRUE(matches(record));
 }
 
-TEST_F(SearchMatchTest, NameOf255BytesIsComparedWhole) {
+TEST_F(SearchMatchTest, NameOf255BytesIsComparedCompletely) {
     std::memset(device.famName, 'n', 255);
     std::memset(device.devName, 'n', 255);
     EXPECT_FALSE(matches(filled(1, 'n')));
@@ -161,7 +161,7 @@ TEST_F(SearchMatchTest, SearchRecordIsOnlyRead) {
     EXPECT_EQ(std::memcmp(&record, &before, sizeof record), 0);
 }
 
-TEST_F(SearchMatchTest, ReaderIsKnownByBusAndAddressTogether) {
+TEST_F(SearchMatchTest, ReaderIsIdentifiedByBusAndAddressTogether) {
     fake::FakeReader reader = fake::bulkReader();
     reader.bus = 3;
     reader.address = 200;
@@ -172,7 +172,7 @@ TEST_F(SearchMatchTest, ReaderIsKnownByBusAndAddressTogether) {
     EXPECT_FALSE(other.IsDevice(200, 3));
 }
 
-TEST_F(SearchMatchTest, MatchingTakesNoMutexCallsNothingAndLeavesTheLastError) {
+TEST_F(SearchMatchTest, MatchingLocksNothingCallsNothingAndKeepsTheLastError) {
     _GVUSB_SCANSEARCH record = Search{4, "", "", "1A2B3C"};
     device.lastError = GVUSB_ERR_OUT_OF_RANGE;
     const MutexLock lock(device.mutex);

@@ -1,4 +1,4 @@
-// The three public transfers of a device as one, for tests of what they have in common.
+// The three public transfers of a device as table entries, for tests of their common behavior.
 #pragma once
 
 #include "device_test.h"
@@ -37,13 +37,13 @@ inline void PrintTo(const TransferOperation& operation, std::ostream* stream) {
     *stream << operation.tag;
 }
 
-// The names of libusb's and the library's sides of a transfer in each mode.
+// The names that libusb and the library use for a transfer in each mode.
 struct TransferMedium {
     fake::FakeReader reader;
     fake::Transfer out;
     fake::Transfer in;
     const char* sendTag;
-    const char* receiveTag; // of the dump; the failure's has no blank at the end
+    const char* receiveTag; // of the dump; on failure, the tag has no trailing blank
     int otherError;
 };
 
@@ -56,7 +56,7 @@ inline TransferMedium mediumOf(TransferMode mode) {
             "ctrlReceive",         GVUSB_ERR_CONTROL_TRANSFER};
 }
 
-// What a failed transfer is to the caller.
+// The code that a failed transfer returns to the caller.
 inline int expectedCode(int usbResult, int otherError) {
     return usbResult == -7 ? -1130 : usbResult == -4 ? -1137 : otherError;
 }

@@ -26,7 +26,7 @@ protected:
 
     int run(const char* name = protocol) { return operation.run(device, name); }
 
-    // The answer to a receive, if there is one.
+    // Queue the answer to a receive, if the operation receives.
     void answerWell() { answerWell(medium.in); }
     void answerWell(fake::Transfer transfer) {
         if (operation.receives) {
@@ -51,7 +51,7 @@ protected:
     GVDevice device{1, fake::plug("dev1", medium.reader)};
 };
 
-TEST_P(TransferTest, ClosedReaderIsRefusedBeforeTheProtocolNameIsLookedAt) {
+TEST_P(TransferTest, ClosedReaderIsRefusedBeforeTheProtocolNameIsChecked) {
     for (const char* name : {protocol, "another", ""}) {
         SCOPED_TRACE(name);
         EXPECT_THAT(logOf(2, [&] { EXPECT_EQ(run(name), GVUSB_ERR_NOT_OPENED); }),
@@ -62,7 +62,7 @@ TEST_P(TransferTest, ClosedReaderIsRefusedBeforeTheProtocolNameIsLookedAt) {
     EXPECT_THAT(fake::takeCalls(), IsEmpty());
 }
 
-TEST_P(TransferTest, OtherProtocolIsRefusedSilentlyWithoutTouchingTheReader) {
+TEST_P(TransferTest, OtherProtocolIsRefusedWithoutALogLineOrAccessToTheReader) {
     open(device);
     const std::string names[] = {"",
                                  "TESK-RCI2 ",
@@ -98,7 +98,7 @@ TEST_P(TransferTest, ProtocolNameMayBeInAnyLetterCase) {
     }
 }
 
-TEST_P(TransferTest, OnlyTheFirstTransferLooksUpTheEndPoints) {
+TEST_P(TransferTest, OnlyTheFirstTransferLooksUpTheEndpoints) {
     open(device);
     answerWell();
     EXPECT_EQ(run(), success);
@@ -138,7 +138,7 @@ const FailingLookUp failingLookUps[] = {
     {"libusb_claim_interface", GVUSB_ERR_CANNOT_CLAIM, "libusb_claim_interface(0) returned -1"},
 };
 
-TEST_P(TransferTest, FailedLookUpEndsTheTransferWithoutAnotherLine) {
+TEST_P(TransferTest, FailedLookupEndsTheTransferWithoutAnotherLine) {
     for (const auto& [function, code, lastLine] : failingLookUps) {
         SCOPED_TRACE(function);
         open(device);
@@ -167,7 +167,7 @@ TEST_P(TransferTest, AfterAFailedClaimTheNextTransferDoesNotLookUpAgain) {
     EXPECT_EQ(device.lastError, GVUSB_OK);
 }
 
-TEST_P(TransferTest, AfterUnreadableDescriptorsTheNextTransferGoesByControl) {
+TEST_P(TransferTest, AfterUnreadableDescriptorsTheNextTransferUsesControl) {
     for (const char* function : {"libusb_get_device_descriptor", "libusb_get_config_descriptor"}) {
         SCOPED_TRACE(function);
         open(device);
@@ -237,7 +237,7 @@ TEST_P(TransferTest, NothingIsLoggedUpToLevelOne) {
 
 TEST_P(TransferTest, FramesNeedNoMemoryWhileTheLogIsOff) {
     if (!support::allocationsAreWatched) {
-        GTEST_SKIP() << "operator new is the sanitizer's";
+        GTEST_SKIP() << "the sanitizer replaces operator new";
     }
     makeReady(device);
     answerWell();
@@ -270,7 +270,7 @@ protected:
     GVDevice device{1, fake::plug("dev1", medium.reader)};
 };
 
-TEST_P(TransceiveTest, AnswersAreTheFramesOwn) {
+TEST_P(TransceiveTest, EachFrameGetsItsOwnAnswer) {
     open(device);
     for (unsigned int length = 1; length <= 64; ++length) {
         const fake::Bytes frame(length, static_cast<std::uint8_t>(length));
@@ -314,7 +314,7 @@ TEST_P(TransceiveTest, FailedReceiveIsTheResult) {
     fake::reset();
 }
 
-TEST_P(TransceiveTest, ThreadsDoNotComeBetweenAFrameAndItsAnswer) {
+TEST_P(TransceiveTest, ThreadsDoNotInterleaveAFrameAndItsAnswer) {
     open(device);
     const auto exchange = [this](std::uint8_t id) {
         for (int i = 0; i < 50; ++i) {

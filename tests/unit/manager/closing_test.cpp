@@ -1,4 +1,4 @@
-// Closing by handle (the other half of opening.cpp).
+// Closing by handle (the second part of opening.cpp).
 
 #include "allocation_failure.h"
 #include "list_invariants.h"
@@ -18,7 +18,7 @@ namespace {
 
 class ClosingTest : public ManagerTest {
 protected:
-    // dev1 to dev3 with the handles from the first one on, all open.
+    // Opens dev1 to dev3; their handles start at the first one.
     static void openThree() {
         for (const char* const name : {"dev1", "dev2", "dev3"}) {
             fake::plug(name, fake::bulkReader(std::string("A") + name[3]));
@@ -62,7 +62,7 @@ TEST_F(ClosingTest, ReaderThatIsNoLongerScannedIsDestroyed) {
     EXPECT_EQ(lastError(), -1123);
 }
 
-TEST_F(ClosingTest, ReaderThatARebuiltScanListLeftOutIsDestroyed) {
+TEST_F(ClosingTest, ReaderMissingFromTheRebuiltScanListIsDestroyed) {
     openThree();
     GVUSB_SCANSEARCH search = {};
     search.mask = GVUSB_SEARCH_DEVICE_ID;
@@ -80,7 +80,7 @@ TEST_F(ClosingTest, ReaderThatARebuiltScanListLeftOutIsDestroyed) {
               "[close device] devHnd=0x10000001 devId=0xa1:done - device still in scan list");
 }
 
-TEST_F(ClosingTest, ReaderClosedAfterARebuiltScanListWithItIsKept) {
+TEST_F(ClosingTest, ReaderInTheRebuiltScanListIsKept) {
     openThree();
     ASSERT_EQ(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), 0);
     EXPECT_EQ(GVUSB_CloseDevice(firstHandle), 0);
@@ -127,7 +127,7 @@ TEST_F(ClosingTest, UnpluggedReaderClosesLikeAnyOther) {
     EXPECT_EQ(fake::openHandles("dev3"), 0);
 }
 
-TEST_F(ClosingTest, LogTellsTheClosingAtItsLevels) {
+TEST_F(ClosingTest, ClosingIsLoggedAtItsLevels) {
     openThree();
     const std::string dev2 = deviceText(firstHandle + 1, 0xA2, "dev2", false);
     LogAt log(3);
@@ -170,7 +170,7 @@ TEST_F(ClosingTest, LastReaderLeavesAnEmptyList) {
     EXPECT_EQ(log.takeLines().at(1), "[device-list] no devices");
 }
 
-TEST_F(ClosingTest, ScanAfterClosingMakesANewRecord) {
+TEST_F(ClosingTest, ScanAfterClosingCreatesANewRecord) {
     openThree();
     ASSERT_EQ(GVUSB_CloseDevice(firstHandle), 0);
     ASSERT_EQ(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), 0);
@@ -199,7 +199,7 @@ TEST_F(ClosingTest, OnlyTheDeviceListMutexIsHeld) {
 
 TEST_F(ClosingTest, EveryAllocationOfAClosingMayFail) {
     if (!support::allocationsAreWatched) {
-        GTEST_SKIP() << "operator new is the sanitizer's";
+        GTEST_SKIP() << "the sanitizer replaces operator new";
     }
     for (const bool scanned : {true, false}) {
         bool failed = true;

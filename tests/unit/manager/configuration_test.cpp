@@ -33,7 +33,7 @@ TEST(ConfigurationText, EveryKeySetsItsOwnSetting) {
     EXPECT_EQ(configuration.updateRate, 250000u);
 }
 
-TEST(ConfigurationText, OneKeyLeavesTheOtherSettings) {
+TEST(ConfigurationText, OneKeyKeepsTheOtherSettings) {
     EXPECT_EQ(parsed("libusb_debuglevel=4").debugLevel, 0);
     EXPECT_EQ(parsed("gvusb_debuglevel=3").libUsbDebugLevel, 0);
     EXPECT_EQ(parsed("gvusb_hotplug=0").updateRate, 300000u);
@@ -91,7 +91,7 @@ TEST(ConfigurationText, HotPlugModeIsOneCharacter) {
     }
 }
 
-TEST(ConfigurationText, HotPlugModeWithoutACharacterStaysAsItWas) {
+TEST(ConfigurationText, HotPlugModeWithoutACharacterIsUnchanged) {
     EXPECT_EQ(parsed("gvusb_hotplug=").hotPlugMode, 1);
 }
 
@@ -117,7 +117,7 @@ TEST(ConfigurationText, UpdateRateThatDoesNotFitSaturates) {
     }
 }
 
-TEST(ConfigurationText, NoPnpSwitchesHotPlugOffWhereverItStands) {
+TEST(ConfigurationText, NoPnpTurnsHotPlugOffAnywhereInTheText) {
     for (const char* text :
          {"nopnp", "nopnp\ngvusb_hotplug=1", "gvusb_hotplug=1\nnopnp", "gvusb_hotplug=2 nopnp",
           "# do not use nopnp here", "xnopnpx", "gvusb_hotplug=nopnp"}) {
@@ -127,7 +127,7 @@ TEST(ConfigurationText, NoPnpSwitchesHotPlugOffWhereverItStands) {
     EXPECT_EQ(parsed("NOPNP").hotPlugMode, 1);
 }
 
-TEST(ConfigurationText, NoPnpLeavesTheOtherSettings) {
+TEST(ConfigurationText, NoPnpKeepsTheOtherSettings) {
     const Configuration configuration =
         parsed("nopnp libusb_debuglevel=1 gvusb_debuglevel=2 gvusb_updaterate=20");
     EXPECT_EQ(configuration.libUsbDebugLevel, 1);
@@ -150,7 +150,7 @@ TEST(ConfigurationText, FirstOccurrenceCountsEvenIfItHasNoNumber) {
     EXPECT_EQ(parsed("gvusb_updaterate=abc gvusb_updaterate=20").updateRate, 300000u);
 }
 
-TEST(ConfigurationText, KeysAreSpelledExactly) {
+TEST(ConfigurationText, KeysMustMatchExactly) {
     for (const char* text : {"GVUSB_DEBUGLEVEL=3", "gvusb_debuglevel =3", "gvusb-debuglevel=3",
                              "gvusb_debuglevel:3", "gvusb_debugleve=3"}) {
         EXPECT_EQ(parsed(text).debugLevel, 0) << text;

@@ -19,7 +19,7 @@ constexpr unsigned char frame[] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
 
 class DeviceListTest : public ManagerTest {
 protected:
-    // A record that the device list owns, as after opening; it goes with the manager.
+    // A record that the device list owns, as after opening. The manager destroys it.
     static GVDevice* record(int devHnd, unsigned devId, const std::string& name) {
         auto* device = new GVDevice(devHnd, fake::plug(name, fake::bulkReader()));
         device->devId = devId;
@@ -46,7 +46,7 @@ protected:
 
 } // namespace
 
-TEST_F(DeviceListTest, HandlesCountUpFromTheFirstOne) {
+TEST_F(DeviceListTest, HandlesIncreaseFromTheFirstOne) {
     EXPECT_THAT(drawHandles(0, 3), ElementsAre(0x10000001, 0x10000002, 0x10000003));
 }
 
@@ -56,7 +56,7 @@ TEST_F(DeviceListTest, HandlesStartAgainAfterTheLastOne) {
     EXPECT_EQ(g_GvUsbMan.m_iHandleCounter, 2);
 }
 
-TEST_F(DeviceListTest, HandleOfAnOpenReaderIsNotDrawnAgain) {
+TEST_F(DeviceListTest, HandleOfAnOpenReaderIsNotReused) {
     setDeviceList({record(0x10000001, 1, "dev1")});
     EXPECT_THAT(drawHandles(0x0FFFFFFE, 3), ElementsAre(0x1FFFFFFF, 0x10000002, 0x10000003));
     const MutexLock lock(g_GvUsbMan.m_mtxDevList);
@@ -69,15 +69,15 @@ TEST_F(DeviceListTest, HandlesOfOpenReadersAreSkippedAlsoInARowAndAcrossTheWrap)
     EXPECT_THAT(drawHandles(0x0FFFFFFD, 4), ElementsAre(0x1FFFFFFE, 0x10000003, 0x10000005, 0x10000006));
 }
 
-TEST_F(DeviceListTest, HandleIsDrawnAgainOnceItsReaderIsClosed) {
+TEST_F(DeviceListTest, HandleIsReusedOnceItsReaderIsClosed) {
     setDeviceList({record(0x10000001, 1, "dev1")});
     EXPECT_THAT(drawHandles(0, 1), ElementsAre(0x10000002));
     ASSERT_EQ(GVUSB_CloseDevice(0x10000001), 0);
     EXPECT_THAT(drawHandles(0, 1), ElementsAre(0x10000001));
 }
 
-// It has its handle again when it is opened.
-TEST_F(DeviceListTest, HandleOfAClosedReaderInTheScanListIsNotDrawnAgain) {
+// Reopening returns the same handle.
+TEST_F(DeviceListTest, HandleOfAClosedReaderInTheScanListIsNotReused) {
     ASSERT_EQ(openReader("dev1", "A1"), firstHandle);
     ASSERT_EQ(GVUSB_CloseDevice(firstHandle), 0);
     EXPECT_THAT(drawHandles(0, 1), ElementsAre(firstHandle + 1));
@@ -96,24 +96,24 @@ TEST_F(DeviceListTest, ScanAfterTheWrapGivesNoReaderTheHandleOfAnother) {
     EXPECT_THAT(fake::frames("dev2"), IsEmpty());
 }
 
-TEST_F(DeviceListTest, WalkOfAnEmptyListEndsAtOnce) {
+TEST_F(DeviceListTest, IterationOfAnEmptyListEndsAtOnce) {
     for (const int devHnd : {0, 1, firstHandle, -1, INT_MIN}) {
         EXPECT_EQ(GVUSB_GetDeviceList(devHnd), 0) << devHnd;
     }
 }
 
-TEST_F(DeviceListTest, WalkSkipsHoles) {
+TEST_F(DeviceListTest, IterationSkipsHoles) {
     setDeviceList({nullptr, record(21, 1, "dev1"), nullptr, nullptr, record(22, 2, "dev2"), nullptr});
     EXPECT_THAT(openHandlesInOrder(), ElementsAre(21, 22));
 }
 
-TEST_F(DeviceListTest, WalkStartsAtTheFrontForNegativeHandles) {
+TEST_F(DeviceListTest, IterationStartsAtTheFrontForNegativeHandles) {
     setDeviceList({nullptr, record(21, 1, "dev1"), record(22, 2, "dev2")});
     EXPECT_EQ(GVUSB_GetDeviceList(-1), 21);
     EXPECT_EQ(GVUSB_GetDeviceList(INT_MIN), 21);
 }
 
-TEST_F(DeviceListTest, WalkEndsForAHandleThatIsNotOpenAndLeavesTheLastErrorAlone) {
+TEST_F(DeviceListTest, IterationEndsAtAHandleThatIsNotOpenAndKeepsTheLastError) {
     setDeviceList({record(21, 1, "dev1"), record(22, 2, "dev2")});
     g_GvUsbMan.SetLastError(-1111);
     EXPECT_EQ(GVUSB_GetDeviceList(23), 0);
@@ -155,7 +155,7 @@ TEST_F(DeviceListTest, DeviceIdZeroIsNeverFound) {
     EXPECT_EQ(lastError(), -1144);
 }
 
-TEST_F(DeviceListTest, ReadersLastErrorIsReadWithoutTouchingTheManagers) {
+TEST_F(DeviceListTest, ReadersLastErrorIsReadWithoutChangingTheManagers) {
     const int devHnd = openReader("dev1", "1A2B3C");
     EXPECT_EQ(GVUSB_Transmit(devHnd, "OTHER", frame, sizeof frame), -1132);
     g_GvUsbMan.SetLastError(-1111);
@@ -166,7 +166,7 @@ TEST_F(DeviceListTest, ReadersLastErrorIsReadWithoutTouchingTheManagers) {
     EXPECT_EQ(lastError(), -1111);
 }
 
-TEST_F(DeviceListTest, HandleOfAnOpenReaderIsFoundWithoutTouchingTheLastError) {
+TEST_F(DeviceListTest, HandleOfAnOpenReaderIsFoundWithoutChangingTheLastError) {
     const int devHnd = openReader("dev1", "1A2B3C");
     g_GvUsbMan.SetLastError(-1111);
     EXPECT_EQ(GVUSB_GetDeviceHnd(0x1A2B3C), devHnd);

@@ -1,4 +1,4 @@
-// What a scan holds while it runs, and that it gives everything back when something fails in the middle.
+// What a scan locks, and that it releases everything if a call fails.
 
 #include "allocation_failure.h"
 #include "list_invariants.h"
@@ -18,7 +18,7 @@ const std::vector<std::string> allNames = {"dev1", "dev2", "dev3", "dev4", "lamp
 
 class DiscoverFaultsTest : public ManagerTest {
 protected:
-    // dev1 was open and came back as dev4; dev2 is open; dev3 is closed.
+    // Replug dev1 as dev4 while it is open; dev2 is open, dev3 is closed.
     static void prepare() {
         fake::plug("dev1", fake::bulkReader("A1"));
         fake::plug("dev2", fake::bulkReader("A2"));
@@ -31,7 +31,7 @@ protected:
     }
 
     static void expectWorking() {
-        // A reader that is gone, or that could not be reopened, keeps its handle until the application closes
+        // A reader that is unplugged, or could not be reopened, keeps its handle until the application closes
         // it.
         for (const int devHnd : openHandlesInOrder()) {
             if (GVUSB_IsDevicePresent(devHnd) == 0) {
@@ -82,7 +82,7 @@ TEST_F(DiscoverFaultsTest, ScanWaitsForTheScanListMutexBeforeItTouchesTheList) {
         const Devices atFirst = scanList();
         scan = std::async(std::launch::async, [] { return g_GvUsbMan.DiscoverDevices(nullptr); });
         scan.wait_for(std::chrono::milliseconds(10));
-        EXPECT_FALSE(support::isHeld(g_GvUsbMan.m_mtxDevList)) << "taken after the other one only";
+        EXPECT_FALSE(support::isHeld(g_GvUsbMan.m_mtxDevList)) << "locked after the other one";
         EXPECT_EQ(scanList(), atFirst);
     }
     EXPECT_EQ(scan.get(), 3);
@@ -104,7 +104,7 @@ TEST_F(DiscoverFaultsTest, ScanHoldsTheScanListMutexWhileItWaitsForTheOther) {
 
 TEST_F(DiscoverFaultsTest, EveryAllocationOfAScanMayFail) {
     if (!support::allocationsAreWatched) {
-        GTEST_SKIP() << "operator new is the sanitizer's";
+        GTEST_SKIP() << "the sanitizer replaces operator new";
     }
     for (const int level : {0, 2}) {
         SCOPED_TRACE(level);
@@ -125,7 +125,7 @@ TEST_F(DiscoverFaultsTest, EveryAllocationOfAScanMayFail) {
                 }
                 failed = failure.happened();
             }
-            // A stream that runs out of memory cuts its text short and goes on.
+            // A stream that runs out of memory truncates its text and continues.
             EXPECT_TRUE(thrown == failed || (failed && level > 0));
             EXPECT_EQ(fake::leftovers().find("list"), std::string::npos);
             expectConsistentLists(allNames);
@@ -135,7 +135,7 @@ TEST_F(DiscoverFaultsTest, EveryAllocationOfAScanMayFail) {
     }
 }
 
-TEST_F(DiscoverFaultsTest, EveryLibUsbCallOfAScanMayFail) {
+TEST_F(DiscoverFaultsTest, EveryLibusbCallOfAScanMayFail) {
     bool failed = true;
     std::size_t n = 1;
     for (; failed; ++n) {
@@ -152,7 +152,7 @@ TEST_F(DiscoverFaultsTest, EveryLibUsbCallOfAScanMayFail) {
     EXPECT_GT(n, 20u);
 }
 
-TEST_F(DiscoverFaultsTest, ExceptionInsideALibUsbCallReleasesEverything) {
+TEST_F(DiscoverFaultsTest, ExceptionInsideALibusbCallReleasesEverything) {
     for (const char* const place : {"libusb_get_device_descriptor", "libusb_open",
                                     "libusb_get_string_descriptor_ascii", "libusb_get_config_descriptor"}) {
         SCOPED_TRACE(place);

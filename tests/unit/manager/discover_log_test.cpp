@@ -26,8 +26,8 @@ const std::string makers = vendorText(GVUSB_VENDOR_ID);
 
 class DiscoverLogTest : public ManagerTest {
 protected:
-    // dev1 is open; the others are a thing of another maker, a product that is none of the readers, a new
-    // reader, one that cannot be identified and one of another family.
+    // dev1 is open. The others are a device of another vendor, a product that is not a reader, a new reader,
+    // a reader that cannot be identified, and one of another family.
     static void plugMixture() {
         fake::plug("dev1", fake::bulkReader("A1"));
         ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
@@ -53,7 +53,7 @@ protected:
         return search;
     }
 
-    // A line of the log, and the level above which it is written.
+    // A line of the log, written at levels above this one.
     struct Line {
         int above;
         std::string text;
@@ -69,7 +69,7 @@ protected:
         return wanted;
     }
 
-    // The handles count on from scan to scan: one for each reader that is not open.
+    // The handles increase with each scan: one for each reader that is not open.
     static std::vector<Line> mixtureLines(int handle) {
         const auto hnd = [&](int i) { return "0x" + hex(static_cast<unsigned>(handle + i)); };
         return {
@@ -108,7 +108,7 @@ protected:
 
 } // namespace
 
-TEST_F(DiscoverLogTest, ScanTellsWhatItDoesWithEachDevice) {
+TEST_F(DiscoverLogTest, ScanLogsItsActionForEachDevice) {
     plugMixture();
     GVUSB_SCANSEARCH search = forFamily("DESKTOP");
     int handle = firstHandle + 1;
@@ -121,7 +121,7 @@ TEST_F(DiscoverLogTest, ScanTellsWhatItDoesWithEachDevice) {
     }
 }
 
-TEST_F(DiscoverLogTest, SearchIsToldBeforeTheScanWaitsForAnUpdateToEnd) {
+TEST_F(DiscoverLogTest, SearchIsLoggedBeforeTheScanWaitsForAnUpdateToEnd) {
     LogAt log(1);
     std::future<int> scan;
     {
@@ -148,7 +148,7 @@ TEST_F(DiscoverLogTest, OpenReaderThatDoesNotMatchIsNotWanted) {
                             "[scan-list] no devices"));
 }
 
-TEST_F(DiscoverLogTest, FailedEnumerationShowsLibUsbsResult) {
+TEST_F(DiscoverLogTest, FailedEnumerationShowsLibusbsResult) {
     fake::failNext("libusb_get_device_list", LIBUSB_ERROR_NO_MEM);
     LogAt log(1);
     EXPECT_EQ(g_GvUsbMan.DiscoverDevices(nullptr), 0);
@@ -163,7 +163,7 @@ TEST_F(DiscoverLogTest, EachFailureToIdentifyShowsItsCode) {
         EXPECT_EQ(g_GvUsbMan.DiscoverDevices(nullptr), 0);
         Lines lines = log.takeLines();
         EXPECT_GE(lines.size(), 5u);
-        // What comes before and after is the same for every failure.
+        // The other lines are the same for every failure.
         return Lines(lines.begin() + 3, lines.end() - 1);
     };
     fake::failNext("libusb_open", LIBUSB_ERROR_ACCESS);
@@ -198,7 +198,7 @@ TEST_F(DiscoverLogTest, ReaderThatCannotBeIdentifiedIsDestroyedBeforeTheLogSaysS
     EXPECT_THAT(log.takeLines(), ElementsAre("[scan] Identify return-code=-1166", "[scan-list] no devices"));
 }
 
-TEST_F(DiscoverLogTest, ReplacementOfAnOpenReaderIsTold) {
+TEST_F(DiscoverLogTest, ReplacementOfAnOpenReaderIsLogged) {
     fake::plug("dev1", fake::bulkReader("A1"));
     ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
     fake::replug("dev1", "dev2");
@@ -215,7 +215,7 @@ TEST_F(DiscoverLogTest, ReplacementOfAnOpenReaderIsTold) {
                             "[scan-list] dev0: " + deviceText(firstHandle, 0xA1, "dev2", false)));
 }
 
-TEST_F(DiscoverLogTest, ReplacementIsToldAboveLevelZero) {
+TEST_F(DiscoverLogTest, ReplacementIsLoggedAboveLevelZero) {
     fake::plug("dev1", fake::bulkReader("A1"));
     ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
     fake::replug("dev1", "dev2");
@@ -224,7 +224,7 @@ TEST_F(DiscoverLogTest, ReplacementIsToldAboveLevelZero) {
     EXPECT_THAT(log.takeLines(), Contains("[scan] Replace in device list: devId=0xa1"));
 }
 
-TEST_F(DiscoverLogTest, ReadingADeviceIdIsToldAboveLevelTwo) {
+TEST_F(DiscoverLogTest, ReadingADeviceIdIsLoggedAboveLevelTwo) {
     libusb_device* const dev = fake::plug("dev1", fake::bulkReader("A1"));
     for (const int level : {0, 1, 2}) {
         LogAt log(level);
@@ -239,7 +239,7 @@ TEST_F(DiscoverLogTest, ReadingADeviceIdIsToldAboveLevelTwo) {
     EXPECT_THAT(log.takeLines(), IsEmpty());
 }
 
-TEST_F(DiscoverLogTest, ScanAndOpenTellsBothHalves) {
+TEST_F(DiscoverLogTest, ScanAndOpenLogsBothParts) {
     fake::plug("dev1", fake::bulkReader("A1"));
     LogAt log(1);
     EXPECT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr), firstHandle);

@@ -42,7 +42,7 @@ protected:
 
 } // namespace
 
-TEST_F(DiscoverTest, ScanIdentifiesNewReadersAndLeavesTheOthersAlone) {
+TEST_F(DiscoverTest, ScanIdentifiesOnlyNewReaders) {
     fake::plug("dev1", fake::bulkReader("A1"));
     ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
     fake::plug("lamp", fake::foreignDevice());
@@ -78,7 +78,7 @@ TEST_F(DiscoverTest, FormerReadersAreDestroyedBeforeTheBusIsListed) {
                                     "libusb_free_device_list(list, 1)\n");
 }
 
-TEST_F(DiscoverTest, ReadersStandInTheOrderOfTheBusAlsoWithEqualDeviceIds) {
+TEST_F(DiscoverTest, ReadersAreInBusOrderAlsoWithEqualDeviceIds) {
     fake::plug("dev1", fake::bulkReader("FF"));
     fake::plug("dev2", fake::bulkReader("1"));
     fake::plug("dev3", fake::bulkReader("FF"));
@@ -105,7 +105,7 @@ TEST_F(DiscoverTest, OpenReaderKeepsRecordHandleAndStateWhenItIsFoundAgain) {
     EXPECT_EQ(scanList().at(0)->devHnd, firstHandle + 2) << "the closed one is another record now";
 }
 
-TEST_F(DiscoverTest, OpenReaderThatDoesNotMatchLeavesTheScanListOnly) {
+TEST_F(DiscoverTest, OpenReaderThatDoesNotMatchIsRemovedOnlyFromTheScanList) {
     fake::plug("dev1", fake::bulkReader("A1"));
     ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
     EXPECT_THAT(found(record(GVUSB_SEARCH_DEVICE_ID, "", "", "A2")), IsEmpty());
@@ -161,7 +161,7 @@ TEST_F(DiscoverTest, HandleOfAnUnwantedReaderStaysUsed) {
     EXPECT_EQ(nextHandle(), firstHandle + 2);
 }
 
-TEST_F(DiscoverTest, OneCriterionDecides) {
+TEST_F(DiscoverTest, OnlyOneCriterionIsUsed) {
     fake::FakeReader other = fake::controlReader("A2");
     other.strings[3] = "MOBILE";
     other.strings[5] = "READER TWO";
@@ -199,7 +199,7 @@ TEST_F(DiscoverTest, OneCriterionDecides) {
          }) {
         SCOPED_TRACE(testing::Message()
                      << row.mask << " " << row.famName << " " << row.devName << " " << row.devId);
-        // Whether a reader is open makes no difference to the search.
+        // The search does not depend on whether a reader is open.
         EXPECT_EQ(found(record(row.mask, row.famName, row.devName, row.devId)), row.found);
         ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
         EXPECT_EQ(found(record(row.mask, row.famName, row.devName, row.devId)), row.found);
@@ -233,7 +233,7 @@ TEST_F(DiscoverTest, DeviceWithoutReadableDescriptorIsNotUsable) {
     EXPECT_EQ(fake::timesCalled("libusb_open"), 0u);
 }
 
-TEST_F(DiscoverTest, ReopenedReaderTakesThePlaceOfItsFormerSelf) {
+TEST_F(DiscoverTest, ReopenedReaderReplacesItsFormerRecord) {
     fake::plug("dev1", fake::bulkReader("A1"));
     fake::plug("dev2", fake::bulkReader("A2"));
     ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
@@ -308,7 +308,7 @@ TEST_F(DiscoverTest, OpenReadersWithTheSameIdBecomeOneRecord) {
     EXPECT_EQ(fake::references("dev2"), 0);
 }
 
-TEST_F(DiscoverTest, WithoutLibUsbAScanFindsNothingAndCallsNothing) {
+TEST_F(DiscoverTest, WithoutLibusbAScanFindsNothingAndCallsNothing) {
     g_GvUsbMan.~GVDrvHnd();
     fake::reset();
     fake::failNext("libusb_init", LIBUSB_ERROR_OTHER);

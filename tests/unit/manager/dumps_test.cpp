@@ -47,11 +47,11 @@ protected:
 
 } // namespace
 
-TEST_F(DumpsTest, SearchWithoutRecordIsAll) {
+TEST_F(DumpsTest, SearchWithoutRecordIsLoggedAsAll) {
     EXPECT_THAT(searchLines(nullptr), ElementsAre("[search-opt] all"));
 }
 
-TEST_F(DumpsTest, SearchRecordIsShownWholeWhateverItsMask) {
+TEST_F(DumpsTest, SearchRecordIsLoggedCompletelyForAnyMask) {
     GVUSB_SCANSEARCH search = {};
     std::strcpy(search.famName, "FAM");
     std::strcpy(search.devName, "DEV NAME");
@@ -63,7 +63,7 @@ TEST_F(DumpsTest, SearchRecordIsShownWholeWhateverItsMask) {
     }
 }
 
-TEST_F(DumpsTest, EmptySearchFieldsAreShownEmpty) {
+TEST_F(DumpsTest, EmptySearchFieldsAreLoggedAsEmpty) {
     GVUSB_SCANSEARCH search = {};
     EXPECT_THAT(searchLines(&search), ElementsAre("[search-opt] mask=0 devId=0x devName= famName="));
 }
@@ -77,7 +77,7 @@ TEST_F(DumpsTest, SearchFieldsThatAreFullEndWithTheField) {
                                                   std::string(50, 'd') + " famName=" + std::string(25, 'f')));
 }
 
-TEST_F(DumpsTest, DeviceOfTheMakerIsMarked) {
+TEST_F(DumpsTest, DeviceOfTheVendorIsMarked) {
     fake::FakeReader reader = fake::bulkReader();
     reader.product = 26;
     reader.bus = 17;
@@ -86,7 +86,7 @@ TEST_F(DumpsTest, DeviceOfTheMakerIsMarked) {
                                                  " prod=26 bus=17 busAddr=101   GAVO"));
 }
 
-TEST_F(DumpsTest, DeviceOfAnotherMakerIsNotMarked) {
+TEST_F(DumpsTest, DeviceOfAnotherVendorIsNotMarked) {
     fake::FakeReader reader = fake::foreignDevice();
     reader.vendor = 0xAB;
     reader.product = 65535;
@@ -121,7 +121,7 @@ TEST_F(DumpsTest, IndexesAreDecimal) {
     EXPECT_EQ(lines[11], "[scan-list] dev11: " + deviceText(1, 0, "dev1", true));
 }
 
-TEST_F(DumpsTest, NothingIsWrittenOrAskedForAtLevelZero) {
+TEST_F(DumpsTest, NothingIsLoggedOrQueriedAtLevelZero) {
     libusb_device* const dev = fake::plug("dev1", fake::bulkReader());
     libusb_device_descriptor descriptor = {};
     setScanList({nullptr});

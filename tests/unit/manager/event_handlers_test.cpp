@@ -86,7 +86,7 @@ protected:
 
 } // namespace
 
-TEST_F(EventHandlersTest, OnlyHandleZeroTakesHandlers) {
+TEST_F(EventHandlersTest, OnlyHandleZeroAcceptsHandlers) {
     for (const int devHnd : {1, -1, 0x10000001}) {
         EXPECT_EQ(add(registration(1, handler<'a'>), devHnd), -1106);
         EXPECT_EQ(lastError(), -1106);
@@ -94,11 +94,11 @@ TEST_F(EventHandlersTest, OnlyHandleZeroTakesHandlers) {
         EXPECT_EQ(remove(registration(1, handler<'a'>), devHnd), -1106);
         EXPECT_EQ(lastError(), -1106);
     }
-    EXPECT_EQ(add(registration(1, handler<'a'>, 4), 1), -1106); // the handle is tested first
+    EXPECT_EQ(add(registration(1, handler<'a'>, 4), 1), -1106); // the handle is checked first
     EXPECT_THAT(registrations(), IsEmpty());
 }
 
-TEST_F(EventHandlersTest, OnlyCallbackFunctionsAreTaken) {
+TEST_F(EventHandlersTest, OnlyCallbackFunctionsAreAccepted) {
     for (const unsigned int type : {0u, 1u, 2u, 4u, 0xFFFFFFFFu}) {
         g_GvUsbMan.SetLastError(0);
         EXPECT_EQ(add(registration(1, handler<'a'>, type)), -1150) << type;
@@ -169,7 +169,7 @@ TEST_F(EventHandlersTest, RemovingKeepsTheOrderOfTheOthers) {
                 ElementsAre(Known{1, 3, handler<'a'>}, Known{1, 3, handler<'c'>}, Known{1, 3, handler<'d'>}));
 }
 
-TEST_F(EventHandlersTest, ListFunctionsTellWhetherTheyChangedSomething) {
+TEST_F(EventHandlersTest, ListFunctionsReportWhetherTheyChangedSomething) {
     GVUSB_EVENT_INIT record = registration(1, handler<'a'>);
     EXPECT_TRUE(GVDrvHnd::AddToEventInitList(&record));
     EXPECT_FALSE(GVDrvHnd::AddToEventInitList(&record));
@@ -266,7 +266,7 @@ TEST_F(EventHandlersTest, EveryAccessWaitsForTheMutex) {
 
 TEST_F(EventHandlersTest, OutOfMemoryLeavesTheListAsItWas) {
     if (!support::allocationsAreWatched) {
-        GTEST_SKIP() << "operator new is the sanitizer's";
+        GTEST_SKIP() << "the sanitizer replaces operator new";
     }
     bool added = false;
     for (unsigned int event = 10; event < 20; ++event) { // the list grows at some of these

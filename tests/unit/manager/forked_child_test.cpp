@@ -1,4 +1,5 @@
-// A forked child has copies of the manager and of its locked locks, but none of the threads that would unlock them.
+// A forked child has copies of the manager and its locked mutexes, but not of the threads that would unlock
+// them.
 #include "manager_test.h"
 
 #include <cstdio>
@@ -12,8 +13,8 @@ namespace {
 
 class ForkedChildTest : public ManagerTest {
 protected:
-    // Fork, end the child as exit() does but without the leak sanitizer's check, and return how the child ended. That check
-    // waits for the allocator's lock, which another thread may have held when the child was made.
+    // Fork, end the child like exit() but without the leak sanitizer's check, and return the child's status.
+    // The check waits for the allocator's lock, which another thread may have held during fork().
     static int exitInChild(int status) {
         std::fflush(nullptr);
         const pid_t child = fork();

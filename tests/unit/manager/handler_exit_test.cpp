@@ -1,5 +1,5 @@
-// Handlers that end the process: exit() unloads the library inside the handler, in whatever thread it runs,
-// while other threads wait for the registrations that this handler's thread has locked.
+// Event handlers that end the process: exit() unloads the library inside the handler, in any thread, while
+// other threads wait for the registrations that the handler's thread has locked.
 #include "manager_test.h"
 
 #include <chrono>
@@ -12,8 +12,9 @@ namespace fake = fake_libusb;
 
 namespace {
 
-// A process that takes longer than ten seconds to end is killed. Registered before any static object of the
-// library is built, so that the time is over when they are gone; what sanitizers do then is not counted.
+// A process that takes longer than ten seconds to end is killed. Registered before the library's static
+// objects are constructed, so that the timer is stopped after their destruction, and a sanitizer's work at
+// exit does not count.
 void endInTime() {
     alarm(0);
 }
@@ -26,7 +27,7 @@ std::function<void()> beforeExit;
 void exitingHandler(int, unsigned int, const char*) {
     if (beforeExit) {
         beforeExit();
-        // The threads that shall wait for this handler get there in this time.
+        // Give the threads that wait for this handler time to do so.
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     alarm(10);
@@ -50,7 +51,7 @@ protected:
     HandlerExitDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
     static void start(const char* configuration, unsigned event, std::function<void()> inHandler = {}) {
-        alarm(20); // for a handler that never runs
+        alarm(20); // in case the handler never runs
         restart(configuration);
         beforeExit = std::move(inHandler);
         GVUSB_EVENT_INIT record = {event, 0, GVUSB_CALLBACK_FUNCTION, 0, &exitingHandler};

@@ -94,7 +94,7 @@ TEST_F(HotPlugCallbacksTest, ListsSetsAndLastErrorAreNotTouched) {
     EXPECT_EQ(lastError(), -1111);
 }
 
-TEST_F(HotPlugCallbacksTest, LogTellsTheReportsAboveLevelZero) {
+TEST_F(HotPlugCallbacksTest, ReportsAreLoggedAboveLevelZero) {
     fake::plug("dev1", fake::bulkReader("1A2B"));
     LogAt log(0);
     connect("dev1");
@@ -128,7 +128,7 @@ TEST_F(HotPlugCallbacksTest, CombinedCallbackDispatchesByEvent) {
     EXPECT_THAT(fake::takeCalls(), IsEmpty());
 }
 
-TEST_F(HotPlugCallbacksTest, LibUsbCallsThemForTheMakersDevicesInModeTwo) {
+TEST_F(HotPlugCallbacksTest, LibusbCallsThemForTheVendorsDevicesInModeTwo) {
     restart("gvusb_hotplug=2");
     const RecordedEvents registered;
     fake::FakeReader otherProduct = fake::bulkReader("A9");
@@ -148,7 +148,7 @@ TEST_F(HotPlugCallbacksTest, LibUsbCallsThemForTheMakersDevicesInModeTwo) {
     EXPECT_EQ(fake::registeredCallbacks(), 2) << "they stay registered";
 }
 
-TEST_F(HotPlugCallbacksTest, WhatLibUsbDeliversInsideEventHandlingIsReportedInAnotherThread) {
+TEST_F(HotPlugCallbacksTest, EventsDeliveredInsideEventHandlingAreReportedInAnotherThread) {
     restart("gvusb_hotplug=2");
     std::atomic<std::thread::id> reporter;
     std::atomic<int> scanned = 0;
@@ -174,7 +174,7 @@ TEST_F(HotPlugCallbacksTest, WhatLibUsbDeliversInsideEventHandlingIsReportedInAn
     EXPECT_NE(reporter.load(), std::this_thread::get_id());
 }
 
-TEST_F(HotPlugCallbacksTest, WhereAnotherThreadHandlesEventsTheReportIsMadeApartToo) {
+TEST_F(HotPlugCallbacksTest, EventsAreReportedInAnotherThreadWhileTheApplicationHandlesEvents) {
     fake::plug("dev1", fake::bulkReader("A1"));
     fake::setEventsHandled(true);
     const RecordedEvents registered(
@@ -188,8 +188,8 @@ TEST_F(HotPlugCallbacksTest, WhereAnotherThreadHandlesEventsTheReportIsMadeApart
     EXPECT_EQ(fake::references("dev1"), 0);
 }
 
-// As inside the event handling of an application that brought its own.
-TEST_F(HotPlugCallbacksTest, ArrivalThatIsTooBusyToBeReadIsReadAgainInAnotherThread) {
+// As in an application that handles events in its own thread.
+TEST_F(HotPlugCallbacksTest, BusyArrivalIsReadAgainInAnotherThread) {
     fake::plug("dev1", fake::bulkReader("A1"));
     fake::setString("dev1", 1, LIBUSB_ERROR_BUSY);
     fake::setHook([caller = std::this_thread::get_id()](std::string_view function, std::string_view) {

@@ -1,4 +1,5 @@
-// Hot-plug callbacks inside and outside libusb's event handling: what they do there, and which thread reports.
+// Hot-plug callbacks inside and outside libusb's event handling: what they do there, and which thread
+// reports.
 #include "captured_stdout.h"
 #include "hotplug_queue_probe.h"
 #include "manager_lists.h"
@@ -35,7 +36,7 @@ protected:
         fake::takeCalls();
     }
 
-    // What this thread calls while the callback runs.
+    // The libusb calls of this thread during the callback.
     static std::string callsOf(int (*fire)(std::string_view, fake::Delivery), fake::Delivery delivery) {
         fake::watchOnlyThisThread();
         fake::takeCalls();
@@ -43,7 +44,7 @@ protected:
         return fake::takeCallText();
     }
 
-    // Waits until everything delivered so far has been reported.
+    // Wait until everything delivered so far has been reported.
     static void finishReports() { g_GvUsbMan.m_HotPlugQueue.Stop(); }
 
     static std::size_t posts() { return fake::timesCalled("libusb_ref_device"); }
@@ -58,7 +59,7 @@ bool come(RecordedEvents& events, std::size_t count) {
 
 } // namespace
 
-TEST_F(HotPlugDeliveryTest, InsideEventHandlingTheCallbackOnlyKeepsTheDevice) {
+TEST_F(HotPlugDeliveryTest, InsideEventHandlingTheCallbackOnlyReferencesTheDevice) {
     RecordedEvents events;
     for (const auto fire : {&fake::fireArrived, &fake::fireLeft}) {
         EXPECT_EQ(callsOf(fire, inside), "libusb_try_lock_events(default) = 1\n"
@@ -68,7 +69,7 @@ TEST_F(HotPlugDeliveryTest, InsideEventHandlingTheCallbackOnlyKeepsTheDevice) {
     EXPECT_THAT(events.take(), ElementsAre("connect hnd=0 id=a1", "disconnect hnd=0 id=0"));
 }
 
-TEST_F(HotPlugDeliveryTest, OutsideEventHandlingTheLockOfTheEventsIsGivenBackAtOnce) {
+TEST_F(HotPlugDeliveryTest, OutsideEventHandlingTheEventLockIsReleasedAtOnce) {
     const RecordedEvents events;
     EXPECT_EQ(callsOf(&fake::fireArrived, outside), "libusb_try_lock_events(default) = 0\n"
                                                     "libusb_unlock_events(default)\n"
@@ -119,7 +120,7 @@ TEST_F(HotPlugDeliveryTest, CallbackDoesNotWaitForAHandler) {
     EXPECT_TRUE(come(events, 2));
 }
 
-TEST_F(HotPlugDeliveryTest, HandlersRunInAThreadWithoutSignalsAndWithTheListsFree) {
+TEST_F(HotPlugDeliveryTest, HandlersRunInAThreadWithoutSignalsAndWithTheListsUnlocked) {
     std::atomic<int> wrong = 0;
     std::atomic<int> seen = 0;
     RecordedEvents events([&, caller = std::this_thread::get_id()] {
@@ -140,7 +141,7 @@ TEST_F(HotPlugDeliveryTest, HandlersRunInAThreadWithoutSignalsAndWithTheListsFre
     EXPECT_EQ(wrong, 0);
 }
 
-TEST_F(HotPlugDeliveryTest, HandlersThereMayScanOpenAndTalk) {
+TEST_F(HotPlugDeliveryTest, HandlersInTheThreadMayScanOpenAndExchange) {
     std::atomic<int> received = 0;
     RecordedEvents events([&] {
         GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr);
@@ -155,7 +156,7 @@ TEST_F(HotPlugDeliveryTest, HandlersThereMayScanOpenAndTalk) {
     EXPECT_GT(received, 0);
 }
 
-TEST_F(HotPlugDeliveryTest, ReportsFromThereAreLoggedAlike) {
+TEST_F(HotPlugDeliveryTest, ReportsOfTheThreadAreLoggedToo) {
     for (const int level : {0, 1, 2, 3}) {
         SCOPED_TRACE(level);
         std::vector<Lines> lines;
@@ -174,7 +175,7 @@ TEST_F(HotPlugDeliveryTest, ReportsFromThereAreLoggedAlike) {
     }
 }
 
-TEST_F(HotPlugDeliveryTest, ManyComingsAndGoingsAreReportedInTheirOrder) {
+TEST_F(HotPlugDeliveryTest, ManyArrivalsAndDeparturesAreReportedInOrder) {
     RecordedEvents events;
     std::vector<std::string> wanted;
     for (int i = 0; i < 200; ++i) {
@@ -212,7 +213,7 @@ TEST_F(HotPlugDeliveryTest, ReaderGoneBeforeItsReportIsKeptAndNotReported) {
     EXPECT_THAT(fake::misuses(), IsEmpty());
 }
 
-TEST_F(HotPlugDeliveryTest, UnreadableReaderIsPassedOver) {
+TEST_F(HotPlugDeliveryTest, UnreadableReaderIsSkipped) {
     RecordedEvents events;
     for (const fake::FakeString& answer : {fake::FakeString{LIBUSB_ERROR_IO}, fake::FakeString{"none"}}) {
         fake::setString("dev1", 1, answer);
@@ -224,7 +225,7 @@ TEST_F(HotPlugDeliveryTest, UnreadableReaderIsPassedOver) {
     EXPECT_EQ(fake::openHandles("dev1"), 0);
 }
 
-TEST_F(HotPlugDeliveryTest, RefusedReadIsTakenToTheThreadOnlyWhenBusy) {
+TEST_F(HotPlugDeliveryTest, FailedReadIsRepeatedInTheThreadOnlyIfBusy) {
     const RecordedEvents events;
     for (const int code :
          {LIBUSB_ERROR_IO, LIBUSB_ERROR_INVALID_PARAM, LIBUSB_ERROR_ACCESS, LIBUSB_ERROR_NO_DEVICE,
@@ -245,7 +246,7 @@ TEST_F(HotPlugDeliveryTest, RefusedReadIsTakenToTheThreadOnlyWhenBusy) {
     EXPECT_EQ(posts(), 1u);
 }
 
-TEST_F(HotPlugDeliveryTest, WhatIsBusyInTheThreadTooIsGivenUp) {
+TEST_F(HotPlugDeliveryTest, ReaderThatIsBusyInTheThreadTooIsDropped) {
     RecordedEvents events;
     fake::setString("dev1", 1, LIBUSB_ERROR_BUSY);
     fake::fireArrived("dev1", outside);
@@ -258,7 +259,7 @@ TEST_F(HotPlugDeliveryTest, WhatIsBusyInTheThreadTooIsGivenUp) {
     EXPECT_EQ(fake::references("dev1"), 0);
 }
 
-TEST_F(HotPlugDeliveryTest, ReportInProgressIsAwaitedAtUnloadAndTheRestDropped) {
+TEST_F(HotPlugDeliveryTest, UnloadingWaitsForTheReportInProgressAndDropsTheRest) {
     waiting::Turnstile turnstile;
     RecordedEvents events([&] { turnstile.pass(); });
     fake::fireArrived("dev1", inside);
@@ -282,8 +283,8 @@ TEST_F(HotPlugDeliveryTest, ReportInProgressIsAwaitedAtUnloadAndTheRestDropped) 
     EXPECT_THAT(events.take(), ElementsAre("connect hnd=0 id=a1"));
 }
 
-// The callbacks are deregistered after the thread has gone.
-TEST_F(HotPlugDeliveryTest, WhatIsDeliveredDuringUnloadingIsDropped) {
+// The callbacks are deregistered after the thread has ended.
+TEST_F(HotPlugDeliveryTest, EventsDeliveredDuringUnloadingAreDropped) {
     RecordedEvents events;
     int delivered = 0;
     fake::setHook([&](std::string_view function, std::string_view) {

@@ -1,4 +1,4 @@
-// What polls hold, what event handlers may do, and what is given back when something fails in the middle.
+// What polls lock, what event handlers may do, and that everything is released if a call fails.
 
 #include "allocation_failure.h"
 #include "list_invariants.h"
@@ -24,7 +24,7 @@ class HotPlugHandlersTest : public ManagerTest {
 protected:
     static void poll() { g_GvUsbMan.UpdateDevices(); }
 
-    // dev1, which was open, came back as dev4; dev2 is gone; dev3 is new.
+    // Replug dev1 as dev4 while it is open, unplug dev2, and plug in dev3.
     static void comeAndGo() {
         fake::plug("dev1", fake::bulkReader("A1"));
         fake::plug("dev2", fake::bulkReader("A2"));
@@ -121,7 +121,7 @@ TEST_F(HotPlugHandlersTest, ExceptionFromAHandlerLeavesNothingLocked) {
 
 TEST_F(HotPlugHandlersTest, EveryAllocationOfAPollMayFail) {
     if (!support::allocationsAreWatched) {
-        GTEST_SKIP() << "operator new is the sanitizer's";
+        GTEST_SKIP() << "the sanitizer replaces operator new";
     }
     for (const int level : {0, 3}) {
         bool failed = true;
@@ -148,7 +148,7 @@ TEST_F(HotPlugHandlersTest, EveryAllocationOfAPollMayFail) {
     }
 }
 
-TEST_F(HotPlugHandlersTest, EveryLibUsbCallOfAPollMayFail) {
+TEST_F(HotPlugHandlersTest, EveryLibusbCallOfAPollMayFail) {
     bool failed = true;
     std::size_t n = 1;
     for (; failed; ++n) {

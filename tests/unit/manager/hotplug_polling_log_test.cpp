@@ -24,7 +24,7 @@ protected:
         return "[update] known device in scan-list: devId=0x" + devId + " usbDevPtr=" + pointerText(name);
     }
 
-    // dev1 (A1) is known, dev2 (A2) gone, dev3 (A3) new.
+    // dev1 (A1) is known, dev2 (A2) unplugged, dev3 (A3) new.
     static void comeAndGo() {
         fake::plug("dev1", fake::bulkReader("A1"));
         fake::plug("dev2", fake::bulkReader("A2"));
@@ -36,7 +36,7 @@ protected:
 
 } // namespace
 
-TEST_F(HotPlugPollingLogTest, ReportsAreToldAboveLevelZero) {
+TEST_F(HotPlugPollingLogTest, ReportsAreLoggedAboveLevelZero) {
     for (const int level : {0, 1, 2}) {
         SCOPED_TRACE(level);
         restart(quiet);
@@ -52,7 +52,7 @@ TEST_F(HotPlugPollingLogTest, ReportsAreToldAboveLevelZero) {
     }
 }
 
-TEST_F(HotPlugPollingLogTest, EachReaderIsToldAboveLevelTwo) {
+TEST_F(HotPlugPollingLogTest, EachReaderIsLoggedAboveLevelTwo) {
     comeAndGo();
     EXPECT_THAT(pollAt(3), ElementsAre(known("a1", "dev1"), "[update] read device id",
                                        "[update] new device: devId=0x1b3",
@@ -62,7 +62,7 @@ TEST_F(HotPlugPollingLogTest, EachReaderIsToldAboveLevelTwo) {
                                        "[update] new device: devId=0x1b3"));
 }
 
-TEST_F(HotPlugPollingLogTest, UnreadableDeviceIdIsToldAboveLevelTwo) {
+TEST_F(HotPlugPollingLogTest, UnreadableDeviceIdIsLoggedAboveLevelTwo) {
     fake::plug("dev1", fake::bulkReader("A1"));
     fake::setString("dev1", 1, LIBUSB_ERROR_IO);
     EXPECT_THAT(pollAt(2), IsEmpty());
@@ -72,7 +72,7 @@ TEST_F(HotPlugPollingLogTest, UnreadableDeviceIdIsToldAboveLevelTwo) {
     EXPECT_THAT(pollAt(3), ElementsAre("[update] new device: reading devId failed"));
 }
 
-TEST_F(HotPlugPollingLogTest, ReturnOfAnOpenReaderIsTold) {
+TEST_F(HotPlugPollingLogTest, ReturnOfAnOpenReaderIsLogged) {
     const Lines identified = {"[ident] devIdStr=A1",       "[ident] devId=0xa1",
                               "[ident] famName=DESKTOP",   "[ident] devName=READER ONE",
                               "[ident] intType=TESK-RCI2", "[ident] ok"};

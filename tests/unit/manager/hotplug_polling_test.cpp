@@ -15,7 +15,7 @@ class HotPlugPollingTest : public ManagerTest {
 protected:
     static void poll() { g_GvUsbMan.UpdateDevices(); }
 
-    // dev1 to dev3 with the device IDs A1 to A3 and the handles from the first one on, closed.
+    // Scans dev1 to dev3, with the device IDs A1 to A3; their handles start at the first one.
     static void scanThree() {
         for (const char* const name : {"dev1", "dev2", "dev3"}) {
             fake::plug(name, fake::bulkReader(std::string("A") + name[3]));
@@ -53,7 +53,7 @@ TEST_F(HotPlugPollingTest, ReaderThatWasNeverScannedIsReportedOnceUntilTheNextSc
     EXPECT_THAT(events.take(), ElementsAre("connect hnd=0 id=a2", "connect hnd=0 id=a1"));
 }
 
-TEST_F(HotPlugPollingTest, OtherDevicesAreNotEvenOpened) {
+TEST_F(HotPlugPollingTest, OtherDevicesAreNotOpened) {
     fake::FakeReader otherProduct = fake::bulkReader("A9");
     otherProduct.product = 5;
     fake::plug("lamp", fake::foreignDevice());
@@ -67,7 +67,7 @@ TEST_F(HotPlugPollingTest, OtherDevicesAreNotEvenOpened) {
                                     "libusb_free_device_list(list, 1)\n");
 }
 
-TEST_F(HotPlugPollingTest, KnownReaderCostsOneDescriptor) {
+TEST_F(HotPlugPollingTest, KnownReaderTakesOneDescriptorRead) {
     fake::plug("dev1", fake::bulkReader("A1"));
     ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
     fake::setString("dev1", 1, "B1");
@@ -98,7 +98,7 @@ TEST_F(HotPlugPollingTest, OpenReaderThatLeftTheScanListCountsAsNew) {
     EXPECT_EQ(GVUSB_IsDevicePresent(firstHandle), 1);
 }
 
-TEST_F(HotPlugPollingTest, PulledReaderIsReportedOnceWithHandleAndId) {
+TEST_F(HotPlugPollingTest, UnpluggedReaderIsReportedOnceWithHandleAndId) {
     scanThree();
     ASSERT_EQ(GVUSB_OpenDevice(0xA2), firstHandle + 1);
     fake::unplug("dev2");
@@ -114,7 +114,7 @@ TEST_F(HotPlugPollingTest, PulledReaderIsReportedOnceWithHandleAndId) {
     poll();
     fake::unplug("dev4");
     poll();
-    EXPECT_THAT(events.take(), IsEmpty()) << "neither coming back nor going again is reported";
+    EXPECT_THAT(events.take(), IsEmpty()) << "neither its return nor its second departure is reported";
 }
 
 TEST_F(HotPlugPollingTest, ScanBeginsANewPeriodForDisconnectsToo) {
@@ -129,7 +129,7 @@ TEST_F(HotPlugPollingTest, ScanBeginsANewPeriodForDisconnectsToo) {
     EXPECT_THAT(events.take(), ElementsAre("disconnect hnd=10000006 id=a1"));
 }
 
-TEST_F(HotPlugPollingTest, ReturnedOpenReaderKeepsHandleAndPlaceAndIsOpenAgain) {
+TEST_F(HotPlugPollingTest, ReturnedOpenReaderKeepsHandleAndPositionAndIsReopened) {
     scanThree();
     ASSERT_EQ(GVUSB_OpenDevice(0xA2), firstHandle + 1);
     fake::unplug("dev2");
@@ -148,13 +148,13 @@ TEST_F(HotPlugPollingTest, ReturnedOpenReaderKeepsHandleAndPlaceAndIsOpenAgain) 
     EXPECT_EQ(returned->devHnd, firstHandle + 1);
     EXPECT_EQ(returned->updateMark, 0u);
     EXPECT_FALSE(returned->owner);
-    EXPECT_EQ(nextHandle(), firstHandle + 4) << "the handle drawn for it is thrown away";
+    EXPECT_EQ(nextHandle(), firstHandle + 4) << "the handle assigned to it is discarded";
     EXPECT_EQ(GVUSB_IsDevicePresent(firstHandle + 1), 1);
     EXPECT_EQ(fake::references("dev2"), 0);
     expectConsistentLists({"dev1", "dev2", "dev3", "dev4"});
 }
 
-TEST_F(HotPlugPollingTest, ReturnIsSeenInThisOrderOfCalls) {
+TEST_F(HotPlugPollingTest, ReturnTakesTheseCallsInOrder) {
     fake::plug("dev1", fake::bulkReader("A1"));
     ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
     fake::replug("dev1", "dev2");
@@ -197,7 +197,7 @@ TEST_F(HotPlugPollingTest, ReturnWithinOneIntervalIsReportedAsADisconnect) {
     EXPECT_EQ(scanList().at(1)->updateMark, 1u);
 }
 
-TEST_F(HotPlugPollingTest, ReturnedClosedReaderIsANewRecordInTheOldPlace) {
+TEST_F(HotPlugPollingTest, ReturnedClosedReaderIsANewRecordAtTheOldPosition) {
     scanThree();
     fake::replug("dev1", "dev4");
     poll();
@@ -222,7 +222,7 @@ TEST_F(HotPlugPollingTest, ReaderWithoutReadableIdIsIgnoredUntilItCanBeRead) {
     EXPECT_THAT(events.take(), ElementsAre("connect hnd=0 id=a1"));
 }
 
-TEST_F(HotPlugPollingTest, ReturnedReaderThatCannotBeIdentifiedIsTriedAgain) {
+TEST_F(HotPlugPollingTest, ReturnedReaderThatCannotBeIdentifiedIsRetried) {
     scanThree();
     ASSERT_EQ(GVUSB_OpenDevice(0xA1), firstHandle);
     GVDevice* const old = scanList().at(0);
@@ -232,7 +232,7 @@ TEST_F(HotPlugPollingTest, ReturnedReaderThatCannotBeIdentifiedIsTriedAgain) {
     EXPECT_THAT(events.take(), ElementsAre("disconnect hnd=10000001 id=a1"));
     EXPECT_EQ(scanList().at(0), old);
     EXPECT_EQ(fake::references("dev4"), 0);
-    EXPECT_EQ(nextHandle(), firstHandle + 4) << "its handle is lost";
+    EXPECT_EQ(nextHandle(), firstHandle + 4) << "its handle is not reused";
 
     fake::setString("dev4", 5, "READER ONE");
     poll();
@@ -282,7 +282,7 @@ TEST_F(HotPlugPollingTest, HolesInTheScanListAreSkipped) {
     EXPECT_EQ(scanList().size(), 5u);
 }
 
-TEST_F(HotPlugPollingTest, ScannedReaderWithDeviceIdZeroIsReportedWhenItGoes) {
+TEST_F(HotPlugPollingTest, ScannedReaderWithDeviceIdZeroIsReportedOnDeparture) {
     fake::plug("dev1", fake::bulkReader("0"));
     ASSERT_EQ(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), 0);
     poll();
@@ -292,7 +292,7 @@ TEST_F(HotPlugPollingTest, ScannedReaderWithDeviceIdZeroIsReportedWhenItGoes) {
     EXPECT_THAT(events.take(), ElementsAre("disconnect hnd=10000001 id=0"));
 }
 
-TEST_F(HotPlugPollingTest, ReaderWithDeviceIdZeroIsNeitherReportedWhenItComesNorPutBack) {
+TEST_F(HotPlugPollingTest, ReaderWithDeviceIdZeroIsNeitherReportedOnArrivalNorReplaced) {
     fake::plug("dev1", fake::bulkReader("0"));
     poll();
     EXPECT_THAT(events.take(), IsEmpty());
@@ -307,7 +307,7 @@ TEST_F(HotPlugPollingTest, ReaderWithDeviceIdZeroIsNeitherReportedWhenItComesNor
 
     ASSERT_EQ(GVUSB_CloseDevice(firstHandle), 0);
     const int devHnd = GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr);
-    EXPECT_EQ(GVUSB_IsDevicePresent(devHnd), 1) << "closed, scanned and opened it works again";
+    EXPECT_EQ(GVUSB_IsDevicePresent(devHnd), 1) << "after closing, scanning and opening it works again";
 }
 
 TEST_F(HotPlugPollingTest, ReaderThatChangesItsIdWhileItIsIdentifiedReplacesTheEntryOnly) {
@@ -329,7 +329,7 @@ TEST_F(HotPlugPollingTest, ReaderThatChangesItsIdWhileItIsIdentifiedReplacesTheE
     expectConsistentLists({"dev1", "dev2", "dev3", "dev4"});
 }
 
-TEST_F(HotPlugPollingTest, EmptyBusIsFreedToo) {
+TEST_F(HotPlugPollingTest, EmptyDeviceListIsFreedToo) {
     fake::takeCalls();
     poll();
     EXPECT_EQ(fake::takeCallText(), "libusb_get_device_list(default) = 0\n"

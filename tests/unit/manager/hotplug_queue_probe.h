@@ -1,4 +1,4 @@
-// Tells when another thread has begun to stop a queue of hot-plug events.
+// Detects that another thread has begun to stop a queue of hot-plug events.
 #pragma once
 
 #include "manager/hotplug_queue.h"
@@ -8,8 +8,8 @@
 
 #include <string_view>
 
-// What is posted from then on is not kept, so it takes no more references to the device. What this posts before is
-// dropped with the rest.
+// A stopping queue drops new events without referencing the device. Events posted here before are dropped
+// with the rest.
 inline bool isBeingStopped(HotPlugQueue& queue, std::string_view device) {
     return waiting::eventually([&] {
         const int before = fake_libusb::references(device);

@@ -31,7 +31,7 @@ constexpr auto left = LIBUSB_HOTPLUG_EVENT_DEVICE_LEFT;
 
 using Report = std::pair<libusb_hotplug_event, libusb_device*>;
 
-// What the queue's reporter is told.
+// The events that the queue reports.
 class Reports {
 public:
     explicit Reports(std::function<void(libusb_device*)> inReport = {})
@@ -93,7 +93,7 @@ TEST_F(HotPlugQueueTest, ReportsEverythingInTheOrderOfPostingFromOneThread) {
         posted.emplace_back(i % 3 == 0 ? left : arrived, devices[i * i % devices.size()]);
         queue.Post(posted.back().first, posted.back().second);
         if (i % 50 == 0) {
-            waiting::doze(); // some are reported meanwhile, so that there are several batches
+            waiting::doze(); // let the thread report some, so that there are several batches
         }
     }
     EXPECT_TRUE(reports.come(posted.size()));
@@ -121,7 +121,7 @@ TEST_F(HotPlugQueueTest, StartsItsOneThreadWithTheFirstEventAndEndsItWhenStopped
     EXPECT_EQ(waiting::settledThreads(), before);
 }
 
-TEST_F(HotPlugQueueTest, ItsThreadTakesNoSignal) {
+TEST_F(HotPlugQueueTest, ItsThreadBlocksSignals) {
     libusb_device* const dev1 = plug("dev1");
     sigset_t blocked;
     sigemptyset(&blocked);
@@ -135,7 +135,7 @@ TEST_F(HotPlugQueueTest, ItsThreadTakesNoSignal) {
     }
 }
 
-TEST_F(HotPlugQueueTest, PostingWaitsForNoReport) {
+TEST_F(HotPlugQueueTest, PostingDoesNotWaitForReports) {
     libusb_device* const dev1 = plug("dev1");
     waiting::Turnstile turnstile;
     Reports reports([&](libusb_device*) { turnstile.pass(); });
@@ -195,7 +195,7 @@ TEST_F(HotPlugQueueTest, KeepsADeviceUntilItIsReported) {
     EXPECT_THAT(fake::misuses(), IsEmpty());
 }
 
-// Of what is waiting, a part is in the hands of the thread already and a part is not.
+// The thread has already taken some of the waiting events from the queue.
 TEST_F(HotPlugQueueTest, StopWaitsForTheReportInProgressAndDropsTheRest) {
     std::vector<libusb_device*> devices;
     for (int i = 0; i < 6; ++i) {
@@ -238,7 +238,7 @@ TEST_F(HotPlugQueueTest, DestructionStops) {
     EXPECT_EQ(waiting::settledThreads(), before);
 }
 
-TEST_F(HotPlugQueueTest, WhatIsPostedAfterTheStopIsDropped) {
+TEST_F(HotPlugQueueTest, EventsPostedAfterTheStopAreDropped) {
     libusb_device* const dev1 = plug("dev1");
     for (const bool used : {false, true}) {
         Reports reports;
@@ -257,7 +257,7 @@ TEST_F(HotPlugQueueTest, WhatIsPostedAfterTheStopIsDropped) {
     }
 }
 
-// As a handler does that calls exit(): it runs in the queue's thread, which then stops its own queue.
+// As in a handler that calls exit(): the queue's thread stops its own queue.
 TEST_F(HotPlugQueueTest, StopInsideAReportDoesNotWaitForItself) {
     libusb_device* const dev1 = plug("dev1");
     libusb_device* const dev2 = plug("dev2");
@@ -267,7 +267,7 @@ TEST_F(HotPlugQueueTest, StopInsideAReportDoesNotWaitForItself) {
     Reports reports([&](libusb_device*) {
         turnstile.pass();
         stopped->Stop();
-        pthread_detach(pthread_self()); // nobody joins it any more
+        pthread_detach(pthread_self()); // no thread joins it
     });
     HotPlugQueue queue(process, &Reports::take, &reports);
     stopped = &queue;
@@ -308,14 +308,14 @@ TEST_F(HotPlugQueueTest, EventWithoutAThreadIsReportedWithTheNextOne) {
 
 TEST_F(HotPlugQueueTest, FailedAllocationDropsThatEventOnly) {
     if (!support::allocationsAreWatched) {
-        GTEST_SKIP() << "operator new is the sanitizer's";
+        GTEST_SKIP() << "the sanitizer replaces operator new";
     }
     libusb_device* const dev1 = plug("dev1");
     waiting::Turnstile turnstile;
     Reports reports([&](libusb_device*) { turnstile.pass(); });
     const auto before = waiting::settledThreads();
     HotPlugQueue queue(process, &Reports::take, &reports);
-    // Returns whether an allocation was asked for; each one fails.
+    // Returns whether an allocation was attempted; each one fails.
     const auto postWithoutMemory = [&](libusb_hotplug_event event) {
         const auto failure = support::failAllocation(1);
         EXPECT_NO_THROW(queue.Post(event, dev1));
@@ -329,7 +329,7 @@ TEST_F(HotPlugQueueTest, FailedAllocationDropsThatEventOnly) {
     ASSERT_TRUE(turnstile.isReached());
     int kept = 1;
     int dropped = 0;
-    while (dropped < 3) { // what is waiting needs more room now and then
+    while (dropped < 3) { // the queue allocates only from time to time
         if (postWithoutMemory(left)) {
             ++dropped;
             queue.Post(arrived, dev1);
@@ -372,9 +372,9 @@ TEST_F(HotPlugQueueTest, ManyThreadsMayPostWhileItIsStopped) {
     for (std::thread& each : threads) {
         each.join();
     }
-    EXPECT_EQ(reports.all(), reported) << "nothing comes after the stop";
+    EXPECT_EQ(reports.all(), reported) << "nothing is reported after the stop";
     for (std::size_t i = 0; i < posters; ++i) {
-        libusb_hotplug_event expected = arrived; // each thread's own events stay in order
+        libusb_hotplug_event expected = arrived; // the events of each thread stay in order
         for (const auto& [event, device] : reported) {
             if (device == devices[i]) {
                 EXPECT_EQ(event, expected);

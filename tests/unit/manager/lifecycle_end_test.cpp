@@ -1,4 +1,4 @@
-// How the manager ends.
+// Destruction of the manager.
 #include "lifecycle_test.h"
 
 #include "manager_lists.h"
@@ -36,7 +36,7 @@ protected:
         return g_EvtInitAry.size();
     }
 
-    // How unloading finds out whether another thread handles libusb's events.
+    // Calls by which unloading checks whether another thread handles libusb's events.
     static bool isAboutEventHandling(std::string_view function) {
         return function.find("event") != std::string_view::npos ||
                function.find("pollfds") != std::string_view::npos;
@@ -48,7 +48,7 @@ protected:
         return std::chrono::steady_clock::now() - begin;
     }
 
-    // Until the worker is in a sleep that began after `sleepsBefore`.
+    // Wait until the worker is in a sleep that began after `sleepsBefore`.
     static void waitForSleep(int sleepsBefore) {
         while (support::sleepsBegun() == sleepsBefore) {
             std::this_thread::sleep_for(std::chrono::microseconds(100));
@@ -58,7 +58,7 @@ protected:
 
 } // namespace
 
-TEST_F(EndTest, LeavesLibusbInModesZeroAndOne) {
+TEST_F(EndTest, ExitsLibusbInModesZeroAndOne) {
     for (const char* configuration : {"nopnp", "gvusb_hotplug=1", "gvusb_hotplug=7"}) {
         load(configuration);
         EXPECT_THAT(unload(), ElementsAre("libusb_exit(default)")) << configuration;
@@ -72,7 +72,7 @@ TEST_F(EndTest, DeregistersTheCallbacksInModeTwo) {
                             "libusb_hotplug_deregister_callback(default, 2)", "libusb_exit(default)"));
 }
 
-TEST_F(EndTest, FailedRegistrationsAreNotMissed) {
+TEST_F(EndTest, FailedRegistrationsAreNotDeregistered) {
     load("gvusb_hotplug=2", [] { fake::failNext("libusb_hotplug_register_callback", LIBUSB_ERROR_NO_MEM); });
     unload();
     load("gvusb_hotplug=2",
@@ -80,8 +80,8 @@ TEST_F(EndTest, FailedRegistrationsAreNotMissed) {
     unload();
 }
 
-// dev1 is scanned, dev2 open and scanned, dev3 only open.
-TEST_F(EndTest, DestroysScannedThenOpenReadersBeforeItLeavesLibusb) {
+// dev1 is only scanned, dev2 open and scanned, dev3 only open.
+TEST_F(EndTest, DestroysScannedThenOpenReadersBeforeItExitsLibusb) {
     load("gvusb_hotplug=2");
     fake::plug("dev3", fake::bulkReader("3"));
     ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
@@ -106,7 +106,7 @@ TEST_F(EndTest, FreesTheRegistrations) {
     EXPECT_EQ(handlers(), 0u);
 }
 
-TEST_F(EndTest, StopsTheWorkerThenKeepsScansOutThenClears) {
+TEST_F(EndTest, StopsTheWorkerThenBlocksScansThenClears) {
     load("gvusb_hotplug=2");
     fake::plug("dev1", fake::bulkReader("1"));
     ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
@@ -147,7 +147,7 @@ TEST_F(EndTest, DoesNotWaitForALongSleep) {
 }
 
 // The worker may not have begun its first sleep yet.
-TEST_F(EndTest, MayFollowTheStartAtOnce) {
+TEST_F(EndTest, MayFollowTheStartImmediately) {
     for (int i = 0; i < 20; ++i) {
         load("gvusb_updaterate=4000000");
         EXPECT_LT(timeToUnload(), std::chrono::seconds(5));
@@ -199,7 +199,7 @@ TEST_F(EndTest, WaitsForAPollInProgress) {
     new (&g_GvUsbMan) GVDrvHnd;
 }
 
-// The context would be freed under the thread that handles its events.
+// Freeing the context would crash the thread that handles its events.
 TEST_F(EndTest, LeavesTheContextToAThreadThatHandlesEvents) {
     for (const char* configuration : {"nopnp", "gvusb_hotplug=1", "gvusb_hotplug=2"}) {
         load(configuration);
@@ -217,7 +217,7 @@ TEST_F(EndTest, LeavesTheContextToAThreadThatHandlesEvents) {
     }
 }
 
-TEST_F(EndTest, LeavesTheContextToAThreadThatIsBetweenTwoRounds) {
+TEST_F(EndTest, LeavesTheContextToAThreadThatIsBetweenTwoIterations) {
     load("nopnp");
     fake::setHook([&](std::string_view function, std::string_view) {
         if (function == "libusb_event_handler_active" && fake::timesCalled(function) == 3) {
@@ -232,8 +232,8 @@ TEST_F(EndTest, LeavesTheContextToAThreadThatIsBetweenTwoRounds) {
     new (&g_GvUsbMan) GVDrvHnd;
 }
 
-// libusb_exit would wait for a thread that it cannot wake up any more.
-TEST_F(EndTest, LeavesTheContextWhereItsDescriptorsAreClosed) {
+// libusb_exit() would wait for a thread that it can no longer wake up.
+TEST_F(EndTest, LeavesTheContextIfItsDescriptorsAreClosed) {
     load("nopnp");
     const int closed = dup(STDOUT_FILENO);
     close(closed);
@@ -263,8 +263,8 @@ TEST_F(EndTest, InterruptsTheEventHandlerAndWaitsForItInModeTwo) {
     new (&g_GvUsbMan) GVDrvHnd;
 }
 
-// Such a thread handles events and ends the process from a callback of its own, say.
-TEST_F(EndTest, WaitsForAnEventHandlerThatDoesNotMoveForOneSecondOnly) {
+// For example, a thread that handles events and ends the process in its own callback.
+TEST_F(EndTest, WaitsOnlyOneSecondForAStuckEventHandler) {
     load("gvusb_hotplug=2");
     fake::setEventHandlerStuck();
     const auto begin = std::chrono::steady_clock::now();
@@ -276,7 +276,7 @@ TEST_F(EndTest, WaitsForAnEventHandlerThatDoesNotMoveForOneSecondOnly) {
     new (&g_GvUsbMan) GVDrvHnd;
 }
 
-TEST_F(EndTest, ManagerComesBackAnyNumberOfTimes) {
+TEST_F(EndTest, ManagerCanBeReloadedAnyNumberOfTimes) {
     for (int i = 0; i < 10; ++i) {
         load("gvusb_hotplug=2");
         fake::plug("dev1", fake::bulkReader("1A2B3C"));
@@ -287,8 +287,7 @@ TEST_F(EndTest, ManagerComesBackAnyNumberOfTimes) {
 
 using EndDeathTest = EndTest;
 
-// The end of a real process: registrations and readers that the application left are still there when the
-// manager clears them.
+// In a real process, the manager clears the registrations and readers that the application left behind.
 TEST_F(EndDeathTest, ProcessEndsCleanlyWithEverythingLeftOpen) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(

@@ -1,4 +1,4 @@
-// What the log tells of the manager's beginning and end.
+// The log of the manager's construction and destruction.
 #include "lifecycle_test.h"
 
 #include "captured_stdout.h"
@@ -38,7 +38,7 @@ struct GroupedDigits : std::numpunct<char> {
 
 } // namespace
 
-TEST_F(LifecycleLogTest, StartTellsVersionsLevelsAndMode) {
+TEST_F(LifecycleLogTest, StartLogsVersionsLevelsAndMode) {
     EXPECT_THAT(logOfLoading("gvusb_debuglevel=1"),
                 ElementsAre("[init] libUSB-Version=1.0.26.11724   API=1000105", "[init] libUSB-DebugLevel=0",
                             "[init] libUSB-HasHotPlug=1", "[init] gvUSB-Version=7.1.0  ",
@@ -46,7 +46,7 @@ TEST_F(LifecycleLogTest, StartTellsVersionsLevelsAndMode) {
                             "[init] gvUSB-UpdateRate=300msec"));
 }
 
-TEST_F(LifecycleLogTest, StartTellsWhatIsConfigured) {
+TEST_F(LifecycleLogTest, StartLogsTheConfiguration) {
     EXPECT_THAT(logOfLoading("libusb_debuglevel=3 gvusb_debuglevel=2 gvusb_updaterate=1250"),
                 ElementsAre("[init] libUSB-Version=1.0.26.11724   API=1000105", "[init] libUSB-DebugLevel=3",
                             "[init] libUSB-HasHotPlug=1", "[init] gvUSB-Version=7.1.0  ",
@@ -54,7 +54,7 @@ TEST_F(LifecycleLogTest, StartTellsWhatIsConfigured) {
                             "[init] gvUSB-UpdateRate=1250msec"));
 }
 
-TEST_F(LifecycleLogTest, StartInModeTwoTellsOfTheCallbacks) {
+TEST_F(LifecycleLogTest, StartInModeTwoLogsTheCallbacks) {
     EXPECT_THAT(logOfLoading("gvusb_debuglevel=1 gvusb_hotplug=2"),
                 ElementsAre("[init] libUSB-Version=1.0.26.11724   API=1000105", "[init] libUSB-DebugLevel=0",
                             "[init] libUSB-HasHotPlug=1", "[init] gvUSB-Version=7.1.0  ",
@@ -62,7 +62,7 @@ TEST_F(LifecycleLogTest, StartInModeTwoTellsOfTheCallbacks) {
                             "[init] libUSB callbacks registered"));
 }
 
-TEST_F(LifecycleLogTest, CallbacksAreCalledRegisteredEvenIfLibusbRefusedThem) {
+TEST_F(LifecycleLogTest, CallbacksAreLoggedAsRegisteredEvenIfLibusbRefusedThem) {
     EXPECT_EQ(
         logOfLoading("gvusb_debuglevel=1 gvusb_hotplug=2",
                      [] { fake::failAlways("libusb_hotplug_register_callback", LIBUSB_ERROR_NOT_SUPPORTED); })
@@ -90,7 +90,7 @@ TEST_F(LifecycleLogTest, ReleaseCandidateFollowsTheVersionDirectly) {
               "[init] libUSB-Version=1.0.27.11882-rc1   API=1000105");
 }
 
-TEST_F(LifecycleLogTest, VersionLineEndsWhereTheReleaseCandidateIsMissing) {
+TEST_F(LifecycleLogTest, VersionLineIsShorterWithoutAReleaseCandidate) {
     const auto withoutText = [] { fake::setVersion({1, 0, 8, 10555, nullptr, ""}); };
     EXPECT_THAT(logOfLoading("nopnp gvusb_debuglevel=1", withoutText),
                 ElementsAre("[init] libUSB-Version=1.0.8.10555", "[init] libUSB-DebugLevel=0",
@@ -123,7 +123,7 @@ TEST_F(LifecycleLogTest, NothingIsLoggedAtLevelZeroAndBelow) {
     }
 }
 
-TEST_F(LifecycleLogTest, EndIsToldBeforeAndAfterLibusbIsLeft) {
+TEST_F(LifecycleLogTest, EndIsLoggedBeforeAndAfterLibusbExits) {
     for (const char* configuration :
          {"gvusb_debuglevel=1", "gvusb_debuglevel=2 gvusb_hotplug=2", "gvusb_debuglevel=1 nopnp"}) {
         SCOPED_TRACE(configuration);

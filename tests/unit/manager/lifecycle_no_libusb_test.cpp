@@ -1,11 +1,13 @@
-// libusb_init may fail (no netlink, descriptors used up). The library is loaded all the same, finds nothing,
-// and never hands libusb the context that does not exist: libusb would crash the application.
+// libusb_init() may fail (no netlink, no free descriptors). The library then loads, finds no readers, and
+// never passes the missing context to libusb, which would crash.
 #include "lifecycle_test.h"
 
 #include "captured_stdout.h"
 #include "worker_sleep.h"
 
 #include "base/log.h"
+
+#include <ostream>
 
 #include <gmock/gmock.h>
 
@@ -35,6 +37,10 @@ struct Mode {
     const char* configuration;
 };
 
+void PrintTo(const Mode& mode, std::ostream* stream) {
+    *stream << mode.configuration;
+}
+
 class NoLibusbInModeTest : public NoLibusbTest, public testing::WithParamInterface<Mode> {
 protected:
     static void loadWithout() { NoLibusbTest::loadWithout(GetParam().configuration); }
@@ -46,7 +52,7 @@ INSTANTIATE_TEST_SUITE_P(Modes, NoLibusbInModeTest,
                                          Mode{"NoPnp", "nopnp libusb_debuglevel=4"}),
                          [](const auto& each) { return std::string(each.param.name); });
 
-TEST_P(NoLibusbInModeTest, LoadingAsksOnlyWhatNeedsNoContext) {
+TEST_P(NoLibusbInModeTest, LoadingMakesOnlyCallsThatNeedNoContext) {
     loadWithout();
     EXPECT_THAT(fake::takeCalls(),
                 ElementsAre("libusb_init(default) = -99", "libusb_get_version()",
@@ -67,7 +73,7 @@ TEST_P(NoLibusbInModeTest, ScansFindNothing) {
     expectNoMisuse();
 }
 
-TEST_P(NoLibusbInModeTest, FunctionsOnReadersKnowNone) {
+TEST_P(NoLibusbInModeTest, ReaderFunctionsFindNone) {
     loadWithout();
     fake::takeCalls();
     unsigned char buffer[4] = {};
@@ -84,7 +90,7 @@ TEST_P(NoLibusbInModeTest, FunctionsOnReadersKnowNone) {
     expectNoMisuse();
 }
 
-TEST_P(NoLibusbInModeTest, PollsDoNotAskLibusb) {
+TEST_P(NoLibusbInModeTest, PollsDoNotCallLibusb) {
     loadWithout();
     fake::takeCalls();
     g_GvUsbMan.UpdateDevices();
@@ -92,12 +98,12 @@ TEST_P(NoLibusbInModeTest, PollsDoNotAskLibusb) {
     expectNoMisuse();
 }
 
-TEST_P(NoLibusbInModeTest, UnloadingDoesNotLeaveWhatWasNotEntered) {
+TEST_P(NoLibusbInModeTest, UnloadingDoesNotExitLibusb) {
     loadWithout();
     EXPECT_THAT(unload(), IsEmpty());
 }
 
-TEST_F(NoLibusbTest, StartReadsAsUsual) {
+TEST_F(NoLibusbTest, StartIsLoggedAsUsual) {
     support::CapturedStdout output;
     loadWithout("gvusb_debuglevel=1 gvusb_hotplug=2");
     EXPECT_THAT(output.takeLogLines(),

@@ -1,4 +1,4 @@
-// How the manager begins.
+// Construction of the manager.
 #include "lifecycle_test.h"
 
 #include "captured_stdout.h"
@@ -55,7 +55,7 @@ constexpr const char* registerDisconnect =
 
 } // namespace
 
-TEST_F(StartTest, WithoutConfigurationFileTheDefaultsHold) {
+TEST_F(StartTest, WithoutConfigurationFileTheDefaultsApply) {
     load(std::nullopt);
     EXPECT_EQ(relaxed::load(g_GvUsbMan.m_iLastError), 0);
     EXPECT_FALSE(g_GvUsbMan.m_bStopThread);
@@ -83,7 +83,7 @@ TEST_F(StartTest, MutexesAreFree) {
     EXPECT_FALSE(support::isHeld(g_MtxEvtInitAry));
 }
 
-TEST_F(StartTest, LibusbIsAskedInOrder) {
+TEST_F(StartTest, LibusbIsCalledInOrder) {
     load(std::nullopt);
     EXPECT_THAT(fake::takeCalls(), ElementsAreArray(callsWithoutFile));
 }
@@ -118,7 +118,7 @@ TEST_F(StartTest, OnlyModeOnePolls) {
     EXPECT_FALSE(suspended());
 }
 
-TEST_F(StartTest, ModesWithoutMeaningAreKept) {
+TEST_F(StartTest, UnknownModesAreKept) {
     load("gvusb_hotplug=7");
     EXPECT_EQ(mode(), 7);
     EXPECT_EQ(fake::registeredCallbacks(), 0);
@@ -139,7 +139,7 @@ TEST_F(StartTest, ModeTwoNeedsLibusbsHotPlug) {
     EXPECT_EQ(mode(), 1);
 }
 
-TEST_F(StartTest, NoPnpBeatsEveryMode) {
+TEST_F(StartTest, NoPnpOverridesEveryMode) {
     for (const char* configuration : {"nopnp gvusb_hotplug=2", "gvusb_hotplug=1\nnopnp"}) {
         load(configuration);
         EXPECT_EQ(mode(), 0) << configuration;
@@ -147,7 +147,7 @@ TEST_F(StartTest, NoPnpBeatsEveryMode) {
     }
 }
 
-TEST_F(StartTest, FailedRegistrationsGoUnnoticed) {
+TEST_F(StartTest, FailedRegistrationsAreIgnored) {
     load("gvusb_hotplug=2",
          [] { fake::failAlways("libusb_hotplug_register_callback", LIBUSB_ERROR_NO_MEM); });
     EXPECT_EQ(mode(), 2);
@@ -181,7 +181,7 @@ TEST_F(StartTest, LibusbWithoutCapabilityQueryStillFindsReaders) {
     EXPECT_NE(GVUSB_GetDeviceList(0), 0);
 }
 
-TEST_F(StartTest, ConfigurationFileIsOpenedOnceBeforeLibusbIsTouched) {
+TEST_F(StartTest, ConfigurationFileIsOpenedOnceBeforeLibusbIsCalled) {
     int opensBefore = -1;
     load("nopnp", [&] {
         fake::setHook([&](std::string_view function, std::string_view) {
@@ -204,13 +204,13 @@ TEST_F(StartTest, ConfigurationFileIsClosed) {
     EXPECT_EQ(openFiles(), before);
 }
 
-TEST_F(StartTest, UnreadableConfigurationFileIsLikeNone) {
+TEST_F(StartTest, UnreadableConfigurationFileIsIgnored) {
     load("nopnp", [] { support::makeConfigurationUnreadable(); });
     EXPECT_EQ(mode(), 1);
     EXPECT_THAT(fake::takeCalls(), ElementsAreArray(callsWithoutFile));
 }
 
-// A FIFO without a writer would be waited for, a device can be read without end.
+// Opening a FIFO without a writer would block, and reading a device may never end.
 TEST_F(StartTest, OnlyARegularConfigurationFileIsRead) {
     const std::string fifo = testing::TempDir() + "gvusb_fifo_" + std::to_string(getpid());
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
@@ -259,7 +259,7 @@ TEST_F(StartTest, ConfigurationFileIsReadUpToItsFirst1023Bytes) {
     EXPECT_EQ(mode(), 0);
 }
 
-TEST_F(StartTest, NumberThatIsCutAtByte1023CountsAsFarAsItWasRead) {
+TEST_F(StartTest, NumberThatIsTruncatedAtByte1023IsReadUpToThere) {
     const std::string key = "nopnp gvusb_updaterate=25";
     load(std::string(1023 - key.size(), '#') + key + "0");
     EXPECT_EQ(updateRate(), 25000u);
@@ -283,7 +283,7 @@ TEST_F(StartTest, LogLevelIsTheConfiguredOne) {
     }
 }
 
-TEST_F(StartTest, LevelOfAnEarlierManagerIsGoneWithoutConfiguration) {
+TEST_F(StartTest, LevelOfAnEarlierManagerIsResetWithoutConfiguration) {
     GVLOG_SetLevel(2);
     g_GvUsbMan.SetLastError(-1199);
     const support::CapturedStdout output;
@@ -292,7 +292,7 @@ TEST_F(StartTest, LevelOfAnEarlierManagerIsGoneWithoutConfiguration) {
     EXPECT_EQ(relaxed::load(g_GvUsbMan.m_iLastError), 0);
 }
 
-// A thread that cannot be had is not waited for at the end either.
+// If the thread could not be created, unloading must not join it.
 TEST_F(StartTest, LoadingAndUnloadingWorkWithoutWorkerThread) {
     pthread_attr_t usual;
     pthread_attr_t enormous;

@@ -1,5 +1,4 @@
-// A test of the manager's beginning and end: it is built and destroyed under the circumstances that the test
-// prepares.
+// The fixture for the manager's construction and destruction, in a state that the test prepares.
 #pragma once
 
 #include "manager_test.h"
@@ -11,8 +10,8 @@
 
 class LifecycleTest : public ManagerTest {
 protected:
-    // Unloads and loads with this configuration file, none for nullopt. libusb is as `prepare` leaves it;
-    // only this thread's calls are recorded, and none made by a worker that polls.
+    // Simulate unloading and loading with this configuration file (nullopt: none) and after `prepare`.
+    // Records only this thread's calls, and so none of a polling worker.
     static void load(
         const std::optional<std::string>& configuration, const std::function<void()>& prepare = [] {}) {
         g_GvUsbMan.~GVDrvHnd();
@@ -23,9 +22,9 @@ protected:
         new (&g_GvUsbMan) GVDrvHnd;
     }
 
-    // What libusb is called when the manager goes. Another one, that does not poll, takes its place.
+    // The libusb calls of unloading. Afterwards loads again, without polling.
     static std::vector<std::string> unload() {
-        // How it finds out whether another thread handles libusb's events is of no interest here.
+        // Leave out the calls that check whether another thread handles libusb's events.
         fake_libusb::recordAllBut({"libusb_try_lock_events", "libusb_unlock_events",
                                    "libusb_event_handler_active", "libusb_get_pollfds",
                                    "libusb_free_pollfds"});

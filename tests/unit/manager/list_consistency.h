@@ -1,4 +1,4 @@
-// What holds of the manager's lists whatever happened, as a text that says what does not.
+// The invariants of the manager's lists; violations are returned as text.
 #pragma once
 
 #include "manager_lists.h"
@@ -14,8 +14,8 @@ inline long count(const Devices& devices, const GVDevice* device) {
     return std::count(devices.begin(), devices.end(), device);
 }
 
-// Everything that the manager holds of these devices is held by a record that stands in a list, once in each;
-// what is open can be reached by its handle.
+// Every resource of these devices belongs to a record that is in a list, at most once in each, and every open
+// record can be found by its handle.
 inline std::string inconsistencies(const std::vector<std::string>& deviceNames) {
     std::string text;
     const auto expect = [&](bool holds, const std::string& what, const char* rule) {
@@ -32,14 +32,14 @@ inline std::string inconsistencies(const std::vector<std::string>& deviceNames) 
     std::set<int> handles;
     for (GVDevice* record : records) {
         const std::string what = "devHnd 0x" + hex(static_cast<unsigned>(record->devHnd));
-        expect(count(scanned, record) <= 1, what, "stands in the scan list more than once");
-        expect(count(opened, record) <= 1, what, "stands in the device list more than once");
-        expect(handles.insert(record->devHnd).second, what, "the handle is another record's too");
+        expect(count(scanned, record) <= 1, what, "is in the scan list more than once");
+        expect(count(opened, record) <= 1, what, "is in the device list more than once");
+        expect(handles.insert(record->devHnd).second, what, "another record has the same handle");
         if (count(opened, record) == 0) {
-            expect(record->owner, what, "only the scan list has it, but does not own it");
+            expect(record->owner, what, "only in the scan list, which does not own it");
             expect(!isOpen(*record), what, "open, but not in the device list");
         } else if (count(scanned, record) == 0) {
-            expect(!record->owner, what, "only the device list has it, but does not own it");
+            expect(!record->owner, what, "only in the device list, which does not own it");
         }
     }
     for (const std::string& name : deviceNames) {
@@ -52,8 +52,9 @@ inline std::string inconsistencies(const std::vector<std::string>& deviceNames) 
                 openHandles += isOpen(*record) ? 1 : 0;
             }
         }
-        expect(fake_libusb::references(name) == references, name, "its references are not those of records");
-        expect(fake_libusb::openHandles(name) == openHandles, name, "its handles are not those of records");
+        expect(fake_libusb::references(name) == references, name, "its references differ from its records");
+        expect(fake_libusb::openHandles(name) == openHandles, name,
+               "its open handles differ from its records");
     }
     return text;
 }

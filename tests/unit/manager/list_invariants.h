@@ -1,4 +1,4 @@
-// The rules of the manager's lists as an expectation, and the manager's end and new beginning for sweeps.
+// Checks the invariants of the manager's lists, and reloads the manager for sweeps.
 #pragma once
 
 #include "list_consistency.h"
@@ -19,11 +19,11 @@ inline void expectConsistentLists(const std::vector<std::string>& deviceNames) {
     EXPECT_EQ(inconsistencies(deviceNames), "");
 }
 
-// Unloads and loads, in effect, with the configuration file that there is; nothing may be left over.
+// Simulate unloading and loading with the current configuration file; nothing may be left over.
 inline void reload() {
     fake_libusb::stopFailing();
-    // In a thread of its own: the manager goes with a mutex held, and the thread sanitizer counts that
-    // against the thread as long as it lives.
+    // In a separate thread: the manager destroys a locked mutex, which the thread sanitizer counts as held by
+    // the thread until the thread ends.
     std::thread([] { g_GvUsbMan.~GVDrvHnd(); }).join();
     EXPECT_EQ(fake_libusb::leftovers(), "");
     EXPECT_EQ(fake_libusb::misuses(), std::vector<std::string>());

@@ -1,6 +1,4 @@
-// What the manager's lists hold, and the log that shows it.
-//
-// Reads and writes each under its mutex.
+// Reads and writes the manager's lists, each under its mutex, and captures the log.
 #pragma once
 
 #include "base/log.h"
@@ -71,7 +69,7 @@ inline std::vector<unsigned> deviceIds(const Devices& devices) {
     return ids;
 }
 
-// The handles as an application walks them.
+// The handles in the order in which an application iterates over them.
 inline std::vector<int> openHandlesInOrder() {
     std::vector<int> handles;
     for (int devHnd = 0; (devHnd = GVUSB_GetDeviceList(devHnd)) != 0;) {
@@ -85,12 +83,12 @@ inline bool isOpen(GVDevice& device) {
     return device.usbdev_hnd != nullptr;
 }
 
-// The manager's last error, which GVUSB_GetLastError would clear.
+// The manager's last error, without clearing it as GVUSB_GetLastError() does.
 inline int lastError() {
     return relaxed::load(g_GvUsbMan.m_iLastError);
 }
 
-// Whether the call waits while the mutex is held, and ends after it.
+// Whether the call waits while the mutex is held, and returns after it is unlocked.
 template <class Call>
 bool waitsFor(Mutex& mutex, Call call) {
     std::future<void> done;
@@ -104,8 +102,8 @@ bool waitsFor(Mutex& mutex, Call call) {
     return waited;
 }
 
-// A log level for the length of a block, and the lines written at it; takeLines() leaves out those of the
-// worker thread, which starts and stops when it gets to it.
+// Sets a log level for the length of a block, and captures the log. takeLines() leaves out the lines of the
+// worker thread, which can appear at any time.
 class LogAt {
 public:
     explicit LogAt(int level) { GVLOG_SetLevel(level); }

@@ -76,7 +76,7 @@ TEST_F(OpeningAllTest, HolesAndOpenReadersAreSkipped) {
     EXPECT_THAT(log.takeLines(), ElementsAre(deviceLine(0, 2), deviceLine(1, 1), deviceLine(2, 3)));
 }
 
-TEST_F(OpeningAllTest, OneFailureIsReportedWhereverItIsAndTheOthersAreOpened) {
+TEST_F(OpeningAllTest, FailureOfAnyReaderIsReportedAndTheOthersAreOpened) {
     for (const unsigned bad : {1u, 2u, 3u}) {
         SCOPED_TRACE(bad);
         reload();
@@ -101,7 +101,7 @@ TEST_F(OpeningAllTest, OneFailureIsReportedWhereverItIsAndTheOthersAreOpened) {
 
         EXPECT_TRUE(scanList().at(bad - 1)->owner);
         expectConsistentLists({"dev1", "dev2", "dev3"});
-        EXPECT_EQ(g_GvUsbMan.OpenAllDevices(), 0) << "the next attempt opens what is missing";
+        EXPECT_EQ(g_GvUsbMan.OpenAllDevices(), 0) << "the next attempt opens the remaining reader";
         EXPECT_EQ(deviceList().size(), 3u);
     }
 }
@@ -115,7 +115,7 @@ TEST_F(OpeningAllTest, OfSeveralFailuresTheLastIsReported) {
     EXPECT_THAT(openHandlesInOrder(), ElementsAre(firstHandle + 2));
 }
 
-TEST_F(OpeningAllTest, NoReaderThatOpensLeavesAnEmptyList) {
+TEST_F(OpeningAllTest, FailureOfAllReadersLeavesAnEmptyList) {
     scanThree();
     fake::failAlways("libusb_open", LIBUSB_ERROR_NO_DEVICE);
     LogAt log(1);

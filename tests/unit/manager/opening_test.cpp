@@ -33,7 +33,7 @@ protected:
     }
 };
 
-// The ways to open the second of three scanned readers, whose device ID is A2.
+// The ways to open the second of three scanned readers, which has the device ID A2.
 struct Way {
     const char* name;
     std::function<int()> open;
@@ -67,7 +67,7 @@ const Failure failures[] = {
 
 } // namespace
 
-TEST_F(OpeningTest, OpenedReaderMovesToTheDeviceListAndGivesItsHandle) {
+TEST_F(OpeningTest, OpeningMovesAReaderToTheDeviceListAndReturnsItsHandle) {
     for (const Way& way : {byId, byIndex}) {
         SCOPED_TRACE(way.name);
         reload();
@@ -87,7 +87,7 @@ TEST_F(OpeningTest, OpenedReaderMovesToTheDeviceListAndGivesItsHandle) {
     }
 }
 
-TEST_F(OpeningTest, OpenReaderGivesItsHandleAgainAndNothingElseHappens) {
+TEST_F(OpeningTest, OpeningAnOpenReaderOnlyReturnsItsHandle) {
     scanThree();
     ASSERT_EQ(byId.open(), firstHandle + 1);
     const Devices before = deviceList();
@@ -104,7 +104,7 @@ TEST_F(OpeningTest, OpenReaderGivesItsHandleAgainAndNothingElseHappens) {
     }
 }
 
-TEST_F(OpeningTest, FailedOpeningLeavesTheReaderScannedAndClosedAndTheNextTriesAgain) {
+TEST_F(OpeningTest, FailedOpeningLeavesTheReaderScannedAndClosedForARetry) {
     for (const Way& way : {byId, byIndex}) {
         for (const Failure& failure : failures) {
             SCOPED_TRACE(testing::Message() << way.name << ": " << failure.call);
@@ -130,7 +130,7 @@ TEST_F(OpeningTest, FailedOpeningLeavesTheReaderScannedAndClosedAndTheNextTriesA
     }
 }
 
-TEST_F(OpeningTest, ReadersOwnLastErrorStaysAsTheAttemptLeftIt) {
+TEST_F(OpeningTest, ReadersOwnLastErrorIsThatOfTheAttempt) {
     scanThree();
     GVDevice* const device = scanList().at(1);
     fake::failNext("libusb_open", LIBUSB_ERROR_ACCESS, "dev2");
@@ -197,7 +197,7 @@ TEST_F(OpeningTest, OfEqualDeviceIdsOnlyTheFirstIsOpened) {
     EXPECT_EQ(deviceList().size(), 1u);
 }
 
-TEST_F(OpeningTest, ReaderWithDeviceIdZeroStandsInTheDeviceListOnce) {
+TEST_F(OpeningTest, ReaderWithDeviceIdZeroIsInTheDeviceListOnce) {
     fake::plug("dev1", fake::bulkReader("0"));
     ASSERT_EQ(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), 0);
     EXPECT_EQ(GVUSB_OpenDevice(0), firstHandle);
@@ -211,7 +211,7 @@ TEST_F(OpeningTest, ReaderWithDeviceIdZeroStandsInTheDeviceListOnce) {
     EXPECT_EQ(fake::openHandles("dev1"), 0);
 }
 
-TEST_F(OpeningTest, LogTellsTheOpeningAtItsLevels) {
+TEST_F(OpeningTest, OpeningIsLoggedAtItsLevels) {
     scanThree();
     LogAt log(0);
     EXPECT_EQ(GVUSB_OpenDevice(0xA1), firstHandle);
@@ -228,7 +228,7 @@ TEST_F(OpeningTest, LogTellsTheOpeningAtItsLevels) {
                             dev2, "[device-list] dev2: " + deviceText(firstHandle + 2, 0xA3, "dev3", false)));
 }
 
-TEST_F(OpeningTest, LogTellsAFailureAtItsLevels) {
+TEST_F(OpeningTest, FailureIsLoggedAtItsLevels) {
     scanThree();
     fake::failAlways("libusb_open", LIBUSB_ERROR_ACCESS);
     for (const Way& way : {byId, byIndex}) {
@@ -267,7 +267,7 @@ TEST_F(OpeningTest, OnlyTheDeviceListMutexIsHeld) {
 
 TEST_F(OpeningTest, EveryAllocationOfAnOpeningMayFail) {
     if (!support::allocationsAreWatched) {
-        GTEST_SKIP() << "operator new is the sanitizer's";
+        GTEST_SKIP() << "the sanitizer replaces operator new";
     }
     const Way all = {"all", [] { return g_GvUsbMan.OpenAllDevices(); }};
     for (const Way& way : {byId, byIndex, all}) {

@@ -1,5 +1,5 @@
-// Whoever opens, closes, scans, plugs and pulls in whatever order: nothing is lost, nothing stands twice,
-// nothing that is gone is used.
+// Opening, closing, scanning, plugging and unplugging in any order: no record is leaked, listed twice in a
+// list, or used after its destruction.
 
 #include "list_invariants.h"
 #include "manager_test.h"
@@ -23,7 +23,7 @@ protected:
     }
 };
 
-// A bus on which anything happens, in an order that the seed decides.
+// Performs random operations on the bus and the library, determined by the seed.
 class Turmoil {
 public:
     explicit Turmoil(unsigned seed)
@@ -72,7 +72,7 @@ public:
     const std::vector<std::string>& names() const { return names_; }
 
 private:
-    static constexpr unsigned deviceIds_ = 4; // few, so that there are twins, and 0 among them
+    static constexpr unsigned deviceIds_ = 4; // few, to get duplicates, and including 0
 
     unsigned pick(unsigned below) { return static_cast<unsigned>(random_() % below); }
 
@@ -132,11 +132,11 @@ TEST_F(OwnershipTest, RecordInBothListsIsDestroyedOnce) {
     ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), 0);
     g_GvUsbMan.ClearDeviceList();
     EXPECT_EQ(fake::references("dev2"), 0);
-    EXPECT_THAT(scanList(), ElementsAre(nullptr)) << "no pointer to what is gone";
+    EXPECT_THAT(scanList(), ElementsAre(nullptr)) << "no dangling pointer";
     GVUSB_ClearScanList();
 }
 
-TEST_F(OwnershipTest, ScanListHandsAClosedRecordWithAHandleToTheDeviceList) {
+TEST_F(OwnershipTest, ScanListPassesAClosedRecordWithAHandleToTheDeviceList) {
     scanAndOpen("A1");
     fake::replug("dev1", "dev2");
     fake::failNth("libusb_open", 3, LIBUSB_ERROR_ACCESS, "dev2");
@@ -154,7 +154,7 @@ TEST_F(OwnershipTest, ScanListHandsAClosedRecordWithAHandleToTheDeviceList) {
     expectConsistentLists({"dev1", "dev2", "dev3"});
 }
 
-TEST_F(OwnershipTest, ListsStayConsistentWhateverHappens) {
+TEST_F(OwnershipTest, ListsStayConsistentUnderRandomOperations) {
     for (unsigned seed = 1; seed <= 8; ++seed) {
         SCOPED_TRACE(seed);
         reload();

@@ -25,7 +25,7 @@ protected:
 
     ParametersTest() { g_GvUsbMan.SetLastError(earlier); }
 
-    // dev1 to dev<count>, with the device IDs 1 to count, open; the handles are firstHandle and up.
+    // Opens dev1 to dev<count>, with the device IDs 1 to count; the handles start at firstHandle.
     static void openReaders(int count) {
         for (int i = 1; i <= count; ++i) {
             fake::plug("dev" + std::to_string(i), fake::bulkReader(std::to_string(i)));
@@ -35,7 +35,7 @@ protected:
         g_GvUsbMan.SetLastError(earlier);
     }
 
-    // The result, which the last error has to equal.
+    // The result, which must equal the last error.
     int get(int devHnd, const char* key) {
         const int code = g_GvUsbMan.GetDevicePara(devHnd, key, value);
         EXPECT_EQ(lastError(), code);
@@ -80,7 +80,7 @@ TEST_F(ParametersTest, DriverKeysMayBeWrittenInAnyCase) {
     EXPECT_FALSE(suspended());
 }
 
-TEST_F(ParametersTest, DriverKeysWorkInOneDirectionOnly) {
+TEST_F(ParametersTest, DriverKeysAreEitherReadOrWritten) {
     EXPECT_EQ(get(driver, "HOTPLUG-UPDATERATE"), -1150);
     EXPECT_EQ(get(driver, "HOTPLUG-SUSPEND"), -1150);
     EXPECT_EQ(set(driver, "HOTPLUG-MODE", "1"), -1150);
@@ -110,7 +110,7 @@ TEST_F(ParametersTest, KeysOfAnyLengthAreRefusedAsUnknown) {
     EXPECT_STREQ(value, "untouched");
 }
 
-TEST_F(ParametersTest, UpdateRateIsTakenInMicroseconds) {
+TEST_F(ParametersTest, UpdateRateIsGivenInMicroseconds) {
     struct Row {
         const char* text;
         unsigned int microseconds;
@@ -142,7 +142,7 @@ TEST_F(ParametersTest, UpdateRateBelowTenIsOutOfRange) {
     }
 }
 
-TEST_F(ParametersTest, SuspendTakesZeroAndOneOnly) {
+TEST_F(ParametersTest, SuspendAcceptsOnlyZeroAndOne) {
     EXPECT_EQ(set(driver, "HOTPLUG-SUSPEND", "1"), 0);
     EXPECT_TRUE(suspended());
     EXPECT_EQ(set(driver, "HOTPLUG-SUSPEND", "0"), 0);
@@ -164,7 +164,7 @@ TEST_F(ParametersTest, DriverParametersNeedNoMutex) {
     EXPECT_EQ(GVUSB_SetDevicePara(driver, "HOTPLUG-UPDATERATE", "5"), -1151);
 }
 
-TEST_F(ParametersTest, HandleReachesItsReader) {
+TEST_F(ParametersTest, HandleSelectsItsReader) {
     openReaders(2);
     EXPECT_EQ(set(firstHandle + 1, "TIMEOUT", "250"), 0);
     EXPECT_EQ(timeoutOf(firstHandle), "1000");
@@ -182,7 +182,7 @@ TEST_F(ParametersTest, HandleOfNoReaderIsNotFound) {
     EXPECT_EQ(get(firstHandle, "TIMEOUT"), -1123);
 }
 
-TEST_F(ParametersTest, ReadersRefusalIsPassedOn) {
+TEST_F(ParametersTest, ReadersErrorIsReturned) {
     openReaders(1);
     EXPECT_EQ(get(firstHandle, "TIME-OUT"), -1150);
     EXPECT_EQ(set(firstHandle, "TIMEOUT", "0"), -1151);
@@ -227,7 +227,7 @@ TEST_F(ParametersTest, WritingToEveryDeviceReachesAll) {
     }
 }
 
-TEST_F(ParametersTest, WritingToEveryDeviceStopsAtTheFirstRefusal) {
+TEST_F(ParametersTest, WritingToEveryDeviceStopsAtTheFirstFailure) {
     openReaders(3);
     fake::failNext("libusb_reset_device", LIBUSB_ERROR_IO, "dev2");
     EXPECT_EQ(set(everyDevice, "RESETDEVICE", ""), -1157);
@@ -266,7 +266,7 @@ TEST_F(ParametersTest, ReadersAreReadAndWrittenUnderTheDeviceListMutex) {
     EXPECT_FALSE(support::isHeld(g_GvUsbMan.m_mtxDevList));
 }
 
-TEST_F(ParametersTest, LogTellsHandleKeyValueAndCode) {
+TEST_F(ParametersTest, LogShowsHandleKeyValueAndCode) {
     openReaders(1);
     LogAt log(1);
     get(driver, "HOTPLUG-MODE");
@@ -292,7 +292,7 @@ TEST_F(ParametersTest, LogShowsTheFirstHandleForAReadAndZeroForAWrite) {
                                              "[set device para] Hnd(0x0) TIMEOUT = '77' => rc=0"));
 }
 
-TEST_F(ParametersTest, LogOfAFailureShowsTheValueAsItStands) {
+TEST_F(ParametersTest, LogOfAFailureShowsTheUnchangedValue) {
     LogAt log(1);
     get(driver, "NONE");
     get(firstHandle, "TIMEOUT");
@@ -304,7 +304,7 @@ TEST_F(ParametersTest, LogOfAFailureShowsTheValueAsItStands) {
                             "[set device para] Hnd(0x0) TIMEOUT = '77' => rc=fffffb51"));
 }
 
-TEST_F(ParametersTest, LogReadsNoFurtherThanTheValueBuffer) {
+TEST_F(ParametersTest, LogStaysWithinTheValueBuffer) {
     std::string memory(GVUSB_PARAMETER_SIZE, 'v');
     memory += "behind the buffer";
     LogAt log(1);
@@ -313,7 +313,7 @@ TEST_F(ParametersTest, LogReadsNoFurtherThanTheValueBuffer) {
                                              std::string(256, 'v') + "' => rc=fffffb82"));
 }
 
-TEST_F(ParametersTest, LogShowsAWrittenValueWhole) {
+TEST_F(ParametersTest, LogShowsAWrittenValueCompletely) {
     const std::string longValue(100'000, '7');
     LogAt log(1);
     set(driver, "NONE", longValue.c_str());
@@ -331,7 +331,7 @@ TEST_F(ParametersTest, NothingIsLoggedAtLevelZero) {
 
 TEST_F(ParametersTest, OutOfMemoryReleasesTheMutex) {
     if (!support::allocationsAreWatched) {
-        GTEST_SKIP() << "operator new is the sanitizer's";
+        GTEST_SKIP() << "the sanitizer replaces operator new";
     }
     openReaders(1);
     LogAt log(1);

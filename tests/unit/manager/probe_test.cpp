@@ -11,7 +11,7 @@ class ProbeTest : public ManagerTest {};
 
 } // namespace
 
-TEST_F(ProbeTest, UsableAreTheMakersProductsOneToFour) {
+TEST_F(ProbeTest, VendorsProductsOneToFourAreUsable) {
     libusb_device_descriptor descriptor = {};
     for (const int product : {0, 1, 2, 3, 4, 5, 0x0101, 0xFFFF}) {
         descriptor.idVendor = GVUSB_VENDOR_ID;

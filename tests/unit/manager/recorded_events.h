@@ -1,4 +1,4 @@
-// Event handlers that note what they are told, and run what the test wants to happen inside them.
+// Event handlers that record the events, and run the test's code inside a handler.
 //
 // Registered for the object's lifetime; one object at a time. Handlers may run in any thread.
 #pragma once
@@ -25,7 +25,7 @@ public:
         EXPECT_EQ(GVUSB_AddEventHandler(0, &disconnect_), 0);
     }
     ~RecordedEvents() {
-        // Gone already when the manager has been restarted.
+        // If the manager was restarted, the handlers are no longer registered.
         GVUSB_DelEventHandler(0, &connect_);
         GVUSB_DelEventHandler(0, &disconnect_);
     }
@@ -37,7 +37,7 @@ public:
         return state().events.size();
     }
 
-    // "connect hnd=0 id=a1" each, in the order in which they came.
+    // The events, such as "connect hnd=0 id=a1", in the order of the calls.
     std::vector<std::string> take() {
         const std::lock_guard lock(mutex());
         return std::exchange(state().events, {});

@@ -14,7 +14,7 @@ constexpr unsigned devId = 0xA1;
 constexpr int oldHandle = 21;
 constexpr int newHandle = 22;
 
-// Records made by hand, without a scan; what stands in no list at the end is the test's to delete.
+// Records created without a scan. The test must delete those that are in no list at its end.
 class ReplaceTest : public ManagerTest {
 protected:
     static GVDevice* record(const std::string& name, int devHnd, unsigned id = devId) {
@@ -41,7 +41,7 @@ protected:
     static bool isDestroyed(const std::string& name) { return fake::references(name) == 0; }
 };
 
-// Where the old record (dev1) stands before, and what becomes of both (dev2 is the new one).
+// The lists that contain the old record (dev1), and the effects on it and on the new one (dev2).
 struct Row {
     // before
     bool scanned;
@@ -49,7 +49,7 @@ struct Row {
     bool open;
     // after DL_ReplaceDevice
     bool replaced;
-    bool newOwner; // the flag is set before
+    bool newOwner; // as set before
     bool newOpen;
 };
 
@@ -58,12 +58,12 @@ std::ostream& operator<<(std::ostream& out, const Row& row) {
                << (row.open ? "Open" : "Closed");
 }
 
-// Whatever the old record's owner flag says, the lists that it stands in decide.
+// The lists that contain the old record matter, not its owner flag.
 class ReplaceByOldState : public ReplaceTest, public testing::WithParamInterface<std::tuple<Row, bool>> {
 protected:
     static const Row& row() { return std::get<Row>(GetParam()); }
 
-    // The old record, between others that have nothing to do with it.
+    // The old record, between unrelated ones.
     static GVDevice* makeOld() {
         const Row& row = ReplaceByOldState::row();
         GVDevice* const old = record("dev1", oldHandle);
@@ -98,7 +98,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, ReplaceByOldState,
 
 } // namespace
 
-TEST_P(ReplaceByOldState, DeviceListReplacementTakesPlaceHandleAndOpenState) {
+TEST_P(ReplaceByOldState, DeviceListReplacementTakesPositionHandleAndOpenState) {
     const Row& row = ReplaceByOldState::row();
     GVDevice* const old = makeOld();
     GVDevice* const fresh = record("dev2", newHandle);
@@ -112,7 +112,7 @@ TEST_P(ReplaceByOldState, DeviceListReplacementTakesPlaceHandleAndOpenState) {
     EXPECT_EQ(deviceList().at(0)->devHnd, 32);
     if (row.replaced) {
         EXPECT_EQ(deviceList().at(2), fresh);
-        // Nothing points at the old record any more.
+        // The old record is no longer referenced.
         EXPECT_EQ(count(scanList(), old), 0);
         if (row.scanned) {
             EXPECT_EQ(scanList().at(1), nullptr);
@@ -124,10 +124,10 @@ TEST_P(ReplaceByOldState, DeviceListReplacementTakesPlaceHandleAndOpenState) {
     }
 }
 
-TEST_P(ReplaceByOldState, ScanListReplacementStandsInTheScanListInAnyCase) {
+TEST_P(ReplaceByOldState, ScanListReplacementIsAlwaysInTheScanList) {
     const Row& row = ReplaceByOldState::row();
     makeOld();
-    // Without an old entry there, the position is that of a hole.
+    // Without an old entry, add a hole to replace.
     if (!row.scanned) {
         Devices devices = scanList();
         devices.push_back(nullptr);
@@ -192,7 +192,7 @@ TEST_F(ReplaceTest, FailedReopeningLeavesTheNewRecordListedAndClosed) {
     }
 }
 
-TEST_F(ReplaceTest, ReaderUnderItsOldHandleHasTheUsualTimeOut) {
+TEST_F(ReplaceTest, ReaderWithItsOldHandleHasTheDefaultTimeout) {
     for (const bool byPoll : {true, false}) {
         SCOPED_TRACE(byPoll);
         reload();
@@ -212,7 +212,7 @@ TEST_F(ReplaceTest, ReaderUnderItsOldHandleHasTheUsualTimeOut) {
     }
 }
 
-TEST_F(ReplaceTest, ScanThatOpensGivesTheHandleOfAReaderWhoseReopeningFailed) {
+TEST_F(ReplaceTest, ScanThatOpensReturnsTheHandleOfAReaderWhoseReopeningFailed) {
     for (const int option : {GVUSB_SCAN_FIRST, GVUSB_SCAN_ALL}) {
         SCOPED_TRACE(option);
         reload();
@@ -247,7 +247,7 @@ TEST_F(ReplaceTest, ClosedSuccessorIsReplacedByTheNextOneWithoutBeingOpened) {
     EXPECT_FALSE(isOpen(*third));
     EXPECT_TRUE(isDestroyed("dev2"));
 
-    // The handle stays known when the scan list goes, and closing it destroys the record.
+    // The handle stays valid after the scan list is cleared, and closing it destroys the record.
     GVUSB_ClearScanList();
     EXPECT_FALSE(third->owner);
     EXPECT_EQ(GVUSB_CloseDevice(oldHandle), 0);
@@ -289,7 +289,7 @@ TEST_F(ReplaceTest, OfTwoEqualDeviceIdsOnlyTheFirstIsReplaced) {
     EXPECT_EQ(second->devHnd, 23);
 }
 
-TEST_F(ReplaceTest, OtherListedReaderWithTheSameIdKeepsItsHandleWhenItsScanEntryIsTakenOver) {
+TEST_F(ReplaceTest, OtherListedReaderWithTheSameIdKeepsItsHandleWhenItsScanEntryIsReplaced) {
     for (const bool open_ : {true, false}) {
         SCOPED_TRACE(open_);
         reload();
@@ -305,13 +305,13 @@ TEST_F(ReplaceTest, OtherListedReaderWithTheSameIdKeepsItsHandleWhenItsScanEntry
         replaceInScanList(fresh, 0);
         EXPECT_THAT(scanList(), ElementsAre(fresh));
         EXPECT_THAT(deviceList(), ElementsAre(fresh, second));
-        EXPECT_FALSE(second->owner) << "it is the device list's alone now";
+        EXPECT_FALSE(second->owner) << "now only the device list owns it";
         EXPECT_EQ(GVUSB_IsDevicePresent(23), open_ ? 1 : 0);
         expectConsistentLists({"dev1", "dev2", "dev3"});
     }
 }
 
-TEST_F(ReplaceTest, RecordThatTakesTheHandleOfItsTwinLeavesAHoleInItsOwnPlace) {
+TEST_F(ReplaceTest, RecordThatTakesTheHandleOfItsDuplicateLeavesAHole) {
     GVDevice* const first = record("dev1", oldHandle);
     GVDevice* const second = record("dev3", 23);
     open(first);
@@ -322,7 +322,7 @@ TEST_F(ReplaceTest, RecordThatTakesTheHandleOfItsTwinLeavesAHoleInItsOwnPlace) {
     EXPECT_THAT(openHandlesInOrder(), ElementsAre(oldHandle));
 }
 
-TEST_F(ReplaceTest, ClosedEntryDisplacedFromTheScanListIsDestroyedAlsoNextToAnOpenTwin) {
+TEST_F(ReplaceTest, ClosedEntryReplacedInTheScanListIsDestroyedDespiteAnOpenDuplicate) {
     GVDevice* const open_ = record("dev1", oldHandle);
     open(open_);
     GVDevice* const closed = record("dev3", 23);
@@ -336,7 +336,7 @@ TEST_F(ReplaceTest, ClosedEntryDisplacedFromTheScanListIsDestroyedAlsoNextToAnOp
     expectConsistentLists({"dev1", "dev2", "dev3"});
 }
 
-TEST_F(ReplaceTest, LogTellsTheNewAndTheOldRecord) {
+TEST_F(ReplaceTest, LogShowsTheNewAndTheOldRecord) {
     for (const int level : {0, 1}) {
         SCOPED_TRACE(level);
         reload();

@@ -1,5 +1,5 @@
-// Which period a report counts in: the one in which the poll looked at the bus, whatever is scanned before its
-// handlers have run.
+// A report counts in the period in which the poll read the bus, even if a scan follows before the handlers
+// have run.
 
 #include "allocation_failure.h"
 #include "list_invariants.h"
@@ -54,7 +54,7 @@ TEST_F(ReportedTest, ReportsCountBeforeTheirHandlersRun) {
     }
 }
 
-TEST_F(ReportedTest, ScanInAHandlerBeginsAPeriodThatKnowsNothingOfThePollsReports) {
+TEST_F(ReportedTest, ScanInAHandlerBeginsAPeriodWithoutThePollsReports) {
     fake::plug("dev1", fake::bulkReader("A1"));
     fake::plug("dev2", fake::bulkReader("A2"));
     scan();
@@ -68,7 +68,7 @@ TEST_F(ReportedTest, ScanInAHandlerBeginsAPeriodThatKnowsNothingOfThePollsReport
     EXPECT_THAT(reportedConnects(), IsEmpty());
 }
 
-TEST_F(ReportedTest, ReaderThatIsReplacedAndThenGoesIsReportedTwiceToAHandlerThatScans) {
+TEST_F(ReportedTest, ReplacedReaderThatDepartsIsReportedTwiceToAHandlerThatScans) {
     fake::plug("dev1", fake::bulkReader("A1"));
     scan();
     RecordedEvents events(scan);
@@ -84,7 +84,7 @@ TEST_F(ReportedTest, ReaderThatIsReplacedAndThenGoesIsReportedTwiceToAHandlerTha
     EXPECT_THAT(events.take(), IsEmpty());
 }
 
-TEST_F(ReportedTest, EveryComingAndGoingIsReportedToAHandlerThatScans) {
+TEST_F(ReportedTest, EveryArrivalAndDepartureIsReportedToAHandlerThatScans) {
     fake::plug("dev1", fake::bulkReader("A1"));
     scan();
     RecordedEvents events(scan);
@@ -103,8 +103,8 @@ TEST_F(ReportedTest, EveryComingAndGoingIsReportedToAHandlerThatScans) {
     }
 }
 
-// The handler's scan does not find what it is told of.
-TEST_F(ReportedTest, ReaderThatTheHandlersScanLeavesOutIsReportedOnceMoreInTheNewPeriod) {
+// The handler's scan leaves out the reported reader.
+TEST_F(ReportedTest, ReaderThatTheHandlersScanLeavesOutIsReportedAgainInTheNewPeriod) {
     fake::plug("dev1", fake::bulkReader("A1"));
     fake::plug("dev2", fake::bulkReader("A2"));
     scanOnly("A1");
@@ -122,7 +122,7 @@ TEST_F(ReportedTest, ReaderThatTheHandlersScanLeavesOutIsReportedOnceMoreInTheNe
     EXPECT_THAT(events.take(), IsEmpty());
 }
 
-TEST_F(ReportedTest, ReportsStillToComeAreReportedAfterAScanInAHandler) {
+TEST_F(ReportedTest, PendingReportsAreMadeAfterAScanInAHandler) {
     for (const char* const name : {"dev1", "dev2", "dev3"}) {
         fake::plug(name, fake::bulkReader(std::string("A") + name[3]));
     }
@@ -138,7 +138,7 @@ TEST_F(ReportedTest, ReportsStillToComeAreReportedAfterAScanInAHandler) {
     EXPECT_THAT(events.take(), IsEmpty());
 }
 
-// The registrations are locked, so that the poll has looked at the bus and its handlers cannot run yet.
+// Lock the registrations, so that the poll has read the bus but cannot call its handlers yet.
 TEST_F(ReportedTest, ScanOfAnotherThreadBeforeTheHandlersBeginsANewPeriod) {
     fake::plug("dev1", fake::bulkReader("A1"));
     fake::plug("dev2", fake::bulkReader("A2"));
@@ -168,7 +168,7 @@ TEST_F(ReportedTest, ScanOfAnotherThreadBeforeTheHandlersBeginsANewPeriod) {
     EXPECT_THAT(events.take(), ElementsAre("disconnect hnd=10000005 id=a1", "disconnect hnd=10000006 id=a3"));
 }
 
-TEST_F(ReportedTest, EqualDeviceIdsOfOnePollAreReportedOnceAlsoAroundAScanInTheHandler) {
+TEST_F(ReportedTest, EqualDeviceIdsOfOnePollAreReportedOnceDespiteAScanInTheHandler) {
     fake::plug("dev1", fake::bulkReader("A1"));
     fake::plug("dev2", fake::bulkReader("A1"));
     RecordedEvents events(scan);
@@ -184,7 +184,7 @@ TEST_F(ReportedTest, EqualDeviceIdsOfOnePollAreReportedOnceAlsoAroundAScanInTheH
 
 TEST_F(ReportedTest, PollThatRunsOutOfMemoryCountsNothing) {
     if (!support::allocationsAreWatched) {
-        GTEST_SKIP() << "operator new is the sanitizer's";
+        GTEST_SKIP() << "the sanitizer replaces operator new";
     }
     bool failed = true;
     std::size_t n = 1;

@@ -155,7 +155,7 @@ TEST_F(ScanListTest, LookupsGiveTheFirstMatchAndSkipHoles) {
     EXPECT_EQ(g_GvUsbMan.SL_DeviceOfUsbDev(foreign), nullptr);
     EXPECT_EQ(g_GvUsbMan.SL_IndexOfDevId(0xA1), 1);
     EXPECT_EQ(g_GvUsbMan.SL_IndexOfDevId(0xA2), -1);
-    EXPECT_EQ(g_GvUsbMan.SL_IndexOfDevId(0), -1) << "also where a reader has that device ID";
+    EXPECT_EQ(g_GvUsbMan.SL_IndexOfDevId(0), -1) << "even if a reader has that device ID";
 }
 
 TEST_F(ScanListTest, LookupsInAnEmptyListFindNothing) {

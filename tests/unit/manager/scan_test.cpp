@@ -74,7 +74,7 @@ TEST_F(ScanTest, ScanOfAllHasNoCurrentEntry) {
     }
 }
 
-TEST_F(ScanTest, StepsWalkTheListOnceAfterAScanOfTheFirst) {
+TEST_F(ScanTest, StepsIterateOverTheListOnceAfterAScanOfTheFirst) {
     plugThree();
     g_GvUsbMan.SetLastError(-1111);
     EXPECT_EQ(g_GvUsbMan.Scan(GVUSB_SCAN_FIRST, nullptr, false), 0);
@@ -91,7 +91,7 @@ TEST_F(ScanTest, StepsWalkTheListOnceAfterAScanOfTheFirst) {
     EXPECT_EQ(next(), -1115);
 }
 
-TEST_F(ScanTest, StepClearsTheLastErrorAndReachesNoDevice) {
+TEST_F(ScanTest, StepClearsTheLastErrorAndAccessesNoDevice) {
     plugThree();
     ASSERT_EQ(GVUSB_Scan(GVUSB_SCAN_FIRST, nullptr), 0);
     fake::takeCalls();
@@ -101,7 +101,7 @@ TEST_F(ScanTest, StepClearsTheLastErrorAndReachesNoDevice) {
     EXPECT_THAT(fake::takeCalls(), IsEmpty());
 }
 
-TEST_F(ScanTest, StepBeyondAListThatWasClearedFails) {
+TEST_F(ScanTest, StepAfterClearingTheListFails) {
     plugThree();
     ASSERT_EQ(GVUSB_Scan(GVUSB_SCAN_FIRST, nullptr), 0);
     GVUSB_ClearScanList();
@@ -160,7 +160,7 @@ TEST_F(ScanTest, UnknownOptionsAreRefused) {
     EXPECT_THAT(log.takeLines(), IsEmpty());
 }
 
-TEST_F(ScanTest, RecordIsReadOnlyWithTheSearchFlag) {
+TEST_F(ScanTest, RecordIsUsedOnlyWithTheSearchFlag) {
     plugThree();
     GVUSB_SCANSEARCH record = forId("A2");
     for (const int option : {GVUSB_SCAN_FIRST, GVUSB_SCAN_ALL, GVUSB_SCAN_ALL_15}) {
@@ -202,7 +202,7 @@ TEST_F(ScanTest, PlainScanOpensNothing) {
     EXPECT_EQ(fake::openHandles("dev1") + fake::openHandles("dev2") + fake::openHandles("dev3"), 0);
 }
 
-TEST_F(ScanTest, ScanAndOpenOfTheFirstGivesItsHandle) {
+TEST_F(ScanTest, ScanAndOpenOfTheFirstReturnsItsHandle) {
     plugThree();
     g_GvUsbMan.SetLastError(-1111);
     EXPECT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr), firstHandle);
@@ -235,7 +235,7 @@ TEST_F(ScanTest, ScanAndOpenOfAllOpensEveryReader) {
     }
 }
 
-TEST_F(ScanTest, ScanAndOpenOpensOnlyWhatTheSearchFound) {
+TEST_F(ScanTest, ScanAndOpenOpensOnlyMatches) {
     plugThree();
     GVUSB_SCANSEARCH record = forId("A3");
     EXPECT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST | search, &record), firstHandle + 2);
@@ -245,7 +245,7 @@ TEST_F(ScanTest, ScanAndOpenOpensOnlyWhatTheSearchFound) {
 
 TEST_F(ScanTest, ScanAndOpenReportsAFailureToOpen) {
     plugThree();
-    // The first opening of each reader in a scan serves its identification.
+    // The first open of each reader in a scan is for its identification.
     fake::failNth("libusb_open", 2, LIBUSB_ERROR_ACCESS, "dev1");
     EXPECT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr), -1143);
     EXPECT_EQ(lastError(), -1143);
@@ -255,7 +255,7 @@ TEST_F(ScanTest, ScanAndOpenReportsAFailureToOpen) {
     fake::failNext("libusb_open", LIBUSB_ERROR_ACCESS, "dev2");
     EXPECT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_NEXT, nullptr), -1143);
     EXPECT_EQ(lastError(), -1143);
-    EXPECT_EQ(scanCursor(), 1) << "the entry is the current one all the same";
+    EXPECT_EQ(scanCursor(), 1) << "the entry is the current one nevertheless";
 
     fake::failNth("libusb_open", 2, LIBUSB_ERROR_ACCESS, "dev2");
     EXPECT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), -1143);
@@ -263,7 +263,7 @@ TEST_F(ScanTest, ScanAndOpenReportsAFailureToOpen) {
     EXPECT_THAT(deviceIds(deviceList()), ElementsAre(0xA1, 0xA3));
 }
 
-TEST_F(ScanTest, ScanAndOpenOfAnOpenReaderGivesTheHandleThatItHas) {
+TEST_F(ScanTest, ScanAndOpenOfAnOpenReaderReturnsItsHandle) {
     plugThree();
     ASSERT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr), firstHandle);
     EXPECT_EQ(GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr), firstHandle);
@@ -282,7 +282,7 @@ TEST_F(ScanTest, OpeningAHoleInTheScanListFails) {
     EXPECT_EQ(next(), 2);
 }
 
-TEST_F(ScanTest, StepTellsTheSizeInTheLog) {
+TEST_F(ScanTest, StepLogsTheSize) {
     plugThree();
     ASSERT_EQ(GVUSB_Scan(GVUSB_SCAN_FIRST, nullptr), 0);
     LogAt log(1);

@@ -1,4 +1,5 @@
-// Several threads that scan and open: what a scan opens is what it found, and nobody sees a list that is half done.
+// Concurrent scanning and opening: a scan opens only the readers that it found, and no thread sees an
+// incomplete list.
 
 #include "list_invariants.h"
 #include "manager_test.h"
@@ -36,7 +37,7 @@ protected:
         return record;
     }
 
-    // Another thread gets its turn often.
+    // Yield to other threads often.
     static void yieldInEachCall() {
         fake::recordNothing();
         fake::setHook([](std::string_view, std::string_view) { sched_yield(); });
@@ -116,7 +117,7 @@ TEST_F(ScanThreadsTest, EachThreadOpensTheReaderThatItsOwnScanFound) {
     expectConsistentLists(names);
 }
 
-TEST_F(ScanThreadsTest, ReaderThatNeverLeftIsInTheListOfEveryScanOfAnotherThread) {
+TEST_F(ScanThreadsTest, PresentReaderIsInTheListOfEveryConcurrentScan) {
     constexpr int scans = 500;
     yieldInEachCall();
     ASSERT_EQ(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), 0);
@@ -142,7 +143,7 @@ TEST_F(ScanThreadsTest, ReaderThatNeverLeftIsInTheListOfEveryScanOfAnotherThread
     expectConsistentLists(names);
 }
 
-TEST_F(ScanThreadsTest, ThreadsThatStepShareTheListWithoutMeeting) {
+TEST_F(ScanThreadsTest, ThreadsThatStepReturnEachEntryOnce) {
     constexpr int rounds = 200;
     yieldInEachCall();
     for (int round = 0; round < rounds && !HasFailure(); ++round) {

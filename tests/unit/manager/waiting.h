@@ -1,4 +1,4 @@
-// Waiting for other threads, never for ever: a test that waits in vain fails instead of hanging.
+// Waits for other threads with a time limit, so that a test fails instead of hanging.
 #pragma once
 
 #include <atomic>
@@ -13,7 +13,7 @@ inline void doze() {
     std::this_thread::sleep_for(std::chrono::microseconds(100));
 }
 
-// Whether the condition comes true within a time that only a hang exceeds.
+// Whether the condition becomes true within a time that is exceeded only by a hang.
 template <class Condition>
 bool eventually(Condition condition) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -26,7 +26,7 @@ bool eventually(Condition condition) {
     return true;
 }
 
-// Holds up whoever passes until the test lets the next one through.
+// Blocks each caller of pass() until the test lets it through.
 class Turnstile {
 public:
     void pass() {
@@ -34,7 +34,7 @@ public:
         eventually([&] { return allowed_ >= number; });
     }
 
-    // Whether somebody stands at the turnstile.
+    // Whether a thread is blocked in pass().
     bool isReached() {
         return eventually([&] { return arrived_ > allowed_; });
     }
@@ -46,7 +46,7 @@ private:
     std::atomic<int> allowed_ = 0;
 };
 
-// The threads of this process. One that has been joined may be seen for a moment longer.
+// The number of threads of this process. A joined thread may still be counted for a moment.
 inline std::ptrdiff_t threads() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }

@@ -17,7 +17,7 @@ using testing::IsEmpty;
 
 namespace {
 
-// The worker sleeps until the test lets it go on, so each turn of its loop is seen alone.
+// The worker sleeps until the test wakes it, so that the test can observe each iteration of its loop.
 class WorkerTest : public ManagerTest {
 protected:
     ~WorkerTest() override { GVLOG_SetLevel(0); }
@@ -82,7 +82,7 @@ TEST_F(WorkerTest, SleepsOnlyWhileItIsSuspended) {
     }
 }
 
-TEST_F(WorkerTest, IsSuspendedAndReleasedByParameter) {
+TEST_F(WorkerTest, IsSuspendedAndResumedByParameter) {
     restartAsleep("gvusb_hotplug=1");
     ASSERT_EQ(GVUSB_SetDevicePara(-1, "HOTPLUG-SUSPEND", "1"), 0);
     sleep.turn();
@@ -93,14 +93,14 @@ TEST_F(WorkerTest, IsSuspendedAndReleasedByParameter) {
     EXPECT_EQ(polls(), 1u);
 }
 
-TEST_F(WorkerTest, IsReleasedInModesThatDoNotPoll) {
+TEST_F(WorkerTest, IsResumedInModesThatDoNotPoll) {
     restartAsleep("nopnp");
     ASSERT_EQ(GVUSB_SetDevicePara(-1, "HOTPLUG-SUSPEND", "0"), 0);
     sleep.turn();
     EXPECT_EQ(polls(), 1u);
 }
 
-TEST_F(WorkerTest, DoesNotPollOrSleepAnyMoreOnceItHasToStop) {
+TEST_F(WorkerTest, DoesNotPollOrSleepAfterAStopRequest) {
     restartAsleep("gvusb_hotplug=1");
     std::atomic<int> calls = 0;
     fake::setHook(
@@ -149,17 +149,17 @@ TEST_F(WorkerTest, LogsItsStopAtLevelThreeBeforeTheManagerIsDone) {
         GVLOG_SetLevel(3);
         g_GvUsbMan.~GVDrvHnd();
         const auto lines = output.takeLogLines();
-        GVLOG_SetLevel(0); // or the next worker might tell of its start
+        GVLOG_SetLevel(0); // the next worker must not log its start
         new (&g_GvUsbMan) GVDrvHnd;
         EXPECT_THAT(lines, ElementsAre("[exit] cleaning up ...", "[thread] stop", "[exit] ... done"))
             << configuration;
     }
 }
 
-// Run here in a thread of its own, as the manager's has started before there is a level.
+// In a separate thread, because the manager's worker starts before the level is set.
 TEST_F(WorkerTest, LogsItsStartAtLevelThreeAndEndsWithoutResult) {
     restartAsleep(quiet);
-    relaxed::store(g_GvUsbMan.m_bStopThread, true); // the manager's own is asleep
+    relaxed::store(g_GvUsbMan.m_bStopThread, true); // stops the function at once; the manager's worker sleeps
     for (const int level : {2, 3}) {
         support::CapturedStdout output;
         GVLOG_SetLevel(level);
@@ -174,7 +174,7 @@ TEST_F(WorkerTest, LogsItsStartAtLevelThreeAndEndsWithoutResult) {
     }
 }
 
-TEST_F(WorkerTest, LeavesAllSignalsToTheApplication) {
+TEST_F(WorkerTest, BlocksAllSignals) {
     restartAsleep("gvusb_hotplug=1");
     GVUSB_EVENT_INIT registration = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, noteBlockedSignals};
     ASSERT_EQ(GVUSB_AddEventHandler(0, &registration), 0);
@@ -192,7 +192,7 @@ TEST_F(WorkerTest, LeavesAllSignalsToTheApplication) {
     EXPECT_EQ(sigismember(&blockedHere, SIGTERM), 0);
 }
 
-TEST_F(WorkerTest, LeavesTheLastErrorAlone) {
+TEST_F(WorkerTest, KeepsTheLastError) {
     restartAsleep("gvusb_hotplug=1");
     fake::plug("dev1", fake::bulkReader());
     g_GvUsbMan.SetLastError(-1199);
