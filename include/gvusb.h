@@ -191,8 +191,9 @@ enum {
 };
 
 /**
- * Search record: which readers a scan finds. The application fills it, and the library only reads it. Texts are
- * compared byte by byte. A text that fills its field needs no terminating zero.
+ * Search record: which readers a scan finds. The application fills it, and the library only reads it. Names are
+ * compared byte by byte. A name that fills its field needs no terminating zero, but the device ID does: it is read
+ * up to its zero, at most 255 characters, because a program may have been built with a longer field.
  */
 struct _GVUSB_SCANSEARCH {
     int32_t mask;     /**< one of enum GVUSB_SearchMask; a mask with none of them matches no reader */

@@ -33,7 +33,7 @@ void GVDrvHnd::logScanSearchOpt(_GVUSB_SCANSEARCH* search) {
     if (search == nullptr) {
         logLine("search-opt", "all");
     } else {
-        logLine("search-opt", "mask=", search->mask, " devId=0x", fieldText(search->devId),
+        logLine("search-opt", "mask=", search->mask, " devId=0x", deviceIdText(*search),
                 " devName=", fieldText(search->devName), " famName=", fieldText(search->famName));
     }
 }

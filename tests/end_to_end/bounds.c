@@ -4,6 +4,7 @@
  */
 #include "testing.h"
 
+#include <stddef.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -107,14 +108,30 @@ static void AnIdOfMaximumLengthIsANumberFollowedByText(void** state) {
     check_echo(handle);
 }
 
-static void ASearchRecordNeedsNoTerminators(void** state) {
-    struct edge record = edge_of(sizeof(GVUSB_SCANSEARCH));
-    for (int mask = 0; mask < 8; ++mask) {
-        memset(memory(&record), 'f', record.size);
-        memcpy(memory(&record), &mask, sizeof mask);
-        assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL | GVUSB_SCAN_SEARCH, (void*)memory(&record)),
-                         GVUSB_ERR_NO_DEVICE_FOUND);
+/* A program may have been built with a longer device-ID field. These lengths keep the records aligned. */
+static void ASearchRecordNeedsATerminatorOnlyAfterItsDeviceId(void** state) {
+    static const size_t device_id_lengths[] = {0, 4, 24, 28, 100, 252};
+    for (size_t i = 0; i < sizeof device_id_lengths / sizeof *device_id_lengths; ++i) {
+        struct edge record = edge_of(offsetof(GVUSB_SCANSEARCH, devId) + device_id_lengths[i] + 1);
+        for (int mask = 0; mask < 8; ++mask) {
+            memset(memory(&record), 'f', record.size);
+            memcpy(memory(&record), &mask, sizeof mask);
+            memory(&record)[record.size - 1] = '\0';
+            assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL | GVUSB_SCAN_SEARCH, (void*)memory(&record)),
+                             GVUSB_ERR_NO_DEVICE_FOUND);
+        }
+        free_edge(&record);
     }
+}
+
+static void ALongDeviceIdIsFound(void** state) {
+    struct edge record = edge_of(offsetof(GVUSB_SCANSEARCH, devId) + 253);
+    const int mask = GVUSB_SEARCH_DEVICE_ID;
+    memset(memory(&record), '0', record.size);
+    memcpy(memory(&record), &mask, sizeof mask);
+    memcpy(memory(&record) + record.size - 3, "B1", 3);
+    assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL | GVUSB_SCAN_SEARCH, (void*)memory(&record)), GVUSB_OK);
+    assert_int_equal(GVUSB_GetScanListSize(), 1);
     free_edge(&record);
 }
 
@@ -158,7 +175,8 @@ int main(int argc, char** argv) {
         TEST_CASE(FormatSpecifiersInDescriptorsAreNotInterpreted),
         TEST_CASE(CharactersBeyondAsciiAreReadAsQuestionMarks),
         TEST_CASE(AnIdOfMaximumLengthIsANumberFollowedByText),
-        TEST_CASE(ASearchRecordNeedsNoTerminators),
+        TEST_CASE(ASearchRecordNeedsATerminatorOnlyAfterItsDeviceId),
+        TEST_CASE(ALongDeviceIdIsFound),
         TEST_CASE(FramesStayWithinTheirBuffers),
         TEST_CASE(LengthsBeyondLibusbsLimitAreRefused),
     };

@@ -48,6 +48,7 @@ std::unique_ptr<GVUSB_SCANSEARCH> chooseSearch(Input& input) {
     auto search = std::make_unique<GVUSB_SCANSEARCH>();
     search->mask = input.oneOf(masks);
     fill(search->devId, input);
+    search->devId[sizeof search->devId - 1] = '\0';
     fill(search->devName, input);
     fill(search->famName, input);
     return search;

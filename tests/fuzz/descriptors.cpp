@@ -144,7 +144,7 @@ private:
             search->mask = static_cast<signed char>(m_input.byte());
             fill(search->famName, sizeof search->famName, m_input);
             fill(search->devName, sizeof search->devName, m_input);
-            fill(search->devId, sizeof search->devId, m_input);
+            fill(search->devId, sizeof search->devId - 1, m_input);
         }
         const int asked = option | (searching ? int{GVUSB_SCAN_SEARCH} : 0);
         const int result = open ? GVUSB_ScanAndOpen(asked, search.get()) : GVUSB_Scan(asked, search.get());

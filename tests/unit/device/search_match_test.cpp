@@ -1,5 +1,7 @@
 #include "device_test.h"
+#include "edge_buffer.h"
 
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -32,6 +34,8 @@ protected:
     }
 
     bool matches(_GVUSB_SCANSEARCH search) { return device.IsDevice(&search); }
+
+    ~SearchMatchTest() noexcept override = default;
 
     GVDevice device;
 };
@@ -141,10 +145,36 @@ TEST_F(SearchMatchTest, TextThatFillsItsFieldNeedsNoTerminator) {
     EXPECT_FALSE(matches(filled(2, 'f')));
 }
 
-TEST_F(SearchMatchTest, DeviceIdThatFillsItsFieldIsReadToTheFieldsEnd) {
-    _GVUSB_SCANSEARCH record = filled(4, '0');
-    std::memcpy(record.devId + 19, "1A2B3C", 6);
-    EXPECT_TRUE(matches(record));
+// Fill a record with a device ID of this length, which ends with the reader's.
+void fillWithLongDeviceId(_GVUSB_SCANSEARCH& record, std::size_t length) {
+    record.mask = GVUSB_SEARCH_DEVICE_ID;
+    char* const text = reinterpret_cast<char*>(&record) + offsetof(_GVUSB_SCANSEARCH, devId);
+    std::memset(text, '0', length);
+    std::memcpy(text + length - 6, "1A2B3C", 6);
+}
+
+// The lengths keep the records aligned.
+TEST_F(SearchMatchTest, DeviceIdMayBeShorterOrLongerThanItsField) {
+    for (const std::size_t length : {8u, 20u, 24u, 28u, 100u, 252u}) {
+        SCOPED_TRACE(length);
+        support::EdgeBuffer memory(offsetof(_GVUSB_SCANSEARCH, devId) + length + 1);
+        auto* const record = memory.record<_GVUSB_SCANSEARCH>();
+        fillWithLongDeviceId(*record, length);
+        memory.bytes()[memory.size() - 1] = 0;
+        EXPECT_TRUE(device.IsDevice(record));
+    }
+}
+
+TEST_F(SearchMatchTest, DeviceIdIsReadUpTo255Characters) {
+    support::EdgeBuffer memory(offsetof(_GVUSB_SCANSEARCH, devId) + 257);
+    auto* const record = memory.record<_GVUSB_SCANSEARCH>();
+    fillWithLongDeviceId(*record, 255);
+    std::memcpy(memory.text() + memory.size() - 2, "FF", 2);
+    EXPECT_TRUE(device.IsDevice(record));
+    fillWithLongDeviceId(*record, 256);
+    EXPECT_FALSE(device.IsDevice(record));
+    device.devId = 0x1A2B3;
+    EXPECT_TRUE(device.IsDevice(record));
 }
 
 TEST_F(SearchMatchTest, NameOf255BytesIsComparedCompletely) {

@@ -1,6 +1,7 @@
 #include "manager_lists.h"
 #include "manager_test.h"
 
+#include <cstddef>
 #include <cstring>
 
 #include <gmock/gmock.h>
@@ -68,13 +69,26 @@ TEST_F(DumpsTest, EmptySearchFieldsAreLoggedAsEmpty) {
     EXPECT_THAT(searchLines(&search), ElementsAre("[search-opt] mask=0 devId=0x devName= famName="));
 }
 
-TEST_F(DumpsTest, SearchFieldsThatAreFullEndWithTheField) {
+TEST_F(DumpsTest, NamesThatFillTheirFieldsEndWithTheField) {
     GVUSB_SCANSEARCH search = {};
     std::memset(search.famName, 'f', sizeof search.famName);
     std::memset(search.devName, 'd', sizeof search.devName);
     search.devId[0] = '1';
     EXPECT_THAT(searchLines(&search), ElementsAre("[search-opt] mask=0 devId=0x1 devName=" +
                                                   std::string(50, 'd') + " famName=" + std::string(25, 'f')));
+}
+
+TEST_F(DumpsTest, DeviceIdThatIsLongerThanItsFieldIsLoggedUpTo255Characters) {
+    union {
+        GVUSB_SCANSEARCH search;
+        char bytes[offsetof(GVUSB_SCANSEARCH, devId) + 300];
+    } memory = {};
+    std::memset(memory.bytes + offsetof(GVUSB_SCANSEARCH, devId), 'x', 100);
+    EXPECT_THAT(searchLines(&memory.search),
+                ElementsAre("[search-opt] mask=0 devId=0x" + std::string(100, 'x') + " devName= famName="));
+    std::memset(memory.bytes + offsetof(GVUSB_SCANSEARCH, devId), 'x', 300);
+    EXPECT_THAT(searchLines(&memory.search),
+                ElementsAre("[search-opt] mask=0 devId=0x" + std::string(255, 'x') + " devName= famName="));
 }
 
 TEST_F(DumpsTest, DeviceOfTheVendorIsMarked) {
