@@ -1,34 +1,22 @@
 // RAII owners of libusb's objects.
 #pragma once
 
-#include <libusb.h>
+#include "base/owner.h"
 
-#include <memory>
 #include <span>
 
-struct ConfigDescriptorDeleter {
-    void operator()(libusb_config_descriptor* config) const noexcept {
-        libusb_free_config_descriptor(config);
-    }
-};
-using ConfigDescriptor = std::unique_ptr<libusb_config_descriptor, ConfigDescriptorDeleter>;
+#include <libusb.h>
 
-struct DeviceUnreferencer {
-    void operator()(libusb_device* device) const noexcept { libusb_unref_device(device); }
-};
-using DeviceReference = std::unique_ptr<libusb_device, DeviceUnreferencer>;
+using ConfigDescriptor = Owner<libusb_config_descriptor, libusb_free_config_descriptor>;
+using DeviceReference = Owner<libusb_device, libusb_unref_device>;
+using DeviceHandle = Owner<libusb_device_handle, libusb_close>;
 
-struct DeviceHandleCloser {
-    void operator()(libusb_device_handle* handle) const noexcept { libusb_close(handle); }
-};
-using DeviceHandle = std::unique_ptr<libusb_device_handle, DeviceHandleCloser>;
-
-// The devices on the bus. The list holds a reference to each device. To keep a device longer, take another one.
+// The devices on the bus, none if libusb cannot be used. The list holds a reference to each device. To keep a device longer, take another one.
 class UsbDeviceList {
 public:
-    explicit UsbDeviceList(bool libUsbUsable) noexcept
-        : m_count(libUsbUsable ? libusb_get_device_list(nullptr, &m_devices) : 0) {}
-    ~UsbDeviceList() {
+    explicit UsbDeviceList(bool libUsbUsable, libusb_context* context = nullptr)
+        : m_count(libUsbUsable ? libusb_get_device_list(context, &m_devices) : 0) {}
+    ~UsbDeviceList() noexcept(false) {
         if (m_devices != nullptr) {
             libusb_free_device_list(m_devices, 1);
         }

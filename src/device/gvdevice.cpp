@@ -1,5 +1,7 @@
 #include "device/gvdevice.h"
 
+#include "base/usb_owners.h"
+
 #include <cstdio>
 
 GVDevice::GVDevice(int handle, libusb_device* dev)
@@ -9,10 +11,10 @@ GVDevice::GVDevice(int handle, libusb_device* dev)
     , devHnd(handle) {
 }
 
-GVDevice::~GVDevice() {
+GVDevice::~GVDevice() noexcept(false) {
+    const DeviceReference reference(usbdev);
     if (usbdev != nullptr) {
         CloseDev();
-        libusb_unref_device(usbdev);
     }
 }
 

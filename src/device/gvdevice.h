@@ -6,6 +6,8 @@
 #pragma once
 
 #include "base/mutex.h"
+#include "base/owner.h"
+#include "base/reader_facts.h"
 #include "base/relaxed.h"
 
 #include <cstdint>
@@ -25,9 +27,10 @@ public:
     // Holds a reference to the libusb device during its lifetime.
     GVDevice(int handle, libusb_device* dev);
     // Closes the reader if it is open.
-    virtual ~GVDevice();
+    virtual ~GVDevice() noexcept(false);
     GVDevice(const GVDevice&) = delete;
     GVDevice& operator=(const GVDevice&) = delete;
+    static void Destroy(GVDevice* device) { delete device; }
 
     // ---- identify.cpp
     // Whether the reader has this place on the bus, or matches the search record.
@@ -92,8 +95,8 @@ public:
     std::int32_t openOption = 0;
     // Whether the scan list destroys the record; otherwise the device list does. Used by the manager.
     bool owner = true;
-    std::int32_t lastError = 0;                           // of the last operation on this reader
-    std::uint32_t timeout GVUSB_GUARDED_BY(mutex) = 1000; // milliseconds, for each transfer
+    std::int32_t lastError = 0; // of the last operation on this reader
+    std::uint32_t timeout GVUSB_GUARDED_BY(mutex) = defaultTransferTimeout; // milliseconds, for each transfer
     // Unused.
     std::uint8_t spareByte = 0xFF;
     const std::uint8_t busNumber;
@@ -126,6 +129,8 @@ private:
     [[gnu::cold]] void LogSent(const char* tag, const unsigned char* data, unsigned int len);
     [[gnu::cold]] void LogReceived(const char* tag, const unsigned char* data, int count);
 };
+
+using OwnedDevice = Owner<GVDevice, &GVDevice::Destroy>;
 
 // open.cpp: open a libusb device. The option has no effect.
 int g_libusb_open(libusb_device* dev, libusb_device_handle** hnd, int option);

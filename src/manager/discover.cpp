@@ -4,8 +4,6 @@
 #include "base/usb_owners.h"
 #include "device/gvdevice.h"
 
-#include <memory>
-
 namespace {
 
 void logUnwanted(const GVDevice& device) {
@@ -18,7 +16,7 @@ void logUnwanted(const GVDevice& device) {
 // A reader for the new scan list. The device list owns an open one; `created` owns a new one until it is in the list.
 struct GVDrvHnd::ChosenDevice {
     GVDevice* device;
-    std::unique_ptr<GVDevice> created;
+    OwnedDevice created;
 };
 
 int GVDrvHnd::DiscoverDevices(_GVUSB_SCANSEARCH* search) {
@@ -68,13 +66,13 @@ void GVDrvHnd::ChooseOpenDevice(GVDevice& open, _GVUSB_SCANSEARCH* search,
         logUnwanted(open);
         return;
     }
-    chosen.push_back({.device = &open, .created = nullptr});
+    chosen.push_back({.device = &open, .created = OwnedDevice()});
     log<Level::manager>("scan", "usbDev allready in device list. devId=0x", std::hex, open.devId);
 }
 
 void GVDrvHnd::ChooseNewDevice(libusb_device* usbDevice, _GVUSB_SCANSEARCH* search,
                                std::vector<ChosenDevice>& chosen) {
-    auto created = std::make_unique<GVDevice>(NextDeviceHandle(), usbDevice);
+    OwnedDevice created(new GVDevice(NextDeviceHandle(), usbDevice));
     created->owner = true;
     if (const int code = created->IdentifyDevice(); code != 0) {
         created.reset();

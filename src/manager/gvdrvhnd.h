@@ -28,7 +28,7 @@ class GVDrvHnd {
 public:
     // ---- lifecycle.cpp
     GVDrvHnd();
-    virtual ~GVDrvHnd();
+    virtual ~GVDrvHnd() noexcept(false);
     GVDrvHnd(const GVDrvHnd&) = delete;
     GVDrvHnd& operator=(const GVDrvHnd&) = delete;
 

@@ -4,8 +4,6 @@
 #include "base/usb_owners.h"
 #include "device/gvdevice.h"
 
-#include <memory>
-
 // Poll once: compare the bus with the scan list, replace the records of readers that came back, and report those that
 // came or went.
 void GVDrvHnd::UpdateDevices() {
@@ -79,7 +77,7 @@ void GVDrvHnd::UpdateFromUsbDevice(libusb_device* usbDevice, std::vector<Report>
         log<Level::poll>("update", "new device: devId=0x", std::hex, devId);
         return;
     }
-    auto reconnected = std::make_unique<GVDevice>(NextDeviceHandle(), usbDevice);
+    OwnedDevice reconnected(new GVDevice(NextDeviceHandle(), usbDevice));
     if (const int code = reconnected->IdentifyDevice(); code != 0) {
         reconnected.reset();
         log<Level::poll>("update", "reconnected device: devId=0x", std::hex, devId,

@@ -5,7 +5,7 @@
 #include <new>
 #include <utility>
 
-void HotPlugQueue::Post(libusb_hotplug_event event, libusb_device* dev) noexcept {
+void HotPlugQueue::Post(libusb_hotplug_event event, libusb_device* dev) {
     DeviceReference device(libusb_ref_device(dev));
     const MutexLock lock(m_mutex);
     if (m_stopped) {
@@ -22,7 +22,7 @@ void HotPlugQueue::Post(libusb_hotplug_event event, libusb_device* dev) noexcept
     m_changed.signal();
 }
 
-void HotPlugQueue::Stop() noexcept {
+void HotPlugQueue::Stop() {
     if (!m_process.isCurrent()) {
         return;
     }

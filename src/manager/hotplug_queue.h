@@ -22,15 +22,15 @@ public:
         : m_process(process)
         , m_reporter(reporter)
         , m_context(context) {}
-    ~HotPlugQueue() { Stop(); }
+    ~HotPlugQueue() noexcept(false) { Stop(); }
     HotPlugQueue(const HotPlugQueue&) = delete;
     HotPlugQueue& operator=(const HotPlugQueue&) = delete;
 
     // Queue an event, with a reference to the device until it is reported. Any thread, even inside event handling.
-    void Post(libusb_hotplug_event event, libusb_device* dev) noexcept GVUSB_EXCLUDES(m_mutex);
+    void Post(libusb_hotplug_event event, libusb_device* dev) GVUSB_EXCLUDES(m_mutex);
 
     // Drop queued and future events, and wait for a report in progress, unless the report itself stops the queue.
-    void Stop() noexcept GVUSB_EXCLUDES(m_mutex);
+    void Stop() GVUSB_EXCLUDES(m_mutex);
 
 private:
     struct Event {

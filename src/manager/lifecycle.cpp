@@ -2,11 +2,11 @@
 
 #include "base/log.h"
 #include "base/own_thread.h"
+#include "base/owner.h"
 #include "base/version.h"
 #include "manager/configuration.h"
 #include "manager/event_handling.h"
 
-#include <memory>
 #include <optional>
 
 #include <sys/stat.h>
@@ -36,12 +36,11 @@ bool descriptorsAreOpen() {
     if (&libusb_get_pollfds == nullptr || &libusb_free_pollfds == nullptr) {
         return true;
     }
-    const std::unique_ptr<const libusb_pollfd*[], decltype(&libusb_free_pollfds)> all(
-        libusb_get_pollfds(nullptr), &libusb_free_pollfds);
+    const Owner<const libusb_pollfd*, libusb_free_pollfds> all(libusb_get_pollfds(nullptr));
     bool open = true;
-    for (std::size_t i = 0; all != nullptr && all[i] != nullptr; ++i) {
+    for (const libusb_pollfd** next = all.get(); next != nullptr && *next != nullptr; ++next) {
         struct stat status = {};
-        open = open && fstat(all[i]->fd, &status) == 0;
+        open = open && fstat((*next)->fd, &status) == 0;
     }
     return open;
 }
@@ -81,7 +80,7 @@ GVDrvHnd::GVDrvHnd() {
     relaxed::store(managerIsUsable, true);
 }
 
-GVDrvHnd::~GVDrvHnd() {
+GVDrvHnd::~GVDrvHnd() noexcept(false) {
     // A forked child must not touch the readers, which it shares with its parent.
     if (!m_Process.isCurrent()) {
         relaxed::store(managerIsUsable, false);

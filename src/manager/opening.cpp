@@ -5,16 +5,13 @@
 #include "manager/opening.h"
 
 #include <algorithm>
-#include <memory>
 
 namespace {
 
-struct Closer {
-    void operator()(GVDevice* device) const {
-        const MutexLock lock(device->mutex);
-        device->CloseDev();
-    }
-};
+void closeDevice(GVDevice* device) {
+    const MutexLock lock(device->mutex);
+    device->CloseDev();
+}
 
 } // namespace
 
@@ -24,7 +21,7 @@ bool isOpen(const GVDevice& device) GVUSB_NO_THREAD_SAFETY_ANALYSIS {
 
 int openOrLeaveClosed(GVDevice& device) {
     // Closes the reader on failure, also if memory runs out, unless it was open before.
-    std::unique_ptr<GVDevice, Closer> opening(isOpen(device) ? nullptr : &device);
+    Owner<GVDevice, closeDevice> opening(isOpen(device) ? nullptr : &device);
     const int code = device.OpenDevice();
     if (code == 0) {
         static_cast<void>(opening.release());
@@ -122,7 +119,7 @@ int GVDrvHnd::CloseDevice(int devHnd) {
     m_DeviceList.erase(found);
     const unsigned int devId = device->devId;
     const bool stillScanned = IsInScanList(device);
-    std::unique_ptr<GVDevice> unlisted(stillScanned ? nullptr : device);
+    OwnedDevice unlisted(stillScanned ? nullptr : device);
     device->owner = true;
     device->CloseDevice();
     SetLastError(GVUSB_OK);

@@ -2,6 +2,10 @@
 #include "sweep.h"
 #include "sweep_test.h"
 
+#include <algorithm>
+#include <iterator>
+#include <vector>
+
 namespace {
 
 using namespace failures;
@@ -31,6 +35,22 @@ protected:
     Trace trace_;
 };
 
+// The operations that pass an exception on to the application. libusb calls the others, or the loader.
+std::vector<Operation> throwingOperations() {
+    std::vector<Operation> throwing;
+    for (const auto& operations : {scanOperations(), openingOperations(), transferOperations(),
+                                   parameterOperations(), hotPlugOperations()}) {
+        std::ranges::copy_if(operations, std::back_inserter(throwing),
+                             [](const Operation& each) { return !each.mayLoseEvents; });
+    }
+    return throwing;
+}
+
+class ExceptionsTest : public SweepTest<ExceptionsTest> {
+public:
+    static constexpr const char* name = "exceptions";
+};
+
 } // namespace
 
 TEST_P(LibusbFailuresTest, EachCallMayFailWithEachCode) {
@@ -48,3 +68,15 @@ TEST_P(LibusbFailuresTest, LoggingMakesNoDifference) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EachOperation, LibusbFailuresTest, testing::ValuesIn(allOperations()), nameOf);
+
+// As if the thread were canceled in libusb.
+TEST_P(ExceptionsTest, ExceptionFromAnyLibusbCallReleasesEveryLock) {
+    const support::CapturedStdout output;
+    std::size_t thrown = 0;
+    while (runWithException(GetParam(), thrown + 1)) {
+        ++thrown;
+    }
+    tell(thrown);
+}
+
+INSTANTIATE_TEST_SUITE_P(EachOperation, ExceptionsTest, testing::ValuesIn(throwingOperations()), nameOf);

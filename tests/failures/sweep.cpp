@@ -163,6 +163,39 @@ void runWithFailure(const Operation& operation, const Failing& failing, std::siz
     tryAgain(operation, events);
 }
 
+bool mayThrow(std::string_view function) {
+    constexpr std::string_view excluded[] = {
+        "libusb_close",          "libusb_free_config_descriptor", "libusb_free_device_list",
+        "libusb_get_bus_number", "libusb_get_device_address",     "libusb_release_interface",
+        "libusb_unref_device"};
+    return std::ranges::find(excluded, function) == std::end(excluded);
+}
+
+bool runWithException(const Operation& operation, std::size_t n) {
+    struct Thrown {};
+    const std::string failure = "libusb call " + std::to_string(n) + " throws";
+    SCOPED_TRACE(failure);
+    begin(operation);
+    const std::thread::id caller = std::this_thread::get_id();
+    std::size_t calls = 0;
+    fake::setHook([&](std::string_view function, std::string_view) {
+        if (std::this_thread::get_id() == caller && mayThrow(function) && ++calls == n) {
+            throw Thrown();
+        }
+    });
+    bool passed = false;
+    try {
+        operation.run();
+    } catch (const Thrown&) {
+        passed = true;
+    }
+    fake::setHook({});
+    requireEveryMutexFree(failure);
+    EXPECT_EQ(passed, calls >= n);
+    EXPECT_EQ(fake::misuses(), std::vector<std::string>());
+    return calls >= n;
+}
+
 bool runOutOfMemory(const Operation& operation, std::size_t n, int logLevel) {
     const std::string failure =
         "allocation " + std::to_string(n) + " fails at log level " + std::to_string(logLevel);

@@ -17,6 +17,10 @@ Trace callsOf(const Operation& operation);
 // Fail the calls that `failing` describes. Returns whether any call failed.
 void runWithFailure(const Operation& operation, const Failing& failing, std::size_t n, int logLevel);
 
+// Throw from the n-th libusb call of this thread. Returns whether there was one. Calls that release something are not
+// counted, because it would leak, nor those that only read a field of a device.
+bool runWithException(const Operation& operation, std::size_t n);
+
 // Fail the n-th allocation of this thread. Returns whether there was one.
 bool runOutOfMemory(const Operation& operation, std::size_t n, int logLevel);
 

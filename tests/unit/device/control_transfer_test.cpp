@@ -21,6 +21,8 @@ protected:
         return device.Receive(protocol, buffer.data(), static_cast<unsigned int>(buffer.size()));
     }
 
+    ~ControlTransferTest() noexcept override = default;
+
     GVDevice device{1, fake::plug("dev1", fake::controlReader())};
 };
 

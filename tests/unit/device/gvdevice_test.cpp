@@ -148,6 +148,43 @@ TEST_F(RecordTest, UnpluggedReaderCanBeDestroyed) {
                                     "libusb_unref_device(dev1)\n");
 }
 
+// As if the thread were canceled in libusb.
+TEST_F(RecordTest, ExceptionWhileClosingPassesAndTheReferenceIsDropped) {
+    auto* const device = new GVDevice(1, fake::plug("dev1", fake::bulkReader()));
+    makeReady(*device);
+    libusb_device_handle* leaked = nullptr;
+    {
+        const MutexLock lock(device->mutex);
+        leaked = device->usbdev_hnd;
+    }
+    {
+        const ScopedHook hook([](std::string_view function, std::string_view) {
+            if (function == "libusb_close") {
+                throw std::bad_alloc();
+            }
+        });
+        EXPECT_THROW(delete device, std::bad_alloc);
+    }
+    EXPECT_EQ(fake::references("dev1"), 0);
+    libusb_close(leaked);
+}
+
+TEST_F(RecordTest, ExceptionWhileClosingReleasesTheMutex) {
+    GVDevice device(1, fake::plug("dev1", fake::bulkReader()));
+    makeReady(device);
+    {
+        const ScopedHook hook([](std::string_view function, std::string_view) {
+            if (function == "libusb_release_interface") {
+                throw std::bad_alloc();
+            }
+        });
+        EXPECT_THROW(device.CloseDevice(), std::bad_alloc);
+    }
+    EXPECT_FALSE(support::isHeld(device.mutex));
+    EXPECT_EQ(device.CloseDevice(), 0);
+    EXPECT_EQ(fake::openHandles("dev1"), 0);
+}
+
 TEST_F(RecordTest, SeveralRecordsOfOneReaderHoldAReferenceEach) {
     libusb_device* const usb = fake::plug("dev1", fake::bulkReader());
     const GVDevice first(1, usb);

@@ -22,6 +22,8 @@ protected:
         fake::takeCalls();
     }
 
+    ~IdentifyTest() noexcept override = default;
+
     GVDevice device;
 };
 

@@ -16,6 +16,8 @@ protected:
         });
     }
 
+    ~LogBufferTest() noexcept override = default;
+
     GVDevice device{1, fake::plug("dev1", fake::bulkReader())};
 };
 

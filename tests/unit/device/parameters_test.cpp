@@ -36,6 +36,8 @@ protected:
         return code;
     }
 
+    ~ParametersTest() noexcept override = default;
+
     GVDevice device{0x10000001, fake::plug("dev1", fake::bulkReader())};
 };
 

@@ -48,6 +48,8 @@ protected:
     const TransferOperation operation = std::get<0>(GetParam());
     const TransferMedium medium = mediumOf(std::get<1>(GetParam()));
     const int success = operation.receives ? 2 : 0;
+    ~TransferTest() noexcept override = default;
+
     GVDevice device{1, fake::plug("dev1", medium.reader)};
 };
 
@@ -267,6 +269,8 @@ INSTANTIATE_TEST_SUITE_P(EachOperation, TransferTest,
 class TransceiveTest : public DeviceTest, public testing::WithParamInterface<TransferMode> {
 protected:
     const TransferMedium medium = mediumOf(GetParam());
+    ~TransceiveTest() noexcept override = default;
+
     GVDevice device{1, fake::plug("dev1", medium.reader)};
 };
 
