@@ -1,5 +1,7 @@
 #include "bare_reader.h"
 
+#include "base/reader_facts.h"
+
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -11,8 +13,8 @@ namespace {
 
 constexpr unsigned char endpointIn = 0x81;
 constexpr unsigned char endpointOut = 0x02;
-constexpr unsigned int timeout = 1000;
-constexpr std::array<std::uint8_t, 4> identifyingStrings = {1, 3, 5, 6};
+constexpr std::array identifyingStrings = {StringIndex::deviceId, StringIndex::familyName,
+                                           StringIndex::deviceName, StringIndex::interfaceType};
 
 void check(int code, const char* function) {
     if (code < 0) {
@@ -47,7 +49,7 @@ void visitDevices(Visit visit) {
 }
 
 bool isReader(const libusb_device_descriptor& descriptor) {
-    return descriptor.idVendor == GVUSB_VENDOR_ID && descriptor.idProduct >= 1 && descriptor.idProduct <= 4;
+    return descriptor.idVendor == GVUSB_VENDOR_ID && isReaderProduct(descriptor.idProduct);
 }
 
 void identify(libusb_device* device) {
@@ -56,9 +58,10 @@ void identify(libusb_device* device) {
     libusb_get_device_address(device);
     libusb_device_handle* handle = nullptr;
     check(libusb_open(device, &handle), "libusb_open");
-    for (const std::uint8_t index : identifyingStrings) {
+    for (const StringIndex index : identifyingStrings) {
         std::array<unsigned char, 256> text = {};
-        check(libusb_get_string_descriptor_ascii(handle, index, text.data(), text.size()),
+        check(libusb_get_string_descriptor_ascii(handle, static_cast<std::uint8_t>(index), text.data(),
+                                                 text.size()),
               "libusb_get_string_descriptor_ascii");
     }
     libusb_release_interface(handle, 0);
@@ -94,9 +97,9 @@ BareReader::~BareReader() {
 
 int BareReader::exchange(unsigned char* data, int length, unsigned char* buffer, int size) {
     int transferred = 0;
-    check(libusb_bulk_transfer(m_handle, endpointOut, data, length, &transferred, timeout),
+    check(libusb_bulk_transfer(m_handle, endpointOut, data, length, &transferred, defaultTransferTimeout),
           "libusb_bulk_transfer");
-    check(libusb_bulk_transfer(m_handle, endpointIn, buffer, size, &transferred, timeout),
+    check(libusb_bulk_transfer(m_handle, endpointIn, buffer, size, &transferred, defaultTransferTimeout),
           "libusb_bulk_transfer");
     return transferred;
 }

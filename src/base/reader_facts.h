@@ -7,6 +7,10 @@
 inline constexpr std::uint16_t lowestReaderProduct = 1;
 inline constexpr std::uint16_t highestReaderProduct = 4;
 
+inline bool isReaderProduct(std::uint16_t product) {
+    return product >= lowestReaderProduct && product <= highestReaderProduct;
+}
+
 // The string descriptors by which a reader identifies itself.
 enum class StringIndex : std::uint8_t {
     deviceId = 1, // in hexadecimal

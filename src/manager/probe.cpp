@@ -7,8 +7,7 @@
 #include "device/string_descriptor.h"
 
 bool GVDrvHnd::IsUsableGavoDevice(libusb_device_descriptor* desc) {
-    return desc->idVendor == GVUSB_VENDOR_ID && desc->idProduct >= lowestReaderProduct &&
-           desc->idProduct <= highestReaderProduct;
+    return desc->idVendor == GVUSB_VENDOR_ID && isReaderProduct(desc->idProduct);
 }
 
 unsigned int GVDrvHnd::ReadDeviceIdOfUsbDev(libusb_device* dev) {

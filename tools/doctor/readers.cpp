@@ -1,5 +1,8 @@
 #include "doctor/readers.h"
 
+#include "base/owner.h"
+#include "base/reader_facts.h"
+#include "base/usb_owners.h"
 #include "commands/explanations.h"
 #include "doctor/node_users.h"
 #include "doctor/permissions.h"
@@ -8,7 +11,6 @@
 
 #include <array>
 #include <cstdio>
-#include <memory>
 #include <optional>
 
 #include <fcntl.h>
@@ -20,19 +22,7 @@
 
 namespace {
 
-constexpr std::uint16_t lowestProduct = 1;
-constexpr std::uint16_t highestProduct = 4;
-
-template <auto release>
-struct Releaser {
-    template <class Object>
-    void operator()(Object* object) const {
-        release(object);
-    }
-};
-using Context = std::unique_ptr<libusb_context, Releaser<libusb_exit>>;
-using Handle = std::unique_ptr<libusb_device_handle, Releaser<libusb_close>>;
-using Configuration = std::unique_ptr<libusb_config_descriptor, Releaser<libusb_free_config_descriptor>>;
+using Context = Owner<libusb_context, libusb_exit>;
 
 std::string formatted(const char* format, unsigned int first, unsigned int second = 0) {
     std::array<char, 64> text{};
@@ -58,7 +48,7 @@ public:
     void run() {
         libusb_device_handle* opened = nullptr;
         const int code = libusb_open(m_device, &opened);
-        const Handle handle(opened);
+        const DeviceHandle handle(opened);
         if (code == LIBUSB_ERROR_ACCESS) {
             m_findings.problem(m_topic, "this user may not write to " + m_node, permissionRemedy());
             return;
@@ -91,9 +81,8 @@ public:
 private:
     // As the library reads it: the hexadecimal number at the start of string 1.
     static std::optional<unsigned int> deviceId(libusb_device_handle* handle) {
-        constexpr std::uint8_t idString = 1;
         std::array<char, 256> text{};
-        if (libusb_get_string_descriptor_ascii(handle, idString,
+        if (libusb_get_string_descriptor_ascii(handle, static_cast<std::uint8_t>(StringIndex::deviceId),
                                                reinterpret_cast<unsigned char*>(text.data()),
                                                static_cast<int>(text.size()) - 1) <= 0) {
             return std::nullopt;
@@ -138,7 +127,7 @@ private:
     void reportKernelDriver(const std::string& name) {
         libusb_config_descriptor* first = nullptr;
         const bool isKnown = libusb_get_config_descriptor(m_device, 0, &first) == LIBUSB_SUCCESS;
-        const Configuration owner(first);
+        const ConfigDescriptor owner(first);
         const std::string found =
             m_title + ": the kernel driver " + printable(name) + " is bound to interface 0";
         if (isKnown && first->bConfigurationValue == 1) {
@@ -178,25 +167,23 @@ void examineReaders(Findings& findings) {
         return;
     }
     const Context context(initialized);
-    libusb_device** devices = nullptr;
-    const ssize_t count = libusb_get_device_list(context.get(), &devices);
+    const UsbDeviceList devices(true, context.get());
     int readers = 0;
-    for (ssize_t i = 0; i < count; ++i) {
+    for (libusb_device* const device : devices.devices()) {
         libusb_device_descriptor descriptor = {};
-        libusb_get_device_descriptor(devices[i], &descriptor);
+        libusb_get_device_descriptor(device, &descriptor);
         if (descriptor.idVendor != GVUSB_VENDOR_ID) {
             continue;
         }
-        if (descriptor.idProduct < lowestProduct || descriptor.idProduct > highestProduct) {
+        if (!isReaderProduct(descriptor.idProduct)) {
             findings.note("devices", formatted("%04x:%04x", descriptor.idVendor, descriptor.idProduct) +
                                          " has the vendor ID of the readers, but is not a product that the "
                                          "library knows");
             continue;
         }
         ++readers;
-        Examination(devices[i], findings).run();
+        Examination(device, findings).run();
     }
-    libusb_free_device_list(devices, 1);
     if (readers == 0) {
         reportNoReader(findings);
     }
