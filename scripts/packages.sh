@@ -8,11 +8,20 @@ export CMAKE_GENERATOR=Ninja
 build_packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev libumockdev-dev umockdev libcli11-dev
     nlohmann-json3-dev)
 
-# Also needed for the tests: clang for its sanitizers and thread-safety analysis, llvm to name functions in reports,
-# abigail-tools to compare the binary interface, doxygen and help2man to build the manual, python3 to run what the guides
-# show, usbip to try the virtual readers with the standard client, QEMU and cpio for a virtual machine.
-test_packages=(clang libclang-rt-14-dev llvm clang-format libgtest-dev libgmock-dev libcmocka-dev gcovr git
-    abigail-tools doxygen help2man python3 usbip qemu-system-x86 cpio)
+# Also needed for the tests: abigail-tools to compare the binary interface, doxygen and help2man to build the manual,
+# python3 to run what the guides show, usbip to try the virtual readers with the standard client, QEMU and cpio for a
+# virtual machine.
+test_packages=(libgtest-dev libgmock-dev libcmocka-dev abigail-tools doxygen help2man python3 usbip qemu-system-x86 cpio)
+
+# Also needed for the tests with sanitizers: clang for these and for its thread-safety analysis, llvm to name functions in
+# reports.
+sanitizer_packages=(clang libclang-rt-14-dev llvm)
+
+# Needed to check the format.
+format_packages=(clang-format git)
+
+# Needed to measure the coverage, in addition to those for the tests.
+coverage_packages=(gcovr)
 
 # Also needed for static analysis. run-clang-tidy is a Python program.
 analysis_packages=(clang-tidy cppcheck gcc git jq python3 shellcheck)
