@@ -9,6 +9,7 @@ set(GVUSB_SANITIZE "" CACHE STRING "Sanitizers for library and tests, as -fsanit
 option(GVUSB_WERROR "Treat compiler warnings as errors" OFF)
 option(GVUSB_COVERAGE "Measure test coverage" OFF)
 option(GVUSB_BUILD_BENCHMARKS "Build the benchmarks (scripts/bench)" OFF)
+option(GVUSB_UNITY "Compile files of the tests, the tool and the virtual readers in groups; faster for a clean build" ON)
 option(GVUSB_FUZZ "Make the fuzz targets coverage-guided fuzzers (clang)" OFF)
 
 find_package(PkgConfig QUIET)

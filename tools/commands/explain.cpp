@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 
+namespace explain_command {
 namespace {
 
 constexpr const char* examples = R"(
@@ -93,8 +94,10 @@ ExitStatus explain(const Options& options) {
 }
 
 } // namespace
+} // namespace explain_command
 
 void addExplain(CLI::App& app, ExitStatus& status) {
+    using namespace explain_command;
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("explain", "Explain a return code: usual causes and remedies");
     command->add_option("CODE", options->code, "A code such as -1144 or 1144; without it, list all codes")

@@ -4,6 +4,7 @@
 
 #include <memory>
 
+namespace get_command {
 namespace {
 
 constexpr const char* keys = R"(
@@ -36,8 +37,10 @@ ExitStatus get(const Options& options) {
 }
 
 } // namespace
+} // namespace get_command
 
 void addGet(CLI::App& app, ExitStatus& status) {
+    using namespace get_command;
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("get", "Print a parameter of a reader or of the driver");
     addTargetArgument(*command, options->target);

@@ -8,6 +8,7 @@
 #include <array>
 #include <memory>
 
+namespace info_command {
 namespace {
 
 constexpr const char* examples = R"(
@@ -55,8 +56,10 @@ ExitStatus info(const Options& options) {
 }
 
 } // namespace
+} // namespace info_command
 
 void addInfo(CLI::App& app, ExitStatus& status) {
+    using namespace info_command;
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("info", "Show everything that one reader reports about itself");
     addReaderArgument(*command, options->id);

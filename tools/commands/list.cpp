@@ -11,6 +11,7 @@
 
 #include <gvusb.h>
 
+namespace list_command {
 namespace {
 
 constexpr const char* about = R"(
@@ -145,8 +146,10 @@ ExitStatus list(const Options& options) {
 }
 
 } // namespace
+} // namespace list_command
 
 void addList(CLI::App& app, ExitStatus& status) {
+    using namespace list_command;
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("list", "List the readers on the bus");
     CLI::Option* family =

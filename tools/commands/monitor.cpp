@@ -19,6 +19,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+namespace monitor_command {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -193,8 +194,10 @@ private:
 };
 
 } // namespace
+} // namespace monitor_command
 
 void addMonitor(CLI::App& app, ExitStatus& status) {
+    using namespace monitor_command;
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("monitor", "Report readers as they connect and disconnect");
     command->add_flag("--json", options->json, "Print an object for each event, one per line");

@@ -20,6 +20,7 @@
 
 #include <unistd.h>
 
+namespace send_command {
 namespace {
 
 constexpr const char* about = R"(
@@ -227,8 +228,10 @@ const CLI::Validator isFrame(
     "");
 
 } // namespace
+} // namespace send_command
 
 void addSend(CLI::App& app, ExitStatus& status) {
+    using namespace send_command;
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("send", "Send frames to a reader and print its answers");
     addReaderArgument(*command, options->id);

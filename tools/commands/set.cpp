@@ -4,6 +4,7 @@
 
 #include <memory>
 
+namespace set_command {
 namespace {
 
 constexpr const char* keys = R"(
@@ -49,8 +50,10 @@ ExitStatus set(const Options& options) {
 }
 
 } // namespace
+} // namespace set_command
 
 void addSet(CLI::App& app, ExitStatus& status) {
+    using namespace set_command;
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("set", "Change a parameter of a reader or of the driver");
     addTargetArgument(*command, options->target);

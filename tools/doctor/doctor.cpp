@@ -5,6 +5,7 @@
 #include "output.h"
 #include "version.h"
 
+namespace doctor_command {
 namespace {
 
 constexpr const char* about = R"(
@@ -34,8 +35,10 @@ ExitStatus doctor() {
 }
 
 } // namespace
+} // namespace doctor_command
 
 void addDoctor(CLI::App& app, ExitStatus& status) {
+    using namespace doctor_command;
     CLI::App* command =
         app.add_subcommand("doctor", "Find what keeps readers from working, and how to fix it");
     command->footer(joinSections({about, exitStatusHelp, status1}));

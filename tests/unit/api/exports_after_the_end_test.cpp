@@ -14,9 +14,6 @@ namespace {
 
 namespace fake = fake_libusb;
 
-void ignoreEvent(int, unsigned int, const char*) {
-}
-
 class ExportsAfterTheEnd : public ManagerTest {
 protected:
     ExportsAfterTheEnd() {
@@ -41,7 +38,8 @@ TEST_F(ExportsAfterTheEnd, FunctionsThatNeedTheManagerReportThatLibusbIsNotAvail
     char value[GVUSB_PARAMETER_SIZE] = "";
     unsigned char bytes[4] = {1, 2, 3, 4};
     GVUSB_SCANSEARCH search = {};
-    GVUSB_EVENT_INIT registration = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, &ignoreEvent};
+    GVUSB_EVENT_INIT registration = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0,
+                                     [](int, unsigned int, const char*) {}};
     const std::pair<const char*, std::function<int()>> calls[] = {
         {"Scan", [&] { return GVUSB_Scan(GVUSB_SCAN_ALL, nullptr); }},
         {"ScanAndOpen", [&] { return GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST | GVUSB_SCAN_SEARCH, &search); }},

@@ -21,9 +21,6 @@ namespace {
 namespace fake = fake_libusb;
 using fake::Transfer;
 
-void ignoreEvent(int, unsigned int, const char*) {
-}
-
 class LastError : public ManagerTest {
 protected:
     static constexpr int earlier = -1199;
@@ -86,7 +83,8 @@ TEST_F(LastError, VersionClearsIt) {
 
 // The error is cleared even before the function locks the registrations.
 TEST_F(LastError, EventHandlerFunctionsClearItFirst) {
-    GVUSB_EVENT_INIT registration = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, ignoreEvent};
+    GVUSB_EVENT_INIT registration = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0,
+                                     [](int, unsigned int, const char*) {}};
     for (const auto function : {&GVUSB_AddEventHandler, &GVUSB_DelEventHandler}) {
         g_GvUsbMan.SetLastError(earlier);
         std::thread caller;

@@ -21,9 +21,6 @@ struct Refusal {
     int code;
 };
 
-void ignoreEvent(int, unsigned int, const char*) {
-}
-
 class Refusals : public ManagerTest {
 protected:
     static constexpr int earlier = -1199;
@@ -53,7 +50,8 @@ protected:
     char value[GVUSB_PARAMETER_SIZE] = "untouched";
     const unsigned char frame[2] = {1, 2};
     unsigned char buffer[2] = {0xAA, 0xAA};
-    GVUSB_EVENT_INIT registration = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, ignoreEvent};
+    GVUSB_EVENT_INIT registration = {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0,
+                                     [](int, unsigned int, const char*) {}};
 };
 
 TEST_F(Refusals, RequiredPointersThatAreNull) {

@@ -7,18 +7,18 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr const char* protocol = "tesk-rci2";
+constexpr const char* lowerCaseProtocol = "tesk-rci2";
 
 class BulkTransferTest : public DeviceTest {
 protected:
     BulkTransferTest() { makeReady(device); }
 
     int send(const fake::Bytes& frame) {
-        return device.Transmit(protocol, frame.data(), static_cast<unsigned int>(frame.size()));
+        return device.Transmit(lowerCaseProtocol, frame.data(), static_cast<unsigned int>(frame.size()));
     }
 
     int receive(fake::Bytes& buffer) {
-        return device.Receive(protocol, buffer.data(), static_cast<unsigned int>(buffer.size()));
+        return device.Receive(lowerCaseProtocol, buffer.data(), static_cast<unsigned int>(buffer.size()));
     }
 
     ~BulkTransferTest() noexcept override = default;
@@ -121,7 +121,7 @@ TEST_F(BulkTransferTest, FailedSendIsLoggedBeforeTheEndpointsAreCleared) {
         before.insert(before.end(), lines.begin(), lines.end());
     });
     GVLOG_SetLevel(2);
-    EXPECT_EQ(device.Transmit(protocol, sentFrame.data(), 2), GVUSB_ERR_TIMEOUT);
+    EXPECT_EQ(device.Transmit(lowerCaseProtocol, sentFrame.data(), 2), GVUSB_ERR_TIMEOUT);
     EXPECT_THAT(beforeTransfer, ElementsAre("[bulkTransmit]   2 Bytes >> 02 00 "));
     EXPECT_THAT(beforeClearing, ElementsAre("[bulkTransmit] returned -7"));
     EXPECT_THAT(output.takeLogLines(), ElementsAre("[transmit] returned -1130"));
@@ -156,7 +156,7 @@ TEST_F(BulkTransferTest, ReceiveFillsTheWholeBufferWithZeroFirst) {
             duringTransfer = buffer;
             return fake::Answer{.code = usbResult};
         });
-        EXPECT_EQ(device.Receive(protocol, buffer.data() + 1, 10000),
+        EXPECT_EQ(device.Receive(lowerCaseProtocol, buffer.data() + 1, 10000),
                   expectedCode(usbResult, usbResult < 0 ? -1139 : 0));
         fake::setHandler(nullptr);
 
@@ -191,7 +191,7 @@ TEST_F(BulkTransferTest, EmptyReceptionIsDumpedWithABlankCount) {
 
 TEST_F(BulkTransferTest, LongestLengthThatLibusbAcceptsIsPassedOn) {
     fake::failNext("libusb_bulk_transfer", LIBUSB_ERROR_NO_MEM); // which does not read the frame
-    EXPECT_EQ(device.Transmit(protocol, sentFrame.data(), 0x7FFFFFFF), GVUSB_ERR_BULK_TRANSFER);
+    EXPECT_EQ(device.Transmit(lowerCaseProtocol, sentFrame.data(), 0x7FFFFFFF), GVUSB_ERR_BULK_TRANSFER);
     EXPECT_THAT(fake::takeCalls(), ElementsAre("libusb_bulk_transfer(hnd1, 0x02, 2147483647, 1000) = -11"));
 }
 
@@ -200,7 +200,8 @@ TEST_F(BulkTransferTest, LengthBeyondLibusbsLimitIsATransferErrorAfterTheDump) {
     for (const unsigned int length : {0x80000000u, 0xFFFFFFFFu}) {
         SCOPED_TRACE(length);
         int result = 0;
-        const Lines lines = logOf(2, [&] { result = device.Transmit(protocol, start.data(), length); });
+        const Lines lines =
+            logOf(2, [&] { result = device.Transmit(lowerCaseProtocol, start.data(), length); });
         EXPECT_EQ(result, GVUSB_ERR_BULK_TRANSFER);
         EXPECT_THAT(lines, ElementsAre(testing::StartsWith("[bulkTransmit] " + std::to_string(length) +
                                                            " Bytes >> 55 55 "),

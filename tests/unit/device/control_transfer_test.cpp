@@ -7,8 +7,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr const char* protocol = "TESK-RCI2";
-
 class ControlTransferTest : public DeviceTest {
 protected:
     ControlTransferTest() { makeReady(device); }

@@ -9,27 +9,28 @@ struct TransferOperation {
     const char* tag; // of its own log lines
     bool sends;
     bool receives;
-    int (*run)(GVDevice& device, const char* protocol);
+    int (*run)(GVDevice& device, const char* name);
 };
 
 inline const fake::Bytes sentFrame = {0x02, 0x00, 0x07, 0xFF, 0x01};
 inline constexpr unsigned int receiveSize = 8;
+inline constexpr const char* protocol = "TESK-RCI2";
 
 inline const TransferOperation transferOperations[] = {
     {"transmit", true, false,
-     [](GVDevice& device, const char* protocol) {
-         return device.Transmit(protocol, sentFrame.data(), static_cast<unsigned int>(sentFrame.size()));
+     [](GVDevice& device, const char* name) {
+         return device.Transmit(name, sentFrame.data(), static_cast<unsigned int>(sentFrame.size()));
      }},
     {"receive", false, true,
-     [](GVDevice& device, const char* protocol) {
+     [](GVDevice& device, const char* name) {
          unsigned char buffer[receiveSize];
-         return device.Receive(protocol, buffer, receiveSize);
+         return device.Receive(name, buffer, receiveSize);
      }},
     {"transceive", true, true,
-     [](GVDevice& device, const char* protocol) {
+     [](GVDevice& device, const char* name) {
          unsigned char buffer[receiveSize];
-         return device.Transceive(protocol, sentFrame.data(), static_cast<unsigned int>(sentFrame.size()),
-                                  buffer, receiveSize);
+         return device.Transceive(name, sentFrame.data(), static_cast<unsigned int>(sentFrame.size()), buffer,
+                                  receiveSize);
      }},
 };
 

@@ -14,8 +14,6 @@ using testing::Not;
 using testing::StartsWith;
 using testing::ValuesIn;
 
-constexpr const char* protocol = "TESK-RCI2";
-
 class TransferTest : public DeviceTest,
                      public testing::WithParamInterface<std::tuple<TransferOperation, TransferMode>> {
 protected:

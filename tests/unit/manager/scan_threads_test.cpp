@@ -19,8 +19,6 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr int search = GVUSB_SCAN_SEARCH;
-
 class ScanThreadsTest : public ManagerTest {
 protected:
     ScanThreadsTest() {
@@ -104,7 +102,7 @@ TEST_F(ScanThreadsTest, EachThreadOpensTheReaderThatItsOwnScanFound) {
     const auto openOwn = [&](unsigned devId) {
         GVUSB_SCANSEARCH record = forId(devId);
         for (int round = 0; round < rounds; ++round) {
-            const int devHnd = GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST | search, &record);
+            const int devHnd = GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST | GVUSB_SCAN_SEARCH, &record);
             wrong += devHnd <= 0 || devHnd != GVUSB_GetDeviceHnd(devId) ? 1 : 0;
             GVUSB_CloseDevice(devHnd);
         }
