@@ -169,7 +169,7 @@ private:
     // lifecycle.cpp
     void ApplyDebugLevels();
     void LogStart(const libusb_version& libUsbVersion);
-    static void LeaveLibUsb(bool inHandler);
+    static void LeaveLibUsb();
     void RegisterHotPlugCallbacks();
 
     // worker.cpp

@@ -1,7 +1,7 @@
 #include "manager/gvdrvhnd.h"
 
 #include "base/log.h"
-#include "manager/event_handling.h"
+#include "manager/libusb_events.h"
 
 int LIBUSB_CALL GVDrvHnd::ExecDeviceConnectCallbacks(libusb_context* /*ctx*/, libusb_device* dev,
                                                      libusb_hotplug_event /*event*/, void* manager) {

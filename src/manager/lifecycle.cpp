@@ -5,7 +5,7 @@
 #include "base/owner.h"
 #include "base/version.h"
 #include "manager/configuration.h"
-#include "manager/event_handling.h"
+#include "manager/libusb_events.h"
 
 #include <optional>
 
@@ -102,8 +102,8 @@ GVDrvHnd::~GVDrvHnd() noexcept(false) {
     ClearEventInitList();
     ClearScanList();
     ClearDeviceList();
-    if (m_bLibUsbUsable && !contextInUse) {
-        LeaveLibUsb(inHandler);
+    if (m_bLibUsbUsable && !contextInUse && !inHandler) {
+        LeaveLibUsb();
     }
     log<Level::manager>("exit", "... done");
 }
@@ -120,11 +120,11 @@ void GVDrvHnd::ApplyDebugLevels() {
 }
 
 // Call libusb_exit, unless this would free the context under a thread of the application that handles events, or wait
-// forever for libusb's own thread, which cannot wake up if the descriptors are closed. Then the context stays.
-void GVDrvHnd::LeaveLibUsb(bool inHandler) {
-    // A handler that ends the process was called because of an event, so the thread that handled the event is probably
-    // between two rounds.
-    const std::chrono::milliseconds betweenRounds(inHandler ? 20 : 1);
+// forever for libusb's own thread, which cannot wake up if the descriptors are closed. Then the context stays. It also stays
+// if a handler ends the process: the thread that handled the event is probably between two rounds, where it cannot be
+// seen.
+void GVDrvHnd::LeaveLibUsb() {
+    constexpr std::chrono::milliseconds betweenRounds(1);
     if (!eventsAreHandledWithin(betweenRounds) && descriptorsAreOpen()) {
         libusb_exit(nullptr);
     }

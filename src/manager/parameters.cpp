@@ -15,8 +15,8 @@ namespace {
 // documented size is read.
 void logParameter(const char* tag, int devHnd, const char* key, const char* value, std::size_t valueSize,
                   int code) {
-    log<Level::manager>(tag, "Hnd(0x", std::hex, devHnd, ") ", key, " = '",
-                        std::string_view(value, strnlen(value, valueSize)), "' => rc=", code);
+    const auto text = [=] { return std::string_view(value, strnlen(value, valueSize)); };
+    log<Level::manager>(tag, "Hnd(0x", std::hex, devHnd, ") ", key, " = '", text, "' => rc=", code);
 }
 
 } // namespace

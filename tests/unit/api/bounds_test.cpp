@@ -158,19 +158,19 @@ TEST_F(Bounds, KeysValuesAndProtocolNamesAreReadOnlyToTheirTerminator) {
     }
 }
 
-TEST_F(Bounds, UnterminatedSearchRecordIsReadWithinItsFields) {
+TEST_F(Bounds, SearchRecordIsReadUpToTheTerminatorOfItsDeviceId) {
     fake::plug("dev1", talkative(fake::bulkReader(), longest("f")));
     for (const std::int32_t mask : {0, 1, 2, 4, 7, -1}) {
         for (const int option : {GVUSB_SCAN_ALL, GVUSB_SCAN_FIRST}) {
             SCOPED_TRACE(mask);
-            EdgeBuffer search(std::string(sizeof(GVUSB_SCANSEARCH), 'f'));
+            EdgeBuffer search(std::string(sizeof(GVUSB_SCANSEARCH) - 1, 'f') + '\0');
             search.record<GVUSB_SCANSEARCH>()->mask = mask;
             output.takeText();
             EXPECT_EQ(GVUSB_Scan(option | GVUSB_SCAN_SEARCH, search.record<GVUSB_SCANSEARCH>()),
                       GVUSB_ERR_NO_DEVICE_FOUND);
             EXPECT_THAT(output.takeLogLines(),
                         Contains("[search-opt] mask=" + std::to_string(mask) + " devId=0x" +
-                                 std::string(25, 'f') + " devName=" + std::string(50, 'f') +
+                                 std::string(24, 'f') + " devName=" + std::string(50, 'f') +
                                  " famName=" + std::string(25, 'f')));
         }
     }

@@ -4,8 +4,11 @@
 #include "captured_stdout.h"
 #include "manager_test.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -62,6 +65,34 @@ TEST_F(LogLine, DoesNotDependOnTheGlobalLocale) {
     const std::string line = logged(1234567, " ", std::hex, std::uint32_t{0xFFFFFFFF}, " ", true);
     std::locale::global(before);
     EXPECT_EQ(line, "[tag] 1234567 ffffffff 1");
+}
+
+TEST_F(LogLine, FunctionIsCalledForItsPart) {
+    EXPECT_EQ(logged(
+                  "before ", [] { return std::string_view("result"); }, " after"),
+              "[tag] before result after");
+}
+
+TEST_F(LogLine, IsPrintedFromItsLevelOn) {
+    for (int level = -1; level <= 4; ++level) {
+        SCOPED_TRACE(level);
+        support::CapturedStdout output;
+        GVLOG_SetLevel(level);
+        log<Level::manager>("tag", 1);
+        log<Level::reader>("tag", 2);
+        log<Level::poll>("tag", 3);
+        std::vector<std::string> expected;
+        for (int printed = 1; printed <= std::min(level, 3); ++printed) {
+            expected.push_back("[tag] " + std::to_string(printed));
+        }
+        EXPECT_EQ(output.takeLogLines(), expected);
+    }
+}
+
+TEST_F(LogLine, FunctionIsNotCalledIfTheMessageIsNotPrinted) {
+    int calls = 0;
+    log<Level::reader>("tag", [&] { return ++calls; });
+    EXPECT_EQ(calls, 0);
 }
 
 } // namespace

@@ -56,6 +56,12 @@ protected:
         beforeExit = std::move(inHandler);
         GVUSB_EVENT_INIT record = {event, 0, GVUSB_CALLBACK_FUNCTION, 0, &exitingHandler};
         GVUSB_AddEventHandler(0, &record);
+        // A thread of the application may still use libusb's context.
+        fake::setHook([](std::string_view function, std::string_view) {
+            if (function == "libusb_exit") {
+                _exit(8);
+            }
+        });
     }
 
     static void waitForTheEnd() { std::this_thread::sleep_for(std::chrono::seconds(30)); }

@@ -1,4 +1,4 @@
-#include "manager/event_handling.h"
+#include "manager/libusb_events.h"
 
 #include <thread>
 
