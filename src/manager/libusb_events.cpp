@@ -18,6 +18,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds longestWait{1};
 constexpr std::chrono::microseconds shortPause{50};
+// On a busy machine, the time may be over before another thread has run.
+constexpr int fewestLooks = 10;
 
 bool canLockEvents() {
     return &libusb_try_lock_events != nullptr && &libusb_unlock_events != nullptr;
@@ -72,8 +74,9 @@ bool eventsAreHandledWithin(std::chrono::milliseconds time) {
     if (&libusb_event_handler_active == nullptr) {
         return eventsAreBeingHandled();
     }
-    for (const auto end = Clock::now() + time; libusb_event_handler_active(nullptr) == 0;) {
-        if (Clock::now() >= end) {
+    const auto end = Clock::now() + time;
+    for (int looks = 1; libusb_event_handler_active(nullptr) == 0; ++looks) {
+        if (looks >= fewestLooks && Clock::now() >= end) {
             return false;
         }
         std::this_thread::sleep_for(shortPause);
