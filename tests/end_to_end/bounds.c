@@ -113,11 +113,12 @@ static void ASearchRecordNeedsATerminatorOnlyAfterItsDeviceId(void** state) {
     static const size_t device_id_lengths[] = {0, 4, 24, 28, 100, 252};
     for (size_t i = 0; i < sizeof device_id_lengths / sizeof *device_id_lengths; ++i) {
         struct edge record = edge_of(offsetof(GVUSB_SCANSEARCH, devId) + device_id_lengths[i] + 1);
+        char* const bytes = memory(&record);
         for (int mask = 0; mask < 8; ++mask) {
-            memset(memory(&record), 'f', record.size);
-            memcpy(memory(&record), &mask, sizeof mask);
-            memory(&record)[record.size - 1] = '\0';
-            assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL | GVUSB_SCAN_SEARCH, (void*)memory(&record)),
+            memset(bytes, 'f', record.size);
+            memcpy(bytes, &mask, sizeof mask);
+            bytes[record.size - 1] = '\0';
+            assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL | GVUSB_SCAN_SEARCH, (void*)bytes),
                              GVUSB_ERR_NO_DEVICE_FOUND);
         }
         free_edge(&record);
