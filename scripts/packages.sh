@@ -9,9 +9,11 @@ build_packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev libumockdev-de
     nlohmann-json3-dev)
 
 # Also needed for the tests: abigail-tools to compare the binary interface, doxygen and help2man to build the manual,
-# python3 to run what the guides show, usbip to try the virtual readers with the standard client, QEMU and cpio for a
-# virtual machine.
-test_packages=(libgtest-dev libgmock-dev libcmocka-dev abigail-tools doxygen help2man python3 usbip qemu-system-x86 cpio)
+# python3 to run what the guides show, usbip to try the virtual readers with the standard client.
+test_packages=(libgtest-dev libgmock-dev libcmocka-dev abigail-tools doxygen help2man python3 usbip)
+
+# Also needed for the tests on a real kernel, in a virtual machine.
+kernel_packages=(qemu-system-x86 cpio)
 
 # Also needed for the tests with sanitizers: clang for these and for its thread-safety analysis, llvm to name functions in
 # reports.
