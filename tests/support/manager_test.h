@@ -40,6 +40,13 @@ protected:
         build(configuration);
     }
 
+    // Plug in a reader with this device ID, scan and open it. Returns its handle.
+    static int openReader(const std::string& name, const std::string& devId) {
+        fake_libusb::plug(name, fake_libusb::bulkReader(devId));
+        EXPECT_EQ(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), 0);
+        return GVUSB_OpenDevice(static_cast<unsigned>(std::stoul(devId, nullptr, 16)));
+    }
+
 private:
     static void build(const std::string& configuration) {
         fake_libusb::reset();

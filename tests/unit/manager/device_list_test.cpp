@@ -27,12 +27,6 @@ protected:
         return device;
     }
 
-    static int openReader(const std::string& name, const std::string& devId) {
-        fake::plug(name, fake::bulkReader(devId));
-        EXPECT_EQ(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), 0);
-        return GVUSB_OpenDevice(static_cast<unsigned>(std::stoul(devId, nullptr, 16)));
-    }
-
     static std::vector<int> drawHandles(int counter, int count) {
         const MutexLock lock(g_GvUsbMan.m_mtxDevList);
         g_GvUsbMan.m_iHandleCounter = counter;

@@ -17,14 +17,7 @@ namespace {
 constexpr int noHandle = GVUSB_ERR_HANDLE_NOT_FOUND;
 constexpr unsigned char frame[] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
 
-class FramesTest : public ManagerTest {
-protected:
-    static int openReader(const std::string& name, const std::string& devId) {
-        fake::plug(name, fake::bulkReader(devId));
-        EXPECT_EQ(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr), 0);
-        return GVUSB_OpenDevice(static_cast<unsigned>(std::stoul(devId, nullptr, 16)));
-    }
-};
+class FramesTest : public ManagerTest {};
 
 } // namespace
 
