@@ -17,7 +17,6 @@
 #include <system_error>
 #include <utility>
 
-#include <sys/prctl.h>
 #include <unistd.h>
 
 namespace emulator {
@@ -68,39 +67,10 @@ Program::Environment emulatedEnvironment(const Options& options, const VirtualBu
             {emulate_configuration_variable, options.configurationFile}};
 }
 
-// Sets TMPDIR, where umockdev creates its folder. GLib reads the variable only once.
-class TemporaryFolderVariable {
-public:
-    // NOLINTBEGIN(concurrency-mt-unsafe): no other thread of the launcher reads the environment
-    explicit TemporaryFolderVariable(const fs::path& folder) {
-        if (const char* before = std::getenv(name)) {
-            m_before = before;
-        }
-        ::setenv(name, folder.c_str(), 1);
-    }
-    TemporaryFolderVariable(const TemporaryFolderVariable&) = delete;
-    TemporaryFolderVariable& operator=(const TemporaryFolderVariable&) = delete;
-    ~TemporaryFolderVariable() {
-        if (m_before) {
-            ::setenv(name, m_before->c_str(), 1);
-        } else {
-            ::unsetenv(name);
-        }
-    }
-    // NOLINTEND(concurrency-mt-unsafe)
-
-private:
-    static constexpr const char* name = "TMPDIR";
-    std::optional<std::string> m_before;
-};
-
 int launchEmulated(const Options& options, const BlockedSignals& signals) {
     const ScratchFolder folder;
-    ::unsetenv(emulate_root_variable); // NOLINT(concurrency-mt-unsafe): there is no other thread yet
-    std::optional<TemporaryFolderVariable> temporary(folder.path());
     VirtualBus bus(folder.path());
     Session session(options, signals, bus, (folder.path() / "commands").string());
-    temporary.reset();
     return session.run(emulatedEnvironment(options, bus, folder.path()));
 }
 
@@ -129,25 +99,9 @@ int launchUsbip(const Options& options, const BlockedSignals& signals) {
 
 } // namespace
 
-void ensurePreloaded(char* const* arguments) {
-    const char* value = std::getenv(preloadVariable);
-    const std::string present = value != nullptr ? value : "";
-    if (present.find(umockdevPreload) != std::string::npos) {
-        return;
-    }
-    const std::string wanted = present + (present.empty() ? "" : ":") + std::string(umockdevPreload);
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no other thread yet
-    if (::setenv(preloadVariable, wanted.c_str(), 1) == 0) {
-        ::execv("/proc/self/exe", arguments);
-    }
-    throw std::system_error(errno, std::generic_category(), "/proc/self/exe");
-}
-
 int launch(const Options& options) {
     const BlockedSignals signals;
-    // umockdev sleeps briefly several times per frame, and the kernel's default slack adds 50 microseconds to
-    // each sleep. The program inherits the setting.
-    ::prctl(PR_SET_TIMERSLACK, 1);
+    allowManyDescriptors();
     return options.usbip ? launchUsbip(options, signals) : launchEmulated(options, signals);
 }
 

@@ -5,10 +5,6 @@
 
 namespace emulator {
 
-// Restart the launcher with umockdev's preload unless it is loaded: umockdev works only in a process that has
-// it. Throws std::system_error.
-void ensurePreloaded(char* const* arguments);
-
 // Return the exit status of the program, or 0 without one. Throws std::exception if the bus cannot be set up.
 int launch(const Options& options);
 

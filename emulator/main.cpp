@@ -39,9 +39,6 @@ int main(int count, char** arguments) {
             failure = EXIT_FAILURE;
             return send(*wanted.command);
         }
-        if (!wanted.usbip) {
-            emulator::ensurePreloaded(arguments);
-        }
         return emulator::launch(wanted);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "gvusb-emulate: %s\n", error.what());

@@ -26,11 +26,9 @@ constexpr const char* usage = R"(Usage: gvusb-emulate [OPTIONS] [--] PROGRAM [AR
        gvusb-emulate --send COMMAND
 )";
 
-static_assert(emulate_most_open_devices == 50, "the text below says so");
 constexpr const char* aboutReaders = R"(READERS
 Without --reader and --readers there are two: reader 1 (device ID 1A2B3C, product 1) has bulk endpoints,
 reader 2 (device ID 1A2B3D, product 2) has none and takes frames by control transfer.
-A program can have 50 devices open at a time.
 A description is a list of KEY=VALUE pairs separated by commas; \, is a comma inside a value. A file has
 one description per line. Defaults are in parentheses:
 )";

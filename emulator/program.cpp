@@ -9,12 +9,16 @@
 
 #include <fcntl.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace emulator {
 
 namespace {
+
+// As it was before the launcher raised it.
+std::optional<rlimit> descriptorLimit;
 
 constexpr int notExecutable = 126;
 constexpr int notFound = 127;
@@ -85,6 +89,9 @@ std::vector<pid_t> children() {
         byDefault.sa_handler = SIG_DFL;
         ::sigaction(SIGPIPE, &byDefault, nullptr);
         ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+        if (descriptorLimit) {
+            ::setrlimit(RLIMIT_NOFILE, &*descriptorLimit);
+        }
         ::execvpe(arguments[0], arguments, environment);
     }
     const int error = errno;
@@ -93,6 +100,15 @@ std::vector<pid_t> children() {
 }
 
 } // namespace
+
+void allowManyDescriptors() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        descriptorLimit = limit;
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
 
 Program::Program(const std::vector<std::string>& arguments, const Environment& environment,
                  const sigset_t& mask) {

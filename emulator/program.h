@@ -13,6 +13,10 @@
 
 namespace emulator {
 
+// Allow the launcher as many descriptors as it may have, because each opening of a node takes two. Programs get the
+// limit as it was.
+void allowManyDescriptors();
+
 class Program {
 public:
     // Names and values; a name without a value is removed from the environment.

@@ -234,6 +234,15 @@ bool ReaderModel::configure(std::uint8_t value, Time now) {
     return true;
 }
 
+void ReaderModel::chooseSetting(unsigned interfaceNumber, Time now) {
+    if (interfaceNumber != m_description.firstInterface) {
+        return;
+    }
+    for (const Endpoint& endpoint : m_description.endpoints) {
+        clearHalt(endpoint.address, now);
+    }
+}
+
 bool ReaderModel::hasEndpoint(std::uint8_t address) const {
     return address == 0 || (m_configuration != 0 && m_description.interfaces != 0 &&
                             std::ranges::find(m_description.endpoints, address, &Endpoint::address) !=

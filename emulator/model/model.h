@@ -38,6 +38,12 @@ public:
     void power(Time now);
     void unplug();
 
+    // End pending transfers other than control, as when their interface is released.
+    void endTransfers() { endAll(Outcome::gone, false); }
+
+    // Choose the interface's only setting, which clears halts.
+    void chooseSetting(unsigned interfaceNumber, Time now);
+
     // A port reset: ends transfers other than control, clears halts and discards answers. The configuration
     // stays.
     void reset(Time now);

@@ -99,12 +99,7 @@ Completion ReaderModel::standardRequest(const Transfer& transfer, Time now) {
     }
     if (setup.request == setInterface && recipient == toInterface && setup.value == 0 &&
         m_configuration != 0) {
-        // Choosing the active setting again clears the halts too.
-        if (setup.index == m_description.firstInterface) {
-            for (const Endpoint& each : m_description.endpoints) {
-                clearHalt(each.address, now);
-            }
-        }
+        chooseSetting(setup.index, now);
         return accept();
     }
     if (setup.request == clearFeature && halt) {

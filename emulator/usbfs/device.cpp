@@ -5,11 +5,20 @@
 
 namespace emulator {
 
+namespace {
+
+constexpr unsigned mostInterfaces = 64; // of the kernel's set of claimed interfaces
+
+constexpr std::uint64_t bit(unsigned interfaceNumber) {
+    return std::uint64_t{1} << interfaceNumber;
+}
+
+} // namespace
+
 UsbfsDevice::UsbfsDevice(ReaderModel& model, HostFaults& faults, HostCounts& counts, Time now)
     : m_model(&model)
     , m_faults(faults)
     , m_counts(counts)
-    , m_speed(model.description().speed)
     , m_driver(model.description().kernelDriver) {
     model.power(now);
     while (model.takeCompletion()) {
@@ -41,16 +50,53 @@ void UsbfsDevice::close(OpenId id, Time now) {
     collect();
 }
 
+// ---- interfaces
+
 bool UsbfsDevice::hasInterface(unsigned interfaceNumber) const {
     const ReaderDescription& reader = m_model->description();
     return m_model->configuration() != 0 && interfaceNumber >= reader.firstInterface &&
            interfaceNumber < unsigned{reader.firstInterface} + reader.interfaces;
 }
 
-bool UsbfsDevice::claimedByAnother(OpenId id, unsigned interfaceNumber) const {
-    return std::ranges::any_of(m_openings, [&](const auto& entry) {
-        return entry.first != id && entry.second.claimed.contains(interfaceNumber);
-    });
+bool UsbfsDevice::isClaimed(unsigned interfaceNumber) const {
+    return interfaceNumber < mostInterfaces && std::ranges::any_of(m_openings, [&](const auto& entry) {
+               return (entry.second.claimed & bit(interfaceNumber)) != 0;
+           });
+}
+
+// The interface of an endpoint, or a negative errno.
+int UsbfsDevice::interfaceOf(unsigned endpoint) const {
+    constexpr unsigned addressBits = 0x8F;
+    if ((endpoint & ~addressBits) != 0) {
+        return -EINVAL;
+    }
+    if (m_model->configuration() == 0) {
+        return -ESRCH;
+    }
+    const auto address = static_cast<std::uint8_t>(endpoint);
+    return address != 0 && m_model->hasEndpoint(address) ? int{m_model->description().firstInterface}
+                                                         : -ENOENT;
+}
+
+int UsbfsDevice::claimUncounted(OpenId id, unsigned interfaceNumber) {
+    Opening& opening = m_openings.at(id);
+    if (interfaceNumber >= mostInterfaces) {
+        return -EINVAL;
+    }
+    if ((opening.claimed & bit(interfaceNumber)) != 0) {
+        return 0;
+    }
+    if (opening.privilegesDropped && (opening.allowed & bit(interfaceNumber)) == 0) {
+        return -EACCES;
+    }
+    if (!hasInterface(interfaceNumber)) {
+        return -ENOENT;
+    }
+    if (m_faults.busy || !driver(interfaceNumber).empty()) {
+        return -EBUSY;
+    }
+    opening.claimed |= bit(interfaceNumber);
+    return 0;
 }
 
 int UsbfsDevice::claim(OpenId id, unsigned interfaceNumber) {
@@ -58,17 +104,31 @@ int UsbfsDevice::claim(OpenId id, unsigned interfaceNumber) {
         return -ENODEV;
     }
     ++m_counts.claims;
-    if (!hasInterface(interfaceNumber)) {
-        return -ENOENT;
+    return claimUncounted(id, interfaceNumber);
+}
+
+int UsbfsDevice::prepareInterface(OpenId id, unsigned interfaceNumber) {
+    if (m_model == nullptr) {
+        return -ENODEV;
     }
-    if (m_openings.at(id).claimed.contains(interfaceNumber)) {
-        return 0;
+    return m_model->configuration() == 0 ? -EHOSTUNREACH : claimUncounted(id, interfaceNumber);
+}
+
+int UsbfsDevice::prepareEndpoint(OpenId id, unsigned endpoint) {
+    if (m_model == nullptr) {
+        return -ENODEV;
     }
-    if (m_faults.busy || !driver(interfaceNumber).empty()) {
-        return -EBUSY;
+    const int interfaceNumber = interfaceOf(endpoint);
+    return interfaceNumber < 0 ? interfaceNumber
+                               : prepareInterface(id, static_cast<unsigned>(interfaceNumber));
+}
+
+// Unbinding an interface ends the transfers of its endpoints. Only the first interface has any.
+void UsbfsDevice::endTransfers(unsigned interfaceNumber) {
+    if (interfaceNumber == m_model->description().firstInterface) {
+        m_model->endTransfers();
+        collect();
     }
-    m_openings.at(id).claimed.insert(interfaceNumber);
-    return 0;
 }
 
 int UsbfsDevice::release(OpenId id, unsigned interfaceNumber) {
@@ -76,7 +136,33 @@ int UsbfsDevice::release(OpenId id, unsigned interfaceNumber) {
         return -ENODEV;
     }
     ++m_counts.releases;
-    return m_openings.at(id).claimed.erase(interfaceNumber) != 0 ? 0 : -EINVAL;
+    if (interfaceNumber >= mostInterfaces) {
+        return -EINVAL;
+    }
+    if (!hasInterface(interfaceNumber)) {
+        return -ENOENT;
+    }
+    Opening& opening = m_openings.at(id);
+    if ((opening.claimed & bit(interfaceNumber)) == 0) {
+        return -EINVAL;
+    }
+    opening.claimed &= ~bit(interfaceNumber);
+    endTransfers(interfaceNumber);
+    return 0;
+}
+
+int UsbfsDevice::setInterface(OpenId id, unsigned interfaceNumber, unsigned setting, Time now) {
+    const int prepared = prepareInterface(id, interfaceNumber);
+    if (prepared != 0) {
+        return prepared;
+    }
+    if (setting != 0) {
+        return -EINVAL; // no reader has others
+    }
+    endTransfers(interfaceNumber);
+    m_model->chooseSetting(interfaceNumber, now);
+    collect();
+    return 0;
 }
 
 int UsbfsDevice::setConfiguration(OpenId, int value, Time now) {
@@ -85,8 +171,8 @@ int UsbfsDevice::setConfiguration(OpenId, int value, Time now) {
     }
     ++m_counts.setConfigurations;
     const bool claimed =
-        std::ranges::any_of(m_openings, [](const auto& entry) { return !entry.second.claimed.empty(); });
-    if (claimed || !m_driver.empty()) {
+        std::ranges::any_of(m_openings, [](const auto& entry) { return entry.second.claimed != 0; });
+    if (m_model->configuration() != 0 && (claimed || !m_driver.empty())) {
         return -EBUSY;
     }
     const auto& values = m_model->description().configurations;
@@ -99,68 +185,107 @@ int UsbfsDevice::setConfiguration(OpenId, int value, Time now) {
     return accepted ? 0 : -EPIPE;
 }
 
-int UsbfsDevice::clearHalt(OpenId, std::uint8_t endpoint, Time now) {
-    if (m_model == nullptr) {
-        return -ENODEV;
+int UsbfsDevice::clearHalt(OpenId id, unsigned endpoint, Time now) {
+    const int prepared = prepareEndpoint(id, endpoint);
+    if (prepared != 0) {
+        return prepared;
     }
     ++m_counts.clearHalts;
-    if (endpoint == 0 || !m_model->hasEndpoint(endpoint)) {
-        return -ENOENT;
-    }
-    m_model->clearHalt(endpoint, now);
+    m_model->clearHalt(static_cast<std::uint8_t>(endpoint), now);
     collect();
     return 0;
 }
 
-int UsbfsDevice::reset(OpenId, Time now) {
+int UsbfsDevice::resetEndpoint(OpenId id, unsigned endpoint) {
+    return prepareEndpoint(id, endpoint);
+}
+
+int UsbfsDevice::reset(OpenId id, Time now) {
     if (m_model == nullptr) {
         return -ENODEV;
+    }
+    const std::uint64_t own = m_openings.at(id).claimed;
+    for (unsigned number = 0; m_openings.at(id).privilegesDropped && number < mostInterfaces; ++number) {
+        if ((own & bit(number)) == 0 && !driver(number).empty()) {
+            return -EACCES;
+        }
     }
     ++m_counts.resets;
     if (m_faults.failReset) {
         return -EIO;
+    }
+    // The kernel unbinds programs from the interfaces of a device that it resets.
+    for (auto& [each, opening] : m_openings) {
+        opening.claimed = 0;
     }
     m_model->reset(now);
     collect();
     return 0;
 }
 
+int UsbfsDevice::dropPrivileges(OpenId id, std::uint32_t interfaces) {
+    if (m_model == nullptr) {
+        return -ENODEV;
+    }
+    Opening& opening = m_openings.at(id);
+    opening.allowed &= interfaces;
+    opening.privilegesDropped = true;
+    return 0;
+}
+
+// ---- drivers
+
 std::string UsbfsDevice::driver(unsigned interfaceNumber) const {
-    if (claimedByAnother(0, interfaceNumber)) {
+    if (isClaimed(interfaceNumber)) {
         return "usbfs";
     }
-    return m_model != nullptr && interfaceNumber == m_model->description().firstInterface ? m_driver
-                                                                                          : std::string{};
+    return m_model != nullptr && m_model->configuration() != 0 &&
+                   interfaceNumber == m_model->description().firstInterface
+               ? m_driver
+               : std::string{};
 }
 
 void UsbfsDevice::bindDriver(std::string name) {
     m_driver = std::move(name);
 }
 
-int UsbfsDevice::detachDriver(unsigned interfaceNumber) {
+int UsbfsDevice::detachDriver(OpenId id, unsigned interfaceNumber) {
     if (m_model == nullptr) {
         return -ENODEV;
     }
     ++m_counts.driverDetaches;
+    if (m_openings.at(id).privilegesDropped) {
+        return -EACCES;
+    }
+    if (m_model->configuration() == 0) {
+        return -EHOSTUNREACH;
+    }
     if (!hasInterface(interfaceNumber)) {
         return -EINVAL;
     }
     if (driver(interfaceNumber).empty()) {
         return -ENODATA;
     }
-    if (claimedByAnother(0, interfaceNumber)) {
-        for (auto& [id, opening] : m_openings) {
-            opening.claimed.erase(interfaceNumber);
+    if (isClaimed(interfaceNumber)) {
+        for (auto& [each, opening] : m_openings) {
+            opening.claimed &= ~bit(interfaceNumber);
         }
+        endTransfers(interfaceNumber);
     } else {
         m_driver.clear();
     }
     return 0;
 }
 
-int UsbfsDevice::attachDriver(unsigned interfaceNumber) {
+int UsbfsDevice::attachDriver(OpenId id, unsigned interfaceNumber) {
     if (m_model == nullptr) {
         return -ENODEV;
+    }
+    if (m_openings.at(id).privilegesDropped) {
+        return -EACCES;
+    }
+    if (m_model->configuration() == 0) {
+        return -EHOSTUNREACH;
     }
     if (!hasInterface(interfaceNumber)) {
         return -EINVAL;
@@ -169,35 +294,52 @@ int UsbfsDevice::attachDriver(unsigned interfaceNumber) {
         return -EBUSY;
     }
     m_driver = m_model->description().kernelDriver;
-    return 1;
+    return m_driver.empty() ? 0 : 1;
 }
 
-int UsbfsDevice::submit(OpenId id, UrbAddress urb, Transfer transfer, Time now) {
+int UsbfsDevice::detachAndClaim(OpenId id, unsigned interfaceNumber, Unless unless, std::string_view name) {
     if (m_model == nullptr) {
         return -ENODEV;
     }
-    if (!m_model->hasEndpoint(transfer.endpoint)) {
-        return -ENOENT;
+    if (!hasInterface(interfaceNumber)) {
+        return -EINVAL;
+    }
+    const std::string bound = driver(interfaceNumber);
+    if (!bound.empty()) {
+        if (m_openings.at(id).privilegesDropped) {
+            return -EACCES;
+        }
+        if ((unless == Unless::itIsNot && bound != name) || (unless == Unless::itIs && bound == name)) {
+            return -EBUSY;
+        }
+        detachDriver(id, interfaceNumber);
+    }
+    return claim(id, interfaceNumber);
+}
+
+// ---- URBs
+
+int UsbfsDevice::submit(OpenId id, UrbId urb, Transfer transfer, Time now, bool shortNotOk) {
+    if (m_model == nullptr) {
+        return -ENODEV;
     }
     if (transfer.endpoint != 0) {
-        // As in the kernel, the first transfer claims the interface if the program has not.
-        const unsigned interfaceNumber = m_model->description().firstInterface;
-        if (!m_openings.at(id).claimed.contains(interfaceNumber)) {
-            if (m_faults.busy || !driver(interfaceNumber).empty()) {
-                return -EBUSY;
-            }
-            m_openings.at(id).claimed.insert(interfaceNumber);
+        const int prepared = prepareEndpoint(id, transfer.endpoint);
+        if (prepared != 0) {
+            return prepared;
         }
     }
     ++m_counts.transfers;
+    const std::size_t capacity = transfer.capacity;
     // The model may have completed it already; collect() looks for it in the list.
     const TransferId transferId = m_model->submit(std::move(transfer), now);
-    m_pending.push_back({.opening = id, .urb = urb, .transfer = transferId});
+    m_pending.push_back(
+        {.opening = id, .urb = urb, .transfer = transferId, .shortNotOk = shortNotOk, .capacity = capacity});
     collect();
     return 0;
 }
 
-int UsbfsDevice::discard(OpenId id, UrbAddress urb, Time now) {
+int UsbfsDevice::discard(OpenId id, UrbId urb, Time now) {
     if (m_model == nullptr) {
         return -ENODEV;
     }
@@ -211,23 +353,34 @@ int UsbfsDevice::discard(OpenId id, UrbAddress urb, Time now) {
     return 0;
 }
 
+void UsbfsDevice::finish(const PendingUrb& urb, Completion& completion) {
+    const auto opening = m_openings.find(urb.opening);
+    if (opening == m_openings.end()) {
+        return;
+    }
+    ReapedUrb reaped = {.urb = urb.urb,
+                        .status = urbStatus(completion.outcome, -ENOENT),
+                        .data = std::move(completion.data),
+                        .actual = completion.actual};
+    if (completion.outcome == Outcome::overflow) {
+        reaped.data.clear();
+        reaped.actual = 0;
+    } else if (urb.shortNotOk && reaped.status == 0 && reaped.actual < urb.capacity) {
+        reaped.status = -EREMOTEIO;
+    }
+    opening->second.completed.push_back(std::move(reaped));
+}
+
 void UsbfsDevice::collect() {
     if (m_model == nullptr) {
         return;
     }
     while (std::optional<Completion> completion = m_model->takeCompletion()) {
         const auto found = std::ranges::find(m_pending, completion->id, &PendingUrb::transfer);
-        if (found == m_pending.end()) {
-            continue;
+        if (found != m_pending.end()) {
+            finish(*found, *completion);
+            m_pending.erase(found);
         }
-        const auto opening = m_openings.find(found->opening);
-        if (opening != m_openings.end()) {
-            opening->second.completed.push_back({.urb = found->urb,
-                                                 .status = urbStatus(completion->outcome, -ENOENT),
-                                                 .data = std::move(completion->data),
-                                                 .actual = completion->actual});
-        }
-        m_pending.erase(found);
     }
 }
 
@@ -241,8 +394,8 @@ std::optional<ReapedUrb> UsbfsDevice::reap(OpenId id) {
     return urb;
 }
 
-bool UsbfsDevice::anythingToReap() const {
-    return std::ranges::any_of(m_openings, [](const auto& entry) { return !entry.second.completed.empty(); });
+bool UsbfsDevice::pending(OpenId id) const {
+    return std::ranges::any_of(m_pending, [&](const PendingUrb& urb) { return urb.opening == id; });
 }
 
 void UsbfsDevice::unplug() {
@@ -253,6 +406,9 @@ void UsbfsDevice::unplug() {
     collect();
     m_model = nullptr;
     m_driver.clear();
+    for (auto& [id, opening] : m_openings) {
+        opening.claimed = 0;
+    }
 }
 
 } // namespace emulator

@@ -10,8 +10,8 @@
 #include <deque>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
+#include <string_view>
 
 namespace emulator {
 
@@ -23,10 +23,10 @@ struct HostFaults {
 };
 
 using OpenId = std::uint64_t;
-using UrbAddress = std::uint64_t; // of the URB in the process
+using UrbId = std::uint64_t; // chosen by the opening, unique among its URBs
 
 struct ReapedUrb {
-    UrbAddress urb = 0;
+    UrbId urb = 0;
     int status = 0; // 0 or a negative errno
     Bytes data;
     std::size_t actual = 0;
@@ -42,53 +42,73 @@ public:
     // Return 0 or a negative errno.
     int claim(OpenId id, unsigned interfaceNumber);
     int release(OpenId id, unsigned interfaceNumber);
+    int setInterface(OpenId id, unsigned interfaceNumber, unsigned setting, Time now);
     int setConfiguration(OpenId id, int value, Time now);
-    int clearHalt(OpenId id, std::uint8_t endpoint, Time now);
+    int clearHalt(OpenId id, unsigned endpoint, Time now);
+    int resetEndpoint(OpenId id, unsigned endpoint); // the host's side only
     int reset(OpenId id, Time now);
-    int detachDriver(unsigned interfaceNumber);
-    int attachDriver(unsigned interfaceNumber);
-    int submit(OpenId id, UrbAddress urb, Transfer transfer, Time now);
-    int discard(OpenId id, UrbAddress urb, Time now);
+    int detachDriver(OpenId id, unsigned interfaceNumber);
+    int attachDriver(OpenId id, unsigned interfaceNumber); // 1 if a driver took the interface
+    int submit(OpenId id, UrbId urb, Transfer transfer, Time now, bool shortNotOk = false);
+    int discard(OpenId id, UrbId urb, Time now);
+
+    // What the kernel does before it uses an endpoint or an interface: claim it, unless that is done.
+    int prepareEndpoint(OpenId id, unsigned endpoint);
+    int prepareInterface(OpenId id, unsigned interfaceNumber);
+
+    // From now on this opening may claim only these interfaces, and bind and unbind no drivers.
+    int dropPrivileges(OpenId id, std::uint32_t interfaces);
+
+    // Detach a driver, unless its name forbids it, and claim.
+    enum class Unless { never, itIsNot, itIs };
+    int detachAndClaim(OpenId id, unsigned interfaceNumber, Unless unless, std::string_view driver);
 
     // The driver bound to an interface: "usbfs" if a program has claimed it, "" for none.
     std::string driver(unsigned interfaceNumber) const;
     void bindDriver(std::string name);
 
+    std::uint64_t claimed(OpenId id) const { return m_openings.at(id).claimed; } // a bit for each interface
+
     // Remove and return the oldest completed URB of this opening.
     std::optional<ReapedUrb> reap(OpenId id);
-    bool anythingToReap() const;
+    bool pending(OpenId id) const;
 
     // Fetch completions from the model.
     void collect();
-
-    // Whether a pending transfer needs a call of the model's advance() to complete.
-    bool timed() const { return m_model != nullptr && m_model->nextDeadline().has_value(); }
 
     bool connected() const { return m_model != nullptr; }
     void unplug();
     std::uint8_t configuration() const {
         return m_model != nullptr ? m_model->configuration() : std::uint8_t{0};
     }
-    Speed speed() const { return m_speed; }
+    const ReaderModel* model() const { return m_model; }
+    ReaderModel* model() { return m_model; }
 
 private:
     struct Opening {
-        std::set<unsigned> claimed;
+        std::uint64_t claimed = 0;
+        std::uint64_t allowed = ~std::uint64_t{0};
+        bool privilegesDropped = false;
         std::deque<ReapedUrb> completed;
     };
     struct PendingUrb {
         OpenId opening = 0;
-        UrbAddress urb = 0;
+        UrbId urb = 0;
         TransferId transfer = 0;
+        bool shortNotOk = false;
+        std::size_t capacity = 0;
     };
 
     bool hasInterface(unsigned interfaceNumber) const;
-    bool claimedByAnother(OpenId id, unsigned interfaceNumber) const;
+    bool isClaimed(unsigned interfaceNumber) const;
+    int interfaceOf(unsigned endpoint) const;
+    int claimUncounted(OpenId id, unsigned interfaceNumber);
+    void endTransfers(unsigned interfaceNumber);
+    void finish(const PendingUrb& urb, Completion& completion);
 
     ReaderModel* m_model; // null once unplugged
     HostFaults& m_faults;
     HostCounts& m_counts;
-    Speed m_speed;
     std::string m_driver;
     OpenId m_lastId = 0;
     std::map<OpenId, Opening> m_openings;

@@ -1,45 +1,58 @@
-// The node of a plugged reader in /dev/bus/usb, which answers the ioctls of usbfs.
+// The node of a plugged reader, with the openings of programs. It outlives the unplugging as long as one is open.
 //
-// The launcher's thread creates, refreshes and destroys it. umockdev answers ioctls in a thread of its own,
-// which takes the bus mutex for every access to the reader.
+// One thread at a time; the bus guards it.
 #pragma once
 
-#include "usbfs/opening.h"
+#include "usbfs/device.h"
 
-#include <memory>
-#include <mutex>
-#include <string>
-
-#include <umockdev.h>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <vector>
 
 namespace emulator {
 
-class DeviceNode {
+class UsbfsOpening;
+
+struct NodeFacts {
+    std::uint8_t bus = 1;
+    std::uint8_t address = 0;
+    unsigned port = 0; // of the root hub; 0 for the hub itself
+    Speed speed = Speed::full;
+    Bytes descriptors;            // as read() returns them
+    std::uint64_t fileDevice = 0; // of the file in the place of the node
+    std::uint64_t fileInode = 0;
+    std::function<void(std::uint8_t)> configured; // called when a program has chosen a configuration
+};
+
+class UsbfsNode {
 public:
-    // Create the node. `path` is as programs see it, "/dev/bus/usb/001/002". Throws std::runtime_error.
-    DeviceNode(UMockdevTestbed* testbed, std::string path, std::shared_ptr<UsbfsDevice> device,
-               std::mutex& mutex, NodeHooks hooks);
-    DeviceNode(const DeviceNode&) = delete;
-    DeviceNode& operator=(const DeviceNode&) = delete;
+    UsbfsNode(NodeFacts facts, ReaderModel& model, HostFaults& faults, HostCounts& counts, Time now)
+        : m_facts(std::move(facts))
+        , m_device(model, faults, counts, now) {}
 
-    // Destroy the node without holding the mutex, because the handler's thread may wait for it. Programs that
-    // have the node open still get answers, but umockdev aborts a program whose connection it has not
-    // accepted yet: call retire() first, and destroy the node later.
-    ~DeviceNode();
+    const NodeFacts& facts() const { return m_facts; }
+    UsbfsDevice& device() { return m_device; }
 
-    // Remove the file. Programs that have the node open, or are just opening it, still get answers.
-    void retire();
-    const std::string& path() const { return m_path; }
+    void add(UsbfsOpening& opening) { m_openings.push_back(&opening); }
+    void remove(UsbfsOpening& opening) { std::erase(m_openings, &opening); }
+    const std::vector<UsbfsOpening*>& openings() const { return m_openings; }
 
-    // Wake programs that have a URB to reap. The mutex is held.
+    // Show all openings what has changed.
     void refresh();
 
+    void unplug();
+
+    // When a pending transfer has to be looked at.
+    std::optional<Time> deadline() {
+        return m_device.connected() ? m_device.model()->nextDeadline() : std::nullopt;
+    }
+    std::optional<Time> scheduled; // kept by the server
+
 private:
-    UMockdevTestbed* m_testbed;
-    std::string m_path;
-    std::string m_file;
-    UMockdevIoctlBase* m_handler = nullptr;
-    std::shared_ptr<SharedNode> m_shared;
+    NodeFacts m_facts;
+    UsbfsDevice m_device;
+    std::vector<UsbfsOpening*> m_openings;
 };
 
 } // namespace emulator

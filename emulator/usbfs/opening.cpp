@@ -1,261 +1,417 @@
 #include "usbfs/opening.h"
 
-#include "preload_contract.h"
+#include "usbfs/futex.h"
+#include "usbfs/node.h"
+#include "usbfs/sysfs.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <bit>
 #include <cerrno>
+#include <csignal>
+#include <cstddef>
 #include <cstring>
+#include <string>
 
+#include <fcntl.h>
 #include <linux/usbdevice_fs.h>
-#include <sys/ioctl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace emulator {
 
 namespace {
 
-constexpr std::size_t setupSize = 8;
+template <typename Value>
+std::atomic_ref<Value> shared(Value& value) {
+    return std::atomic_ref<Value>(value);
+}
 
-constexpr std::uint32_t capabilities = USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
-                                       USBDEVFS_CAP_REAP_AFTER_DISCONNECT | USBDEVFS_CAP_BULK_SCATTER_GATHER;
+FileDescriptor openAgain(int descriptor, int flags) {
+    const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
+    return FileDescriptor(::open(path.c_str(), flags | O_CLOEXEC));
+}
 
-Transfer transferOf(const usbdevfs_urb& urb, const ProgramMemory& buffer) {
-    const auto length = static_cast<std::size_t>(urb.buffer_length);
+bool hungUp(int readEnd) {
+    pollfd polled = {.fd = readEnd, .events = 0, .revents = 0};
+    return ::poll(&polled, 1, 0) > 0 && (polled.revents & POLLHUP) != 0;
+}
+
+// As in struct usbdevfs_urb.
+std::uint8_t urbType(TransferType type) {
+    switch (type) {
+    case TransferType::isochronous:
+        return USBDEVFS_URB_TYPE_ISO;
+    case TransferType::interrupt:
+        return USBDEVFS_URB_TYPE_INTERRUPT;
+    case TransferType::bulk:
+        return USBDEVFS_URB_TYPE_BULK;
+    case TransferType::control:
+        break;
+    }
+    return USBDEVFS_URB_TYPE_CONTROL;
+}
+
+Transfer transferOf(const opening_request& request, const std::uint8_t* data) {
     Transfer transfer;
-    transfer.endpoint = urb.endpoint;
-    if (urb.type == USBDEVFS_URB_TYPE_CONTROL) {
-        const std::uint8_t* bytes = buffer.bytes();
-        transfer.endpoint = 0;
-        transfer.setup = {.requestType = bytes[0],
-                          .request = bytes[1],
-                          .value = static_cast<std::uint16_t>(bytes[2] | bytes[3] << 8),
-                          .index = static_cast<std::uint16_t>(bytes[4] | bytes[5] << 8),
-                          .length = static_cast<std::uint16_t>(bytes[6] | bytes[7] << 8)};
-        if (transfer.setup.in()) {
-            transfer.capacity = std::min<std::size_t>(transfer.setup.length, length - setupSize);
-        } else {
-            transfer.data.assign(bytes + setupSize, bytes + length);
-        }
-    } else if ((urb.endpoint & 0x80) != 0) {
-        transfer.capacity = length;
-    } else if (length != 0) {
-        transfer.data.assign(buffer.bytes(), buffer.bytes() + length);
+    transfer.endpoint = request.type == USBDEVFS_URB_TYPE_CONTROL ? std::uint8_t{0} : request.endpoint;
+    bool in = (transfer.endpoint & 0x80) != 0;
+    if (transfer.endpoint == 0) {
+        const std::uint8_t* setup = request.setup;
+        transfer.setup = {.requestType = setup[0],
+                          .request = setup[1],
+                          .value = static_cast<std::uint16_t>(setup[2] | setup[3] << 8),
+                          .index = static_cast<std::uint16_t>(setup[4] | setup[5] << 8),
+                          .length = static_cast<std::uint16_t>(setup[6] | setup[7] << 8)};
+        in = transfer.setup.in();
+    }
+    if (in) {
+        transfer.capacity = request.length;
+    } else {
+        transfer.data.assign(data, data + request.length);
     }
     return transfer;
 }
 
+std::string_view nameIn(const opening_request& request) {
+    return {request.name, ::strnlen(request.name, sizeof request.name)};
+}
+
 } // namespace
 
-UsbfsOpening::UsbfsOpening(std::shared_ptr<SharedNode> node)
-    : m_node(std::move(node)) {
-    const std::lock_guard lock(m_node->mutex);
-    m_id = m_node->device->open();
+UsbfsOpening::UsbfsOpening(UsbfsNode& node, std::uint32_t index, int flags)
+    : m_node(node)
+    , m_index(index)
+    , m_memory("gvusb-opening") {
+    std::array<int, 2> pipe{};
+    if (::pipe2(pipe.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
+        throw std::system_error(errno, std::generic_category(), "pipe");
+    }
+    m_readEnd = FileDescriptor(pipe[0]);
+    m_descriptor = FileDescriptor(pipe[1]);
+    struct stat status {};
+    if (::fcntl(pipe[1], F_SETPIPE_SZ, 1) < 0 || ::write(pipe[1], "", 1) != 1 ||
+        ::fcntl(pipe[1], F_SETFL, flags & O_NONBLOCK) != 0 || ::fstat(pipe[1], &status) != 0) {
+        throw std::system_error(errno, std::generic_category(), "pipe");
+    }
+    m_inode = status.st_ino;
+
+    opening_memory& memory = *m_memory;
+    const NodeFacts& facts = node.facts();
+    memory.index = index;
+    memory.access = static_cast<std::uint32_t>(flags & O_ACCMODE);
+    memory.launcher = ::getpid();
+    memory.bus = facts.bus;
+    memory.address = facts.address;
+    memory.speed = static_cast<std::uint32_t>(facts.speed) + 1; // the kernel counts low, full and high from 1
+    memory.port = facts.port;
+    memory.mode = nodeMode;
+    memory.file_device = facts.fileDevice;
+    memory.file_inode = facts.fileInode;
+    memory.descriptors_size =
+        static_cast<std::uint32_t>(std::min<std::size_t>(facts.descriptors.size(), opening_descriptors_size));
+    std::copy_n(facts.descriptors.begin(), memory.descriptors_size, memory.descriptors);
+    m_id = node.device().open();
+    showConfiguration();
+    node.add(*this);
 }
 
-void UsbfsOpening::close() {
-    const std::lock_guard lock(m_node->mutex);
-    if (m_closed) {
+UsbfsOpening::~UsbfsOpening() {
+    m_node.remove(*this);
+    m_node.device().close(m_id, std::chrono::steady_clock::now());
+    shared(m_memory->closed).store(1);
+}
+
+bool UsbfsOpening::isClosed() const {
+    if (m_descriptor) {
+        return false;
+    }
+    if (m_readEnd) {
+        return hungUp(m_readEnd.get());
+    }
+    // The read end is closed. Another hangs up if there has been a writer since it was opened and none is left.
+    const FileDescriptor reading = openAgain(m_pipe.get(), O_RDONLY | O_NONBLOCK);
+    openAgain(m_pipe.get(), O_WRONLY | O_NONBLOCK).reset();
+    return hungUp(reading.get());
+}
+
+// ---- what the program sees of the device
+
+void UsbfsOpening::showConfiguration() {
+    opening_memory& memory = *m_memory;
+    UsbfsDevice& device = m_node.device();
+    if (!device.connected() || memory.configured == device.configuration()) {
         return;
     }
-    m_closed = true;
-    m_node->device->close(m_id, std::chrono::steady_clock::now());
-    m_node->refresh();
-}
-
-int UsbfsOpening::submit(UMockdevIoctlData* argument) {
-    UrbMemory memory;
-    memory.urb = ProgramMemory::at(argument, 0, sizeof(usbdevfs_urb));
-    if (!memory.urb) {
-        return -EFAULT;
-    }
-    const auto urb = memory.urb.as<usbdevfs_urb>();
-    memory.control = urb.type == USBDEVFS_URB_TYPE_CONTROL;
-    if (urb.type == USBDEVFS_URB_TYPE_ISO || urb.buffer_length < 0 ||
-        (memory.control && urb.buffer_length < static_cast<int>(setupSize))) {
-        return -EINVAL;
-    }
-    if (urb.buffer_length > 0) {
-        memory.buffer = ProgramMemory::at(memory.urb.get(), offsetof(usbdevfs_urb, buffer),
-                                          static_cast<std::size_t>(urb.buffer_length));
-        if (!memory.buffer) {
-            return -EFAULT;
+    const ReaderDescription& reader = device.model()->description();
+    std::uint32_t count = 0;
+    shared(memory.endpoint_count).store(0);
+    if (device.configuration() != 0 && reader.interfaces != 0) {
+        for (const Endpoint& endpoint : reader.endpoints) {
+            if (count < opening_most_endpoints) {
+                memory.endpoints[count++] = {.address = endpoint.address,
+                                             .type = urbType(endpoint.type),
+                                             .interface_number = reader.firstInterface,
+                                             .reserved = 0};
+            }
         }
     }
-    const UrbAddress address = memory.urb.get()->client_addr;
-    Transfer transfer = transferOf(urb, memory.buffer);
-    bool timed = false;
-    const int result = onDevice([&](UsbfsDevice& device, Time now) {
-        const int submitted = device.submit(m_id, address, std::move(transfer), now);
-        timed = device.timed();
-        return submitted;
-    });
-    if (result == 0) {
-        m_urbs.insert_or_assign(address, std::move(memory));
-    }
-    if (timed) {
-        m_node->hooks.deadlineChanged();
-    }
-    return result;
+    shared(memory.endpoint_count).store(count);
+    shared(memory.configured).store(device.configuration());
 }
 
-int UsbfsOpening::reap(UMockdevIoctlData* argument) {
-    std::optional<ReapedUrb> reaped;
-    bool connected = false;
-    onDevice([&](UsbfsDevice& device, Time) {
-        reaped = device.reap(m_id);
-        connected = device.connected();
+void UsbfsOpening::refresh() {
+    UsbfsDevice& device = m_node.device();
+    if (device.connected()) {
+        showConfiguration();
+        shared(m_memory->claimed).store(device.claimed(m_id));
+    }
+    bool ready = false;
+    while (const std::optional<ReapedUrb> urb = device.reap(m_id)) {
+        complete(*urb);
+        ready = true;
+    }
+    if (ready) {
+        setReady();
+    }
+}
+
+void UsbfsOpening::setReady() {
+    opening_memory& memory = *m_memory;
+    if (memory.access == O_RDONLY || shared(memory.head).load() == shared(memory.tail).load()) {
+        return;
+    }
+    std::uint32_t state = shared(memory.signal).load();
+    if (state == opening_idle && shared(memory.signal).compare_exchange_strong(state, opening_ready)) {
+        char byte = 0;
+        [[maybe_unused]] const ssize_t taken = ::read(m_readEnd.get(), &byte, 1);
+        return;
+    }
+    // Only the program leaves this state, and it rings the bell then.
+    if (state == opening_filling) {
+        shared(memory.signal).compare_exchange_strong(state, opening_wanted);
+    }
+}
+
+void UsbfsOpening::unplug() {
+    refresh();
+    opening_memory& memory = *m_memory;
+    shared(memory.claimed).store(0);
+    shared(memory.gone).store(1);
+    shared(memory.completed).fetch_add(1);
+    wakeAll(memory.completed);
+    if (m_disconnectSignal != 0) {
+        signalProgram(static_cast<int>(m_disconnectSignal), m_disconnectProcess, EPIPE, m_disconnectValue);
+    }
+    m_hangUpWanted = true;
+    tryToHangUp();
+}
+
+// Not while the program may be writing to the pipe, because that would end it with SIGPIPE.
+void UsbfsOpening::tryToHangUp() {
+    opening_memory& memory = *m_memory;
+    std::uint32_t state = shared(memory.signal).load();
+    if (!m_hangUpWanted || !m_readEnd || state == opening_wanted ||
+        (state == opening_filling && shared(memory.signal).compare_exchange_strong(state, opening_wanted))) {
+        return;
+    }
+    m_pipe = openAgain(m_readEnd.get(), O_PATH);
+    if (m_pipe) {
+        m_readEnd.reset();
+    }
+}
+
+// As the kernel's kill_pid_usb_asyncio().
+void UsbfsOpening::signalProgram(int signal, int process, int error, std::uint64_t value) const {
+    siginfo_t info{};
+    info.si_signo = signal;
+    info.si_errno = error;
+    info.si_code = SI_ASYNCIO;
+    info.si_addr =
+        reinterpret_cast<void*>(static_cast<std::uintptr_t>(value)); // NOLINT(performance-no-int-to-ptr)
+    ::syscall(SYS_rt_sigqueueinfo, process, signal, &info);
+}
+
+// ---- requests
+
+void UsbfsOpening::serve(Time now) {
+    opening_memory& memory = *m_memory;
+    std::vector<std::uint32_t> numbers;
+    for (std::uint64_t words = shared(memory.filled_words).exchange(0); words != 0; words &= words - 1) {
+        const auto word = static_cast<std::uint32_t>(std::countr_zero(words));
+        for (std::uint64_t bits = shared(memory.filled[word]).exchange(0); bits != 0; bits &= bits - 1) {
+            numbers.push_back(word * 64 + static_cast<std::uint32_t>(std::countr_zero(bits)));
+        }
+    }
+    if (numbers.size() > 1) {
+        std::ranges::sort(numbers, {}, [&](std::uint32_t number) { return memory.requests[number].ticket; });
+    }
+    for (const std::uint32_t number : numbers) {
+        serve(number, now);
+    }
+    m_node.refresh();
+    for (const std::uint32_t number : m_answered) {
+        answer(number);
+    }
+    m_answered.clear();
+    // The program may have rung because it has just stopped reporting that a URB can be reaped.
+    setReady();
+    tryToHangUp();
+}
+
+void UsbfsOpening::serve(std::uint32_t number, Time now) {
+    opening_request request;
+    std::memcpy(&request, &m_memory->requests[number], offsetof(opening_request, data));
+    if (request.operation == opening_submit || request.operation == opening_transfer) {
+        submit(number, request, now);
+        return;
+    }
+    m_memory->requests[number].result = call(number, request, now);
+    m_answered.push_back(number);
+}
+
+void UsbfsOpening::answer(std::uint32_t number) {
+    shared(m_memory->requests[number].state).store(opening_answered);
+    wakeAll(m_memory->requests[number].state);
+}
+
+int UsbfsOpening::call(std::uint32_t number, const opening_request& request, Time now) {
+    UsbfsDevice& device = m_node.device();
+    switch (request.operation) {
+    case opening_prepare:
+        return device.prepareEndpoint(m_id, request.argument);
+    case opening_prepare_interface:
+        return device.prepareInterface(m_id, request.argument);
+    case opening_discard:
+        return discard(request.value, now);
+    case opening_cancel:
+        return cancel(request.value, now);
+    case opening_claim:
+        return device.claim(m_id, request.argument);
+    case opening_release:
+        return device.release(m_id, request.argument);
+    case opening_set_interface:
+        return device.setInterface(m_id, request.argument, static_cast<unsigned>(request.value), now);
+    case opening_set_configuration: {
+        const int value = static_cast<int>(request.argument);
+        const int result = device.setConfiguration(m_id, value, now);
+        if (result == 0) {
+            m_node.facts().configured(device.configuration());
+        }
+        return result;
+    }
+    case opening_clear_halt:
+        return device.clearHalt(m_id, request.argument, now);
+    case opening_reset_endpoint:
+        return device.resetEndpoint(m_id, request.argument);
+    case opening_reset:
+        return device.reset(m_id, now);
+    case opening_get_driver: {
+        const std::string name = device.driver(request.argument);
+        opening_request& answered = m_memory->requests[number];
+        std::memset(answered.name, 0, sizeof answered.name);
+        name.copy(answered.name, sizeof answered.name - 1);
+        return !device.connected() ? -ENODEV : name.empty() ? -ENODATA : 0;
+    }
+    case opening_detach_driver:
+        return device.detachDriver(m_id, request.argument);
+    case opening_attach_driver:
+        return device.attachDriver(m_id, request.argument);
+    case opening_detach_and_claim:
+        return detachAndClaim(request);
+    case opening_signal_disconnect:
+        m_disconnectSignal = request.argument;
+        m_disconnectValue = request.value;
+        m_disconnectProcess = request.process;
         return 0;
-    });
-    if (!reaped) {
-        return connected ? -EAGAIN : -ENODEV;
+    case opening_drop_privileges: {
+        const int result = device.dropPrivileges(m_id, request.argument);
+        shared(m_memory->privileges_dropped).store(1);
+        return result;
     }
-    const auto entry = m_urbs.find(reaped->urb);
-    if (entry == m_urbs.end()) {
-        return -EIO;
-    }
-    const UrbMemory memory = std::move(entry->second);
-    m_urbs.erase(entry);
-    const ProgramMemory where = ProgramMemory::at(argument, 0, sizeof(void*));
-    if (!where) {
-        return -EFAULT;
-    }
-    const int actual = static_cast<int>(reaped->actual);
-    memory.urb.put(offsetof(usbdevfs_urb, status), &reaped->status, sizeof reaped->status);
-    memory.urb.put(offsetof(usbdevfs_urb, actual_length), &actual, sizeof actual);
-    if (!reaped->data.empty()) {
-        memory.buffer.put(memory.control ? setupSize : 0, reaped->data.data(), reaped->data.size());
-    }
-    umockdev_ioctl_data_set_ptr(where.get(), 0, memory.urb.get());
-    return 0;
-}
-
-int UsbfsOpening::setConfiguration(int value) {
-    const int result =
-        onDevice([&](UsbfsDevice& device, Time now) { return device.setConfiguration(m_id, value, now); });
-    if (result == 0) {
-        m_node->hooks.configured(static_cast<std::uint8_t>(std::max(value, 0)));
-    }
-    return result;
-}
-
-int UsbfsOpening::getDriver(const ProgramMemory& memory) {
-    auto request = memory.as<usbdevfs_getdriver>();
-    std::string name;
-    const bool connected = onDevice([&](UsbfsDevice& device, Time) {
-        name = device.driver(request.interface);
-        return device.connected();
-    });
-    if (!connected) {
-        return -ENODEV;
-    }
-    if (name.empty()) {
-        return -ENODATA;
-    }
-    name.copy(request.driver, sizeof request.driver - 1);
-    request.driver[std::min(name.size(), sizeof request.driver - 1)] = '\0';
-    memory.put(0, &request, sizeof request);
-    return 0;
-}
-
-// USBDEVFS_IOCTL passes an ioctl to the driver of an interface. Only binding and unbinding are supported.
-int UsbfsOpening::driverIoctl(const ProgramMemory& memory) {
-    const auto request = memory.as<usbdevfs_ioctl>();
-    const auto interfaceNumber = static_cast<unsigned>(request.ifno);
-    const auto code = static_cast<unsigned>(request.ioctl_code);
-    return onDevice([&](UsbfsDevice& device, Time) {
-        if (code == USBDEVFS_DISCONNECT) {
-            return device.detachDriver(interfaceNumber);
-        }
-        if (code == USBDEVFS_CONNECT) {
-            return device.attachDriver(interfaceNumber);
-        }
-        return -ENOTTY;
-    });
-}
-
-int UsbfsOpening::detachAndClaim(const ProgramMemory& memory) {
-    const auto request = memory.as<usbdevfs_disconnect_claim>();
-    return onDevice([&](UsbfsDevice& device, Time) {
-        const std::string bound = device.driver(request.interface);
-        const bool named = bound == request.driver;
-        if (((request.flags & USBDEVFS_DISCONNECT_CLAIM_IF_DRIVER) != 0 && !bound.empty() && !named) ||
-            ((request.flags & USBDEVFS_DISCONNECT_CLAIM_EXCEPT_DRIVER) != 0 && named)) {
-            return -EBUSY;
-        }
-        if (!bound.empty()) {
-            device.detachDriver(request.interface);
-        }
-        return device.claim(m_id, request.interface);
-    });
-}
-
-int UsbfsOpening::getCapabilities(const ProgramMemory& memory) {
-    if (!onDevice([](UsbfsDevice& device, Time) { return device.connected(); })) {
-        return -ENODEV;
-    }
-    memory.put(0, &capabilities, sizeof capabilities);
-    return 0;
-}
-
-int UsbfsOpening::getSpeed() {
-    return onDevice([](UsbfsDevice& device, Time) {
-        if (!device.connected()) {
-            return -ENODEV;
-        }
-        return static_cast<int>(device.speed()) + 1; // the kernel counts low, full and high from 1
-    });
-}
-
-int UsbfsOpening::answer(unsigned long request, UMockdevIoctlData* argument) {
-    if (m_closed) {
-        return -ENODEV;
-    }
-    // First the requests whose argument is a value, or a pointer that is only compared.
-    UrbAddress value = 0;
-    std::memcpy(&value, argument->data, sizeof value);
-    switch (request) {
-    case USBDEVFS_SUBMITURB:
-        return submit(argument);
-    case USBDEVFS_REAPURBNDELAY:
-        return reap(argument);
-    case USBDEVFS_DISCARDURB:
-        return onDevice([&](UsbfsDevice& device, Time now) { return device.discard(m_id, value, now); });
-    case USBDEVFS_RESET:
-        return onDevice([&](UsbfsDevice& device, Time now) { return device.reset(m_id, now); });
-    case USBDEVFS_GET_SPEED:
-        return getSpeed();
-    case emulate_closing_request:
-        close();
-        return 0;
-    default:
-        break;
-    }
-    const ProgramMemory memory = ProgramMemory::at(argument, 0, _IOC_SIZE(request));
-    if (!memory) {
-        return -EFAULT;
-    }
-    const auto word = memory.as<unsigned>();
-    switch (request) {
-    case USBDEVFS_CLAIMINTERFACE:
-        return onDevice([&](UsbfsDevice& device, Time) { return device.claim(m_id, word); });
-    case USBDEVFS_RELEASEINTERFACE:
-        return onDevice([&](UsbfsDevice& device, Time) { return device.release(m_id, word); });
-    case USBDEVFS_SETCONFIGURATION:
-        return setConfiguration(static_cast<int>(word));
-    case USBDEVFS_CLEAR_HALT:
-    case USBDEVFS_RESETEP:
-        return onDevice([&](UsbfsDevice& device, Time now) {
-            return device.clearHalt(m_id, static_cast<std::uint8_t>(word), now);
-        });
-    case USBDEVFS_GETDRIVER:
-        return getDriver(memory);
-    case USBDEVFS_IOCTL:
-        return driverIoctl(memory);
-    case USBDEVFS_DISCONNECT_CLAIM:
-        return detachAndClaim(memory);
-    case USBDEVFS_GET_CAPABILITIES:
-        return getCapabilities(memory);
     default:
         return -ENOTTY;
+    }
+}
+
+int UsbfsOpening::detachAndClaim(const opening_request& request) {
+    using Unless = UsbfsDevice::Unless;
+    Unless unless = Unless::never;
+    if ((request.value & USBDEVFS_DISCONNECT_CLAIM_IF_DRIVER) != 0) {
+        unless = Unless::itIsNot;
+    } else if ((request.value & USBDEVFS_DISCONNECT_CLAIM_EXCEPT_DRIVER) != 0) {
+        unless = Unless::itIs;
+    }
+    return m_node.device().detachAndClaim(m_id, request.argument, unless, nameIn(request));
+}
+
+int UsbfsOpening::discard(std::uint64_t urb, Time now) {
+    for (std::size_t number = 0; number < m_pending.size(); ++number) {
+        const Pending& pending = m_pending[number];
+        if (pending.pending && !pending.called && pending.urb == urb) {
+            return m_node.device().discard(m_id, number, now);
+        }
+    }
+    return m_node.device().connected() ? -EINVAL : -ENODEV;
+}
+
+int UsbfsOpening::cancel(std::uint64_t number, Time now) {
+    return number < m_pending.size() && m_pending[number].called ? m_node.device().discard(m_id, number, now)
+                                                                 : -EINVAL;
+}
+
+// What the program says of its request is not trusted: the data has to lie within the memory.
+void UsbfsOpening::submit(std::uint32_t number, const opening_request& request, Time now) {
+    if (m_pending.size() <= number) {
+        m_pending.resize(number + 1);
+    }
+    constexpr std::size_t first = offsetof(opening_memory, requests);
+    if (m_pending[number].pending || request.offset < first || request.offset > sizeof(opening_memory) ||
+        request.length > sizeof(opening_memory) - request.offset) {
+        return;
+    }
+    m_pending[number] = {.pending = true,
+                         .called = request.operation == opening_transfer,
+                         .urb = request.urb,
+                         .offset = request.offset,
+                         .length = request.length,
+                         .signal = request.signal,
+                         .process = request.process};
+    const auto* const bytes = reinterpret_cast<const std::uint8_t*>(&*m_memory);
+    const int result = m_node.device().submit(m_id, number, transferOf(request, bytes + request.offset), now,
+                                              request.short_not_ok != 0);
+    if (result != 0) {
+        // The device has changed since the program looked.
+        complete({.urb = number, .status = result == -ENODEV ? -ESHUTDOWN : result, .data = {}, .actual = 0});
+        setReady();
+    }
+}
+
+void UsbfsOpening::complete(const ReapedUrb& urb) {
+    Pending& pending = m_pending[urb.urb];
+    opening_memory& memory = *m_memory;
+    opening_request& request = memory.requests[urb.urb];
+    pending.pending = false;
+    auto* const bytes = reinterpret_cast<std::uint8_t*>(&memory);
+    std::copy_n(urb.data.begin(), std::min<std::size_t>(urb.data.size(), pending.length),
+                bytes + pending.offset);
+    request.actual = static_cast<std::uint32_t>(urb.actual);
+    request.result = urb.status;
+    if (pending.called) {
+        answer(static_cast<std::uint32_t>(urb.urb));
+        return;
+    }
+    memory.ring[m_tail % opening_requests] = static_cast<std::uint16_t>(urb.urb);
+    shared(memory.tail).store(++m_tail);
+    shared(memory.completed).fetch_add(1);
+    if (shared(memory.waiting).load() != 0) {
+        wakeAll(memory.completed);
+    }
+    if (pending.signal != 0) {
+        signalProgram(static_cast<int>(pending.signal), pending.process, -urb.status, pending.urb);
     }
 }
 

@@ -1,89 +1,91 @@
-// One opening of a node: decodes the ioctls of a program and encodes their results.
+// The launcher's side of one opening of a node: answers the requests in the shared memory, delivers completed URBs, and
+// keeps the program's descriptor readable as poll() of usbfs would report it.
 //
-// For umockdev's handler thread only. It takes the bus mutex for every access to the reader.
+// One thread at a time; the bus guards it.
 #pragma once
 
 #include "usbfs/device.h"
-#include "usbfs/program_memory.h"
-#include "usbfs/readiness_fifo.h"
+#include "usbfs/file_descriptor.h"
+#include "usbfs/opening_memory.h"
+#include "usbfs/shared_memory.h"
 
-#include <chrono>
-#include <functional>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <utility>
+#include <cstdint>
+#include <optional>
+#include <vector>
 
 namespace emulator {
 
-struct NodeHooks {
-    // Called when a program has chosen a configuration, before the program gets its result, in the handler's
-    // thread, without the mutex.
-    std::function<void(std::uint8_t)> configured;
-    // Called when a transfer may be due earlier than any before, in the handler's thread.
-    std::function<void()> deadlineChanged;
-};
-
-// Shared by the openings of a node, which may outlive it.
-struct SharedNode {
-    SharedNode(const std::string& file, std::shared_ptr<UsbfsDevice> openedDevice, std::mutex& busMutex,
-               NodeHooks nodeHooks)
-        : fifo(file)
-        , device(std::move(openedDevice))
-        , mutex(busMutex)
-        , hooks(std::move(nodeHooks)) {}
-
-    // Signal at the node whether a URB can be reaped. The mutex is held.
-    void refresh() { fifo.setReady(device->anythingToReap()); }
-
-    ReadinessFifo fifo;
-    std::shared_ptr<UsbfsDevice> device;
-    std::mutex& mutex;
-    NodeHooks hooks;
-};
+class UsbfsNode;
 
 class UsbfsOpening {
 public:
-    explicit UsbfsOpening(std::shared_ptr<SharedNode> node);
+    // `flags` as for open(). Throws std::system_error.
+    UsbfsOpening(UsbfsNode& node, std::uint32_t index, int flags);
     UsbfsOpening(const UsbfsOpening&) = delete;
     UsbfsOpening& operator=(const UsbfsOpening&) = delete;
-    ~UsbfsOpening() { close(); }
+    ~UsbfsOpening();
 
-    // The result of an ioctl, or a negative errno.
-    int answer(unsigned long request, UMockdevIoctlData* argument);
+    UsbfsNode& node() const { return m_node; }
+    OpenId id() const { return m_id; }
+    std::uint32_t index() const { return m_index; }
+    std::uint64_t inode() const { return m_inode; }
+    int memory() const { return m_memory.descriptor(); }
+
+    // The program's descriptor, to be sent to it. The opening is closed when no copy is left.
+    FileDescriptor takeDescriptor() { return std::move(m_descriptor); }
+
+    // Readable as a hang-up when no copy of the program's descriptor is left; -1 once the reader is unplugged.
+    int hangUp() const { return m_readEnd.get(); }
+    bool isClosed() const;
+
+    // Answer what the program has requested, and deliver what completes by it. Call it when the bell has rung.
+    void serve(Time now);
+
+    // Show the program what has changed at the device, and deliver completed URBs.
+    void refresh();
+
+    void unplug();
 
 private:
-    // The program's memory of a pending URB, written back when the URB is reaped.
-    struct UrbMemory {
-        ProgramMemory urb;
-        ProgramMemory buffer;
-        bool control = false;
+    // The launcher's record of a pending URB.
+    struct Pending {
+        bool pending = false;
+        bool called = false; // completes in place
+        std::uint64_t urb = 0;
+        std::uint32_t offset = 0;
+        std::uint32_t length = 0;
+        std::uint32_t signal = 0;
+        std::int32_t process = 0;
     };
 
-    void close();
-    int submit(UMockdevIoctlData* argument);
-    int reap(UMockdevIoctlData* argument);
-    int setConfiguration(int value);
-    int getDriver(const ProgramMemory& memory);
-    int driverIoctl(const ProgramMemory& memory);
-    int detachAndClaim(const ProgramMemory& memory);
-    int getCapabilities(const ProgramMemory& memory);
-    int getSpeed();
+    void showConfiguration();
+    void serve(std::uint32_t number, Time now);
+    int call(std::uint32_t number, const opening_request& request, Time now);
+    int detachAndClaim(const opening_request& request);
+    int discard(std::uint64_t urb, Time now);
+    int cancel(std::uint64_t number, Time now);
+    void submit(std::uint32_t number, const opening_request& request, Time now);
+    void complete(const ReapedUrb& urb);
+    void answer(std::uint32_t number);
+    void signalProgram(int signal, int process, int error, std::uint64_t value) const;
+    void setReady();
+    void tryToHangUp();
 
-    // Run an action on the device under the mutex, then refresh the node.
-    template <typename Action>
-    auto onDevice(Action action) {
-        const std::lock_guard lock(m_node->mutex);
-        auto result = action(*m_node->device, std::chrono::steady_clock::now());
-        m_node->refresh();
-        return result;
-    }
-
-    std::shared_ptr<SharedNode> m_node;
+    UsbfsNode& m_node;
+    std::uint32_t m_index;
+    SharedMemory<opening_memory> m_memory;
+    FileDescriptor m_descriptor; // the pipe's write end, until it is sent
+    FileDescriptor m_readEnd;
+    FileDescriptor m_pipe; // the pipe as a path, once the read end is closed
+    std::uint64_t m_inode = 0;
     OpenId m_id = 0;
-    bool m_closed = false;
-    std::map<UrbAddress, UrbMemory> m_urbs;
+    std::uint32_t m_tail = 0;
+    bool m_hangUpWanted = false;
+    std::vector<Pending> m_pending;        // by the number of the request
+    std::vector<std::uint32_t> m_answered; // calls to wake when everything else is done
+    std::uint32_t m_disconnectSignal = 0;
+    std::uint64_t m_disconnectValue = 0;
+    std::int32_t m_disconnectProcess = 0;
 };
 
 } // namespace emulator

@@ -1,17 +1,28 @@
 #include "usbfs/sysfs.h"
 
-#include "model/text.h"
+#include "model/descriptors.h"
 #include "preload_contract.h"
+#include "usbfs/file_descriptor.h"
 
 #include <array>
+#include <cerrno>
 #include <filesystem>
-#include <fstream>
-#include <string_view>
-#include <vector>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace emulator {
 
 namespace {
+
+constexpr unsigned usbMajor = 189;
+constexpr unsigned addressesPerBus = 128;
+
+constexpr std::array attributes = {"descriptors", "busnum", "devnum", "idVendor",
+                                   "idProduct",   "speed",  "uevent", "bConfigurationValue",
+                                   "subsystem"};
 
 std::string hex16(std::uint16_t value) {
     return numbered("%04x", value);
@@ -29,8 +40,29 @@ const char* megabits(Speed speed) {
     return "480";
 }
 
-void writeFile(const std::string& file, std::string_view content) {
-    std::ofstream(file, std::ios::binary).write(content.data(), static_cast<std::streamsize>(content.size()));
+[[noreturn]] void fail(const std::string& path) {
+    throw std::system_error(errno, std::generic_category(), path);
+}
+
+void writeFile(const std::string& path, std::string_view content, mode_t mode = 0644) {
+    const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode), path);
+    const ssize_t written = ::write(file.get(), content.data(), content.size());
+    if (written != static_cast<ssize_t>(content.size())) {
+        errno = written < 0 ? errno : ENOSPC;
+        fail(path);
+    }
+}
+
+void makeLink(const std::string& target, const std::string& path) {
+    if (::symlink(target.c_str(), path.c_str()) != 0 && errno != EEXIST) {
+        fail(path);
+    }
+}
+
+void makeFolder(const std::string& path) {
+    if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
+        fail(path);
+    }
 }
 
 // An empty line if the device is unconfigured.
@@ -42,42 +74,17 @@ std::string_view asText(const Bytes& bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-// The files that libusb reads, and the two that udev rules commonly match. umockdev could write them, but it
-// creates each under another name first, which dominates the start with hundreds of readers.
-void writeAttributes(const std::string& folder, const ShownDevice& device) {
-    writeFile(folder + "descriptors", asText(device.descriptors));
-    writeFile(folder + "busnum", std::to_string(device.bus) + "\n");
-    writeFile(folder + "devnum", std::to_string(device.address) + "\n");
-    writeFile(folder + "idVendor", hex16(device.vendor) + "\n");
-    writeFile(folder + "idProduct", hex16(device.product) + "\n");
-    writeFile(folder + "speed", megabits(device.speed) + std::string("\n"));
-    writeFile(folder + "bConfigurationValue", configurationText(device.configuration));
+unsigned minorNumber(const ShownDevice& device) {
+    return (device.bus - 1U) * addressesPerBus + device.address - 1U;
 }
 
-// Names and values in turn, null-terminated, as umockdev expects them.
-std::vector<gchar*> pairs(std::vector<std::string>& texts) {
-    std::vector<gchar*> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (std::string& text : texts) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
+// umockdev looks there for the numbers of a node.
+std::string numbersLink(const std::string& root, const ShownDevice& device) {
+    return root + "/dev/.node/bus_usb_" + numbered("%03u_%03u", device.bus, device.address);
 }
 
-ShownDevice rootHub(std::uint8_t bus) {
-    return {.bus = bus,
-            .address = rootHubAddress,
-            .vendor = 0x1D6B, // of the Linux Foundation
-            .product = 0x0002,
-            .release = 0x0601,
-            .speed = Speed::high,
-            .configuration = 1,
-            .descriptors = {18,   1,    0x00, 0x02, 9,    0, 0, 64,   0x6B,
-                            0x1D, 0x02, 0x00, 0x01, 0x06, 3, 2, 1,    1, // device
-                            9,    2,    25,   0,    1,    1, 0, 0xE0, 0, // configuration
-                            9,    4,    0,    0,    1,    9, 0, 0,    0, // interface
-                            7,    5,    0x81, 3,    4,    0, 12}};       // endpoint for status changes
+std::string folderOf(const std::string& root, const std::string& name) {
+    return root + "/sys/devices/" + name + "/";
 }
 
 } // namespace
@@ -86,35 +93,127 @@ std::string nodePath(std::uint8_t bus, std::uint8_t address) {
     return emulate_node_folder + numbered("%03u/%03u", bus, address);
 }
 
-std::string show(UMockdevTestbed* testbed, const std::string& root, const std::string& name,
-                 const ShownDevice& device) {
-    std::string path = "/sys/devices/" + name;
-    std::filesystem::create_directories(root + path);
-    writeAttributes(root + path + "/", device);
-    std::vector<std::string> properties;
-    const auto property = [&](const char* key, std::string value) {
-        properties.emplace_back(key);
-        properties.push_back(std::move(value));
-    };
-    property("DEVTYPE", "usb_device");
-    property("DEVNAME", nodePath(device.bus, device.address));
-    property("BUSNUM", numbered("%03u", device.bus));
-    property("DEVNUM", numbered("%03u", device.address));
-    property("MAJOR", "189"); // of USB devices
-    property("MINOR", std::to_string((device.bus - 1) * 128 + device.address - 1));
-    property("PRODUCT", numbered("%x/%x", device.vendor, device.product) + numbered("/%x", device.release));
-    std::array<gchar*, 1> noAttributes = {nullptr};
-    g_free(umockdev_testbed_add_devicev(testbed, "usb", name.c_str(), nullptr, noAttributes.data(),
-                                        pairs(properties).data()));
-    return path;
+std::string rootHubName(std::uint8_t bus) {
+    return numbered("usb%u", bus);
 }
 
-void showRootHub(UMockdevTestbed* testbed, const std::string& root, std::uint8_t bus) {
-    const ShownDevice hub = rootHub(bus);
-    const std::filesystem::path node = root + nodePath(hub.bus, hub.address);
-    std::filesystem::create_directories(node.parent_path());
-    writeFile(node, asText(hub.descriptors));
-    show(testbed, root, numbered("usb%u", bus), hub);
+ReaderDescription rootHub(std::uint8_t bus) {
+    ReaderDescription hub;
+    hub.vendor = 0x1D6B; // of the Linux Foundation
+    hub.product = 0x0002;
+    hub.release = 0x0601;
+    hub.speed = Speed::high;
+    hub.bus = bus;
+    hub.strings.clear();
+    hub.endpoints = {{.address = 0x81, .type = TransferType::interrupt, .packetSize = 4}};
+    hub.kernelDriver = "hub";
+    hub.descriptors =
+        Bytes{18, 1, 0x00, 0x02, 9, 0, 0, 64,   0x6B, 0x1D, 0x02, 0x00, 0x01, 0x06, 0, 0, 0, 1, // device
+              9,  2, 25,   0,    1, 1, 0, 0xE0, 0, // configuration
+              9,  4, 0,    0,    1, 9, 0, 0,    0, // interface
+              7,  5, 0x81, 3,    4, 0, 12};        // endpoint for status changes
+    return hub;
+}
+
+std::uint8_t firstConfiguration(const ReaderDescription& description) {
+    return description.configurations.empty() ? std::uint8_t{0} : description.configurations.front();
+}
+
+ShownDevice shownDevice(std::string name, const ReaderDescription& description, std::uint8_t address,
+                        std::uint8_t configuration) {
+    return {.name = std::move(name),
+            .bus = description.bus,
+            .address = address,
+            .vendor = description.vendor,
+            .product = description.product,
+            .release = description.release,
+            .speed = description.speed,
+            .configuration = configuration,
+            .descriptors = allDescriptors(description)};
+}
+
+Properties propertiesOf(const ShownDevice& device) {
+    return {{"MAJOR", std::to_string(usbMajor)},
+            {"MINOR", std::to_string(minorNumber(device))},
+            {"DEVNAME", nodePath(device.bus, device.address).substr(5)}, // relative to /dev/
+            {"DEVTYPE", "usb_device"},
+            {"PRODUCT", numbered("%x/%x", device.vendor, device.product) + numbered("/%x", device.release)},
+            {"TYPE", device.descriptors.size() > 6
+                         ? numbered("%u/%u", device.descriptors[4], device.descriptors[5]) +
+                               numbered("/%u", device.descriptors[6])
+                         : "0/0/0"},
+            {"BUSNUM", numbered("%03u", device.bus)},
+            {"DEVNUM", numbered("%03u", device.address)}};
+}
+
+Sysfs::Sysfs(std::string root)
+    : m_root(std::move(root)) {
+    for (const char* folder : {"", "/dev", "/dev/.node", "/dev/bus", "/dev/bus/usb", "/sys", "/sys/bus",
+                               "/sys/bus/usb", "/sys/bus/usb/devices", "/sys/class", "/sys/devices"}) {
+        makeFolder(m_root + folder);
+    }
+}
+
+struct stat Sysfs::show(const ShownDevice& device) {
+    if (m_buses.size() <= device.bus) {
+        m_buses.resize(device.bus + std::size_t{1});
+    }
+    if (!m_buses[device.bus]) {
+        makeFolder(m_root + emulate_node_folder + numbered("%03u", device.bus));
+        m_buses[device.bus] = true;
+    }
+    makeLink(numbered("%u:%u", usbMajor, minorNumber(device)), numbersLink(m_root, device));
+    // What a node contains when something reads it that the preload does not reach.
+    const std::string node = m_root + nodePath(device.bus, device.address);
+    writeFile(node, asText(device.descriptors), nodeMode);
+    ::chmod(node.c_str(), nodeMode); // whatever the umask
+    struct stat status {};
+    if (::stat(node.c_str(), &status) != 0) {
+        fail(node);
+    }
+
+    // The files that libusb reads, and those that udev rules commonly match.
+    const std::string folder = folderOf(m_root, device.name);
+    makeFolder(folder);
+    writeFile(folder + "descriptors", asText(device.descriptors));
+    writeFile(folder + "busnum", std::to_string(device.bus) + "\n");
+    writeFile(folder + "devnum", std::to_string(device.address) + "\n");
+    writeFile(folder + "idVendor", hex16(device.vendor) + "\n");
+    writeFile(folder + "idProduct", hex16(device.product) + "\n");
+    writeFile(folder + "speed", megabits(device.speed) + std::string("\n"));
+    writeFile(folder + "bConfigurationValue", configurationText(device.configuration));
+    std::string properties;
+    for (const auto& [name, value] : propertiesOf(device)) {
+        properties.append(name).append("=").append(value).append("\n");
+    }
+    writeFile(folder + "uevent", properties);
+    makeLink("../../bus/usb", folder + "subsystem");
+    makeLink("../../../devices/" + device.name, m_root + "/sys/bus/usb/devices/" + device.name);
+    return status;
+}
+
+void Sysfs::hideNode(const ShownDevice& device) {
+    ::unlink((m_root + nodePath(device.bus, device.address)).c_str());
+    ::unlink(numbersLink(m_root, device).c_str());
+}
+
+void Sysfs::hide(const ShownDevice& device) {
+    const std::string folder = folderOf(m_root, device.name);
+    ::unlink((m_root + "/sys/bus/usb/devices/" + device.name).c_str());
+    for (const char* attribute : attributes) {
+        ::unlink((folder + attribute).c_str());
+    }
+    if (::rmdir(folder.c_str()) != 0) {
+        std::error_code ignored;
+        std::filesystem::remove_all(folder, ignored); // a program has put something there
+    }
+}
+
+void Sysfs::setConfiguration(const std::string& name, std::uint8_t value) const {
+    const std::string path = folderOf(m_root, name) + "bConfigurationValue";
+    const std::string text = configurationText(value);
+    const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    [[maybe_unused]] const ssize_t written = ::write(file.get(), text.data(), text.size());
 }
 
 } // namespace emulator

@@ -1,17 +1,21 @@
-// A USB device in sysfs, and the udev event that announces it.
+// The files of USB devices below the root of the emulated bus: in /sys, and their nodes' places in /dev.
 //
-// For the launcher's thread only.
+// For the launcher's thread only, except where said.
 #pragma once
 
 #include "model/description.h"
 
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
-#include <umockdev.h>
+#include <sys/stat.h>
 
 namespace emulator {
 
 struct ShownDevice {
+    std::string name; // in /sys/bus/usb/devices
     std::uint8_t bus = 1;
     std::uint8_t address = 0;
     std::uint16_t vendor = 0;
@@ -24,16 +28,46 @@ struct ShownDevice {
 
 // Each bus has the root hub of its host controller, as in the kernel.
 constexpr std::uint8_t rootHubAddress = 1;
+std::string rootHubName(std::uint8_t bus);
+ReaderDescription rootHub(std::uint8_t bus);
 
-// Add that hub. It answers no ioctls; its node contains its descriptors, as reading any node does.
-void showRootHub(UMockdevTestbed* testbed, const std::string& root, std::uint8_t bus);
+// The configuration that plugging chooses.
+std::uint8_t firstConfiguration(const ReaderDescription& description);
+
+// The device with its descriptors as programs read them.
+ShownDevice shownDevice(std::string name, const ReaderDescription& description, std::uint8_t address,
+                        std::uint8_t configuration);
+
+// The permissions of a node.
+constexpr unsigned nodeMode = 0664;
 
 // The node of the device with this address, as programs see it.
 std::string nodePath(std::uint8_t bus, std::uint8_t address);
 
-// Add a device with this name, whose node exists, and return its path in sysfs. The event is sent last, so
-// that its receivers find everything in place.
-std::string show(UMockdevTestbed* testbed, const std::string& root, const std::string& name,
-                 const ShownDevice& device);
+class Sysfs {
+public:
+    // Create the folders for which libusb looks even if there is no device. Throws std::system_error.
+    explicit Sysfs(std::string root);
+
+    const std::string& root() const { return m_root; }
+
+    // Returns the properties of the file in the node's place. Throws std::system_error.
+    struct stat show(const ShownDevice& device);
+
+    // As the kernel does it: the node first, and everything else after the event.
+    void hideNode(const ShownDevice& device);
+    void hide(const ShownDevice& device);
+
+    // Any thread.
+    void setConfiguration(const std::string& name, std::uint8_t value) const;
+
+private:
+    std::string m_root;
+    std::vector<bool> m_buses; // that have a folder of nodes
+};
+
+// The names and values that describe a device in its file "uevent" and in udev events.
+using Properties = std::vector<std::pair<std::string_view, std::string>>;
+Properties propertiesOf(const ShownDevice& device);
 
 } // namespace emulator

@@ -1,23 +1,22 @@
-// The emulated USB bus: a private /sys and /dev with the plugged readers, and their udev events.
+// The emulated USB bus: a private /sys and /dev with the plugged readers, their nodes and their udev events.
 //
-// For the launcher's thread only. Ioctls of programs arrive in a thread of umockdev; the bus's mutex guards
-// the readers between the two.
+// For the launcher's thread only. The thread of the node server answers programs; the server's lock guards the readers
+// between the two.
 #pragma once
 
 #include "control/bus.h"
 #include "usbfs/device.h"
 #include "usbfs/node.h"
+#include "usbfs/node_server.h"
+#include "usbfs/sysfs.h"
+#include "usbfs/uevents.h"
 
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
-
-#include <umockdev.h>
 
 namespace emulator {
 
@@ -31,20 +30,17 @@ struct Reader {
     HostCounts counts;
 
     // Only while it is plugged.
-    std::shared_ptr<UsbfsDevice> device;
-    std::unique_ptr<DeviceNode> node;
-    std::string sysfsPath;
-    std::uint8_t address = 0;
+    std::shared_ptr<UsbfsNode> node;
+    ShownDevice shown;
 };
 
 class VirtualBus final : public Bus {
 public:
-    // The preload looks for refusals in `folder`. Throws std::runtime_error.
-    explicit VirtualBus(std::filesystem::path folder);
-    ~VirtualBus() override;
+    // Everything is in `folder`, which programs know by its name. Throws std::system_error.
+    explicit VirtualBus(const std::filesystem::path& folder);
 
-    // Where umockdev's preload finds the emulated /sys and /dev.
-    std::string root() const;
+    // Where programs find the emulated /sys and /dev.
+    const std::string& root() const { return m_sysfs.root(); }
 
     std::size_t add(ReaderDescription description) override;
     std::size_t size() const override { return m_readers.size(); }
@@ -68,21 +64,18 @@ protected:
 
 private:
     Reader& readerNumber(std::size_t number) const;
-    static void deliver(Reader& reader);
+    void connect(Reader& reader, const std::string& name, std::uint8_t address, unsigned port);
+    void remove(Reader& reader);
     void ensureRootHub(std::uint8_t bus); // before the bus's first reader
     std::uint8_t freeAddress(const ReaderDescription& description);
-    void awaitListeners() const;
-    std::filesystem::path refusalFile(const Reader& reader) const;
-    void writeRefusal(const Reader& reader) const;
 
-    std::filesystem::path m_folder;
-    UMockdevTestbed* m_testbed = nullptr;
-    int m_wakeUp = -1; // readable when the next deadline may be earlier
-    std::mutex m_mutex;
+    Sysfs m_sysfs;
+    Uevents m_uevents;
     std::vector<std::unique_ptr<Reader>> m_readers;
-    std::map<std::uint8_t, std::uint8_t> m_lastAddress; // by bus
-    std::vector<std::pair<Time, std::unique_ptr<DeviceNode>>>
-        m_retired; // nodes of unplugged readers, since when
+    std::map<std::uint8_t, std::unique_ptr<Reader>> m_rootHubs; // by bus
+    std::map<std::uint8_t, std::uint8_t> m_lastAddress;         // by bus
+    std::map<std::uint8_t, std::vector<bool>> m_taken;          // addresses, by bus
+    NodeServer m_server;                                        // its thread ends before the readers do
 };
 
 } // namespace emulator

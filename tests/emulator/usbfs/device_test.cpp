@@ -9,7 +9,7 @@ namespace {
 
 class UsbfsDeviceTest : public testing::Test {
 protected:
-    int submit(OpenId id, UrbAddress urb, std::uint8_t endpoint, Bytes data = {}) {
+    int submit(OpenId id, UrbId urb, std::uint8_t endpoint, Bytes data = {}) {
         return device.submit(id, urb, {.endpoint = endpoint, .data = std::move(data), .capacity = 64}, now);
     }
 
@@ -37,7 +37,7 @@ TEST_F(UsbfsDeviceTest, ClosingReleasesAndCancels) {
     EXPECT_EQ(submit(first, 0x1000, 0x81), 0);
     device.close(first, now);
     EXPECT_EQ(device.claim(second, 0), 0);
-    EXPECT_FALSE(device.anythingToReap());
+    EXPECT_FALSE(device.reap(second).has_value());
     EXPECT_EQ(counts.closes, 1U);
     device.close(first, now);
     EXPECT_EQ(counts.closes, 1U);
@@ -85,7 +85,7 @@ TEST_F(UsbfsDeviceTest, OnlyReapingWorksAfterUnplugging) {
     EXPECT_EQ(device.clearHalt(first, 0x81, now), -ENODEV);
     EXPECT_EQ(device.reset(first, now), -ENODEV);
     EXPECT_EQ(device.setConfiguration(first, 1, now), -ENODEV);
-    EXPECT_EQ(device.detachDriver(0), -ENODEV);
+    EXPECT_EQ(device.detachDriver(first, 0), -ENODEV);
     EXPECT_EQ(device.reap(first)->status, -ESHUTDOWN);
     EXPECT_FALSE(device.reap(first).has_value());
     device.close(first, now);
@@ -107,15 +107,15 @@ TEST_F(UsbfsDeviceTest, ConfigurationChangesOnlyWhileNothingIsClaimedOrBound) {
 }
 
 TEST_F(UsbfsDeviceTest, DriverKeepsTheInterfaceUntilDetached) {
-    EXPECT_EQ(device.detachDriver(0), -ENODATA);
+    EXPECT_EQ(device.detachDriver(first, 0), -ENODATA);
     device.bindDriver("usbhid");
     EXPECT_EQ(device.driver(0), "usbhid");
     EXPECT_EQ(device.claim(first, 0), -EBUSY);
-    EXPECT_EQ(device.detachDriver(0), 0);
+    EXPECT_EQ(device.detachDriver(first, 0), 0);
     EXPECT_EQ(device.driver(0), "");
     EXPECT_EQ(device.claim(first, 0), 0);
     EXPECT_EQ(device.driver(0), "usbfs");
-    EXPECT_EQ(device.detachDriver(9), -EINVAL);
+    EXPECT_EQ(device.detachDriver(first, 9), -EINVAL);
 }
 
 TEST_F(UsbfsDeviceTest, HostFaultsFailClaimAndReset) {

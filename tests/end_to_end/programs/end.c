@@ -7,7 +7,6 @@
 #include <gvusb.h>
 #include <libusb.h>
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <signal.h>
@@ -16,7 +15,6 @@
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/select.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 /* The readers as described for ending.c. */
@@ -73,19 +71,7 @@ static void end_by_signal_handler(void) {
     }
 }
 
-/* umockdev has a connection for each open node and, unlike libusb, keeps it across exec. */
-static void close_emulated_nodes_on_exec(void) {
-    for (int descriptor = STDERR_FILENO + 1; descriptor < FD_SETSIZE; ++descriptor) {
-        int type = 0;
-        socklen_t size = sizeof type;
-        if (getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_STREAM) {
-            fcntl(descriptor, F_SETFD, FD_CLOEXEC);
-        }
-    }
-}
-
 static void end_by_exec(void) {
-    close_emulated_nodes_on_exec();
     char* arguments[] = {(char*)program, "use", "main", NULL};
     execv(program, arguments);
 }
