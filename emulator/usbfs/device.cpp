@@ -362,10 +362,7 @@ void UsbfsDevice::finish(const PendingUrb& urb, Completion& completion) {
                         .status = urbStatus(completion.outcome, -ENOENT),
                         .data = std::move(completion.data),
                         .actual = completion.actual};
-    if (completion.outcome == Outcome::overflow) {
-        reaped.data.clear();
-        reaped.actual = 0;
-    } else if (urb.shortNotOk && reaped.status == 0 && reaped.actual < urb.capacity) {
+    if (urb.shortNotOk && reaped.status == 0 && reaped.actual < urb.capacity) {
         reaped.status = -EREMOTEIO;
     }
     opening->second.completed.push_back(std::move(reaped));

@@ -70,6 +70,7 @@ NodeServer::Lock::Lock(NodeServer& server)
     m_server.m_waiting.fetch_add(1);
     m_server.m_mutex.lock();
     m_server.m_waiting.fetch_sub(1);
+    m_server.serveRung(present());
 }
 
 NodeServer::Lock::~Lock() {

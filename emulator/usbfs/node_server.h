@@ -33,7 +33,8 @@ public:
     NodeServer& operator=(const NodeServer&) = delete;
     ~NodeServer();
 
-    // Holds the mutex. The thread lets whoever waits for it have it first.
+    // Holds the mutex. What programs have requested before is answered first. The thread lets whoever waits for the
+    // mutex have it first.
     class Lock {
     public:
         explicit Lock(NodeServer& server);

@@ -187,7 +187,9 @@ void UsbfsOpening::setReady() {
     std::uint32_t state = shared(memory.signal).load();
     if (state == opening_idle && shared(memory.signal).compare_exchange_strong(state, opening_ready)) {
         char byte = 0;
-        [[maybe_unused]] const ssize_t taken = ::read(m_readEnd.get(), &byte, 1);
+        const FileDescriptor again =
+            m_readEnd ? FileDescriptor() : openAgain(m_pipe.get(), O_RDONLY | O_NONBLOCK);
+        [[maybe_unused]] const ssize_t taken = ::read(again ? again.get() : m_readEnd.get(), &byte, 1);
         return;
     }
     // Only the program leaves this state, and it rings the bell then.

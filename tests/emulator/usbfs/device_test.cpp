@@ -128,13 +128,45 @@ TEST_F(UsbfsDeviceTest, HostFaultsFailClaimAndReset) {
     EXPECT_EQ(device.reset(first, now), 0);
 }
 
+TEST_F(UsbfsDeviceTest, ReleasingEndsTransfers) {
+    device.claim(first, 0);
+    EXPECT_EQ(submit(first, 1, 0x81), 0);
+    EXPECT_EQ(device.release(first, 0), 0);
+    EXPECT_EQ(device.reap(first)->status, -ESHUTDOWN);
+}
+
+TEST_F(UsbfsDeviceTest, ResetTakesTheClaims) {
+    device.claim(first, 0);
+    EXPECT_EQ(device.reset(second, now), 0);
+    EXPECT_EQ(device.claim(second, 0), 0);
+}
+
+TEST_F(UsbfsDeviceTest, HaltsAreClearedOnlyByWhoHasClaimed) {
+    device.claim(first, 0);
+    EXPECT_EQ(device.clearHalt(second, 0x81, now), -EBUSY);
+    EXPECT_EQ(device.clearHalt(first, 0x91, now), -EINVAL);
+    EXPECT_EQ(device.clearHalt(first, 0x85, now), -ENOENT);
+    EXPECT_EQ(device.clearHalt(first, 0x81, now), 0);
+    reader.setPipeFaults(pipeOf(0x02), {.stalled = true}, now);
+    EXPECT_EQ(device.resetEndpoint(first, 0x02), 0);
+    EXPECT_TRUE(reader.pipeFaults(pipeOf(0x02)).stalled) << "the reader's side is not reset";
+}
+
+TEST_F(UsbfsDeviceTest, DroppedPrivilegesDoNotComeBack) {
+    EXPECT_EQ(device.dropPrivileges(first, 0), 0);
+    EXPECT_EQ(device.dropPrivileges(first, ~0U), 0);
+    EXPECT_EQ(device.claim(first, 0), -EACCES);
+    EXPECT_EQ(device.detachDriver(first, 0), -EACCES);
+    EXPECT_EQ(device.claim(second, 0), 0);
+}
+
 TEST_F(UsbfsDeviceTest, CountsWhatTheHostDid) {
     device.claim(first, 0);
     submit(first, 1, 0x81);
     device.discard(first, 1, now);
     device.clearHalt(first, 0x81, now);
-    device.reset(first, now);
     device.release(first, 0);
+    device.reset(first, now);
     EXPECT_EQ(counts.opens, 2U);
     EXPECT_EQ(counts.claims, 1U);
     EXPECT_EQ(counts.transfers, 1U);
