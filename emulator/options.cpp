@@ -60,6 +60,12 @@ socket for commands; the server runs until SIGINT or SIGTERM. With a program, th
 the program, which finds the address in GVUSB_EMULATE_USBIP.
 USB/IP has no passwords and no encryption: anyone who can connect to the port can use the readers.
 
+SIGNALS
+SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGUSR1 and SIGUSR2 are passed on to the program, unless the terminal
+sends them to the program too. The second signal to end kills it, and so does the end of the time of
+--kill-after. When the program has ended, whatever it has left running is killed. Each killing is
+reported on standard error. The bus ends with the last process.
+
 EXIT STATUS
 The exit status of the program, or 128 plus the number of the signal that killed it. 127 if the program
 does not exist, 126 if it cannot be executed, 125 if the bus cannot be set up, 2 for a usage error.
@@ -86,6 +92,8 @@ struct Words {
     std::string configuration;
     std::string address{defaultUsbipAddress};
     std::string command;
+    unsigned killAfter = 5;
+    bool waitForAll = false;
     bool noReaders = false;
     bool noConfiguration = false;
     bool usbip = false;
@@ -109,6 +117,15 @@ void addOptions(CLI::App& app, Words& words) {
         ->excludes(config);
     app.add_flag("-v,--verbose", words.verbose,
                  "Report commands, their answers and misbehaving USB/IP clients on standard error");
+    app.add_option(
+           "--kill-after", words.killAfter,
+           "Kill a program that has not ended this long after it got SIGTERM, SIGINT, SIGHUP or SIGQUIT from "
+           "gvusb-emulate; 0: never")
+        ->type_name("SECONDS")
+        ->capture_default_str();
+    app.add_flag(
+        "--wait-for-all", words.waitForAll,
+        "Wait until all processes of the program have ended, instead of killing those that it leaves behind");
     CLI::Option* const usbip = app.add_flag(
         "--usbip", words.usbip, "Serve the readers by USB/IP until a signal or the end of the program");
     app.add_option("--listen", words.address, "Where to listen for USB/IP clients; port 0 picks a free one")
@@ -167,6 +184,8 @@ Options optionsFrom(const CLI::App& app, const Words& words) {
         return options;
     }
     options.verbose = words.verbose;
+    options.killAfter = words.killAfter;
+    options.waitForAll = words.waitForAll;
     if (words.usbip) {
         options.usbip = parseSocketAddress(words.address);
     }

@@ -19,7 +19,9 @@ struct Options {
     bool verbose = false;
     std::optional<std::string> command; // to send to a running bus; nothing else is done
     std::optional<SocketAddress> usbip; // where to serve the readers, instead of on an emulated bus
-    std::vector<std::string> program;   // may be empty only with `usbip`
+    unsigned killAfter = 5;  // seconds after a signal to end, if the program has not ended by then; 0: never
+    bool waitForAll = false; // wait for processes that the program leaves behind, instead of killing them
+    std::vector<std::string> program; // may be empty only with `usbip`
 };
 
 // Return the options, or the exit status after --help, --version or a mistake, whose text has been printed.

@@ -4,7 +4,9 @@
 #include <charconv>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <iterator>
+#include <string>
 #include <system_error>
 
 #include <fcntl.h>
@@ -80,6 +82,20 @@ std::vector<pid_t> children() {
     return result;
 }
 
+// Processes that are only waited for are not worth a word.
+void report(pid_t process) {
+    const std::string folder = "/proc/" + std::to_string(process);
+    std::string name;
+    std::getline(std::ifstream(folder + "/comm"), name);
+    std::ifstream stream(folder + "/stat");
+    const std::string status(std::istreambuf_iterator<char>(stream), {});
+    const auto nameEnd = status.rfind(") ");
+    if (nameEnd != std::string::npos && status[nameEnd + 2] != 'Z') {
+        std::cerr << "gvusb-emulate: killed process " << process << " (" << name
+                  << "), which the program left running\n";
+    }
+}
+
 // Runs in the new process. Only async-signal-safe calls, because the launcher may have other threads.
 [[noreturn]] void runChild(char* const* arguments, char* const* environment, const sigset_t& mask,
                            int errorPipe, pid_t launcher) {
@@ -143,6 +159,7 @@ Program::~Program() {
     // Each round inherits the children of those killed in the last one.
     while (::waitpid(-1, nullptr, WNOHANG) >= 0) {
         for (const pid_t child : children()) {
+            report(child);
             ::kill(child, SIGKILL);
         }
         ::waitpid(-1, nullptr, 0);
@@ -151,11 +168,13 @@ Program::~Program() {
 
 void Program::noteEnded() {
     int status = 0;
-    for (pid_t ended = ::waitpid(-1, &status, WNOHANG); ended > 0; ended = ::waitpid(-1, &status, WNOHANG)) {
+    pid_t ended = 0;
+    while ((ended = ::waitpid(-1, &status, WNOHANG)) > 0) {
         if (ended == m_process) {
             m_exitStatus = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
         }
     }
+    m_allEnded = ended < 0;
 }
 
 void Program::signal(int number) const {

@@ -28,7 +28,7 @@ public:
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
 
-    // Kills whatever is left of the program and its children.
+    // Kills whatever is left of the program and its children, and says so on standard error.
     ~Program();
 
     const std::string& error() const { return m_error; }
@@ -40,11 +40,15 @@ public:
     // it.
     std::optional<int> exitStatus() const { return m_exitStatus; }
 
+    // Whether nothing of the program is left, not even its children.
+    bool allEnded() const { return m_allEnded; }
+
     void signal(int number) const;
 
 private:
     pid_t m_process = -1;
     std::optional<int> m_exitStatus;
+    bool m_allEnded = false;
     std::string m_error;
 };
 

@@ -1,4 +1,4 @@
-// A folder in /tmp that is removed with everything in it when its owner is destroyed.
+// A folder in memory, or in /tmp, that is removed with everything in it when its owner is destroyed.
 //
 // It ignores TMPDIR, because it holds sockets, whose paths have at most 107 characters. One thread at a time.
 #pragma once

@@ -14,8 +14,9 @@ namespace emulator {
 
 namespace {
 
-// How long a program may run on after a signal to end.
-constexpr Milliseconds grace{5000};
+bool asksToEnd(int signal) {
+    return signal == SIGINT || signal == SIGTERM || signal == SIGHUP || signal == SIGQUIT;
+}
 
 Time now() {
     return std::chrono::steady_clock::now();
@@ -66,7 +67,7 @@ int Session::run(Program::Environment environment) {
     if (!m_program->error().empty()) {
         std::cerr << "gvusb-emulate: " << m_program->error() << '\n';
     }
-    while (!m_program->exitStatus()) {
+    while (!m_program->exitStatus() || (m_options.waitForAll && !m_program->allEnded() && !m_askedToEnd)) {
         serve();
     }
     return *m_program->exitStatus();
@@ -113,8 +114,7 @@ void Session::serve() {
         handle(*signal);
     }
     if (m_endBy && !m_killed && *m_endBy <= now()) {
-        m_program->signal(SIGKILL);
-        m_killed = true;
+        kill("did not end within " + std::to_string(m_options.killAfter) + " s of a signal");
     }
 }
 
@@ -145,7 +145,7 @@ void Session::handle(const signalfd_siginfo& signal) {
         return;
     }
     const int number = static_cast<int>(signal.ssi_signo);
-    m_ended |= number == SIGINT || number == SIGTERM || number == SIGHUP || number == SIGQUIT;
+    m_ended |= asksToEnd(number);
 }
 
 void Session::passOn(const signalfd_siginfo& signal) {
@@ -159,10 +159,27 @@ void Session::passOn(const signalfd_siginfo& signal) {
     if (number == SIGPIPE || (fromTerminal && number != SIGHUP)) {
         return;
     }
-    m_program->signal(m_endBy ? SIGKILL : number);
-    if (number != SIGUSR1 && number != SIGUSR2) {
-        m_endBy = now() + grace;
+    if (!asksToEnd(number)) {
+        m_program->signal(number);
+        return;
     }
+    if (m_askedToEnd) {
+        kill("got a second signal to end");
+        return;
+    }
+    m_askedToEnd = true;
+    m_program->signal(number);
+    if (m_options.killAfter != 0) {
+        m_endBy = now() + std::chrono::seconds(m_options.killAfter);
+    }
+}
+
+void Session::kill(const std::string& reason) {
+    if (!m_killed && !m_program->exitStatus()) {
+        std::cerr << "gvusb-emulate: killed the program, which " << reason << '\n';
+        m_program->signal(SIGKILL);
+    }
+    m_killed = true;
 }
 
 } // namespace emulator

@@ -53,6 +53,7 @@ private:
     int millisecondsToNextDeadline();
     void handle(const signalfd_siginfo& signal);
     void passOn(const signalfd_siginfo& signal);
+    void kill(const std::string& reason);
 
     Options m_options;
     const BlockedSignals& m_signals;
@@ -62,8 +63,9 @@ private:
     std::optional<Program> m_program;
     Time m_start;
     std::optional<Time> m_endBy; // when to kill a program that has got a signal
-    bool m_killed = false;       // at m_endBy
-    bool m_ended = false;        // by a signal, without a program
+    bool m_askedToEnd = false;   // the program, by a signal
+    bool m_killed = false;
+    bool m_ended = false; // by a signal, without a program
 };
 
 } // namespace emulator

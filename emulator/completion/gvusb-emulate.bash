@@ -10,14 +10,14 @@ _gvusb_emulate() {
         fi
     done
     case ${COMP_WORDS[COMP_CWORD - 1]} in
-    --reader | --send | --listen) COMPREPLY=() ;;
+    --reader | --send | --listen | --kill-after) COMPREPLY=() ;;
     --readers | --script | --config)
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
         ;;
     *)
         mapfile -t COMPREPLY < <(compgen -W '--help --reader --readers --no-readers --script --config --no-config --usbip
-            --listen --verbose --send --version --' -- "$word")
+            --listen --kill-after --wait-for-all --verbose --send --version --' -- "$word")
         ;;
     esac
 }

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <system_error>
 
@@ -148,9 +149,24 @@ Properties propertiesOf(const ShownDevice& device) {
 
 Sysfs::Sysfs(std::string root)
     : m_root(std::move(root)) {
-    for (const char* folder : {"", "/dev", "/dev/.node", "/dev/bus", "/dev/bus/usb", "/sys", "/sys/bus",
-                               "/sys/bus/usb", "/sys/bus/usb/devices", "/sys/class", "/sys/devices"}) {
+    for (const char* folder :
+         {"", "/contents", "/dev", "/dev/.node", "/dev/bus", "/dev/bus/usb", "/sys", "/sys/bus",
+          "/sys/bus/usb", "/sys/bus/usb/devices", "/sys/class", "/sys/devices"}) {
         makeFolder(m_root + folder);
+    }
+}
+
+// Most files of most devices are alike. As links to one file they take neither time nor room.
+void Sysfs::writeShared(const std::string& path, const std::string& content) {
+    auto known = m_contents.find(content);
+    if (known == m_contents.end()) {
+        const std::string file = m_root + "/contents/" + std::to_string(m_contents.size());
+        writeFile(file, content);
+        known = m_contents.emplace(content, file).first;
+    }
+    if (::link(known->second.c_str(), path.c_str()) != 0) {
+        ::unlink(path.c_str());
+        writeFile(path, content); // there may be too many links
     }
 }
 
@@ -175,13 +191,13 @@ struct stat Sysfs::show(const ShownDevice& device) {
     // The files that libusb reads, and those that udev rules commonly match.
     const std::string folder = folderOf(m_root, device.name);
     makeFolder(folder);
-    writeFile(folder + "descriptors", asText(device.descriptors));
-    writeFile(folder + "busnum", std::to_string(device.bus) + "\n");
+    writeShared(folder + "descriptors", std::string(asText(device.descriptors)));
+    writeShared(folder + "busnum", std::to_string(device.bus) + "\n");
     writeFile(folder + "devnum", std::to_string(device.address) + "\n");
-    writeFile(folder + "idVendor", hex16(device.vendor) + "\n");
-    writeFile(folder + "idProduct", hex16(device.product) + "\n");
-    writeFile(folder + "speed", megabits(device.speed) + std::string("\n"));
-    writeFile(folder + "bConfigurationValue", configurationText(device.configuration));
+    writeShared(folder + "idVendor", hex16(device.vendor) + "\n");
+    writeShared(folder + "idProduct", hex16(device.product) + "\n");
+    writeShared(folder + "speed", megabits(device.speed) + std::string("\n"));
+    writeShared(folder + "bConfigurationValue", configurationText(device.configuration));
     std::string properties;
     for (const auto& [name, value] : propertiesOf(device)) {
         properties.append(name).append("=").append(value).append("\n");
@@ -209,11 +225,18 @@ void Sysfs::hide(const ShownDevice& device) {
     }
 }
 
+// Another file, because the present one may be shared. It appears at once, as a whole.
 void Sysfs::setConfiguration(const std::string& name, std::uint8_t value) const {
     const std::string path = folderOf(m_root, name) + "bConfigurationValue";
     const std::string text = configurationText(value);
-    const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
-    [[maybe_unused]] const ssize_t written = ::write(file.get(), text.data(), text.size());
+    const std::string fresh = m_root + "/contents/" + name;
+    {
+        const FileDescriptor file(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        if (!file || ::write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+            return;
+        }
+    }
+    ::rename(fresh.c_str(), path.c_str());
 }
 
 } // namespace emulator

@@ -5,6 +5,7 @@
 
 #include "model/description.h"
 
+#include <map>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -62,7 +63,10 @@ public:
     void setConfiguration(const std::string& name, std::uint8_t value) const;
 
 private:
+    void writeShared(const std::string& path, const std::string& content);
+
     std::string m_root;
+    std::map<std::string, std::string> m_contents; // of files that many devices have in common, and one such file
     std::vector<bool> m_buses; // that have a folder of nodes
 };
 

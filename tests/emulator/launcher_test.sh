@@ -107,7 +107,7 @@ helps() {
 leaves_nothing_behind() {
     folder=$("$emulate" -- sh -c 'echo "$GVUSB_EMULATE_FOLDER"')
     case $folder in
-    /tmp/gvusb-*) ;;
+    /tmp/gvusb-* | /dev/shm/gvusb-*) ;;
     *) fail "folder is '$folder'" ;;
     esac
     folder_gone "$folder" || fail "left $folder"
@@ -149,18 +149,77 @@ second_signal_kills() {
     process_gone "$program" || fail "left process $program"
 }
 
+passes_on_signals_that_end_nothing() {
+    start_in_background 'while :; do sleep 0.02; done' "trap 'echo usr >>$scratch/got' USR1; trap 'echo term >>$scratch/got' TERM"
+    kill -TERM "$launcher"
+    await grep -q term "$scratch/got"
+    kill -USR1 "$launcher"
+    await grep -q usr "$scratch/got"
+    process_gone "$program" && fail "killed by SIGUSR1 after SIGTERM"
+    kill -TERM "$launcher"
+    wait "$launcher"
+    expect_equal "exit status" $? 137
+}
+
+kills_after_the_given_time() {
+    expect_status 137 "$emulate" --kill-after 1 -- sh -c 'trap : TERM; kill -TERM "$PPID"; while :; do sleep 0.02; done'
+    expect_output '^gvusb-emulate: killed the program, which did not end within 1 s of a signal$'
+    expect_status 3 "$emulate" --kill-after 0 -- sh -c \
+        'trap : TERM; kill -TERM "$PPID"; for i in $(seq 60); do sleep 0.1; done; exit 3'
+}
+
+says_what_it_kills() {
+    expect_status 0 "$emulate" -- sh -c 'sleep 100 >/dev/null 2>&1 &'
+    expect_output '^gvusb-emulate: killed process [0-9]* (.*), which the program left running$'
+}
+
+waits_for_all() {
+    expect_status 4 "$emulate" --wait-for-all -- sh -c "(sleep 0.5; '$emulate' --send list >'$scratch/late') & exit 4"
+    grep -q '^ok 1 ' "$scratch/late" || fail "the bus was gone before the last process"
+}
+
+reports_a_full_folder() {
+    cat >"$scratch/fill" <<'END'
+set -e
+exec 9<"$1" # it may be below /tmp
+mount -t tmpfs -o size=4k,nr_inodes=3 none /dev/shm
+mount -t tmpfs -o size=4k,nr_inodes="$2" none /tmp
+exec /proc/self/fd/9 -- true
+END
+    unshare --user --map-root-user --mount true 2>"$scratch/output" || {
+        echo "SKIPPED: no permission for a mount namespace"
+        exit 77
+    }
+    for inodes in 1 2 3 8 20; do
+        expect_status 125 unshare --user --map-root-user --mount sh "$scratch/fill" "$emulate" "$inodes"
+        expect_output '^gvusb-emulate: .*: No space left on device$'
+    done
+}
+
+starts_many_times() {
+    for _ in $(seq 100); do
+        "$emulate" -- true || fail "status $?"
+    done
+}
+
 cleans_up_after_a_killed_launcher() {
     start_in_background 'exec sleep 100'
     kill -KILL "$launcher"
     wait "$launcher" 2>/dev/null
     await process_gone "$program"
     abandoned=$folder
-    "$emulate" -- true
-    [ -d "$abandoned" ] || fail "removed $abandoned, which may be just being created"
+    # Not the launcher's: a folder that only looks like it, and a copy.
+    foreign=$(mktemp -d "${folder%-*}-XXXXXX")
+    touch -d '1 hour ago' "$foreign/lock" "$foreign"
+    copy=$(mktemp -d "${folder%-*}-XXXXXX")
+    cp "$folder/lock" "$copy"
     start_in_background 'exec sleep 100'
-    touch -d '1 hour ago' "$abandoned" "$folder"
+    touch -d '1 hour ago' "$folder"
     "$emulate" -- true
     await folder_gone "$abandoned" # by this launcher or one that runs in parallel
+    [ -e "$foreign/lock" ] || fail "removed a folder of another program"
+    [ -e "$copy/lock" ] || fail "removed a copy of a folder"
+    rm -r "$foreign" "$copy"
     [ -d "$folder" ] || fail "removed the folder of a living launcher"
     kill -TERM "$launcher"
     wait "$launcher"
