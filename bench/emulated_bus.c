@@ -1,6 +1,6 @@
 // Measures the emulated bus with libusb alone, and prints "NAME VALUE" lines.
 //
-//   gvusb-emulate [READERS] -- gvusb_bench_emulated_bus exchanges|in_turn|late|deep|openings SECONDS
+//   gvusb-emulate [READERS] -- gvusb_bench_emulated_bus exchanges|late|deep|openings|replugs SECONDS
 #include <errno.h>
 #include <pthread.h>
 #include <stdatomic.h>
@@ -8,7 +8,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -153,9 +154,31 @@ static void keep_deep(double seconds) {
     _exit(EXIT_SUCCESS); // transfers are pending
 }
 
+// Replugs reader 1 by command.
+static void replug(double seconds) {
+    struct sockaddr_un address = {.sun_family = AF_UNIX};
+    const int channel = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    snprintf(address.sun_path, sizeof address.sun_path, "%s", getenv("GVUSB_EMULATE_SOCKET"));
+    if (connect(channel, (const struct sockaddr*)&address, sizeof address) != 0) {
+        fail("command socket", LIBUSB_ERROR_IO);
+    }
+    const double begin = seconds_now();
+    long count = 0;
+    for (; seconds_now() - begin < seconds; ++count) {
+        static const char command[] = "replug 1\n";
+        char answer[64];
+        if (send(channel, command, sizeof command - 1, 0) < 0 ||
+            recv(channel, answer, sizeof answer, 0) != 3) {
+            fail("replug", LIBUSB_ERROR_IO);
+        }
+    }
+    printf("replugs_per_second %.0f\n", (double)count / (seconds_now() - begin));
+    close(channel);
+}
+
 int main(int count, char** arguments) {
     if (count != 3) {
-        fprintf(stderr, "usage: gvusb_bench_emulated_bus exchanges|in_turn|late|deep|openings SECONDS\n");
+        fprintf(stderr, "usage: gvusb_bench_emulated_bus exchanges|late|deep|openings|replugs SECONDS\n");
         return EXIT_FAILURE;
     }
     const double seconds = atof(arguments[2]);
@@ -168,8 +191,10 @@ int main(int count, char** arguments) {
     if (readers == 0) {
         fail("readers", LIBUSB_ERROR_NOT_FOUND);
     }
-    if (strcmp(arguments[1], "openings") == 0) {
-        printf("open %d\nseconds %.3f\n", readers, seconds_now() - begin);
+    if (strcmp(arguments[1], "replugs") == 0) {
+        replug(seconds);
+    } else if (strcmp(arguments[1], "openings") == 0) {
+        printf("open %d\nms_to_open %.0f\n", readers, (seconds_now() - begin) * 1000);
     } else if (strcmp(arguments[1], "late") == 0) {
         exchange_in_threads(seconds);
     } else if (strcmp(arguments[1], "deep") == 0) {

@@ -10,9 +10,11 @@ import collections
 import json
 import os
 import re
+import statistics
 import subprocess
 import sys
 import tempfile
+import time
 
 import callgrind
 
@@ -123,11 +125,12 @@ class Table:
     def _number(value):
         return "" if value is None else f"{value:,.0f}" if abs(value) >= 100 or value == int(value) else f"{value:.3g}"
 
-    def row(self, operation, unit, ours, bare=None, *, most=None, most_ratio=None):
-        """A row. `most` bounds the library's cost, `most_ratio` its ratio to that of bare libusb."""
+    def row(self, operation, unit, ours, bare=None, *, most=None, most_ratio=None, least=None):
+        """A row. `most` bounds the library's cost, `most_ratio` its ratio to that of bare libusb; `least` bounds a rate."""
         ratio = ours / bare if bare else None
-        holds = (most is None or ours <= most) and (most_ratio is None or ratio <= most_ratio)
-        bound = f"{most_ratio:g} x" if most_ratio is not None else self._number(most)
+        holds = ((most is None or ours <= most) and (most_ratio is None or ratio <= most_ratio) and
+                 (least is None or ours >= least))
+        bound = f"{most_ratio:g} x" if most_ratio is not None else self._number(most if least is None else least)
         self._print((operation, unit, self._number(ours), self._number(bare),
                      "" if ratio is None else f"{ratio:.3f}", bound,
                      "" if not bound else "ok" if holds else "FAIL"))
@@ -243,6 +246,46 @@ def load_times(bench, table):
                   most=times["exit"] + 5000)
 
 
+def on_emulated_bus(bench, readers, mode, seconds=2, script=None):
+    """The values that a program prints, which uses bare libusb on the emulated bus."""
+    options = ["--script", script] if script else []
+    launcher = bench.emulated(*readers)
+    done = subprocess.run([*launcher[:-1], *options, "--", *bench.program("emulated_bus", mode, seconds)], check=True,
+                          stdout=subprocess.PIPE, text=True)
+    return {name: float(value) for name, value in (line.split() for line in done.stdout.splitlines())}
+
+
+def start_time(bench, readers):
+    times = []
+    for _ in range(21):
+        begin = time.monotonic()
+        subprocess.run([*bench.emulated(readers), "true"], check=True)
+        times.append((time.monotonic() - begin) * 1000)
+    return statistics.median(times)
+
+
+def emulated_bus(bench, table):
+    """The emulated bus itself: column "library" is the value."""
+    one = on_emulated_bus(bench, ["id=1"], "exchanges")
+    table.row("emulated bus: exchanges with 1 reader", "a second", one["exchanges_per_second"], least=15000)
+    table.row("the same, program and launcher", "CPU us each", one["processor_us_per_exchange"], most=80)
+    turn = on_emulated_bus(bench, ["id=1,copies=50"], "exchanges")
+    table.row("emulated bus: exchanges with 50 readers in turn", "a second", turn["exchanges_per_second"], least=12000)
+    with tempfile.NamedTemporaryFile("w") as script:
+        script.write("at 0 delay all in 10\n")
+        script.flush()
+        late = on_emulated_bus(bench, ["id=1,copies=16"], "late", script=script.name)
+    table.row("emulated bus: 16 readers that answer after 10 ms", "a second", late["exchanges_per_second"], least=1500)
+    deep = on_emulated_bus(bench, ["id=1"], "deep")
+    table.row("emulated bus: asynchronous transfers, 16 deep", "a second", deep["transfers_per_second"], least=40000)
+    many = on_emulated_bus(bench, ["id=1,copies=1000"], "openings", 0)
+    table.row("emulated bus: readers open at once", "readers", many["open"], least=1000)
+    table.row("emulated bus: replugs", "a second",
+              on_emulated_bus(bench, ["id=1"], "replugs")["replugs_per_second"], least=1000)
+    table.row("emulated bus: start with 1 reader", "ms", start_time(bench, "id=1"), most=25)
+    table.row("emulated bus: start with 50 readers", "ms", start_time(bench, "id=1,copies=50"), most=100)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--counted", action="store_true")
@@ -253,7 +296,7 @@ def main():
     for measure in (exchanges, parameters, scans, polls, logging, sizes, idling):
         measure(bench, table)
     if not arguments.counted:
-        for measure in (processor_time, scan_times, load_times):
+        for measure in (processor_time, scan_times, load_times, emulated_bus):
             measure(bench, table)
     if table.broken:
         print(f"{table.broken} bounds are exceeded", file=sys.stderr)

@@ -12,7 +12,6 @@
 
 #include <poll.h>
 #include <sys/epoll.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -302,8 +301,6 @@ void NodeServer::ring() {
 }
 
 void NodeServer::run() {
-    // The kernel's default slack would add 50 microseconds to each delay of a reader.
-    ::prctl(PR_SET_TIMERSLACK, 1);
     opening_bell& bell = *m_bell;
     while (!m_ending) {
         const std::uint32_t seen = shared(bell.rung).load();
@@ -313,9 +310,8 @@ void NodeServer::run() {
         }
         {
             const std::lock_guard lock(m_mutex);
-            const Time now = present();
-            serveRung(now);
-            advance(now);
+            serveRung(present());
+            advance();
             if (!m_deadlines.empty()) {
                 until = asTimespec(m_deadlines.begin()->first);
             }
@@ -369,12 +365,17 @@ void NodeServer::schedule(UsbfsNode& node) {
     }
 }
 
-void NodeServer::advance(Time now) {
-    while (!m_deadlines.empty() && m_deadlines.begin()->first <= now) {
+// Whatever is due by the time that it is looked at.
+void NodeServer::advance() {
+    while (!m_deadlines.empty()) {
         UsbfsNode& node = *m_deadlines.begin()->second;
+        const Time now = present();
+        if (*node.scheduled > now) {
+            break;
+        }
+        const std::optional<Time> before = node.scheduled;
         node.device().model()->advance(now);
         node.refresh();
-        const std::optional<Time> before = node.scheduled;
         schedule(node);
         if (node.scheduled == before) {
             break; // a model that does not advance must not keep the thread

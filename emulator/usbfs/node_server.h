@@ -83,7 +83,7 @@ private:
     void run();
     void serveRung(Time now);
     void schedule(UsbfsNode& node);
-    void advance(Time now);
+    void advance();
     void ring();
 
     std::mutex m_mutex;

@@ -116,20 +116,17 @@ ReaderDescription rootHub(std::uint8_t bus) {
     return hub;
 }
 
-std::uint8_t firstConfiguration(const ReaderDescription& description) {
-    return description.configurations.empty() ? std::uint8_t{0} : description.configurations.front();
-}
-
-ShownDevice shownDevice(std::string name, const ReaderDescription& description, std::uint8_t address,
-                        std::uint8_t configuration) {
+ShownDevice shownDevice(std::string name, const ReaderDescription& description, std::uint8_t bus,
+                        std::uint8_t address) {
     return {.name = std::move(name),
-            .bus = description.bus,
+            .bus = bus,
             .address = address,
             .vendor = description.vendor,
             .product = description.product,
             .release = description.release,
             .speed = description.speed,
-            .configuration = configuration,
+            .configuration =
+                description.configurations.empty() ? std::uint8_t{0} : description.configurations.front(),
             .descriptors = allDescriptors(description)};
 }
 

@@ -32,12 +32,9 @@ constexpr std::uint8_t rootHubAddress = 1;
 std::string rootHubName(std::uint8_t bus);
 ReaderDescription rootHub(std::uint8_t bus);
 
-// The configuration that plugging chooses.
-std::uint8_t firstConfiguration(const ReaderDescription& description);
-
-// The device with its descriptors as programs read them.
-ShownDevice shownDevice(std::string name, const ReaderDescription& description, std::uint8_t address,
-                        std::uint8_t configuration);
+// A device that has just been plugged in, with its descriptors as programs read them.
+ShownDevice shownDevice(std::string name, const ReaderDescription& description, std::uint8_t bus,
+                        std::uint8_t address);
 
 // The permissions of a node.
 constexpr unsigned nodeMode = 0664;

@@ -42,7 +42,7 @@ void VirtualBus::ensureRootHub(std::uint8_t bus) {
     m_taken[bus].resize(highestAddress + std::size_t{1});
     m_lastAddress[bus] = rootHubAddress;
     const auto hub = m_rootHubs.emplace(bus, std::make_unique<Reader>(rootHub(bus))).first;
-    connect(*hub->second, rootHubName(bus), rootHubAddress, 0);
+    connect(*hub->second, rootHubName(bus), {.bus = bus, .address = rootHubAddress}, 0);
 }
 
 bool VirtualBus::plugged(std::size_t number) const {
@@ -50,27 +50,41 @@ bool VirtualBus::plugged(std::size_t number) const {
 }
 
 // Like the kernel, search upward from the last address, so that a replugged device gets another one.
-std::uint8_t VirtualBus::freeAddress(const ReaderDescription& description) {
-    const std::vector<bool>& taken = m_taken.at(description.bus);
-    if (description.address) {
-        if (taken[*description.address]) {
-            throw TextError("address " + std::to_string(*description.address) + " is in use");
-        }
-        return *description.address;
-    }
-    std::uint8_t& last = m_lastAddress.at(description.bus);
+std::optional<std::uint8_t> VirtualBus::freeAddress(std::uint8_t bus) {
+    const std::vector<bool>& taken = m_taken.at(bus);
+    std::uint8_t& last = m_lastAddress.at(bus);
     for (std::uint8_t tried = 0; tried < highestAddress; ++tried) {
         last = last == highestAddress ? std::uint8_t{1} : static_cast<std::uint8_t>(last + 1);
         if (!taken[last]) {
             return last;
         }
     }
-    throw TextError("bus " + std::to_string(description.bus) + " has no free address");
+    return std::nullopt;
 }
 
-void VirtualBus::connect(Reader& reader, const std::string& name, std::uint8_t address, unsigned port) {
+// On the bus of the description, or on the next that has room.
+VirtualBus::Place VirtualBus::freePlace(const ReaderDescription& description) {
+    if (description.address) {
+        ensureRootHub(description.bus);
+        if (m_taken.at(description.bus)[*description.address]) {
+            throw TextError("address " + std::to_string(*description.address) + " is in use");
+        }
+        return {.bus = description.bus, .address = *description.address};
+    }
+    constexpr unsigned lastBus = 255;
+    for (unsigned number = description.bus; number <= lastBus; ++number) {
+        const auto bus = static_cast<std::uint8_t>(number);
+        ensureRootHub(bus);
+        if (const std::optional<std::uint8_t> address = freeAddress(bus)) {
+            return {.bus = bus, .address = *address};
+        }
+    }
+    throw TextError("no bus from " + std::to_string(description.bus) + " to 255 has a free address");
+}
+
+void VirtualBus::connect(Reader& reader, const std::string& name, Place at, unsigned port) {
     const ReaderDescription& description = reader.model.description();
-    reader.shown = shownDevice(name, description, address, firstConfiguration(description));
+    reader.shown = shownDevice(name, description, at.bus, at.address);
     struct stat place {};
     try {
         place = m_sysfs.show(reader.shown);
@@ -82,8 +96,8 @@ void VirtualBus::connect(Reader& reader, const std::string& name, std::uint8_t a
     {
         const NodeServer::Lock lock(m_server);
         NodeFacts facts = {
-            .bus = description.bus,
-            .address = address,
+            .bus = at.bus,
+            .address = at.address,
             .port = port,
             .speed = description.speed,
             .descriptors = reader.shown.descriptors,
@@ -94,7 +108,7 @@ void VirtualBus::connect(Reader& reader, const std::string& name, std::uint8_t a
             std::make_shared<UsbfsNode>(std::move(facts), reader.model, reader.faults, reader.counts, now());
         m_server.add(reader.node, reader.faults.refuseOpen);
     }
-    m_taken.at(description.bus)[address] = true;
+    m_taken.at(at.bus)[at.address] = true;
     m_uevents.send("add", reader.shown);
 }
 
@@ -115,10 +129,9 @@ void VirtualBus::plug(std::size_t number) {
     if (reader.node) {
         throw TextError("reader " + std::to_string(number) + " is already plugged");
     }
-    const ReaderDescription& description = reader.model.description();
-    ensureRootHub(description.bus);
+    const Place at = freePlace(reader.model.description());
     const auto port = static_cast<unsigned>(number);
-    connect(reader, numbered("%u-%u", description.bus, port), freeAddress(description), port);
+    connect(reader, numbered("%u-%u", at.bus, port), at, port);
 }
 
 void VirtualBus::unplug(std::size_t number) {

@@ -64,10 +64,16 @@ protected:
 
 private:
     Reader& readerNumber(std::size_t number) const;
-    void connect(Reader& reader, const std::string& name, std::uint8_t address, unsigned port);
+    struct Place {
+        std::uint8_t bus = 0;
+        std::uint8_t address = 0;
+    };
+
+    void connect(Reader& reader, const std::string& name, Place at, unsigned port);
     void remove(Reader& reader);
     void ensureRootHub(std::uint8_t bus); // before the bus's first reader
-    std::uint8_t freeAddress(const ReaderDescription& description);
+    std::optional<std::uint8_t> freeAddress(std::uint8_t bus);
+    Place freePlace(const ReaderDescription& description);
 
     Sysfs m_sysfs;
     Uevents m_uevents;

@@ -653,6 +653,30 @@ static void opens_many_readers(void) {
     }
 }
 
+// Buses are added as they fill.
+static void opens_a_thousand_of_two_thousand(void) {
+    enum { on_the_bus = 2000, per_bus = 126, buses = (on_the_bus + per_bus - 1) / per_bus, opened = 1000 };
+    static libusb_device_handle* handles[opened];
+    libusb_device** list;
+    const ssize_t count = libusb_get_device_list(NULL, &list);
+    int next = 0;
+    expect("devices", count, on_the_bus + buses);
+    for (ssize_t i = 0; i < count && next < opened; ++i) {
+        if (libusb_get_parent(list[i]) != NULL) {
+            expect("open", libusb_open(list[i], &handles[next]), 0);
+            expect("claim", libusb_claim_interface(handles[next], 0), 0);
+            ++next;
+        }
+    }
+    libusb_free_device_list(list, 1);
+    for (int i = 0; i < opened; i += 37) {
+        expect_bulk_echo(handles[i], i % 64 + 1, 64);
+    }
+    for (int i = 0; i < opened; ++i) {
+        libusb_close(handles[i]);
+    }
+}
+
 static void* open_and_close(void* product) {
     unsigned char text[64];
     for (int i = 0; i < 50; ++i) {
@@ -737,6 +761,7 @@ static const struct {
     {"waits_for_a_departure", waits_for_a_departure},
     {"two_processes_get_plug_events", two_processes_get_plug_events},
     {"opens_many_readers", opens_many_readers},
+    {"opens_a_thousand_of_two_thousand", opens_a_thousand_of_two_thousand},
     {"opens_from_two_threads", opens_from_two_threads},
     {"finds_readers_after_being_stopped", finds_readers_after_being_stopped},
 };
