@@ -62,9 +62,9 @@ USB/IP has no passwords and no encryption: anyone who can connect to the port ca
 
 SIGNALS
 SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGUSR1 and SIGUSR2 are passed on to the program, unless the terminal
-sends them to the program too. The second signal to end kills it, and so does the end of the time of
---kill-after. When the program has ended, whatever it has left running is killed. Each killing is
-reported on standard error. The bus ends with the last process.
+sends them to the program too. The second signal to end kills it, and so does a time-out. Whatever
+still runs one second after the end of the program is killed. What is killed is reported on standard
+error.
 
 EXIT STATUS
 The exit status of the program, or 128 plus the number of the signal that killed it. 127 if the program

@@ -2,12 +2,14 @@
 
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <string>
 #include <system_error>
+#include <thread>
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -21,6 +23,9 @@ namespace {
 
 // As it was before the launcher raised it.
 std::optional<rlimit> descriptorLimit;
+
+// How long what the program leaves behind may take to end.
+constexpr std::chrono::seconds moment(1);
 
 constexpr int notExecutable = 126;
 constexpr int notFound = 127;
@@ -156,6 +161,16 @@ Program::Program(const std::vector<std::string>& arguments, const Environment& e
 }
 
 Program::~Program() {
+    // What a shell does not wait for ends by itself in a moment.
+    for (const auto end = std::chrono::steady_clock::now() + moment; std::chrono::steady_clock::now() < end;) {
+        const pid_t ended = ::waitpid(-1, nullptr, WNOHANG);
+        if (ended < 0) {
+            return;
+        }
+        if (ended == 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
     // Each round inherits the children of those killed in the last one.
     while (::waitpid(-1, nullptr, WNOHANG) >= 0) {
         for (const pid_t child : children()) {

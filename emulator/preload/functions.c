@@ -8,6 +8,7 @@
 #include <dlfcn.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 static struct library found;
 
@@ -18,7 +19,8 @@ void* library_function(const char* name) {
     if (opened != NULL) {
         return dlsym(opened, name);
     }
-    void* const loaded = dlopen("libc.so.6", RTLD_LAZY);
+    // Sanitizers replace dlopen() by a function that comes back here before it is ready.
+    void* const loaded = dlmopen(LM_ID_BASE, "libc.so.6", RTLD_LAZY | RTLD_NOLOAD);
     if (loaded == NULL) {
         abort();
     }
@@ -30,13 +32,13 @@ void* emulated_function(const char* name) {
     return dlsym(RTLD_NEXT, name);
 }
 
-static void find(const char* name, void* function, size_t size) {
-    void* const address = library_function(name);
-    memcpy(function, &address, size); // C does not convert an object pointer to a function pointer
-}
-
-static void find_all(void) {
-#define FIND(name) find(#name, &found.name, sizeof found.name)
+static void find_all(struct library* functions, void* (*find)(const char*)) {
+    void* address;
+// C does not convert an object pointer to a function pointer.
+#define FIND(name)                                                                                           \
+    address = find(#name);                                                                                   \
+    memcpy(&functions->name, &address, sizeof address)
+    FIND(open);
     FIND(openat);
     FIND(fopen);
     FIND(freopen);
@@ -67,19 +69,29 @@ static void find_all(void) {
     FIND(recv);
     FIND(recvmsg);
     FIND(send);
-    FIND(open);
 #undef FIND
+}
+
+// A sanitizer that starts before the C library does. Opening the library would initialize it, with no environment.
+static const struct library* find_early(void) {
+    static struct library early;
+    find_all(&early, emulated_function);
+    return &early;
 }
 
 const struct library* library(void) {
     static int complete;
-    if (!__atomic_load_n(&complete, __ATOMIC_ACQUIRE)) {
-        find_all();
-        __atomic_store_n(&complete, 1, __ATOMIC_RELEASE);
+    if (__atomic_load_n(&complete, __ATOMIC_ACQUIRE)) {
+        return &found;
     }
+    if (environ == NULL) {
+        return find_early();
+    }
+    find_all(&found, library_function);
+    __atomic_store_n(&complete, 1, __ATOMIC_RELEASE);
     return &found;
 }
 
-__attribute__((constructor)) static void find_early(void) {
+__attribute__((constructor)) static void find_at_load(void) {
     library(); // dlsym() is not for signal handlers
 }

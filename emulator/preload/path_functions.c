@@ -108,7 +108,7 @@ static int status_at(int folder, const char* path, struct stat* status, int flag
     static void* cached[2];
     int (*function)(int, const char*, struct stat*, int);
     if (is_of_descriptor(path, flags) && folder >= 0) {
-        return fstat(folder, status);
+        return status_of_descriptor(folder, status);
     }
     choose(path, "fstatat", cached, &function);
     return function(folder, path, status, flags);
@@ -129,7 +129,7 @@ EXPORT int statx(int folder, const char* path, int flags, unsigned mask, struct 
     const int result = function(folder, path, flags, mask, status);
     struct stat plain;
     if (result == 0 && S_ISFIFO(status->stx_mode) && is_of_descriptor(path, flags) && folder >= 0 &&
-        fstat(folder, &plain) == 0) {
+        status_of_descriptor(folder, &plain) == 0) {
         status->stx_mode = (uint16_t)plain.st_mode;
         status->stx_rdev_major = major(plain.st_rdev);
         status->stx_rdev_minor = minor(plain.st_rdev);

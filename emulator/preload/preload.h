@@ -102,6 +102,9 @@ bool describe_inode(uint64_t inode, struct node_answer* answer);
 // Make the properties of a pipe those of the node.
 void describe_node(struct stat* status, const struct node_answer* node);
 
+// As fstat().
+int status_of_descriptor(int descriptor, struct stat* status);
+
 void ring_bell(const struct opening_memory* memory);
 
 // ---- requests.c

@@ -240,7 +240,7 @@ static ssize_t read_descriptors(struct opening_memory* memory, void* data, size_
 }
 
 // Reading the write end of a pipe is an error, which is where a node differs.
-EXPORT ssize_t read(int descriptor, void* data, size_t size) {
+static ssize_t read_any(int descriptor, void* data, size_t size) {
     const ssize_t got = library()->read(descriptor, data, size);
     if (got >= 0 || errno != EBADF) {
         return got;
@@ -260,6 +260,10 @@ EXPORT ssize_t read(int descriptor, void* data, size_t size) {
     }
     leave_node(node);
     return result;
+}
+
+EXPORT ssize_t read(int descriptor, void* data, size_t size) {
+    return read_any(descriptor, data, size);
 }
 
 static ssize_t read_at(int descriptor, void* data, size_t size, off_t position) {
@@ -293,7 +297,7 @@ EXPORT ssize_t __read_chk(int descriptor, void* data, size_t size, size_t room) 
     if (size > room) {
         abort();
     }
-    return read(descriptor, data, size);
+    return read_any(descriptor, data, size);
 }
 
 static off_t seek(int descriptor, off_t offset, int origin) {
@@ -381,7 +385,8 @@ static void describe(int descriptor, struct stat* status) {
     leave_node(node);
 }
 
-EXPORT int fstat(int descriptor, struct stat* status) {
+// The functions below do not call each other: a sanitizer may have replaced one, and call another of them in its place.
+int status_of_descriptor(int descriptor, struct stat* status) {
     const int result = library()->fstat(descriptor, status);
     if (result == 0) {
         describe(descriptor, status);
@@ -389,19 +394,22 @@ EXPORT int fstat(int descriptor, struct stat* status) {
     return result;
 }
 
+EXPORT int fstat(int descriptor, struct stat* status) {
+    return status_of_descriptor(descriptor, status);
+}
 // The same record on systems with 64 bits.
 EXPORT int fstat64(int descriptor, struct stat64* status) {
-    return fstat(descriptor, (struct stat*)status);
+    return status_of_descriptor(descriptor, (struct stat*)status);
 }
 EXPORT int __fxstat(int version, int descriptor, struct stat* status);
 EXPORT int __fxstat(int version, int descriptor, struct stat* status) {
     (void)version;
-    return fstat(descriptor, status);
+    return status_of_descriptor(descriptor, status);
 }
 EXPORT int __fxstat64(int version, int descriptor, struct stat64* status);
 EXPORT int __fxstat64(int version, int descriptor, struct stat64* status) {
     (void)version;
-    return fstat(descriptor, (struct stat*)status);
+    return status_of_descriptor(descriptor, (struct stat*)status);
 }
 
 // ---- readiness
@@ -439,7 +447,7 @@ EXPORT int __poll_chk(struct pollfd* polled, nfds_t count, int timeout, size_t s
     if (size / sizeof *polled < count) {
         abort();
     }
-    return poll(polled, count, timeout);
+    return correct(polled, count, library()->poll(polled, count, timeout));
 }
 EXPORT int __ppoll_chk(struct pollfd* polled, nfds_t count, const struct timespec* timeout,
                        const sigset_t* mask, size_t size);
@@ -448,7 +456,7 @@ EXPORT int __ppoll_chk(struct pollfd* polled, nfds_t count, const struct timespe
     if (size / sizeof *polled < count) {
         abort();
     }
-    return ppoll(polled, count, timeout, mask);
+    return correct(polled, count, library()->ppoll(polled, count, timeout, mask));
 }
 
 // The descriptor of an epoll event, which the kernel lists; -1 if it does not.

@@ -9,6 +9,22 @@
 #include <time.h>
 #include <unistd.h>
 
+// In a program with the thread sanitizer, which does not see what a kernel or the launcher does: everything before a
+// request happened before its completion.
+extern void __tsan_release(void* address) __attribute__((weak));
+extern void __tsan_acquire(void* address) __attribute__((weak));
+
+static void happens_before(struct opening_memory* memory) {
+    if (__tsan_release != NULL) {
+        __tsan_release(memory);
+    }
+}
+static void happened_before(struct opening_memory* memory) {
+    if (__tsan_acquire != NULL) {
+        __tsan_acquire(memory);
+    }
+}
+
 // How often a waiting thread makes sure that the launcher is still there.
 enum { look_every_ms = 1000 };
 
@@ -111,6 +127,7 @@ void free_request(struct opening_memory* memory, struct opening_request* request
 
 void post_request(struct opening_memory* memory, struct opening_request* request) {
     const uint32_t number = number_of(memory, request);
+    happens_before(memory);
     request->ticket = __atomic_add_fetch(&memory->last_ticket, 1, __ATOMIC_SEQ_CST);
     __atomic_store_n(&request->state, opening_filled, __ATOMIC_RELEASE);
     __atomic_fetch_or(&memory->filled[number / 64], UINT64_C(1) << number % 64, __ATOMIC_SEQ_CST);
@@ -160,6 +177,7 @@ int await_request(struct opening_memory* memory, struct opening_request* request
             return ENODEV;
         }
     }
+    happened_before(memory);
     return 0;
 }
 
@@ -237,6 +255,7 @@ struct opening_request* take_completed(struct opening_memory* memory, int descri
         number = __atomic_load_n(&memory->ring[head % opening_requests], __ATOMIC_RELAXED);
     } while (!__atomic_compare_exchange_n(&memory->head, &head, head + 1, false, __ATOMIC_SEQ_CST,
                                           __ATOMIC_SEQ_CST));
+    happened_before(memory);
     stop_signal(memory, descriptor);
     return &memory->requests[number % opening_requests];
 }
