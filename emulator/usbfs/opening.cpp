@@ -372,9 +372,11 @@ void UsbfsOpening::submit(std::uint32_t number, const opening_request& request, 
     }
     constexpr std::size_t first = offsetof(opening_memory, requests);
     if (m_pending[number].pending || request.offset < first || request.offset > sizeof(opening_memory) ||
-        request.length > sizeof(opening_memory) - request.offset) {
+        request.length > sizeof(opening_memory) - request.offset ||
+        request.length > sizeof(opening_memory) - m_pendingSize) {
         return;
     }
+    m_pendingSize += request.length;
     m_pending[number] = {.pending = true,
                          .called = request.operation == opening_transfer,
                          .urb = request.urb,
@@ -397,6 +399,7 @@ void UsbfsOpening::complete(const ReapedUrb& urb) {
     opening_memory& memory = *m_memory;
     opening_request& request = memory.requests[urb.urb];
     pending.pending = false;
+    m_pendingSize -= pending.length;
     auto* const bytes = reinterpret_cast<std::uint8_t*>(&memory);
     std::copy_n(urb.data.begin(), std::min<std::size_t>(urb.data.size(), pending.length),
                 bytes + pending.offset);

@@ -81,7 +81,8 @@ private:
     OpenId m_id = 0;
     std::uint32_t m_tail = 0;
     bool m_hangUpWanted = false;
-    std::vector<Pending> m_pending;        // by the number of the request
+    std::vector<Pending> m_pending; // by the number of the request
+    std::size_t m_pendingSize = 0;
     std::vector<std::uint32_t> m_answered; // calls to wake when everything else is done
     std::uint32_t m_disconnectSignal = 0;
     std::uint64_t m_disconnectValue = 0;
