@@ -22,7 +22,7 @@ static int readers;
 
 static void fail(const char* what, int code) {
     fprintf(stderr, "%s: %s\n", what, libusb_error_name(code));
-    exit(EXIT_FAILURE);
+    _exit(EXIT_FAILURE);
 }
 
 static double seconds_now(void) {

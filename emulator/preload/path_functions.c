@@ -23,6 +23,7 @@ static void choose(const char* path, const char* name, void* cached[2], void* fu
     memcpy(function, &chosen, sizeof chosen);
 }
 
+// NOLINTBEGIN(bugprone-macro-parentheses): a type and lists of parameters cannot have them
 #define DEFINE(result, name, path, parameters, arguments)                                                    \
     EXPORT result name parameters {                                                                          \
         static void* cached[2];                                                                              \
@@ -30,6 +31,7 @@ static void choose(const char* path, const char* name, void* cached[2], void* fu
         choose(path, #name, cached, &function);                                                              \
         return function arguments;                                                                           \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 
 DEFINE(int, access, path, (const char* path, int mode), (path, mode))
 DEFINE(int, lstat, path, (const char* path, struct stat* status), (path, status))

@@ -84,6 +84,7 @@ static int open_any(int folder, const char* path, int flags, mode_t mode) {
 // The mode, an argument only with these flags.
 static mode_t mode_after(int flags, va_list arguments) {
     const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the callers have started it
     return creates ? va_arg(arguments, mode_t) : 0;
 }
 
@@ -424,7 +425,7 @@ static short with_hang_up(int descriptor, short events) {
         return events;
     }
     leave_node(node);
-    return events | POLLHUP;
+    return (short)(events | POLLHUP);
 }
 
 static int correct(struct pollfd* polled, nfds_t count, int ready) {

@@ -194,8 +194,10 @@ static int submit(const struct opened* opened, void* argument) {
 
 // Write only what the kernel writes: the data, three members and the URB's address.
 static int deliver(struct opening_memory* memory, struct opening_request* request, void* argument) {
+    // NOLINTBEGIN(performance-no-int-to-ptr): the memory is shared with a process that has other pointers
     struct usbdevfs_urb* const urb = (struct usbdevfs_urb*)(uintptr_t)request->urb;
     uint8_t* const buffer = (uint8_t*)(uintptr_t)request->buffer;
+    // NOLINTEND(performance-no-int-to-ptr)
     const bool in = request->endpoint != 0 ? (request->endpoint & direction_in) != 0
                                            : (request->setup[0] & direction_in) != 0;
     const size_t received = in && request->actual <= request->length ? request->actual : 0;

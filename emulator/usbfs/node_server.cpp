@@ -131,8 +131,8 @@ void NodeServer::refresh(UsbfsNode& node) {
 }
 
 void NodeServer::closeLeft(UsbfsNode& node) {
-    const std::vector<UsbfsOpening*> openings = node.openings();
-    for (UsbfsOpening* const opening : openings) {
+    // A copy, because closing changes the list.
+    for (UsbfsOpening* const opening : std::vector(node.openings())) {
         if (opening->isClosed()) {
             close(*opening);
         }

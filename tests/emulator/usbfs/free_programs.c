@@ -55,8 +55,8 @@ static int open_reader(int reader) {
     const int node = find_path(reader, path, sizeof path) ? open(path, O_RDWR | O_CLOEXEC) : -1;
     unsigned interface = 0;
     if (node < 0 || ioctl(node, USBDEVFS_CLAIMINTERFACE, &interface) != 0) {
-        fprintf(stderr, "reader %d cannot be opened: %s\n", reader, strerror(errno));
-        exit(EXIT_FAILURE);
+        perror("open a reader");
+        _exit(EXIT_FAILURE);
     }
     return node;
 }
@@ -186,33 +186,39 @@ static void cancelled_threads_leave_nothing_locked(void) {
     expect("exchange", exchange(open_reader(1)), true);
 }
 
-static void* open_for_reading(void* path) {
-    return (void*)(long)open(path, O_RDONLY | O_CLOEXEC);
+struct fifo {
+    char path[64];
+    int reading;
+};
+
+static void* open_for_reading(void* context) {
+    struct fifo* const fifo = context;
+    fifo->reading = open(fifo->path, O_RDONLY | O_CLOEXEC);
+    return NULL;
 }
 
 // Each end of a FIFO waits for the other, outside /dev and below it.
 static void opens_both_ends_of_a_fifo(void) {
     static const char* const folders[] = {"/tmp", "/dev/shm"};
     for (size_t i = 0; i < sizeof folders / sizeof folders[0]; ++i) {
-        char path[64];
+        struct fifo fifo = {.reading = -1};
         pthread_t thread;
-        void* reading = NULL;
-        snprintf(path, sizeof path, "%s/gvusb-test-fifo.%d", folders[i], (int)getpid());
-        if (mkfifo(path, 0600) != 0) {
-            perror(path);
-            exit(EXIT_FAILURE);
+        snprintf(fifo.path, sizeof fifo.path, "%s/gvusb-test-fifo.%d", folders[i], (int)getpid());
+        if (mkfifo(fifo.path, 0600) != 0) {
+            perror(fifo.path);
+            _exit(EXIT_FAILURE);
         }
-        pthread_create(&thread, NULL, open_for_reading, path);
+        pthread_create(&thread, NULL, open_for_reading, &fifo);
         pause_ms(20);
         const int node = open_reader(1); // meanwhile
         expect("exchange while an open waits", exchange(node), true);
         close(node);
-        const int writing = open(path, O_WRONLY | O_CLOEXEC);
-        pthread_join(thread, &reading);
-        expect("both ends", writing >= 0 && (long)reading >= 0, true);
-        unlink(path);
+        const int writing = open(fifo.path, O_WRONLY | O_CLOEXEC);
+        pthread_join(thread, NULL);
+        expect("both ends", writing >= 0 && fifo.reading >= 0, true);
+        unlink(fifo.path);
         close(writing);
-        close((int)(long)reading);
+        close(fifo.reading);
     }
 }
 
@@ -288,14 +294,16 @@ static int open_monitor(unsigned groups) {
     return monitor;
 }
 
-static long count_events(int monitor) {
+// Reads events until there are as many, and none comes after them.
+static void expect_events(const char* what, int monitor, long wanted) {
     char message[4096];
     long events = 0;
     struct pollfd polled = {.fd = monitor, .events = POLLIN};
-    while (poll(&polled, 1, 500) > 0 && recv(monitor, message, sizeof message, 0) > 0) {
+    while (poll(&polled, 1, events < wanted ? patience_ms : 100) > 0 &&
+           recv(monitor, message, sizeof message, 0) > 0) {
         ++events;
     }
-    return events;
+    expect(what, events, wanted);
 }
 
 // Nobody waits for a program that does not read its events, and none is lost.
@@ -307,8 +315,8 @@ static void monitors_may_be_read_late(void) {
         bus("replug 1");
     }
     expect("exchange", exchange(open_reader(1)), true);
-    expect("events of the kernel", count_events(of_kernel), 2L * replugs);
-    expect("events of udev", count_events(of_udev), 2L * replugs);
+    expect_events("events of the kernel", of_kernel, 2L * replugs);
+    expect_events("events of udev", of_udev, 2L * replugs);
 }
 
 static void has_many_monitors(void) {

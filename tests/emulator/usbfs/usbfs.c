@@ -782,10 +782,11 @@ static void TransfersUseMemoryOfTheNode(void** state) {
     const int node = open_claimed();
     unsigned char* const memory = mmap(NULL, 8192, PROT_READ | PROT_WRITE, MAP_SHARED, node, 0);
     assert_ptr_not_equal(memory, MAP_FAILED);
-    memcpy(memory, "abcd", 4);
-    send_bytes(node, memory, 4);
-    receive_bytes(node, memory + 4096, 64, 4);
-    assert_memory_equal(memory + 4096, "abcd", 4);
+    static const unsigned char frame[4] = {1, 2, 3, 4};
+    memcpy(memory, frame, sizeof frame);
+    send_bytes(node, memory, sizeof frame);
+    receive_bytes(node, memory + 4096, 64, sizeof frame);
+    assert_memory_equal(memory + 4096, frame, sizeof frame);
     munmap(memory, 8192);
     close(node);
 }
@@ -823,11 +824,13 @@ static void OverwrittenDescriptorsAreClosed(void** state) {
 static void AllDescriptorsCanBeClosed(void** state) {
     const pid_t child = fork();
     if (child == 0) {
-        int node = open(node_path, O_RDWR | O_CLOEXEC);
-        closefrom(STDERR_FILENO + 1);
         const int first = STDERR_FILENO + 1;
+        if (open(node_path, O_RDWR | O_CLOEXEC) < 0) {
+            _exit(3);
+        }
+        closefrom(first);
         for (int i = 0; i < 3; ++i) {
-            node = open(node_path, O_RDWR | O_CLOEXEC);
+            const int node = open(node_path, O_RDWR | O_CLOEXEC);
             if (node != first || claim(node, 0) != 0) {
                 _exit(1);
             }
@@ -860,8 +863,12 @@ static void ADescriptorCanBePassed(void** state) {
         if (recvmsg(ends[1], &message, 0) != 1) {
             _exit(1);
         }
+        const struct cmsghdr* const header = CMSG_FIRSTHDR(&message);
         int passed = -1;
-        memcpy(&passed, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof passed);
+        if (header == NULL) {
+            _exit(3);
+        }
+        memcpy(&passed, CMSG_DATA(header), sizeof passed);
         _exit(claim(passed, 0) == 0 ? 0 : 2);
     }
     memset(&control, 0, sizeof control);
