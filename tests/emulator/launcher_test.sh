@@ -238,6 +238,13 @@ keeps_environment() {
     esac
 }
 
+leaves_the_process_alone() {
+    # shellcheck disable=SC2016 # for the inner shell
+    facts='cat /proc/self/timerslack_ns; ulimit -n; ulimit -Hn
+        grep -E "^(Sig(Blk|Ign)|Cpus_allowed):" /proc/self/status; cut -d" " -f18,19,41 /proc/self/stat'
+    expect_equal "slack, limits, signals and scheduling" "$("$emulate" -- sh -c "$facts")" "$(sh -c "$facts")"
+}
+
 maps_configuration_file() {
     echo 'gvusb_hotplug=1' >"$scratch/gvusb.conf"
     expect_equal "relative" "$(cd "$scratch" && "$emulate" --config gvusb.conf -- cat /etc/gavo/gvusb.conf)" \
