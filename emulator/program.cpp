@@ -162,7 +162,8 @@ Program::Program(const std::vector<std::string>& arguments, const Environment& e
 
 Program::~Program() {
     // What a shell does not wait for ends by itself in a moment.
-    for (const auto end = std::chrono::steady_clock::now() + moment; std::chrono::steady_clock::now() < end;) {
+    for (const auto end = std::chrono::steady_clock::now() + moment;
+         std::chrono::steady_clock::now() < end;) {
         const pid_t ended = ::waitpid(-1, nullptr, WNOHANG);
         if (ended < 0) {
             return;

@@ -63,7 +63,8 @@ private:
     void writeShared(const std::string& path, const std::string& content);
 
     std::string m_root;
-    std::map<std::string, std::string> m_contents; // of files that many devices have in common, and one such file
+    std::map<std::string, std::string>
+        m_contents;            // of files that many devices have in common, and one such file
     std::vector<bool> m_buses; // that have a folder of nodes
 };
 

@@ -204,15 +204,15 @@ starts_many_times() {
 
 cleans_up_after_a_killed_launcher() {
     start_in_background 'exec sleep 100'
-    kill -KILL "$launcher"
-    wait "$launcher" 2>/dev/null
-    await process_gone "$program"
-    abandoned=$folder
     # Not the launcher's: a folder that only looks like it, and a copy.
     foreign=$(mktemp -d "${folder%-*}-XXXXXX")
     touch -d '1 hour ago' "$foreign/lock" "$foreign"
     copy=$(mktemp -d "${folder%-*}-XXXXXX")
     cp "$folder/lock" "$copy"
+    kill -KILL "$launcher"
+    wait "$launcher" 2>/dev/null
+    await process_gone "$program"
+    abandoned=$folder
     start_in_background 'exec sleep 100'
     touch -d '1 hour ago' "$folder"
     "$emulate" -- true
