@@ -31,11 +31,6 @@ Time present() {
     return std::chrono::steady_clock::now();
 }
 
-template <typename Value>
-std::atomic_ref<Value> shared(Value& value) {
-    return std::atomic_ref<Value>(value);
-}
-
 timespec asTimespec(Time time) {
     const auto since = time.time_since_epoch();
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);

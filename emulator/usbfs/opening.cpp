@@ -25,11 +25,6 @@ namespace emulator {
 
 namespace {
 
-template <typename Value>
-std::atomic_ref<Value> shared(Value& value) {
-    return std::atomic_ref<Value>(value);
-}
-
 FileDescriptor openAgain(int descriptor, int flags) {
     const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
     return FileDescriptor(::open(path.c_str(), flags | O_CLOEXEC));

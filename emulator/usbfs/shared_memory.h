@@ -5,12 +5,19 @@
 
 #include "usbfs/file_descriptor.h"
 
+#include <atomic>
 #include <string>
 
 #include <fcntl.h>
 #include <sys/mman.h>
 
 namespace emulator {
+
+// Access a value that programs access too.
+template <typename Value>
+std::atomic_ref<Value> shared(Value& value) {
+    return std::atomic_ref<Value>(value);
+}
 
 template <typename Record>
 class SharedMemory {
