@@ -26,17 +26,16 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* preloadVariable = "LD_PRELOAD";
-constexpr std::string_view umockdevPreload = "libumockdev-preload.so.0";
-constexpr std::string_view companionPreload = "libgvusb-emulate-preload.so";
+constexpr std::string_view preloadName = "libgvusb-emulate-preload.so";
 
-// The entries of LD_PRELOAD that are not the emulator's.
+// The entries of LD_PRELOAD except the emulator's own.
 std::string foreignPreloads() {
     const char* value = std::getenv(preloadVariable);
     std::string kept;
     std::string text = value != nullptr ? value : "";
     std::ranges::replace(text, ' ', ':');
     for (const std::string& entry : splitEscaped(text, ':')) {
-        if (!entry.empty() && !entry.ends_with(umockdevPreload) && !entry.ends_with(companionPreload)) {
+        if (!entry.empty() && !entry.ends_with(preloadName)) {
             kept += (kept.empty() ? "" : ":") + entry;
         }
     }
@@ -44,11 +43,11 @@ std::string foreignPreloads() {
 }
 
 // In a build folder it lies beside the launcher, when installed in the library folder.
-fs::path findCompanion() {
+fs::path findPreload() {
     const fs::path launcher = fs::read_symlink("/proc/self/exe");
-    const std::array candidates = {launcher.parent_path() / companionPreload,
+    const std::array candidates = {launcher.parent_path() / preloadName,
                                    launcher.parent_path().parent_path() / GVUSB_EMULATE_PRELOAD_FOLDER /
-                                       companionPreload};
+                                       preloadName};
     for (const fs::path& candidate : candidates) {
         if (fs::exists(candidate)) {
             return candidate;
@@ -57,12 +56,10 @@ fs::path findCompanion() {
     throw std::runtime_error(candidates.front().string() + ": no such file");
 }
 
-Program::Environment emulatedEnvironment(const Options& options, const VirtualBus& bus,
-                                         const fs::path& folder) {
+Program::Environment emulatedEnvironment(const Options& options, const fs::path& folder) {
     std::string preloads = foreignPreloads();
-    preloads += (preloads.empty() ? "" : ":") + findCompanion().string() + ":" + std::string(umockdevPreload);
+    preloads += (preloads.empty() ? "" : ":") + findPreload().string();
     return {{preloadVariable, preloads},
-            {emulate_root_variable, bus.root()},
             {emulate_folder_variable, folder.string()},
             {emulate_configuration_variable, options.configurationFile}};
 }
@@ -71,7 +68,7 @@ int launchEmulated(const Options& options, const BlockedSignals& signals) {
     const ScratchFolder folder;
     VirtualBus bus(folder.path());
     Session session(options, signals, bus, (folder.path() / "commands").string());
-    return session.run(emulatedEnvironment(options, bus, folder.path()));
+    return session.run(emulatedEnvironment(options, folder.path()));
 }
 
 // Without a program, a line on standard output shows where to send commands.

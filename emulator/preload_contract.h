@@ -15,11 +15,9 @@ static const char emulate_configuration_variable[] = "GVUSB_EMULATE_CONFIG";
 static const char emulate_socket_variable[] = "GVUSB_EMULATE_SOCKET";
 static const char emulate_usbip_variable[] = "GVUSB_EMULATE_USBIP";
 
-// umockdev's own: the root of the emulated /sys and /dev.
-static const char emulate_root_variable[] = "UMOCKDEV_DIR";
-
-// In the scratch folder: the socket for opening nodes, and the folder with the sockets of the programs' udev monitors,
-// whose names begin with their multicast groups and a dot.
+// In the scratch folder: the emulated /sys, /dev/bus and /run/udev, the socket for opening nodes, and the folder with the
+// sockets of the programs' udev monitors, whose names begin with their multicast groups and a dot.
+static const char emulate_root[] = "root";
 static const char emulate_node_socket[] = "nodes";
 static const char emulate_listeners[] = "uevents";
 

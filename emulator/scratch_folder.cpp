@@ -95,7 +95,7 @@ ScratchFolder::ScratchFolder() {
         removeAbandoned(parent);
         std::string name = std::string(parent) + "/" + prefix + "XXXXXX";
         if (::mkdtemp(name.data()) != nullptr) {
-            m_path = name;
+            m_path = fs::canonical(name); // the preload compares it with paths that the kernel reports
             break;
         }
         if (parent == parents.back()) {

@@ -5,7 +5,7 @@
 export CMAKE_GENERATOR=Ninja
 
 # Needed to build the library, the virtual readers, the tool and the examples.
-build_packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev umockdev libcli11-dev nlohmann-json3-dev)
+build_packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev libcli11-dev nlohmann-json3-dev)
 
 # Also needed for the tests: abigail-tools to compare the binary interface, doxygen and help2man to build the manual,
 # python3 to run what the guides show, usbip to try the virtual readers with the standard client.

@@ -1,7 +1,5 @@
-// Finds the functions that the preload replaces, in the C library.
-//
-// umockdev's preload, which comes after ours, replaces most of them too: with locks that are held during the call, and
-// with tables of 50 descriptors at which it ends the program. So only what it does with paths in /sys is used.
+// Finds the functions that the preload replaces, in the C library. Not the next function of the name, which may be a
+// sanitizer's: that one would call functions of the preload again.
 
 #include "preload.h"
 
@@ -12,7 +10,7 @@
 
 static struct library found;
 
-void* library_function(const char* name) {
+static void* library_function(const char* name) {
     // Found once more by each thread that comes here meanwhile, with the same result.
     static void* handle;
     void* const opened = __atomic_load_n(&handle, __ATOMIC_ACQUIRE);
@@ -28,7 +26,7 @@ void* library_function(const char* name) {
     return dlsym(loaded, name);
 }
 
-void* emulated_function(const char* name) {
+static void* next_function(const char* name) {
     return dlsym(RTLD_NEXT, name);
 }
 
@@ -47,17 +45,12 @@ static void find_all(struct library* functions, void* (*find)(const char*)) {
     FIND(read);
     FIND(pread);
     FIND(write);
-    FIND(fread);
-    FIND(fwrite);
     FIND(fgets);
     FIND(lseek);
     FIND(mmap);
     FIND(ioctl);
-    FIND(isatty);
-    FIND(readlink);
-    FIND(fstat);
-    FIND(fstatat);
-    FIND(statx);
+    FIND(fcntl);
+    FIND(syscall);
     FIND(poll);
     FIND(ppoll);
     FIND(epoll_wait);
@@ -66,16 +59,52 @@ static void find_all(struct library* functions, void* (*find)(const char*)) {
     FIND(socket);
     FIND(bind);
     FIND(connect);
-    FIND(recv);
     FIND(recvmsg);
     FIND(send);
+    FIND(fstat);
+    FIND(fstatat);
+    FIND(statx);
+    FIND(statfs);
+    FIND(fstatfs);
+    FIND(statvfs);
+    FIND(access);
+    FIND(faccessat);
+    FIND(euidaccess);
+    FIND(readlink);
+    FIND(readlinkat);
+    FIND(realpath);
+    FIND(chdir);
+    FIND(getcwd);
+    FIND(get_current_dir_name);
+    FIND(inotify_add_watch);
+    FIND(getxattr);
+    FIND(lgetxattr);
+    FIND(listxattr);
+    FIND(llistxattr);
+    FIND(name_to_handle_at);
+    FIND(chmod);
+    FIND(fchmodat);
+    FIND(chown);
+    FIND(lchown);
+    FIND(fchownat);
+    FIND(mkdir);
+    FIND(mkdirat);
+    FIND(rmdir);
+    FIND(unlink);
+    FIND(unlinkat);
+    FIND(opendir);
+    FIND(scandir);
+    FIND(scandirat);
+    FIND(glob);
+    FIND(ftw);
+    FIND(nftw);
 #undef FIND
 }
 
 // A sanitizer that starts before the C library does. Opening the library would initialize it, with no environment.
 static const struct library* find_early(void) {
     static struct library early;
-    find_all(&early, emulated_function);
+    find_all(&early, next_function);
     return &early;
 }
 

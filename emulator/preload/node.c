@@ -8,7 +8,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <linux/futex.h>
 #include <pthread.h>
 #include <stdlib.h>
@@ -172,7 +171,7 @@ static int receive_answer(int channel, struct node_answer* answer, int* descript
 
 static int ask_launcher(const struct node_question* question, struct node_answer* answer, int* descriptors,
                         int wanted) {
-    const char* const folder = getenv(emulate_folder_variable);
+    const char* const folder = settings()->folder;
     struct sockaddr_un address = {.sun_family = AF_UNIX};
     const int length = folder != NULL ? snprintf(address.sun_path, sizeof address.sun_path, "%s/%s", folder,
                                                  emulate_node_socket)
@@ -236,7 +235,7 @@ static struct node* map_node(uint64_t inode, const int* descriptors) {
 
 // As the kernel chooses it: the lowest that is free.
 static int lowest(int descriptor, int flags) {
-    const int moved = fcntl(descriptor, (flags & O_CLOEXEC) != 0 ? F_DUPFD_CLOEXEC : F_DUPFD, 0);
+    const int moved = library()->fcntl(descriptor, (flags & O_CLOEXEC) != 0 ? F_DUPFD_CLOEXEC : F_DUPFD, 0);
     if (moved < 0) {
         const int error = errno;
         library()->close(descriptor);
@@ -247,8 +246,9 @@ static int lowest(int descriptor, int flags) {
     return moved;
 }
 
-static int open_connected(unsigned bus, unsigned address, int flags) {
-    const struct node_question question = {.kind = node_open, .bus = bus, .address = address, .flags = flags};
+static int open_connected(unsigned bus, unsigned address, int flags, int reported) {
+    const struct node_question question = {
+        .kind = node_open, .bus = bus, .address = address, .flags = reported};
     int descriptors[most_descriptors];
     struct stat status;
     struct node_answer answer;
@@ -278,12 +278,17 @@ int open_node(const char* place, unsigned bus, unsigned address, int flags) {
     if ((flags & O_PATH) != 0) {
         return lowest(file, flags);
     }
+    const int reported = library()->fcntl(file, F_GETFL);
     library()->close(file);
+    if ((flags & O_DIRECT) != 0) {
+        errno = EINVAL;
+        return -1;
+    }
     collect_closed();
     const int kept = errno;
     int state;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-    const int opened = open_connected(bus, address, flags);
+    const int opened = open_connected(bus, address, flags, reported);
     const int error = errno;
     pthread_setcancelstate(state, NULL);
     errno = opened >= 0 ? kept : error;
@@ -311,7 +316,7 @@ struct node* find_node(int descriptor) {
     struct stat status;
     if (library()->fstat(descriptor, &status) == 0 && S_ISFIFO(status.st_mode)) {
         node = find_key(status.st_ino);
-        if (node == NULL && fcntl(descriptor, F_GETPIPE_SZ) == sysconf(_SC_PAGESIZE)) {
+        if (node == NULL && library()->fcntl(descriptor, F_GETPIPE_SZ) == sysconf(_SC_PAGESIZE)) {
             node = find_at_launcher(status.st_ino);
         }
     }

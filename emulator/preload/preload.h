@@ -13,6 +13,9 @@
 #include "preload_contract.h"
 #include "usbfs/opening_memory.h"
 
+#include <dirent.h>
+#include <glob.h>
+#include <limits.h>
 #include <poll.h>
 #include <stdbool.h>
 #include <stddef.h>
@@ -25,10 +28,16 @@
 #include <sys/uio.h>
 
 #define EXPORT __attribute__((visibility("default")))
+// For what needs much stack, which other paths through a function must not reserve: signal handlers have little.
+#define APART __attribute__((noinline))
 
+struct FTW;
+struct file_handle;
+struct statfs;
+struct statvfs;
 struct statx;
 
-// ---- functions.c: the C library's own functions, past umockdev's
+// ---- functions.c: the C library's own functions
 
 struct library {
     int (*open)(const char*, int, ...);
@@ -40,17 +49,12 @@ struct library {
     ssize_t (*read)(int, void*, size_t);
     ssize_t (*pread)(int, void*, size_t, off_t);
     ssize_t (*write)(int, const void*, size_t);
-    size_t (*fread)(void*, size_t, size_t, FILE*);
-    size_t (*fwrite)(const void*, size_t, size_t, FILE*);
     char* (*fgets)(char*, int, FILE*);
     off_t (*lseek)(int, off_t, int);
     void* (*mmap)(void*, size_t, int, int, int, off_t);
     int (*ioctl)(int, unsigned long, ...);
-    int (*isatty)(int);
-    ssize_t (*readlink)(const char*, char*, size_t);
-    int (*fstat)(int, struct stat*);
-    int (*fstatat)(int, const char*, struct stat*, int);
-    int (*statx)(int, const char*, int, unsigned, struct statx*);
+    int (*fcntl)(int, int, ...);
+    long (*syscall)(long, ...);
     int (*poll)(struct pollfd*, nfds_t, int);
     int (*ppoll)(struct pollfd*, nfds_t, const struct timespec*, const sigset_t*);
     int (*epoll_wait)(int, struct epoll_event*, int, int);
@@ -60,26 +64,91 @@ struct library {
     int (*socket)(int, int, int);
     int (*bind)(int, const struct sockaddr*, socklen_t);
     int (*connect)(int, const struct sockaddr*, socklen_t);
-    ssize_t (*recv)(int, void*, size_t, int);
     ssize_t (*recvmsg)(int, struct msghdr*, int);
     ssize_t (*send)(int, const void*, size_t, int);
+
+    // Paths.
+    int (*fstat)(int, struct stat*);
+    int (*fstatat)(int, const char*, struct stat*, int);
+    int (*statx)(int, const char*, int, unsigned, struct statx*);
+    int (*statfs)(const char*, struct statfs*);
+    int (*fstatfs)(int, struct statfs*);
+    int (*statvfs)(const char*, struct statvfs*);
+    int (*access)(const char*, int);
+    int (*faccessat)(int, const char*, int, int);
+    int (*euidaccess)(const char*, int);
+    ssize_t (*readlink)(const char*, char*, size_t);
+    ssize_t (*readlinkat)(int, const char*, char*, size_t);
+    char* (*realpath)(const char*, char*);
+    int (*chdir)(const char*);
+    char* (*getcwd)(char*, size_t);
+    char* (*get_current_dir_name)(void);
+    int (*inotify_add_watch)(int, const char*, uint32_t);
+    ssize_t (*getxattr)(const char*, const char*, void*, size_t);
+    ssize_t (*lgetxattr)(const char*, const char*, void*, size_t);
+    ssize_t (*listxattr)(const char*, char*, size_t);
+    ssize_t (*llistxattr)(const char*, char*, size_t);
+    int (*name_to_handle_at)(int, const char*, struct file_handle*, int*, int);
+    int (*chmod)(const char*, mode_t);
+    int (*fchmodat)(int, const char*, mode_t, int);
+    int (*chown)(const char*, uid_t, gid_t);
+    int (*lchown)(const char*, uid_t, gid_t);
+    int (*fchownat)(int, const char*, uid_t, gid_t, int);
+    int (*mkdir)(const char*, mode_t);
+    int (*mkdirat)(int, const char*, mode_t);
+    int (*rmdir)(const char*);
+    int (*unlink)(const char*);
+    int (*unlinkat)(int, const char*, int);
+
+    // Folders.
+    DIR* (*opendir)(const char*);
+    int (*scandir)(const char*, struct dirent***, int (*)(const struct dirent*),
+                   int (*)(const struct dirent**, const struct dirent**));
+    int (*scandirat)(int, const char*, struct dirent***, int (*)(const struct dirent*),
+                     int (*)(const struct dirent**, const struct dirent**));
+    int (*glob)(const char*, int, int (*)(const char*, int), glob_t*);
+    int (*ftw)(const char*, int (*)(const char*, const struct stat*, int), int);
+    int (*nftw)(const char*, int (*)(const char*, const struct stat*, int, struct FTW*), int, int);
 };
 
 const struct library* library(void);
 
-// The C library's function of this name, and umockdev's, for functions that only choose between the two.
-void* library_function(const char* name);
-void* emulated_function(const char* name);
+// ---- settings.c: what the launcher has put into the environment, as it was when the program started
+
+struct settings {
+    const char* folder; // the launcher's; null without a bus
+    const char* root;   // of the emulated /sys, /dev/bus and /run/udev; null without a bus
+    size_t root_length;
+    const char* configuration_file; // to open instead of the library's; null to open this
+};
+
+const struct settings* settings(void);
 
 // ---- paths.c: which paths belong to the emulated bus
 
-bool is_emulated_path(const char* path);
+// False if a path surely does not lead to the emulated bus. Relative paths are examined by find_place().
+bool may_be_emulated(const char* path);
 
-// Write the path of the file in the place of an emulated one. False if there is no bus or the path is too long.
-bool find_place(char* place, size_t size, const char* path);
+// The file in the place of one on the emulated bus.
+struct place {
+    unsigned bus; // of a node; 0 for all others
+    unsigned address;
+    bool in_sysfs;
+    const char* path; // absolute if it is not the program's own
+    char text[PATH_MAX];
+};
 
-// The bus and address of a node's path; false for other paths.
-bool is_node_path(const char* path, unsigned* bus, unsigned* address);
+// Where a path leads from a folder, or from AT_FDCWD.
+void find_place(struct place* place, int folder, const char* path);
+
+// What follows the root in a path of the scratch folder; null for all others. "/" for the root itself.
+const char* path_below_root(const char* path);
+
+// The path of an open file or folder, or of the working directory for AT_FDCWD. Returns its length, 0 if it is unknown.
+size_t path_of_descriptor(char* path, size_t size, int descriptor);
+
+// As fstatat(), for all paths.
+int status_of_path(int folder, const char* path, struct stat* status, int flags);
 
 // ---- node.c: openings of nodes, found again by their descriptor
 

@@ -1,15 +1,13 @@
 // The functions that the preload replaces in the program.
 //
-// What does not concern the emulated bus goes straight to the C library, past umockdev's preload. close() and the
-// functions that duplicate or pass descriptors are the C library's: the launcher notices by itself when an opening is
-// closed. Functions that are async-signal-safe still are.
+// What does not concern the emulated bus goes straight to the C library. close() and the functions that duplicate or pass
+// descriptors are the C library's: the launcher notices by itself when an opening is closed. Nothing is locked, and
+// functions that are async-signal-safe still are.
 
 #include "preload.h"
 
-#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <linux/netlink.h>
 #include <linux/usbdevice_fs.h>
 #include <stdarg.h>
@@ -24,61 +22,21 @@
 // ---- opening
 
 static const char* redirected(const char* path) {
-    if (path == NULL || strcmp(path, emulate_configuration_file) != 0) {
-        return path;
-    }
-    const char* replacement = getenv(emulate_configuration_variable);
-    return replacement != NULL ? replacement : path;
+    const char* const replacement = settings()->configuration_file;
+    return replacement != NULL && path != NULL && strcmp(path, emulate_configuration_file) == 0 ? replacement
+                                                                                                : path;
 }
 
-// Whether a relative path can lead to the emulated bus from a folder outside, or to a node.
-static bool may_lead_to_bus(const char* path) {
-    static const char* const names[] = {"sys", "dev", "bus", "usb", "run", "udev"};
-    for (size_t i = 0; i < sizeof names / sizeof names[0]; ++i) {
-        const size_t length = strlen(names[i]);
-        if (strncmp(path, names[i], length) == 0 && (path[length] == '/' || path[length] == '\0')) {
-            return true;
-        }
-    }
-    return path[0] >= '0' && path[0] <= '9';
-}
-
-// The whole path of a file in a folder that is open; false if it does not concern the bus.
-static bool join_path(char* joined, size_t size, int folder, const char* path) {
-    char link[64];
-    char opened[PATH_MAX];
-    if (path == NULL || path[0] == '/' || !may_lead_to_bus(path)) {
-        return false;
-    }
-    snprintf(link, sizeof link, folder == AT_FDCWD ? "/proc/self/cwd" : "/proc/self/fd/%d", folder);
-    const ssize_t got = library()->readlink(link, opened, sizeof opened - 1);
-    if (got <= 0) {
-        return false;
-    }
-    opened[got] = '\0';
-    const char* const root = getenv(emulate_root_variable);
-    const size_t inside = root != NULL && strncmp(opened, root, strlen(root)) == 0 ? strlen(root) : 0;
-    const char* const from = strcmp(opened, "/") != 0 ? opened + inside : "";
-    const int length = snprintf(joined, size, "%s/%s", from, path);
-    return length > 0 && (size_t)length < size;
+static APART int open_in_place(int folder, const char* path, int flags, mode_t mode) {
+    struct place place;
+    find_place(&place, folder, path);
+    return place.bus != 0 ? open_node(place.path, place.bus, place.address, flags)
+                          : library()->openat(folder, place.path, flags, mode);
 }
 
 static int open_any(int folder, const char* path, int flags, mode_t mode) {
-    const int kept = errno;
-    char joined[PATH_MAX];
-    char place[PATH_MAX];
-    const char* wanted = path;
-    if (join_path(joined, sizeof joined, folder, path)) {
-        wanted = joined;
-    }
-    errno = kept;
-    if (!is_emulated_path(wanted) || !find_place(place, sizeof place, wanted)) {
-        return library()->openat(folder, redirected(path), flags, mode);
-    }
-    unsigned bus;
-    unsigned address;
-    return is_node_path(wanted, &bus, &address) ? open_node(place, bus, address, flags)
-                                                : library()->openat(AT_FDCWD, place, flags, mode);
+    return may_be_emulated(path) ? open_in_place(folder, path, flags, mode)
+                                 : library()->openat(folder, redirected(path), flags, mode);
 }
 
 // The mode, an argument only with these flags.
@@ -128,28 +86,25 @@ EXPORT int __openat64_2(int folder, const char* path, int flags) {
     return open_any(folder, path, flags, 0);
 }
 
-// The path to open instead. A node that is only read is the file in its place, because a stream reads by itself.
-static const char* stream_path(char* place, size_t size, const char* path, const char* mode) {
-    unsigned bus;
-    unsigned address;
-    if (!is_emulated_path(path) || !find_place(place, size, path)) {
-        return redirected(path);
-    }
-    if (is_node_path(path, &bus, &address)) {
-        const int opened =
-            open_node(place, bus, address, (strchr(mode, '+') == NULL ? O_RDONLY : O_RDWR) | O_CLOEXEC);
-        if (opened < 0) {
-            return NULL;
-        }
+// Whether a node may be opened. A stream of one is that of the file in its place, because streams read by themselves.
+static bool opens(const struct place* place, const char* mode) {
+    const int flags = (strchr(mode, '+') == NULL ? O_RDONLY : O_RDWR) | O_CLOEXEC;
+    const int opened = place->bus != 0 ? open_node(place->path, place->bus, place->address, flags) : -1;
+    if (opened >= 0) {
         library()->close(opened);
     }
-    return place;
+    return place->bus == 0 || opened >= 0;
+}
+
+static APART FILE* open_stream_in_place(const char* path, const char* mode) {
+    struct place place;
+    find_place(&place, AT_FDCWD, path);
+    return opens(&place, mode) ? library()->fopen(place.path, mode) : NULL;
 }
 
 static FILE* open_stream(const char* path, const char* mode) {
-    char place[PATH_MAX];
-    const char* const opened = stream_path(place, sizeof place, path, mode);
-    return opened != NULL ? library()->fopen(opened, mode) : NULL;
+    return may_be_emulated(path) ? open_stream_in_place(path, mode)
+                                 : library()->fopen(redirected(path), mode);
 }
 
 EXPORT FILE* fopen(const char* path, const char* mode) {
@@ -159,16 +114,21 @@ EXPORT FILE* fopen64(const char* path, const char* mode) {
     return open_stream(path, mode);
 }
 
-static FILE* open_stream_again(const char* path, const char* mode, FILE* stream) {
-    char place[PATH_MAX];
-    const char* const opened = path != NULL ? stream_path(place, sizeof place, path, mode) : NULL;
-    if (path != NULL && opened == NULL) {
-        const int error = errno;
-        library()->fclose(stream);
-        errno = error;
-        return NULL;
+static APART FILE* open_stream_again_in_place(const char* path, const char* mode, FILE* stream) {
+    struct place place;
+    find_place(&place, AT_FDCWD, path);
+    if (opens(&place, mode)) {
+        return library()->freopen(place.path, mode, stream);
     }
-    return library()->freopen(opened, mode, stream);
+    const int error = errno;
+    library()->fclose(stream);
+    errno = error;
+    return NULL;
+}
+
+static FILE* open_stream_again(const char* path, const char* mode, FILE* stream) {
+    return may_be_emulated(path) ? open_stream_again_in_place(path, mode, stream)
+                                 : library()->freopen(redirected(path), mode, stream);
 }
 
 EXPORT FILE* freopen(const char* path, const char* mode, FILE* stream) {
@@ -176,36 +136,6 @@ EXPORT FILE* freopen(const char* path, const char* mode, FILE* stream) {
 }
 EXPORT FILE* freopen64(const char* path, const char* mode, FILE* stream) {
     return open_stream_again(path, mode, stream);
-}
-
-// ---- what umockdev replaces and nobody here needs it to
-
-EXPORT int close(int descriptor) {
-    return library()->close(descriptor);
-}
-EXPORT int fclose(FILE* stream) {
-    return library()->fclose(stream);
-}
-EXPORT size_t fread(void* data, size_t size, size_t count, FILE* stream) {
-    return library()->fread(data, size, count, stream);
-}
-EXPORT size_t fwrite(const void* data, size_t size, size_t count, FILE* stream) {
-    return library()->fwrite(data, size, count, stream);
-}
-EXPORT char* fgets(char* text, int size, FILE* stream) {
-    return library()->fgets(text, size, stream);
-}
-EXPORT int isatty(int descriptor) {
-    return library()->isatty(descriptor);
-}
-EXPORT int connect(int descriptor, __CONST_SOCKADDR_ARG address, socklen_t length) {
-    return library()->connect(descriptor, address.__sockaddr__, length);
-}
-EXPORT ssize_t send(int descriptor, const void* data, size_t size, int flags) {
-    return library()->send(descriptor, data, size, flags);
-}
-EXPORT ssize_t recv(int descriptor, void* data, size_t size, int flags) {
-    return library()->recv(descriptor, data, size, flags);
 }
 
 // ---- nodes
@@ -337,6 +267,47 @@ EXPORT ssize_t write(int descriptor, const void* data, size_t size) {
     errno = memory_of(node)->access == O_RDONLY ? EBADF : EINVAL;
     leave_node(node);
     return -1;
+}
+
+// Flags that F_SETFL changes. The pipe keeps its own.
+static int set_flags(struct opening_memory* memory, unsigned wanted) {
+    const unsigned changeable = O_APPEND | O_ASYNC | O_NOATIME | O_NONBLOCK;
+    if ((wanted & O_DIRECT) != 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    uint32_t flags = __atomic_load_n(&memory->flags, __ATOMIC_RELAXED);
+    while (!__atomic_compare_exchange_n(&memory->flags, &flags, (flags & ~changeable) | (wanted & changeable),
+                                        false, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
+    }
+    return 0;
+}
+
+static int control(int descriptor, int command, void* argument) {
+    struct node* const node = command == F_GETFL || command == F_SETFL ? find_node(descriptor) : NULL;
+    if (node == NULL) {
+        return library()->fcntl(descriptor, command, argument);
+    }
+    struct opening_memory* const memory = memory_of(node);
+    const int result = command == F_GETFL ? (int)__atomic_load_n(&memory->flags, __ATOMIC_RELAXED)
+                                          : set_flags(memory, (unsigned)(uintptr_t)argument);
+    leave_node(node);
+    return result;
+}
+
+EXPORT int fcntl(int descriptor, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return control(descriptor, command, argument);
+}
+EXPORT int fcntl64(int descriptor, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return control(descriptor, command, argument);
 }
 
 // Memory for transfers; the kernel only makes it faster.
@@ -510,7 +481,7 @@ EXPORT int epoll_pwait2(int epoll, struct epoll_event* events, int count, const 
 // ---- udev events: a Unix socket in the place of a netlink socket
 
 EXPORT int socket(int domain, int type, int protocol) {
-    if (domain == AF_NETLINK && protocol == NETLINK_KOBJECT_UEVENT && getenv(emulate_root_variable) != NULL) {
+    if (domain == AF_NETLINK && protocol == NETLINK_KOBJECT_UEVENT && settings()->root != NULL) {
         return library()->socket(AF_UNIX, SOCK_DGRAM | (type & (SOCK_CLOEXEC | SOCK_NONBLOCK)), 0);
     }
     return library()->socket(domain, type, protocol);
@@ -519,7 +490,7 @@ EXPORT int socket(int domain, int type, int protocol) {
 // The launcher sends events to every socket in a folder. The name begins with the group: of the kernel or of udev.
 static int listen_for_events(int descriptor, unsigned groups) {
     static uint32_t last;
-    const char* const folder = getenv(emulate_folder_variable);
+    const char* const folder = settings()->folder;
     int result;
     do { // again if a name has been left by a program that this process ran before
         struct sockaddr_un address = {.sun_family = AF_UNIX};

@@ -89,7 +89,7 @@ UsbfsOpening::UsbfsOpening(UsbfsNode& node, std::uint32_t index, int flags)
     m_descriptor = FileDescriptor(pipe[1]);
     struct stat status {};
     if (::fcntl(pipe[1], F_SETPIPE_SZ, 1) < 0 || ::write(pipe[1], "", 1) != 1 ||
-        ::fcntl(pipe[1], F_SETFL, flags & O_NONBLOCK) != 0 || ::fstat(pipe[1], &status) != 0) {
+        ::fstat(pipe[1], &status) != 0) {
         throw std::system_error(errno, std::generic_category(), "pipe");
     }
     m_inode = status.st_ino;
@@ -98,6 +98,7 @@ UsbfsOpening::UsbfsOpening(UsbfsNode& node, std::uint32_t index, int flags)
     const NodeFacts& facts = node.facts();
     memory.index = index;
     memory.access = static_cast<std::uint32_t>(flags & O_ACCMODE);
+    memory.flags = static_cast<std::uint32_t>(flags);
     memory.launcher = ::getpid();
     memory.bus = facts.bus;
     memory.address = facts.address;

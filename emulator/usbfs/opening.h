@@ -19,7 +19,7 @@ class UsbfsNode;
 
 class UsbfsOpening {
 public:
-    // `flags` as for open(). Throws std::system_error.
+    // `flags` as fcntl() reports them. Throws std::system_error.
     UsbfsOpening(UsbfsNode& node, std::uint32_t index, int flags);
     UsbfsOpening(const UsbfsOpening&) = delete;
     UsbfsOpening& operator=(const UsbfsOpening&) = delete;

@@ -123,6 +123,8 @@ struct opening_memory {
 
     uint32_t signal;             // enum opening_signal
     uint32_t privileges_dropped; // a flag
+    uint32_t flags;              // as fcntl() reports them, with the access
+    uint32_t reserved_for_program;
 
     uint64_t used[opening_words];   // requests
     uint64_t filled[opening_words]; // requests that the launcher has not seen
@@ -152,7 +154,7 @@ struct node_question {
     uint32_t kind;
     uint32_t bus;
     uint32_t address;
-    int32_t flags;  // as for open()
+    int32_t flags;  // as fcntl() reports them
     uint64_t inode; // of the descriptor, for node_find and node_describe
 };
 

@@ -79,11 +79,6 @@ unsigned minorNumber(const ShownDevice& device) {
     return (device.bus - 1U) * addressesPerBus + device.address - 1U;
 }
 
-// umockdev looks there for the numbers of a node.
-std::string numbersLink(const std::string& root, const ShownDevice& device) {
-    return root + "/dev/.node/bus_usb_" + numbered("%03u_%03u", device.bus, device.address);
-}
-
 std::string folderOf(const std::string& root, const std::string& name) {
     return root + "/sys/devices/" + name + "/";
 }
@@ -147,10 +142,11 @@ Properties propertiesOf(const ShownDevice& device) {
 Sysfs::Sysfs(std::string root)
     : m_root(std::move(root)) {
     for (const char* folder :
-         {"", "/contents", "/dev", "/dev/.node", "/dev/bus", "/dev/bus/usb", "/sys", "/sys/bus",
-          "/sys/bus/usb", "/sys/bus/usb/devices", "/sys/class", "/sys/devices"}) {
+         {"", "/contents", "/dev", "/dev/bus", "/dev/bus/usb", "/run", "/run/udev", "/run/udev/data", "/sys",
+          "/sys/bus", "/sys/bus/usb", "/sys/bus/usb/devices", "/sys/class", "/sys/devices"}) {
         makeFolder(m_root + folder);
     }
+    writeFile(m_root + "/run/udev/control", ""); // without it, libudev expects no events
 }
 
 // Most files of most devices are alike. As links to one file they take neither time nor room.
@@ -175,7 +171,6 @@ struct stat Sysfs::show(const ShownDevice& device) {
         makeFolder(m_root + emulate_node_folder + numbered("%03u", device.bus));
         m_buses[device.bus] = true;
     }
-    makeLink(numbered("%u:%u", usbMajor, minorNumber(device)), numbersLink(m_root, device));
     // What a node contains when something reads it that the preload does not reach.
     const std::string node = m_root + nodePath(device.bus, device.address);
     writeFile(node, asText(device.descriptors), nodeMode);
@@ -207,7 +202,6 @@ struct stat Sysfs::show(const ShownDevice& device) {
 
 void Sysfs::hideNode(const ShownDevice& device) {
     ::unlink((m_root + nodePath(device.bus, device.address)).c_str());
-    ::unlink(numbersLink(m_root, device).c_str());
 }
 
 void Sysfs::hide(const ShownDevice& device) {

@@ -47,8 +47,6 @@ public:
     // Create the folders for which libusb looks even if there is no device. Throws std::system_error.
     explicit Sysfs(std::string root);
 
-    const std::string& root() const { return m_root; }
-
     // Returns the properties of the file in the node's place. Throws std::system_error.
     struct stat show(const ShownDevice& device);
 

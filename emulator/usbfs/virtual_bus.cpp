@@ -1,5 +1,7 @@
 #include "usbfs/virtual_bus.h"
 
+#include "preload_contract.h"
+
 #include <chrono>
 #include <system_error>
 #include <utility>
@@ -17,7 +19,7 @@ Time now() {
 } // namespace
 
 VirtualBus::VirtualBus(const std::filesystem::path& folder)
-    : m_sysfs(folder / "root")
+    : m_sysfs(folder / emulate_root)
     , m_uevents(folder)
     , m_server(folder) {
     ensureRootHub(1);

@@ -39,9 +39,6 @@ public:
     // Everything is in `folder`, which programs know by its name. Throws std::system_error.
     explicit VirtualBus(const std::filesystem::path& folder);
 
-    // Where programs find the emulated /sys and /dev.
-    const std::string& root() const { return m_sysfs.root(); }
-
     std::size_t add(ReaderDescription description) override;
     std::size_t size() const override { return m_readers.size(); }
     bool plugged(std::size_t number) const override;

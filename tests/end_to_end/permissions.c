@@ -23,19 +23,18 @@ static void obey_permissions(void) {
     assert_int_equal(syscall(SYS_capset, &header, sets), 0);
 }
 
-/* Change the mode of the node that libusb would open. The emulated bus has its nodes in another folder. */
+/* Change the mode of the node that libusb would open. */
 static void change_mode(int product, mode_t mode) {
-    const char* root = getenv("UMOCKDEV_DIR");
     libusb_device** list = NULL;
     const ssize_t count = libusb_get_device_list(NULL, &list);
     int changed = 0;
     for (ssize_t i = 0; i < count; ++i) {
         struct libusb_device_descriptor descriptor;
-        char node[1024];
+        char node[64];
         if (libusb_get_device_descriptor(list[i], &descriptor) == 0 &&
             descriptor.idVendor == GVUSB_VENDOR_ID && descriptor.idProduct == product) {
-            snprintf(node, sizeof node, "%s/dev/bus/usb/%03d/%03d", root != NULL ? root : "",
-                     libusb_get_bus_number(list[i]), libusb_get_device_address(list[i]));
+            snprintf(node, sizeof node, "/dev/bus/usb/%03d/%03d", libusb_get_bus_number(list[i]),
+                     libusb_get_device_address(list[i]));
             changed += chmod(node, mode) == 0;
         }
     }

@@ -764,6 +764,45 @@ static void AReadOnlyNodeIsOnlyRead(void** state) {
     assert_int_equal(errno, ENOTDIR);
 }
 
+/* As those of every other device, such as /dev/null. */
+static void ANodeHasTheFlagsItIsOpenedWith(void** state) {
+    static const int flags[] = {O_RDWR, O_RDONLY | O_NONBLOCK, O_WRONLY | O_SYNC | O_APPEND,
+                                O_RDWR | O_NOCTTY};
+    for (size_t i = 0; i < sizeof flags / sizeof flags[0]; ++i) {
+        const int node = open_node(flags[i]);
+        const int null = open("/dev/null", flags[i] | O_CLOEXEC);
+        const int copy = dup(node);
+        assert_int_equal(fcntl(node, F_GETFL), fcntl(null, F_GETFL));
+        assert_int_equal(fcntl(node, F_SETFL, O_NONBLOCK | O_SYNC | O_WRONLY), 0);
+        assert_int_equal(fcntl(null, F_SETFL, O_NONBLOCK | O_SYNC | O_WRONLY), 0);
+        assert_int_equal(fcntl(copy, F_GETFL), fcntl(null, F_GETFL));
+        assert_int_equal(fcntl(node, F_SETFL, 0), 0);
+        assert_int_equal(fcntl(null, F_SETFL, 0), 0);
+        assert_int_equal(fcntl(copy, F_GETFL), fcntl(null, F_GETFL));
+        assert_int_equal(fcntl(node, F_SETFL, O_DIRECT), -1);
+        assert_int_equal(errno, EINVAL);
+        assert_int_equal(fcntl(node, F_GETFD), FD_CLOEXEC);
+        close(copy);
+        close(null);
+        close(node);
+    }
+    assert_int_equal(open(node_path, O_RDWR | O_DIRECT | O_CLOEXEC), -1);
+    assert_int_equal(errno, EINVAL);
+}
+
+static void AStreamReadsTheDescriptors(void** state) {
+    unsigned char streamed[18] = {0};
+    unsigned char bytes[18];
+    FILE* const stream = fopen(node_path, "rbe");
+    const int node = open_node(O_RDONLY);
+    assert_non_null(stream);
+    assert_int_equal(fread(streamed, 1, sizeof streamed, stream), sizeof streamed);
+    assert_int_equal(read(node, bytes, sizeof bytes), sizeof bytes);
+    assert_memory_equal(streamed, bytes, sizeof bytes);
+    fclose(stream);
+    close(node);
+}
+
 static void ANodeIsOpenedInItsFolder(void** state) {
     char folder[64];
     snprintf(folder, sizeof folder, "%s", node_path);
@@ -961,6 +1000,8 @@ int main(int argc, char** argv) {
         TEST(PendingUrbsAreReapedAfterUnplugging),
         TEST(UnpluggingSendsTheSignalThatWasAskedFor),
         TEST(AReadOnlyNodeIsOnlyRead),
+        TEST(ANodeHasTheFlagsItIsOpenedWith),
+        TEST(AStreamReadsTheDescriptors),
         TEST(ANodeIsOpenedInItsFolder),
         TEST(TransfersUseMemoryOfTheNode),
         TEST(CopiesAreTheSameOpening),
