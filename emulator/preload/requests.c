@@ -215,30 +215,48 @@ static void write_byte(int descriptor) {
     syscall(SYS_write, descriptor, "", 1);
 }
 
-// Without a reader, writing would end the program with SIGPIPE; for the moment this is one.
-static void write_byte_after_unplug(int descriptor) {
+static long open_read_end(int descriptor) {
     char path[32];
     snprintf(path, sizeof path, "/proc/self/fd/%d", descriptor);
-    const long reading = syscall(SYS_openat, AT_FDCWD, path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0);
+    return syscall(SYS_openat, AT_FDCWD, path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0);
+}
+
+// Without a reader, writing would end the program with SIGPIPE; for the moment this is one.
+static void write_byte_after_unplug(int descriptor) {
+    const long reading = open_read_end(descriptor);
     if (reading >= 0) {
         write_byte(descriptor);
         syscall(SYS_close, reading);
     }
 }
 
-// Called after the last URB has been reaped.
+static void take_byte_back(int descriptor) {
+    char byte;
+    const long reading = open_read_end(descriptor);
+    if (reading >= 0) {
+        syscall(SYS_read, reading, &byte, 1);
+        syscall(SYS_close, reading);
+    }
+}
+
+static bool change_signal(struct opening_memory* memory, uint32_t from, uint32_t to) {
+    return __atomic_compare_exchange_n(&memory->signal, &from, to, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+}
+
+// Called when there is nothing to reap.
 static void stop_signal(struct opening_memory* memory, int descriptor) {
     const int kept = errno;
-    uint32_t state = opening_ready;
-    if (ring_is_empty(memory) && __atomic_compare_exchange_n(&memory->signal, &state, opening_filling, false,
-                                                             __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)) {
-        if (__atomic_load_n(&memory->gone, __ATOMIC_SEQ_CST) != 0) {
+    if (ring_is_empty(memory) && change_signal(memory, opening_ready, opening_filling)) {
+        if (__atomic_load_n(&memory->hung_up, __ATOMIC_SEQ_CST) != 0) {
             write_byte_after_unplug(descriptor);
         } else {
             write_byte(descriptor);
         }
-        if (__atomic_exchange_n(&memory->signal, opening_idle, __ATOMIC_SEQ_CST) == opening_wanted ||
-            !ring_is_empty(memory)) {
+        const bool ring = !change_signal(memory, opening_filling, opening_idle);
+        if (ring && !change_signal(memory, opening_wanted, opening_idle)) {
+            take_byte_back(descriptor); // the launcher has not waited any longer
+        }
+        if (ring || !ring_is_empty(memory)) {
             ring_bell(memory);
         }
     }
@@ -250,6 +268,7 @@ struct opening_request* take_completed(struct opening_memory* memory, int descri
     uint32_t number = 0;
     do {
         if (head == __atomic_load_n(&memory->tail, __ATOMIC_ACQUIRE)) {
+            stop_signal(memory, descriptor); // a URB may have been reaped before it was signalled
             return NULL;
         }
         number = __atomic_load_n(&memory->ring[head % opening_requests], __ATOMIC_RELAXED);

@@ -2,6 +2,8 @@
 
 #include "usbfs/opening.h"
 
+#include <algorithm>
+
 namespace emulator {
 
 void UsbfsNode::refresh() {
@@ -9,6 +11,16 @@ void UsbfsNode::refresh() {
     for (UsbfsOpening* const opening : m_openings) {
         opening->refresh();
     }
+}
+
+std::optional<Time> UsbfsNode::deadline() {
+    std::optional<Time> earliest = m_device.connected() ? m_device.model()->nextDeadline() : std::nullopt;
+    for (const UsbfsOpening* const opening : m_openings) {
+        if (const std::optional<Time> patience = opening->patience()) {
+            earliest = std::min(earliest.value_or(*patience), *patience);
+        }
+    }
+    return earliest;
 }
 
 void UsbfsNode::unplug() {

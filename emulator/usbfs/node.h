@@ -43,10 +43,8 @@ public:
 
     void unplug();
 
-    // When a pending transfer has to be looked at.
-    std::optional<Time> deadline() {
-        return m_device.connected() ? m_device.model()->nextDeadline() : std::nullopt;
-    }
+    // When a pending transfer or an opening has to be looked at.
+    std::optional<Time> deadline();
     std::optional<Time> scheduled; // kept by the server
 
 private:

@@ -111,13 +111,17 @@ void NodeServer::add(std::shared_ptr<UsbfsNode> node, const int& refusal) {
 void NodeServer::remove(UsbfsNode& node) {
     m_places.erase({node.facts().bus, node.facts().address});
     node.unplug();
-    schedule(node);
+    scheduleSoon(node);
     m_unplugged.insert(node.openings().begin(), node.openings().end());
     m_lookedAtUnplugged = present();
 }
 
 void NodeServer::refresh(UsbfsNode& node) {
     node.refresh();
+    scheduleSoon(node);
+}
+
+void NodeServer::scheduleSoon(UsbfsNode& node) {
     const std::optional<Time> before = node.scheduled;
     schedule(node);
     if (node.scheduled && (!before || *node.scheduled < *before)) {
@@ -369,7 +373,9 @@ void NodeServer::advance() {
             break;
         }
         const std::optional<Time> before = node.scheduled;
-        node.device().model()->advance(now);
+        if (node.device().connected()) {
+            node.device().model()->advance(now);
+        }
         node.refresh();
         schedule(node);
         if (node.scheduled == before) {

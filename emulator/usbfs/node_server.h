@@ -83,6 +83,7 @@ private:
     void run();
     void serveRung(Time now);
     void schedule(UsbfsNode& node);
+    void scheduleSoon(UsbfsNode& node);
     void advance();
     void ring();
 

@@ -17,6 +17,7 @@
 #include <fcntl.h>
 #include <linux/usbdevice_fs.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -24,6 +25,9 @@
 namespace emulator {
 
 namespace {
+
+// How long a program may take to write a byte before it is taken for killed. If it is only stopped, nothing breaks.
+constexpr std::chrono::milliseconds longestWrite(200);
 
 FileDescriptor openAgain(int descriptor, int flags) {
     const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
@@ -173,6 +177,9 @@ void UsbfsOpening::refresh() {
     if (ready) {
         setReady();
     }
+    if (m_patience && *m_patience <= std::chrono::steady_clock::now()) {
+        takeOver();
+    }
 }
 
 void UsbfsOpening::setReady() {
@@ -180,40 +187,72 @@ void UsbfsOpening::setReady() {
     if (memory.access == O_RDONLY || shared(memory.head).load() == shared(memory.tail).load()) {
         return;
     }
-    std::uint32_t state = shared(memory.signal).load();
-    if (state == opening_idle && shared(memory.signal).compare_exchange_strong(state, opening_ready)) {
-        char byte = 0;
-        const FileDescriptor again =
-            m_readEnd ? FileDescriptor() : openAgain(m_pipe.get(), O_RDONLY | O_NONBLOCK);
-        [[maybe_unused]] const ssize_t taken = ::read(again ? again.get() : m_readEnd.get(), &byte, 1);
-        return;
+    std::uint32_t state = opening_idle;
+    if (!programIsWriting() && shared(memory.signal).compare_exchange_strong(state, opening_ready)) {
+        takeByte();
     }
-    // Only the program leaves this state, and it rings the bell then.
-    if (state == opening_filling) {
-        shared(memory.signal).compare_exchange_strong(state, opening_wanted);
+}
+
+// Whether a program is about to write a byte. If so, it rings the bell when it has.
+bool UsbfsOpening::programIsWriting() {
+    std::uint32_t state = opening_filling;
+    if (shared(m_memory->signal).compare_exchange_strong(state, opening_wanted)) {
+        m_patience = std::chrono::steady_clock::now() + longestWrite;
+        return true;
     }
+    if (state != opening_wanted) {
+        m_patience.reset();
+    }
+    return state == opening_wanted;
+}
+
+// Works also after the read end is closed.
+FileDescriptor UsbfsOpening::readAgain() const {
+    return openAgain(m_readEnd ? m_readEnd.get() : m_pipe.get(), O_RDONLY | O_NONBLOCK);
+}
+
+void UsbfsOpening::takeByte() {
+    char byte = 0;
+    const FileDescriptor again = m_readEnd ? FileDescriptor() : readAgain();
+    [[maybe_unused]] const ssize_t taken = ::read(again ? again.get() : m_readEnd.get(), &byte, 1);
+}
+
+// The program has been killed before or after it wrote the byte. If it has only been stopped, it notices this later, and
+// takes its byte back.
+void UsbfsOpening::takeOver() {
+    m_patience.reset();
+    opening_memory& memory = *m_memory;
+    int written = 0;
+    const bool known = ::ioctl(readAgain().get(), FIONREAD, &written) == 0;
+    const bool idle = known && written > 0 && shared(memory.head).load() == shared(memory.tail).load();
+    std::uint32_t state = opening_wanted;
+    if (shared(memory.signal).compare_exchange_strong(state, idle ? opening_idle : opening_ready) && !idle) {
+        takeByte();
+    }
+    tryToHangUp();
 }
 
 void UsbfsOpening::unplug() {
     refresh();
     opening_memory& memory = *m_memory;
     shared(memory.claimed).store(0);
+    m_hangUpWanted = true;
+    tryToHangUp(); // first, so that poll() reports no later than ioctl() that the reader is gone
     shared(memory.gone).store(1);
     shared(memory.completed).fetch_add(1);
     wakeAll(memory.completed);
     if (m_disconnectSignal != 0) {
         signalProgram(static_cast<int>(m_disconnectSignal), m_disconnectProcess, EPIPE, m_disconnectValue);
     }
-    m_hangUpWanted = true;
-    tryToHangUp();
 }
 
 // Not while the program may be writing to the pipe, because that would end it with SIGPIPE.
 void UsbfsOpening::tryToHangUp() {
-    opening_memory& memory = *m_memory;
-    std::uint32_t state = shared(memory.signal).load();
-    if (!m_hangUpWanted || !m_readEnd || state == opening_wanted ||
-        (state == opening_filling && shared(memory.signal).compare_exchange_strong(state, opening_wanted))) {
+    if (!m_hangUpWanted || !m_readEnd) {
+        return;
+    }
+    shared(m_memory->hung_up).store(1);
+    if (programIsWriting()) {
         return;
     }
     m_pipe = openAgain(m_readEnd.get(), O_PATH);

@@ -46,6 +46,9 @@ public:
 
     void unplug();
 
+    // When to look again whether the program has written what it is about to write; refresh() does.
+    std::optional<Time> patience() const { return m_patience; }
+
 private:
     // The launcher's record of a pending URB.
     struct Pending {
@@ -70,6 +73,10 @@ private:
     void signalProgram(int signal, int process, int error, std::uint64_t value) const;
     void setReady();
     void tryToHangUp();
+    bool programIsWriting();
+    FileDescriptor readAgain() const;
+    void takeByte();
+    void takeOver();
 
     UsbfsNode& m_node;
     std::uint32_t m_index;
@@ -81,6 +88,7 @@ private:
     OpenId m_id = 0;
     std::uint32_t m_tail = 0;
     bool m_hangUpWanted = false;
+    std::optional<Time> m_patience;
     std::vector<Pending> m_pending; // by the number of the request
     std::size_t m_pendingSize = 0;
     std::vector<std::uint32_t> m_answered; // calls to wake when everything else is done

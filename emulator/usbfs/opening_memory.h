@@ -87,7 +87,8 @@ struct opening_endpoint {
 };
 
 // Whether the pipe contains a byte. `filling`: the program is about to write it. `wanted`: the launcher wanted to empty
-// the pipe, or to close its end, in the meantime; the program rings the bell when it has written.
+// the pipe, or to close its end, in the meantime; the program rings the bell when it has written. If it does not for a
+// while, the launcher goes on without it.
 enum opening_signal { opening_idle, opening_ready, opening_filling, opening_wanted };
 
 struct opening_memory {
@@ -111,6 +112,7 @@ struct opening_memory {
     uint32_t gone;   // unplugged
     uint32_t closed; // no descriptor is left
     uint32_t endpoint_count;
+    uint32_t hung_up; // the pipe has no read end, or will have none
     struct opening_endpoint endpoints[opening_most_endpoints];
     uint32_t tail;      // of the ring
     uint32_t completed; // a futex: changes when a URB can be reaped and when the reader goes
@@ -124,7 +126,6 @@ struct opening_memory {
     uint32_t signal;             // enum opening_signal
     uint32_t privileges_dropped; // a flag
     uint32_t flags;              // as fcntl() reports them, with the access
-    uint32_t reserved_for_program;
 
     uint64_t used[opening_words];   // requests
     uint64_t filled[opening_words]; // requests that the launcher has not seen

@@ -2,11 +2,13 @@
 //
 //   gvusb-emulate --reader id=A1 --reader id=B2 -- free CASE
 #include "bus.h"
+#include "usbfs/opening_memory.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <linux/usbdevice_fs.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -18,6 +20,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -222,6 +225,52 @@ static void opens_both_ends_of_a_fifo(void) {
     }
 }
 
+struct lingering {
+    int descriptor;
+    atomic_bool closed;
+};
+
+static void* close_lingering(void* context) {
+    struct lingering* const lingering = context;
+    close(lingering->descriptor);
+    lingering->closed = true;
+    return NULL;
+}
+
+// A close() that waits holds up no other.
+static void closes_while_another_close_lingers(void) {
+    struct sockaddr_in address = {.sin_family = AF_INET, .sin_addr.s_addr = htonl(INADDR_LOOPBACK)};
+    socklen_t size = sizeof address;
+    const struct linger linger = {.l_onoff = 1, .l_linger = 100};
+    static char data[65536];
+    const int listening = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct lingering lingering = {.descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    pthread_t thread;
+    if (bind(listening, (struct sockaddr*)&address, size) != 0 || listen(listening, 1) != 0 ||
+        getsockname(listening, (struct sockaddr*)&address, &size) != 0 ||
+        connect(lingering.descriptor, (struct sockaddr*)&address, size) != 0) {
+        perror("connect");
+        _exit(EXIT_FAILURE);
+    }
+    const int peer = accept4(listening, NULL, NULL, SOCK_CLOEXEC);
+    // More than the peer has room for.
+    while (send(lingering.descriptor, data, sizeof data, MSG_DONTWAIT) > 0) {
+    }
+    setsockopt(lingering.descriptor, SOL_SOCKET, SO_LINGER, &linger, sizeof linger);
+    pthread_create(&thread, NULL, close_lingering, &lingering);
+    pause_ms(20);
+    for (int i = 0; i < 100; ++i) {
+        const int node = open_reader(1);
+        expect("exchange", exchange(node), true);
+        close(node);
+        close(open("/dev/null", O_RDWR | O_CLOEXEC));
+    }
+    expect("closed", lingering.closed, false);
+    close(peer);
+    pthread_join(thread, NULL);
+    close(listening);
+}
+
 // A child of a program whose other threads are busy with the bus.
 static void forks_while_threads_use_the_bus(void) {
     pthread_t threads[2];
@@ -375,6 +424,154 @@ static void scribbles_over_shared_memory(void) {
     _exit(failures != 0); // what is mapped is of no more use
 }
 
+// ---- killed at the worst moment
+
+// The memory that this process shares with the launcher for its only opening.
+static struct opening_memory* shared_memory(void) {
+    FILE* const maps = fopen("/proc/self/maps", "re");
+    char line[512];
+    unsigned long first = 0;
+    while (maps != NULL && fgets(line, sizeof line, maps) != NULL) {
+        if (strstr(line, "/memfd:gvusb-opening") != NULL && sscanf(line, "%lx-", &first) == 1) {
+            break;
+        }
+    }
+    if (maps != NULL) {
+        fclose(maps);
+    }
+    if (first == 0) {
+        fprintf(stderr, "no shared memory\n");
+        _exit(EXIT_FAILURE);
+    }
+    return (struct opening_memory*)first; // NOLINT(performance-no-int-to-ptr)
+}
+
+static int polled(int node, int patience) {
+    struct pollfd polled = {.fd = node, .events = POLLIN | POLLOUT};
+    return poll(&polled, 1, patience) > 0 ? polled.revents : 0;
+}
+
+static void submit_out(int node, struct usbdevfs_urb* urb, unsigned char* data) {
+    memset(urb, 0, sizeof *urb);
+    urb->type = USBDEVFS_URB_TYPE_BULK;
+    urb->endpoint = bulk_out;
+    urb->buffer = data;
+    urb->buffer_length = 16;
+    expect("submit", ioctl(node, USBDEVFS_SUBMITURB, urb), 0);
+}
+
+// As a process does that is killed while it reaps the last URB: it has marked that it writes the byte by which the node
+// is no longer writable, and has written it or not.
+static void be_killed_while_reaping(int node, bool written) {
+    const pid_t child = fork();
+    if (child == 0) {
+        __atomic_store_n(&shared_memory()->signal, opening_filling, __ATOMIC_SEQ_CST);
+        if (written) {
+            syscall(SYS_write, node, "", 1);
+        }
+        kill(getpid(), SIGKILL);
+    }
+    waitpid(child, NULL, 0);
+}
+
+static void reap_one(int node) {
+    void* reaped = NULL;
+    expect("reap", ioctl(node, USBDEVFS_REAPURBNDELAY, &reaped), 0);
+}
+
+static void sharers_of_a_killed_program_are_woken(void) {
+    for (int written = 0; written < 2; ++written) {
+        const int node = open_reader(1);
+        unsigned char data[16] = {0};
+        struct usbdevfs_urb first;
+        struct usbdevfs_urb second;
+        submit_out(node, &first, data);
+        expect("first", polled(node, patience_ms), POLLOUT);
+        be_killed_while_reaping(node, written);
+        reap_one(node);
+        submit_out(node, &second, data);
+        expect("second", polled(node, patience_ms), POLLOUT);
+        void* reaped = NULL;
+        while (ioctl(node, USBDEVFS_REAPURBNDELAY, &reaped) != 0) {
+            expect("not yet", errno, EAGAIN);
+            pause_ms(1);
+        }
+        // The launcher has settled it when the byte is there again.
+        for (int i = 0; i < patience_ms && polled(node, 0) != 0; ++i) {
+            void* none = NULL;
+            expect("reaped", ioctl(node, USBDEVFS_REAPURBNDELAY, &none), -1);
+            pause_ms(1);
+        }
+        expect("idle", polled(node, 0), 0);
+        submit_out(node, &second, data);
+        expect("third", polled(node, patience_ms), POLLOUT);
+        reap_one(node);
+        expect("idle again", polled(node, 0), 0);
+        close(node);
+    }
+}
+
+static void sharers_of_a_killed_program_see_the_unplugging(void) {
+    const int node = open_reader(1);
+    unsigned char data[16] = {0};
+    struct usbdevfs_urb urb;
+    submit_out(node, &urb, data);
+    expect("first", polled(node, patience_ms), POLLOUT);
+    be_killed_while_reaping(node, true);
+    reap_one(node);
+    bus("replug 1");
+    expect("unplugged", polled(node, patience_ms) & (POLLERR | POLLHUP), POLLERR | POLLHUP);
+    close(node);
+}
+
+// A URB that one thread reaps before the launcher has signalled it.
+static void a_late_signal_is_taken_back(void) {
+    const int node = open_reader(1);
+    unsigned char data[16] = {0};
+    struct usbdevfs_urb urb;
+    submit_out(node, &urb, data);
+    expect("first", polled(node, patience_ms), POLLOUT);
+    __atomic_store_n(&shared_memory()->signal, opening_idle, __ATOMIC_SEQ_CST);
+    reap_one(node);
+    __atomic_store_n(&shared_memory()->signal, opening_ready, __ATOMIC_SEQ_CST);
+    expect("signalled", polled(node, patience_ms), POLLOUT);
+    void* none = NULL;
+    expect("nothing", ioctl(node, USBDEVFS_REAPURBNDELAY, &none), -1);
+    expect("taken back", polled(node, 0), 0);
+    close(node);
+}
+
+// ioctl() and poll() agree that a reader is gone.
+static void* replug_always(void* context) {
+    (void)context;
+    while (!ending) {
+        bus("replug 1");
+        pause_ms(2);
+    }
+    return NULL;
+}
+
+static void hangs_up_before_it_is_gone(void) {
+    pthread_t thread;
+    pthread_create(&thread, NULL, replug_always, NULL);
+    for (int i = 0; i < 200;) {
+        char path[64];
+        const int node = find_path(1, path, sizeof path) ? open(path, O_RDWR | O_CLOEXEC) : -1;
+        uint32_t word;
+        if (node < 0) {
+            continue;
+        }
+        while (ioctl(node, USBDEVFS_GET_CAPABILITIES, &word) == 0) {
+        }
+        expect("error", errno, ENODEV);
+        expect("poll", polled(node, 0) & (POLLERR | POLLHUP), POLLERR | POLLHUP);
+        close(node);
+        ++i;
+    }
+    ending = true;
+    pthread_join(thread, NULL);
+}
+
 static void uses_reader_1(void) {
     expect("exchange", exchange(open_reader(1)), true);
 }
@@ -388,11 +585,16 @@ static const struct {
     {"closes_in_a_signal_handler", closes_in_a_signal_handler},
     {"cancelled_threads_leave_nothing_locked", cancelled_threads_leave_nothing_locked},
     {"opens_both_ends_of_a_fifo", opens_both_ends_of_a_fifo},
+    {"closes_while_another_close_lingers", closes_while_another_close_lingers},
     {"forks_while_threads_use_the_bus", forks_while_threads_use_the_bus},
     {"a_stopped_program_delays_nobody", a_stopped_program_delays_nobody},
     {"monitors_may_be_read_late", monitors_may_be_read_late},
     {"has_many_monitors", has_many_monitors},
     {"scribbles_over_shared_memory", scribbles_over_shared_memory},
+    {"sharers_of_a_killed_program_are_woken", sharers_of_a_killed_program_are_woken},
+    {"sharers_of_a_killed_program_see_the_unplugging", sharers_of_a_killed_program_see_the_unplugging},
+    {"a_late_signal_is_taken_back", a_late_signal_is_taken_back},
+    {"hangs_up_before_it_is_gone", hangs_up_before_it_is_gone},
     {"uses_reader_1", uses_reader_1},
 };
 
