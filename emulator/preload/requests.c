@@ -125,9 +125,16 @@ void free_request(struct opening_memory* memory, struct opening_request* request
 
 // ---- calls
 
+static uint64_t nanoseconds_now(void) {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (uint64_t)now.tv_sec * 1000000000 + (uint64_t)now.tv_nsec;
+}
+
 void post_request(struct opening_memory* memory, struct opening_request* request) {
     const uint32_t number = number_of(memory, request);
     happens_before(memory);
+    request->time = nanoseconds_now();
     request->ticket = __atomic_add_fetch(&memory->last_ticket, 1, __ATOMIC_SEQ_CST);
     __atomic_store_n(&request->state, opening_filled, __ATOMIC_RELEASE);
     __atomic_fetch_or(&memory->filled[number / 64], UINT64_C(1) << number % 64, __ATOMIC_SEQ_CST);
@@ -152,9 +159,7 @@ static bool launcher_gone(const struct opening_memory* memory) {
 }
 
 static long milliseconds_now(void) {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000 + now.tv_nsec / 1000000;
+    return (long)(nanoseconds_now() / 1000000);
 }
 
 int await_request(struct opening_memory* memory, struct opening_request* request, uint32_t timeout_ms,

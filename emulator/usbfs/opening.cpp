@@ -75,6 +75,13 @@ Transfer transferOf(const opening_request& request, const std::uint8_t* data) {
     return transfer;
 }
 
+// When a program has submitted a transfer. From then on a reader takes its time, however late the launcher wakes up.
+Time submissionTime(const opening_request& request, Time now) {
+    constexpr std::chrono::seconds longestAgo(1); // what the program says is not trusted
+    const Time time{std::chrono::duration_cast<Time::duration>(std::chrono::nanoseconds(request.time))};
+    return time > now - longestAgo && time < now ? time : now;
+}
+
 std::string_view nameIn(const opening_request& request) {
     return {request.name, ::strnlen(request.name, sizeof request.name)};
 }
@@ -303,7 +310,7 @@ void UsbfsOpening::serve(std::uint32_t number, Time now) {
     opening_request request;
     std::memcpy(&request, &m_memory->requests[number], offsetof(opening_request, data));
     if (request.operation == opening_submit || request.operation == opening_transfer) {
-        submit(number, request, now);
+        submit(number, request, submissionTime(request, now));
         return;
     }
     m_memory->requests[number].result = call(number, request, now);

@@ -57,6 +57,7 @@ struct opening_request {
     uint32_t state;
     uint32_t operation; // enum opening_operation
     uint64_t ticket;    // in the order of submission
+    uint64_t time;      // of submission, in nanoseconds of the monotonic clock
     uint64_t value;
     uint32_t argument; // interface, endpoint, configuration, signal
     int32_t result;    // of a call: 0 or a negative errno; of a transfer: its status
