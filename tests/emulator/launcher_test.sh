@@ -196,10 +196,29 @@ END
     done
 }
 
+# While the processors are busy: GVUSB_STARTS starts, in four loops at a time.
 starts_many_times() {
-    for _ in $(seq 100); do
-        "$emulate" -- true || fail "status $?"
+    starts=${GVUSB_STARTS:-200}
+    busy=
+    for _ in 1 2; do
+        sh -c 'while kill -0 "$1" 2>/dev/null; do :; done' sh $$ &
+        busy="$busy $!"
     done
+    loops=
+    for loop in 1 2 3 4; do
+        (
+            for _ in $(seq $((starts / 4))); do
+                "$emulate" -- true || echo "status $?" >>"$scratch/failures.$loop"
+            done
+        ) &
+        loops="$loops $!"
+    done
+    # shellcheck disable=SC2086 # lists of processes
+    wait $loops
+    # shellcheck disable=SC2086
+    kill $busy
+    count=$(cat "$scratch"/failures.* 2>/dev/null | wc -l)
+    [ "$count" = 0 ] || fail "$count of $starts starts failed: $(sort "$scratch"/failures.* | uniq -c)"
 }
 
 cleans_up_after_a_killed_launcher() {

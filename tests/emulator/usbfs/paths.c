@@ -96,13 +96,15 @@ static bool frees(struct dirent** entries, int count) {
     return count > 2;
 }
 static bool by_scandir(int folder, const char* path) {
-    struct dirent** entries;
+    struct dirent** entries = NULL;
     (void)folder;
-    return frees(entries, scandir(path, &entries, NULL, alphasort));
+    const int count = scandir(path, &entries, NULL, alphasort);
+    return frees(entries, count);
 }
 static bool by_scandirat(int folder, const char* path) {
-    struct dirent** entries;
-    return frees(entries, scandirat(folder, path, &entries, NULL, alphasort));
+    struct dirent** entries = NULL;
+    const int count = scandirat(folder, path, &entries, NULL, alphasort);
+    return frees(entries, count);
 }
 
 static bool by_stat(int folder, const char* path) {
@@ -509,6 +511,16 @@ static void leaves_other_paths_alone(void) {
            true);
 }
 
+// A program may change its environment, which nobody may read meanwhile.
+static void reads_the_environment_once(void) {
+    expect("setenv", "GVUSB_EMULATE_FOLDER", setenv("GVUSB_EMULATE_FOLDER", "/nowhere", 1), 0);
+    expect("open", "/sys", by_open(AT_FDCWD, "/sys/bus/usb/devices/1-1/devnum"), true);
+    expect("open", "/dev/bus/usb", by_open(AT_FDCWD, "/dev/bus/usb/001/002"), true);
+    expect("clearenv", "", clearenv(), 0);
+    expect("stat", "/dev/bus/usb", by_stat(AT_FDCWD, "/dev/bus/usb/001/002"), true);
+    expect("open", "/dev/bus/usb", by_open(AT_FDCWD, "/dev/bus/usb/001/002"), true);
+}
+
 // ---- fork
 
 static atomic_bool ending;
@@ -531,7 +543,7 @@ static void forks_while_threads_look_at_paths(void) {
     for (int i = 0; i < 2; ++i) {
         pthread_create(&threads[i], NULL, look_always, NULL);
     }
-    for (int i = 0; i < 1000; ++i) {
+    for (int i = 0; i < 300; ++i) {
         const pid_t child = fork();
         if (child == 0) {
             alarm(30);
@@ -559,6 +571,7 @@ static const struct {
     {"walks_by_components", walks_by_components},
     {"hides_the_scratch_folder", hides_the_scratch_folder},
     {"leaves_other_paths_alone", leaves_other_paths_alone},
+    {"reads_the_environment_once", reads_the_environment_once},
     {"forks_while_threads_look_at_paths", forks_while_threads_look_at_paths},
 };
 
