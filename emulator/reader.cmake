@@ -3,6 +3,7 @@ add_library(gvusb_reader INTERFACE)
 foreach(source
         model/description.cpp
         model/descriptors.cpp
+        model/hub_requests.cpp
         model/model.cpp
         model/reply_rule.cpp
         model/requests.cpp

@@ -61,6 +61,7 @@ struct ReaderDescription {
     std::string kernelDriver; // bound to the first interface by plugging; "": none
     ReplyRule reply;
     bool plugged = true;
+    bool hub = false; // answers the requests of a root hub
 
     // What programs read as the device's descriptors and those of its configurations, byte for byte, in the
     // place of what all of the above makes them. The reader itself stays as described above.

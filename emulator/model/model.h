@@ -61,6 +61,10 @@ public:
     void setReply(ReplyRule rule) { m_description.reply = std::move(rule); }
     void setKernelDriver(std::string name) { m_description.kernelDriver = std::move(name); }
     void forgetAnswers();
+
+    // Of a hub: what is connected to a port, counted from 1.
+    void connectPort(unsigned port, std::optional<Speed> speed);
+    unsigned portCount() const { return m_portCount; } // grows to the highest port that has been in use
     RequestFaults& requestFaults() { return m_requestFaults; }
 
     // The pipes that a name stands for: "in" and "out" (of frames, bulk and control), "control", "all" or an
@@ -95,6 +99,10 @@ private:
     // requests.cpp
     Completion control(const Transfer& transfer, const PipeFaults& faults, Time now);
     Completion standardRequest(const Transfer& transfer, Time now);
+
+    // hub_requests.cpp
+    std::optional<Bytes> answerOfHub(const ControlSetup& setup) const;
+    Bytes hubDescriptor() const;
     std::optional<Bytes> descriptor(std::uint8_t type, std::uint8_t index) const;
 
     ReaderDescription m_description;
@@ -103,6 +111,8 @@ private:
     RequestFaults m_requestFaults;
     std::map<std::uint8_t, std::deque<Waiting>> m_waiting; // by endpoint; each queue completes in order
     std::deque<Completion> m_completions;
+    std::map<unsigned, Speed> m_ports; // of a hub, with what is connected
+    unsigned m_portCount = 8;
     AnswerQueue m_bulkAnswers;
     AnswerQueue m_controlAnswers;
     std::uint64_t m_frameCount = 0;

@@ -45,6 +45,11 @@ Completion ReaderModel::control(const Transfer& transfer, const PipeFaults& faul
     const ControlSetup& setup = transfer.setup;
     constexpr std::uint8_t kindMask = 0x60;
     constexpr std::uint8_t vendorKind = 0x40;
+    if (m_description.hub) {
+        if (const std::optional<Bytes> answer = answerOfHub(setup)) {
+            return send(*answer, transfer);
+        }
+    }
     if ((setup.requestType & kindMask) == 0) {
         return standardRequest(transfer, now);
     }

@@ -36,6 +36,7 @@ void UsbfsDevice::close(OpenId id, Time now) {
         return;
     }
     ++m_counts.closes;
+    ++m_bindings;
     std::deque<PendingUrb> own;
     std::ranges::copy_if(m_pending, std::front_inserter(own),
                          [&](const PendingUrb& urb) { return urb.opening == id; });
@@ -96,6 +97,7 @@ int UsbfsDevice::claimUncounted(OpenId id, unsigned interfaceNumber) {
         return -EBUSY;
     }
     opening.claimed |= bit(interfaceNumber);
+    ++m_bindings;
     return 0;
 }
 
@@ -147,6 +149,7 @@ int UsbfsDevice::release(OpenId id, unsigned interfaceNumber) {
         return -EINVAL;
     }
     opening.claimed &= ~bit(interfaceNumber);
+    ++m_bindings;
     endTransfers(interfaceNumber);
     return 0;
 }
@@ -181,6 +184,7 @@ int UsbfsDevice::setConfiguration(OpenId, int value, Time now) {
         return -EINVAL;
     }
     const bool accepted = m_model->configure(static_cast<std::uint8_t>(wanted), now);
+    ++m_bindings;
     collect();
     return accepted ? 0 : -EPIPE;
 }
@@ -218,6 +222,7 @@ int UsbfsDevice::reset(OpenId id, Time now) {
     for (auto& [each, opening] : m_openings) {
         opening.claimed = 0;
     }
+    ++m_bindings;
     m_model->reset(now);
     collect();
     return 0;
@@ -247,6 +252,7 @@ std::string UsbfsDevice::driver(unsigned interfaceNumber) const {
 
 void UsbfsDevice::bindDriver(std::string name) {
     m_driver = std::move(name);
+    ++m_bindings;
 }
 
 int UsbfsDevice::detachDriver(OpenId id, unsigned interfaceNumber) {
@@ -266,6 +272,7 @@ int UsbfsDevice::detachDriver(OpenId id, unsigned interfaceNumber) {
     if (driver(interfaceNumber).empty()) {
         return -ENODATA;
     }
+    ++m_bindings;
     if (isClaimed(interfaceNumber)) {
         for (auto& [each, opening] : m_openings) {
             opening.claimed &= ~bit(interfaceNumber);
@@ -293,7 +300,11 @@ int UsbfsDevice::attachDriver(OpenId id, unsigned interfaceNumber) {
     if (!driver(interfaceNumber).empty()) {
         return -EBUSY;
     }
+    if (interfaceNumber != m_model->description().firstInterface) {
+        return 0; // no driver matches it
+    }
     m_driver = m_model->description().kernelDriver;
+    ++m_bindings;
     return m_driver.empty() ? 0 : 1;
 }
 

@@ -67,6 +67,9 @@ public:
     std::string driver(unsigned interfaceNumber) const;
     void bindDriver(std::string name);
 
+    // How often a driver has been bound or unbound.
+    std::uint64_t bindings() const { return m_bindings; }
+
     std::uint64_t claimed(OpenId id) const { return m_openings.at(id).claimed; } // a bit for each interface
 
     // Remove and return the oldest completed URB of this opening.
@@ -110,6 +113,7 @@ private:
     HostFaults& m_faults;
     HostCounts& m_counts;
     std::string m_driver;
+    std::uint64_t m_bindings = 0;
     OpenId m_lastId = 0;
     std::map<OpenId, Opening> m_openings;
     std::deque<PendingUrb> m_pending;

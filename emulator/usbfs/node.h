@@ -23,6 +23,10 @@ struct NodeFacts {
     std::uint64_t fileDevice = 0; // of the file in the place of the node
     std::uint64_t fileInode = 0;
     std::function<void(std::uint8_t)> configured; // called when a program has chosen a configuration
+
+    // Called when a driver, "" for none, has been bound to an interface of a configuration.
+    std::function<void(std::uint8_t configuration, unsigned interfaceNumber, const std::string& driver)>
+        bound;
 };
 
 class UsbfsNode {
@@ -41,6 +45,9 @@ public:
     // Show all openings what has changed.
     void refresh();
 
+    // Show which drivers are bound, if that has changed.
+    void showDrivers();
+
     void unplug();
 
     // When a pending transfer or an opening has to be looked at.
@@ -51,6 +58,9 @@ private:
     NodeFacts m_facts;
     UsbfsDevice m_device;
     std::vector<UsbfsOpening*> m_openings;
+    std::uint64_t m_shownBindings = ~std::uint64_t{0};
+    std::vector<std::string> m_shownDrivers; // of the interfaces in turn
+    std::uint8_t m_shownConfiguration = 0;
 };
 
 } // namespace emulator

@@ -129,6 +129,7 @@ UsbfsOpening::UsbfsOpening(UsbfsNode& node, std::uint32_t index, int flags)
 UsbfsOpening::~UsbfsOpening() {
     m_node.remove(*this);
     m_node.device().close(m_id, std::chrono::steady_clock::now());
+    m_node.showDrivers();
     shared(m_memory->closed).store(1);
 }
 

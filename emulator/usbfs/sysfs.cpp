@@ -4,9 +4,7 @@
 #include "preload_contract.h"
 #include "usbfs/file_descriptor.h"
 
-#include <array>
 #include <cerrno>
-#include <cstdio>
 #include <filesystem>
 #include <system_error>
 
@@ -17,29 +15,6 @@
 namespace emulator {
 
 namespace {
-
-constexpr unsigned usbMajor = 189;
-constexpr unsigned addressesPerBus = 128;
-
-constexpr std::array attributes = {"descriptors", "busnum", "devnum", "idVendor",
-                                   "idProduct",   "speed",  "uevent", "bConfigurationValue",
-                                   "subsystem"};
-
-std::string hex16(std::uint16_t value) {
-    return numbered("%04x", value);
-}
-
-const char* megabits(Speed speed) {
-    switch (speed) {
-    case Speed::low:
-        return "1.5";
-    case Speed::full:
-        return "12";
-    case Speed::high:
-        break;
-    }
-    return "480";
-}
 
 [[noreturn]] void fail(const std::string& path) {
     throw std::system_error(errno, std::generic_category(), path);
@@ -66,32 +41,22 @@ void makeFolder(const std::string& path) {
     }
 }
 
-// An empty line if the device is unconfigured.
-std::string configurationText(std::uint8_t value) {
-    return (value != 0 ? std::to_string(value) : std::string{}) + "\n";
-}
-
 std::string_view asText(const Bytes& bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-unsigned minorNumber(const ShownDevice& device) {
-    return (device.bus - 1U) * addressesPerBus + device.address - 1U;
-}
-
-std::string folderOf(const std::string& root, const std::string& name) {
-    return root + "/sys/devices/" + name + "/";
+// The way up from a folder below /sys to /sys, as links have it.
+std::string upFrom(std::string_view path) {
+    std::string up;
+    for (const char character : path) {
+        if (character == '/') {
+            up += "../";
+        }
+    }
+    return up;
 }
 
 } // namespace
-
-std::string nodePath(std::uint8_t bus, std::uint8_t address) {
-    return emulate_node_folder + numbered("%03u/%03u", bus, address);
-}
-
-std::string rootHubName(std::uint8_t bus) {
-    return numbered("usb%u", bus);
-}
 
 ReaderDescription rootHub(std::uint8_t bus) {
     ReaderDescription hub;
@@ -103,6 +68,7 @@ ReaderDescription rootHub(std::uint8_t bus) {
     hub.strings.clear();
     hub.endpoints = {{.address = 0x81, .type = TransferType::interrupt, .packetSize = 4}};
     hub.kernelDriver = "hub";
+    hub.hub = true;
     hub.descriptors =
         Bytes{18, 1, 0x00, 0x02, 9, 0, 0, 64,   0x6B, 0x1D, 0x02, 0x00, 0x01, 0x06, 0, 0, 0, 1, // device
               9,  2, 25,   0,    1, 1, 0, 0xE0, 0, // configuration
@@ -112,65 +78,157 @@ ReaderDescription rootHub(std::uint8_t bus) {
 }
 
 ShownDevice shownDevice(std::string name, const ReaderDescription& description, std::uint8_t bus,
-                        std::uint8_t address) {
+                        std::uint8_t address, unsigned port) {
     return {.name = std::move(name),
             .bus = bus,
             .address = address,
+            .port = port,
             .vendor = description.vendor,
             .product = description.product,
             .release = description.release,
             .speed = description.speed,
             .configuration =
                 description.configurations.empty() ? std::uint8_t{0} : description.configurations.front(),
-            .descriptors = allDescriptors(description)};
-}
-
-Properties propertiesOf(const ShownDevice& device) {
-    return {{"MAJOR", std::to_string(usbMajor)},
-            {"MINOR", std::to_string(minorNumber(device))},
-            {"DEVNAME", nodePath(device.bus, device.address).substr(5)}, // relative to /dev/
-            {"DEVTYPE", "usb_device"},
-            {"PRODUCT", numbered("%x/%x", device.vendor, device.product) + numbered("/%x", device.release)},
-            {"TYPE", device.descriptors.size() > 6
-                         ? numbered("%u/%u", device.descriptors[4], device.descriptors[5]) +
-                               numbered("/%u", device.descriptors[6])
-                         : "0/0/0"},
-            {"BUSNUM", numbered("%03u", device.bus)},
-            {"DEVNUM", numbered("%03u", device.address)}};
+            .descriptors = allDescriptors(description),
+            .strings = description.strings,
+            .ports = 0};
 }
 
 Sysfs::Sysfs(std::string root)
     : m_root(std::move(root)) {
-    for (const char* folder :
-         {"", "/contents", "/dev", "/dev/bus", "/dev/bus/usb", "/run", "/run/udev", "/run/udev/data", "/sys",
-          "/sys/bus", "/sys/bus/usb", "/sys/bus/usb/devices", "/sys/class", "/sys/devices"}) {
+    for (const char* folder : {"",
+                               "/contents",
+                               "/dev",
+                               "/dev/bus",
+                               "/dev/bus/usb",
+                               "/parked",
+                               "/run",
+                               "/run/udev",
+                               "/run/udev/data",
+                               "/sys",
+                               "/sys/bus",
+                               "/sys/bus/platform",
+                               "/sys/bus/platform/devices",
+                               "/sys/bus/platform/drivers",
+                               "/sys/bus/platform/drivers/gvusb",
+                               "/sys/bus/usb",
+                               "/sys/bus/usb/devices",
+                               "/sys/bus/usb/drivers",
+                               "/sys/bus/usb/drivers/usb",
+                               "/sys/class",
+                               "/sys/dev",
+                               "/sys/dev/char",
+                               "/sys/devices",
+                               "/sys/devices/platform"}) {
         makeFolder(m_root + folder);
     }
     writeFile(m_root + "/run/udev/control", ""); // without it, libudev expects no events
 }
 
+std::string Sysfs::folderOf(const ShownDevice& device) const {
+    return m_root + "/sys" + devicePath(device) + "/";
+}
+
 // Most files of most devices are alike. As links to one file they take neither time nor room.
 void Sysfs::writeShared(const std::string& path, const std::string& content) {
-    auto known = m_contents.find(content);
-    if (known == m_contents.end()) {
-        const std::string file = m_root + "/contents/" + std::to_string(m_contents.size());
-        writeFile(file, content);
-        known = m_contents.emplace(content, file).first;
+    std::string shared;
+    {
+        const std::lock_guard lock(m_mutex);
+        auto known = m_contents.find(content);
+        if (known == m_contents.end()) {
+            const std::string file = m_root + "/contents/" + std::to_string(m_contents.size());
+            writeFile(file, content);
+            known = m_contents.emplace(content, file).first;
+        }
+        shared = known->second;
     }
-    if (::link(known->second.c_str(), path.c_str()) != 0) {
+    if (::link(shared.c_str(), path.c_str()) != 0) {
         ::unlink(path.c_str());
         writeFile(path, content); // there may be too many links
     }
 }
 
+void Sysfs::writeAttributes(const std::string& folder, const Attributes& attributes) {
+    std::string made;
+    for (const auto& [path, content] : attributes) {
+        const auto slash = path.find('/');
+        if (slash != std::string::npos && path.substr(0, slash) != made) {
+            made = path.substr(0, slash);
+            makeFolder(folder + made);
+        }
+        writeShared(folder + path, content);
+    }
+}
+
+void Sysfs::showBus(std::uint8_t bus) {
+    if (m_buses.size() <= bus) {
+        m_buses.resize(bus + std::size_t{1});
+    }
+    if (m_buses[bus]) {
+        return;
+    }
+    const std::string path = controllerPath(bus);
+    const std::string folder = m_root + "/sys" + path;
+    makeFolder(m_root + emulate_node_folder + numbered("%03u", bus));
+    makeFolder(folder);
+    writeFile(folder + "/uevent", "DRIVER=gvusb\nMODALIAS=platform:gvusb\n");
+    makeLink(upFrom(path) + "bus/platform", folder + "/subsystem");
+    makeLink(upFrom(path) + "bus/platform/drivers/gvusb", folder + "/driver");
+    makeLink("../../.." + path, m_root + "/sys/bus/platform/devices/" + numbered("gvusb.%u", bus));
+    m_buses[bus] = true;
+}
+
+void Sysfs::makeInterface(const ShownDevice& device, const std::string& folder, const ShownInterface& shown) {
+    const std::string path = devicePath(device) + "/" + shown.name;
+    const std::string own = folder + shown.name + "/";
+    makeFolder(own);
+    writeAttributes(own, shown.attributes);
+    makeLink(upFrom(path) + "bus/usb", own + "subsystem");
+}
+
+void Sysfs::makeDevice(const ShownDevice& device, const std::string& folder) {
+    makeFolder(folder);
+    writeAttributes(folder, fixedAttributes(device));
+    writeAttributes(folder, configurationAttributes(device, device.configuration));
+    const std::string up = upFrom(devicePath(device));
+    makeLink(up + "bus/usb", folder + "subsystem");
+    makeLink(up + "bus/usb/drivers/usb", folder + "driver");
+    for (const ShownInterface& shown : interfacesOf(device, device.configuration)) {
+        makeInterface(device, folder, shown);
+    }
+}
+
+// Use the folder that the device had before.
+bool Sysfs::unpark(const ShownDevice& device, const std::string& folder) {
+    const auto parked = m_parked.find(device.name);
+    if (parked == m_parked.end()) {
+        return false;
+    }
+    ShownDevice wanted = device;
+    wanted.address = 0;
+    const bool same = parked->second == wanted;
+    if (!same) {
+        std::error_code ignored;
+        std::filesystem::remove_all(folder, ignored);
+    }
+    m_parked.erase(parked);
+    return same;
+}
+
+std::vector<std::string> Sysfs::interfaceNames(const ShownDevice& device) const {
+    std::vector<std::string> names;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(folderOf(device), ignored)) {
+        std::string name = entry.path().filename();
+        if (name.find(':') != std::string::npos) {
+            names.push_back(std::move(name));
+        }
+    }
+    return names;
+}
+
 struct stat Sysfs::show(const ShownDevice& device) {
-    if (m_buses.size() <= device.bus) {
-        m_buses.resize(device.bus + std::size_t{1});
-    }
-    if (!m_buses[device.bus]) {
-        makeFolder(m_root + emulate_node_folder + numbered("%03u", device.bus));
-        m_buses[device.bus] = true;
-    }
+    showBus(device.bus);
     // What a node contains when something reads it that the preload does not reach.
     const std::string node = m_root + nodePath(device.bus, device.address);
     writeFile(node, asText(device.descriptors), nodeMode);
@@ -180,23 +238,25 @@ struct stat Sysfs::show(const ShownDevice& device) {
         fail(node);
     }
 
-    // The files that libusb reads, and those that udev rules commonly match.
-    const std::string folder = folderOf(m_root, device.name);
-    makeFolder(folder);
-    writeShared(folder + "descriptors", std::string(asText(device.descriptors)));
-    writeShared(folder + "busnum", std::to_string(device.bus) + "\n");
-    writeFile(folder + "devnum", std::to_string(device.address) + "\n");
-    writeShared(folder + "idVendor", hex16(device.vendor) + "\n");
-    writeShared(folder + "idProduct", hex16(device.product) + "\n");
-    writeShared(folder + "speed", megabits(device.speed) + std::string("\n"));
-    writeShared(folder + "bConfigurationValue", configurationText(device.configuration));
-    std::string properties;
-    for (const auto& [name, value] : propertiesOf(device)) {
-        properties.append(name).append("=").append(value).append("\n");
+    // The device appears with all its files at once.
+    const std::string path = devicePath(device);
+    const std::string parked = m_root + "/parked/" + device.name + "/";
+    if (!unpark(device, parked)) {
+        makeDevice(device, parked);
     }
-    writeFile(folder + "uevent", properties);
-    makeLink("../../bus/usb", folder + "subsystem");
-    makeLink("../../../devices/" + device.name, m_root + "/sys/bus/usb/devices/" + device.name);
+    for (const auto& [name, content] : addressAttributes(device)) {
+        writeFile(parked + name, content);
+    }
+    const std::string folder = folderOf(device);
+    if (::rename(parked.c_str(), folder.c_str()) != 0) {
+        fail(folder);
+    }
+    for (const std::string& name : interfaceNames(device)) {
+        ::unlink((folder + name + "/driver").c_str());
+        makeLink("../../.." + path + "/" + name, m_root + "/sys/bus/usb/devices/" + name);
+    }
+    makeLink("../.." + path, m_root + "/sys/dev/char/" + nodeNumber(device));
+    makeLink("../../.." + path, m_root + "/sys/bus/usb/devices/" + device.name);
     return status;
 }
 
@@ -205,29 +265,76 @@ void Sysfs::hideNode(const ShownDevice& device) {
 }
 
 void Sysfs::hide(const ShownDevice& device) {
-    const std::string folder = folderOf(m_root, device.name);
     ::unlink((m_root + "/sys/bus/usb/devices/" + device.name).c_str());
-    for (const char* attribute : attributes) {
-        ::unlink((folder + attribute).c_str());
+    ::unlink((m_root + "/sys/dev/char/" + nodeNumber(device)).c_str());
+    for (const std::string& name : interfaceNames(device)) {
+        ::unlink((m_root + "/sys/bus/usb/devices/" + name).c_str());
     }
-    if (::rmdir(folder.c_str()) != 0) {
-        std::error_code ignored;
-        std::filesystem::remove_all(folder, ignored); // a program has put something there
+    const std::string parked = m_root + "/parked/" + device.name;
+    std::error_code ignored;
+    const std::lock_guard lock(m_mutex);
+    if (::rename(folderOf(device).c_str(), parked.c_str()) != 0) {
+        std::filesystem::remove_all(parked, ignored); // it could not be shown
+    } else if (m_configured.erase(device.name) != 0) {
+        std::filesystem::remove_all(parked, ignored);
+    } else {
+        ShownDevice kept = device;
+        kept.address = 0;
+        m_parked.insert_or_assign(device.name, std::move(kept));
     }
 }
 
 // Another file, because the present one may be shared. It appears at once, as a whole.
-void Sysfs::setConfiguration(const std::string& name, std::uint8_t value) const {
-    const std::string path = folderOf(m_root, name) + "bConfigurationValue";
-    const std::string text = configurationText(value);
-    const std::string fresh = m_root + "/contents/" + name;
+void Sysfs::replaceFile(const ShownDevice& device, const char* name, const std::string& text) const {
+    const std::string fresh = m_root + "/contents/" + device.name;
     {
         const FileDescriptor file(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         if (!file || ::write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
             return;
         }
     }
-    ::rename(fresh.c_str(), path.c_str());
+    ::rename(fresh.c_str(), (folderOf(device) + name).c_str());
+}
+
+void Sysfs::setPorts(const ShownDevice& hub, unsigned ports) const {
+    replaceFile(hub, "maxchild", std::to_string(ports) + "\n");
+}
+
+void Sysfs::setConfiguration(const ShownDevice& device, std::uint8_t value) {
+    const std::string folder = folderOf(device);
+    const std::string links = m_root + "/sys/bus/usb/devices/";
+    {
+        const std::lock_guard lock(m_mutex);
+        m_configured.insert(device.name);
+    }
+    for (const std::string& name : interfaceNames(device)) {
+        std::error_code ignored;
+        ::unlink((links + name).c_str());
+        std::filesystem::remove_all(folder + name, ignored);
+    }
+    for (const auto& [name, content] : configurationAttributes(device, value)) {
+        replaceFile(device, name.c_str(), content);
+    }
+    for (const ShownInterface& shown : interfacesOf(device, value)) {
+        try {
+            makeInterface(device, folder, shown);
+            makeLink("../../.." + devicePath(device) + "/" + shown.name, links + shown.name);
+        } catch (const std::system_error&) {
+            return; // there is no room
+        }
+    }
+}
+
+void Sysfs::setDriver(const ShownDevice& device, std::uint8_t configuration, unsigned interfaceNumber,
+                      const std::string& driver) const {
+    const std::string path = devicePath(device) + "/" + interfaceName(device, configuration, interfaceNumber);
+    const std::string link = m_root + "/sys" + path + "/driver";
+    ::unlink(link.c_str());
+    if (!driver.empty()) {
+        const std::string target = "bus/usb/drivers/" + driver;
+        ::mkdir((m_root + "/sys/" + target).c_str(), 0755);
+        [[maybe_unused]] const int made = ::symlink((upFrom(path) + target).c_str(), link.c_str());
+    }
 }
 
 } // namespace emulator

@@ -4,43 +4,29 @@
 #pragma once
 
 #include "model/description.h"
+#include "usbfs/attributes.h"
 
 #include <map>
+#include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include <sys/stat.h>
 
 namespace emulator {
 
-struct ShownDevice {
-    std::string name; // in /sys/bus/usb/devices
-    std::uint8_t bus = 1;
-    std::uint8_t address = 0;
-    std::uint16_t vendor = 0;
-    std::uint16_t product = 0;
-    std::uint16_t release = 0;
-    Speed speed = Speed::full;
-    std::uint8_t configuration = 0;
-    Bytes descriptors; // of the device, then of each configuration
-};
-
 // Each bus has the root hub of its host controller, as in the kernel.
 constexpr std::uint8_t rootHubAddress = 1;
-std::string rootHubName(std::uint8_t bus);
 ReaderDescription rootHub(std::uint8_t bus);
 
 // A device that has just been plugged in, with its descriptors as programs read them.
 ShownDevice shownDevice(std::string name, const ReaderDescription& description, std::uint8_t bus,
-                        std::uint8_t address);
+                        std::uint8_t address, unsigned port);
 
 // The permissions of a node.
 constexpr unsigned nodeMode = 0664;
-
-// The node of the device with this address, as programs see it.
-std::string nodePath(std::uint8_t bus, std::uint8_t address);
 
 class Sysfs {
 public:
@@ -54,20 +40,34 @@ public:
     void hideNode(const ShownDevice& device);
     void hide(const ShownDevice& device);
 
-    // Any thread.
-    void setConfiguration(const std::string& name, std::uint8_t value) const;
+    void setPorts(const ShownDevice& hub, unsigned ports) const;
+
+    // Both for any thread, while the device is shown.
+    void setConfiguration(const ShownDevice& device, std::uint8_t value);
+    void setDriver(const ShownDevice& device, std::uint8_t configuration, unsigned interfaceNumber,
+                   const std::string& driver) const; // "": none
 
 private:
+    void showBus(std::uint8_t bus);
+    void writeAttributes(const std::string& folder, const Attributes& attributes);
     void writeShared(const std::string& path, const std::string& content);
+    void replaceFile(const ShownDevice& device, const char* name, const std::string& text) const;
+    void makeDevice(const ShownDevice& device, const std::string& folder);
+    void makeInterface(const ShownDevice& device, const std::string& folder, const ShownInterface& shown);
+    bool unpark(const ShownDevice& device, const std::string& folder);
+    std::vector<std::string> interfaceNames(const ShownDevice& device) const;
+    std::string folderOf(const ShownDevice& device) const;
 
     std::string m_root;
-    std::map<std::string, std::string>
-        m_contents;            // of files that many devices have in common, and one such file
-    std::vector<bool> m_buses; // that have a folder of nodes
-};
+    std::vector<bool> m_buses; // that have a folder of nodes and a controller
 
-// The names and values that describe a device in its file "uevent" and in udev events.
-using Properties = std::vector<std::pair<std::string_view, std::string>>;
-Properties propertiesOf(const ShownDevice& device);
+    // The folders of unplugged devices. Most readers return as they were; theirs is used again.
+    std::map<std::string, ShownDevice> m_parked; // by name, with address 0
+
+    std::mutex m_mutex; // for the following
+    std::map<std::string, std::string>
+        m_contents;                     // of files that many devices have in common, and one such file
+    std::set<std::string> m_configured; // devices in another configuration than when they were plugged in
+};
 
 } // namespace emulator

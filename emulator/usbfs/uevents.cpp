@@ -157,7 +157,7 @@ void Uevents::send(std::string_view action, const ShownDevice& device) {
     const auto property = [&](std::string_view name, std::string_view value) {
         properties.append(name).append("=").append(value).append(1, '\0');
     };
-    const std::string path = "/devices/" + device.name;
+    const std::string path = devicePath(device);
     property("ACTION", action);
     property("DEVPATH", path);
     property("SUBSYSTEM", "usb");

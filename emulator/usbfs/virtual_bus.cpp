@@ -86,7 +86,11 @@ VirtualBus::Place VirtualBus::freePlace(const ReaderDescription& description) {
 
 void VirtualBus::connect(Reader& reader, const std::string& name, Place at, unsigned port) {
     const ReaderDescription& description = reader.model.description();
-    reader.shown = shownDevice(name, description, at.bus, at.address);
+    reader.shown = shownDevice(name, description, at.bus, at.address, port);
+    reader.shown.ports = description.hub ? reader.model.portCount() : 0;
+    for (const std::uint8_t unreadable : reader.model.requestFaults().unreadableStrings) {
+        reader.shown.strings.erase(unreadable);
+    }
     struct stat place {};
     try {
         place = m_sysfs.show(reader.shown);
@@ -97,21 +101,45 @@ void VirtualBus::connect(Reader& reader, const std::string& name, Place at, unsi
     }
     {
         const NodeServer::Lock lock(m_server);
-        NodeFacts facts = {
-            .bus = at.bus,
-            .address = at.address,
-            .port = port,
-            .speed = description.speed,
-            .descriptors = reader.shown.descriptors,
-            .fileDevice = place.st_dev,
-            .fileInode = place.st_ino,
-            .configured = [this, name](std::uint8_t value) { m_sysfs.setConfiguration(name, value); }};
+        NodeFacts facts = {.bus = at.bus,
+                           .address = at.address,
+                           .port = port,
+                           .speed = description.speed,
+                           .descriptors = reader.shown.descriptors,
+                           .fileDevice = place.st_dev,
+                           .fileInode = place.st_ino,
+                           .configured = [this, shown = reader.shown](
+                                             std::uint8_t value) { m_sysfs.setConfiguration(shown, value); },
+                           .bound =
+                               [this, shown = reader.shown](std::uint8_t configuration,
+                                                            unsigned interfaceNumber,
+                                                            const std::string& driver) {
+                                   m_sysfs.setDriver(shown, configuration, interfaceNumber, driver);
+                               }};
         reader.node =
             std::make_shared<UsbfsNode>(std::move(facts), reader.model, reader.faults, reader.counts, now());
+        reader.node->showDrivers();
         m_server.add(reader.node, reader.faults.refuseOpen);
     }
     m_taken.at(at.bus)[at.address] = true;
+    showOnHub(reader, true);
     m_uevents.send("add", reader.shown);
+}
+
+// On the port of the root hub.
+void VirtualBus::showOnHub(const Reader& reader, bool plugged) {
+    if (reader.shown.port == 0) {
+        return;
+    }
+    Reader& hub = *m_rootHubs.at(reader.shown.bus);
+    const unsigned before = hub.model.portCount();
+    {
+        const NodeServer::Lock lock(m_server);
+        hub.model.connectPort(reader.shown.port, plugged ? std::optional(reader.shown.speed) : std::nullopt);
+    }
+    if (hub.model.portCount() != before) {
+        m_sysfs.setPorts(hub.shown, hub.model.portCount());
+    }
 }
 
 // The node goes first and the rest after the event, as in the kernel.
@@ -122,6 +150,7 @@ void VirtualBus::remove(Reader& reader) {
         m_server.remove(*reader.node);
         reader.node.reset();
     }
+    showOnHub(reader, false);
     m_uevents.send("remove", reader.shown);
     m_sysfs.hide(reader.shown);
 }
@@ -191,6 +220,7 @@ void VirtualBus::bindDriver(std::size_t number, const std::string& name) {
     reader.model.setKernelDriver(name);
     if (reader.node) {
         reader.node->device().bindDriver(name);
+        reader.node->showDrivers();
     }
 }
 

@@ -68,6 +68,7 @@ private:
 
     void connect(Reader& reader, const std::string& name, Place at, unsigned port);
     void remove(Reader& reader);
+    void showOnHub(const Reader& reader, bool plugged);
     void ensureRootHub(std::uint8_t bus); // before the bus's first reader
     std::optional<std::uint8_t> freeAddress(std::uint8_t bus);
     Place freePlace(const ReaderDescription& description);

@@ -118,6 +118,22 @@ TEST_F(UsbfsDeviceTest, DriverKeepsTheInterfaceUntilDetached) {
     EXPECT_EQ(device.detachDriver(first, 9), -EINVAL);
 }
 
+TEST(UsbfsDeviceDriverTest, OnlyTheFirstInterfaceGetsTheDriver) {
+    ReaderModel reader{parseReaders("interfaces=2,driver=usbhid").front()};
+    HostFaults faults;
+    HostCounts counts;
+    UsbfsDevice device{reader, faults, counts, Time{}};
+    const OpenId opening = device.open();
+    EXPECT_EQ(device.detachDriver(opening, 0), 0);
+    EXPECT_EQ(device.attachDriver(opening, 1), 0) << "no driver matches it";
+    EXPECT_EQ(device.driver(0), "");
+    EXPECT_EQ(device.driver(1), "");
+    EXPECT_EQ(device.attachDriver(opening, 0), 1);
+    EXPECT_EQ(device.driver(0), "usbhid");
+    EXPECT_EQ(device.attachDriver(opening, 0), -EBUSY);
+    EXPECT_EQ(device.attachDriver(opening, 2), -EINVAL);
+}
+
 TEST_F(UsbfsDeviceTest, HostFaultsFailClaimAndReset) {
     faults.busy = true;
     EXPECT_EQ(device.claim(first, 0), -EBUSY);

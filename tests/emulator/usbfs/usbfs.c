@@ -196,6 +196,114 @@ static void InterfacesAreClaimedByOneOpening(void** state) {
     close(other);
 }
 
+/* A file of the only reader in sysfs, or of its interface if the name begins with ":1.0/", as far as there is one. */
+static const char* sysfs_text(const char* name) {
+    static char text[256];
+    char path[600];
+    DIR* const devices = opendir("/sys/bus/usb/devices");
+    assert_non_null(devices);
+    text[0] = '\0';
+    for (struct dirent* entry; (entry = readdir(devices)) != NULL;) {
+        if (attribute(entry->d_name, "idVendor", 16) != GVUSB_VENDOR_ID) {
+            continue;
+        }
+        snprintf(path, sizeof path, "/sys/bus/usb/devices/%s%s%s", entry->d_name, name[0] == ':' ? "" : "/",
+                 name);
+        const int file = open(path, O_RDONLY | O_CLOEXEC);
+        const ssize_t length = file >= 0 ? read(file, text, sizeof text - 1) : -1;
+        if (length >= 0) {
+            text[length] = '\0';
+        } else {
+            const ssize_t target = readlink(path, text, sizeof text - 1);
+            text[target > 0 ? target : 0] = '\0';
+        }
+        if (file >= 0) {
+            close(file);
+        }
+        break;
+    }
+    closedir(devices);
+    return text;
+}
+
+static void SysfsDescribesTheReader(void** state) {
+    assert_string_equal(sysfs_text("bConfigurationValue"), "1\n");
+    assert_string_equal(sysfs_text("bNumInterfaces"), " 1\n");
+    assert_string_equal(sysfs_text("bNumConfigurations"), "1\n");
+    assert_string_equal(sysfs_text("bmAttributes"), "80\n");
+    assert_string_equal(sysfs_text("bMaxPower"), "100mA\n");
+    assert_string_equal(sysfs_text("bMaxPacketSize0"), "64\n");
+    assert_string_equal(sysfs_text("bDeviceClass"), "00\n");
+    assert_string_equal(sysfs_text("bcdDevice"), "0100\n");
+    assert_string_equal(sysfs_text("version"), " 1.10\n");
+    assert_string_equal(sysfs_text("speed"), "12\n");
+    assert_string_equal(sysfs_text("maxchild"), "0\n");
+    assert_string_equal(sysfs_text("quirks"), "0x0\n");
+    assert_string_equal(sysfs_text("avoid_reset_quirk"), "0\n");
+    assert_string_equal(sysfs_text("authorized"), "1\n");
+    assert_string_equal(sysfs_text("ltm_capable"), "no\n");
+    assert_string_equal(sysfs_text("rx_lanes"), "1\n");
+    assert_string_equal(sysfs_text("tx_lanes"), "1\n");
+    assert_string_equal(sysfs_text("serial"), "A1\n");
+    assert_string_equal(sysfs_text("configuration"), "");
+    assert_string_equal(sysfs_text("ep_00/type"), "Control\n");
+    assert_string_equal(sysfs_text("ep_00/bLength"), "07\n");
+    assert_string_equal(sysfs_text("ep_00/interval"), "0ms\n");
+    assert_string_equal(sysfs_text(":1.0/bInterfaceNumber"), "00\n");
+    assert_string_equal(sysfs_text(":1.0/bAlternateSetting"), " 0\n");
+    assert_string_equal(sysfs_text(":1.0/bNumEndpoints"), "02\n");
+    assert_string_equal(sysfs_text(":1.0/bInterfaceClass"), "ff\n");
+    assert_string_equal(sysfs_text(":1.0/interface"), "TESK RCI2\n");
+    assert_string_equal(sysfs_text(":1.0/ep_81/type"), "Bulk\n");
+    assert_string_equal(sysfs_text(":1.0/ep_81/direction"), "in\n");
+    assert_string_equal(sysfs_text(":1.0/ep_02/wMaxPacketSize"), "0040\n");
+    assert_string_equal(sysfs_text(":1.0/ep_02/interval"), "0ms\n");
+}
+
+static bool ends_with(const char* text, const char* end) {
+    const size_t length = strlen(text);
+    return length >= strlen(end) && strcmp(text + length - strlen(end), end) == 0;
+}
+
+static void SysfsShowsDriversAndTheConfiguration(void** state) {
+    assert_string_equal(sysfs_text(":1.0/driver"), "");
+    const int node = open_claimed();
+    assert_true(ends_with(sysfs_text(":1.0/driver"), "/bus/usb/drivers/usbfs"));
+    assert_int_equal(call_word(node, USBDEVFS_RELEASEINTERFACE, 0), 0);
+    assert_string_equal(sysfs_text(":1.0/driver"), "");
+    assert_int_equal(call_word(node, USBDEVFS_SETCONFIGURATION, 0), 0);
+    assert_string_equal(sysfs_text("bConfigurationValue"), "");
+    assert_string_equal(sysfs_text("bNumInterfaces"), "");
+    assert_string_equal(sysfs_text(":1.0/bInterfaceNumber"), "");
+    assert_int_equal(call_word(node, USBDEVFS_SETCONFIGURATION, 1), 0);
+    assert_string_equal(sysfs_text("bConfigurationValue"), "1\n");
+    assert_string_equal(sysfs_text(":1.0/ep_81/type"), "Bulk\n");
+    close(node);
+}
+
+/* At the end of a page that is followed by none, so that reading beyond the name is an error. */
+static void ADriversNameMayFillItsRoom(void** state) {
+    const size_t page = (size_t)sysconf(_SC_PAGESIZE);
+    unsigned char* const pages =
+        mmap(NULL, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    assert_ptr_not_equal(pages, MAP_FAILED);
+    assert_int_equal(munmap(pages + page, page), 0);
+    struct usbdevfs_disconnect_claim* const wanted =
+        (struct usbdevfs_disconnect_claim*)(pages + page - sizeof *wanted);
+    const int node = open_claimed();
+    const int other = open_node(O_RDWR);
+    memset(wanted, 'x', sizeof *wanted);
+    memcpy(wanted->driver, "usbfs", 5);
+    wanted->interface = 0;
+    wanted->flags = USBDEVFS_DISCONNECT_CLAIM_IF_DRIVER;
+    assert_int_equal(call(other, USBDEVFS_DISCONNECT_CLAIM, wanted), -EBUSY);
+    wanted->flags = USBDEVFS_DISCONNECT_CLAIM_EXCEPT_DRIVER;
+    assert_int_equal(call(other, USBDEVFS_DISCONNECT_CLAIM, wanted), 0);
+    close(other);
+    close(node);
+    munmap(pages, page);
+}
+
 static void RequestsWork(void** state) {
     const int node = open_claimed();
     unsigned char data[64] = {0};
@@ -975,6 +1083,9 @@ int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
 #define TEST(name) cmocka_unit_test_setup(name, set_up)
         TEST(InterfacesAreClaimedByOneOpening),
+        TEST(SysfsDescribesTheReader),
+        TEST(SysfsShowsDriversAndTheConfiguration),
+        TEST(ADriversNameMayFillItsRoom),
         TEST(RequestsWork),
         TEST(HaltsAreClearedByWhoHasClaimed),
         TEST(AnUnconfiguredReaderHasNoInterfaces),
