@@ -51,12 +51,17 @@ Session::Session(Options options, const BlockedSignals& signals, Bus& bus, std::
     , m_bus(bus)
     , m_socket(std::move(socket))
     , m_channel(m_socket, [this](std::string_view line) { return runLine(line); }) {
+    // The bus has to know which addresses are wanted before it chooses any.
+    std::vector<std::size_t> plugged;
     for (ReaderDescription& description : m_options.readers) {
-        const bool plugged = description.plugged;
+        const bool isPlugged = description.plugged;
         const std::size_t reader = m_bus.add(std::move(description));
-        if (plugged) {
-            m_bus.plug(reader);
+        if (isPlugged) {
+            plugged.push_back(reader);
         }
+    }
+    for (const std::size_t reader : plugged) {
+        m_bus.plug(reader);
     }
 }
 

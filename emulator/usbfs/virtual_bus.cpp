@@ -33,6 +33,9 @@ Reader& VirtualBus::readerNumber(std::size_t number) const {
 }
 
 std::size_t VirtualBus::add(ReaderDescription description) {
+    if (description.address) {
+        m_reserved.emplace(description.bus, *description.address);
+    }
     m_readers.push_back(std::make_unique<Reader>(std::move(description)));
     return m_readers.size();
 }
@@ -57,7 +60,7 @@ std::optional<std::uint8_t> VirtualBus::freeAddress(std::uint8_t bus) {
     std::uint8_t& last = m_lastAddress.at(bus);
     for (std::uint8_t tried = 0; tried < highestAddress; ++tried) {
         last = last == highestAddress ? std::uint8_t{1} : static_cast<std::uint8_t>(last + 1);
-        if (!taken[last]) {
+        if (!taken[last] && !m_reserved.contains({bus, last})) {
             return last;
         }
     }

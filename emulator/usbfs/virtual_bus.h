@@ -15,7 +15,9 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace emulator {
@@ -79,6 +81,7 @@ private:
     std::map<std::uint8_t, std::unique_ptr<Reader>> m_rootHubs; // by bus
     std::map<std::uint8_t, std::uint8_t> m_lastAddress;         // by bus
     std::map<std::uint8_t, std::vector<bool>> m_taken;          // addresses, by bus
+    std::set<std::pair<std::uint8_t, std::uint8_t>> m_reserved; // bus and address of readers that name theirs
     NodeServer m_server;                                        // its thread ends before the readers do
 };
 

@@ -104,6 +104,12 @@ helps() {
     expect_output '^gvusb-emulate [0-9]'
 }
 
+chooses_addresses_that_no_reader_names() {
+    expect_status 0 "$emulate" --reader id=A,copies=2 --reader id=B,address=2 --reader id=C,address=4,plugged=no -- sh -c \
+        "'$emulate' --send 'plug id=D' && '$emulate' --send 'plug 4' && '$emulate' --send list"
+    expect_output '^ok 1 [0-9a-f:]* 001/003 A; 2 [0-9a-f:]* 001/005 B; 3 [0-9a-f:]* 001/002 B; 4 [0-9a-f:]* 001/004 C; 5 [0-9a-f:]* 001/006 D$'
+}
+
 leaves_nothing_behind() {
     folder=$("$emulate" -- sh -c 'echo "$GVUSB_EMULATE_FOLDER"')
     case $folder in
