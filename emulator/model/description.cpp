@@ -206,6 +206,16 @@ void applyPair(Draft& draft, std::string_view pair) {
     throw TextError("unknown key '" + std::string(name) + "'");
 }
 
+// A real host accepts no such device either.
+void checkSpeed(const ReaderDescription& reader) {
+    const auto fits = [](const Endpoint& endpoint) { return endpoint.type == TransferType::interrupt; };
+    if (reader.speed == Speed::low && !std::ranges::all_of(reader.endpoints, fits)) {
+        throw TextError(
+            "speed=low cannot be used with bulk or isochronous endpoints, which low-speed devices do not "
+            "have; add endpoints=control or endpoints=interrupt");
+    }
+}
+
 std::uint64_t hexadecimalId(const std::string& text) {
     try {
         return number("id", "0x" + text, 0, 0xFFFFFFFF);
@@ -229,6 +239,7 @@ std::vector<ReaderDescription> parseReaders(std::string_view line) {
             applyPair(draft, pair);
         }
     }
+    checkSpeed(draft.reader);
     std::vector<ReaderDescription> readers(static_cast<std::size_t>(draft.copies), draft.reader);
     if (draft.copies > 1 && draft.reader.address) {
         throw TextError("copies cannot be used with address: two readers cannot share an address");

@@ -97,6 +97,11 @@ TEST(ReaderDescriptionTest, NamesTheMistake) {
     EXPECT_EQ(complaint("colour=red"), "unknown key 'colour'");
     EXPECT_EQ(complaint("product"), "expected KEY=VALUE, not 'product'");
     EXPECT_EQ(complaint("product=70000"), "product must be a number from 0 to 65535, not '70000'");
+    EXPECT_EQ(complaint("speed=low"), "speed=low cannot be used with bulk or isochronous endpoints, which "
+                                      "low-speed devices do not have; add "
+                                      "endpoints=control or endpoints=interrupt");
+    EXPECT_EQ(complaint("endpoints=0x81:interrupt+0x02:iso,speed=low"), complaint("speed=low"));
+    EXPECT_EQ(parseReaders("speed=low,endpoints=interrupt").front().speed, Speed::low);
     EXPECT_EQ(complaint("speed=warp"), "speed must be low, full or high, not 'warp'");
     EXPECT_EQ(complaint("descriptors=12 0"), "descriptors must have two digits for each byte, not '12 0'");
     EXPECT_EQ(complaint("descriptors=0x12"), "descriptors must be pairs of hexadecimal digits, not '0x12'");

@@ -77,7 +77,7 @@ TEST(DescriptorsTest, GivenDescriptorsMayEndAnywhere) {
 
 TEST(DescriptorsTest, PacketSizeFollowsSpeed) {
     const Endpoint bulk = {.address = 0x81};
-    EXPECT_EQ(packetSize(described("speed=low"), bulk), 8);
+    EXPECT_EQ(packetSize(described("speed=low,endpoints=interrupt"), bulk), 8);
     EXPECT_EQ(packetSize(described("speed=full"), bulk), 64);
     EXPECT_EQ(packetSize(described("speed=high"), bulk), 512);
     EXPECT_EQ(packetSize(described("speed=high"), {.address = 0x81, .packetSize = 40}), 40);
