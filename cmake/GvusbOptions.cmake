@@ -22,6 +22,7 @@ if(NOT CLI11_FOUND)
 endif()
 find_package(nlohmann_json QUIET)
 if(NOT nlohmann_json_FOUND)
+    list(APPEND missing_for_emulator nlohmann-json3-dev)
     list(APPEND missing_for_tools nlohmann-json3-dev)
 endif()
 

@@ -10,7 +10,12 @@ _gvusb_emulate() {
         fi
     done
     case ${COMP_WORDS[COMP_CWORD - 1]} in
-    --reader | --send | --listen | --kill-after) COMPREPLY=() ;;
+    --reader | --listen | --kill-after) COMPREPLY=() ;;
+    --send)
+        mapfile -t COMPREPLY < <(compgen -W 'plug unplug replug string remove-string fail-string descriptors stall unstall
+            mute unmute delay short reply flush busy driver refuse fail-configuration fail-reset list frames counts
+            wait' -- "$word")
+        ;;
     --readers | --script | --config)
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$word")

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <utility>
 
+#include <nlohmann/json.hpp>
+
 namespace emulator::actions {
 
 namespace {
@@ -92,6 +94,24 @@ CommandAnswer ofHost(const Bus& bus, Text arguments, Change change) {
         change(reader, arguments);
     }
     return ok();
+}
+
+CommandAnswer listAsJson(Bus& bus) {
+    using Json = nlohmann::ordered_json;
+    Json readers = Json::array();
+    for (std::size_t reader = 1; reader <= bus.size(); ++reader) {
+        const Json place = bus.plugged(reader) ? Json(bus.place(reader)) : Json();
+        bus.with(reader, [&](const ReaderModel& r) {
+            const ReaderDescription& description = r.description();
+            const auto id = description.strings.find(deviceIdString);
+            readers.push_back({{"number", reader},
+                               {"vendor", numbered("%04x", description.vendor)},
+                               {"product", numbered("%04x", description.product)},
+                               {"place", place},
+                               {"id", id == description.strings.end() ? Json() : Json(id->second)}});
+        });
+    }
+    return ok(readers.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 } // namespace
@@ -280,6 +300,9 @@ CommandAnswer failReset(Bus& bus, Text arguments) {
 }
 
 CommandAnswer list(Bus& bus, Text arguments) {
+    if (arguments == "--json") {
+        return listAsJson(bus);
+    }
     expectEnd(arguments);
     std::string text;
     for (std::size_t reader = 1; reader <= bus.size(); ++reader) {

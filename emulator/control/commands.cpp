@@ -51,8 +51,12 @@ constexpr std::array commands = {
     Command{"fail-configuration", "READER on|off", "make setting a configuration fail", 2,
             actions::failConfiguration},
     Command{"fail-reset", "READER on|off", "make resetting the reader fail", 2, actions::failReset},
-    Command{"list", "", "of each reader: number, vendor:product, bus/address or \"unplugged\", device ID", 0,
-            actions::list},
+    Command{
+        "list", "[--json]",
+        "of each reader: number, vendor:product, bus/address or \"unplugged\", device ID; or an array of\n"
+        "      objects with \"number\", \"vendor\", \"product\", \"place\" and \"id\", the last two null if "
+        "missing",
+        0, actions::list},
     Command{"frames", "READER", "number of frames received, endpoint and bytes of the last one", 1,
             actions::frames},
     Command{"counts", "READER", "how often the reader was opened, claimed, reset and so on", 1,
@@ -91,6 +95,14 @@ CommandAnswer runCommand(Bus& bus, std::string_view line) {
 void checkCommand(std::string_view line) {
     const Command& command = commandNamed(takeWord(line));
     checkArguments(command, line);
+}
+
+std::vector<std::string_view> commandNames() {
+    std::vector<std::string_view> names;
+    for (const Command& command : commands) {
+        names.push_back(command.name);
+    }
+    return names;
 }
 
 std::string describeCommands() {

@@ -8,6 +8,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace emulator {
 
@@ -21,6 +22,8 @@ CommandAnswer runCommand(Bus& bus, std::string_view line);
 
 // Check the command and the number of its arguments. Other mistakes show only when it runs. Throws TextError.
 void checkCommand(std::string_view line);
+
+std::vector<std::string_view> commandNames();
 
 // Every command with its arguments and meaning, for the help.
 std::string describeCommands();

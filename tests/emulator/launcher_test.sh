@@ -282,6 +282,11 @@ sends_commands() {
     expect_output 'GVUSB_EMULATE_SOCKET is not set'
     expect_status 0 "$emulate" --reader id=CAFE -- "$emulate" --send list
     expect_output '^ok 1 [0-9a-f]*:0001 001/002 CAFE$'
+    expect_status 0 "$emulate" --reader 'id=CAFE,vendor=0x1234,product=0xab' --reader 'id=a"é,missing=3,plugged=no' -- \
+        "$emulate" --send 'list --json'
+    expect_output '^ok \[{"number":1,"vendor":"1234","product":"00ab","place":"001/002","id":"CAFE"},{"number":2,.*"place":null,"id":"a\\"é"}\]$'
+    expect_status 1 "$emulate" -- "$emulate" --send 'list --yaml'
+    expect_output "^error: unexpected argument '--yaml'\$"
     expect_status 1 "$emulate" -- "$emulate" --send 'unplug 3'
     expect_output '^error: reader must be a number from 1 to 2, not .3.$'
     expect_status 1 "$emulate" -- "$emulate" --send 'stall 1'

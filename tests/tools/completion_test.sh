@@ -84,6 +84,7 @@ completes_the_launchers_options() {
     expect_equal "the launcher's options" "$(complete_launcher --)" "-- $options"
     touch "$scratch/script"
     expect_equal "the files of an option" "$(complete_launcher --script "$scratch/scr")" "$scratch/script"
+    expect_equal "a command" "$(complete_launcher --send unp)" 'unplug'
     expect_equal "an unknown value" "$(complete_launcher --reader '')" ''
 }
 
