@@ -7,11 +7,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// Returns the number of bytes, or -1 if the system does not allow the call.
-static ssize_t move(long call, const struct iovec* own, size_t own_count, const struct iovec* program,
-                    size_t program_count) {
+// Reads from the process itself, also to copy to the program: valgrind knows what this call writes, but not what
+// process_vm_writev() does. Returns the number of bytes, or -1 if the system does not allow the call.
+static ssize_t move(const struct iovec* to, size_t to_count, const struct iovec* from, size_t from_count) {
     const int error = errno;
-    const ssize_t moved = syscall(call, getpid(), own, own_count, program, program_count, 0UL);
+    const ssize_t moved = syscall(SYS_process_vm_readv, getpid(), to, to_count, from, from_count, 0UL);
     const int failure = errno;
     errno = error;
     if (moved >= 0) {
@@ -23,7 +23,7 @@ static ssize_t move(long call, const struct iovec* own, size_t own_count, const 
 bool copy_from_program(void* to, const void* program, size_t size) {
     const struct iovec own = {.iov_base = to, .iov_len = size};
     const struct iovec theirs = {.iov_base = (void*)program, .iov_len = size};
-    const ssize_t moved = size == 0 ? 0 : move(SYS_process_vm_readv, &own, 1, &theirs, 1);
+    const ssize_t moved = size == 0 ? 0 : move(&own, 1, &theirs, 1);
     if (moved < 0) {
         memcpy(to, program, size);
         return true;
@@ -36,7 +36,7 @@ bool copy_pieces_to_program(const struct iovec* program, const struct iovec* fro
     for (size_t i = 0; i < count; ++i) {
         size += from[i].iov_len;
     }
-    const ssize_t moved = size == 0 ? 0 : move(SYS_process_vm_writev, from, count, program, count);
+    const ssize_t moved = size == 0 ? 0 : move(program, count, from, count);
     for (size_t i = 0; moved < 0 && i < count; ++i) {
         memcpy(program[i].iov_base, from[i].iov_base, from[i].iov_len);
     }
