@@ -26,6 +26,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* preloadVariable = "LD_PRELOAD";
+constexpr const char* sanitizerVariable = "ASAN_OPTIONS";
 constexpr std::string_view preloadName = "libgvusb-emulate-preload.so";
 
 // The entries of LD_PRELOAD except the emulator's own.
@@ -56,10 +57,17 @@ fs::path findPreload() {
     throw std::runtime_error(candidates.front().string() + ": no such file");
 }
 
+// The address sanitizer of gcc refuses to run behind a preloaded library, although it works there.
+std::string sanitizerOptions() {
+    const char* const options = std::getenv(sanitizerVariable);
+    return (options != nullptr ? options + std::string(":") : std::string()) + "verify_asan_link_order=0";
+}
+
 Program::Environment emulatedEnvironment(const Options& options, const fs::path& folder) {
     std::string preloads = foreignPreloads();
     preloads += (preloads.empty() ? "" : ":") + findPreload().string();
     return {{preloadVariable, preloads},
+            {sanitizerVariable, sanitizerOptions()},
             {emulate_folder_variable, folder.string()},
             {emulate_configuration_variable, options.configurationFile}};
 }

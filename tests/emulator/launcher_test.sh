@@ -255,6 +255,7 @@ keeps_environment() {
     mkdir "$long"
     expect_equal TMPDIR "$(TMPDIR=$long "$emulate" -- sh -c 'echo "$TMPDIR"')" "$long"
     expect_equal "files in TMPDIR" "$(ls "$long")" ""
+    expect_equal ASAN_OPTIONS "$(ASAN_OPTIONS=a=1 "$emulate" -- sh -c 'echo "$ASAN_OPTIONS"')" a=1:verify_asan_link_order=0
     expect_equal "no TMPDIR" "$(env -u TMPDIR "$emulate" -- sh -c 'echo "${TMPDIR-none}"')" none
     preloads=$(LD_PRELOAD=libdl.so.2 "$emulate" -- sh -c 'echo "$LD_PRELOAD"')
     case $preloads in
