@@ -68,6 +68,8 @@ Program::Environment emulatedEnvironment(const Options& options, const fs::path&
     preloads += (preloads.empty() ? "" : ":") + findPreload().string();
     return {{preloadVariable, preloads},
             {sanitizerVariable, sanitizerOptions()},
+            {emulate_system_calls_variable,
+             options.trapSystemCalls ? std::optional<std::string>("trap") : std::nullopt},
             {emulate_folder_variable, folder.string()},
             {emulate_configuration_variable, options.configurationFile}};
 }

@@ -93,6 +93,7 @@ struct Words {
     std::string address{defaultUsbipAddress};
     std::string command;
     unsigned killAfter = 5;
+    bool trapSystemCalls = false;
     bool waitForAll = false;
     bool noReaders = false;
     bool noConfiguration = false;
@@ -126,6 +127,10 @@ void addOptions(CLI::App& app, Words& words) {
     app.add_flag(
         "--wait-for-all", words.waitForAll,
         "Wait until all processes of the program have ended, instead of killing those that it leaves behind");
+    app.add_flag("--trap-system-calls", words.trapSystemCalls,
+                 "Serve system calls that the program makes without the C library too, as USB libraries in "
+                 "Rust do; it "
+                 "must not use SIGSYS (x86-64 with Linux 5.11 or later)");
     CLI::Option* const usbip = app.add_flag(
         "--usbip", words.usbip, "Serve the readers by USB/IP until a signal or the end of the program");
     app.add_option("--listen", words.address, "Where to listen for USB/IP clients; port 0 picks a free one")
@@ -185,12 +190,16 @@ Options optionsFrom(const CLI::App& app, const Words& words) {
     }
     options.verbose = words.verbose;
     options.killAfter = words.killAfter;
+    options.trapSystemCalls = words.trapSystemCalls;
     options.waitForAll = words.waitForAll;
     if (words.usbip) {
         options.usbip = parseSocketAddress(words.address);
     }
     if (options.program.empty() && !words.usbip) {
         throw TextError("missing program");
+    }
+    if (words.usbip && words.trapSystemCalls) {
+        throw TextError("--trap-system-calls cannot be used with --usbip");
     }
     if (words.usbip && (words.noConfiguration || hasConfiguration)) {
         throw TextError("--config and --no-config cannot be used with --usbip");

@@ -19,7 +19,8 @@ struct Options {
     bool verbose = false;
     std::optional<std::string> command; // to send to a running bus; nothing else is done
     std::optional<SocketAddress> usbip; // where to serve the readers, instead of on an emulated bus
-    unsigned killAfter = 5;  // seconds after a signal to end, if the program has not ended by then; 0: never
+    unsigned killAfter = 5; // seconds after a signal to end, if the program has not ended by then; 0: never
+    bool trapSystemCalls = false; // serve those that bypass the C library
     bool waitForAll = false; // wait for processes that the program leaves behind, instead of killing them
     std::vector<std::string> program; // may be empty only with `usbip`
 };

@@ -9,10 +9,12 @@ static const char emulate_configuration_file[] = "/etc/gavo/gvusb.conf";
 static const char emulate_node_folder[] = "/dev/bus/usb/";
 
 // Environment variables that the launcher sets for the program: its scratch folder, the file to open instead of
-// the configuration file, the command socket and the address of the USB/IP server.
+// the configuration file, the command socket, whether to serve system calls that bypass the C library, and the address of
+// the USB/IP server.
 static const char emulate_folder_variable[] = "GVUSB_EMULATE_FOLDER";
 static const char emulate_configuration_variable[] = "GVUSB_EMULATE_CONFIG";
 static const char emulate_socket_variable[] = "GVUSB_EMULATE_SOCKET";
+static const char emulate_system_calls_variable[] = "GVUSB_EMULATE_SYSTEM_CALLS";
 static const char emulate_usbip_variable[] = "GVUSB_EMULATE_USBIP";
 
 // In the scratch folder: the emulated /sys, /dev/bus and /run/udev, the socket for opening nodes, and the folder with the

@@ -22,7 +22,7 @@ _gvusb_emulate() {
         ;;
     *)
         mapfile -t COMPREPLY < <(compgen -W '--help --reader --readers --no-readers --script --config --no-config --usbip
-            --listen --kill-after --wait-for-all --verbose --send --version --' -- "$word")
+            --listen --kill-after --wait-for-all --trap-system-calls --verbose --send --version --' -- "$word")
         ;;
     esac
 }
