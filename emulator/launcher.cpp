@@ -2,6 +2,7 @@
 
 #include "preload_contract.h"
 #include "program.h"
+#include "program_file.h"
 #include "scratch_folder.h"
 #include "session.h"
 #include "usbfs/virtual_bus.h"
@@ -24,6 +25,8 @@ namespace emulator {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr int outOfReach = 126;
 
 constexpr const char* preloadVariable = "LD_PRELOAD";
 constexpr const char* sanitizerVariable = "ASAN_OPTIONS";
@@ -75,6 +78,13 @@ Program::Environment emulatedEnvironment(const Options& options, const fs::path&
 }
 
 int launchEmulated(const Options& options, const BlockedSignals& signals) {
+    if (const std::optional<std::string> reason = whyOutOfReach(options.program.front())) {
+        std::cerr << "gvusb-emulate: " << *reason << ", so it would use the machine's own USB devices.\n"
+                  << "Build it for shared libraries, attach the readers with --usbip instead, or, if it uses "
+                     "no USB "
+                     "device, start it from a shell.\n";
+        return outOfReach;
+    }
     const ScratchFolder folder;
     VirtualBus bus(folder.path());
     Session session(options, signals, bus, (folder.path() / "commands").string());

@@ -68,7 +68,7 @@ error.
 
 EXIT STATUS
 The exit status of the program, or 128 plus the number of the signal that killed it. 127 if the program
-does not exist, 126 if it cannot be executed, 125 if the bus cannot be set up, 2 for a usage error.
+does not exist, 126 if it cannot be executed or cannot see the readers, 125 if the bus cannot be set up, 2 for a usage error.
 With --usbip and no program: 0 after a signal. With --send: 0 if the answer is "ok", 1 for an error.
 
 EXAMPLES

@@ -65,6 +65,28 @@ reports_unusable_program() {
     expect_output 'text: Permission denied'
 }
 
+refuses_programs_that_would_see_the_real_bus() {
+    echo 'int main(void) { return 0; }' >"$scratch/program.c"
+    for flag in -static -static-pie; do
+        gcc "$flag" "$scratch/program.c" -o "$scratch/program" || fail "cannot build with $flag"
+        expect_status 126 "$emulate" -- "$scratch/program"
+        expect_output "program is linked statically, so it would use the machine's own USB devices"
+    done
+    printf '#! %s\n' "$scratch/program" >"$scratch/script"
+    chmod +x "$scratch/script"
+    expect_status 126 "$emulate" -- "$scratch/script"
+    expect_status 126 env "PATH=$scratch:$PATH" "$emulate" -- program
+    expect_status 0 "$emulate" -- sh -c "$scratch/program"
+    # Another architecture, in the header only.
+    gcc "$scratch/program.c" -o "$scratch/program"
+    expect_status 0 "$emulate" -- "$scratch/program"
+    printf '\177' | dd of="$scratch/program" bs=1 seek=18 conv=notrunc 2>/dev/null
+    expect_status 126 "$emulate" -- "$scratch/program"
+    expect_output 'program is built for another architecture'
+    loader=$(ldd /bin/true | sed -n 's/^[[:blank:]]*\(\/[^ ]*\/ld-[^ ]*\) .*/\1/p')
+    expect_status 0 "$emulate" -- "$loader" /bin/true
+}
+
 leaves_program_arguments_alone() {
     expect_equal "after --" "$("$emulate" --no-readers -- echo --help -v -- x)" "--help -v -- x"
     expect_equal "without --" "$("$emulate" --reader id=1 echo --reader '' ' a  b')" "--reader   a  b"
