@@ -110,8 +110,7 @@ int launchUsbip(const Options& options, const BlockedSignals& signals) {
     }
     std::cout << "gvusb-emulate: USB/IP at " << bus->address() << ", commands at " << emulate_socket_variable
               << '=' << socket << std::endl; // NOLINT(performance-avoid-endl): scripts wait for the line
-    session.runAlone();
-    return EXIT_SUCCESS;
+    return session.runAlone();
 }
 
 } // namespace

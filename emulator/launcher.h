@@ -5,7 +5,7 @@
 
 namespace emulator {
 
-// Return the exit status of the program, or 0 without one. Throws std::exception if the bus cannot be set up.
+// Return the exit status of the program, or 0 without one, or 1 instead of 0 if the script has failed. Throws std::exception if the bus cannot be set up.
 int launch(const Options& options);
 
 } // namespace emulator

@@ -1,4 +1,5 @@
 #include "control/channel.h"
+#include "control/commands.h"
 #include "launcher.h"
 #include "options.h"
 #include "preload_contract.h"
@@ -13,6 +14,10 @@ namespace {
 constexpr int busError = 125;
 
 int send(const std::string& command) {
+    if (command == "help") {
+        std::cout << emulator::describeCommands();
+        return EXIT_SUCCESS;
+    }
     const char* socket = std::getenv(emulate_socket_variable);
     if (socket == nullptr) {
         std::cerr << "gvusb-emulate: " << emulate_socket_variable

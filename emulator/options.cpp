@@ -36,13 +36,26 @@ one description per line. Defaults are in parentheses:
 constexpr const char* aboutCommands = R"(
 COMMANDS
 A command is one line, sent with --send or over the Unix socket whose path is in GVUSB_EMULATE_SOCKET.
-The answer is one line: "ok", "ok DATA" or "error: REASON". READER is a number or "all". PIPE is in or
-out (the direction of frames), control, all, or an endpoint such as 0x81:
+The answer is one line: "ok", "ok DATA" or "error: REASON". A command that fails has changed nothing.
+"--send help" prints this list. READER is a number or "all". PIPE is in or out (the direction of frames),
+control, all, or an endpoint such as 0x81. FAULT is stall, mute, corrupt (a byte arrives changed),
+delay:MS or delay:MIN-MAX:
 )";
 
 constexpr const char* aboutTheRest = R"(
+SCRIPTS
 A script has one command per line, in order of time: "at MS COMMAND" runs COMMAND MS milliseconds after
-the program has started.
+the program has started. "at MS repeat N" and "at MS forever" begin a loop, which may contain others;
+"at MS end" ends it. Times inside a loop count from the beginning of each pass; that of "end" is the
+length of a pass. "forever" ends with the program.
+The script is checked before the program starts. A command that fails, or whose time does not come before
+the program ends, makes the exit status 1, unless --lenient is given.
+
+RANDOM FAULTS
+chance, jitter, and faults with MIN-MAX or corrupt draw random numbers from a seed: that of --seed, or one
+that is drawn itself and printed on standard error as "gvusb-emulate: seed NUMBER". Each reader and pipe
+draws its own numbers, one transfer or frame after the other, so that the same seed and the same frames
+give the same faults.
 
 CONFIGURATION
 A program can start its children with another configuration file: set GVUSB_EMULATE_CONFIG to its path,
@@ -68,8 +81,9 @@ error.
 
 EXIT STATUS
 The exit status of the program, or 128 plus the number of the signal that killed it. 127 if the program
-does not exist, 126 if it cannot be executed or cannot see the readers, 125 if the bus cannot be set up, 2 for a usage error.
-With --usbip and no program: 0 after a signal. With --send: 0 if the answer is "ok", 1 for an error.
+does not exist, 126 if it cannot be executed or cannot see the readers, 125 if the bus cannot be set up, 2 for a usage error
+or a mistake in the script. With --usbip and no program: 0 after a signal. In both cases 1 instead of 0 if a
+command of the script failed or did not run. With --send: 0 if the answer is "ok", 1 for an error.
 
 EXAMPLES
   gvusb-emulate -- lsusb
@@ -94,6 +108,8 @@ struct Words {
     std::string command;
     unsigned killAfter = 5;
     bool trapSystemCalls = false;
+    std::uint64_t seed = 0;
+    bool lenient = false;
     bool waitForAll = false;
     bool noReaders = false;
     bool noConfiguration = false;
@@ -111,6 +127,12 @@ void addOptions(CLI::App& app, Words& words) {
         ->allow_extra_args(false);
     app.add_flag("--no-readers", words.noReaders, "Start with an empty bus");
     app.add_option("--script", words.script, "Run commands at given times")->type_name("FILE");
+    app.add_flag(
+        "--lenient", words.lenient,
+        "Check only the names of the script's commands before the start, and leave the exit status to the "
+        "program even if a command fails");
+    app.add_option("--seed", words.seed, "Draw what is random from this number, to repeat a run")
+        ->type_name("NUMBER");
     CLI::Option* const config = app.add_option(
         "--config", words.configuration, "Give the program this file when it opens /etc/gavo/gvusb.conf");
     config->type_name("FILE");
@@ -205,8 +227,13 @@ Options optionsFrom(const CLI::App& app, const Words& words) {
         throw TextError("--config and --no-config cannot be used with --usbip");
     }
     options.readers = readersOf(words);
+    options.lenient = words.lenient;
+    if (app.count("--seed") != 0) {
+        options.seed = words.seed;
+    }
     if (!words.script.empty()) {
-        options.script = Script::read(words.script);
+        const Script::Bus bus = {.readers = options.readers, .hostIsElsewhere = words.usbip};
+        options.script = Script::read(words.script, words.lenient ? std::nullopt : std::optional(bus));
     }
     if (words.noConfiguration) {
         options.configurationFile = "";

@@ -5,6 +5,7 @@
 #include "model/description.h"
 #include "usbip/address.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <variant>
@@ -16,6 +17,8 @@ struct Options {
     std::vector<ReaderDescription> readers;
     Script script;
     std::optional<std::string> configurationFile; // for the program instead of the installed one; "": no file
+    bool lenient = false;                         // the script may fail
+    std::optional<std::uint64_t> seed;            // of everything that is random
     bool verbose = false;
     std::optional<std::string> command; // to send to a running bus; nothing else is done
     std::optional<SocketAddress> usbip; // where to serve the readers, instead of on an emulated bus

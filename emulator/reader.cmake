@@ -1,13 +1,24 @@
-# The sources of the reader and of the USB/IP protocol. Each target that links this compiles them with its own flags.
+# The sources of the reader, of its commands and of the USB/IP protocol. Each target that links this compiles them with its own flags.
 add_library(gvusb_reader INTERFACE)
 foreach(source
+        control/actions.cpp
+        control/arguments.cpp
+        control/commands.cpp
+        control/expected_readers.cpp
+        control/roster.cpp
+        control/script.cpp
         model/description.cpp
         model/descriptors.cpp
+        model/frame_rules.cpp
+        model/frames.cpp
         model/hub_requests.cpp
         model/model.cpp
+        model/pipes.cpp
         model/reply_rule.cpp
         model/requests.cpp
         model/text.cpp
+        model/time_range.cpp
+        model/transfer_faults.cpp
         usbfs/device.cpp
         usbip/connection.cpp
         usbip/import.cpp
@@ -17,3 +28,4 @@ foreach(source
 endforeach()
 target_include_directories(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR} ${PROJECT_SOURCE_DIR}/src)
 target_compile_definitions(gvusb_reader INTERFACE GVUSB_VENDOR_ID=${GVUSB_VENDOR_ID})
+target_link_libraries(gvusb_reader INTERFACE nlohmann_json::nlohmann_json)

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <iostream>
 #include <system_error>
 
@@ -51,6 +52,10 @@ Session::Session(Options options, const BlockedSignals& signals, Bus& bus, std::
     , m_bus(bus)
     , m_socket(std::move(socket))
     , m_channel(m_socket, [this](std::string_view line) { return runLine(line); }) {
+    if (m_options.seed) {
+        m_bus.seed().give(*m_options.seed);
+    }
+    m_bus.seed().setReport([](std::uint64_t seed) { std::cerr << "gvusb-emulate: seed " << seed << '\n'; });
     // The bus has to know which addresses are wanted before it chooses any.
     std::vector<std::size_t> plugged;
     for (ReaderDescription& description : m_options.readers) {
@@ -75,14 +80,16 @@ int Session::run(Program::Environment environment) {
     while (!m_program->exitStatus() || (m_options.waitForAll && !m_program->allEnded() && !m_askedToEnd)) {
         serve();
     }
-    return *m_program->exitStatus();
+    const bool failed = scriptFailed();
+    return *m_program->exitStatus() == EXIT_SUCCESS && failed ? EXIT_FAILURE : *m_program->exitStatus();
 }
 
-void Session::runAlone() {
+int Session::runAlone() {
     m_start = now();
     while (!m_ended) {
         serve();
     }
+    return scriptFailed() ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 
 CommandAnswer Session::runLine(std::string_view line) {
@@ -97,10 +104,23 @@ void Session::runScript() {
     const auto sinceStart = std::chrono::duration_cast<Milliseconds>(now() - m_start);
     while (const std::optional<Script::Entry> entry = m_options.script.take(sinceStart)) {
         const CommandAnswer answer = runLine(entry->command);
-        if (answer.text.starts_with("error") && !m_options.verbose) {
-            std::cerr << "gvusb-emulate: script line " << entry->line << ": " << answer.text << '\n';
+        // Once for each line, because a loop may repeat it.
+        if (answer.text.starts_with("error") && m_failedLines.insert(entry->place).second) {
+            std::cerr << "gvusb-emulate: " << entry->place << ": " << answer.text << '\n';
         }
     }
+}
+
+bool Session::scriptFailed() {
+    if (m_options.lenient) {
+        return false;
+    }
+    const std::optional<Script::Entry> missed = m_options.script.missed();
+    if (missed) {
+        std::cerr << "gvusb-emulate: " << missed->place << ": error: the time of '" << missed->command
+                  << "' had not come at the end\n";
+    }
+    return missed || !m_failedLines.empty();
 }
 
 void Session::serve() {

@@ -10,6 +10,7 @@
 
 #include <csignal>
 #include <optional>
+#include <set>
 #include <string>
 
 #include <sys/signalfd.h>
@@ -40,15 +41,16 @@ public:
     // Add the readers of the options to the bus and create the command socket at this path.
     Session(Options options, const BlockedSignals& signals, Bus& bus, std::string socket);
 
-    // Run the program with this environment and return its exit status.
+    // Run the program with this environment and return its exit status, or 1 if it is 0 but the script has failed.
     int run(Program::Environment environment);
 
-    // Serve without a program until a signal arrives.
-    void runAlone();
+    // Serve without a program until a signal arrives. Return the exit status.
+    int runAlone();
 
 private:
     CommandAnswer runLine(std::string_view line);
     void runScript();
+    bool scriptFailed(); // reports a command that did not run
     void serve();
     int millisecondsToNextDeadline();
     void handle(const signalfd_siginfo& signal);
@@ -62,8 +64,9 @@ private:
     CommandChannel m_channel;
     std::optional<Program> m_program;
     Time m_start;
-    std::optional<Time> m_endBy; // when to kill a program that has got a signal
-    bool m_askedToEnd = false;   // the program, by a signal
+    std::set<std::string> m_failedLines; // of the script
+    std::optional<Time> m_endBy;         // when to kill a program that has got a signal
+    bool m_askedToEnd = false;           // the program, by a signal
     bool m_killed = false;
     bool m_ended = false; // by a signal, without a program
 };

@@ -1,4 +1,4 @@
-# Bash completion for the options of gvusb-emulate and, after "--", for the program that it runs.
+# Bash completion for the options of gvusb-emulate, for its commands and, after "--", for the program that it runs.
 
 _gvusb_emulate() {
     local i word=${COMP_WORDS[COMP_CWORD]}
@@ -10,19 +10,20 @@ _gvusb_emulate() {
         fi
     done
     case ${COMP_WORDS[COMP_CWORD - 1]} in
-    --reader | --listen | --kill-after) COMPREPLY=() ;;
+    --reader | --listen | --kill-after | --seed) COMPREPLY=() ;;
     --send)
-        mapfile -t COMPREPLY < <(compgen -W 'plug unplug replug string remove-string fail-string descriptors stall unstall
-            mute unmute delay short reply flush busy driver refuse fail-configuration fail-reset list frames counts
-            wait' -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W 'plug unplug replug string remove-string fail-string descriptors stall
+            unstall mute unmute delay short fail chance reply on jitter push flush busy driver refuse fail-configuration
+            fail-reset list frames counts wait help' -- "$word")
         ;;
     --readers | --script | --config)
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
         ;;
     *)
-        mapfile -t COMPREPLY < <(compgen -W '--help --reader --readers --no-readers --script --config --no-config --usbip
-            --listen --kill-after --wait-for-all --trap-system-calls --verbose --send --version --' -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W '--help --reader --readers --no-readers --script --lenient --seed --config
+            --no-config --usbip --listen --kill-after --wait-for-all --trap-system-calls --verbose --send --version
+            --' -- "$word")
         ;;
     esac
 }

@@ -3,6 +3,8 @@
 // For the launcher's thread only.
 #pragma once
 
+#include "control/roster.h"
+#include "control/seed.h"
 #include "model/model.h"
 
 #include <functional>
@@ -16,21 +18,22 @@
 
 namespace emulator {
 
-class Bus {
+class Bus : public Roster {
 public:
     using NamedCounts = std::vector<std::pair<std::string, std::uint64_t>>;
-
-    Bus() = default;
-    Bus(const Bus&) = delete;
-    Bus& operator=(const Bus&) = delete;
-    virtual ~Bus() = default;
 
     // ---- readers
     // Add an unplugged reader and return its number. Numbers count from 1. Throws TextError if the bus does
     // not support such a reader.
     virtual std::size_t add(ReaderDescription description) = 0;
-    virtual std::size_t size() const = 0;
+
+    // Undo the last add() of a reader that is not plugged.
+    virtual void removeLast() = 0;
+
     virtual bool plugged(std::size_t number) const = 0;
+
+    // Throws TextError if the bus has no room for these readers together. They are not plugged.
+    virtual void checkRoom(const std::vector<std::size_t>& numbers) const = 0;
 
     // Throw TextError if the bus is full, if the reader is in the wanted state already, or if a program does
     // not read its udev events.
@@ -53,6 +56,9 @@ public:
         }
     }
 
+    // The seed of all readers.
+    Seed& seed() { return m_seed; }
+
     // ---- host
     // How often the host did what to a reader since the start.
     virtual NamedCounts counts(std::size_t number) = 0;
@@ -74,6 +80,9 @@ public:
 
 protected:
     virtual void onModel(std::size_t number, const std::function<void(ReaderModel&)>& action) = 0;
+
+private:
+    Seed m_seed;
 };
 
 } // namespace emulator

@@ -17,7 +17,7 @@ struct Command {
     Text arguments;
     Text meaning;
     unsigned needed; // how many arguments are required
-    CommandAnswer (*run)(Bus& bus, Text arguments);
+    CheckedCommand (*check)(const Roster& roster, Text arguments);
 };
 
 constexpr std::array commands = {
@@ -41,9 +41,21 @@ constexpr std::array commands = {
     Command{"unmute", "READER PIPE", "undo mute", 2, actions::unmute},
     Command{"delay", "READER PIPE MS", "complete transfers after MS milliseconds", 3, actions::delay},
     Command{"short", "READER PIPE COUNT|off", "move at most COUNT bytes per transfer", 3, actions::shorten},
+    Command{"fail", "READER PIPE N [FAULT]|off",
+            "make the N-th transfer from now on fail (1: the next), with a stall or another FAULT", 3,
+            actions::fail},
+    Command{"chance", "READER PIPE PERCENT FAULT|off", "make each transfer fail with this probability", 3,
+            actions::chance},
     Command{"reply", "READER RULE", "answer frames with echo, reverse, none, fixed:HEX or pattern:COUNT", 2,
             actions::reply},
-    Command{"flush", "READER", "discard answers that have not been read", 1, actions::flush},
+    Command{"on", "READER [HEX] reply HEX|reply RULE|stall|mute|unplug|delay MS [reply ...]|off",
+            "treat frames that begin with HEX in this way; off ends it, for all frames without HEX", 2,
+            actions::onFrame},
+    Command{"jitter", "READER MIN-MAX|off", "answer frames a random time later, MIN to MAX milliseconds", 2,
+            actions::jitter},
+    Command{"push", "READER HEX", "send a frame that is no answer", 2, actions::push},
+    Command{"flush", "READER", "discard answers that have not been read, and a frame that has begun", 1,
+            actions::flush},
     Command{"busy", "READER on|off", "make claiming an interface fail with \"busy\"", 2, actions::busy},
     Command{"driver", "READER NAME|none", "bind a kernel driver to the first interface", 2, actions::driver},
     Command{"refuse", "READER EACCES|EPERM|ENODEV|ENOENT|EMFILE|off",
@@ -84,15 +96,19 @@ void checkArguments(const Command& command, Text arguments) {
 
 CommandAnswer runCommand(Bus& bus, std::string_view line) {
     try {
-        const Command& command = commandNamed(takeWord(line));
-        checkArguments(command, line);
-        return command.run(bus, line);
+        return checkCommand(bus, line).run(bus);
     } catch (const std::exception& error) {
         return {.text = std::string("error: ") + error.what()};
     }
 }
 
-void checkCommand(std::string_view line) {
+CheckedCommand checkCommand(const Roster& roster, std::string_view line) {
+    const Command& command = commandNamed(takeWord(line));
+    checkArguments(command, line);
+    return command.check(roster, line);
+}
+
+void checkCommandName(std::string_view line) {
     const Command& command = commandNamed(takeWord(line));
     checkArguments(command, line);
 }

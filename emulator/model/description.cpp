@@ -99,6 +99,16 @@ Speed parseSpeed(std::string_view text) {
     throw TextError("speed must be low, full or high, not '" + std::string(text) + "'");
 }
 
+FrameEnd parseFrames(std::string_view text) {
+    if (text == "transfer") {
+        return FrameEnd::transfer;
+    }
+    if (text == "short-packet") {
+        return FrameEnd::shortPacket;
+    }
+    throw TextError("frames must be transfer or short-packet, not '" + std::string(text) + "'");
+}
+
 bool parseYesNo(std::string_view what, std::string_view text) {
     if (text == "yes") {
         return true;
@@ -180,6 +190,10 @@ constexpr std::array keys = {
         [](Draft& d, Value v) { d.reader.kernelDriver = v; }},
     Key{"reply", "echo, reverse, none, fixed:HEX or pattern:COUNT (echo)",
         [](Draft& d, Value v) { d.reader.reply = ReplyRule::parse(v); }},
+    Key{"frames",
+        "what ends a frame to a bulk reader: transfer, or short-packet for a frame that goes on in\n"
+        "                    the next transfer until a short or zero-length packet (transfer)",
+        [](Draft& d, Value v) { d.reader.frames = parseFrames(v); }},
     Key{"plugged", "yes, or no to leave plugging to a command (yes)",
         [](Draft& d, Value v) { d.reader.plugged = parseYesNo("plugged", v); }},
     Key{"copies", "number of readers, with consecutive device IDs (1)",
@@ -261,7 +275,7 @@ std::vector<ReaderDescription> readReaders(const std::filesystem::path& file) {
     std::vector<ReaderDescription> readers;
     std::string line;
     for (unsigned lineNumber = 1; std::getline(stream, line); ++lineNumber) {
-        const std::string_view text = trimmed(line);
+        const std::string_view text = trimmed(lineNumber == 1 ? withoutByteOrderMark(line) : line);
         if (text.empty() || text.front() == '#') {
             continue;
         }

@@ -22,6 +22,9 @@ namespace emulator {
 
 enum class Speed { low, full, high };
 
+// What ends a frame to the reader on a bulk endpoint: each transfer, or only a packet shorter than the endpoint's.
+enum class FrameEnd { transfer, shortPacket };
+
 // As in the two low bits of bmAttributes.
 enum class TransferType : std::uint8_t { control = 0, isochronous = 1, bulk = 2, interrupt = 3 };
 
@@ -60,6 +63,7 @@ struct ReaderDescription {
     std::vector<Endpoint> endpoints = {{.address = 0x81}, {.address = 0x02}}; // of the first interface
     std::string kernelDriver; // bound to the first interface by plugging; "": none
     ReplyRule reply;
+    FrameEnd frames = FrameEnd::transfer;
     bool plugged = true;
     bool hub = false; // answers the requests of a root hub
 

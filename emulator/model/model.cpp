@@ -3,8 +3,26 @@
 #include "model/descriptors.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace emulator {
+
+namespace {
+
+// The pipe of a control transfer that moves a frame.
+std::optional<Pipe> framePipe(const Transfer& transfer) {
+    if (transfer.endpoint == 0 && transfer.setup.request == 0) {
+        if (transfer.setup.requestType == 0x40) {
+            return Pipe::controlFrameOut;
+        }
+        if (transfer.setup.requestType == 0xC0) {
+            return Pipe::controlFrameIn;
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace
 
 ReaderModel::ReaderModel(ReaderDescription description)
     : m_description(std::move(description)) {
@@ -16,7 +34,8 @@ ReaderModel::ReaderModel(ReaderDescription description)
 TransferId ReaderModel::submit(Transfer transfer, Time now) {
     const TransferId id = ++m_lastId;
     const std::uint8_t endpoint = transfer.endpoint;
-    m_waiting[endpoint].push_back({.id = id, .transfer = std::move(transfer)});
+    const TransferFate fate = fateOf(transfer);
+    m_waiting[endpoint].push_back({.id = id, .transfer = std::move(transfer), .fate = fate});
     run(endpoint, now);
     return id;
 }
@@ -47,8 +66,17 @@ std::optional<Completion> ReaderModel::takeCompletion() {
 std::optional<Time> ReaderModel::nextDeadline() const {
     std::optional<Time> earliest;
     for (const auto& [endpoint, queue] : m_waiting) {
-        if (!queue.empty() && queue.front().ready && !faultsFor(queue.front().transfer).mute) {
-            earliest = std::min(earliest.value_or(*queue.front().ready), *queue.front().ready);
+        if (m_leaving || queue.empty() || faultsFor(queue.front().transfer).mute) {
+            continue;
+        }
+        const Waiting& first = queue.front();
+        std::optional<Time> due = first.ready;
+        const AnswerQueue* const answers = answersFor(first.transfer);
+        if (!due && !first.lost && answers != nullptr && !answers->empty()) {
+            due = answers->front().due;
+        }
+        if (due) {
+            earliest = std::min(earliest.value_or(*due), *due);
         }
     }
     return earliest;
@@ -66,11 +94,11 @@ void ReaderModel::advance(Time now) {
 }
 
 void ReaderModel::run(std::uint8_t endpoint, Time now) {
-    const std::size_t answersBefore = m_bulkAnswers.size();
+    m_othersChanged = false;
     // A frame affects other pipes only by its answer, so one more round is enough.
     while (!m_waiting[endpoint].empty() && runFirst(m_waiting[endpoint], now)) {
     }
-    if (m_bulkAnswers.size() <= answersBefore) {
+    if (!m_othersChanged) {
         return;
     }
     for (auto& [other, queue] : m_waiting) {
@@ -82,50 +110,89 @@ void ReaderModel::run(std::uint8_t endpoint, Time now) {
 bool ReaderModel::runFirst(std::deque<Waiting>& queue, Time now) {
     Waiting& first = queue.front();
     const PipeFaults faults = faultsFor(first.transfer);
-    if (faults.mute) {
+    if (faults.mute || m_leaving) {
         return false;
     }
-    if (!faults.stalled && !couldComplete(first.transfer)) {
+    const bool stalls = faults.stalled || first.fate.stalls;
+    if (!stalls && !couldComplete(first.transfer, now)) {
         first.ready.reset(); // the answer or the stall that it waited for is gone
         return false;
     }
+    if (!stalls && first.fate.mute) {
+        if (!first.lost) {
+            first.lost = true;
+            loseAnswer(first.transfer);
+        }
+        first.ready.reset();
+        return false;
+    }
     if (!first.ready) {
-        first.ready = now + faults.delay;
+        first.ready = now + faults.delay + first.fate.delay;
     }
     if (now < *first.ready) {
         return false;
     }
     // Removed before it is performed, because a request may end every pending transfer.
-    const Waiting taken = std::move(first);
+    Waiting taken = std::move(first);
     queue.pop_front();
-    Completion completion =
-        faults.stalled ? Completion{.outcome = Outcome::stalled} : perform(taken.transfer, faults, now);
+    Completion completion{.outcome = Outcome::stalled};
+    if (stalls) {
+        // An endpoint halts; a control transfer stalls alone.
+        m_pipeFaults[pipeOf(taken.transfer.endpoint)].stalled |= taken.transfer.endpoint != 0;
+    } else {
+        taken.fate.corrupt(taken.transfer.data);
+        completion = perform(taken.transfer, faults, now);
+        taken.fate.corrupt(completion.data);
+    }
     completion.id = taken.id;
     m_completions.push_back(std::move(completion));
     return true;
 }
 
 PipeFaults ReaderModel::faultsFor(const Transfer& transfer) const {
-    PipeFaults faults = pipeFaults(pipeOf(transfer.endpoint));
-    if (transfer.endpoint == 0 && transfer.setup.request == 0) {
-        if (transfer.setup.requestType == 0x40) {
-            faults = faults.with(pipeFaults(Pipe::controlFrameOut));
-        } else if (transfer.setup.requestType == 0xC0) {
-            faults = faults.with(pipeFaults(Pipe::controlFrameIn));
-        }
-    }
-    return faults;
+    const PipeFaults faults = pipeFaults(pipeOf(transfer.endpoint));
+    const std::optional<Pipe> frames = framePipe(transfer);
+    return frames ? faults.with(pipeFaults(*frames)) : faults;
 }
 
-bool ReaderModel::couldComplete(const Transfer& transfer) const {
+TransferFate ReaderModel::fateOf(const Transfer& transfer) {
+    TransferFate fate;
+    for (const std::optional<Pipe> pipe : {std::optional(pipeOf(transfer.endpoint)), framePipe(transfer)}) {
+        const auto found = pipe ? m_transferFaults.find(*pipe) : m_transferFaults.end();
+        if (found != m_transferFaults.end()) {
+            fate.add(found->second.next(Draws::derived(m_seed, static_cast<std::uint64_t>(*pipe))));
+        }
+    }
+    return fate;
+}
+
+// Endpoints of other types move no data.
+bool ReaderModel::isBulk(std::uint8_t address) const {
+    const auto endpoint = std::ranges::find(m_description.endpoints, address, &Endpoint::address);
+    return endpoint != m_description.endpoints.end() && endpoint->type == TransferType::bulk;
+}
+
+// The answers of which the transfer reads one; null if it reads none.
+const AnswerQueue* ReaderModel::answersFor(const Transfer& transfer) const {
     if (transfer.endpoint == 0) {
-        return transfer.setup.requestType != 0xC0 || transfer.setup.request != 0 || !m_controlAnswers.empty();
+        return framePipe(transfer) == Pipe::controlFrameIn ? &m_controlAnswers : nullptr;
     }
-    const auto endpoint = std::ranges::find(m_description.endpoints, transfer.endpoint, &Endpoint::address);
-    if (endpoint == m_description.endpoints.end() || endpoint->type != TransferType::bulk) {
-        return false; // such endpoints move no data
+    return (transfer.endpoint & 0x80) != 0 && isBulk(transfer.endpoint) ? &m_bulkAnswers : nullptr;
+}
+
+bool ReaderModel::couldComplete(const Transfer& transfer, Time now) const {
+    if (transfer.endpoint != 0 && !isBulk(transfer.endpoint)) {
+        return false;
     }
-    return !endpoint->in() || !m_bulkAnswers.empty();
+    const AnswerQueue* const answers = answersFor(transfer);
+    return answers == nullptr || answers->ready(now);
+}
+
+void ReaderModel::loseAnswer(const Transfer& transfer) {
+    const AnswerQueue* const answers = answersFor(transfer);
+    if (answers != nullptr) {
+        (answers == &m_bulkAnswers ? m_bulkAnswers : m_controlAnswers).pop();
+    }
 }
 
 Completion ReaderModel::perform(const Transfer& transfer, const PipeFaults& faults, Time now) {
@@ -133,17 +200,34 @@ Completion ReaderModel::perform(const Transfer& transfer, const PipeFaults& faul
         return control(transfer, faults, now);
     }
     if ((transfer.endpoint & 0x80) == 0) {
-        Bytes frame = transfer.data;
-        frame.resize(std::min(frame.size(), faults.shortTo.value_or(frame.size())));
-        Completion completion{.actual = frame.size()};
-        takeFrame(transfer.endpoint, std::move(frame));
-        return completion;
+        return takePackets(transfer, faults, now);
     }
     WaitingAnswer& answer = m_bulkAnswers.front();
     if (faults.shortTo && answer.sent == 0) {
         answer.data.resize(std::min(answer.data.size(), *faults.shortTo));
     }
     return sendPackets(transfer);
+}
+
+Completion ReaderModel::takePackets(const Transfer& transfer, const PipeFaults& faults, Time now) {
+    Bytes data = transfer.data;
+    data.resize(std::min(data.size(), faults.shortTo.value_or(data.size())));
+    const Completion completion{.actual = data.size()};
+    if (m_description.frames == FrameEnd::shortPacket) {
+        const auto endpoint =
+            std::ranges::find(m_description.endpoints, transfer.endpoint, &Endpoint::address);
+        const bool wholePackets = !data.empty() && data.size() % packetSize(m_description, *endpoint) == 0;
+        Bytes& begun = m_begunFrames[transfer.endpoint];
+        constexpr std::size_t longestFrame = AnswerQueue::mostRoom; // the rest is lost
+        data.resize(std::min(data.size(), longestFrame - begun.size()));
+        begun.insert(begun.end(), data.begin(), data.end());
+        if (wholePackets && !transfer.zeroPacket) {
+            return completion;
+        }
+        data = std::exchange(begun, {});
+    }
+    takeFrame(transfer.endpoint, std::move(data), now);
+    return completion;
 }
 
 // The transfer ends with the answer, as if a zero-length packet followed where one is needed, or when its
@@ -169,22 +253,6 @@ Completion ReaderModel::sendPackets(const Transfer& transfer) {
     return completion;
 }
 
-void ReaderModel::takeFrame(std::uint8_t endpoint, Bytes frame) {
-    const bool byControl = endpoint == 0;
-    std::optional<Bytes> answer = m_description.reply.answer(frame);
-    ++m_frameCount;
-    m_lastFrame = {.endpoint = endpoint, .data = std::move(frame)};
-
-    // A mute reader does not answer later what it received while it was mute.
-    bool mute = byControl ? pipeFaults(Pipe::control).with(pipeFaults(Pipe::controlFrameIn)).mute : false;
-    for (const Endpoint& each : m_description.endpoints) {
-        mute |= !byControl && each.in() && pipeFaults(pipeOf(each.address)).mute;
-    }
-    if (answer && !mute) {
-        (byControl ? m_controlAnswers : m_bulkAnswers).push(std::move(*answer));
-    }
-}
-
 // ---- life on the bus
 
 void ReaderModel::endAll(Outcome outcome, bool controlToo) {
@@ -200,6 +268,7 @@ void ReaderModel::endAll(Outcome outcome, bool controlToo) {
 }
 
 void ReaderModel::power(Time now) {
+    m_leaving = false;
     endAll(Outcome::gone, true);
     reset(now);
     m_configuration =
@@ -251,6 +320,7 @@ bool ReaderModel::hasEndpoint(std::uint8_t address) const {
 
 void ReaderModel::clearHalt(std::uint8_t endpoint, Time now) {
     const auto faults = m_pipeFaults.find(pipeOf(endpoint));
+    m_begunFrames.erase(endpoint);
     if (endpoint == 0 || faults == m_pipeFaults.end() || faults->second.stuck) {
         return;
     }
@@ -271,37 +341,7 @@ void ReaderModel::setString(std::uint8_t index, std::optional<std::string> text)
 void ReaderModel::forgetAnswers() {
     m_bulkAnswers.clear();
     m_controlAnswers.clear();
-}
-
-std::vector<Pipe> ReaderModel::pipesNamed(std::string_view name) const {
-    if (name == "control") {
-        return {Pipe::control};
-    }
-    std::vector<Pipe> pipes;
-    const bool all = name == "all";
-    if (all || name == "in" || name == "out") {
-        for (const Endpoint& endpoint : m_description.endpoints) {
-            if (all || endpoint.in() == (name == "in")) {
-                pipes.push_back(pipeOf(endpoint.address));
-            }
-        }
-        if (all) {
-            pipes.push_back(Pipe::control);
-        } else {
-            pipes.push_back(name == "in" ? Pipe::controlFrameIn : Pipe::controlFrameOut);
-        }
-        return pipes;
-    }
-    if (name.empty() || name.front() < '0' || name.front() > '9') {
-        throw TextError("pipe must be in, out, control, all or an endpoint such as 0x81, not '" +
-                        std::string(name) + "'");
-    }
-    const auto address = static_cast<std::uint8_t>(number("endpoint", name, 1, 0x8F));
-    if (std::ranges::find(m_description.endpoints, address, &Endpoint::address) ==
-        m_description.endpoints.end()) {
-        throw TextError("reader has no endpoint " + std::string(name));
-    }
-    return {pipeOf(address)};
+    m_begunFrames.clear();
 }
 
 PipeFaults ReaderModel::pipeFaults(Pipe pipe) const {

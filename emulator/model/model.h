@@ -8,7 +8,10 @@
 #include "model/answer_queue.h"
 #include "model/description.h"
 #include "model/faults.h"
+#include "model/frame_rules.h"
+#include "model/time_range.h"
 #include "model/transfer.h"
+#include "model/transfer_faults.h"
 
 #include <deque>
 #include <map>
@@ -37,6 +40,9 @@ public:
     // Both end pending transfers. Power also resets the reader and chooses the first configuration.
     void power(Time now);
     void unplug();
+
+    // Whether the reader has unplugged itself. It completes nothing until the owner unplugs it.
+    bool leaving() const { return m_leaving; }
 
     // End pending transfers other than control, as when their interface is released.
     void endTransfers() { endAll(Outcome::gone, false); }
@@ -67,9 +73,16 @@ public:
     unsigned portCount() const { return m_portCount; } // grows to the highest port that has been in use
     RequestFaults& requestFaults() { return m_requestFaults; }
 
-    // The pipes that a name stands for: "in" and "out" (of frames, bulk and control), "control", "all" or an
-    // endpoint such as "0x81". Throws TextError.
-    std::vector<Pipe> pipesNamed(std::string_view name) const;
+    // Send a frame that is no answer: by bulk, or by control if there is no bulk IN endpoint.
+    void push(Bytes frame, Time now);
+
+    FrameRules& frameRules() { return m_frameRules; }
+    void setJitter(std::optional<TimeRange> jitter) { m_jitter = jitter; }
+
+    // The seed of everything that the reader draws, to be set before.
+    void setSeed(std::uint64_t seed) { m_seed = seed; }
+    TransferFaults& transferFaults(Pipe pipe) { return m_transferFaults[pipe]; }
+
     PipeFaults pipeFaults(Pipe pipe) const;
     void setPipeFaults(Pipe pipe, const PipeFaults& faults, Time now);
 
@@ -84,17 +97,29 @@ private:
     struct Waiting {
         TransferId id = 0;
         Transfer transfer;
+        TransferFate fate = {};
         std::optional<Time> ready = std::nullopt; // when its delay ends; set once it can complete
+        bool lost = false;                        // a mute transfer whose answer has been discarded
     };
 
     void run(std::uint8_t endpoint, Time now);
     bool runFirst(std::deque<Waiting>& queue, Time now);
     PipeFaults faultsFor(const Transfer& transfer) const;
-    bool couldComplete(const Transfer& transfer) const;
+    TransferFate fateOf(const Transfer& transfer);
+    bool isBulk(std::uint8_t address) const;
+    const AnswerQueue* answersFor(const Transfer& transfer) const;
+    bool couldComplete(const Transfer& transfer, Time now) const;
     Completion perform(const Transfer& transfer, const PipeFaults& faults, Time now);
+    Completion takePackets(const Transfer& transfer, const PipeFaults& faults, Time now);
     Completion sendPackets(const Transfer& transfer);
-    void takeFrame(std::uint8_t endpoint, Bytes frame);
+    void loseAnswer(const Transfer& transfer);
     void endAll(Outcome outcome, bool controlToo);
+
+    // frames.cpp
+    Outcome takeFrame(std::uint8_t endpoint, Bytes frame, Time now);
+    Time::duration drawJitter(bool byControl);
+    void queueAnswer(bool byControl, Bytes answer, Time due);
+    bool answersAreLost(bool byControl) const;
 
     // requests.cpp
     Completion control(const Transfer& transfer, const PipeFaults& faults, Time now);
@@ -108,6 +133,12 @@ private:
     ReaderDescription m_description;
     std::uint8_t m_configuration = 0;
     std::map<Pipe, PipeFaults> m_pipeFaults;
+    std::map<Pipe, TransferFaults> m_transferFaults;
+    std::uint64_t m_seed = 0;
+    FrameRules m_frameRules;
+    std::optional<TimeRange> m_jitter;
+    std::optional<Draws> m_bulkJitter;
+    std::optional<Draws> m_controlJitter;
     RequestFaults m_requestFaults;
     std::map<std::uint8_t, std::deque<Waiting>> m_waiting; // by endpoint; each queue completes in order
     std::deque<Completion> m_completions;
@@ -115,6 +146,9 @@ private:
     unsigned m_portCount = 8;
     AnswerQueue m_bulkAnswers;
     AnswerQueue m_controlAnswers;
+    std::map<std::uint8_t, Bytes> m_begunFrames; // by endpoint
+    bool m_leaving = false;
+    bool m_othersChanged = false; // a frame has changed what transfers on other pipes wait for
     std::uint64_t m_frameCount = 0;
     SeenFrame m_lastFrame;
     TransferId m_lastId = 0;

@@ -37,6 +37,13 @@ ReplyRule ReplyRule::parse(std::string_view text) {
     return rule;
 }
 
+ReplyRule ReplyRule::fixed(Bytes answer) {
+    ReplyRule rule;
+    rule.m_kind = Kind::fixed;
+    rule.m_bytes = std::move(answer);
+    return rule;
+}
+
 std::optional<Bytes> ReplyRule::answer(const Bytes& frame) const {
     switch (m_kind) {
     case Kind::echo:

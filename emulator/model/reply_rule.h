@@ -20,6 +20,8 @@ public:
     // Throws TextError.
     static ReplyRule parse(std::string_view text);
 
+    static ReplyRule fixed(Bytes answer);
+
     // Empty if the reader does not answer.
     std::optional<Bytes> answer(const Bytes& frame) const;
 

@@ -58,9 +58,6 @@ Completion ReaderModel::control(const Transfer& transfer, const PipeFaults& faul
         return stall();
     }
     if (setup.in()) {
-        if (m_controlAnswers.empty()) {
-            return stall();
-        }
         Bytes answer = std::move(m_controlAnswers.front().data);
         m_controlAnswers.pop();
         answer.resize(std::min(answer.size(), faults.shortTo.value_or(answer.size())));
@@ -69,8 +66,7 @@ Completion ReaderModel::control(const Transfer& transfer, const PipeFaults& faul
     Bytes frame = transfer.data;
     frame.resize(std::min(frame.size(), faults.shortTo.value_or(frame.size())));
     const std::size_t taken = frame.size();
-    takeFrame(0, std::move(frame));
-    return accept(taken);
+    return takeFrame(0, std::move(frame), now) == Outcome::stalled ? stall() : accept(taken);
 }
 
 Completion ReaderModel::standardRequest(const Transfer& transfer, Time now) {

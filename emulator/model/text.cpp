@@ -33,6 +33,11 @@ std::string_view trimmed(std::string_view text) {
     return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
+std::string_view withoutByteOrderMark(std::string_view text) {
+    constexpr std::string_view mark = "\xEF\xBB\xBF";
+    return text.starts_with(mark) ? text.substr(mark.size()) : text;
+}
+
 std::vector<std::string> splitEscaped(std::string_view text, char separator) {
     std::vector<std::string> pieces(1);
     for (std::size_t i = 0; i < text.size(); ++i) {

@@ -22,6 +22,9 @@ public:
 
 std::string_view trimmed(std::string_view text);
 
+// The text of a file without a UTF-8 byte-order mark at its beginning.
+std::string_view withoutByteOrderMark(std::string_view text);
+
 // The pieces between separators. A backslash quotes the next character and is dropped.
 std::vector<std::string> splitEscaped(std::string_view text, char separator);
 

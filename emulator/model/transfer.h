@@ -30,6 +30,7 @@ struct Transfer {
     ControlSetup setup = {};
     Bytes data = {};          // to the reader
     std::size_t capacity = 0; // how many bytes from the reader at most
+    bool zeroPacket = false;  // a zero-length packet follows data that end with a whole packet
 };
 
 enum class Outcome {

@@ -185,6 +185,7 @@ static int submit(const struct opened* opened, void* argument) {
     request->endpoint = checked.endpoint;
     request->type = checked.type;
     request->short_not_ok = checked.in && (urb.flags & USBDEVFS_URB_SHORT_NOT_OK) != 0;
+    request->zero_packet = !checked.in && (urb.flags & USBDEVFS_URB_ZERO_PACKET) != 0;
     memcpy(request->setup, checked.setup, sizeof request->setup);
     request->signal = urb.signr;
     request->process = urb.signr != 0 ? getpid() : 0;

@@ -12,6 +12,7 @@
 
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -24,6 +25,7 @@ namespace {
 // Keys of epoll: an opening's index, or one of these and a descriptor.
 constexpr std::uint64_t listeningKey = std::uint64_t{1} << 32;
 constexpr std::uint64_t connectionKey = std::uint64_t{2} << 32;
+constexpr std::uint64_t leavingKey = std::uint64_t{4} << 32;
 
 // How long to wait before looking at openings of unplugged readers again.
 constexpr std::chrono::seconds betweenLooks(1);
@@ -75,7 +77,8 @@ NodeServer::Lock::~Lock() {
 NodeServer::NodeServer(const std::filesystem::path& folder)
     : m_bell("gvusb-bell")
     , m_epoll(::epoll_create1(EPOLL_CLOEXEC), "epoll")
-    , m_listening(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket") {
+    , m_listening(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket")
+    , m_leavingEvent(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd") {
     const std::string path = folder / emulate_node_socket;
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -88,6 +91,7 @@ NodeServer::NodeServer(const std::filesystem::path& folder)
         throw std::system_error(errno, std::generic_category(), path);
     }
     watch(m_listening.get(), EPOLLIN, listeningKey);
+    watch(m_leavingEvent.get(), EPOLLIN, leavingKey);
     m_thread = std::thread([this] { run(); });
 }
 
@@ -167,6 +171,9 @@ void NodeServer::serve() {
         const std::uint64_t key = events.at(static_cast<std::size_t>(i)).data.u64;
         if (key == listeningKey) {
             accept();
+        } else if (key == leavingKey) {
+            eventfd_t ignored = 0;
+            ::eventfd_read(m_leavingEvent.get(), &ignored);
         } else if ((key & connectionKey) != 0) {
             answer(static_cast<int>(key & 0xFFFFFFFF));
         } else {
@@ -353,7 +360,11 @@ void NodeServer::serveRung(Time now) {
     }
 }
 
+// Called whenever a node has been served.
 void NodeServer::schedule(UsbfsNode& node) {
+    if (node.device().connected() && node.device().model()->leaving() && !m_leaving.exchange(true)) {
+        ::eventfd_write(m_leavingEvent.get(), 1);
+    }
     const std::optional<Time> deadline = node.deadline();
     if (deadline == node.scheduled) {
         return;

@@ -63,7 +63,8 @@ public:
     // ---- without
     int descriptor() const { return m_epoll.get(); } // readable when there is something to serve
     void serve();
-    std::optional<Time> nextDeadline(); // when to call serve() at the latest
+    bool takeLeaving() { return m_leaving.exchange(false); } // whether a reader has begun to unplug itself
+    std::optional<Time> nextDeadline();                      // when to call serve() at the latest
 
 private:
     struct Place {
@@ -92,6 +93,8 @@ private:
     SharedMemory<opening_bell> m_bell;
     FileDescriptor m_epoll;
     FileDescriptor m_listening;
+    FileDescriptor m_leavingEvent; // readable if m_leaving
+    std::atomic<bool> m_leaving = false;
     std::map<Address, Place> m_places;
     std::vector<std::unique_ptr<UsbfsOpening>> m_openings; // by index; null if free
     std::map<std::uint64_t, UsbfsOpening*> m_byInode;

@@ -71,6 +71,7 @@ Transfer transferOf(const opening_request& request, const std::uint8_t* data) {
         transfer.capacity = request.length;
     } else {
         transfer.data.assign(data, data + request.length);
+        transfer.zeroPacket = request.zero_packet != 0;
     }
     return transfer;
 }

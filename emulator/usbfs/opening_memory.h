@@ -73,7 +73,7 @@ struct opening_request {
     uint8_t endpoint;
     uint8_t type; // as in a URB
     uint8_t short_not_ok;
-    uint8_t reserved[1];
+    uint8_t zero_packet;
     uint8_t setup[opening_setup_size];
 
     char name[32]; // of a driver

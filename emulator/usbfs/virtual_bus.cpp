@@ -34,18 +34,30 @@ Reader& VirtualBus::readerNumber(std::size_t number) const {
 
 std::size_t VirtualBus::add(ReaderDescription description) {
     if (description.address) {
-        m_reserved.emplace(description.bus, *description.address);
+        m_buses[description.bus].reserved.insert(*description.address);
     }
     m_readers.push_back(std::make_unique<Reader>(std::move(description)));
     return m_readers.size();
+}
+
+const ReaderDescription& VirtualBus::description(std::size_t number) const {
+    return readerNumber(number).model.description();
+}
+
+void VirtualBus::removeLast() {
+    const ReaderDescription& last = description(size());
+    if (last.address) {
+        auto& reserved = m_buses[last.bus].reserved;
+        reserved.erase(reserved.find(*last.address));
+    }
+    m_removed.push_back(std::move(m_readers.back()));
+    m_readers.pop_back();
 }
 
 void VirtualBus::ensureRootHub(std::uint8_t bus) {
     if (m_rootHubs.contains(bus)) {
         return;
     }
-    m_taken[bus].resize(highestAddress + std::size_t{1});
-    m_lastAddress[bus] = rootHubAddress;
     const auto hub = m_rootHubs.emplace(bus, std::make_unique<Reader>(rootHub(bus))).first;
     connect(*hub->second, rootHubName(bus), {.bus = bus, .address = rootHubAddress}, 0);
 }
@@ -54,24 +66,30 @@ bool VirtualBus::plugged(std::size_t number) const {
     return readerNumber(number).node != nullptr;
 }
 
-// Like the kernel, search upward from the last address, so that a replugged device gets another one.
-std::optional<std::uint8_t> VirtualBus::freeAddress(std::uint8_t bus) {
-    const std::vector<bool>& taken = m_taken.at(bus);
-    std::uint8_t& last = m_lastAddress.at(bus);
+VirtualBus::Addresses::Addresses()
+    : taken(highestAddress + std::size_t{1})
+    , last(rootHubAddress) {
+    taken[rootHubAddress] = true;
+}
+
+std::optional<std::uint8_t> VirtualBus::Addresses::next() const {
+    std::uint8_t address = last;
     for (std::uint8_t tried = 0; tried < highestAddress; ++tried) {
-        last = last == highestAddress ? std::uint8_t{1} : static_cast<std::uint8_t>(last + 1);
-        if (!taken[last] && !m_reserved.contains({bus, last})) {
-            return last;
+        address = address == highestAddress ? std::uint8_t{1} : static_cast<std::uint8_t>(address + 1);
+        if (!taken[address] && !reserved.contains(address)) {
+            return address;
         }
     }
     return std::nullopt;
 }
 
-// On the bus of the description, or on the next that has room.
-VirtualBus::Place VirtualBus::freePlace(const ReaderDescription& description) {
+VirtualBus::Place VirtualBus::freePlace(const Buses& buses, const ReaderDescription& description) {
+    const auto addresses = [&](std::uint8_t bus) {
+        const auto found = buses.find(bus);
+        return found != buses.end() ? found->second : Addresses();
+    };
     if (description.address) {
-        ensureRootHub(description.bus);
-        if (m_taken.at(description.bus)[*description.address]) {
+        if (addresses(description.bus).taken[*description.address]) {
             throw TextError("address " + std::to_string(*description.address) + " is in use");
         }
         return {.bus = description.bus, .address = *description.address};
@@ -79,12 +97,26 @@ VirtualBus::Place VirtualBus::freePlace(const ReaderDescription& description) {
     constexpr unsigned lastBus = 255;
     for (unsigned number = description.bus; number <= lastBus; ++number) {
         const auto bus = static_cast<std::uint8_t>(number);
-        ensureRootHub(bus);
-        if (const std::optional<std::uint8_t> address = freeAddress(bus)) {
+        if (const std::optional<std::uint8_t> address = addresses(bus).next()) {
             return {.bus = bus, .address = *address};
         }
     }
     throw TextError("no bus from " + std::to_string(description.bus) + " to 255 has a free address");
+}
+
+void VirtualBus::take(Buses& buses, const ReaderDescription& description, Place place) {
+    Addresses& addresses = buses[place.bus];
+    addresses.taken[place.address] = true;
+    if (!description.address) {
+        addresses.last = place.address;
+    }
+}
+
+void VirtualBus::checkRoom(const std::vector<std::size_t>& numbers) const {
+    Buses buses = m_buses;
+    for (const std::size_t number : numbers) {
+        take(buses, description(number), freePlace(buses, description(number)));
+    }
 }
 
 void VirtualBus::connect(Reader& reader, const std::string& name, Place at, unsigned port) {
@@ -124,7 +156,6 @@ void VirtualBus::connect(Reader& reader, const std::string& name, Place at, unsi
         reader.node->showDrivers();
         m_server.add(reader.node, reader.faults.refuseOpen);
     }
-    m_taken.at(at.bus)[at.address] = true;
     showOnHub(reader, true);
     m_uevents.send("add", reader.shown);
 }
@@ -163,9 +194,11 @@ void VirtualBus::plug(std::size_t number) {
     if (reader.node) {
         throw TextError("reader " + std::to_string(number) + " is already plugged");
     }
-    const Place at = freePlace(reader.model.description());
+    const Place at = freePlace(m_buses, reader.model.description());
+    ensureRootHub(at.bus);
     const auto port = static_cast<unsigned>(number);
     connect(reader, numbered("%u-%u", at.bus, port), at, port);
+    take(m_buses, reader.model.description(), at);
 }
 
 void VirtualBus::unplug(std::size_t number) {
@@ -174,7 +207,23 @@ void VirtualBus::unplug(std::size_t number) {
         throw TextError("reader " + std::to_string(number) + " is not plugged");
     }
     remove(reader);
-    m_taken.at(reader.shown.bus)[reader.shown.address] = false;
+    m_buses.at(reader.shown.bus).taken[reader.shown.address] = false;
+}
+
+void VirtualBus::unplugLeaving() {
+    if (!m_server.takeLeaving()) {
+        return;
+    }
+    for (std::size_t number = 1; number <= size(); ++number) {
+        bool leaving = false;
+        if (plugged(number)) {
+            const NodeServer::Lock lock(m_server);
+            leaving = readerNumber(number).model.leaving();
+        }
+        if (leaving) {
+            unplug(number);
+        }
+    }
 }
 
 void VirtualBus::onModel(std::size_t number, const std::function<void(ReaderModel&)>& action) {
@@ -250,6 +299,7 @@ void VirtualBus::addPolled(std::vector<pollfd>& descriptors) {
 
 void VirtualBus::serve(const std::vector<pollfd>& polled, std::size_t first) {
     m_server.serve();
+    unplugLeaving();
     if (polled[first + 1].revents != 0) {
         m_uevents.sendKept();
     }

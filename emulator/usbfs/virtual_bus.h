@@ -41,8 +41,13 @@ public:
     // Everything is in `folder`, which programs know by its name. Throws std::system_error.
     explicit VirtualBus(const std::filesystem::path& folder);
 
-    std::size_t add(ReaderDescription description) override;
     std::size_t size() const override { return m_readers.size(); }
+    const ReaderDescription& description(std::size_t number) const override;
+    bool hostIsElsewhere() const override { return false; }
+
+    std::size_t add(ReaderDescription description) override;
+    void removeLast() override;
+    void checkRoom(const std::vector<std::size_t>& numbers) const override;
     bool plugged(std::size_t number) const override;
     void plug(std::size_t number) override;
     void unplug(std::size_t number) override;
@@ -68,21 +73,37 @@ private:
         std::uint8_t address = 0;
     };
 
+    // The addresses of one bus.
+    struct Addresses {
+        Addresses();
+
+        // Like the kernel, search upward from the last address that was chosen, so that a replugged device gets
+        // another one.
+        std::optional<std::uint8_t> next() const;
+
+        std::vector<bool> taken;
+        std::multiset<std::uint8_t> reserved; // that readers name, plugged or not
+        std::uint8_t last;
+    };
+    using Buses = std::map<std::uint8_t, Addresses>;
+
+    // On the bus of the description, or on the next that has room. Throws TextError.
+    static Place freePlace(const Buses& buses, const ReaderDescription& description);
+    static void take(Buses& buses, const ReaderDescription& description, Place place);
+
     void connect(Reader& reader, const std::string& name, Place at, unsigned port);
     void remove(Reader& reader);
     void showOnHub(const Reader& reader, bool plugged);
+    void unplugLeaving();
     void ensureRootHub(std::uint8_t bus); // before the bus's first reader
-    std::optional<std::uint8_t> freeAddress(std::uint8_t bus);
-    Place freePlace(const ReaderDescription& description);
 
     Sysfs m_sysfs;
     Uevents m_uevents;
     std::vector<std::unique_ptr<Reader>> m_readers;
     std::map<std::uint8_t, std::unique_ptr<Reader>> m_rootHubs; // by bus
-    std::map<std::uint8_t, std::uint8_t> m_lastAddress;         // by bus
-    std::map<std::uint8_t, std::vector<bool>> m_taken;          // addresses, by bus
-    std::set<std::pair<std::uint8_t, std::uint8_t>> m_reserved; // bus and address of readers that name theirs
-    NodeServer m_server;                                        // its thread ends before the readers do
+    std::vector<std::unique_ptr<Reader>> m_removed;             // programs may have them open
+    Buses m_buses;
+    NodeServer m_server; // its thread ends before the readers do
 };
 
 } // namespace emulator

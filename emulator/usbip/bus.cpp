@@ -11,20 +11,10 @@ Time now() {
     return std::chrono::steady_clock::now();
 }
 
-[[noreturn]] void refuse() {
-    throw TextError("not possible over USB/IP: the machine that attaches the reader is its host");
-}
-
 } // namespace
 
 std::size_t UsbipBus::add(ReaderDescription description) {
-    if (!description.kernelDriver.empty()) {
-        refuse();
-    }
-    if (std::ranges::find(description.endpoints, TransferType::isochronous, &Endpoint::type) !=
-        description.endpoints.end()) {
-        throw TextError("not possible over USB/IP: isochronous endpoints");
-    }
+    checkPossible(description);
     return m_readers.add(std::move(description));
 }
 
@@ -49,24 +39,25 @@ Bus::NamedCounts UsbipBus::counts(std::size_t number) {
 }
 
 void UsbipBus::setBusy(std::size_t, bool) {
-    refuse();
+    checkHostFaultsPossible();
 }
 
 void UsbipBus::bindDriver(std::size_t, const std::string&) {
-    refuse();
+    checkHostFaultsPossible();
 }
 
 void UsbipBus::refuseOpening(std::size_t, int) {
-    refuse();
+    checkHostFaultsPossible();
 }
 
 void UsbipBus::failReset(std::size_t, bool) {
-    refuse();
+    checkHostFaultsPossible();
 }
 
 void UsbipBus::serve(const std::vector<pollfd>& polled, std::size_t first) {
     m_readers.advance(now());
     m_server.serve(polled, first);
+    unplugLeaving();
 }
 
 std::optional<Time> UsbipBus::nextDeadline() {
@@ -83,7 +74,14 @@ void UsbipBus::onModel(std::size_t number, const std::function<void(ReaderModel&
     if (reader.importer != nullptr) {
         reader.importer->collect();
     }
+    unplugLeaving();
     m_server.settle();
+}
+
+void UsbipBus::unplugLeaving() {
+    if (m_readers.unplugLeaving()) {
+        m_server.settle();
+    }
 }
 
 } // namespace emulator

@@ -19,8 +19,15 @@ public:
     // Where the server listens.
     std::string address() const { return m_server.address(); }
 
-    std::size_t add(ReaderDescription description) override;
     std::size_t size() const override { return m_readers.size(); }
+    const ReaderDescription& description(std::size_t number) const override {
+        return m_readers.at(number).model.description();
+    }
+    bool hostIsElsewhere() const override { return true; }
+
+    std::size_t add(ReaderDescription description) override;
+    void removeLast() override { m_readers.removeLast(); }
+    void checkRoom(const std::vector<std::size_t>&) const override {} // there is always room
     bool plugged(std::size_t number) const override { return m_readers.at(number).plugged; }
     void plug(std::size_t number) override;
     void unplug(std::size_t number) override;
@@ -43,6 +50,8 @@ protected:
     void onModel(std::size_t number, const std::function<void(ReaderModel&)>& action) override;
 
 private:
+    void unplugLeaving();
+
     usbip::Readers m_readers;
     usbip::Server m_server;
 };

@@ -90,6 +90,7 @@ void Import::submit(const UrbHeader& header, const Submit& submit, Input payload
         transfer.capacity = length;
     } else {
         transfer.data.assign(payload.begin(), payload.end());
+        transfer.zeroPacket = (submit.flags & usbip_zero_packet) != 0;
     }
     if (endpoint == 0) {
         transfer.data.resize(std::min<std::size_t>(transfer.data.size(), submit.setup.length));

@@ -49,6 +49,17 @@ void Readers::unplug(std::size_t number) {
     }
 }
 
+bool Readers::unplugLeaving() {
+    bool found = false;
+    for (std::size_t number = 1; number <= size(); ++number) {
+        if (at(number).plugged && at(number).model.leaving()) {
+            unplug(number);
+            found = true;
+        }
+    }
+    return found;
+}
+
 Reader* Readers::find(std::string_view busId) const {
     const auto found = std::ranges::find_if(
         m_readers, [&](const auto& reader) { return reader->plugged && reader->busId == busId; });

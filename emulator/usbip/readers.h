@@ -38,6 +38,9 @@ public:
     std::size_t add(ReaderDescription description);
     std::size_t size() const { return m_readers.size(); }
 
+    // Undo the last add() of a reader that is not plugged.
+    void removeLast() { m_readers.pop_back(); }
+
     // Throws TextError if the number is unknown.
     Reader& at(std::size_t number) const;
 
@@ -45,6 +48,9 @@ public:
     // imported the reader, which tells the client.
     void plug(std::size_t number, Time now);
     void unplug(std::size_t number);
+
+    // Unplug the readers that unplug themselves. False if there are none.
+    bool unplugLeaving();
 
     // The plugged reader with this bus ID, or null.
     Reader* find(std::string_view busId) const;

@@ -75,7 +75,8 @@ enum usbip_command {
 
 enum usbip_direction { usbip_out = 0, usbip_in = 1 };
 
-enum { usbip_short_not_ok = 0x0001 }; // a flag of submits: fail if fewer bytes come than were asked for
+// Flags of submits: fail if fewer bytes come than were asked for; end whole packets with a zero-length one.
+enum { usbip_short_not_ok = 0x0001, usbip_zero_packet = 0x0040 };
 
 struct usbip_submit {
     struct usbip_header header;

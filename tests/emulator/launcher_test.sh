@@ -111,6 +111,8 @@ reports_usage_errors() {
     echo 'at 5 explode 1' >"$scratch/script"
     expect_status 2 "$emulate" --script "$scratch/script" -- true
     expect_output "script:1: unknown command 'explode'"
+    expect_status 2 "$emulate" --seed soon -- true
+    expect_output '--seed'
     expect_status 2 "$emulate" --no-readers --reader id=1 -- true
     expect_status 2 "$emulate" --config "$scratch/missing" -- true
     expect_status 125 "$emulate" --reader address=5 --reader address=5 -- true
@@ -331,13 +333,75 @@ sends_commands() {
 }
 
 runs_script() {
-    printf '# away and back\nat 0 unplug 1\n at 1500 unplug 9\nat 1500 plug 1\n' >"$scratch/script"
+    printf '\357\273\277# away and back\r\nat 0 unplug 1\r\nat 1500 plug 1\r\n' >"$scratch/script"
     expect_status 0 "$emulate" --script "$scratch/script" -- sh -c "
         until '$emulate' --send list | grep 'unplugged'; do sleep 0.02; done
         while '$emulate' --send list | grep -q 'unplugged'; do sleep 0.02; done; '$emulate' --send list"
     expect_output '^ok 1 [0-9a-f:]* unplugged 1A2B3C; 2 .*$'
     expect_output '^ok 1 [0-9a-f:]* 001/004 1A2B3C; 2 .*$'
-    expect_output 'script line 3: error: reader must be'
+}
+
+checks_scripts_first() {
+    while IFS='|' read -r line mistake; do
+        printf 'at 0 unplug 1\n%s\n' "$line" >"$scratch/script"
+        expect_status 2 "$emulate" --script "$scratch/script" -- touch "$scratch/started"
+        expect_output "^gvusb-emulate: $scratch/script:2: $mistake"
+    done <<'END'
+at 1 unplug 3|reader must be a number from 1 to 2, not '3'
+at 1 stall 2 0x81|reader has no endpoint 0x81
+at 1 push 1 012|frame must have two digits for each byte
+at 1 chance 1 in 101 stall|chance must be a percentage from 0 to 100
+at 1 repeat 2|loop without end
+END
+    [ ! -e "$scratch/started" ] || fail "the program started"
+    printf 'at 0 unplug 3\n' >"$scratch/script"
+    expect_status 0 "$emulate" --lenient --script "$scratch/script" -- true
+    expect_output "script:1: error: reader must be a number from 1 to 2, not '3'"
+    printf 'at 0 busy 1 on\n' >"$scratch/script"
+    expect_status 2 "$emulate" --usbip --listen 127.0.0.1:0 --script "$scratch/script" -- true
+    expect_output 'script:1: not possible over USB/IP'
+    printf 'at 0 plug id=77\nat 1 unplug 3\n' >"$scratch/script"
+    expect_status 0 "$emulate" --script "$scratch/script" -- sleep 0.3
+}
+
+reports_scripts_that_fail() {
+    printf 'at 0 forever\nat 0 plug 1\nat 1 end\n' >"$scratch/script"
+    for mode in '' '--usbip --listen 127.0.0.1:0'; do
+        # shellcheck disable=SC2086 # several words
+        expect_status 1 "$emulate" $mode --script "$scratch/script" -- sleep 0.3
+        expect_output '^gvusb-emulate: .*/script:2: error: reader 1 is already plugged$'
+        expect_equal "reports" "$(grep -c plugged "$scratch/output")" 1
+        # shellcheck disable=SC2086
+        expect_status 0 "$emulate" $mode --lenient --script "$scratch/script" -- sleep 0.3
+    done
+    expect_status 7 "$emulate" --script "$scratch/script" -- sh -c 'exit 7'
+    printf 'at 0 unplug 1\nat 60000 plug 1\n' >"$scratch/script"
+    expect_status 1 "$emulate" --script "$scratch/script" -- true
+    expect_output "^gvusb-emulate: .*/script:2: error: the time of 'plug 1' had not come at the end$"
+    expect_status 0 "$emulate" --lenient --script "$scratch/script" -- true
+    start_server --script "$scratch/script" 2>"$scratch/errors"
+    kill "$launcher"
+    wait "$launcher"
+    expect_equal "exit status of a server" $? 1
+}
+
+prints_its_seed() {
+    expect_status 0 "$emulate" -- "$emulate" --send 'chance 1 in 5 stall'
+    expect_output '^gvusb-emulate: seed [0-9]*$'
+    expect_status 0 "$emulate" --seed 5 -- "$emulate" --send 'jitter 1 1-5'
+    expect_equal "output" "$(cat "$scratch/output")" ok
+    expect_status 0 "$emulate" -- "$emulate" --send 'fail 1 in 5'
+    expect_equal "output" "$(cat "$scratch/output")" ok
+}
+
+lists_commands() {
+    expect_status 0 env -u GVUSB_EMULATE_SOCKET "$emulate" --send help
+    commands=$(grep -c '^  [a-z]' "$scratch/output")
+    expect_equal "commands in the help" "$("$emulate" --help | sed -n '/^COMMANDS/,/^SCRIPTS/p' | grep -c '^  [a-z]')" \
+        "$commands"
+    for word in push 'on READER' 'fail READER' chance jitter; do
+        expect_output "^  $word"
+    done
 }
 
 # Starts a server without a program and reads the port and the socket from its output.

@@ -39,7 +39,7 @@ TEST(ReaderDescriptionTest, ParsesEveryKey) {
     const ReaderDescription reader = one(
         "id=xyz,family=F,name=A\\,B,interface=TESK RCI2,type=7,string20=more,product=0x2,vendor=0x1234,"
         "release=0x0203,endpoints=control,configuration=2+1,interfaces=3,first-interface=1,speed=high,bus=4,"
-        "address=9,driver=usbhid,reply=none,plugged=no,descriptors=1201");
+        "address=9,driver=usbhid,reply=none,plugged=no,frames=short-packet,descriptors=1201");
     EXPECT_EQ(reader.strings.at(1), "xyz");
     EXPECT_EQ(reader.strings.at(3), "F");
     EXPECT_EQ(reader.strings.at(5), "A,B");
@@ -59,6 +59,7 @@ TEST(ReaderDescriptionTest, ParsesEveryKey) {
     EXPECT_EQ(reader.kernelDriver, "usbhid");
     EXPECT_EQ(reader.reply.text(), "none");
     EXPECT_FALSE(reader.plugged);
+    EXPECT_EQ(reader.frames, FrameEnd::shortPacket);
     EXPECT_EQ(reader.descriptors, (Bytes{0x12, 0x01}));
 }
 
@@ -103,6 +104,7 @@ TEST(ReaderDescriptionTest, NamesTheMistake) {
     EXPECT_EQ(complaint("endpoints=0x81:interrupt+0x02:iso,speed=low"), complaint("speed=low"));
     EXPECT_EQ(parseReaders("speed=low,endpoints=interrupt").front().speed, Speed::low);
     EXPECT_EQ(complaint("speed=warp"), "speed must be low, full or high, not 'warp'");
+    EXPECT_EQ(complaint("frames=long"), "frames must be transfer or short-packet, not 'long'");
     EXPECT_EQ(complaint("descriptors=12 0"), "descriptors must have two digits for each byte, not '12 0'");
     EXPECT_EQ(complaint("descriptors=0x12"), "descriptors must be pairs of hexadecimal digits, not '0x12'");
     EXPECT_EQ(complaint("configuration=1+1"), "duplicate configuration value 1");
@@ -122,6 +124,9 @@ TEST(ReaderDescriptionTest, ReadsAFileAndNamesTheLine) {
     const std::filesystem::path file = std::filesystem::path(testing::TempDir()) / "gvusb-readers-test";
     std::ofstream(file) << "# two readers\n\nid=1\n  id=2,product=2  \n";
     EXPECT_EQ(readReaders(file).size(), 2U);
+    std::ofstream(file) << "\xEF\xBB\xBF"
+                        << "id=1\r\nid=2\r\n";
+    EXPECT_EQ(readReaders(file).at(1).strings.at(1), "2") << "of a Windows editor";
     std::ofstream(file) << "id=1\nid=2,\nbus=0\n";
     try {
         readReaders(file);

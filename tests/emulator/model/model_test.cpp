@@ -1,46 +1,9 @@
-#include "model/model.h"
-
-#include <gtest/gtest.h>
+#include "model_test.h"
 
 namespace emulator {
 namespace {
 
 using namespace std::chrono_literals;
-
-class ReaderModelTest : public testing::Test {
-protected:
-    TransferId out(Bytes data, std::uint8_t endpoint = 0x02) {
-        return reader.submit({.endpoint = endpoint, .data = std::move(data)}, now);
-    }
-    TransferId in(std::size_t capacity = 64, std::uint8_t endpoint = 0x81) {
-        return reader.submit({.endpoint = endpoint, .capacity = capacity}, now);
-    }
-    TransferId frameOut(Bytes data) {
-        const auto length = static_cast<std::uint16_t>(data.size());
-        return reader.submit({.endpoint = 0, .setup = {0x40, 0, 0, 0, length}, .data = std::move(data)}, now);
-    }
-    TransferId frameIn(std::uint16_t length = 64) {
-        return reader.submit({.endpoint = 0, .setup = {0xC0, 0, 0, 0, length}, .capacity = length}, now);
-    }
-    void expectCompletion(TransferId id, Outcome outcome, const Bytes& data = {}) {
-        const auto completion = reader.takeCompletion();
-        ASSERT_TRUE(completion.has_value());
-        EXPECT_EQ(completion->id, id);
-        EXPECT_EQ(completion->outcome, outcome);
-        EXPECT_EQ(completion->data, data);
-    }
-    void expectNothing() { EXPECT_FALSE(reader.takeCompletion().has_value()); }
-    void take() { ASSERT_TRUE(reader.takeCompletion().has_value()); }
-    void fault(std::string_view pipe, const PipeFaults& faults) {
-        for (const Pipe each : reader.pipesNamed(pipe)) {
-            reader.setPipeFaults(each, faults, now);
-        }
-    }
-    static ReaderModel described(std::string_view line) { return ReaderModel(parseReaders(line).front()); }
-
-    Time now{1h};
-    ReaderModel reader = described("");
-};
 
 TEST_F(ReaderModelTest, AnswersAFrameOverBulk) {
     const TransferId sent = out({1, 2, 3});
@@ -321,16 +284,6 @@ TEST_F(ReaderModelTest, InterruptEndpointStaysSilent) {
     const TransferId waiting = in(8, 0x83);
     expectNothing();
     EXPECT_TRUE(reader.cancel(waiting, now));
-}
-
-TEST_F(ReaderModelTest, NamesPipes) {
-    EXPECT_EQ(reader.pipesNamed("in"), (std::vector<Pipe>{pipeOf(0x81), Pipe::controlFrameIn}));
-    EXPECT_EQ(reader.pipesNamed("out"), (std::vector<Pipe>{pipeOf(0x02), Pipe::controlFrameOut}));
-    EXPECT_EQ(reader.pipesNamed("control"), std::vector<Pipe>{Pipe::control});
-    EXPECT_EQ(reader.pipesNamed("all"), (std::vector<Pipe>{pipeOf(0x81), pipeOf(0x02), Pipe::control}));
-    EXPECT_EQ(reader.pipesNamed("0x81"), std::vector<Pipe>{pipeOf(0x81)});
-    EXPECT_THROW(reader.pipesNamed("0x83"), TextError);
-    EXPECT_THROW(reader.pipesNamed("sideways"), TextError);
 }
 
 TEST_F(ReaderModelTest, RemembersTheLastFrameAndItsEndpoint) {

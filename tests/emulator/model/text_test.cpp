@@ -10,6 +10,12 @@ TEST(TextTest, TrimsBlanksAtBothEnds) {
     EXPECT_EQ(trimmed("  "), "");
 }
 
+TEST(TextTest, SkipsAByteOrderMark) {
+    EXPECT_EQ(withoutByteOrderMark("\xEF\xBB\xBFid"), "id");
+    EXPECT_EQ(withoutByteOrderMark("id\xEF\xBB\xBF"), "id\xEF\xBB\xBF");
+    EXPECT_EQ(withoutByteOrderMark(""), "");
+}
+
 TEST(TextTest, SplitsAtSeparatorsThatAreNotEscaped) {
     EXPECT_EQ(splitEscaped("a,,b\\,c\\\\,", ','), (std::vector<std::string>{"a", "", "b,c\\", ""}));
     EXPECT_EQ(splitEscaped("", ','), std::vector<std::string>{""});

@@ -352,6 +352,107 @@ static void answers_late_short_or_too_much(void) {
     libusb_close(handle);
 }
 
+static void note_completion(struct libusb_transfer* transfer) {
+    *(int*)transfer->user_data = 1;
+}
+
+static void acts_by_rules(void) {
+    libusb_device_handle* handle = open_claimed(bulk_product);
+    unsigned char data[64];
+    int moved;
+    tell("push 1 0102FF");
+    expect("pushed frame", bulk(handle, bulk_in, data, sizeof data, &moved, patience), 0);
+    expect("its bytes", moved == 3 && memcmp(data, "\x01\x02\xFF", 3) == 0, 1);
+    tell("on 1 01 02 reply 9000");
+    tell("on 1 03 delay 200");
+    tell("on 1 04 stall");
+    tell("on 1 05 mute");
+    expect("out", bulk(handle, bulk_out, (unsigned char*)"\1\2\3", 3, &moved, patience), 0);
+    expect("reply", bulk(handle, bulk_in, data, sizeof data, &moved, patience), 0);
+    expect("its bytes", moved == 2 && memcmp(data, "\x90\0", 2) == 0, 1);
+    const long start = milliseconds();
+    expect("out", bulk(handle, bulk_out, (unsigned char*)"\3", 1, &moved, patience), 0);
+    expect("late answer", bulk(handle, bulk_in, data, sizeof data, &moved, patience), 0);
+    expect("waited for the answer", milliseconds() - start >= 200, 1);
+    expect("out", bulk(handle, bulk_out, (unsigned char*)"\4", 1, &moved, patience), 0);
+    expect("stall", bulk(handle, bulk_in, data, sizeof data, &moved, patience), LIBUSB_ERROR_PIPE);
+    expect("clear halt", libusb_clear_halt(handle, bulk_in), 0);
+    expect("out", bulk(handle, bulk_out, (unsigned char*)"\5", 1, &moved, patience), 0);
+    expect("no answer", bulk(handle, bulk_in, data, sizeof data, &moved, moment), LIBUSB_ERROR_TIMEOUT);
+    tell("on 1 off");
+    tell("jitter 1 200-210");
+    const long again = milliseconds();
+    expect_bulk_echo(handle, 5, 64);
+    expect("waited for the answer", milliseconds() - again >= 200, 1);
+    libusb_close(handle);
+}
+
+static void unplugs_itself(void) {
+    libusb_device_handle* handle = open_claimed(bulk_product);
+    unsigned char data[64];
+    int moved;
+    tell("on 1 DEAD unplug");
+    expect_bulk_echo(handle, 5, 64);
+    expect("out", bulk(handle, bulk_out, (unsigned char*)"\xDE\xAD", 2, &moved, patience), 0);
+    const int received = bulk(handle, bulk_in, data, sizeof data, &moved, patience);
+    expect("in", received, LIBUSB_ERROR_NO_DEVICE);
+    await_list_size(1 + root_hubs);
+    libusb_close(handle);
+    tell("plug 1");
+    await_list_size(2 + root_hubs);
+    handle = open_claimed(bulk_product);
+    expect_bulk_echo(handle, 5, 64);
+    libusb_close(handle);
+}
+
+static void fails_single_transfers(void) {
+    libusb_device_handle* handle = open_claimed(bulk_product);
+    unsigned char data[64] = "frame";
+    int moved;
+    tell("fail 1 out 2");
+    expect_bulk_echo(handle, 5, 64);
+    expect("second out", bulk(handle, bulk_out, data, 5, &moved, patience), LIBUSB_ERROR_PIPE);
+    expect("clear halt", libusb_clear_halt(handle, bulk_out), 0);
+    tell("fail 1 in 1 mute");
+    expect("out", bulk(handle, bulk_out, data, 5, &moved, patience), 0);
+    expect("mute in", bulk(handle, bulk_in, data, sizeof data, &moved, moment), LIBUSB_ERROR_TIMEOUT);
+    expect_bulk_echo(handle, 5, 64);
+    tell("chance 1 in 100 corrupt");
+    expect("out", bulk(handle, bulk_out, (unsigned char*)"\1\2\3", 3, &moved, patience), 0);
+    expect("corrupt in", bulk(handle, bulk_in, data, sizeof data, &moved, patience), 0);
+    expect("its bytes", moved == 3 && memcmp(data, "\1\2\3", 3) != 0, 1);
+    tell("chance 1 in off");
+    expect_bulk_echo(handle, 5, 64);
+    libusb_close(handle);
+}
+
+// Reader 1 takes frames of several transfers.
+static void sends_long_frames(void) {
+    libusb_device_handle* handle = open_claimed(bulk_product);
+    unsigned char data[256];
+    int moved;
+    fill(data, sizeof data, 0);
+    expect("first part", bulk(handle, bulk_out, data, 128, &moved, patience), 0);
+    expect("no answer yet", bulk(handle, bulk_in, data, sizeof data, &moved, moment), LIBUSB_ERROR_TIMEOUT);
+    expect("last part", bulk(handle, bulk_out, data + 128, 100, &moved, patience), 0);
+    expect("answer", bulk(handle, bulk_in, data, sizeof data, &moved, patience), 0);
+    expect("bytes in", moved, 228);
+
+    struct libusb_transfer* transfer = libusb_alloc_transfer(0);
+    int completed = 0;
+    libusb_fill_bulk_transfer(transfer, handle, bulk_out, data, 64, note_completion, &completed, patience);
+    transfer->flags = LIBUSB_TRANSFER_ADD_ZERO_PACKET;
+    expect("submit", libusb_submit_transfer(transfer), 0);
+    while (completed == 0) {
+        libusb_handle_events_completed(NULL, &completed);
+    }
+    expect("status", transfer->status, LIBUSB_TRANSFER_COMPLETED);
+    libusb_free_transfer(transfer);
+    expect("answer", bulk(handle, bulk_in, data, sizeof data, &moved, patience), 0);
+    expect("bytes in", moved, 64);
+    libusb_close(handle);
+}
+
 // Run a command while the main thread is in a transfer.
 static void* tell_later(void* command) {
     pause_for(moment);
@@ -748,6 +849,10 @@ static const struct {
     {"times_out", times_out},
     {"stalls_until_halt_is_cleared", stalls_until_halt_is_cleared},
     {"answers_late_short_or_too_much", answers_late_short_or_too_much},
+    {"acts_by_rules", acts_by_rules},
+    {"unplugs_itself", unplugs_itself},
+    {"fails_single_transfers", fails_single_transfers},
+    {"sends_long_frames", sends_long_frames},
     {"unplugged_in_flight", unplugged_in_flight},
     {"replugged_is_another_device", replugged_is_another_device},
     {"gets_plug_events", gets_plug_events},

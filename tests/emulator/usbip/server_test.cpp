@@ -250,6 +250,65 @@ TEST_F(UsbipServerTest, FaultsReachTheClient) {
     EXPECT_EQ(exchange(client, control(9, {0x00, 9, 1, 0, 0, 0, 0, 0}), headerSize), "submitted 9 -32 +0");
 }
 
+TEST_F(UsbipServerTest, RulesAndSingleFaultsReachTheClient) {
+    Client client(bus.address());
+    imports(client);
+    EXPECT_EQ(command("push 1 0102"), "ok");
+    EXPECT_EQ(exchange(client, fetchFrame(1), headerSize + 2, {1}), "submitted 1 0 0102");
+    EXPECT_EQ(command("on 1 05 reply 9000"), "ok");
+    EXPECT_EQ(exchange(client, join({sendFrame(2, {5, 6}), fetchFrame(3)}), 2 * headerSize + 2, {3}),
+              "submitted 2 0 +2; submitted 3 0 9000");
+    EXPECT_EQ(command("fail 1 in 2"), "ok");
+    EXPECT_EQ(
+        exchange(client, join({sendFrame(4, {7}), fetchFrame(5), fetchFrame(6)}), 3 * headerSize + 1, {5, 6}),
+        "submitted 4 0 +1; submitted 5 0 07; submitted 6 -32 ");
+    EXPECT_EQ(command("unstall 1 in"), "ok");
+    EXPECT_EQ(command("chance 1 out 100 stall"), "ok");
+    EXPECT_EQ(exchange(client, sendFrame(7, {1}), headerSize), "submitted 7 -32 +0");
+}
+
+TEST_F(UsbipServerTest, ReaderThatUnplugsItselfEndsTheImport) {
+    Client client(bus.address());
+    imports(client);
+    EXPECT_EQ(command("on all DEAD unplug"), "ok");
+    client.send(sendFrame(1, {0xDE, 0xAD}));
+    EXPECT_TRUE(ends(client));
+    EXPECT_EQ(Replies(client.received).text(), "submitted 1 0 +2");
+    EXPECT_EQ(command("list"), "ok 1 1209:0001 unplugged 1A2B3C; 2 1209:0001 1-2 1A2B3D");
+    EXPECT_EQ(command("plug 1"), "ok");
+    Client next(bus.address());
+    imports(next);
+    EXPECT_EQ(exchange(next, sendFrame(1, {1}), headerSize), "submitted 1 0 +1");
+
+    // A frame that a command lets through.
+    EXPECT_EQ(command("mute 1 out"), "ok");
+    next.send(sendFrame(2, {0xDE, 0xAD}));
+    turn(bus, 1s);
+    EXPECT_EQ(command("unmute 1 out"), "ok");
+    EXPECT_TRUE(ends(next));
+}
+
+TEST_F(UsbipServerTest, ZeroLengthPacketEndsALongFrame) {
+    EXPECT_EQ(command("plug frames=short-packet"), "ok 3");
+    Client client(bus.address());
+    imports(client, "1-3");
+    constexpr std::uint32_t third = firstReader + 2;
+    const auto send = [&](std::uint32_t sequence, std::uint32_t flags) {
+        return exchange(client,
+                        submit({.sequence = sequence,
+                                .endpoint = 2,
+                                .length = 64,
+                                .data = Bytes(64, 1),
+                                .device = third,
+                                .flags = flags}),
+                        headerSize);
+    };
+    EXPECT_EQ(send(1, 0), "submitted 1 0 +64");
+    EXPECT_EQ(command("frames 3"), "ok 0");
+    EXPECT_EQ(send(2, usbip_zero_packet), "submitted 2 0 +64");
+    EXPECT_EQ(command("frames 3").substr(0, 9), "ok 1 0x02");
+}
+
 TEST_F(UsbipServerTest, DelayedAnswerComesWhenItIsDue) {
     Client client(bus.address());
     imports(client);
