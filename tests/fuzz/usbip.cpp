@@ -17,15 +17,17 @@ using fuzz::Input;
 
 constexpr std::array<std::uint32_t, 8> lengths = {0, 1, 8, 64, 65, 512, 1 << 16, 1 << 24};
 constexpr std::array<std::uint8_t, 6> pipes = {0x81, 0x02, 0x83, 0x04, 0x00, 0x85};
+constexpr std::array faultyPipes = {pipeOf(0x81),  pipeOf(0x02),          pipeOf(0x83),
+                                    Pipe::control, Pipe::controlFrameOut, Pipe::controlFrameIn};
 
 struct Fixture {
     explicit Fixture(Input rest)
         : input(rest) {
         readers.add(parseReaders("").front());
-        readers.add(
-            parseReaders("endpoints=0x81+0x02+0x83:interrupt+0x04:interrupt,configuration=2+1,interfaces=2,"
-                         "speed=high,reply=reverse")
-                .front());
+        readers.add(parseReaders("frames=short-packet,endpoints=0x81+0x02+0x83:interrupt+0x04:interrupt,"
+                                 "configuration=2+1,interfaces=2,"
+                                 "speed=high,reply=reverse")
+                        .front());
         for (std::size_t number = 1; number <= readers.size(); ++number) {
             readers.plug(number, now);
         }
@@ -107,15 +109,78 @@ void plugOrUnplug(Fixture& f) {
     }
 }
 
+TransferFault anyFault(Fixture& f) {
+    constexpr std::array kinds = {TransferFault::Kind::stall, TransferFault::Kind::mute,
+                                  TransferFault::Kind::corrupt, TransferFault::Kind::delay};
+    TransferFault fault{.kind = f.input.oneOf(kinds), .time = {}};
+    fault.time.shortest = Milliseconds(f.input.byte());
+    fault.time.longest = fault.time.shortest + Milliseconds(f.input.byte());
+    return fault;
+}
+
+void changeFaultsOfTransfers(Fixture& f, ReaderModel& model) {
+    model.setSeed(f.input.byte());
+    TransferFaults& faults = model.transferFaults(f.input.oneOf(faultyPipes));
+    switch (f.input.below(4)) {
+    case 0:
+        faults.failNth(1 + f.input.below(4), anyFault(f));
+        break;
+    case 1:
+        faults.setChance(static_cast<Chance>(f.input.below(101) * 1000), anyFault(f));
+        break;
+    case 2:
+        faults.failNone();
+        break;
+    default:
+        faults.clearChances();
+    }
+}
+
+void changeRules(Fixture& f, ReaderModel& model) {
+    constexpr std::array rules = {"reply 9000", "reply none",           "stall", "mute", "unplug",
+                                  "delay 20",   "delay 5 reply reverse"};
+    const Bytes beginning = f.bytes(f.input.below(3));
+    if (f.input.flag()) {
+        model.frameRules().set(beginning, FrameRule::parse(f.input.oneOf(rules)));
+    } else {
+        model.frameRules().remove(beginning);
+    }
+}
+
+void changeJitter(Fixture& f, ReaderModel& model) {
+    const TimeRange jitter{.shortest = Milliseconds(0), .longest = Milliseconds(f.input.byte())};
+    model.setJitter(f.input.flag() ? std::optional(jitter) : std::nullopt);
+}
+
 void changeFaults(Fixture& f) {
     usbip::Reader& reader = f.readers.at(f.anyReader());
     const Pipe pipe = pipeOf(f.input.oneOf(pipes));
-    PipeFaults faults{.mute = f.input.flag(), .stalled = f.input.flag(), .stuck = f.input.flag()};
+    PipeFaults faults{.mute = f.input.flag(), .stalled = f.input.flag()};
+    // The high bits, which have no other meaning, choose another fault, so that inputs found without it remain.
+    constexpr unsigned lowBits = 5;
+    const std::uint8_t stuckAndMore = f.input.byte();
+    faults.stuck = (stuckAndMore & 1) != 0;
     faults.delay = Milliseconds(f.input.byte());
     if (f.input.flag()) {
         faults.shortTo = f.input.byte();
     }
     reader.model.setPipeFaults(pipe, faults, f.now);
+    switch (stuckAndMore >> lowBits) {
+    case 4:
+        changeFaultsOfTransfers(f, reader.model);
+        break;
+    case 5:
+        changeRules(f, reader.model);
+        break;
+    case 6:
+        changeJitter(f, reader.model);
+        break;
+    case 7:
+        reader.model.push(f.bytes(f.input.byte()), f.now);
+        break;
+    default:
+        break;
+    }
     if (reader.importer != nullptr) {
         reader.importer->collect();
     }
@@ -156,6 +221,13 @@ void checkThatReadersWork(Fixture& f) {
     for (const std::uint8_t pipe : pipes) {
         reader.model.setPipeFaults(pipeOf(pipe), {}, f.now);
     }
+    for (const Pipe pipe : faultyPipes) {
+        reader.model.transferFaults(pipe).failNone();
+        reader.model.transferFaults(pipe).clearChances();
+    }
+    reader.model.frameRules().clear();
+    reader.model.setJitter(std::nullopt);
+    reader.model.forgetAnswers();
     usbip::Connection connection(f.readers);
     connection.receive(importRequest("1-1"), f.now);
     connection.sent(importReplySize, f.now);
@@ -177,6 +249,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Fixture fixture(Input(data, size));
     while (!fixture.input.atEnd()) {
         fixture.input.oneOf(steps)(fixture);
+        fixture.readers.unplugLeaving();
         checkImporters(fixture);
     }
     checkThatReadersWork(fixture);
