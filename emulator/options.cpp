@@ -45,9 +45,9 @@ delay:MS or delay:MIN-MAX:
 constexpr const char* aboutTheRest = R"(
 SCRIPTS
 A script has one command per line, in order of time: "at MS COMMAND" runs COMMAND MS milliseconds after
-the program has started. "at MS repeat N" and "at MS forever" begin a loop, which may contain others;
-"at MS end" ends it. Times inside a loop count from the beginning of each pass; that of "end" is the
-length of a pass. "forever" ends with the program.
+the program has started, and "at 0" before it starts. "at MS repeat N" and "at MS forever" begin a loop,
+which may contain others; "at MS end" ends it. Times inside a loop count from the beginning of each pass;
+that of "end" is the length of a pass. "forever" ends with the program.
 The script is checked before the program starts. A command that fails, or whose time does not come before
 the program ends, makes the exit status 1, unless --lenient is given.
 

@@ -72,6 +72,8 @@ Session::Session(Options options, const BlockedSignals& signals, Bus& bus, std::
 
 int Session::run(Program::Environment environment) {
     environment.emplace_back(emulate_socket_variable, m_socket);
+    m_start = now();
+    runScript(); // before the program can notice anything
     m_program.emplace(m_options.program, environment, m_signals.before());
     m_start = now();
     if (!m_program->error().empty()) {
