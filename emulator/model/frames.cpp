@@ -9,9 +9,10 @@ namespace emulator {
 // Stalled if the transfer that brought the frame is to stall.
 Outcome ReaderModel::takeFrame(std::uint8_t endpoint, Bytes frame, Time now) {
     const bool byControl = endpoint == 0;
+    static const FrameRule usual;
     const FrameRule* const found = m_frameRules.find(frame);
-    const FrameRule rule = found != nullptr ? *found : FrameRule{};
-    std::optional<Bytes> answer = rule.reply.value_or(m_description.reply).answer(frame);
+    const FrameRule& rule = found != nullptr ? *found : usual;
+    std::optional<Bytes> answer = (rule.reply ? *rule.reply : m_description.reply).answer(frame);
     ++m_frameCount;
     m_lastFrame = {.endpoint = endpoint, .data = std::move(frame)};
 

@@ -157,6 +157,9 @@ PipeFaults ReaderModel::faultsFor(const Transfer& transfer) const {
 
 TransferFate ReaderModel::fateOf(const Transfer& transfer) {
     TransferFate fate;
+    if (m_transferFaults.empty()) {
+        return fate;
+    }
     for (const std::optional<Pipe> pipe : {std::optional(pipeOf(transfer.endpoint)), framePipe(transfer)}) {
         const auto found = pipe ? m_transferFaults.find(*pipe) : m_transferFaults.end();
         if (found != m_transferFaults.end()) {
