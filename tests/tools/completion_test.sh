@@ -86,7 +86,7 @@ completes_the_launchers_options() {
     expect_equal "the files of an option" "$(complete_launcher --script "$scratch/scr")" "$scratch/script"
     expect_equal "a command" "$(complete_launcher --send unp)" 'unplug'
     expect_equal "an unknown value" "$(complete_launcher --reader '')" ''
-    commands=$("$emulate" --send help | sed -n 's/^  \([a-z-]*\).*/\1/p' | sort - <(echo help) | paste -sd' ')
+    commands=$("$emulate" --send help | sed -n 's/^  \([a-z][a-z-]*\).*/\1/p' | sort - <(echo help) | paste -sd' ')
     expect_equal "commands" "$(complete_launcher --send '')" "$commands"
     expect_equal "some commands" "$(complete_launcher --send ref)" refuse
 }
