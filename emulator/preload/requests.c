@@ -252,7 +252,7 @@ static bool change_signal(struct opening_memory* memory, uint32_t from, uint32_t
 static void stop_signal(struct opening_memory* memory, int descriptor) {
     const int kept = errno;
     if (ring_is_empty(memory) && change_signal(memory, opening_ready, opening_filling)) {
-        if (__atomic_load_n(&memory->hung_up, __ATOMIC_SEQ_CST) != 0) {
+        if (__atomic_load_n(&memory->gone, __ATOMIC_SEQ_CST) != 0) {
             write_byte_after_unplug(descriptor);
         } else {
             write_byte(descriptor);

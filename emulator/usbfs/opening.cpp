@@ -245,23 +245,20 @@ void UsbfsOpening::unplug() {
     refresh();
     opening_memory& memory = *m_memory;
     shared(memory.claimed).store(0);
-    m_hangUpWanted = true;
-    tryToHangUp(); // first, so that poll() reports no later than ioctl() that the reader is gone
+    // Before the hang-up: once poll() has reported that, libusb waits for nothing that it has still submitted.
     shared(memory.gone).store(1);
     shared(memory.completed).fetch_add(1);
     wakeAll(memory.completed);
     if (m_disconnectSignal != 0) {
         signalProgram(static_cast<int>(m_disconnectSignal), m_disconnectProcess, EPIPE, m_disconnectValue);
     }
+    m_hangUpWanted = true;
+    tryToHangUp();
 }
 
 // Not while the program may be writing to the pipe, because that would end it with SIGPIPE.
 void UsbfsOpening::tryToHangUp() {
-    if (!m_hangUpWanted || !m_readEnd) {
-        return;
-    }
-    shared(m_memory->hung_up).store(1);
-    if (programIsWriting()) {
+    if (!m_hangUpWanted || !m_readEnd || programIsWriting()) {
         return;
     }
     m_pipe = openAgain(m_readEnd.get(), O_PATH);

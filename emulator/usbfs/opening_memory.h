@@ -113,7 +113,6 @@ struct opening_memory {
     uint32_t gone;   // unplugged
     uint32_t closed; // no descriptor is left
     uint32_t endpoint_count;
-    uint32_t hung_up; // the pipe has no read end, or will have none
     struct opening_endpoint endpoints[opening_most_endpoints];
     uint32_t tail;      // of the ring
     uint32_t completed; // a futex: changes when a URB can be reaped and when the reader goes
