@@ -43,6 +43,22 @@ static long call_directly(const greg_t* registers) {
                              registers[REG_RDX], registers[REG_R10], registers[REG_R8], registers[REG_R9]));
 }
 
+// A udev event has to come from a netlink socket, as recvmsg() lets it.
+static long receive_from(const greg_t* registers, struct sockaddr* sender, socklen_t* size) {
+    socklen_t room = 0;
+    if (sender != NULL && !copy_from_program(&room, size, sizeof room)) {
+        return -EFAULT;
+    }
+    struct iovec piece = {.iov_base = (void*)registers[REG_RSI], // NOLINT(performance-no-int-to-ptr)
+                          .iov_len = (size_t)registers[REG_RDX]};
+    struct msghdr message = {.msg_name = sender, .msg_namelen = room, .msg_iov = &piece, .msg_iovlen = 1};
+    const long result = result_of(recvmsg((int)registers[REG_RDI], &message, (int)registers[REG_R10]));
+    if (result >= 0 && sender != NULL && !copy_to_program(size, &message.msg_namelen, sizeof *size)) {
+        return -EFAULT;
+    }
+    return result;
+}
+
 // NOLINTBEGIN(performance-no-int-to-ptr): registers contain pointers
 static long call_preload(const greg_t* registers) {
     const greg_t first = registers[REG_RDI];
@@ -94,6 +110,8 @@ static long call_preload(const greg_t* registers) {
         return result_of(socket((int)first, (int)second, (int)third));
     case SYS_bind:
         return result_of(bind((int)first, (const struct sockaddr*)second, (socklen_t)third));
+    case SYS_recvfrom:
+        return receive_from(registers, (struct sockaddr*)registers[REG_R8], (socklen_t*)registers[REG_R9]);
     case SYS_recvmsg:
         return result_of(recvmsg((int)first, (struct msghdr*)second, (int)third));
     default:

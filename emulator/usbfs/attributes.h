@@ -1,7 +1,7 @@
 // The files by which the kernel describes a USB device in /sys: the device, its interfaces and endpoints, computed from
 // the descriptors as programs read them.
 //
-// Files whose values the launcher does not know or change are missing: `urbnum`, `remove` and the folder `power`.
+// Missing are `urbnum`, `remove` and the folder `power`, which would have to change or to act.
 // Any thread may call these.
 #pragma once
 
