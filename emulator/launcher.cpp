@@ -29,6 +29,7 @@ namespace fs = std::filesystem;
 constexpr int outOfReach = 126;
 
 constexpr const char* preloadVariable = "LD_PRELOAD";
+constexpr const char* pythonVariable = "PYTHONPATH";
 constexpr const char* sanitizerVariable = "ASAN_OPTIONS";
 constexpr std::string_view preloadName = "libgvusb-emulate-preload.so";
 
@@ -66,7 +67,30 @@ std::string sanitizerOptions() {
     return (options != nullptr ? options + std::string(":") : std::string()) + "verify_asan_link_order=0";
 }
 
-Program::Environment emulatedEnvironment(const Options& options, const fs::path& folder) {
+// The Python module for commands that play readers, in a build folder or installed.
+fs::path findPythonFolder() {
+    const fs::path folder = fs::read_symlink("/proc/self/exe").parent_path();
+    const fs::path built = folder / "python";
+    return fs::exists(built) ? built : folder.parent_path() / GVUSB_EMULATE_PYTHON_FOLDER;
+}
+
+// A command that plays a reader does not run on the bus, nor on that of a launcher around this one.
+Environment logicEnvironment() {
+    const std::string preloads = foreignPreloads();
+    const char* const path = std::getenv(pythonVariable);
+    Environment environment = {
+        {preloadVariable, preloads.empty() ? std::nullopt : std::optional(preloads)},
+        {pythonVariable, (path != nullptr && *path != '\0' ? std::string(path) + ":" : std::string()) +
+                             findPythonFolder().string()}};
+    for (const char* const name :
+         {emulate_folder_variable, emulate_configuration_variable, emulate_socket_variable,
+          emulate_system_calls_variable, emulate_usbip_variable}) {
+        environment.emplace_back(name, std::nullopt);
+    }
+    return environment;
+}
+
+Environment emulatedEnvironment(const Options& options, const fs::path& folder) {
     std::string preloads = foreignPreloads();
     preloads += (preloads.empty() ? "" : ":") + findPreload().string();
     return {{preloadVariable, preloads},
@@ -87,7 +111,7 @@ int launchEmulated(const Options& options, const BlockedSignals& signals) {
     }
     const ScratchFolder folder;
     VirtualBus bus(folder.path());
-    Session session(options, signals, bus, (folder.path() / "commands").string());
+    Session session(options, signals, bus, (folder.path() / "commands").string(), logicEnvironment());
     return session.run(emulatedEnvironment(options, folder.path()));
 }
 
@@ -101,7 +125,7 @@ int launchUsbip(const Options& options, const BlockedSignals& signals) {
                 std::cerr << "gvusb-emulate: disconnected a USB/IP client: " << complaint << '\n';
             }
         });
-    Session session(options, signals, *made, socket);
+    Session session(options, signals, *made, socket, logicEnvironment());
     // Destroyed before the session, which waits for every process of the program: a process can hang in the
     // kernel until the reader that it has attached answers or disappears.
     const std::unique_ptr<UsbipBus> bus = std::move(made);

@@ -57,6 +57,33 @@ that is drawn itself and printed on standard error as "gvusb-emulate: seed NUMBE
 draws its own numbers, one transfer or frame after the other, so that the same seed and the same frames
 give the same faults.
 
+LOGIC
+A reader with logic=COMMAND is played by this command, which gets frames as lines of JSON on its standard
+input and writes what the reader does to its standard output. /bin/sh starts it for each reader, outside the
+bus, before the program. What it writes to standard error appears with the reader's name before each line.
+Unless reply= is given too, the reader answers no frame by itself. Lines to the command:
+  {"hello":1,"reader":1,"copy":1,"id":"CAFE",...,"endpoints":[...]}
+      the first line: version of these lines, number and facts of the reader, which of its copies it is
+  {"frame":"02FF","number":1,"pipe":"bulk","endpoint":"0x02"}
+      a frame from the program; the pipe is "bulk" or "control"
+  {"event":"opened"}
+      plugged, unplugged, opened, closed, reset, claimed or released with "interface", configured with
+      "configuration", halt-cleared with "endpoint", lost with the "count" of events that it read too late
+Lines from the command, each of which may have "after_ms", a delay in milliseconds:
+  {"send":"9000"}            a frame for the program, whether it answers one or not; also with "pipe"
+  {"stall":"in"}             stall a bulk pipe until the halt is cleared, others for one transfer
+  {"mute":"in"}              and unmute, with the name of a PIPE, as the commands above
+  {"delay":"in","ms":50}     complete transfers after this time
+  {"reply":"echo"}           answer frames by a rule too
+  {"flush":true}             discard answers that have not been read
+  {"unplug":true}            and plug
+  {"command":"busy 1 on"}    run one of the commands above
+  {"log":"text"}             write to standard error
+While the command does not read, the program's frames stay pending. While the program does not read, nothing
+is read from the command. When the command ends, its reader is unplugged; if it is plugged in again, the
+command is started again. At the end of the run, its standard input ends; it is killed if it does not end
+within a second. For Python, "import gvusb_logic" has the class Reader.
+
 CONFIGURATION
 A program can start its children with another configuration file: set GVUSB_EMULATE_CONFIG to its path,
 or to an empty string for no file.
@@ -81,14 +108,17 @@ error.
 
 EXIT STATUS
 The exit status of the program, or 128 plus the number of the signal that killed it. 127 if the program
-does not exist, 126 if it cannot be executed or cannot see the readers, 125 if the bus cannot be set up, 2 for a usage error
-or a mistake in the script. With --usbip and no program: 0 after a signal. In both cases 1 instead of 0 if a
-command of the script failed or did not run. With --send: 0 if the answer is "ok", 1 for an error.
+does not exist, 126 if it cannot be executed or cannot see the readers, 125 if the bus cannot be set up or the
+logic of a reader cannot be started, 2 for a usage error or a mistake in the script. With --usbip and no
+program: 0 after a signal. In both cases 1 instead of 0 if a command of the script failed or did not run, or
+if the logic of a reader ended before the program or with another status than 0, or wrote a line that is not
+understood. With --send: 0 if the answer is "ok", 1 for an error.
 
 EXAMPLES
   gvusb-emulate -- lsusb
   gvusb-emulate --reader id=CAFE,endpoints=control --reader id=BEEF,speed=high -- ./my-test --verbose
   gvusb-emulate --reader copies=32 -- ./my-test
+  gvusb-emulate --reader 'id=CAFE,logic=python3 my-reader.py' -- ./my-test
   gvusb-emulate --usbip --reader id=CAFE
   gvusb-emulate -- sh -c 'my-test & gvusb-emulate --send "unplug 1"; wait'
   printf 'at 500 unplug 1\nat 1000 plug 1\n' > script; gvusb-emulate --script script -- ./monitor

@@ -26,6 +26,19 @@ foreach(source
         usbip/readers.cpp)
     target_sources(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR}/${source})
 endforeach()
+# The commands that play readers: on a bus of any kind.
+add_library(gvusb_logic INTERFACE)
+foreach(source
+        process.cpp
+        control/actions.cpp
+        control/commands.cpp
+        logic/logic.cpp
+        logic/logics.cpp
+        logic/messages.cpp)
+    target_sources(gvusb_logic INTERFACE ${CMAKE_CURRENT_LIST_DIR}/${source})
+endforeach()
+target_link_libraries(gvusb_logic INTERFACE gvusb_reader nlohmann_json::nlohmann_json)
+
 target_include_directories(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR} ${PROJECT_SOURCE_DIR}/src)
 target_compile_definitions(gvusb_reader INTERFACE GVUSB_VENDOR_ID=${GVUSB_VENDOR_ID})
 target_link_libraries(gvusb_reader INTERFACE nlohmann_json::nlohmann_json)

@@ -3,12 +3,15 @@
 #include "preload_contract.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
+#include <stdexcept>
 #include <system_error>
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace emulator {
@@ -46,12 +49,14 @@ std::optional<signalfd_siginfo> BlockedSignals::take() const {
     return ::read(m_descriptor, &info, sizeof info) == sizeof info ? std::optional(info) : std::nullopt;
 }
 
-Session::Session(Options options, const BlockedSignals& signals, Bus& bus, std::string socket)
+Session::Session(Options options, const BlockedSignals& signals, Bus& bus, std::string socket,
+                 Environment logicEnvironment)
     : m_options(std::move(options))
     , m_signals(signals)
     , m_bus(bus)
     , m_socket(std::move(socket))
-    , m_channel(m_socket, [this](std::string_view line) { return runLine(line); }) {
+    , m_channel(m_socket, [this](std::string_view line) { return runLine(line); })
+    , m_logics(bus, std::move(logicEnvironment), signals.before()) {
     if (m_options.seed) {
         m_bus.seed().give(*m_options.seed);
     }
@@ -70,7 +75,31 @@ Session::Session(Options options, const BlockedSignals& signals, Bus& bus, std::
     }
 }
 
-int Session::run(Program::Environment environment) {
+// A command that cannot be started is an error before the program starts.
+void Session::startLogics() {
+    constexpr int betweenLooks = 2;
+    m_logics.startNew();
+    while (!m_logics.ready()) {
+        std::array<pollfd, 2> polled = {{{.fd = m_signals.descriptor(), .events = POLLIN, .revents = 0},
+                                         {.fd = m_logics.descriptor(), .events = POLLIN, .revents = 0}}};
+        ::poll(polled.data(), polled.size(), betweenLooks);
+        m_logics.serve();
+        while (const std::optional<signalfd_siginfo> signal = m_signals.take()) {
+            handle(*signal);
+        }
+        if (m_ended) {
+            throw std::runtime_error("ended by a signal before the program was started");
+        }
+    }
+}
+
+int Session::statusAfterLogics(int status) {
+    m_logics.end();
+    return status == 0 && m_logics.failed() ? EXIT_FAILURE : status;
+}
+
+int Session::run(Environment environment) {
+    startLogics();
     environment.emplace_back(emulate_socket_variable, m_socket);
     m_start = now();
     runScript(); // before the program can notice anything
@@ -79,19 +108,45 @@ int Session::run(Program::Environment environment) {
     if (!m_program->error().empty()) {
         std::cerr << "gvusb-emulate: " << m_program->error() << '\n';
     }
-    while (!m_program->exitStatus() || (m_options.waitForAll && !m_program->allEnded() && !m_askedToEnd)) {
+    while (!m_program->exitStatus() || (m_options.waitForAll && !m_allEnded && !m_askedToEnd)) {
         serve();
     }
     const bool failed = scriptFailed();
-    return *m_program->exitStatus() == EXIT_SUCCESS && failed ? EXIT_FAILURE : *m_program->exitStatus();
+    const int status = *m_program->exitStatus();
+    return statusAfterLogics(status == EXIT_SUCCESS && failed ? EXIT_FAILURE : status);
 }
 
 int Session::runAlone() {
+    startLogics();
     m_start = now();
     while (!m_ended) {
         serve();
     }
-    return scriptFailed() ? EXIT_FAILURE : EXIT_SUCCESS;
+    return statusAfterLogics(scriptFailed() ? EXIT_FAILURE : EXIT_SUCCESS);
+}
+
+// The status of a process is taken by its owner.
+void Session::reap() {
+    for (;;) {
+        siginfo_t info{};
+        if (::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0) {
+            m_allEnded = true;
+            return;
+        }
+        if (info.si_pid == 0) {
+            break;
+        }
+        if (m_logics.noteEnded(info.si_pid)) {
+            continue;
+        }
+        if (m_program) {
+            m_program->noteEnded(info.si_pid);
+        } else {
+            ::waitpid(info.si_pid, nullptr, WNOHANG);
+        }
+    }
+    m_allEnded = m_options.waitForAll && !m_logics.empty() &&
+                 std::ranges::all_of(childProcesses(), [this](pid_t each) { return m_logics.has(each); });
 }
 
 CommandAnswer Session::runLine(std::string_view line) {
@@ -130,6 +185,7 @@ void Session::serve() {
     m_channel.addPolled(polled);
     const std::size_t first = polled.size();
     m_bus.addPolled(polled);
+    polled.push_back({.fd = m_logics.descriptor(), .events = POLLIN, .revents = 0});
     const int timeout = millisecondsToNextDeadline();
     if (::poll(polled.data(), polled.size(), timeout) < 0 && errno != EINTR) {
         throw std::system_error(errno, std::generic_category(), "poll");
@@ -137,6 +193,7 @@ void Session::serve() {
     m_bus.serve(polled, first);
     m_channel.serve(polled);
     runScript();
+    m_logics.serve();
     while (const std::optional<signalfd_siginfo> signal = m_signals.take()) {
         handle(*signal);
     }
@@ -153,6 +210,7 @@ int Session::millisecondsToNextDeadline() {
         }
     };
     consider(m_channel.nextDeadline());
+    consider(m_logics.nextDeadline());
     if (!m_killed) {
         consider(m_endBy);
     }
@@ -167,20 +225,20 @@ int Session::millisecondsToNextDeadline() {
 }
 
 void Session::handle(const signalfd_siginfo& signal) {
+    const int number = static_cast<int>(signal.ssi_signo);
+    if (number == SIGCHLD) {
+        reap();
+        return;
+    }
     if (m_program) {
         passOn(signal);
         return;
     }
-    const int number = static_cast<int>(signal.ssi_signo);
     m_ended |= asksToEnd(number);
 }
 
 void Session::passOn(const signalfd_siginfo& signal) {
     const int number = static_cast<int>(signal.ssi_signo);
-    if (number == SIGCHLD) {
-        m_program->noteEnded();
-        return;
-    }
     // The terminal sends its signals to the program too, which decides what to do.
     const bool fromTerminal = signal.ssi_code == SI_KERNEL;
     if (number == SIGPIPE || (fromTerminal && number != SIGHUP)) {

@@ -5,6 +5,7 @@
 
 #include "control/bus.h"
 #include "control/channel.h"
+#include "logic/logics.h"
 #include "options.h"
 #include "program.h"
 
@@ -38,11 +39,14 @@ private:
 
 class Session {
 public:
-    // Add the readers of the options to the bus and create the command socket at this path.
-    Session(Options options, const BlockedSignals& signals, Bus& bus, std::string socket);
+    // Add the readers of the options to the bus and create the command socket at this path. Commands that play readers
+    // are started with `logicEnvironment`.
+    Session(Options options, const BlockedSignals& signals, Bus& bus, std::string socket,
+            Environment logicEnvironment);
 
-    // Run the program with this environment and return its exit status, or 1 if it is 0 but the script has failed.
-    int run(Program::Environment environment);
+    // Run the program with this environment and return its exit status, or 1 if it is 0 but the script or a command that
+    // plays a reader has failed.
+    int run(Environment environment);
 
     // Serve without a program until a signal arrives. Return the exit status.
     int runAlone();
@@ -51,6 +55,9 @@ private:
     CommandAnswer runLine(std::string_view line);
     void runScript();
     bool scriptFailed(); // reports a command that did not run
+    void startLogics();
+    void reap();
+    int statusAfterLogics(int status);
     void serve();
     int millisecondsToNextDeadline();
     void handle(const signalfd_siginfo& signal);
@@ -63,10 +70,12 @@ private:
     std::string m_socket;
     CommandChannel m_channel;
     std::optional<Program> m_program;
+    Logics m_logics; // ended before the program's leftovers are killed
     Time m_start;
     std::set<std::string> m_failedLines; // of the script
     std::optional<Time> m_endBy;         // when to kill a program that has got a signal
     bool m_askedToEnd = false;           // the program, by a signal
+    bool m_allEnded = false;             // the program with all its children
     bool m_killed = false;
     bool m_ended = false; // by a signal, without a program
 };

@@ -61,7 +61,7 @@
  *
  * @section examples Examples
  *
- * list_readers.c, exchange_frame.c, handle_errors.c, many_readers.c, watch_readers.c,
+ * list_readers.c, exchange_frame.c, receive_frames.c, handle_errors.c, many_readers.c, watch_readers.c,
  * watch_readers_events.c; in Python python/gvusb.py. They are installed in share/doc/libgvusb-dev/examples, and
  * the guides in share/doc/libgvusb-dev/guides.
  */

@@ -36,6 +36,7 @@ public:
     bool empty() const { return m_answers.empty(); }
     bool ready(Time now) const { return !empty() && m_answers.front().due <= now; }
     std::size_t size() const { return m_answers.size(); }
+    std::size_t taken() const { return m_taken; } // of the limit
     WaitingAnswer& front() { return m_answers.front(); }
     const WaitingAnswer& front() const { return m_answers.front(); }
 

@@ -17,6 +17,7 @@ constexpr std::uint64_t mostCopies = 1000;
 struct Draft {
     ReaderDescription reader;
     std::uint64_t copies = 1;
+    bool hasReply = false;
 };
 
 std::vector<Endpoint> parseEndpoints(std::string_view text) {
@@ -189,7 +190,10 @@ constexpr std::array keys = {
     Key{"driver", "kernel driver bound to the first interface, such as usbhid",
         [](Draft& d, Value v) { d.reader.kernelDriver = v; }},
     Key{"reply", "echo, reverse, none, fixed:HEX or pattern:COUNT (echo)",
-        [](Draft& d, Value v) { d.reader.reply = ReplyRule::parse(v); }},
+        [](Draft& d, Value v) {
+            d.reader.reply = ReplyRule::parse(v);
+            d.hasReply = true;
+        }},
     Key{"frames",
         "what ends a frame to a bulk reader: transfer, or short-packet for a frame that goes on in\n"
         "                    the next transfer until a short or zero-length packet (transfer)",
@@ -198,6 +202,15 @@ constexpr std::array keys = {
         [](Draft& d, Value v) { d.reader.plugged = parseYesNo("plugged", v); }},
     Key{"copies", "number of readers, with consecutive device IDs (1)",
         [](Draft& d, Value v) { d.copies = number("copies", v, 1, mostCopies); }},
+    Key{"logic",
+        "shell command that plays the reader, see LOGIC; the last key, because its value is the\n"
+        "                    rest of the text, with commas and backslashes",
+        [](Draft& d, Value v) {
+            d.reader.logic = trimmed(v);
+            if (d.reader.logic.empty()) {
+                throw TextError("logic needs a command");
+            }
+        }},
 };
 
 void applyPair(Draft& draft, std::string_view pair) {
@@ -230,6 +243,27 @@ void checkSpeed(const ReaderDescription& reader) {
     }
 }
 
+// The pairs of a line without escapes. The value of "logic" is everything after it.
+std::vector<std::string> pairsOf(std::string_view line) {
+    std::vector<std::string> pairs;
+    for (;;) {
+        const std::size_t key = line.find_first_of(",=");
+        if (key != std::string_view::npos && line[key] == '=' && trimmed(line.substr(0, key)) == "logic") {
+            pairs.emplace_back(line);
+            return pairs;
+        }
+        std::size_t end = 0;
+        while (end < line.size() && line[end] != ',') {
+            end += line[end] == '\\' ? 2U : 1U;
+        }
+        pairs.push_back(splitEscaped(line.substr(0, end), ',').front());
+        if (end >= line.size()) {
+            return pairs;
+        }
+        line.remove_prefix(end + 1);
+    }
+}
+
 std::uint64_t hexadecimalId(const std::string& text) {
     try {
         return number("id", "0x" + text, 0, 0xFFFFFFFF);
@@ -248,13 +282,19 @@ std::string hexNumber(std::uint64_t value) {
 
 std::vector<ReaderDescription> parseReaders(std::string_view line) {
     Draft draft;
-    for (const std::string& pair : splitEscaped(line, ',')) {
+    for (const std::string& pair : pairsOf(line)) {
         if (!trimmed(pair).empty()) {
             applyPair(draft, pair);
         }
     }
     checkSpeed(draft.reader);
+    if (!draft.reader.logic.empty() && !draft.hasReply) {
+        draft.reader.reply = ReplyRule::parse("none");
+    }
     std::vector<ReaderDescription> readers(static_cast<std::size_t>(draft.copies), draft.reader);
+    for (std::size_t i = 0; i < readers.size(); ++i) {
+        readers[i].copy = i + 1;
+    }
     if (draft.copies > 1 && draft.reader.address) {
         throw TextError("copies cannot be used with address: two readers cannot share an address");
     }

@@ -2,6 +2,7 @@
 //
 // In text it is one line of KEY=VALUE pairs separated by commas; `\,` is a comma inside a value:
 //   id=1A2B3C,name=Desk reader,product=1,endpoints=bulk,speed=high
+// "logic" is the last pair: its value is the rest of the line as it is, with commas and backslashes.
 // A file has one description per line; blank lines and lines that begin with '#' are skipped.
 // Plain values; any thread may use them.
 #pragma once
@@ -62,10 +63,12 @@ struct ReaderDescription {
     std::uint8_t firstInterface = 0;
     std::vector<Endpoint> endpoints = {{.address = 0x81}, {.address = 0x02}}; // of the first interface
     std::string kernelDriver; // bound to the first interface by plugging; "": none
-    ReplyRule reply;
+    ReplyRule reply;          // by default none, if there is a logic
     FrameEnd frames = FrameEnd::transfer;
     bool plugged = true;
-    bool hub = false; // answers the requests of a root hub
+    bool hub = false;     // answers the requests of a root hub
+    std::string logic;    // the command that plays the reader; "": the reply rule alone
+    std::size_t copy = 1; // which of the readers of its line it is
 
     // What programs read as the device's descriptors and those of its configurations, byte for byte, in the
     // place of what all of the above makes them. The reader itself stays as described above.

@@ -15,6 +15,9 @@ Outcome ReaderModel::takeFrame(std::uint8_t endpoint, Bytes frame, Time now) {
     std::optional<Bytes> answer = (rule.reply ? *rule.reply : m_description.reply).answer(frame);
     ++m_frameCount;
     m_lastFrame = {.endpoint = endpoint, .data = std::move(frame)};
+    if (m_logic) {
+        m_logic->take(endpoint, m_lastFrame.data);
+    }
 
     switch (rule.action) {
     case FrameRule::Action::mute:
@@ -43,7 +46,10 @@ Outcome ReaderModel::takeFrame(std::uint8_t endpoint, Bytes frame, Time now) {
 
 void ReaderModel::push(Bytes frame, Time now) {
     const auto sendsBulk = [](const Endpoint& each) { return each.in() && each.type == TransferType::bulk; };
-    const bool byControl = std::ranges::none_of(m_description.endpoints, sendsBulk);
+    push(std::ranges::none_of(m_description.endpoints, sendsBulk), std::move(frame), now);
+}
+
+void ReaderModel::push(bool byControl, Bytes frame, Time now) {
     if (!answersAreLost(byControl)) {
         queueAnswer(byControl, std::move(frame), now);
         advance(now);
@@ -76,6 +82,32 @@ Time::duration ReaderModel::drawJitter(bool byControl) {
         draws.emplace(Draws::derived(m_seed, byControl ? controlSequence : bulkSequence));
     }
     return m_jitter->draw(*draws);
+}
+
+// ---- a program that plays the reader
+
+bool ReaderModel::takesFrames() const {
+    return m_logic ? m_logic->takesFrames() : m_description.logic.empty();
+}
+
+void ReaderModel::setLogic(std::shared_ptr<ReaderLogic> logic, Time now) {
+    m_logic = std::move(logic);
+    advance(now);
+}
+
+void ReaderModel::note(ReaderEvent event, std::uint8_t value) {
+    if (m_logic) {
+        m_logic->note(event, value);
+    }
+}
+
+void ReaderModel::stallNext(Pipe pipe, Time now) {
+    if (pipe == Pipe::control || pipe == Pipe::controlFrameOut || pipe == Pipe::controlFrameIn) {
+        m_stalledOnce.insert(pipe);
+    } else {
+        m_pipeFaults[pipe].stalled = true;
+    }
+    advance(now);
 }
 
 } // namespace emulator

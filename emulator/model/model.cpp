@@ -135,6 +135,10 @@ bool ReaderModel::runFirst(std::deque<Waiting>& queue, Time now) {
     // Removed before it is performed, because a request may end every pending transfer.
     Waiting taken = std::move(first);
     queue.pop_front();
+    if (faults.stalled && taken.transfer.endpoint == 0) {
+        m_stalledOnce.erase(Pipe::control);
+        m_stalledOnce.erase(framePipe(taken.transfer).value_or(Pipe::control));
+    }
     Completion completion{.outcome = Outcome::stalled};
     if (stalls) {
         // An endpoint halts; a control transfer stalls alone.
@@ -150,9 +154,16 @@ bool ReaderModel::runFirst(std::deque<Waiting>& queue, Time now) {
 }
 
 PipeFaults ReaderModel::faultsFor(const Transfer& transfer) const {
-    const PipeFaults faults = pipeFaults(pipeOf(transfer.endpoint));
+    PipeFaults faults = pipeFaults(pipeOf(transfer.endpoint));
     const std::optional<Pipe> frames = framePipe(transfer);
-    return frames ? faults.with(pipeFaults(*frames)) : faults;
+    if (frames) {
+        faults = faults.with(pipeFaults(*frames));
+    }
+    if (transfer.endpoint == 0) {
+        faults.stalled |=
+            m_stalledOnce.contains(Pipe::control) || m_stalledOnce.contains(frames.value_or(Pipe::control));
+    }
+    return faults;
 }
 
 TransferFate ReaderModel::fateOf(const Transfer& transfer) {
@@ -187,8 +198,11 @@ bool ReaderModel::couldComplete(const Transfer& transfer, Time now) const {
     if (transfer.endpoint != 0 && !isBulk(transfer.endpoint)) {
         return false;
     }
-    const AnswerQueue* const answers = answersFor(transfer);
-    return answers == nullptr || answers->ready(now);
+    if (const AnswerQueue* const answers = answersFor(transfer)) {
+        return answers->ready(now);
+    }
+    const bool bringsFrame = transfer.endpoint != 0 || framePipe(transfer) == Pipe::controlFrameOut;
+    return !bringsFrame || takesFrames();
 }
 
 void ReaderModel::loseAnswer(const Transfer& transfer) {
@@ -273,9 +287,10 @@ void ReaderModel::endAll(Outcome outcome, bool controlToo) {
 void ReaderModel::power(Time now) {
     m_leaving = false;
     endAll(Outcome::gone, true);
-    reset(now);
+    restart(now);
     m_configuration =
         m_description.configurations.empty() ? std::uint8_t{0} : m_description.configurations.front();
+    note(ReaderEvent::plugged);
 }
 
 void ReaderModel::unplug() {
@@ -283,8 +298,14 @@ void ReaderModel::unplug() {
 }
 
 void ReaderModel::reset(Time now) {
+    restart(now);
+    note(ReaderEvent::reset);
+}
+
+void ReaderModel::restart(Time now) {
     endAll(Outcome::gone, false);
     forgetAnswers();
+    m_stalledOnce.clear();
     for (const Endpoint& endpoint : m_description.endpoints) {
         clearHalt(endpoint.address, now);
     }
@@ -303,6 +324,7 @@ bool ReaderModel::configure(std::uint8_t value, Time now) {
     for (const Endpoint& endpoint : m_description.endpoints) {
         clearHalt(endpoint.address, now);
     }
+    note(ReaderEvent::configured, value);
     return true;
 }
 
@@ -327,7 +349,10 @@ void ReaderModel::clearHalt(std::uint8_t endpoint, Time now) {
     if (endpoint == 0 || faults == m_pipeFaults.end() || faults->second.stuck) {
         return;
     }
-    faults->second.stalled = false;
+    if (faults->second.stalled) {
+        faults->second.stalled = false;
+        note(ReaderEvent::haltCleared, endpoint);
+    }
     run(endpoint, now);
 }
 

@@ -9,13 +9,16 @@
 #include "model/description.h"
 #include "model/faults.h"
 #include "model/frame_rules.h"
+#include "model/reader_logic.h"
 #include "model/time_range.h"
 #include "model/transfer.h"
 #include "model/transfer_faults.h"
 
 #include <deque>
 #include <map>
+#include <memory>
 #include <optional>
+#include <set>
 #include <vector>
 
 namespace emulator {
@@ -59,6 +62,22 @@ public:
     std::uint8_t configuration() const { return m_configuration; }
     bool hasEndpoint(std::uint8_t address) const;
     void clearHalt(std::uint8_t endpoint, Time now);
+
+    // ---- a program that plays the reader
+    // A reader whose description names a logic takes no frames before it has one.
+    void setLogic(std::shared_ptr<ReaderLogic> logic, Time now);
+
+    // Tell the logic what the host did. The model itself tells what it learns by its other functions.
+    void note(ReaderEvent event, std::uint8_t value = 0);
+
+    // Send a frame that may answer none. It is lost if the reader is mute in this direction.
+    void push(bool byControl, Bytes frame, Time now);
+
+    // Stall a bulk or interrupt endpoint until its halt is cleared, or the next transfer of another pipe.
+    void stallNext(Pipe pipe, Time now);
+
+    // The room that waiting answers take. Each counts at least 64 bytes.
+    std::size_t waitingAnswers() const { return m_bulkAnswers.taken() + m_controlAnswers.taken(); }
 
     // ---- what commands see and change
     const ReaderDescription& description() const { return m_description; }
@@ -113,6 +132,7 @@ private:
     Completion takePackets(const Transfer& transfer, const PipeFaults& faults, Time now);
     Completion sendPackets(const Transfer& transfer);
     void loseAnswer(const Transfer& transfer);
+    void restart(Time now);
     void endAll(Outcome outcome, bool controlToo);
 
     // frames.cpp
@@ -120,6 +140,7 @@ private:
     Time::duration drawJitter(bool byControl);
     void queueAnswer(bool byControl, Bytes answer, Time due);
     bool answersAreLost(bool byControl) const;
+    bool takesFrames() const;
 
     // requests.cpp
     Completion control(const Transfer& transfer, const PipeFaults& faults, Time now);
@@ -134,6 +155,7 @@ private:
     std::uint8_t m_configuration = 0;
     std::map<Pipe, PipeFaults> m_pipeFaults;
     std::map<Pipe, TransferFaults> m_transferFaults;
+    std::set<Pipe> m_stalledOnce; // control pipes whose next transfer stalls
     std::uint64_t m_seed = 0;
     FrameRules m_frameRules;
     std::optional<TimeRange> m_jitter;
@@ -152,6 +174,7 @@ private:
     std::uint64_t m_frameCount = 0;
     SeenFrame m_lastFrame;
     TransferId m_lastId = 0;
+    std::shared_ptr<ReaderLogic> m_logic; // may be null
 };
 
 } // namespace emulator

@@ -28,6 +28,9 @@ UsbfsDevice::UsbfsDevice(ReaderModel& model, HostFaults& faults, HostCounts& cou
 OpenId UsbfsDevice::open() {
     ++m_counts.opens;
     m_openings.try_emplace(++m_lastId);
+    if (m_model != nullptr) {
+        m_model->note(ReaderEvent::opened);
+    }
     return m_lastId;
 }
 
@@ -48,6 +51,7 @@ void UsbfsDevice::close(OpenId id, Time now) {
     for (const PendingUrb& urb : own) {
         m_model->cancel(urb.transfer, now);
     }
+    m_model->note(ReaderEvent::closed);
     collect();
 }
 
@@ -98,6 +102,7 @@ int UsbfsDevice::claimUncounted(OpenId id, unsigned interfaceNumber) {
     }
     opening.claimed |= bit(interfaceNumber);
     ++m_bindings;
+    m_model->note(ReaderEvent::claimed, static_cast<std::uint8_t>(interfaceNumber));
     return 0;
 }
 
@@ -151,6 +156,7 @@ int UsbfsDevice::release(OpenId id, unsigned interfaceNumber) {
     opening.claimed &= ~bit(interfaceNumber);
     ++m_bindings;
     endTransfers(interfaceNumber);
+    m_model->note(ReaderEvent::released, static_cast<std::uint8_t>(interfaceNumber));
     return 0;
 }
 
@@ -412,6 +418,7 @@ void UsbfsDevice::unplug() {
     }
     m_model->unplug();
     collect();
+    m_model->note(ReaderEvent::unplugged);
     m_model = nullptr;
     m_driver.clear();
     for (auto& [id, opening] : m_openings) {

@@ -153,6 +153,7 @@ void Import::release(Time now) {
     m_reader.model.reset(now);
     while (m_reader.model.takeCompletion()) {
     }
+    m_reader.model.note(ReaderEvent::closed);
 }
 
 } // namespace emulator::usbip

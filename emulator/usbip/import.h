@@ -21,6 +21,7 @@ public:
     explicit Import(Reader& reader)
         : m_reader(reader) {
         ++m_reader.counts.opens;
+        m_reader.model.note(ReaderEvent::opened);
     }
     Import(const Import&) = delete;
     Import& operator=(const Import&) = delete;

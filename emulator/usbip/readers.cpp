@@ -47,6 +47,7 @@ void Readers::unplug(std::size_t number) {
     if (reader.importer != nullptr) {
         reader.importer->abort();
     }
+    reader.model.note(ReaderEvent::unplugged);
 }
 
 bool Readers::unplugLeaving() {

@@ -18,6 +18,7 @@ DESTDIR=$folder/system cmake --install "$build" --prefix /usr >/dev/null
 contents "$folder/system" >"$folder/installed"
 for file in ./etc/gavo/gvusb.conf ./usr/lib/udev/rules.d/70-gvusb.rules ./usr/include/gvusb.h \
     ./usr/share/doc/libgvusb-dev/examples/tour.c ./usr/share/doc/libgvusb-dev/guides/getting-started.md \
+    ./usr/share/doc/libgvusb-dev/examples/logic/tag_reader.py ./usr/share/gvusb/python/gvusb_logic.py \
     ./usr/share/man/man5/gvusb.conf.5 "${@/#/./usr/bin/}" "${@/#/./usr/share/bash-completion/completions/}"; do
     grep -qxF "$file" "$folder/installed" || fail "not installed: $file"
 done

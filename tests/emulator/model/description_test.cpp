@@ -35,6 +35,30 @@ TEST(ReaderDescriptionTest, DescribesABulkReaderByDefault) {
     EXPECT_EQ(reader.descriptors, std::nullopt);
 }
 
+TEST(ReaderDescriptionTest, LogicIsTheRestOfTheLine) {
+    const ReaderDescription reader = one("id=1, logic = ./reader --modes a\\,b,c 'x=1, y' \\\\ , ");
+    EXPECT_EQ(reader.strings.at(1), "1");
+    EXPECT_EQ(reader.logic, "./reader --modes a\\,b,c 'x=1, y' \\\\ ,");
+    EXPECT_EQ(one("name=logic=A").strings.at(5), "logic=A");
+    EXPECT_EQ(one("name=A\\,logic=B,id=2").logic, "");
+    EXPECT_EQ(complaint("logic= "), "logic needs a command");
+    EXPECT_EQ(complaint("logic,id=1"), "expected KEY=VALUE, not 'logic'");
+}
+
+TEST(ReaderDescriptionTest, LogicRepliesByNoRuleUnlessAskedTo) {
+    EXPECT_EQ(one("logic=cat").reply.text(), "none");
+    EXPECT_EQ(one("reply=echo,logic=cat").reply.text(), "echo");
+    EXPECT_EQ(one("id=1").reply.text(), "echo");
+}
+
+TEST(ReaderDescriptionTest, CopiesAreCounted) {
+    const auto readers = parseReaders("id=A,copies=3,logic=cat");
+    ASSERT_EQ(readers.size(), 3U);
+    EXPECT_EQ(readers[0].copy, 1U);
+    EXPECT_EQ(readers[2].copy, 3U);
+    EXPECT_EQ(readers[2].logic, "cat");
+}
+
 TEST(ReaderDescriptionTest, ParsesEveryKey) {
     const ReaderDescription reader = one(
         "id=xyz,family=F,name=A\\,B,interface=TESK RCI2,type=7,string20=more,product=0x2,vendor=0x1234,"

@@ -1,5 +1,9 @@
 #include "model_test.h"
 
+#include <memory>
+#include <utility>
+#include <vector>
+
 namespace emulator {
 namespace {
 
@@ -292,6 +296,123 @@ TEST_F(ReaderModelTest, RemembersTheLastFrameAndItsEndpoint) {
     EXPECT_EQ(reader.frameCount(), 2U);
     EXPECT_EQ(reader.lastFrame().endpoint, 0);
     EXPECT_EQ(reader.lastFrame().data, (Bytes{2, 3}));
+}
+
+// ---- with a logic
+
+class RecordedLogic final : public ReaderLogic {
+public:
+    bool takesFrames() const override { return takes; }
+    void take(std::uint8_t endpoint, const Bytes& frame) override { frames.emplace_back(endpoint, frame); }
+    void note(ReaderEvent event, std::uint8_t value) override { events.emplace_back(event, value); }
+
+    bool takes = true;
+    std::vector<std::pair<std::uint8_t, Bytes>> frames;
+    std::vector<std::pair<ReaderEvent, std::uint8_t>> events;
+};
+
+class ReaderLogicTest : public ReaderModelTest {
+protected:
+    ReaderLogicTest() {
+        reader = described("logic=none");
+        reader.setLogic(logic, now);
+    }
+
+    std::shared_ptr<RecordedLogic> logic = std::make_shared<RecordedLogic>();
+};
+
+TEST_F(ReaderLogicTest, GetsFramesAndAnswersLater) {
+    expectCompletion(out({1, 2}), Outcome::done);
+    expectCompletion(frameOut({3}), Outcome::done);
+    EXPECT_EQ(logic->frames, (std::vector<std::pair<std::uint8_t, Bytes>>{{0x02, {1, 2}}, {0, {3}}}));
+    const TransferId bulk = in();
+    const TransferId control = frameIn();
+    expectNothing();
+    reader.push(false, {4}, now);
+    expectCompletion(bulk, Outcome::done, {4});
+    reader.push(true, {5}, now);
+    expectCompletion(control, Outcome::done, {5});
+}
+
+TEST_F(ReaderLogicTest, SendsUnasked) {
+    reader.push(false, {1}, now);
+    reader.push(false, {2}, now);
+    EXPECT_GE(reader.waitingAnswers(), 2U);
+    expectCompletion(in(), Outcome::done, {1});
+    expectCompletion(in(), Outcome::done, {2});
+    EXPECT_EQ(reader.waitingAnswers(), 0U);
+}
+
+TEST_F(ReaderLogicTest, FramesStayPendingUntilItTakesThem) {
+    logic->takes = false;
+    const TransferId first = out({1});
+    const TransferId second = frameOut({2});
+    expectNothing();
+    logic->takes = true;
+    reader.advance(now);
+    expectCompletion(second, Outcome::done);
+    expectCompletion(first, Outcome::done);
+}
+
+TEST_F(ReaderLogicTest, FramesWaitForTheLogic) {
+    reader = described("logic=none");
+    const TransferId waiting = out({1});
+    expectNothing();
+    reader.setLogic(logic, now);
+    expectCompletion(waiting, Outcome::done);
+    EXPECT_EQ(logic->frames.size(), 1U);
+}
+
+TEST_F(ReaderLogicTest, MuteReaderLosesWhatItSends) {
+    fault("in", {.mute = true});
+    reader.push(false, {1}, now);
+    reader.push(true, {2}, now);
+    fault("in", {});
+    const TransferId waiting = in();
+    expectNothing();
+    EXPECT_TRUE(reader.cancel(waiting, now));
+}
+
+TEST_F(ReaderLogicTest, StallsAnEndpointUntilItsHaltIsCleared) {
+    const TransferId waiting = in();
+    reader.stallNext(pipeOf(0x81), now);
+    expectCompletion(waiting, Outcome::stalled);
+    expectCompletion(in(), Outcome::stalled);
+    logic->events.clear();
+    reader.clearHalt(0x81, now);
+    reader.clearHalt(0x81, now);
+    EXPECT_EQ(logic->events,
+              (std::vector<std::pair<ReaderEvent, std::uint8_t>>{{ReaderEvent::haltCleared, 0x81}}));
+    reader.push(false, {1}, now);
+    expectCompletion(in(), Outcome::done, {1});
+}
+
+TEST_F(ReaderLogicTest, StallsOneControlFrame) {
+    reader.stallNext(Pipe::controlFrameOut, now);
+    expectCompletion(frameOut({1}), Outcome::stalled);
+    EXPECT_TRUE(logic->frames.empty());
+    expectCompletion(frameOut({1}), Outcome::done);
+    const TransferId waiting = frameIn();
+    reader.stallNext(Pipe::controlFrameIn, now);
+    expectCompletion(waiting, Outcome::stalled);
+    reader.push(true, {2}, now);
+    expectCompletion(frameIn(), Outcome::done, {2});
+    reader.stallNext(Pipe::control, now);
+    reader.reset(now);
+    expectCompletion(frameOut({1}), Outcome::done);
+}
+
+TEST_F(ReaderLogicTest, IsToldWhatTheHostDoes) {
+    reader.power(now);
+    reader.configure(0, now);
+    reader.configure(1, now);
+    reader.reset(now);
+    reader.note(ReaderEvent::opened);
+    EXPECT_EQ(logic->events, (std::vector<std::pair<ReaderEvent, std::uint8_t>>{{ReaderEvent::plugged, 0},
+                                                                                {ReaderEvent::configured, 0},
+                                                                                {ReaderEvent::configured, 1},
+                                                                                {ReaderEvent::reset, 0},
+                                                                                {ReaderEvent::opened, 0}}));
 }
 
 } // namespace
