@@ -264,6 +264,10 @@ def start_time(bench, readers):
     return statistics.median(times)
 
 
+# Plays a reader that answers a frame by sending it back.
+ECHO = "import gvusb_logic; gvusb_logic.Reader.frame = lambda self, data: data; gvusb_logic.Reader().run()"
+
+
 def emulated_bus(bench, table):
     """The emulated bus itself: column "library" is the value."""
     one = on_emulated_bus(bench, ["id=1"], "exchanges")
@@ -271,6 +275,8 @@ def emulated_bus(bench, table):
     table.row("the same, program and launcher", "CPU us each", one["processor_us_per_exchange"], most=80)
     turn = on_emulated_bus(bench, ["id=1,copies=50"], "exchanges")
     table.row("emulated bus: exchanges with 50 readers in turn", "a second", turn["exchanges_per_second"], least=12000)
+    python = on_emulated_bus(bench, [f"id=1,logic=python3 -c '{ECHO}'"], "exchanges")
+    table.row("emulated bus: exchanges with a reader in Python", "a second", python["exchanges_per_second"])
     with tempfile.NamedTemporaryFile("w") as script:
         script.write("at 0 delay all in 10\n")
         script.flush()

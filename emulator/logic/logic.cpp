@@ -264,12 +264,13 @@ void Logic::finish() {
     }
     // Before the wait, because another process group may get this number after it.
     ::kill(-m_process, SIGKILL);
+    ::kill(m_process, SIGKILL);
     int status = 0;
     ::waitpid(std::exchange(m_process, -1), &status, 0);
     if (WIFSIGNALED(status)) {
-        m_failure = "was killed by signal " + std::to_string(WTERMSIG(status)) + " (" +
-                    ::strsignal(WTERMSIG(status)) +
-                    ")"; // NOLINT(concurrency-mt-unsafe): the main thread's only
+        const char* const name = ::sigdescr_np(WTERMSIG(status));
+        m_failure = "was killed by signal " + std::to_string(WTERMSIG(status)) +
+                    (name != nullptr ? std::string(" (") + name + ")" : std::string());
     } else if (WEXITSTATUS(status) != 0) {
         m_failure = "ended with exit status " + std::to_string(WEXITSTATUS(status));
     }

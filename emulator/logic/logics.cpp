@@ -85,44 +85,65 @@ Logics::~Logics() {
 void Logics::startNew() {
     while (m_looked < m_bus.size()) {
         const std::size_t number = ++m_looked;
-        const auto description =
-            m_bus.with(number, [](const ReaderModel& model) { return model.description(); });
-        if (!description.logic.empty()) {
-            m_players.push_back({.number = number});
-            start(m_players.back(), description);
+        if (m_bus.with(number, [](const ReaderModel& model) { return !model.description().logic.empty(); })) {
+            auto logic = launch(number);
+            m_players.push_back({.number = number, .logic = std::move(logic)});
+            attach(m_players.size() - 1);
         }
     }
 }
 
 void Logics::restartPlugged() {
-    for (Player& player : m_players) {
+    for (std::size_t index = 0; index < m_players.size(); ++index) {
+        Player& player = m_players[index];
         if (player.logic->ended() && m_bus.plugged(player.number)) {
-            const auto description =
-                m_bus.with(player.number, [](const ReaderModel& model) { return model.description(); });
-            player = {.number = player.number};
-            start(player, description);
+            std::shared_ptr<Logic> logic;
+            try {
+                logic = launch(player.number);
+            } catch (const std::exception&) {
+                m_bus.unplug(player.number);
+                throw;
+            }
+            player = {.number = player.number, .logic = std::move(logic)};
+            attach(index);
         }
     }
 }
 
-void Logics::start(Player& player, const ReaderDescription& description) {
+std::shared_ptr<Logic> Logics::launch(std::size_t number) {
     const auto ring = [bell = m_bell] {
         constexpr std::uint64_t one = 1;
         [[maybe_unused]] const ssize_t written = ::write(bell->get(), &one, sizeof one);
     };
-    auto logic = std::make_shared<Logic>(nameOf(player.number, description), description.logic, m_environment,
-                                         m_mask, ring);
-    logic->send(helloLine(description, player.number));
+    const auto description = m_bus.with(number, [](const ReaderModel& model) { return model.description(); });
+    auto logic =
+        std::make_shared<Logic>(nameOf(number, description), description.logic, m_environment, m_mask, ring);
+    logic->send(helloLine(description, number));
+    return logic;
+}
+
+void Logics::attach(std::size_t index) {
+    const Player& player = m_players[index];
+    const std::shared_ptr<Logic>& logic = player.logic;
     if (m_bus.plugged(player.number)) {
         logic->note(ReaderEvent::plugged, 0);
     }
-    player.logic = logic;
-    const auto index = static_cast<std::size_t>(&player - m_players.data());
     watch(index, logic->output(), outputStream, EPOLLIN);
     watch(index, logic->error(), errorStream, EPOLLIN);
     watch(index, logic->input(), inputStream, 0);
     m_bus.with(player.number, [&](ReaderModel& model) { model.setLogic(logic, now()); });
     m_started = now();
+}
+
+// What cannot be started while the program runs must not end it.
+void Logics::startMore() {
+    try {
+        startNew();
+        restartPlugged();
+    } catch (const std::exception& error) {
+        m_failed = true;
+        std::cerr << "gvusb-emulate: cannot start the logic of a reader: " << error.what() << '\n';
+    }
 }
 
 bool Logics::ready() {
@@ -191,8 +212,7 @@ void Logics::serve() {
         }
     }
     if (!m_ending) {
-        startNew();
-        restartPlugged();
+        startMore();
     }
 }
 

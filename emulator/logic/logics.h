@@ -64,8 +64,10 @@ private:
         bool isWriting = false;
     };
 
-    void start(Player& player, const ReaderDescription& description);
+    std::shared_ptr<Logic> launch(std::size_t number);
+    void attach(std::size_t index);
     void restartPlugged();
+    void startMore();
     void watch(std::size_t index, int descriptor, unsigned stream, std::uint32_t events) const;
     void setWriting(std::size_t index, bool writing);
     void flush(std::size_t index);
