@@ -292,6 +292,25 @@ def emulated_bus(bench, table):
     table.row("emulated bus: start with 50 readers", "ms", start_time(bench, "id=1,copies=50"), most=100)
 
 
+def beside_usbip_server(bench, mode, seconds=2):
+    """The values that a program prints, which is a client of the USB/IP server that runs it."""
+    done = subprocess.run([bench.launcher, "--usbip", "--listen", "127.0.0.1:0", "--reader", "copies=2", "--",
+                           *bench.program("usbip_server", mode, seconds)], check=True, stdout=subprocess.PIPE, text=True)
+    return {name: float(value) for name, value in (line.split() for line in done.stdout.splitlines())}
+
+
+def usbip_server(bench, table):
+    """The USB/IP server: column "library" is the value."""
+    table.row("USB/IP: exchanges with 1 reader", "a second",
+              beside_usbip_server(bench, "exchanges")["exchanges_per_second"], least=15000)
+    table.row("USB/IP: transfers, 16 deep", "a second",
+              beside_usbip_server(bench, "deep")["transfers_per_second"], least=40000)
+    table.row("USB/IP: frames of 1 MiB", "MiB/s", beside_usbip_server(bench, "long")["mebibytes_per_second"])
+    storm = beside_usbip_server(bench, "storm")
+    table.row("USB/IP: exchange beside an unlink storm; bare: without it", "us", storm["storm_us"], storm["quiet_us"],
+              most=1000)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--counted", action="store_true")
@@ -302,7 +321,7 @@ def main():
     for measure in (exchanges, parameters, scans, polls, logging, sizes, idling):
         measure(bench, table)
     if not arguments.counted:
-        for measure in (processor_time, scan_times, load_times, emulated_bus):
+        for measure in (processor_time, scan_times, load_times, emulated_bus, usbip_server):
             measure(bench, table)
     if table.broken:
         print(f"{table.broken} bounds are exceeded", file=sys.stderr)
