@@ -441,6 +441,9 @@ CommandAnswer countFrames(Bus& bus, std::size_t reader) {
         std::string text = std::to_string(r.frameCount());
         if (r.frameCount() != 0) {
             const auto& frame = r.lastFrame();
+            if (frame.forgotten) {
+                throw TextError("the last frame is not kept any more: USB/IP clients needed its memory");
+            }
             const std::array<std::uint8_t, 1> endpoint = {frame.endpoint};
             text += " 0x" + hexText(endpoint) + " " + hexText(frame.data);
         }

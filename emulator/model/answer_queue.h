@@ -21,7 +21,7 @@ struct WaitingAnswer {
 
 class AnswerQueue {
 public:
-    static constexpr std::size_t mostRoom = std::size_t{64} << 20;
+    static constexpr std::size_t mostRoom = std::size_t{17} << 20; // longer than the longest transfer
 
     void push(Bytes data, Time due = {}) {
         constexpr std::size_t overhead = 64; // an empty answer needs memory too

@@ -35,19 +35,17 @@ TransferId ReaderModel::submit(Transfer transfer, Time now) {
     const TransferId id = ++m_lastId;
     const std::uint8_t endpoint = transfer.endpoint;
     const TransferFate fate = fateOf(transfer);
-    m_waiting[endpoint].push_back({.id = id, .transfer = std::move(transfer), .fate = fate});
+    m_waiting[endpoint].emplace(id, Waiting{.transfer = std::move(transfer), .fate = fate});
     run(endpoint, now);
     return id;
 }
 
 bool ReaderModel::cancel(TransferId id, Time now) {
     for (auto& [endpoint, queue] : m_waiting) {
-        const auto found = std::ranges::find(queue, id, &Waiting::id);
-        if (found == queue.end()) {
+        if (queue.erase(id) == 0) {
             continue;
         }
         m_completions.push_back({.id = id, .outcome = Outcome::cancelled});
-        queue.erase(found);
         run(endpoint, now);
         return true;
     }
@@ -66,10 +64,13 @@ std::optional<Completion> ReaderModel::takeCompletion() {
 std::optional<Time> ReaderModel::nextDeadline() const {
     std::optional<Time> earliest;
     for (const auto& [endpoint, queue] : m_waiting) {
-        if (m_leaving || queue.empty() || faultsFor(queue.front().transfer).mute) {
+        if (m_leaving || queue.empty()) {
             continue;
         }
-        const Waiting& first = queue.front();
+        const Waiting& first = queue.begin()->second;
+        if (faultsFor(first.transfer).mute) {
+            continue;
+        }
         std::optional<Time> due = first.ready;
         const AnswerQueue* const answers = answersFor(first.transfer);
         if (!due && !first.lost && answers != nullptr && !answers->empty()) {
@@ -107,8 +108,8 @@ void ReaderModel::run(std::uint8_t endpoint, Time now) {
     }
 }
 
-bool ReaderModel::runFirst(std::deque<Waiting>& queue, Time now) {
-    Waiting& first = queue.front();
+bool ReaderModel::runFirst(WaitingQueue& queue, Time now) {
+    Waiting& first = queue.begin()->second;
     const PipeFaults faults = faultsFor(first.transfer);
     if (faults.mute || m_leaving) {
         return false;
@@ -133,8 +134,9 @@ bool ReaderModel::runFirst(std::deque<Waiting>& queue, Time now) {
         return false;
     }
     // Removed before it is performed, because a request may end every pending transfer.
+    const TransferId id = queue.begin()->first;
     Waiting taken = std::move(first);
-    queue.pop_front();
+    queue.erase(queue.begin());
     if (faults.stalled && taken.transfer.endpoint == 0) {
         m_stalledOnce.erase(Pipe::control);
         m_stalledOnce.erase(framePipe(taken.transfer).value_or(Pipe::control));
@@ -148,7 +150,7 @@ bool ReaderModel::runFirst(std::deque<Waiting>& queue, Time now) {
         completion = perform(taken.transfer, faults, now);
         taken.fate.corrupt(completion.data);
     }
-    completion.id = taken.id;
+    completion.id = id;
     m_completions.push_back(std::move(completion));
     return true;
 }
@@ -212,7 +214,7 @@ void ReaderModel::loseAnswer(const Transfer& transfer) {
     }
 }
 
-Completion ReaderModel::perform(const Transfer& transfer, const PipeFaults& faults, Time now) {
+Completion ReaderModel::perform(Transfer& transfer, const PipeFaults& faults, Time now) {
     if (transfer.endpoint == 0) {
         return control(transfer, faults, now);
     }
@@ -226,8 +228,8 @@ Completion ReaderModel::perform(const Transfer& transfer, const PipeFaults& faul
     return sendPackets(transfer);
 }
 
-Completion ReaderModel::takePackets(const Transfer& transfer, const PipeFaults& faults, Time now) {
-    Bytes data = transfer.data;
+Completion ReaderModel::takePackets(Transfer& transfer, const PipeFaults& faults, Time now) {
+    Bytes data = std::move(transfer.data);
     data.resize(std::min(data.size(), faults.shortTo.value_or(data.size())));
     const Completion completion{.actual = data.size()};
     if (m_description.frames == FrameEnd::shortPacket) {
@@ -260,8 +262,13 @@ Completion ReaderModel::sendPackets(const Transfer& transfer) {
         completion.outcome = Outcome::overflow;
         taken = std::min(left, (transfer.capacity / packet + 1) * packet);
     }
-    const auto begin = answer.data.begin() + static_cast<std::ptrdiff_t>(answer.sent);
     completion.actual = std::min(taken, transfer.capacity);
+    if (completion.actual == answer.data.size()) {
+        completion.data = std::move(answer.data);
+        m_bulkAnswers.pop();
+        return completion;
+    }
+    const auto begin = answer.data.begin() + static_cast<std::ptrdiff_t>(answer.sent);
     completion.data.assign(begin, begin + static_cast<std::ptrdiff_t>(completion.actual));
     answer.sent += taken;
     if (answer.sent == answer.data.size()) {
@@ -277,8 +284,8 @@ void ReaderModel::endAll(Outcome outcome, bool controlToo) {
         if (endpoint == 0 && !controlToo) {
             continue;
         }
-        for (const Waiting& waiting : queue) {
-            m_completions.push_back({.id = waiting.id, .outcome = outcome});
+        for (const auto& [id, waiting] : queue) {
+            m_completions.push_back({.id = id, .outcome = outcome});
         }
         queue.clear();
     }
@@ -370,6 +377,19 @@ void ReaderModel::forgetAnswers() {
     m_bulkAnswers.clear();
     m_controlAnswers.clear();
     m_begunFrames.clear();
+}
+
+void ReaderModel::forgetLastFrame() {
+    m_lastFrame.data = Bytes();
+    m_lastFrame.forgotten = m_frameCount != 0;
+}
+
+std::size_t ReaderModel::storedBytes() const {
+    std::size_t stored = m_bulkAnswers.taken() + m_controlAnswers.taken() + m_lastFrame.data.capacity();
+    for (const auto& [endpoint, frame] : m_begunFrames) {
+        stored += frame.capacity();
+    }
+    return stored;
 }
 
 PipeFaults ReaderModel::pipeFaults(Pipe pipe) const {

@@ -108,28 +108,33 @@ public:
     struct SeenFrame {
         std::uint8_t endpoint = 0;
         Bytes data;
+        bool forgotten = false; // the data, for lack of memory
     };
     std::uint64_t frameCount() const { return m_frameCount; }
     const SeenFrame& lastFrame() const { return m_lastFrame; }
+    void forgetLastFrame();
+
+    // The memory of answers that have not been read and of the last frame.
+    std::size_t storedBytes() const;
 
 private:
     struct Waiting {
-        TransferId id = 0;
         Transfer transfer;
         TransferFate fate = {};
         std::optional<Time> ready = std::nullopt; // when its delay ends; set once it can complete
         bool lost = false;                        // a mute transfer whose answer has been discarded
     };
+    using WaitingQueue = std::map<TransferId, Waiting>; // cancelling one of thousands must be cheap
 
     void run(std::uint8_t endpoint, Time now);
-    bool runFirst(std::deque<Waiting>& queue, Time now);
+    bool runFirst(WaitingQueue& queue, Time now);
     PipeFaults faultsFor(const Transfer& transfer) const;
     TransferFate fateOf(const Transfer& transfer);
     bool isBulk(std::uint8_t address) const;
     const AnswerQueue* answersFor(const Transfer& transfer) const;
     bool couldComplete(const Transfer& transfer, Time now) const;
-    Completion perform(const Transfer& transfer, const PipeFaults& faults, Time now);
-    Completion takePackets(const Transfer& transfer, const PipeFaults& faults, Time now);
+    Completion perform(Transfer& transfer, const PipeFaults& faults, Time now);
+    Completion takePackets(Transfer& transfer, const PipeFaults& faults, Time now);
     Completion sendPackets(const Transfer& transfer);
     void loseAnswer(const Transfer& transfer);
     void restart(Time now);
@@ -162,7 +167,7 @@ private:
     std::optional<Draws> m_bulkJitter;
     std::optional<Draws> m_controlJitter;
     RequestFaults m_requestFaults;
-    std::map<std::uint8_t, std::deque<Waiting>> m_waiting; // by endpoint; each queue completes in order
+    std::map<std::uint8_t, WaitingQueue> m_waiting; // by endpoint; each queue completes in order
     std::deque<Completion> m_completions;
     std::map<unsigned, Speed> m_ports; // of a hub, with what is connected
     unsigned m_portCount = 8;
