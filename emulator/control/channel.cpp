@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <system_error>
+#include <utility>
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -14,8 +15,6 @@
 namespace emulator {
 
 namespace {
-
-constexpr std::size_t longestLine = 1U << 20;
 
 [[noreturn]] void fail(int error, const std::string& what) {
     throw std::system_error(error, std::generic_category(), what);
@@ -31,125 +30,183 @@ sockaddr_un socketAddress(const std::string& path) {
     return address;
 }
 
+int listeningSocket(const std::string& path) {
+    const sockaddr_un address = socketAddress(path);
+    const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (descriptor < 0 ||
+        ::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(descriptor, SOMAXCONN) != 0) {
+        const int error = errno;
+        if (descriptor >= 0) {
+            ::close(descriptor);
+        }
+        fail(error, path);
+    }
+    return descriptor;
+}
+
 Time now() {
     return std::chrono::steady_clock::now();
 }
 
 } // namespace
 
-CommandChannel::CommandChannel(const std::string& path, Run run)
-    : m_listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
-    , m_run(std::move(run)) {
-    const sockaddr_un address = socketAddress(path);
-    if (m_listening < 0 ||
-        ::bind(m_listening, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(m_listening, SOMAXCONN) != 0) {
-        fail(errno, path);
-    }
+CommandChannel::CommandChannel(const std::string& path, Run run, Milliseconds patience)
+    : m_listener(listeningSocket(path))
+    , m_run(std::move(run))
+    , m_patience(patience) {
 }
 
 CommandChannel::~CommandChannel() {
     for (const Client& client : m_clients) {
         ::close(client.descriptor);
     }
-    ::close(m_listening);
 }
 
-void CommandChannel::addPolled(std::vector<pollfd>& descriptors) const {
-    descriptors.push_back({.fd = m_listening, .events = POLLIN, .revents = 0});
+// A client that neither may send nor is sent anything is not polled: it could only report a hang-up, again and
+// again.
+void CommandChannel::addPolled(std::vector<pollfd>& descriptors) {
+    m_first = descriptors.size();
+    descriptors.push_back(m_listener.polled());
     for (const Client& client : m_clients) {
-        if (!client.ended) {
-            descriptors.push_back({.fd = client.descriptor, .events = POLLIN, .revents = 0});
-        }
+        const auto events =
+            static_cast<short>((client.wantsInput() ? POLLIN : 0) | (client.unsent.empty() ? 0 : POLLOUT));
+        descriptors.push_back({.fd = events == 0 ? -1 : client.descriptor, .events = events, .revents = 0});
     }
 }
 
 void CommandChannel::serve(const std::vector<pollfd>& polled) {
-    const auto readable = [&](int descriptor) {
-        const auto found = std::ranges::find(polled, descriptor, &pollfd::fd);
-        return found != polled.end() && found->revents != 0;
-    };
+    const Time present = now();
+    std::size_t at = m_first + 1;
     for (Client& client : m_clients) {
-        if (client.due && *client.due <= now()) {
-            client.due.reset();
-            send(client, client.held);
-        }
-        if (readable(client.descriptor)) {
-            receive(client);
-        }
-        runLines(client);
-        client.gone |= client.ended && !client.due;
+        serve(client, polled[at++].revents, present);
     }
-    std::erase_if(m_clients, [](const Client& client) {
-        if (client.gone) {
+    std::erase_if(m_clients, [&](const Client& client) {
+        const bool done = client.ended && !client.due && !client.hasLine() && client.unsent.empty();
+        const bool late = client.unreadSince && *client.unreadSince + m_patience <= present;
+        if (done || late) {
             ::close(client.descriptor);
         }
-        return client.gone;
+        return done || late;
     });
-    if (readable(m_listening)) {
-        accept();
+    if (m_listener.ready(polled[m_first], present)) {
+        const auto take = [&](int descriptor) {
+            if (m_clients.size() >= mostClients) {
+                closeIdlest();
+            }
+            m_clients.push_back({.descriptor = descriptor, .lastActive = present});
+        };
+        m_listener.accept(present, take, [this] { return closeIdlest(); });
     }
 }
 
-void CommandChannel::accept() {
-    const int descriptor = ::accept4(m_listening, nullptr, nullptr, SOCK_CLOEXEC);
-    if (descriptor < 0) {
-        return;
+void CommandChannel::serve(Client& client, short ready, Time now) {
+    if (client.due && *client.due <= now) {
+        client.due.reset();
+        answer(client, std::exchange(client.held, {}), now);
     }
-    // A client that does not read its answers must not block the bus.
-    const timeval patience{.tv_sec = 1, .tv_usec = 0};
-    ::setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-    m_clients.push_back({.descriptor = descriptor, .received = {}, .held = {}, .due = {}});
+    if (ready != 0) {
+        client.lastActive = now;
+        if (client.wantsInput()) {
+            receive(client);
+        }
+        send(client, now);
+    }
+    if (client.hasLine()) {
+        runLine(client, now);
+    }
+    if (client.lineEnd == std::string::npos && client.received.size() - client.taken > longestLine) {
+        client.received.clear();
+        client.taken = 0;
+        client.ended = true;
+        answer(client, "error: line too long", now);
+    }
+}
+
+bool CommandChannel::closeIdlest() {
+    const auto idlest = std::ranges::min_element(
+        m_clients, {}, [](const Client& client) { return std::pair(!client.idle(), client.lastActive); });
+    if (idlest == m_clients.end()) {
+        return false;
+    }
+    ::close(idlest->descriptor);
+    m_clients.erase(idlest);
+    return true;
 }
 
 void CommandChannel::receive(Client& client) {
     std::array<char, 65536> buffer;
-    const ssize_t count = ::recv(client.descriptor, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    const ssize_t count = ::recv(client.descriptor, buffer.data(), buffer.size(), 0);
     if (count > 0) {
+        client.received.erase(0, client.taken);
+        client.taken = 0;
+        const std::size_t before = client.received.size();
         client.received.append(buffer.data(), static_cast<std::size_t>(count));
-    } else if (count == 0) {
+        client.findLine(before);
+    } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
         client.ended = true;
-    } else if (errno != EAGAIN && errno != EINTR) {
-        client.gone = true;
-    }
-    if (client.received.size() > longestLine && client.received.find('\n') == std::string::npos) {
-        send(client, "error: line too long");
-        client.gone = true;
+        client.deaf |= count < 0;
     }
 }
 
-void CommandChannel::runLines(Client& client) {
-    for (auto end = client.received.find('\n'); !client.due && end != std::string::npos;
-         end = client.received.find('\n')) {
-        const std::string line = client.received.substr(0, end);
-        client.received.erase(0, end + 1);
-        const CommandAnswer answer = m_run(trimmed(line));
-        if (answer.pause.count() == 0) {
-            send(client, answer.text);
-        } else {
-            client.held = answer.text;
-            client.due = now() + answer.pause;
-        }
+void CommandChannel::runLine(Client& client, Time now) {
+    const std::string line = client.received.substr(client.taken, client.lineEnd - client.taken);
+    client.taken = client.lineEnd + 1;
+    if (client.taken == client.received.size()) {
+        client.received.clear();
+        client.taken = 0;
+    }
+    client.findLine(client.taken);
+    const CommandAnswer result = m_run(trimmed(line));
+    if (result.pause.count() == 0) {
+        answer(client, result.text, now);
+    } else {
+        client.held = result.text;
+        client.due = now + result.pause;
     }
 }
 
-void CommandChannel::send(Client& client, const std::string& text) {
-    const std::string line = text + "\n";
-    for (std::size_t sent = 0; sent < line.size() && !client.gone;) {
-        const ssize_t count = ::send(client.descriptor, line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
+void CommandChannel::answer(Client& client, const std::string& text, Time now) const {
+    client.unsent += text + "\n";
+    send(client, now);
+}
+
+void CommandChannel::send(Client& client, Time now) {
+    while (!client.unsent.empty() && !client.deaf) {
+        const ssize_t count = ::send(client.descriptor, client.unsent.data() + client.sent,
+                                     client.unsent.size() - client.sent, MSG_NOSIGNAL);
         if (count >= 0) {
-            sent += static_cast<std::size_t>(count);
+            client.sent += static_cast<std::size_t>(count);
+            if (client.sent >= client.unsent.size() / 2) {
+                client.unsent.erase(0, std::exchange(client.sent, 0));
+            }
+            client.unreadSince.reset();
+        } else if (errno == EAGAIN) {
+            client.unreadSince = client.unreadSince.value_or(now);
+            return;
         } else if (errno != EINTR) {
-            client.gone = true;
+            client.deaf = true;
         }
     }
+    client.unsent.clear();
+    client.sent = 0;
+    client.unreadSince.reset();
 }
 
 std::optional<Time> CommandChannel::nextDeadline() const {
-    std::optional<Time> earliest;
+    std::optional<Time> earliest = m_listener.nextDeadline();
+    const auto consider = [&](std::optional<Time> time) {
+        if (time) {
+            earliest = std::min(earliest.value_or(*time), *time);
+        }
+    };
     for (const Client& client : m_clients) {
-        if (client.due) {
-            earliest = std::min(earliest.value_or(*client.due), *client.due);
+        if (client.hasLine()) {
+            return Time{}; // at once
+        }
+        consider(client.due);
+        if (client.unreadSince) {
+            consider(*client.unreadSince + m_patience);
         }
     }
     return earliest;
