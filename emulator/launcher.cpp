@@ -119,12 +119,12 @@ int launchEmulated(const Options& options, const BlockedSignals& signals) {
 int launchUsbip(const Options& options, const BlockedSignals& signals) {
     const ScratchFolder folder;
     const std::string socket = (folder.path() / "commands").string();
-    auto made =
-        std::make_unique<UsbipBus>(*options.usbip, [verbose = options.verbose](const char* complaint) {
-            if (verbose) {
-                std::cerr << "gvusb-emulate: disconnected a USB/IP client: " << complaint << '\n';
-            }
-        });
+    const auto report = [verbose = options.verbose](const char* complaint) {
+        if (verbose) {
+            std::cerr << "gvusb-emulate: disconnected a USB/IP client: " << complaint << '\n';
+        }
+    };
+    auto made = std::make_unique<UsbipBus>(*options.usbip, report, options.usbipLimits);
     Session session(options, signals, *made, socket, logicEnvironment());
     // Destroyed before the session, which waits for every process of the program: a process can hang in the
     // kernel until the reader that it has attached answers or disappears.

@@ -4,6 +4,7 @@
 #include "preload_contract.h"
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <iostream>
 #include <iterator>
@@ -16,6 +17,10 @@ namespace emulator {
 namespace {
 
 constexpr int usageError = 2;
+
+constexpr unsigned mebibyteBits = 20;
+constexpr std::uint64_t mostMebibytes = 2048;
+constexpr std::uint64_t mostSeconds = 3600;
 
 constexpr const char* description =
     R"(Run a program on an emulated USB bus with virtual readers, or serve the readers by USB/IP.
@@ -98,7 +103,14 @@ reader is its host. Readers with a kernel driver or isochronous endpoints are re
 Without a program, a line on standard output shows the address and, as GVUSB_EMULATE_SOCKET=PATH, the
 socket for commands; the server runs until SIGINT or SIGTERM. With a program, the server runs as long as
 the program, which finds the address in GVUSB_EMULATE_USBIP.
-USB/IP has no passwords and no encryption: anyone who can connect to the port can use the readers.
+USB/IP has no authentication and no encryption: whoever can reach the port owns the readers. So an
+address that other machines can reach needs --allow-remote; an ssh tunnel is safer.
+What clients have sent, their pending transfers, unread replies and unread answers occupy at most the memory
+of --usbip-memory. When it is used up, the server first forgets the last frames ("frames" then fails). Then a
+message waits, or if another client occupies more, that client is disconnected. A client that waits for
+memory or leaves replies unread for the time of --usbip-patience is disconnected, and one that does not
+complete its request, or a message that it has begun, for 10 s. The reader of a client whose machine is gone
+is free after 45 s, or the time of --usbip-patience if that is longer.
 
 SIGNALS
 SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGUSR1 and SIGUSR2 are passed on to the program, unless the terminal
@@ -140,6 +152,9 @@ struct Words {
     bool trapSystemCalls = false;
     std::uint64_t seed = 0;
     bool lenient = false;
+    std::string usbipMemory = std::to_string(usbip::Readers::defaultMemory >> mebibyteBits);
+    std::string usbipPatience = std::to_string(usbip::Limits().replyPatience / std::chrono::seconds(1));
+    bool allowRemote = false;
     bool waitForAll = false;
     bool noReaders = false;
     bool noConfiguration = false;
@@ -187,6 +202,19 @@ void addOptions(CLI::App& app, Words& words) {
         "--usbip", words.usbip, "Serve the readers by USB/IP until a signal or the end of the program");
     app.add_option("--listen", words.address, "Where to listen for USB/IP clients; port 0 picks a free one")
         ->type_name("ADDRESS:PORT")
+        ->capture_default_str()
+        ->needs(usbip);
+    app.add_flag("--allow-remote", words.allowRemote,
+                 "Allow --listen with an address that other machines can reach")
+        ->needs(usbip);
+    app.add_option("--usbip-memory", words.usbipMemory,
+                   "How much memory all USB/IP clients together may occupy; see USB/IP below")
+        ->type_name("MIB")
+        ->capture_default_str()
+        ->needs(usbip);
+    app.add_option("--usbip-patience", words.usbipPatience,
+                   "Disconnect a USB/IP client that leaves replies unread for this long")
+        ->type_name("SECONDS")
         ->capture_default_str()
         ->needs(usbip);
     app.add_option("--send", words.command, "Send a command to the bus this runs on and print the answer")
@@ -246,6 +274,15 @@ Options optionsFrom(const CLI::App& app, const Words& words) {
     options.waitForAll = words.waitForAll;
     if (words.usbip) {
         options.usbip = parseSocketAddress(words.address);
+        if (!isLoopback(*options.usbip) && !words.allowRemote) {
+            throw TextError("--listen " + words.address +
+                            " needs --allow-remote: USB/IP has no authentication and " +
+                            "no encryption, so whoever can reach the port owns the readers");
+        }
+        options.usbipLimits.memory = static_cast<std::size_t>(
+            number("--usbip-memory", words.usbipMemory, 1, mostMebibytes) << mebibyteBits);
+        options.usbipLimits.replyPatience =
+            std::chrono::seconds(number("--usbip-patience", words.usbipPatience, 1, mostSeconds));
     }
     if (options.program.empty() && !words.usbip) {
         throw TextError("missing program");

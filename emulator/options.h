@@ -4,6 +4,7 @@
 #include "control/script.h"
 #include "model/description.h"
 #include "usbip/address.h"
+#include "usbip/server.h"
 
 #include <cstdint>
 #include <optional>
@@ -22,6 +23,7 @@ struct Options {
     bool verbose = false;
     std::optional<std::string> command; // to send to a running bus; nothing else is done
     std::optional<SocketAddress> usbip; // where to serve the readers, instead of on an emulated bus
+    usbip::Limits usbipLimits;
     unsigned killAfter = 5; // seconds after a signal to end, if the program has not ended by then; 0: never
     bool trapSystemCalls = false; // serve those that bypass the C library
     bool waitForAll = false; // wait for processes that the program leaves behind, instead of killing them

@@ -23,6 +23,7 @@ foreach(source
         usbip/connection.cpp
         usbip/import.cpp
         usbip/messages.cpp
+        usbip/output.cpp
         usbip/readers.cpp)
     target_sources(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR}/${source})
 endforeach()

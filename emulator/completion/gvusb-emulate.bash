@@ -10,7 +10,7 @@ _gvusb_emulate() {
         fi
     done
     case ${COMP_WORDS[COMP_CWORD - 1]} in
-    --reader | --listen | --kill-after | --seed) COMPREPLY=() ;;
+    --reader | --listen | --usbip-memory | --usbip-patience | --kill-after | --seed) COMPREPLY=() ;;
     --send)
         mapfile -t COMPREPLY < <(compgen -W 'plug unplug replug string remove-string fail-string descriptors stall
             unstall mute unmute delay short fail chance reply on jitter push flush busy driver refuse fail-configuration
@@ -22,8 +22,8 @@ _gvusb_emulate() {
         ;;
     *)
         mapfile -t COMPREPLY < <(compgen -W '--help --reader --readers --no-readers --script --lenient --seed --config
-            --no-config --usbip --listen --kill-after --wait-for-all --trap-system-calls --verbose --send --version
-            --' -- "$word")
+            --no-config --usbip --listen --allow-remote --usbip-memory --usbip-patience --kill-after --wait-for-all
+            --trap-system-calls --verbose --send --version --' -- "$word")
         ;;
     esac
 }

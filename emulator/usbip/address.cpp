@@ -48,6 +48,21 @@ SocketAddress parseSocketAddress(std::string_view text) {
                     "'");
 }
 
+bool isLoopback(const SocketAddress& address) {
+    constexpr std::uint8_t network = 127;
+    if (address.storage.ss_family == AF_INET) {
+        sockaddr_in version4{};
+        std::memcpy(&version4, &address.storage, sizeof version4);
+        return ntohl(version4.sin_addr.s_addr) >> 24 == network;
+    }
+    sockaddr_in6 version6{};
+    std::memcpy(&version6, &address.storage, sizeof version6);
+    const in6_addr& host = version6.sin6_addr;
+    constexpr std::size_t mappedVersion4 = 12; // where it begins
+    return IN6_IS_ADDR_LOOPBACK(&host) ||
+           (IN6_IS_ADDR_V4MAPPED(&host) && host.s6_addr[mappedVersion4] == network);
+}
+
 std::string socketAddressText(const SocketAddress& address) {
     std::array<char, INET6_ADDRSTRLEN> host{};
     if (address.storage.ss_family == AF_INET) {

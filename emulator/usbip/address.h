@@ -18,12 +18,15 @@ struct SocketAddress {
     sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
 };
 
-// The port that IANA has assigned. Only this machine can connect, because USB/IP has no passwords and no
+// The port that IANA has assigned. Only this machine can connect, because USB/IP has no authentication and no
 // encryption.
 constexpr std::string_view defaultUsbipAddress = "127.0.0.1:3240";
 
 // Parse "127.0.0.1:3240" or "[::1]:3240". Host names are not resolved. Throws TextError.
 SocketAddress parseSocketAddress(std::string_view text);
+
+// Whether only this machine can connect.
+bool isLoopback(const SocketAddress& address);
 
 std::string socketAddressText(const SocketAddress& address);
 

@@ -73,6 +73,8 @@ void UsbipBus::onModel(std::size_t number, const std::function<void(ReaderModel&
     action(reader.model);
     if (reader.importer != nullptr) {
         reader.importer->collect();
+    } else {
+        m_readers.account(reader);
     }
     unplugLeaving();
     m_server.settle();

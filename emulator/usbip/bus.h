@@ -13,8 +13,9 @@ namespace emulator {
 class UsbipBus final : public Bus {
 public:
     // Throws std::system_error.
-    UsbipBus(const SocketAddress& address, usbip::Server::Report report)
-        : m_server(m_readers, address, std::move(report)) {}
+    UsbipBus(const SocketAddress& address, usbip::Server::Report report, const usbip::Limits& limits = {})
+        : m_readers(limits.memory)
+        , m_server(m_readers, address, std::move(report), limits) {}
 
     // Where the server listens.
     std::string address() const { return m_server.address(); }

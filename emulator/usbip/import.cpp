@@ -70,13 +70,13 @@ void Import::count(const Submit& submit, std::uint8_t endpoint) {
     }
 }
 
-void Import::submit(const UrbHeader& header, const Submit& submit, Input payload, Time now, Bytes& replies) {
+void Import::submit(const UrbHeader& header, const Submit& submit, Bytes payload, Time now, Output& replies) {
     const std::uint8_t endpoint = endpointAddress(header);
     if (endpoint == 0 && resetsPort(submit)) {
         ++m_reader.counts.resets;
         m_reader.model.reset(now);
         collect(replies);
-        appendSubmitReply(replies, header.sequence, 0, 0, {});
+        replies.write([&](Bytes& bytes) { appendSubmitReply(bytes, header.sequence, 0, 0, {}); });
         return;
     }
     count(submit, endpoint);
@@ -89,7 +89,7 @@ void Import::submit(const UrbHeader& header, const Submit& submit, Input payload
     if (in) {
         transfer.capacity = length;
     } else {
-        transfer.data.assign(payload.begin(), payload.end());
+        transfer.data = std::move(payload);
         transfer.zeroPacket = (submit.flags & usbip_zero_packet) != 0;
     }
     if (endpoint == 0) {
@@ -97,49 +97,58 @@ void Import::submit(const UrbHeader& header, const Submit& submit, Input payload
         transfer.capacity = std::min<std::size_t>(transfer.capacity, submit.setup.length);
     }
     // The model may have completed it already; collect() looks for it in these maps.
+    const std::size_t held = transfer.data.capacity();
     const TransferId id = m_reader.model.submit(std::move(transfer), now);
     const bool shortNotOk = in && (submit.flags & usbip_short_not_ok) != 0;
-    m_pending.emplace(id,
-                      PendingUrb{.sequence = header.sequence, .length = length, .shortNotOk = shortNotOk});
+    m_pending.emplace(
+        id,
+        PendingUrb{.sequence = header.sequence, .length = length, .payload = held, .shortNotOk = shortNotOk});
     m_transfers.emplace(header.sequence, id);
     m_bytes += length;
+    m_payload += held;
     collect(replies);
+}
+
+void Import::forget(const PendingUrb& urb) {
+    m_transfers.erase(urb.sequence);
+    m_bytes -= urb.length;
+    m_payload -= urb.payload;
 }
 
 // Like the kernel's server: the reply replaces that to the submit, or has status 0 if the submit has
 // completed.
-void Import::unlink(std::uint32_t sequence, std::uint32_t unlinked, Time now, Bytes& replies) {
+void Import::unlink(std::uint32_t sequence, std::uint32_t unlinked, Time now, Output& replies) {
     const auto found = m_transfers.find(unlinked);
     if (found == m_transfers.end()) {
-        appendUnlinkReply(replies, sequence, 0);
+        replies.write([&](Bytes& bytes) { appendUnlinkReply(bytes, sequence, 0); });
         return;
     }
     const TransferId id = found->second;
-    m_transfers.erase(found);
     const auto pending = m_pending.find(id);
-    m_bytes -= pending->second.length;
+    forget(pending->second);
     m_pending.erase(pending);
     ++m_reader.counts.cancels;
     m_reader.model.cancel(id, now);
-    appendUnlinkReply(replies, sequence, -ECONNRESET);
+    replies.write([&](Bytes& bytes) { appendUnlinkReply(bytes, sequence, -ECONNRESET); });
     collect(replies);
 }
 
-void Import::collect(Bytes& replies) {
-    while (const std::optional<Completion> completion = m_reader.model.takeCompletion()) {
+void Import::collect(Output& replies) {
+    while (std::optional<Completion> completion = m_reader.model.takeCompletion()) {
         const auto found = m_pending.find(completion->id);
         if (found == m_pending.end()) {
             continue;
         }
         const PendingUrb urb = found->second;
         m_pending.erase(found);
-        m_transfers.erase(urb.sequence);
-        m_bytes -= urb.length;
+        forget(urb);
         int result = urbStatus(completion->outcome, -ECONNRESET);
         if (result == 0 && urb.shortNotOk && completion->actual < urb.length) {
             result = -EREMOTEIO;
         }
-        appendSubmitReply(replies, urb.sequence, result, completion->actual, completion->data);
+        replies.write(
+            [&](Bytes& bytes) { appendSubmitReply(bytes, urb.sequence, result, completion->actual, {}); });
+        replies.append(std::move(completion->data));
     }
 }
 
@@ -150,6 +159,7 @@ void Import::release(Time now) {
     m_pending.clear();
     m_transfers.clear();
     m_bytes = 0;
+    m_payload = 0;
     m_reader.model.reset(now);
     while (m_reader.model.takeCompletion()) {
     }

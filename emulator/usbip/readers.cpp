@@ -6,6 +6,12 @@
 
 namespace emulator::usbip {
 
+namespace {
+
+constexpr const char* tooMuch = "occupies most of the memory, which others need";
+
+} // namespace
+
 Reader::Reader(ReaderDescription description, std::size_t readerNumber)
     : model(std::move(description))
     , busId(std::to_string(model.description().bus) + "-" + std::to_string(readerNumber))
@@ -98,6 +104,65 @@ void Readers::advance(Time now) {
             reader->importer->collect();
         }
     }
+}
+
+void Readers::changeMemory(std::size_t before, std::size_t after) {
+    m_memory += after - before;
+    m_releases += after < before ? 1 : 0;
+}
+
+void Readers::account(Reader& reader) {
+    const std::size_t stored = reader.model.storedBytes();
+    changeMemory(reader.accounted, stored);
+    reader.accounted = stored;
+}
+
+// The last eighth is for short messages, so that a client with long transfers does not delay others.
+std::size_t Readers::limitFor(std::size_t needed) const {
+    constexpr std::size_t shortMessage = 8192;
+    return needed <= shortMessage ? m_mostMemory : m_mostMemory - m_mostMemory / 8;
+}
+
+bool Readers::makeRoom(const Connection& asking, std::size_t needed) {
+    if (!fits(needed) && couldHold(needed)) {
+        forgetFrames();
+    }
+    while (!fits(needed)) {
+        Connection* const most = largest();
+        if (most == nullptr || most->memory() <= asking.memory() + needed) {
+            return false;
+        }
+        most->refuse(tooMuch);
+    }
+    return true;
+}
+
+void Readers::limitMemory() {
+    if (m_memory <= m_mostMemory) {
+        return;
+    }
+    forgetFrames();
+    while (m_memory > m_mostMemory) {
+        Connection* const most = largest();
+        if (most == nullptr || most->memory() == 0) {
+            return;
+        }
+        most->refuse(tooMuch);
+    }
+}
+
+// They are only for the command "frames".
+void Readers::forgetFrames() {
+    for (const auto& reader : m_readers) {
+        reader->model.forgetLastFrame();
+        account(*reader);
+    }
+}
+
+Connection* Readers::largest() const {
+    const auto found = std::ranges::max_element(
+        m_connections, {}, [](const Connection* connection) { return connection->memory(); });
+    return found == m_connections.end() ? nullptr : *found;
 }
 
 } // namespace emulator::usbip

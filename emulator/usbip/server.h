@@ -4,6 +4,7 @@
 // For the launcher's thread only, which polls the descriptors.
 #pragma once
 
+#include "control/listener.h"
 #include "usbip/address.h"
 #include "usbip/connection.h"
 
@@ -17,21 +18,28 @@
 
 namespace emulator::usbip {
 
-class Server {
-public:
+struct Limits {
+    // The memory for data from clients, for their replies and for answers of readers.
+    std::size_t memory = Readers::defaultMemory;
+
+    // How long a client may leave replies unread. It may wait as long for memory.
+    Milliseconds replyPatience{30'000};
+
     // How long a client may take from connecting to the end of its request and its reply, and how long it may
     // pause inside a message.
-    static constexpr Milliseconds defaultPatience{10'000};
+    Milliseconds patience{10'000};
+};
 
-    // How many clients without an imported reader may be connected.
-    static constexpr std::ptrdiff_t mostUnattachedClients = 64;
+class Server {
+public:
+    // How many clients without an imported reader may be connected. One more takes the place of the oldest.
+    static constexpr std::size_t mostUnattachedClients = 256;
 
     // Called for each client that is disconnected because of a mistake.
     using Report = std::function<void(const char* complaint)>;
 
     // Start to listen. Throws std::system_error.
-    Server(Readers& readers, const SocketAddress& address, Report report,
-           Milliseconds patience = defaultPatience);
+    Server(Readers& readers, const SocketAddress& address, Report report, const Limits& limits = {});
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
     ~Server();
@@ -61,20 +69,29 @@ private:
         int descriptor;
         Time accepted;
         Time lastInput;
+        std::optional<Time> unreadSince; // no output has been accepted since
+        std::optional<Time> lackingSince;
     };
 
-    void accept(Time now);
+    void acceptClients(Time now);
+    bool closeOldest(Time now);
     static void receive(Client& client, Time now);
     static void send(Client& client, Time now);
-    std::optional<Time> deadline(const Client& client) const;
-    bool full() const;
+    void disconnectIfLate(Client& client, Time now) const;
+    void close(const Client& client) const;
+
+    // When to disconnect a client, and why.
+    struct Deadline {
+        Time time;
+        const char* complaint;
+    };
+    std::optional<Deadline> deadline(const Client& client) const;
 
     Readers& m_readers;
     Report m_report;
-    Milliseconds m_patience;
-    int m_listening = -1;
+    Limits m_limits;
+    Listener m_listener;
     std::list<Client> m_clients;
-    std::optional<Time> m_pausedUntil; // no client is accepted before, for lack of descriptors
 };
 
 } // namespace emulator::usbip

@@ -455,6 +455,17 @@ reports_usage_errors_with_usbip() {
     expect_status 2 "$emulate" --usbip --listen localhost
     expect_output "expected ADDRESS:PORT .*, not 'localhost'"
     expect_status 2 "$emulate" --usbip --no-config
+    for address in 0.0.0.0:0 '[::]:0' 192.0.2.1:3240 '[::ffff:192.0.2.1]:3240'; do
+        expect_status 2 "$emulate" --usbip --listen "$address" -- true
+        expect_output 'needs --allow-remote: USB/IP has no authentication and no encryption, so whoever can reach the port owns'
+    done
+    expect_status 0 "$emulate" --usbip --listen 0.0.0.0:0 --allow-remote -- true
+    expect_status 0 "$emulate" --usbip --listen '[::ffff:127.0.0.1]:0' -- true
+    expect_status 2 "$emulate" --allow-remote -- true
+    expect_status 2 "$emulate" --usbip --usbip-memory 0 -- true
+    expect_output '--usbip-memory must be a number from 1 to 2048, not .0.'
+    expect_status 2 "$emulate" --usbip --usbip-patience never -- true
+    expect_output '--usbip-patience must be a number from 1 to 3600, not .never.'
     expect_status 125 "$emulate" --usbip --listen 127.0.0.1:0 --reader driver=usbhid
     expect_output 'the machine that attaches the reader is its host'
     start_server

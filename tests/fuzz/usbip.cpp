@@ -16,6 +16,7 @@ using namespace usbip_client;
 using fuzz::Input;
 
 constexpr std::array<std::uint32_t, 8> lengths = {0, 1, 8, 64, 65, 512, 1 << 16, 1 << 24};
+constexpr std::size_t mostMemory = std::size_t{1} << 20;
 constexpr std::array<std::uint8_t, 6> pipes = {0x81, 0x02, 0x83, 0x04, 0x00, 0x85};
 constexpr std::array faultyPipes = {pipeOf(0x81),  pipeOf(0x02),          pipeOf(0x83),
                                     Pipe::control, Pipe::controlFrameOut, Pipe::controlFrameIn};
@@ -45,7 +46,7 @@ struct Fixture {
 
     Input input;
     Time now{};
-    usbip::Readers readers;
+    usbip::Readers readers{mostMemory};
     std::array<std::unique_ptr<fuzz::UsbipPeer>, 3> peers;
 };
 
@@ -194,19 +195,19 @@ void letTimePass(Fixture& f) {
 }
 
 void checkImporters(const Fixture& f) {
-    // Output that a client has not read, plus the replies to all pending transfers.
-    constexpr std::size_t maxOutput =
-        (std::size_t{1} << 20) + usbip::mostRequests * headerSize + AnswerQueue::mostRoom;
     std::size_t importing = 0;
+    std::size_t held = 0;
     for (const auto& peer : f.peers) {
         importing += peer->connection.hasImported() ? 1 : 0;
-        fuzz::expect(peer->connection.output().size() <= maxOutput, "the output is limited");
+        held += peer->connection.memory();
     }
     for (std::size_t number = 1; number <= f.readers.size(); ++number) {
         const usbip::Reader& reader = f.readers.at(number);
         fuzz::expect(reader.importer == nullptr || reader.plugged, "only plugged readers are imported");
         importing -= reader.importer != nullptr ? 1 : 0;
     }
+    fuzz::expect(f.readers.memory() <= mostMemory, "the memory is limited");
+    fuzz::expect(held <= f.readers.memory(), "the memory of each client is part of it");
     fuzz::expect(importing == 0, "each importer has its own reader");
 }
 
@@ -230,7 +231,7 @@ void checkThatReadersWork(Fixture& f) {
     reader.model.forgetAnswers();
     usbip::Connection connection(f.readers);
     connection.receive(importRequest("1-1"), f.now);
-    connection.sent(importReplySize, f.now);
+    connection.sent(importReplySize);
     connection.receive(join({control(1, {0x00, 9, 1, 0, 0, 0, 0, 0}), sendFrame(2, {1, 2}), fetchFrame(3)}),
                        f.now);
     fuzz::expect(Replies(connection.output(), {3}).text() ==

@@ -29,11 +29,15 @@ public:
 
     // Read at most this many of the bytes that the server has to send.
     void receive(std::size_t most, emulator::Time now) {
-        const auto output = connection.output();
-        const std::size_t count = std::min(most, output.size());
-        m_received.insert(m_received.end(), output.begin(),
-                          output.begin() + static_cast<std::ptrdiff_t>(count));
-        connection.sent(count, now);
+        while (most != 0 && !connection.unsent().empty()) {
+            const auto output = connection.output();
+            const std::size_t count = std::min(most, output.size());
+            m_received.insert(m_received.end(), output.begin(),
+                              output.begin() + static_cast<std::ptrdiff_t>(count));
+            connection.sent(count);
+            most -= count;
+        }
+        connection.proceed(now);
         checkReceived();
     }
 

@@ -20,5 +20,15 @@ TEST(SocketAddressTest, MustHaveAnAddressAndAPort) {
     }
 }
 
+TEST(SocketAddressTest, KnowsAddressesThatOnlyThisMachineReaches) {
+    for (const char* own : {"127.0.0.1:1", "127.255.0.9:1", "[::1]:1", "[::ffff:127.0.0.1]:1"}) {
+        EXPECT_TRUE(isLoopback(parseSocketAddress(own))) << own;
+    }
+    for (const char* other : {"0.0.0.0:1", "128.0.0.1:1", "126.0.0.1:1", "[::]:1", "[::2]:1",
+                              "[::127.0.0.1]:1", "[fe80::1]:1", "[::ffff:10.0.0.1]:1"}) {
+        EXPECT_FALSE(isLoopback(parseSocketAddress(other))) << other;
+    }
+}
+
 } // namespace
 } // namespace emulator

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <memory>
 
 namespace emulator::usbip {
 namespace {
@@ -21,8 +22,11 @@ protected:
     }
 
     Bytes take(Connection& from) {
-        const Bytes output(from.output().begin(), from.output().end());
-        from.sent(output.size(), now);
+        Bytes output;
+        while (!from.unsent().empty()) {
+            output.insert(output.end(), from.output().begin(), from.output().end());
+            from.sent(from.output().size());
+        }
         return output;
     }
 
@@ -243,15 +247,40 @@ TEST_F(UsbipConnectionTest, StopsReadingFromAClientThatDoesNotRead) {
         sequence += 2;
     }
     EXPECT_FALSE(connection.wantsInput());
-    EXPECT_LT(connection.output().size(), std::size_t{2} << 20);
+    EXPECT_LT(connection.unsent().size(), std::size_t{2} << 20);
     EXPECT_FALSE(connection.hasPartialMessage()) << "the client has to read first";
-    // Input that is left is processed as the client reads.
+    // Input that is left is processed when the client has read.
     const Bytes more = join({sendFrame(sequence, {1}), fetchFrame(sequence + 1, 65536)});
     connection.receive(more, now);
+    EXPECT_FALSE(connection.mayProceed());
     EXPECT_EQ(model().frameCount(), sequence / 2);
-    connection.sent(connection.output().size() / 2, now);
+    take(connection);
+    EXPECT_TRUE(connection.mayProceed());
+    connection.proceed(now);
     EXPECT_TRUE(connection.wantsInput());
     EXPECT_EQ(model().frameCount(), sequence / 2 + 1);
+}
+
+// Other clients are served after so many messages.
+TEST_F(UsbipConnectionTest, ProcessesSomeMessagesAtATime) {
+    importStatus(connection);
+    Bytes all;
+    constexpr std::uint32_t count = 5 * Connection::mostMessages;
+    for (std::uint32_t sequence = 0; sequence < count; ++sequence) {
+        all = join({all, sendFrame(sequence, {1})});
+    }
+    connection.receive(join({all, Bytes{0, 0}}), now);
+    for (std::uint32_t done = Connection::mostMessages; done < count; done += Connection::mostMessages) {
+        EXPECT_EQ(model().frameCount(), done);
+        EXPECT_TRUE(connection.mayProceed());
+        EXPECT_FALSE(connection.wantsInput());
+        EXPECT_FALSE(connection.hasPartialMessage());
+        connection.proceed(now);
+    }
+    EXPECT_EQ(model().frameCount(), count);
+    connection.proceed(now);
+    EXPECT_FALSE(connection.mayProceed());
+    EXPECT_TRUE(connection.hasPartialMessage());
 }
 
 // ---- hostile clients
@@ -365,6 +394,204 @@ TEST_F(UsbipConnectionTest, TooManyBytesEndTheConnection) {
     connection.receive(fetchFrame(5, 1), now);
     EXPECT_TRUE(connection.closing());
     EXPECT_STREQ(connection.complaint(), "too many pending transfers or bytes");
+}
+
+// ---- memory
+
+class UsbipMemoryTest : public testing::Test {
+protected:
+    static constexpr std::size_t mebibyte = std::size_t{1} << 20;
+    static constexpr std::size_t most = 8 * mebibyte;
+
+    UsbipMemoryTest() {
+        for (int i = 0; i < 4; ++i) {
+            readers.plug(readers.add(parseReaders("").front()), now);
+        }
+    }
+
+    void import(Connection& connection, std::size_t number) {
+        connection.receive(importRequest("1-" + std::to_string(number)), now);
+        drop(connection);
+        ASSERT_EQ(readers.at(number).importer, &connection);
+    }
+
+    static std::size_t drop(Connection& from) {
+        const std::size_t size = from.unsent().size();
+        from.sent(size);
+        return size;
+    }
+
+    void mute(std::size_t number, bool on = true) {
+        readers.at(number).model.setPipeFaults(pipeOf(0x02), {.mute = on}, now);
+        readers.advance(now);
+    }
+
+    static Bytes longFrame(std::size_t reader, std::uint32_t sequence, std::size_t size) {
+        return submit({.sequence = sequence,
+                       .endpoint = 2,
+                       .length = static_cast<std::uint32_t>(size),
+                       .data = Bytes(size),
+                       .device = 0x00010000 + static_cast<std::uint32_t>(reader)});
+    }
+
+    static Bytes fetch(std::size_t reader, std::uint32_t sequence, std::uint32_t length) {
+        return submit({.sequence = sequence,
+                       .direction = in,
+                       .endpoint = 1,
+                       .length = length,
+                       .device = 0x00010000 + static_cast<std::uint32_t>(reader)});
+    }
+
+    std::string exchange(Connection& with, std::size_t reader) {
+        with.receive(join({longFrame(reader, 1000, 2), fetch(reader, 1001, 64)}), now);
+        const Bytes replies(with.output().begin(), with.output().end());
+        drop(with);
+        return Replies(replies, {1001}).text();
+    }
+    static constexpr auto exchanged = "submitted 1000 0 +2; submitted 1001 0 0000";
+
+    Time now{};
+    Readers readers{most};
+    Connection first{readers};
+    Connection second{readers};
+};
+
+TEST_F(UsbipMemoryTest, IsAllReleasedAtTheEnd) {
+    const std::size_t before = readers.memory();
+    import(first, 1);
+    import(second, 2);
+    mute(2);
+    first.receive(longFrame(1, 1, mebibyte), now);
+    first.receive(fetch(1, 2, mebibyte), now);
+    second.receive(longFrame(2, 1, mebibyte), now);
+    Bytes begun = longFrame(2, 2, mebibyte);
+    begun.resize(1000);
+    second.receive(begun, now);
+    EXPECT_GE(readers.memory(), 5 * mebibyte)
+        << "a reply and a frame that are kept, one pending, and one that "
+           "arrives, with its answer";
+    first.abort();
+    second.abort();
+    EXPECT_EQ(readers.memory(), before + mebibyte) << "the last frame of the first reader";
+}
+
+TEST_F(UsbipMemoryTest, MessageWaitsUntilItsOwnClientReleasesMemory) {
+    import(first, 1);
+    mute(1);
+    std::uint32_t sequence = 0;
+    while (!first.lacksMemory() && sequence < 100) {
+        first.receive(longFrame(1, ++sequence, mebibyte / 2), now);
+    }
+    EXPECT_TRUE(first.lacksMemory());
+    EXPECT_FALSE(first.wantsInput());
+    EXPECT_FALSE(first.mayProceed()) << "nothing has been released";
+    EXPECT_FALSE(first.closing());
+    EXPECT_LE(readers.memory(), most);
+    EXPECT_GE(sequence, 10U);
+    mute(1, false);
+    readers.at(1).model.forgetAnswers();
+    drop(first);
+    EXPECT_TRUE(first.mayProceed());
+    first.proceed(now);
+    EXPECT_FALSE(first.lacksMemory());
+    EXPECT_EQ(readers.at(1).model.frameCount(), sequence);
+}
+
+TEST_F(UsbipMemoryTest, OthersStillExchangeFramesWhenOneHasUsedItUp) {
+    import(first, 1);
+    import(second, 2);
+    mute(1);
+    for (std::uint32_t sequence = 0; !first.lacksMemory() && sequence < 100; ++sequence) {
+        first.receive(longFrame(1, sequence, mebibyte), now);
+    }
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_EQ(exchange(second, 2), exchanged);
+    }
+    EXPECT_FALSE(first.closing());
+}
+
+TEST_F(UsbipMemoryTest, WhoOccupiesMostIsDisconnectedWhenAnotherNeedsMuch) {
+    import(first, 1);
+    import(second, 2);
+    mute(1);
+    mute(2);
+    for (std::uint32_t sequence = 0; !first.lacksMemory() && sequence < 100; ++sequence) {
+        first.receive(longFrame(1, sequence, mebibyte), now);
+    }
+    second.receive(longFrame(2, 1, mebibyte), now);
+    EXPECT_TRUE(first.closing());
+    EXPECT_STREQ(first.complaint(), "occupies most of the memory, which others need");
+    EXPECT_FALSE(second.lacksMemory());
+    EXPECT_EQ(readers.at(1).importer, nullptr);
+    EXPECT_LE(readers.memory(), most);
+}
+
+TEST_F(UsbipMemoryTest, BegunMessagesCount) {
+    import(first, 1);
+    import(second, 2);
+    Bytes begun = longFrame(1, 1, 3 * mebibyte);
+    begun.resize(100);
+    first.receive(begun, now);
+    EXPECT_GE(readers.memory(), 6 * mebibyte) << "its data and its answer";
+    EXPECT_EQ(exchange(second, 2), exchanged);
+    second.receive(longFrame(2, 1, mebibyte), now);
+    EXPECT_TRUE(first.closing());
+    EXPECT_FALSE(second.closing());
+}
+
+TEST_F(UsbipMemoryTest, ManyShortRequestsCount) {
+    Readers few(mebibyte);
+    std::vector<std::unique_ptr<Connection>> connections;
+    for (std::size_t number = 1; number <= 4; ++number) {
+        few.plug(few.add(parseReaders("").front()), now);
+        connections.push_back(std::make_unique<Connection>(few));
+        connections.back()->receive(importRequest("1-" + std::to_string(number)), now);
+        drop(*connections.back());
+        for (std::uint32_t sequence = 0; sequence < mostRequests && connections.back()->wantsInput();
+             ++sequence) {
+            connections.back()->receive(fetch(number, sequence, 64), now);
+        }
+        EXPECT_LE(few.memory(), mebibyte);
+    }
+    EXPECT_TRUE(connections.front()->closing());
+    EXPECT_FALSE(connections.back()->closing());
+}
+
+TEST_F(UsbipMemoryTest, LastFramesAreForgottenFirst) {
+    for (std::size_t number = 1; number <= 2; ++number) {
+        Connection passing(readers);
+        import(passing, number);
+        passing.receive(longFrame(number, 1, 3 * mebibyte), now);
+        EXPECT_EQ(readers.at(number).model.frameCount(), 1U);
+    }
+    import(first, 3);
+    first.receive(longFrame(3, 1, mebibyte), now);
+    EXPECT_EQ(readers.at(3).model.frameCount(), 1U);
+    EXPECT_FALSE(readers.at(3).model.lastFrame().forgotten);
+    EXPECT_TRUE(readers.at(1).model.lastFrame().forgotten);
+    EXPECT_FALSE(readers.at(2).model.lastFrame().forgotten) << "there was enough memory then";
+}
+
+TEST_F(UsbipMemoryTest, TransferThatNeverFitsEndsTheConnection) {
+    import(first, 1);
+    Bytes begun = longFrame(1, 1, 4 * mebibyte);
+    begun.resize(1000);
+    first.receive(begun, now);
+    EXPECT_TRUE(first.closing());
+    EXPECT_STREQ(first.complaint(), "transfer exceeds the memory for all clients");
+}
+
+TEST_F(UsbipMemoryTest, UnreadListsCount) {
+    Readers many(mebibyte);
+    for (int i = 0; i < 1000; ++i) {
+        many.plug(many.add(parseReaders("").front()), now);
+    }
+    std::vector<std::unique_ptr<Connection>> clients;
+    for (int i = 0; i < 100; ++i) {
+        clients.push_back(std::make_unique<Connection>(many));
+        clients.back()->receive(listRequest(), now);
+        EXPECT_LE(many.memory(), mebibyte);
+    }
 }
 
 } // namespace

@@ -16,7 +16,7 @@ protected:
     std::string answer(const std::string& bytes) {
         connection.receive(hexBytes("message", bytes), now);
         const Bytes output(connection.output().begin(), connection.output().end());
-        connection.sent(output.size(), now);
+        connection.sent(output.size());
         return hexText(output);
     }
 

@@ -13,6 +13,8 @@
 #include <span>
 #include <thread>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -66,6 +68,30 @@ public:
 
 private:
     int m_descriptor = -1;
+};
+
+// Changes how many files this process may open, by default to as many as possible.
+class FileLimit {
+public:
+    FileLimit() {
+        EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &m_before), 0);
+        set(m_before.rlim_max);
+    }
+    explicit FileLimit(rlim_t files) {
+        EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &m_before), 0);
+        set(files);
+    }
+    FileLimit(const FileLimit&) = delete;
+    FileLimit& operator=(const FileLimit&) = delete;
+    ~FileLimit() { set(m_before.rlim_cur); }
+
+private:
+    void set(rlim_t files) const {
+        const rlimit limit{.rlim_cur = files, .rlim_max = m_before.rlim_max};
+        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    }
+
+    rlimit m_before{};
 };
 
 class UsbipServerTest : public testing::Test {
@@ -396,7 +422,7 @@ protected:
     }
 
     usbip::Readers readers;
-    usbip::Server server{readers, parseSocketAddress("127.0.0.1:0"), {}, 100ms};
+    usbip::Server server{readers, parseSocketAddress("127.0.0.1:0"), {}, {.patience = 100ms}};
     std::size_t reader = readers.add(parseReaders("").front());
 };
 
@@ -418,7 +444,7 @@ TEST_F(UsbipImpatientServerTest, SilentClientIsDisconnected) {
 // A client whose input is not read cannot complete a message.
 TEST_F(UsbipImpatientServerTest, TimeoutRestartsWhenAClientIsReadAgain) {
     constexpr auto patience = 500ms;
-    usbip::Server patient(readers, parseSocketAddress("127.0.0.1:0"), {}, patience);
+    usbip::Server patient(readers, parseSocketAddress("127.0.0.1:0"), {}, {.patience = patience});
     readers.at(reader).model.setReply(ReplyRule::parse("pattern:65536"));
     readers.plug(reader, std::chrono::steady_clock::now());
     const auto listens = [&] {
@@ -462,36 +488,183 @@ TEST_F(UsbipImpatientServerTest, TimeoutRestartsWhenAClientIsReadAgain) {
     EXPECT_FALSE(client.ended);
 }
 
-TEST_F(UsbipServerTest, ImportersAreServedDespiteManySilentClients) {
+TEST_F(UsbipImpatientServerTest, ClientThatDoesNotReadIsDisconnected) {
+    usbip::Server other(readers, parseSocketAddress("127.0.0.1:0"),
+                        [this](const char* complaint) { reports.emplace_back(complaint); },
+                        {.replyPatience = 200ms, .patience = 30s});
+    readers.at(reader).model.setReply(ReplyRule::parse("pattern:65536"));
+    readers.plug(reader, std::chrono::steady_clock::now());
+    Client client(other.address(), 4096);
+    client.send(importRequest("1-1"));
+    turn(other, 1s);
+    ASSERT_NE(readers.at(reader).importer, nullptr);
+    const Time end = std::chrono::steady_clock::now() + 30s;
+    for (std::uint32_t sequence = 0;
+         readers.at(reader).importer != nullptr && std::chrono::steady_clock::now() < end; sequence += 2) {
+        client.sendSome(join({sendFrame(sequence, {1}), fetchFrame(sequence + 1, 65536)}));
+        turn(other, 1ms);
+    }
+    EXPECT_EQ(readers.at(reader).importer, nullptr);
+    EXPECT_EQ(reports, std::vector<std::string>{"did not read its replies in time"});
+    Client next(other.address());
+    next.send(importRequest("1-1"));
+    turn(other, 1s);
+    EXPECT_NE(readers.at(reader).importer, nullptr) << "its reader is free";
+}
+
+TEST_F(UsbipImpatientServerTest, ClientThatWaitsForMemoryIsDisconnected) {
+    usbip::Readers few(std::size_t{1} << 20);
+    usbip::Server other(few, parseSocketAddress("127.0.0.1:0"),
+                        [this](const char* complaint) { reports.emplace_back(complaint); },
+                        {.replyPatience = 200ms, .patience = 30s});
+    few.plug(few.add(parseReaders("").front()), std::chrono::steady_clock::now());
+    few.at(1).model.setPipeFaults(pipeOf(0x02), {.mute = true}, std::chrono::steady_clock::now());
+    Client client(other.address());
+    client.send(importRequest("1-1"));
+    turn(other, 1s);
+    ASSERT_NE(few.at(1).importer, nullptr);
+    const Time end = std::chrono::steady_clock::now() + 30s;
+    for (std::uint32_t sequence = 0; few.at(1).importer != nullptr && std::chrono::steady_clock::now() < end;
+         ++sequence) {
+        client.sendSome(sendFrame(sequence, Bytes(50'000)));
+        turn(other, 1ms);
+        EXPECT_LE(few.memory(), std::size_t{1} << 20);
+    }
+    EXPECT_EQ(reports, std::vector<std::string>{"needs more memory than there is"});
+}
+
+TEST_F(UsbipServerTest, NewcomersAreServedDespiteManySilentClients) {
+    const FileLimit limit;
+    Client importer(bus.address());
+    imports(importer);
+    constexpr int silent = 1200;
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int i = 0; i < silent; ++i) {
+        clients.push_back(std::make_unique<Client>(bus.address()));
+        if (i % 2 != 0) {
+            clients.back()->send({0x01, 0x11, 0x80}); // part of a request
+        }
+        turn(bus, 0ms);
+    }
+    Client next(bus.address());
+    next.send(importRequest("1-2"));
+    int turns = 0;
+    while (next.received.size() < importReplySize && !next.ended && turns < 10'000) {
+        turn(bus, 1ms);
+        next.receive();
+        ++turns;
+    }
+    EXPECT_EQ(next.received.size(), importReplySize);
+    // Some clients that connected before may be accepted first.
+    EXPECT_LT(turns, 100 + silent / Listener::mostAccepted);
+    EXPECT_EQ(exchange(importer, sendFrame(1, {1}), headerSize), "submitted 1 0 +1");
+    std::vector<pollfd> polled;
+    bus.addPolled(polled);
+    EXPECT_LE(polled.size(), 1 + 2 + usbip::Server::mostUnattachedClients);
+}
+
+// So that a client that sends nothing cannot take the last descriptor.
+TEST_F(UsbipServerTest, SilentClientsAreDisconnectedWhenDescriptorsRunOut) {
     Client importer(bus.address());
     imports(importer);
     std::vector<std::unique_ptr<Client>> silent;
-    for (std::ptrdiff_t i = 0; i < usbip::Server::mostUnattachedClients + 10; ++i) {
+    for (int i = 0; i < 20; ++i) {
         silent.push_back(std::make_unique<Client>(bus.address()));
-        turn(bus, 1ms);
+    }
+    Client next(bus.address());
+    next.send(importRequest("1-2"));
+    const int free = ::dup(0);
+    ::close(free);
+    {
+        const FileLimit limit(static_cast<rlim_t>(free) + 3); // three descriptors are left
+        EXPECT_TRUE(receives(next, importReplySize));
+        EXPECT_EQ(exchange(importer, sendFrame(1, {1}), headerSize), "submitted 1 0 +1");
+    }
+    EXPECT_EQ(next.received.size(), importReplySize);
+}
+
+TEST_F(UsbipServerTest, NewcomersAreTurnedAwayWhenImportersUseAllDescriptors) {
+    Client importer(bus.address());
+    imports(importer);
+    std::vector<std::unique_ptr<Client>> newcomers;
+    for (int i = 0; i < 3; ++i) {
+        newcomers.push_back(std::make_unique<Client>(bus.address()));
+    }
+    const int free = ::dup(0);
+    ::close(free);
+    const FileLimit limit(static_cast<rlim_t>(free)); // only the reserve is below
+    for (const auto& newcomer : newcomers) {
+        EXPECT_TRUE(ends(*newcomer));
     }
     std::vector<pollfd> polled;
     bus.addPolled(polled);
-    EXPECT_EQ(polled.size(), 1 + 1 + static_cast<std::size_t>(usbip::Server::mostUnattachedClients));
-    EXPECT_EQ(polled[0].events, 0) << "no other client is accepted";
+    EXPECT_GE(polled[0].fd, 0) << "it still listens";
     EXPECT_EQ(exchange(importer, sendFrame(1, {1}), headerSize), "submitted 1 0 +1");
-    silent.clear();
-    Client next(bus.address());
-    imports(next, "1-2");
 }
 
 TEST_F(UsbipServerTest, PausesWhenDescriptorsRunOut) {
     Client client(bus.address());
-    rlimit before{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-    const rlimit none{.rlim_cur = 3, .rlim_max = before.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    turn(bus, 1s);
+    std::vector<pollfd> polled;
+    {
+        const FileLimit limit(3);
+        turn(bus, 1s);
+        bus.addPolled(polled);
+    }
+    EXPECT_EQ(polled[0].fd, -1) << "the loop must not spin";
+    imports(client);
+}
+
+// Within a minute, the kernel reports that the machine of a client is gone.
+TEST_F(UsbipServerTest, SocketsDetectDeadClients) {
+    Client client(bus.address());
+    imports(client);
     std::vector<pollfd> polled;
     bus.addPolled(polled);
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-    EXPECT_EQ(polled[0].events, 0) << "the loop must not spin";
-    imports(client);
+    ASSERT_EQ(polled.size(), 2U);
+    const auto option = [&](int level, int name) {
+        int value = 0;
+        socklen_t size = sizeof value;
+        EXPECT_EQ(::getsockopt(polled[1].fd, level, name, &value, &size), 0);
+        return value;
+    };
+    EXPECT_EQ(option(SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(option(IPPROTO_TCP, TCP_NODELAY), 1);
+    const int idle = option(IPPROTO_TCP, TCP_KEEPIDLE);
+    const int interval = option(IPPROTO_TCP, TCP_KEEPINTVL);
+    EXPECT_LT(idle + interval * option(IPPROTO_TCP, TCP_KEEPCNT), 50);
+    EXPECT_LT(option(IPPROTO_TCP, TCP_USER_TIMEOUT) + interval * 1000, 50'000);
+}
+
+// What a turn costs does not depend on how much a client sends.
+TEST_F(UsbipServerTest, TurnHasFewMessagesOfEachClient) {
+    Client flooding(bus.address());
+    imports(flooding);
+    Bytes unlinks;
+    for (std::uint32_t sequence = 0; sequence < 1000; ++sequence) {
+        unlinks = join({unlinks, unlink(sequence, 77)});
+    }
+    flooding.send(unlinks);
+    Client other(bus.address());
+    imports(other, "1-2");
+    other.send(submit({.endpoint = 2, .length = 1, .data = {1}, .device = firstReader + 1}));
+    flooding.receive();
+    turn(bus, 1s);
+    turn(bus, 1s);
+    other.receive();
+    EXPECT_EQ(Replies(other.received).text(), "submitted 1 0 +1") << "in spite of messages that came before";
+    flooding.receive();
+    std::size_t before = flooding.received.size();
+    std::size_t turns = 0;
+    while (flooding.received.size() < unlinks.size() && turns < 1000) {
+        EXPECT_LE(bus.nextDeadline(), std::chrono::steady_clock::now());
+        turn(bus, 0ms);
+        flooding.receive();
+        EXPECT_LE(flooding.received.size() - before, headerSize * usbip::Connection::mostMessages);
+        before = flooding.received.size();
+        ++turns;
+    }
+    EXPECT_EQ(flooding.received.size(), unlinks.size());
+    EXPECT_GE(turns, 20U);
 }
 
 } // namespace
