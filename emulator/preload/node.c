@@ -52,8 +52,9 @@ void ring_bell(const struct opening_memory* memory) {
     __atomic_fetch_or(&rung->openings[word], UINT64_C(1) << index % 64, __ATOMIC_SEQ_CST);
     __atomic_fetch_or(&rung->words[word / 64], UINT64_C(1) << word % 64, __ATOMIC_SEQ_CST);
     __atomic_fetch_add(&rung->rung, 1, __ATOMIC_SEQ_CST);
-    if (__atomic_load_n(&rung->asleep, __ATOMIC_SEQ_CST) != 0 &&
-        __atomic_exchange_n(&rung->asleep, 0, __ATOMIC_SEQ_CST) != 0) {
+    // Only the launcher clears this: if a program did, and the launcher went to sleep before it was woken, or the program
+    // was killed before it woke it, nobody else would.
+    if (__atomic_load_n(&rung->asleep, __ATOMIC_SEQ_CST) != 0) {
         syscall(SYS_futex, &rung->rung, FUTEX_WAKE, 1, NULL, NULL, 0);
     }
 }

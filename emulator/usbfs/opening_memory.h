@@ -141,8 +141,8 @@ struct opening_memory {
 enum { bell_openings = 1 << 16, bell_words = bell_openings / 64 };
 
 struct opening_bell {
-    uint32_t rung; // a futex
-    uint32_t asleep;
+    uint32_t rung;                   // a futex: how often
+    uint32_t asleep;                 // whether the launcher waits for `rung` to change, or is about to
     uint64_t words[bell_words / 64]; // words of `openings` that are not 0
     uint64_t openings[bell_words];   // openings with filled requests
 };
