@@ -94,7 +94,7 @@ plays_each_copy() {
 
 is_outside_the_bus() {
     # shellcheck disable=SC2016 # for the command's shell
-    expect_status 0 "$emulate" -- "$emulate" --reader 'logic=env | grep -E "^(GVUSB_EMULATE|UMOCKDEV|LD_PRELOAD)" >&2; exec cat >/dev/null' \
+    expect_status 0 "$emulate" -- "$emulate" --reader 'logic=env | grep -E "^(GVUSB_EMULATE|LD_PRELOAD)" >&2; exec cat >/dev/null' \
         -- true
     expect_error ''
     expect_status 0 env LD_PRELOAD=libdl.so.2 "$emulate" --reader 'logic=echo "$LD_PRELOAD" >&2; exec cat >/dev/null' -- true
