@@ -14,7 +14,9 @@ static void read_status(pid_t process, struct process_figures* figures) {
     FILE* file = fopen(line, "re");
     while (file != NULL && fgets(line, sizeof line, file) != NULL) {
         if (strncmp(line, "VmRSS:", 6) == 0) {
-            figures->resident_kb = strtol(line + 6, NULL, 10);
+            figures->resident_kb += strtol(line + 6, NULL, 10);
+        } else if (strncmp(line, "RssShmem:", 9) == 0) {
+            figures->resident_kb -= strtol(line + 9, NULL, 10);
         } else if (strncmp(line, "Threads:", 8) == 0) {
             figures->threads = strtol(line + 8, NULL, 10);
         }

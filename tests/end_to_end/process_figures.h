@@ -9,7 +9,8 @@
 #include <sys/types.h>
 
 struct process_figures {
-    long resident_kb;
+    long
+        resident_kb; /* without memory shared with the emulated bus, which unmaps it some time after closing */
     long heap_bytes; /* allocated by malloc() and not freed; only for the calling process, otherwise 0 */
     long descriptors;
     long threads;
