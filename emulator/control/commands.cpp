@@ -115,6 +115,7 @@ void checkCommandName(std::string_view line) {
 
 std::vector<std::string_view> commandNames() {
     std::vector<std::string_view> names;
+    names.reserve(std::size(commands));
     for (const Command& command : commands) {
         names.push_back(command.name);
     }

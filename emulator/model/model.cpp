@@ -231,7 +231,7 @@ Completion ReaderModel::perform(Transfer& transfer, const PipeFaults& faults, Ti
 Completion ReaderModel::takePackets(Transfer& transfer, const PipeFaults& faults, Time now) {
     Bytes data = std::move(transfer.data);
     data.resize(std::min(data.size(), faults.shortTo.value_or(data.size())));
-    const Completion completion{.actual = data.size()};
+    Completion completion{.actual = data.size()};
     if (m_description.frames == FrameEnd::shortPacket) {
         const auto endpoint =
             std::ranges::find(m_description.endpoints, transfer.endpoint, &Endpoint::address);

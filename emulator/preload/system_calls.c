@@ -180,8 +180,10 @@ static int find_code(struct dl_phdr_info* info, size_t size, void* place) {
 }
 
 __attribute__((constructor)) static void start(void) {
-    if (getenv(emulate_system_calls_variable) == NULL ||
-        dl_iterate_phdr(find_code, (void*)(uintptr_t)library()->syscall) == 0) {
+    void* place;
+    memcpy(&place, &library()->syscall,
+           sizeof place); // C does not convert a function pointer to an object pointer
+    if (getenv(emulate_system_calls_variable) == NULL || dl_iterate_phdr(find_code, place) == 0) {
         return;
     }
     struct sigaction action;
@@ -191,7 +193,7 @@ __attribute__((constructor)) static void start(void) {
     sigaction(SIGSYS, &action, NULL);
     if (!report_calls()) {
         dprintf(STDERR_FILENO, "gvusb-emulate: the kernel does not report system calls: %s\n",
-                strerror(errno));
+                strerrordesc_np(errno));
     }
 }
 

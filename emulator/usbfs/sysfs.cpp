@@ -251,9 +251,10 @@ struct stat Sysfs::show(const ShownDevice& device) {
     if (::rename(parked.c_str(), folder.c_str()) != 0) {
         fail(folder);
     }
+    const std::string target = "../../.." + path + "/";
     for (const std::string& name : interfaceNames(device)) {
         ::unlink((folder + name + "/driver").c_str());
-        makeLink("../../.." + path + "/" + name, m_root + "/sys/bus/usb/devices/" + name);
+        makeLink(target + name, m_root + "/sys/bus/usb/devices/" + name);
     }
     makeLink("../.." + path, m_root + "/sys/dev/char/" + nodeNumber(device));
     makeLink("../../.." + path, m_root + "/sys/bus/usb/devices/" + device.name);
@@ -273,9 +274,8 @@ void Sysfs::hide(const ShownDevice& device) {
     const std::string parked = m_root + "/parked/" + device.name;
     std::error_code ignored;
     const std::lock_guard lock(m_mutex);
-    if (::rename(folderOf(device).c_str(), parked.c_str()) != 0) {
-        std::filesystem::remove_all(parked, ignored); // it could not be shown
-    } else if (m_configured.erase(device.name) != 0) {
+    const bool shown = ::rename(folderOf(device).c_str(), parked.c_str()) == 0;
+    if (!shown || m_configured.erase(device.name) != 0) {
         std::filesystem::remove_all(parked, ignored);
     } else {
         ShownDevice kept = device;
