@@ -2,18 +2,9 @@
 # Tests of the launcher: exit status, environment, signals, clean-up, options and commands.
 #
 #   launcher_test.sh LAUNCHER CASE
-set -u
+# shellcheck source=tests/emulator/testing.sh
+. "$(dirname "$0")/testing.sh"
 emulate=$1
-failed=0
-
-fail() {
-    echo "$*" >&2
-    failed=1
-}
-
-expect_equal() { # WHAT GOT WANTED
-    [ "$2" = "$3" ] || fail "$1: '$2' instead of '$3'"
-}
 
 expect_status() { # WANTED COMMAND...
     wanted=$1
@@ -513,7 +504,5 @@ runs_inside_another() {
         CAFE
 }
 
-scratch=$(mktemp -d)
-trap 'rm -rf "$scratch"' EXIT
 "$2"
 exit $failed

@@ -2,19 +2,10 @@
 # Tests of commands that play readers, with the launcher and programs of the library.
 #
 #   logic_test.sh LAUNCHER EXAMPLES_FOLDER PROJECT CASE
-set -u
+# shellcheck source=tests/emulator/testing.sh
+. "$(dirname "$0")/../testing.sh"
 emulate=$1 programs=$2 project=$3
 examples=$project/examples/logic
-failed=0
-
-fail() {
-    echo "$*" >&2
-    failed=1
-}
-
-expect_equal() { # WHAT GOT WANTED
-    [ "$2" = "$3" ] || fail "$1: '$2' instead of '$3'"
-}
 
 expect_status() { # WANTED COMMAND...
     wanted=$1
@@ -164,8 +155,6 @@ a_silent_reader_times_out() {
 gvusb-emulate: killed the logic of reader 1 (CAFE), which did not end within 1 s of the end of its input'
 }
 
-scratch=$(mktemp -d)
-trap 'rm -rf "$scratch"' EXIT
 export PYTHONDONTWRITEBYTECODE=1
 "$4"
 exit $failed

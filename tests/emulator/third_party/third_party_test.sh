@@ -3,18 +3,13 @@
 #
 #   third_party_test.sh LAUNCHER VENDOR-ID PROGRAM CASE
 # PROGRAM is built from exchange.c.
-set -u
+# shellcheck source=tests/emulator/testing.sh
+. "$(dirname "$0")/../testing.sh"
 emulate=$1
 vendor=$2
 program=$3
 here=$(dirname "$0")
-failed=0
 readers="--reader id=A1,vendor=$vendor --reader id=B2,vendor=$vendor,product=2,speed=high,interfaces=2,driver=usbhid"
-
-fail() {
-    echo "$*" >&2
-    failed=1
-}
 
 on_bus() { # COMMAND...
     # shellcheck disable=SC2086 # the options
@@ -139,7 +134,5 @@ sanitizers_of_gcc_find_no_error() {
     done
 }
 
-scratch=$(mktemp -d)
-trap 'rm -rf "$scratch"' EXIT
 "$4"
 exit $failed
