@@ -16,7 +16,7 @@ contents() { (cd "$1" && find . -type f -o -type l | LC_ALL=C sort); }
 # As in a system package, which also owns /etc.
 DESTDIR=$folder/system cmake --install "$build" --prefix /usr >/dev/null
 contents "$folder/system" >"$folder/installed"
-for file in ./etc/gavo/gvusb.conf ./usr/lib/udev/rules.d/70-gvusb.rules ./usr/include/gvusb.h \
+for file in ./etc/gavo/gvusb.conf ./usr/lib/udev/rules.d/70-gvusb.rules ./usr/include/gvusb.h ./usr/include/gvusb.hpp \
     ./usr/share/doc/libgvusb-dev/examples/tour.c ./usr/share/doc/libgvusb-dev/guides/getting-started.md \
     ./usr/share/doc/libgvusb-dev/examples/logic/tag_reader.py ./usr/share/gvusb/python/gvusb_logic.py \
     ./usr/share/man/man5/gvusb.conf.5 "${@/#/./usr/bin/}" "${@/#/./usr/share/bash-completion/completions/}"; do
