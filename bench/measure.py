@@ -157,6 +157,17 @@ def exchanges(bench, table):
               most_ratio=1.05)
 
 
+def cxx_exchanges(bench, table):
+    """The same exchange through gvusb.hpp, compared with a function that makes the C call."""
+    plain = bench.instructions("exchange-c", "(anonymous namespace)::exchangeByC")
+    for operation, function, name in (("exchange-cxx", "exchangeThrowing", "ranges"),
+                                      ("exchange-cxx-error-code", "exchangeWithErrorCode", "ranges and error code"),
+                                      ("exchange-cxx-pointers", "exchangeByPointers", "pointers and sizes of run time")):
+        table.row(f"exchange in C++, {name}: extra cost over C", "instructions",
+                  bench.instructions(operation, "(anonymous namespace)::" + function) - plain, 0, most=20)
+        table.row(f"exchange in C++, {name}", "allocations", bench.allocations(operation), 0, most=0)
+
+
 def parameters(bench, table):
     table.row('reading "TIMEOUT"', "instructions", bench.instructions("read-timeout", "GVUSB_GetDevicePara"), most=600)
     table.row('reading "TIMEOUT"', "allocations", bench.allocations("read-timeout"), most=0)
@@ -318,7 +329,7 @@ def main():
     arguments = parser.parse_args()
     bench = Bench(arguments.build)
     table = Table()
-    for measure in (exchanges, parameters, scans, polls, logging, sizes, idling):
+    for measure in (exchanges, cxx_exchanges, parameters, scans, polls, logging, sizes, idling):
         measure(bench, table)
     if not arguments.counted:
         for measure in (processor_time, scan_times, load_times, emulated_bus, usbip_server):

@@ -1,7 +1,7 @@
 #include "operations.h"
 
 #include "bare_reader.h"
-#include "gvusb.h"
+#include "gvusb.hpp"
 
 #include <array>
 #include <chrono>
@@ -66,6 +66,74 @@ Action exchange() {
     });
 }
 
+// Functions of their own, so that each can be counted: the call in C, and the same through gvusb.hpp.
+using Frame = std::array<unsigned char, frameLength>;
+
+[[gnu::noinline]] std::size_t exchangeByC(int reader, const Frame& sent, Frame& received) {
+    const int count =
+        GVUSB_Transceive(reader, GVUSB_PROTOCOL, 0, sent.data(), frameLength, received.data(), frameLength);
+    return static_cast<std::size_t>(count);
+}
+
+[[gnu::noinline]] std::size_t exchangeThrowing(gvusb::reader& reader, const Frame& sent, Frame& received) {
+    return reader.transceive(sent, received);
+}
+
+[[gnu::noinline]] std::size_t exchangeWithErrorCode(gvusb::reader& reader, const Frame& sent, Frame& received,
+                                                    std::error_code& ec) {
+    return reader.transceive(sent, received, ec);
+}
+
+[[gnu::noinline]] std::size_t exchangeByPointers(gvusb::reader& reader, const unsigned char* sent,
+                                                 std::size_t sentSize, unsigned char* received,
+                                                 std::size_t receivedSize) {
+    return reader.transceive(sent, sentSize, received, receivedSize);
+}
+
+void checkCount(std::size_t count) {
+    if (count > frameLength) {
+        throw std::runtime_error("an exchange failed");
+    }
+}
+
+// `call` gets a gvusb::reader and two frames.
+template <class Call>
+Action wrappedExchange(Call call) {
+    struct Exchange {
+        gvusb::reader reader = gvusb::reader(lastOpenedReader());
+        Frame sent = {2, 0, 7, 0xFF, 1};
+        Frame received = {};
+    };
+    return repeated([exchange = std::make_shared<Exchange>(), call] {
+        checkCount(call(exchange->reader, exchange->sent, exchange->received));
+    });
+}
+
+Action exchangesByC() {
+    return wrappedExchange([](gvusb::reader& reader, const Frame& sent, Frame& received) {
+        return exchangeByC(reader.handle(), sent, received);
+    });
+}
+
+Action exchangesThrowing() {
+    return wrappedExchange(&exchangeThrowing);
+}
+
+Action exchangesWithErrorCode() {
+    return wrappedExchange([](gvusb::reader& reader, const Frame& sent, Frame& received) {
+        std::error_code ec;
+        const std::size_t count = exchangeWithErrorCode(reader, sent, received, ec);
+        return ec ? frameLength + 1 : count;
+    });
+}
+
+Action exchangesByPointers() {
+    return wrappedExchange([](gvusb::reader& reader, const Frame& sent, Frame& received) {
+        static volatile std::size_t size = frameLength; // so that the compiler does not know it
+        return exchangeByPointers(reader, sent.data(), size, received.data(), size);
+    });
+}
+
 Action bareExchange() {
     struct Exchange {
         BareReader reader;
@@ -116,6 +184,10 @@ const std::vector<Operation>& operations() {
     static const std::vector<Operation> all = {
         {"exchange", &exchange<frameLength, frameLength>},
         {"exchange.bare", &bareExchange},
+        {"exchange-c", &exchangesByC},
+        {"exchange-cxx", &exchangesThrowing},
+        {"exchange-cxx-error-code", &exchangesWithErrorCode},
+        {"exchange-cxx-pointers", &exchangesByPointers},
         {"exchange-long-frame", &exchange<longFrameLength, frameLength>},
         {"exchange-longer-frame", &exchange<2 * longFrameLength, frameLength>},
         {"exchange-large-buffer", &exchange<frameLength, largeBufferSize>},

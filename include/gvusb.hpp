@@ -77,7 +77,7 @@ using device_id = unsigned int;
 
 /**
  * The codes of gvusb.h. Their names lack the prefix and are in lower case: errc::timeout is #GVUSB_ERR_TIMEOUT, and
- * errc::no_scan_list_entry is #GVUSB_NO_SCAN_LIST_ENTRY. The library does not return errc::no_memory, but functions
+ * errc::no_scan_list_entry is GVUSB_NO_SCAN_LIST_ENTRY. The library does not return errc::no_memory, but functions
  * of this header do. A std::error_code compares equal to its code.
  */
 enum class errc : int {
@@ -282,8 +282,10 @@ public:
  * @return  the category, named "gvusb"
  */
 GVUSB_HPP_SHARED inline const std::error_category& category() noexcept {
-    static const detail::error_category instance;
-    return instance;
+    // Never destroyed: objects with static storage duration may fail at the end of the process.
+    alignas(detail::error_category) static unsigned char storage[sizeof(detail::error_category)];
+    static const detail::error_category* const instance = new (storage) detail::error_category;
+    return *instance;
 }
 
 /**
@@ -331,6 +333,16 @@ inline int check(int code, const char* call) {
     return code;
 }
 
+// Store a failure, or clear the error code. Out of line too, because neither is needed as long as calls succeed.
+[[gnu::cold, gnu::noinline]] inline int settle(int code, std::error_code& ec) noexcept {
+    if (code < 0) {
+        ec = static_cast<errc>(code);
+        return 0;
+    }
+    ec.clear();
+    return code;
+}
+
 // Run a call that returns a count or a code, and split what it returns. Return 0 for a failure.
 template <class Call>
 int split(Call call, std::error_code& ec) noexcept {
@@ -340,12 +352,7 @@ int split(Call call, std::error_code& ec) noexcept {
     } catch (const std::bad_alloc&) {
         code = GVUSB_ERR_NO_MEMORY;
     }
-    if (code < 0) {
-        ec = static_cast<errc>(code);
-        return 0;
-    }
-    ec.clear();
-    return code;
+    return code < 0 || ec ? settle(code, ec) : code;
 }
 
 // Run a call that throws, and store what it throws. Return an empty value for a failure.
