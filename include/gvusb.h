@@ -19,6 +19,8 @@
  * - @ref errors "Errors and versions": GVUSB_GetLastError, GVUSB_GetErrorText, GVUSB_GetDLLVersion,
  *   GVUSB_GetDrvVersion
  *
+ * The C++ interface, gvusb.hpp, is described in @ref cxx "gvusb_cxx(3)".
+ *
  * @section records Records
  *
  * GVUSB_SCANSEARCH selects the readers that a scan finds. GVUSB_EVENT_INIT registers an event handler.
@@ -62,8 +64,8 @@
  * @section examples Examples
  *
  * list_readers.c, exchange_frame.c, receive_frames.c, handle_errors.c, many_readers.c, watch_readers.c,
- * watch_readers_events.c; in Python python/gvusb.py. They are installed in share/doc/libgvusb-dev/examples, and
- * the guides in share/doc/libgvusb-dev/guides.
+ * watch_readers_events.c; in C++ send_frame.cpp, event_loop.cpp; in Python python/gvusb.py. They are installed in
+ * share/doc/libgvusb-dev/examples, and the guides in share/doc/libgvusb-dev/guides.
  */
 #ifndef GVUSB_H
 #define GVUSB_H

@@ -174,6 +174,43 @@ says_which_mode_it_needs() {
         "1: The hot-plug mode is 1; /etc/gavo/gvusb.conf must contain gvusb_hotplug=2."
 }
 
+sends_a_frame_in_cxx() {
+    expect_equal "$("$launcher" --reader id=1 --reader 'id=2,family=Gate,name=Gate reader,type=G-200' -- \
+        "$examples/send_frame" Gate)" "2 Gate reader, type G-200
+02 00 07 FF 01"
+}
+
+says_why_no_frame_is_sent_in_cxx() {
+    local error status=0
+    error=$("$launcher" --reader id=1 -- "$examples/send_frame" Gate 2>&1) || status=$?
+    expect_equal "$status: $error" "1: There is no such reader on the bus."
+    status=0
+    error=$("$launcher" --reader id=1,type=D-100,reply=none -- "$examples/send_frame" 2>&1 >/dev/null) || status=$?
+    expect_equal "$status: $error" "1: The reader does not answer within 250 ms."
+    status=0
+    error=$("$launcher" --reader id=1,missing=10 -- "$examples/send_frame" 2>&1) || status=$?
+    expect_equal "$status: $error" \
+        "1: gvusb::reader::type_number: GVUSB: (-1168) string descriptor read error"
+}
+
+loops_over_events_in_cxx() {
+    on_bus --reader 'id=1A2B3C,name=Desk reader' -- loops_over_events_in_cxx_on_bus
+}
+
+loops_over_events_in_cxx_on_bus() {
+    start "$examples/event_loop"
+    await "present Desk reader"
+    send "plug id=2B0001,name=New reader"
+    await "connect 2B0001" "New reader answers 5 bytes"
+    send "unplug 2"
+    await "disconnect 2B0001"
+    send "plug 2"
+    await "connect 2B0001" "New reader answers 5 bytes"
+    local input=${example[1]}
+    exec {input}>&- # ends the loop
+    wait "$pid"
+}
+
 exchanges_a_frame_from_python() {
     export GVUSB_LIBRARY=$library PYTHONDONTWRITEBYTECODE=1
     expect_equal "$("$launcher" --reader 'id=12AB0,name=Gate reader' -- "$python/exchange_frame.py")" \
