@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """usage: reference_pages.py DOXYGEN_XML_FOLDER VERSION OUTPUT_FOLDER
 
-Make section 3 of the manual from Doxygen's output for the public header: libgvusb(3) from the main page, one page for
-each group of functions, and under the name of each function a reference to its page.
+Make section 3 of the manual from Doxygen's output for the public headers: libgvusb(3) from the main page, one page for
+each group of functions, under the name of each function a reference to its page, and gvusb_cxx(3) for the C++ interface.
 """
 
+import itertools
 import os
+import re
 import sys
 import xml.etree.ElementTree as ElementTree
 
@@ -138,7 +140,7 @@ class Manual:
     def write(self, name, brief, names, lines):
         head = [f'.TH {name} 3 "" "gvusb {self.version}" "USB RFID readers"', ".nh", ".ad l", ".SH NAME",
                 ", ".join([name] + names) + " \\- " + brief]
-        others = [f"\\fBgvusb_{group}\\fR(3)" for group in GROUPS if f"gvusb_{group}" != name]
+        others = [f"\\fBgvusb_{group}\\fR(3)" for group in GROUPS + ["cxx"] if f"gvusb_{group}" != name]
         if name != "libgvusb":
             others.insert(0, "\\fBlibgvusb\\fR(3)")
         also = [".SH SEE ALSO", ", ".join(others + ["\\fBgvusb.conf\\fR(5)", "\\fBgvusb\\fR(1)",
@@ -148,6 +150,62 @@ class Manual:
         for other in names:
             with open(os.path.join(self.folder, f"{other}.3"), "w", encoding="utf-8") as file:
                 file.write(f".so man3/{name}.3\n")
+
+
+def compound_of(folder, reference):
+    return ElementTree.parse(os.path.join(folder, reference + ".xml")).find("compounddef")
+
+
+def cxx_declaration(member):
+    text = member.findtext("definition") + member.findtext("argsstring", "")
+    text = re.sub(r" ([&*]+) ?(?=[\w.])", r"\1 ", text).replace("< ", "<").replace(" >", ">")
+    return re.sub(r"=(default|delete)$", "", text.replace("= typedef ", "= "))
+
+
+def is_documented(member):
+    return member.get("prot") == "public" and " ".join(member.find("briefdescription").itertext()).strip() != ""
+
+
+def cxx_functions(compound):
+    """Overloads with the same description stand together, with that of the most parameters."""
+    members = [member for member in compound.iter("memberdef") if member.get("kind") == "function" and is_documented(member)]
+    lines = []
+    for _, group in itertools.groupby(members, lambda member: (member.findtext("name"),
+                                                               "".join(member.find("briefdescription").itertext()))):
+        group = list(group)
+        lines += [".PP", ".nf"] + [f"\\fB{escape(cxx_declaration(member))};\\fR" for member in group] + [".fi"]
+        longest = max(group, key=lambda member: len(member.findall("param")))
+        lines += paragraphs(longest.find("briefdescription")) + paragraphs(longest.find("detaileddescription"))
+    return lines
+
+
+def cxx_types(compound):
+    """Enumerations and the members of records."""
+    lines = []
+    for member in compound.iter("memberdef"):
+        if member.get("kind") in ("enum", "variable", "typedef") and is_documented(member):
+            declaration = ("enum class " if member.get("kind") == "enum" else "") + (
+                member.findtext("qualifiedname") if member.get("kind") == "enum" else cxx_declaration(member))
+            lines += [".TP", f"\\fB{escape(declaration)}\\fR", described(member)]
+            for value in member.findall("enumvalue"):
+                lines += [".TP", f'\\fB{member.findtext("qualifiedname")}::{value.findtext("name")}\\fR', described(value)]
+    return lines
+
+
+def cxx_page(folder):
+    """The C++ interface: what is in its namespaces, and its classes."""
+    lines = []
+    namespaces = [compound_of(folder, name) for name in ("namespacegvusb", "namespacegvusb_1_1driver")]
+    for namespace in namespaces:
+        title = "FUNCTIONS" if namespace is namespaces[0] else "SETTINGS OF THE DRIVER"
+        lines += [f'.SH "{title}"'] + cxx_types(namespace) + cxx_functions(namespace)
+    lines += [".SH CLASSES"]
+    for inner in namespaces[0].findall("innerclass"):
+        compound = compound_of(folder, inner.get("refid"))
+        if inner.get("prot") == "public" and "detail" not in inner.text:
+            lines += [".SS " + inner.text] + paragraphs(compound.find("briefdescription"))
+            lines += paragraphs(compound.find("detaileddescription")) + cxx_types(compound) + cxx_functions(compound)
+    return lines
 
 
 INCLUDE = [".SH SYNOPSIS", ".nf", "#include <gvusb.h>", ".fi"]
@@ -174,6 +232,11 @@ def main():
             lines += record(xml, inner.get("refid"))
         title = compound.findtext("title")
         manual.write(f"gvusb_{group}", title[0].lower() + title[1:], functions, lines)
+    group = compound_of(xml, "group__cxx")
+    description = paragraphs(group.find("briefdescription")) + paragraphs(group.find("detaileddescription"))
+    manual.write("gvusb_cxx", "the C++ interface", [],
+                 [".SH SYNOPSIS", ".nf", "#include <gvusb.hpp>", ".fi", ".PP", "Link with \\fB\\-lgvusb\\fR.",
+                  ".SH DESCRIPTION"] + description + cxx_page(xml))
 
 
 if __name__ == "__main__":

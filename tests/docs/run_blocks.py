@@ -5,6 +5,7 @@ Run the code blocks of a document in order, in a folder that contains only links
 
   c        a program must compile without warnings and is stored as program.c; code without main is compiled inside a
            function
+  cpp      the same in C++17, stored as program.cpp
   cmake    stored as CMakeLists.txt
   python   stored as program.py
   conf     stored as gvusb.conf
@@ -13,7 +14,7 @@ Run the code blocks of a document in order, in a folder that contains only links
   udev     each line is a comment or has the form of a rule
   sh       not run here, because it changes the machine or takes long; see shell_blocks.py for where it is run
 
-Other languages are an error. The environment says where to find the compiler (CC), the programs (PATH), the header
+Other languages are an error. The environment says where to find the compilers (CC, CXX), the programs (PATH), the header
 (CPATH), the library (LIBRARY_PATH, LD_LIBRARY_PATH) and CMake packages (CMAKE_PREFIX_PATH).
 """
 
@@ -25,7 +26,7 @@ import tempfile
 
 import shell_blocks
 
-WARNINGS = ["-std=c11", "-Wall", "-Wextra", "-Wpedantic", "-Werror"]
+WARNINGS = ["-Wall", "-Wextra", "-Wpedantic", "-Werror"]
 RULE = re.compile(r'[A-Z]+(\{\w+\})?(==|!=|\+=|=)"[^"]*"(, [A-Z]+(\{\w+\})?(==|!=|\+=|=)"[^"]*")*')
 STATUS = re.compile(r"\s+# exit status (\d+)$")
 
@@ -46,18 +47,35 @@ int part(int handle, int code, const unsigned char* request, unsigned int length
 """
 
 
+CXX_FRAME = """#include <gvusb.hpp>
+#include <array>
+#include <iostream>
+int drop_late_answers(gvusb::reader& reader);
+int part(gvusb::reader& reader, const std::vector<unsigned char>& frame, std::array<std::byte, 512>& answer);
+int part(gvusb::reader& reader, const std::vector<unsigned char>& frame, std::array<std::byte, 512>& answer) {
+    (void)reader, (void)frame, (void)answer;
+#line 1 "part"
+%s
+    return 0;
+}
+"""
+
+
 class Mismatch(Exception):
     pass
 
 
-def compile_c(text, folder):
-    source = os.path.join(folder, "program.c" if "int main(" in text else "part.c")
-    with open(source, "w", encoding="utf-8") as file:
-        file.write(text if "int main(" in text else FRAME % text)
-    result = subprocess.run([os.environ.get("CC", "cc"), *WARNINGS, "-fsyntax-only", source],
-                            capture_output=True, text=True, check=False)
-    if result.returncode != 0:
-        raise Mismatch(f"does not compile:\n{text}\n{result.stderr}")
+def compiles(compiler, extension, frame):
+    """A function that compiles a block without warnings, and keeps a program."""
+    def compile_block(text, folder):
+        source = os.path.join(folder, ("program" if "int main(" in text else "part") + extension)
+        with open(source, "w", encoding="utf-8") as file:
+            file.write(text if "int main(" in text else frame % text)
+        result = subprocess.run([*compiler, *WARNINGS, "-fsyntax-only", source],
+                                capture_output=True, text=True, check=False)
+        if result.returncode != 0:
+            raise Mismatch(f"does not compile:\n{text}\n{result.stderr}")
+    return compile_block
 
 
 def keep(name):
@@ -112,7 +130,8 @@ def run_console(text, folder):
     run_command(command, expected, folder)
 
 
-RUNNERS = {"c": compile_c, "cmake": keep("CMakeLists.txt"), "python": keep("program.py"), "conf": keep("gvusb.conf"),
+RUNNERS = {"c": compiles([os.environ.get("CC", "cc"), "-std=c11"], ".c", FRAME),
+           "cpp": compiles([os.environ.get("CXX", "c++"), "-std=c++17"], ".cpp", CXX_FRAME), "cmake": keep("CMakeLists.txt"), "python": keep("program.py"), "conf": keep("gvusb.conf"),
            "udev": check_rules, "console": run_console}
 
 
