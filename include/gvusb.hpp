@@ -1652,9 +1652,9 @@ event_function event_function_of(Callable&& callable) {
  * @par How it is done and what it costs
  * The C interface calls plain functions without data. All watches of a process together register two such functions,
  * for the first watch, and remove them after the last one. For each event they lock a mutex and call the watches in
- * the order of their creation, without allocating memory. If the last watch is
- * destroyed in its own callable, the two functions stay registered until the next watch is destroyed outside of a
- * callable. Do not create or destroy watches in a handler of GVUSB_AddEventHandler, which would wait forever.
+ * the order of their creation, without allocating memory. If the last watch is destroyed in its own callable, the two
+ * functions stay registered until the next watch is destroyed outside of a callable. Do not create or destroy watches
+ * in a handler of GVUSB_AddEventHandler, which would wait forever.
  *
  * @par Exceptions
  * An exception must not pass through the library. If a callable throws, std::terminate is called, as for a thread.
