@@ -16,7 +16,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <functional>
 #include <iterator>
@@ -589,7 +588,7 @@ private:
         }
         search result;
         result.m_record.mask = mask;
-        std::memcpy(result.m_record.*field, text.data(), text.size());
+        text.copy(result.m_record.*field, Size);
         return result;
     }
 

@@ -237,7 +237,8 @@ std::size_t receive_bytes(int handle, unsigned char* buffer, std::size_t size, E
         return reader->receive(buffer, size, ec...);
     }
     const std::vector<std::byte> received = reader->receive(size, ec...);
-    std::memcpy(buffer, received.data(), received.size());
+    std::transform(received.begin(), received.end(), buffer,
+                   [](std::byte byte) { return std::to_integer<unsigned char>(byte); });
     return received.size();
 }
 

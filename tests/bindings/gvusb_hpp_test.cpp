@@ -13,10 +13,17 @@ extern "C" {
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <csignal>
+#include <cstring>
 #include <future>
 #include <list>
+#include <memory>
+#include <mutex>
 #include <sstream>
+#include <stdexcept>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include <poll.h>
 
@@ -244,6 +251,7 @@ TEST_F(Reader, RefusesNumbersThatTheLibraryWouldChange) {
 TEST_F(Reader, IsFoundByNamesThatFit) {
     EXPECT_TRUE(gvusb::scan(gvusb::by_family(std::string(25, 'x'))).empty());
     EXPECT_TRUE(gvusb::scan(gvusb::by_name(std::string(50, 'x'))).empty());
+    EXPECT_TRUE(gvusb::scan(gvusb::by_name({})).empty());
     std::error_code ec;
     static_cast<void>(gvusb::by_family(std::string(26, 'x'), ec));
     EXPECT_EQ(ec, gvusb::errc::out_of_range);
@@ -415,7 +423,7 @@ TEST_F(Errors, MeanThatMemoryRunsOut) {
     });
     failEachAllocation([](std::error_code& ec) { const gvusb::event_source source(ec); });
     std::error_code ec;
-    reader.receive(std::vector<std::byte>().max_size(), ec);
+    reader.receive(std::vector<std::byte>().max_size() + 1, ec);
     EXPECT_EQ(ec, gvusb::errc::no_memory);
 }
 
