@@ -1,16 +1,20 @@
 #include "command.h"
 #include "failure.h"
 #include "reader.h"
+#include "usb_location.h"
 
+#include <array>
 #include <memory>
+
+#include <strings.h>
 
 namespace set_command {
 namespace {
 
 constexpr const char* keys = R"(
 KEYS
-  of a reader    RESETDEVICE resets the reader; RESETPIPE clears a halt of its bulk endpoints;
-                 TIMEOUT (milliseconds, at least 1)
+  of a reader    RESETDEVICE resets the reader; RESETPIPE clears a halt of its bulk endpoints and drops an
+                 answer that waits in the reader; TIMEOUT (milliseconds, at least 1)
   of the driver  HOTPLUG-UPDATERATE (microseconds, at least 10), HOTPLUG-SUSPEND (1 or 0)
 
 Only the two resets have a lasting effect. The other settings end with the process that makes them, so here
@@ -39,11 +43,32 @@ void setParameter(const std::string& title, int handle, const Options& options) 
     check(what, code);
 }
 
+// The library finds the endpoints and claims the interface in the first transfer after opening. Before that,
+// RESETPIPE succeeds without clearing anything.
+void findEndpoints(const Reader& reader) {
+    const auto location = locationOfOpenReader();
+    if (location && !location->hasBulkEndpoints) {
+        throw Failure(
+            reader.title() + ": it has no bulk endpoints whose halt could be cleared", ExitStatus::failure,
+            "To reset the reader, use 'gvusb set " + reader.parameter("DEVICE-ID") + " RESETDEVICE'.");
+    }
+    check(reader.title(), GVUSB_SetDevicePara(reader.handle(), "TIMEOUT", "1"));
+    std::array<unsigned char, 512> answer{};
+    const int code = GVUSB_Receive(reader.handle(), GVUSB_PROTOCOL, answer.data(),
+                                   static_cast<unsigned int>(answer.size()));
+    if (code != GVUSB_ERR_TIMEOUT && code != GVUSB_ERR_BULK_TRANSFER) {
+        check(reader.title(), code);
+    }
+}
+
 ExitStatus set(const Options& options) {
     if (options.target == "driver") {
         setParameter("driver", GVUSB_DRIVER, options);
     } else {
         const Reader reader(checkedId(options.target));
+        if (::strcasecmp(options.key.c_str(), "RESETPIPE") == 0) {
+            findEndpoints(reader);
+        }
         setParameter(reader.title(), reader.handle(), options);
     }
     return ExitStatus::ok;

@@ -11,12 +11,36 @@ resets_a_reader() {
     expect_in_errors '^gvusb: reader A1: RESETDEVICE: GVUSB: (-1157) parameter not available$'
 }
 
+clears_a_halt() {
+    for pipe in in out; do
+        shell_on_bus 'bus "stall 1 '$pipe'"
+            "$gvusb" send A1 01; "$gvusb" set A1 RESETPIPE; echo "set: $?"; "$gvusb" send A1 01'
+        expect_status 0
+        expect_output 'set: 0
+01'
+        expect_in_errors '(-1139)'
+    done
+    shell_on_bus '"$gvusb" set A1 ResetPipe && "$emulate" --send "counts 1"'
+    expect_in_output 'clear-halts=2 '
+}
+
+clears_no_halt_without_bulk_endpoints() {
+    on_bus set B2 RESETPIPE
+    expect_status 1
+    expect_errors "gvusb: reader B2: it has no bulk endpoints whose halt could be cleared
+To reset the reader, use 'gvusb set B2 RESETDEVICE'."
+}
+
+reports_a_halt_that_cannot_be_cleared() {
+    shell_on_bus 'bus "busy 1 on"; "$gvusb" set A1 RESETPIPE'
+    expect_status 1
+    expect_in_errors '^gvusb: reader A1: GVUSB: (-1145) '
+}
+
 sets_other_parameters() {
     on_bus set A1 TIMEOUT 20
     expect_status 0
     expect_output ''
-    on_bus set A1 RESETPIPE
-    expect_status 0
     on_bus set driver HOTPLUG-UPDATERATE 10
     expect_status 0
     on_bus set driver HOTPLUG-SUSPEND 1

@@ -1,0 +1,15 @@
+// Where a reader is on the USB, which the library does not report.
+#pragma once
+
+#include <optional>
+#include <string>
+
+struct UsbLocation {
+    unsigned int bus = 0;
+    unsigned int address = 0; // of the device on this bus, until it is plugged in again
+    std::string path;         // as in "usb:1-2.3": bus 1, port 3 of the hub at port 2; empty if unknown
+    bool hasBulkEndpoints = false;
+};
+
+// The location of the one reader that this process has open. Nothing if it cannot be found out.
+std::optional<UsbLocation> locationOfOpenReader();
