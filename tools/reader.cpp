@@ -2,6 +2,7 @@
 
 #include "failure.h"
 #include "hexadecimal.h"
+#include "note.h"
 
 #include <array>
 #include <cstdio>
@@ -24,8 +25,8 @@ int openById(unsigned int id, const std::string& title) {
                       "Run 'gvusb list' to see the readers on the bus, or 'gvusb doctor' if one is missing.");
     }
     if (const int count = GVUSB_GetScanListSize(); count > 1) {
-        std::fprintf(stderr, "gvusb: note: %d readers have the device ID %s; using the first one.\n", count,
-                     deviceIdText(id).c_str());
+        printNote(std::to_string(count) + " readers have the device ID " + deviceIdText(id) +
+                  "; using the first one.");
     }
     return check(title, GVUSB_OpenDevice(id));
 }

@@ -1,5 +1,6 @@
 #include "command.h"
 #include "failure.h"
+#include "note.h"
 #include "reader.h"
 #include "usb_location.h"
 
@@ -61,6 +62,18 @@ void findEndpoints(const Reader& reader) {
     }
 }
 
+// Every setting but the resets ends with this process.
+void noteWhatIsLost(const Options& options) {
+    const std::string accepted =
+        options.key + " accepts this value, but the setting ends with this command. ";
+    if (options.target == "driver") {
+        printNote(accepted + "Put it into /etc/gavo/gvusb.conf, or set it in the program that needs it.");
+    } else if (::strcasecmp(options.key.c_str(), "TIMEOUT") == 0) {
+        printNote(accepted + "To send with another time-out, use 'gvusb send " + options.target +
+                  " --timeout " + options.value + "'.");
+    }
+}
+
 ExitStatus set(const Options& options) {
     if (options.target == "driver") {
         setParameter("driver", GVUSB_DRIVER, options);
@@ -71,6 +84,7 @@ ExitStatus set(const Options& options) {
         }
         setParameter(reader.title(), reader.handle(), options);
     }
+    noteWhatIsLost(options);
     return ExitStatus::ok;
 }
 

@@ -37,14 +37,19 @@ reports_a_halt_that_cannot_be_cleared() {
     expect_in_errors '^gvusb: reader A1: GVUSB: (-1145) '
 }
 
-sets_other_parameters() {
-    on_bus set A1 TIMEOUT 20
+notes_that_other_settings_end_with_the_command() {
+    on_bus set A1 timeout 20
     expect_status 0
     expect_output ''
-    on_bus set driver HOTPLUG-UPDATERATE 10
-    expect_status 0
-    on_bus set driver HOTPLUG-SUSPEND 1
-    expect_status 0
+    expect_errors "gvusb: note: timeout accepts this value, but the setting ends with this command. To send with another time-out, use 'gvusb send A1 --timeout 20'."
+    for setting in 'HOTPLUG-UPDATERATE 10' 'HOTPLUG-SUSPEND 1'; do
+        # shellcheck disable=SC2086
+        on_bus set driver $setting
+        expect_status 0
+        expect_errors "gvusb: note: ${setting% *} accepts this value, but the setting ends with this command. Put it into /etc/gavo/gvusb.conf, or set it in the program that needs it."
+    done
+    on_bus set A1 RESETDEVICE
+    expect_errors ''
 }
 
 reports_parameters_that_cannot_be_set() {
