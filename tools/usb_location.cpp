@@ -1,7 +1,9 @@
 #include "usb_location.h"
 
+#include "base/reader_facts.h"
 #include "base/usb_owners.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <chrono>
@@ -124,4 +126,22 @@ std::optional<UsbLocation> locationOfOpenReader() {
         }
     }
     return location;
+}
+
+std::size_t countReadersOnBus() {
+    // The default context, which the library has initialized unless libusb cannot be used.
+    if (libusb_init(nullptr) != LIBUSB_SUCCESS) {
+        return 0;
+    }
+    std::size_t count = 0;
+    {
+        const UsbDeviceList devices(true);
+        count = static_cast<std::size_t>(std::ranges::count_if(devices.devices(), [](libusb_device* device) {
+            libusb_device_descriptor descriptor = {};
+            libusb_get_device_descriptor(device, &descriptor);
+            return descriptor.idVendor == GVUSB_VENDOR_ID && isReaderProduct(descriptor.idProduct);
+        }));
+    }
+    libusb_exit(nullptr);
+    return count;
 }

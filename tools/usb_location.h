@@ -1,6 +1,7 @@
 // Where a reader is on the USB, which the library does not report.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -13,3 +14,7 @@ struct UsbLocation {
 
 // The location of the one reader that this process has open. Nothing if it cannot be found out.
 std::optional<UsbLocation> locationOfOpenReader();
+
+// How many devices have the vendor ID and a product ID of the readers, whether the library can identify them
+// or not.
+std::size_t countReadersOnBus();

@@ -1,9 +1,12 @@
 #include "command.h"
 #include "failure.h"
+#include "hexadecimal.h"
 #include "json.h"
+#include "note.h"
 #include "output.h"
 #include "printable_text.h"
 #include "table.h"
+#include "usb_location.h"
 
 #include <array>
 #include <memory>
@@ -16,7 +19,8 @@ namespace {
 
 constexpr const char* about = R"(
 Readers are listed in the order of the bus. The type number is read from the reader, which is opened for
-this; '-' (null in JSON) means that it could not be read.
+this; '-' (null in JSON) means that it could not be read. A reader that may not be opened, or that lacks a
+text, is not listed; a line on standard error says how many.
 )";
 
 constexpr const char* examples = R"(
@@ -40,32 +44,6 @@ struct ReaderFacts {
     std::optional<std::string> typeNumber;
 };
 
-// A text that fills its field has no terminating zero.
-template <std::size_t size>
-void fill(char (&field)[size], const std::string& text) {
-    if (text.size() > size) {
-        throw Failure("'" + text + "' is too long to search for (more than " + std::to_string(size) +
-                          " characters)",
-                      ExitStatus::usage);
-    }
-    text.copy(field, size);
-}
-
-GVUSB_SCANSEARCH searchRecord(const Options& options) {
-    GVUSB_SCANSEARCH search = {};
-    if (!options.family.empty()) {
-        search.mask = GVUSB_SEARCH_FAMILY_NAME;
-        fill(search.famName, options.family);
-    } else if (!options.name.empty()) {
-        search.mask = GVUSB_SEARCH_DEVICE_NAME;
-        fill(search.devName, options.name);
-    } else if (!options.id.empty()) {
-        search.mask = GVUSB_SEARCH_DEVICE_ID;
-        fill(search.devId, options.id);
-    }
-    return search;
-}
-
 std::string scanned(int index, const char* key) {
     std::array<char, GVUSB_PARAMETER_SIZE> value{};
     const int code = GVUSB_GetScanListPara(index, key, value.data());
@@ -84,22 +62,52 @@ std::optional<std::string> takeTypeNumber(int handle) {
     return code == 0 ? std::optional<std::string>(value.data()) : std::nullopt;
 }
 
-// The readers that match the search record, or all if it is null.
-std::vector<ReaderFacts> findReaders(GVUSB_SCANSEARCH* search) {
-    std::vector<ReaderFacts> readers;
-    const int withSearch = search != nullptr ? GVUSB_SCAN_SEARCH : 0;
-    int option = GVUSB_SCAN_FIRST;
-    for (int index = 0;; ++index) {
-        const int handle = GVUSB_ScanAndOpen(option | withSearch, search);
-        if (index >= GVUSB_GetScanListSize()) {
-            return readers;
-        }
-        readers.push_back({.id = scanned(index, "DEVICE-ID"),
+bool matches(const ReaderFacts& reader, const Options& search) {
+    return (search.family.empty() || reader.family == search.family) &&
+           (search.name.empty() || reader.name == search.name) &&
+           (search.id.empty() || parseDeviceId(reader.id) == parseDeviceId(search.id));
+}
+
+struct Found {
+    std::vector<ReaderFacts> readers; // that match the search
+    std::size_t identified = 0;
+};
+
+// The library identifies every reader, and the tool compares: a search by the library would not tell how many
+// readers were identified.
+Found findReaders(const Options& search) {
+    Found found;
+    // This opens the first reader whether it matches or not.
+    int handle = GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr);
+    const int size = GVUSB_GetScanListSize();
+    for (int index = 0; index < size; ++index) {
+        ReaderFacts reader{.id = scanned(index, "DEVICE-ID"),
                            .family = scanned(index, "FAMILYNAME"),
                            .name = scanned(index, "DEVICENAME"),
                            .interfaceType = scanned(index, "INTERFACE"),
-                           .typeNumber = takeTypeNumber(handle)});
-        option = GVUSB_SCAN_NEXT;
+                           .typeNumber = {}};
+        const bool isWanted = matches(reader, search);
+        if (index != 0) {
+            handle =
+                isWanted ? GVUSB_ScanAndOpen(GVUSB_SCAN_NEXT, nullptr) : GVUSB_Scan(GVUSB_SCAN_NEXT, nullptr);
+        }
+        if (isWanted || index == 0) {
+            reader.typeNumber = takeTypeNumber(handle);
+        }
+        if (isWanted) {
+            found.readers.push_back(std::move(reader));
+        }
+        ++found.identified;
+    }
+    return found;
+}
+
+void noteUnidentified(std::size_t identified) {
+    const std::size_t present = countReadersOnBus();
+    if (present > identified) {
+        const std::size_t count = present - identified;
+        printNote(std::to_string(count) + (count == 1 ? " reader" : " readers") +
+                  " on the bus could not be identified; run 'gvusb doctor' to find out why.");
     }
 }
 
@@ -129,15 +137,16 @@ void printJson(const std::vector<ReaderFacts>& readers) {
 }
 
 ExitStatus list(const Options& options) {
-    GVUSB_SCANSEARCH search = searchRecord(options);
-    const std::vector<ReaderFacts> readers = findReaders(search.mask != 0 ? &search : nullptr);
+    const auto& [readers, identified] = findReaders(options);
+    noteUnidentified(identified);
     if (options.json) {
         printJson(readers);
     }
     if (readers.empty()) {
+        const bool isSearch = !options.family.empty() || !options.name.empty() || !options.id.empty();
         throw Failure(libraryText(GVUSB_ERR_NO_DEVICE_FOUND), ExitStatus::notFound,
-                      search.mask != 0 ? "Run 'gvusb list' without a search to see all readers."
-                                       : "Run 'gvusb doctor' to find out why.");
+                      isSearch ? "Run 'gvusb list' without a search to see all readers."
+                               : "Run 'gvusb doctor' to find out why.");
     }
     if (!options.json) {
         printTable(readers);
