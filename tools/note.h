@@ -4,3 +4,7 @@
 #include <string>
 
 void printNote(const std::string& text);
+
+// What the question marks in a reader's texts are.
+inline constexpr const char* questionMarkNote =
+    "'?' in a name may stand for a character that cannot be shown: texts of readers are read as ASCII.";

@@ -1,5 +1,6 @@
 #include "command.h"
 #include "json.h"
+#include "note.h"
 #include "output.h"
 #include "printable_text.h"
 #include "reader.h"
@@ -42,16 +43,21 @@ std::string value(const Reader& reader, const char* key) {
 
 ExitStatus info(const Options& options) {
     const Reader reader(checkedId(options.id));
+    bool isReplaced = false;
     Table table;
     Json object = Json::object();
     for (const Fact& fact : facts) {
         const std::string text = value(reader, fact.key);
         table.add({fact.label, printable(text)});
+        isReplaced = isReplaced || printable(text).find('?') != std::string::npos;
         const bool isNumber =
             std::string_view(fact.key) == "DEVICEHND" || std::string_view(fact.key) == "TIMEOUT";
         object[fact.member] = isNumber ? Json(std::stoul(text)) : text == "-" ? Json(nullptr) : Json(text);
     }
     output::print(options.json ? jsonLine(object, 2) : table.text());
+    if (isReplaced) {
+        printNote(questionMarkNote);
+    }
     return ExitStatus::ok;
 }
 

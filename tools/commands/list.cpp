@@ -8,6 +8,7 @@
 #include "table.h"
 #include "usb_location.h"
 
+#include <algorithm>
 #include <array>
 #include <memory>
 #include <optional>
@@ -21,6 +22,9 @@ constexpr const char* about = R"(
 Readers are listed in the order of the bus. The type number is read from the reader, which is opened for
 this; '-' (null in JSON) means that it could not be read. A reader that may not be opened, or that lacks a
 text, is not listed; a line on standard error says how many.
+
+The texts of readers are read as ASCII: '?' stands for every other character. --family and --name find a text
+as it is shown and as the reader has it.
 )";
 
 constexpr const char* examples = R"(
@@ -62,9 +66,13 @@ std::optional<std::string> takeTypeNumber(int handle) {
     return code == 0 ? std::optional<std::string>(value.data()) : std::nullopt;
 }
 
+// Also finds a text as it is printed, in which some characters have become question marks.
+bool isText(const std::string& text, const std::string& wanted) {
+    return wanted.empty() || text == wanted || printable(text) == asPrinted(wanted);
+}
+
 bool matches(const ReaderFacts& reader, const Options& search) {
-    return (search.family.empty() || reader.family == search.family) &&
-           (search.name.empty() || reader.name == search.name) &&
+    return isText(reader.family, search.family) && isText(reader.name, search.name) &&
            (search.id.empty() || parseDeviceId(reader.id) == parseDeviceId(search.id));
 }
 
@@ -111,6 +119,21 @@ void noteUnidentified(std::size_t identified) {
     }
 }
 
+void noteReplacedCharacters(const Options& search, const std::vector<ReaderFacts>& readers) {
+    for (const std::string& text : {search.family, search.name}) {
+        if (asPrinted(text) != text) {
+            printNote("characters outside ASCII are read as '?', so this searches for '" + asPrinted(text) +
+                      "'.");
+        }
+    }
+    const auto isReplaced = [](const ReaderFacts& reader) {
+        return (printable(reader.family) + printable(reader.name)).find('?') != std::string::npos;
+    };
+    if (std::ranges::any_of(readers, isReplaced)) {
+        printNote(questionMarkNote);
+    }
+}
+
 void printTable(const std::vector<ReaderFacts>& readers) {
     Table table;
     table.add({"INDEX", "ID", "FAMILY", "NAME", "INTERFACE", "TYPE"});
@@ -139,6 +162,7 @@ void printJson(const std::vector<ReaderFacts>& readers) {
 ExitStatus list(const Options& options) {
     const auto& [readers, identified] = findReaders(options);
     noteUnidentified(identified);
+    noteReplacedCharacters(options, readers);
     if (options.json) {
         printJson(readers);
     }

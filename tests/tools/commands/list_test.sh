@@ -118,4 +118,29 @@ replaces_control_characters() {
     expect_in_output 'a?\[2Jb'
 }
 
+finds_names_as_they_are_shown() {
+    readers=(--reader 'id=A1,name=Zürich,family=Straße' --reader "id=B2,name=$(printf 'a\033[2Jb')" --reader id=C3)
+    local note="gvusb: note: '?' in a name may stand for a character that cannot be shown: texts of readers are read as ASCII."
+    on_bus list --name Zürich
+    expect_status 0
+    expect_in_output '^0  *A1  *Stra?e  *Z?rich '
+    expect_errors "gvusb: note: characters outside ASCII are read as '?', so this searches for 'Z?rich'.
+$note"
+    for search in '--name Z?rich' '--family Straße' '--family Stra?e'; do
+        # shellcheck disable=SC2086
+        on_bus list $search
+        expect_in_output '^0  *A1 '
+        expect_not_in_output 'B2\|C3'
+    done
+    on_bus list --name 'a?[2Jb' --json
+    expect_in_output '"id": "B2"'
+    expect_errors "$note"
+    on_bus info A1
+    expect_status 0
+    expect_in_output '^Name  *Z?rich$'
+    expect_errors "$note"
+    on_bus info C3
+    expect_errors ''
+}
+
 run_case
