@@ -1,5 +1,6 @@
 #include "doctor/configuration.h"
 
+#include "doctor/settings.h"
 #include "printable_text.h"
 #include "reader.h"
 
@@ -65,8 +66,13 @@ void examineConfiguration(Findings& findings) {
         return;
     }
     const std::string text(std::istreambuf_iterator<char>(stream), {});
-    findings.ok("configuration",
-                file + ": " + settings(std::string_view(text).substr(0, bytesRead)) + "; " + hotPlugMode());
+    const std::string_view read = std::string_view(text).substr(0, bytesRead);
+    findings.ok("configuration", file + ": " + settings(read) + "; " + hotPlugMode());
+    for (const SettingMistake& mistake : findSettingMistakes(read)) {
+        findings.problem("configuration",
+                         "line " + std::to_string(mistake.line) + ": " + printable(mistake.text),
+                         {mistake.remedy});
+    }
     if (text.size() > bytesRead) {
         findings.note("configuration", "the library reads only the first " + std::to_string(bytesRead) +
                                            " of the file's " + std::to_string(text.size()) + " bytes");

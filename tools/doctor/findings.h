@@ -9,8 +9,8 @@
 class Findings {
 public:
     void ok(std::string_view topic, std::string_view text);
-    // Something worth knowing that is not a problem.
-    void note(std::string_view topic, std::string_view text);
+    // Something worth knowing that is not a problem. The remedy may be empty.
+    void note(std::string_view topic, std::string_view text, const std::vector<std::string>& remedy = {});
     // A problem and its remedy. A sentence of the remedy that starts with a blank is a command or a line of a
     // file and is not wrapped.
     void problem(std::string_view topic, std::string_view text, const std::vector<std::string>& remedy);
@@ -18,5 +18,8 @@ public:
     std::size_t problems() const { return m_problems; }
 
 private:
+    static void print(std::string_view mark, std::string_view topic, std::string_view text,
+                      const std::vector<std::string>& remedy);
+
     std::size_t m_problems = 0;
 };

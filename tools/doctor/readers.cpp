@@ -11,7 +11,9 @@
 
 #include <array>
 #include <cstdio>
+#include <map>
 #include <optional>
+#include <utility>
 
 #include <fcntl.h>
 #include <gvusb.h>
@@ -25,7 +27,7 @@ namespace {
 using Context = Owner<libusb_context, libusb_exit>;
 
 std::string formatted(const char* format, unsigned int first, unsigned int second = 0) {
-    std::array<char, 64> text{};
+    std::array<char, 128> text{};
     std::snprintf(text.data(), text.size(), format, first, second);
     return text.data();
 }
@@ -33,6 +35,15 @@ std::string formatted(const char* format, unsigned int first, unsigned int secon
 std::string errorText(int code) {
     return libusb_strerror(static_cast<libusb_error>(code));
 }
+
+// The topics of the readers with each device ID.
+using Identified = std::map<unsigned int, std::vector<std::string>>;
+
+// The texts without which the library does not list a reader.
+constexpr std::array<std::pair<StringIndex, const char*>, 3> neededTexts = {
+    {{StringIndex::familyName, "family name"},
+     {StringIndex::deviceName, "device name"},
+     {StringIndex::interfaceType, "interface type"}}};
 
 // The examination of one reader.
 class Examination {
@@ -45,7 +56,7 @@ public:
         , m_node(formatted("/dev/bus/usb/%03u/%03u", libusb_get_bus_number(device),
                            libusb_get_device_address(device))) {}
 
-    void run() {
+    void run(Identified& identified) {
         libusb_device_handle* opened = nullptr;
         const int code = libusb_open(m_device, &opened);
         const DeviceHandle handle(opened);
@@ -68,6 +79,10 @@ public:
             return;
         }
         m_title = "reader " + deviceIdText(*id) + " (" + m_node + ")";
+        if (!hasNeededTexts(handle.get())) {
+            return;
+        }
+        identified[*id].push_back(m_topic);
         const std::string driver = boundDriver();
         if (driver.empty()) {
             m_findings.ok(m_topic, m_title);
@@ -79,16 +94,45 @@ public:
     }
 
 private:
+    static std::optional<std::string> readString(libusb_device_handle* handle, StringIndex index) {
+        std::array<char, 256> text{};
+        const int length = libusb_get_string_descriptor_ascii(handle, static_cast<std::uint8_t>(index),
+                                                              reinterpret_cast<unsigned char*>(text.data()),
+                                                              static_cast<int>(text.size()) - 1);
+        return length < 0 ? std::nullopt : std::optional<std::string>(text.data());
+    }
+
     // As the library reads it: the hexadecimal number at the start of string 1.
     static std::optional<unsigned int> deviceId(libusb_device_handle* handle) {
-        std::array<char, 256> text{};
-        if (libusb_get_string_descriptor_ascii(handle, static_cast<std::uint8_t>(StringIndex::deviceId),
-                                               reinterpret_cast<unsigned char*>(text.data()),
-                                               static_cast<int>(text.size()) - 1) <= 0) {
-            return std::nullopt;
-        }
         unsigned int id = 0;
-        return std::sscanf(text.data(), "%x", &id) == 1 ? std::optional(id) : std::nullopt;
+        const std::string text = readString(handle, StringIndex::deviceId).value_or("");
+        return std::sscanf(text.c_str(), "%x", &id) == 1 ? std::optional(id) : std::nullopt;
+    }
+
+    bool hasNeededTexts(libusb_device_handle* handle) {
+        std::string missing;
+        for (const auto& [index, name] : neededTexts) {
+            if (!readString(handle, index)) {
+                missing += (missing.empty() ? "" : ", ") + std::string(name) + " (string " +
+                           std::to_string(static_cast<int>(index)) + ")";
+            }
+        }
+        if (!missing.empty()) {
+            m_findings.problem(m_topic,
+                               m_title + ": cannot be read: " + missing + "; so no scan finds the reader",
+                               {std::string(findExplanation(GVUSB_ERR_STRING_DESCRIPTOR_READ)->remedy) +
+                                " If the text is still missing, the reader's firmware lacks it."});
+            return false;
+        }
+        if (!readString(handle, StringIndex::typeNumber)) {
+            m_findings.note(
+                m_topic,
+                m_title + ": its type number (string " +
+                    std::to_string(static_cast<int>(StringIndex::typeNumber)) + ") cannot be read",
+                {"A program that reads the parameter TYPENUMBER gets " +
+                 std::to_string(GVUSB_ERR_STRING_DESCRIPTOR_READ) + ". Everything else works without it."});
+        }
+        return true;
     }
 
     // The owner of interface 0: the name of a kernel driver, "usbfs" for a program, or an empty string.
@@ -148,6 +192,23 @@ private:
     std::string m_title;
 };
 
+void reportSharedIds(const Identified& identified, Findings& findings) {
+    for (const auto& [id, topics] : identified) {
+        if (topics.size() < 2) {
+            continue;
+        }
+        std::string places;
+        for (const std::string& topic : topics) {
+            places += (places.empty() ? "" : ", ") + topic;
+        }
+        findings.problem(
+            "readers",
+            std::to_string(topics.size()) + " readers have the device ID " + deviceIdText(id) + " (" +
+                places + "), so a program that opens a reader by this ID gets the first one",
+            {"Give every reader a device ID of its own, or plug in only one of these at a time."});
+    }
+}
+
 void reportNoReader(Findings& findings) {
     findings.problem("readers", "no reader (USB vendor " + vendorText() + ") is on the bus",
                      {"Plug one in. If it is plugged in, check whether the kernel sees it:",
@@ -169,6 +230,7 @@ void examineReaders(Findings& findings) {
     const Context context(initialized);
     const UsbDeviceList devices(true, context.get());
     int readers = 0;
+    Identified identified;
     for (libusb_device* const device : devices.devices()) {
         libusb_device_descriptor descriptor = {};
         libusb_get_device_descriptor(device, &descriptor);
@@ -176,14 +238,19 @@ void examineReaders(Findings& findings) {
             continue;
         }
         if (!isReaderProduct(descriptor.idProduct)) {
-            findings.note("devices", formatted("%04x:%04x", descriptor.idVendor, descriptor.idProduct) +
-                                         " has the vendor ID of the readers, but is not a product that the "
-                                         "library knows");
+            findings.note(
+                "devices",
+                formatted("%04x:%04x", descriptor.idVendor, descriptor.idProduct) +
+                    " has the vendor ID of the readers, but is not a product that the library knows",
+                {formatted("The library uses products %u to %u. If this device is a reader, install a "
+                           "version of the library that knows it.",
+                           lowestReaderProduct, highestReaderProduct)});
             continue;
         }
         ++readers;
-        Examination(device, findings).run();
+        Examination(device, findings).run(identified);
     }
+    reportSharedIds(identified, findings);
     if (readers == 0) {
         reportNoReader(findings);
     }

@@ -22,6 +22,22 @@ shows_the_configuration() {
     expect_sentence 'note configuration the library reads only the first 1023 of the file.s 1041 bytes'
 }
 
+finds_settings_without_the_wanted_effect() {
+    configure 'foo=bar
+gvusb_hotplug = 0
+# gvusb_debuglevel=2'
+    # The log of level 2 goes to standard error.
+    shell_on_bus "$doctor"
+    expect_status 1
+    expect_sentence "PROBLEM configuration line 1: 'foo=bar' is not a setting of the library > The settings are libusb_debuglevel, gvusb_debuglevel, gvusb_hotplug, gvusb_updaterate, and nopnp; see gvusb\.conf(5)\."
+    expect_sentence "PROBLEM configuration line 2: 'gvusb_hotplug =' is ignored > Write 'gvusb_hotplug=', in lower case"
+    expect_sentence "PROBLEM configuration line 3: 'gvusb_debuglevel=' counts although the line looks like a comment > The library searches the whole file"
+    expect_in_output '^3 problems found\.$'
+    configuration=(--config "$(dirname "$0")/../../../packaging/gvusb.conf")
+    shell_on_bus "$doctor"
+    expect_status 0
+}
+
 finds_a_configuration_that_cannot_be_read() {
     # Not even root can open a link to itself.
     ln -s loop "$scratch/loop"

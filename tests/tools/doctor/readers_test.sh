@@ -7,6 +7,7 @@ finds_that_there_is_no_reader() {
     shell_on_bus "$doctor"
     expect_status 1
     expect_sentence 'note devices [0-9a-f]*:0005 has the vendor ID of the readers, but is not a product that the library knows'
+    expect_sentence '> The library uses products 1 to 4. If this device is a reader, install a version of the library that knows it\.'
     expect_sentence 'PROBLEM readers no reader (USB vendor [0-9a-f]*) is on the bus'
     expect_in_output '^            lsusb -d [0-9a-f]*:$'
 }
@@ -42,6 +43,32 @@ finds_a_reader_without_device_id() {
     expect_sentence 'PROBLEM bus 1 device 2 the device ID is missing or not hexadecimal, so no scan finds the reader'
     expect_sentence 'PROBLEM bus 1 device 3 the device ID is missing or not hexadecimal, so no scan finds the reader'
     expect_in_output '^2 problems found\.$'
+}
+
+finds_a_reader_that_lacks_a_text() {
+    readers=(--reader 'id=A1,missing=3' --reader 'id=B2,missing=5+6' --reader id=C3)
+    shell_on_bus "$doctor"
+    expect_status 1
+    expect_sentence 'PROBLEM bus 1 device 2 reader A1 .*: cannot be read: family name (string 3); so no scan finds the reader > Unplug the reader'
+    expect_sentence 'PROBLEM bus 1 device 3 reader B2 .*: cannot be read: device name (string 5), interface type (string 6); so'
+    expect_in_output '^ok       bus 1 device 4  reader C3 '
+    expect_in_output '^2 problems found\.$'
+}
+
+notes_a_reader_that_lacks_the_type_number() {
+    readers=(--reader 'id=A1,missing=10')
+    shell_on_bus "$doctor"
+    expect_status 0
+    expect_sentence 'note bus 1 device 2 reader A1 .*: its type number (string 10) cannot be read > A program that reads the parameter TYPENUMBER gets -1168\.'
+    expect_in_output '^ok       bus 1 device 2  reader A1 '
+}
+
+finds_readers_with_the_same_id() {
+    readers=(--reader id=A1 --reader id=B2 --reader id=A1)
+    shell_on_bus "$doctor"
+    expect_status 1
+    expect_sentence 'PROBLEM readers 2 readers have the device ID A1 (bus 1 device [24], bus 1 device [24]), so a program that opens a reader by this ID gets the first one > Give every reader a device ID of its own'
+    expect_in_output '^1 problem found\.$'
 }
 
 notes_a_kernel_driver() {
