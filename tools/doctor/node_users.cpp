@@ -1,6 +1,7 @@
 #include "doctor/node_users.h"
 
 #include <charconv>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string_view>
@@ -17,6 +18,12 @@ std::string nameOf(const fs::path& process) {
     std::string name;
     std::getline(std::ifstream(process / "comm"), name);
     return name;
+}
+
+// The launcher of virtual readers has their nodes open, too, but uses no reader.
+bool isLauncher(const std::string& name) {
+    constexpr const char* virtualReaders = "GVUSB_EMULATE_SOCKET"; // set by the launcher for its programs
+    return name == "gvusb-emulate" && std::getenv(virtualReaders) != nullptr;
 }
 
 // Compares files rather than paths: a container may have another path for the node.
@@ -52,7 +59,10 @@ std::vector<NodeUser> findNodeUsers(const std::string& node) {
         fs::directory_iterator descriptors(entry.path() / "fd", refused);
         for (; !refused && descriptors != fs::directory_iterator(); descriptors.increment(refused)) {
             if (isSameFile(descriptors->path(), properties)) {
-                users.push_back({.process = process, .name = nameOf(entry.path())});
+                const std::string name = nameOf(entry.path());
+                if (!isLauncher(name)) {
+                    users.push_back({.process = process, .name = name});
+                }
                 break;
             }
         }

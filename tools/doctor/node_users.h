@@ -11,5 +11,5 @@ struct NodeUser {
     std::string name;
 };
 
-// Leaves out this process, and processes that this user may not inspect.
+// Leaves out this process, the launcher of virtual readers, and processes that this user may not inspect.
 std::vector<NodeUser> findNodeUsers(const std::string& node);
