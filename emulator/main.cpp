@@ -13,6 +13,15 @@ namespace {
 
 constexpr int busError = 125;
 
+// The status, or that of a failure if standard output could not be written.
+int flushed(int status) {
+    if (std::cout.flush()) {
+        return status;
+    }
+    std::cerr << "gvusb-emulate: standard output cannot be written\n";
+    return EXIT_FAILURE;
+}
+
 int send(const std::string& command) {
     if (command == "help") {
         std::cout << emulator::describeCommands();
@@ -27,7 +36,7 @@ int send(const std::string& command) {
     }
     const std::string answer = emulator::sendCommand(socket, command);
     std::cout << answer << '\n';
-    return answer.starts_with("ok") ? EXIT_SUCCESS : EXIT_FAILURE;
+    return flushed(answer.starts_with("ok") ? EXIT_SUCCESS : EXIT_FAILURE);
 }
 
 } // namespace
@@ -37,7 +46,7 @@ int main(int count, char** arguments) {
     try {
         const auto options = emulator::readOptions(count, arguments);
         if (const int* status = std::get_if<int>(&options)) {
-            return *status;
+            return flushed(*status);
         }
         const auto& wanted = std::get<emulator::Options>(options);
         if (wanted.command) {

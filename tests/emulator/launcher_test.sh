@@ -125,6 +125,25 @@ chooses_addresses_that_no_reader_names() {
     expect_output '^ok 1 [0-9a-f:]* 001/003 A; 2 [0-9a-f:]* 001/005 B; 3 [0-9a-f:]* 001/002 B; 4 [0-9a-f:]* 001/004 C; 5 [0-9a-f:]* 001/006 D$'
 }
 
+reports_output_that_cannot_be_written() {
+    for arguments in --help --version; do
+        "$emulate" $arguments >/dev/full 2>"$scratch/output"
+        expect_equal "exit status of $arguments" $? 1
+        expect_output '^gvusb-emulate: standard output cannot be written$'
+    done
+    expect_equal "exit status of --send" "$("$emulate" -- sh -c "'$emulate' --send list >/dev/full 2>&1; echo \$?")" 1
+}
+
+begins_errors_with_its_name() {
+    for arguments in '' --no-such-option --reader '--reader x true' '--kill-after x true' '--listen 1 true' \
+        '--script /missing true' '--readers /missing true' '--config /missing true' '--usbip --listen x' \
+        '--usbip --no-config' '--send' '--send list' /missing; do
+        # shellcheck disable=SC2086
+        "$emulate" $arguments >"$scratch/output" 2>&1 && fail "no failure: $arguments"
+        head -n 1 "$scratch/output" | grep -q '^gvusb-emulate: ' || fail "$arguments: $(cat "$scratch/output")"
+    done
+}
+
 leaves_nothing_behind() {
     folder=$("$emulate" -- sh -c 'echo "$GVUSB_EMULATE_FOLDER"')
     case $folder in
