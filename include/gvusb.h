@@ -182,6 +182,13 @@ enum {
     GVUSB_KEY_SIZE = 128        /**< longer keys and protocol names are unknown */
 };
 
+/** The version of this header. GVUSB_GetDLLVersion returns that of the library that a program runs with. */
+#define GVUSB_VERSION_MAJOR 7
+#define GVUSB_VERSION_MINOR 1 /**< changes when something is added */
+#define GVUSB_VERSION_PATCH 0 /**< changes with corrections */
+/** The version as one number, for the preprocessor to compare: 70100 is 7.1.0. */
+#define GVUSB_VERSION (GVUSB_VERSION_MAJOR * 10000 + GVUSB_VERSION_MINOR * 100 + GVUSB_VERSION_PATCH)
+
 /** The protocol of the frames, passed in every exchange; upper and lower case are the same. */
 #define GVUSB_PROTOCOL "TESK-RCI2"
 
