@@ -2,6 +2,7 @@
 #include "failure.h"
 #include "output.h"
 #include "version.h"
+#include "wrapped_text.h"
 
 #include <csignal>
 #include <cstdio>
@@ -87,7 +88,7 @@ ExitStatus run(int count, char** arguments) {
     } catch (const CLI::ParseError& error) {
         std::ostringstream wanted; // help or the versions
         status = app.exit(error, wanted, std::cerr) == 0 ? ExitStatus::ok : ExitStatus::usage;
-        output::print(wanted.str());
+        output::print(output::isTerminal() ? rewrapped(wanted.str()) : wanted.str());
     }
     return status;
 }

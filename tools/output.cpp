@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <system_error>
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace output {
@@ -20,6 +21,17 @@ void print(std::string_view text) {
             throw Failure(std::string("standard output: ") + std::generic_category().message(errno));
         }
     }
+}
+
+bool isTerminal() {
+    return ::isatty(descriptor()) != 0;
+}
+
+std::size_t width() {
+    constexpr std::size_t usualWidth = 80;
+    winsize size = {};
+    const bool isKnown = ::ioctl(descriptor(), TIOCGWINSZ, &size) == 0 && size.ws_col != 0;
+    return isKnown ? size.ws_col : usualWidth;
 }
 
 } // namespace output

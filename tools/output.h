@@ -5,6 +5,7 @@
 // to the original standard output.
 #pragma once
 
+#include <cstddef>
 #include <exception>
 #include <string_view>
 
@@ -18,5 +19,10 @@ void print(std::string_view text);
 
 // The descriptor that print() writes to.
 int descriptor();
+
+bool isTerminal();
+
+// The columns of the terminal that print() writes to, or 80 if it writes elsewhere.
+std::size_t width();
 
 } // namespace output

@@ -52,4 +52,17 @@ rejects_invalid_command_lines() {
     expect_in_errors "^gvusb: --count: the value is missing$"
 }
 
+fits_its_text_into_the_terminal() {
+    for columns in 40 60; do
+        for arguments in doctor 'explain -1130' --help 'send --help'; do
+            in_terminal "stty cols $columns; \"\$gvusb\" $arguments" </dev/null
+            # Commands, and lines of files, are not broken.
+            longest=$(tr -d '\r' <"$scratch/output" | grep -v '^ *\(gvusb\|sudo\) ' | wc -L)
+            [ "$longest" -le $columns ] || fail "$arguments: $longest of $columns columns: $output"
+        done
+    done
+    keep "$gvusb" --help
+    expect_in_output 'in upper or lower case, with or without 0x\. If several readers have the same$'
+}
+
 run_case
