@@ -50,6 +50,9 @@ shown getting-started 1
 contents >/tmp/installed
 
 expect "the tool" "gvusb 07.01.00 " "$(gvusb --version | cut -d'(' -f1)"
+for program in gvusb gvusb-emulate; do
+    ! readelf --dynamic "/usr/bin/$program" | grep -E 'R(UN)?PATH' || fail "$program has a run path"
+done
 readers=$(gvusb-emulate --reader id=1A2B3C -- gvusb list)
 echo "$readers"
 grep -qi 1a2b3c <<<"$readers" || fail "the tool does not list the reader"

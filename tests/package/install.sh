@@ -50,6 +50,11 @@ prefix=$folder/moved
 mv "$folder/before" "$prefix"
 [ ! -e "$prefix/etc" ] || fail "a configuration that the library does not read was installed"
 libraries=$(dirname "$(find "$prefix" -name libgvusb.so)")
+if [ -e "$prefix/bin/gvusb" ]; then
+    env -u LD_LIBRARY_PATH "$prefix/bin/gvusb" --version | grep '^gvusb 07\.' || fail "the tool does not find the library"
+    path=$(readelf --dynamic "$prefix/bin/gvusb" | sed -n 's/.*R[UN]*PATH.*\[\(.*\)\]/\1/p')
+    [[ $path == '$ORIGIN/'* && $path != *:* ]] || fail "the run path is $path"
+fi
 export LD_LIBRARY_PATH=$libraries PKG_CONFIG_PATH=$libraries/pkgconfig CMAKE_PREFIX_PATH=$prefix
 "$here/consumer/build.sh" "$folder/consumers" >"$folder/programs"
 while read -r program; do
