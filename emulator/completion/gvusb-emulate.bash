@@ -4,8 +4,11 @@ _gvusb_emulate() {
     local i word=${COMP_WORDS[COMP_CWORD]}
     for ((i = 1; i < COMP_CWORD; ++i)); do
         if [ "${COMP_WORDS[i]}" = -- ]; then
-            # From bash-completion, which loads this file.
-            _command_offset $((i + 1))
+            # From bash-completion, which may not be loaded.
+            COMPREPLY=()
+            if declare -F _command_offset >/dev/null; then
+                _command_offset $((i + 1))
+            fi
             return
         fi
     done

@@ -91,6 +91,11 @@ completes_the_launchers_options() {
     expect_equal "some commands" "$(complete_launcher --send ref)" refuse
 }
 
+completes_nothing_behind_the_program_without_bash_completion() {
+    unset -f _command_offset
+    expect_equal "behind --" "$(complete_launcher -- gvusb '' 2>&1)" ''
+}
+
 leaves_the_program_to_its_own_completion() {
     _command_offset() { COMPREPLY=("word $1 and on"); }
     expect_equal "behind --" "$(complete_launcher --reader id=1 -- gvusb '')" 'word 4 and on'
