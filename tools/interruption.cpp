@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstring>
 #include <system_error>
 
 #include <sys/eventfd.h>
@@ -13,11 +14,15 @@ namespace {
 
 std::atomic<bool> isRequested = false;
 std::atomic<int> wakeUp = -1;
+std::atomic<const char*> notice = nullptr;
 
 void handleSignal(int) {
     const int error = errno;
     const std::uint64_t one = 1;
     isRequested = true;
+    if (const char* const text = notice) {
+        [[maybe_unused]] const ssize_t printed = ::write(STDERR_FILENO, text, std::strlen(text));
+    }
     [[maybe_unused]] const ssize_t written = ::write(wakeUp, &one, sizeof one);
     errno = error;
 }
@@ -51,4 +56,12 @@ bool Interruption::requested() const {
 
 int Interruption::descriptor() const {
     return wakeUp;
+}
+
+Interruption::Notice::Notice(const char* text) {
+    notice = text;
+}
+
+Interruption::Notice::~Notice() {
+    notice = nullptr;
 }

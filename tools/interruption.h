@@ -11,6 +11,15 @@ public:
 
     bool requested() const;
 
+    // While it exists, a signal prints this text on standard error at once. Only one may exist at a time.
+    class Notice {
+    public:
+        explicit Notice(const char* text);
+        Notice(const Notice&) = delete;
+        Notice& operator=(const Notice&) = delete;
+        ~Notice();
+    };
+
     // Becomes readable when a signal arrives, for poll().
     int descriptor() const;
 };

@@ -62,7 +62,8 @@ constexpr std::array table = {
                 "The reader did not accept the frame or did not answer in time. It may be busy, it may not "
                 "know the command, or the frame is damaged and the reader waits for the rest of it.",
                 "Check the frame. Allow more time with the parameter TIMEOUT ('gvusb send --timeout'). The "
-                "next exchange receives an answer that comes late."},
+                "next exchange receives an answer that comes late: receive and drop it before that, as "
+                "'gvusb send --drain' does."},
     Explanation{GVUSB_ERR_NO_SEND_DATA, "The application tried to send a frame of 0 bytes.",
                 "Send at least one byte."},
     Explanation{GVUSB_ERR_UNKNOWN_INTERFACE, "The protocol name is not \"" GVUSB_PROTOCOL "\".",

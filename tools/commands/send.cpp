@@ -1,3 +1,4 @@
+#include "base/reader_facts.h"
 #include "command.h"
 #include "commands/exchange.h"
 #include "commands/progress.h"
@@ -12,11 +13,13 @@
 #include "table.h"
 
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <limits>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include <unistd.h>
 
@@ -32,6 +35,16 @@ many frames were answered and how long these exchanges took. Ctrl-C ends the run
 summary so far; the exit status is that of the exchanges until then.
 
 With --keep-going, the exit status is 3 only if all failures were time-outs.
+
+A reader that answers too late keeps its answer, and the next exchange would receive it. So answers that wait
+in the reader are dropped before the first frame. After a time-out that ends the run, the late answer is
+awaited for up to a second and dropped. --drain does both at every frame, which adds 20 ms
+to each but does not count in the times; --no-drain does neither.
+
+An answer may have any length over bulk endpoints, and at most 4096 bytes over control transfers.
+
+Frames that are typed in a terminal are read at a prompt. There, a failure or an invalid line does not end
+the command, and --drain applies. Ctrl-D ends it.
 )";
 
 constexpr const char* examples = R"(
@@ -47,10 +60,16 @@ struct Options {
     std::optional<unsigned int> timeout;
     std::optional<std::size_t> repeat;
     bool keepGoing = false;
+    bool drain = false;
+    bool noDrain = false;
     bool json = false;
 };
 
 constexpr std::size_t maxRepeat = 10'000'000;
+
+// How long to wait for an answer that the reader already has, and for one that it may still be working on.
+constexpr std::chrono::milliseconds waitingAnswerTime(20);
+constexpr std::chrono::milliseconds lateAnswerTime(1000);
 
 std::string milliseconds(double time) {
     std::array<char, 32> text{};
@@ -69,13 +88,9 @@ public:
     explicit Sending(const Options& options)
         : m_options(options)
         , m_reader(checkedId(options.id))
-        , m_exchanger(m_reader.handle())
-        , m_progress(options.repeat.value_or(1), options.repeat.has_value()) {
-        if (options.timeout) {
-            check(m_reader.title(), GVUSB_SetDevicePara(m_reader.handle(), "TIMEOUT",
-                                                        std::to_string(*options.timeout).c_str()));
-        }
-    }
+        , m_exchanger(m_reader.handle(), options.timeout.value_or(defaultTransferTimeout))
+        , m_progress(options.repeat.value_or(1), options.repeat.has_value())
+        , m_isInteractive(options.words.empty() && StandardInput::isTerminal()) {}
 
     ExitStatus run() {
         try {
@@ -89,6 +104,10 @@ public:
             throw;
         }
         printSummary();
+        if (m_timedOut && !m_options.noDrain && !m_interruption.requested()) {
+            const Interruption::Notice notice(stoppingNotice());
+            m_exchanger.dropAnswers(lateAnswerTime);
+        }
         return m_status;
     }
 
@@ -103,20 +122,45 @@ private:
 
     void sendStandardInput() {
         StandardInput input(m_interruption);
-        for (unsigned int number = 1; std::optional<std::string> line = input.nextLine(); ++number) {
+        for (unsigned int number = 1;; ++number) {
+            prompt();
+            const std::optional<std::string> line = input.nextLine();
+            if (!line) {
+                break;
+            }
             const std::size_t first = line->find_first_not_of(" \t\r");
             if (first == std::string::npos || (*line)[first] == '#') {
                 continue;
             }
             const std::optional<Bytes> frame = parseFrame(*line);
             if (!frame) {
-                throw Failure("standard input, line " + std::to_string(number) + ": '" + printable(*line) +
-                                  "' is not a hexadecimal frame",
-                              ExitStatus::usage);
+                rejectLine(number, *line);
+                continue;
             }
             if (!sendRepeatedly(*frame)) {
                 return;
             }
+        }
+        if (m_isInteractive) {
+            std::fputc('\n', stderr); // after the prompt
+        }
+    }
+
+    void prompt() const {
+        if (m_isInteractive) {
+            std::fprintf(stderr, "%s> ", m_options.id.c_str());
+        }
+    }
+
+    void rejectLine(unsigned int number, const std::string& line) {
+        const std::string mistake = "'" + printable(line) + "' is not a hexadecimal frame";
+        if (!m_isInteractive) {
+            throw Failure("standard input, line " + std::to_string(number) + ": " + mistake,
+                          ExitStatus::usage);
+        }
+        std::fprintf(stderr, "gvusb: %s\n", mistake.c_str());
+        if (m_status == ExitStatus::ok) {
+            m_status = ExitStatus::usage;
         }
     }
 
@@ -133,19 +177,44 @@ private:
     }
 
     bool sendOnce(const Bytes& frame) {
-        const Exchanger::Result result = m_exchanger.exchange(frame);
+        Exchanger::Result result;
+        {
+            const Interruption::Notice notice(stoppingNotice());
+            result.code = dropEarlierAnswers();
+            if (result.code == GVUSB_OK) {
+                result = m_exchanger.exchange(frame);
+            }
+        }
+        m_timedOut = result.code == GVUSB_ERR_TIMEOUT;
         if (m_options.json) {
             output::print(jsonLine(object(frame, result)));
         }
         if (result.code < 0) {
             reportFailure(result.code);
-            return m_options.keepGoing && result.code != GVUSB_ERR_NOT_PRESENT;
+            return (m_options.keepGoing || m_isInteractive) && result.code != GVUSB_ERR_NOT_PRESENT;
         }
         m_times.add(result.milliseconds);
         if (!m_options.json) {
             printAnswer(result.answer);
         }
         return true;
+    }
+
+    // The terminal's cursor is behind "^C" or the progress line.
+    static const char* stoppingNotice() {
+        return ::isatty(STDERR_FILENO) != 0
+                   ? "\ngvusb: stopping after this exchange; press Ctrl-C again to stop at once\n"
+                   : "gvusb: stopping after this exchange; another signal stops at once\n";
+    }
+
+    // Returns 0, or the code of a failure after which the frame must not be sent.
+    int dropEarlierAnswers() {
+        const bool isFirst = !std::exchange(m_hasSent, true);
+        const bool isWanted = isFirst || m_options.drain || m_isInteractive;
+        if (m_options.noDrain || !isWanted) {
+            return GVUSB_OK;
+        }
+        return m_exchanger.dropAnswers(m_timedOut ? lateAnswerTime : waitingAnswerTime);
     }
 
     void printAnswer(const Bytes& answer) {
@@ -215,6 +284,9 @@ private:
     Reader m_reader;
     Exchanger m_exchanger;
     Progress m_progress;
+    bool m_isInteractive;
+    bool m_hasSent = false;
+    bool m_timedOut = false; // the last exchange
     ExchangeTimes m_times;
     std::optional<Bytes> m_lastPrinted;
     std::size_t m_failed = 0;
@@ -247,6 +319,9 @@ void addSend(CLI::App& app, ExitStatus& status) {
         ->check(CLI::Range(std::size_t{1}, maxRepeat).description(""));
     command->add_flag("--keep-going", options->keepGoing,
                       "Continue after a failure, unless the reader is gone");
+    CLI::Option* drain = command->add_flag("--drain", options->drain,
+                                           "Drop late answers before every frame, not only before the first");
+    command->add_flag("--no-drain", options->noDrain, "Never drop late answers")->excludes(drain);
     command->add_flag("--json", options->json, "Print an object for each exchange, one per line");
     command->footer(joinSections({about, exitStatusHelp, examples}));
     command->callback([options, &status] { status = Sending(*options).run(); });

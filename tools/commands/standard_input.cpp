@@ -14,6 +14,10 @@ StandardInput::StandardInput(const Interruption& interruption)
     : m_interruption(interruption) {
 }
 
+bool StandardInput::isTerminal() {
+    return ::isatty(STDIN_FILENO) != 0;
+}
+
 // Wait for more input. Returns false if there is no more.
 bool StandardInput::fill() {
     std::array<pollfd, 2> waited = {{{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0},

@@ -10,6 +10,9 @@ class StandardInput {
 public:
     explicit StandardInput(const Interruption& interruption);
 
+    // Whether somebody types the lines.
+    static bool isTerminal();
+
     // The next line without its line break. Nothing at the end of the input or after a signal.
     std::optional<std::string> nextLine();
 

@@ -26,7 +26,7 @@ _gvusb_options() { # COMMAND
     case $1 in
     list) echo --family --name --id --json ;;
     info | explain) echo --json ;;
-    send) echo --timeout --repeat --keep-going --json ;;
+    send) echo --timeout --repeat --keep-going --drain --no-drain --json ;;
     monitor) echo --json --count --idle-timeout --poll-interval ;;
     esac
 }

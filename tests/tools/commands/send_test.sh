@@ -185,6 +185,79 @@ rejects_invalid_command_lines() {
     done
 }
 
+drops_a_late_answer() {
+    for reader in A1 B2; do
+        shell_on_bus 'bus "delay all in 300"
+            "$gvusb" send '$reader' 01 --timeout 100; echo $?; "$gvusb" send '$reader' 02'
+        expect_output '3
+02'
+    done
+    # An answer that another program left behind.
+    shell_on_bus 'bus "delay 1 in 400"; "$gvusb" send A1 01 --timeout 100 --no-drain
+        bus "delay 1 in 0"; "$gvusb" send A1 02'
+    expect_output 02
+    # Without dropping it, the late answer is taken for the next one's.
+    shell_on_bus 'bus "delay 1 in 400"; "$gvusb" send A1 01 --timeout 100 --no-drain; "$gvusb" send A1 02 --no-drain'
+    expect_output 01
+}
+
+drops_late_answers_before_every_frame() {
+    shell_on_bus 'bus "delay 1 in 150"
+        printf "01\n02\n03\n" | "$gvusb" send A1 --timeout 50 --keep-going --drain --json | sed "s/,\"ms.*//"
+        bus "delay 1 in 0"; "$gvusb" send A1 04'
+    expect_output '{"sent":"01","code":-1130,"error":"GVUSB: (-1130) timeout"
+{"sent":"02","code":-1130,"error":"GVUSB: (-1130) timeout"
+{"sent":"03","code":-1130,"error":"GVUSB: (-1130) timeout"
+04'
+    on_bus send A1 02 --drain --no-drain
+    expect_status 2
+}
+
+says_at_once_that_it_stops() {
+    shell_on_bus 'bus "mute 1 in"; env --default-signal=INT "$gvusb" send A1 02 --timeout 600000 2>"$scratch/complaints" &
+        waits() { "$emulate" --send "frames 1" | grep -q "^ok 1 "; }
+        await waits; kill -INT $!; await contains "$scratch/complaints" .
+        kill -INT $!; wait $!; echo $?'
+    expect_output 130
+    expect_equal "standard error" "$(cat "$scratch/complaints")" \
+        'gvusb: stopping after this exchange; another signal stops at once'
+}
+
+prints_long_answers() {
+    shell_on_bus 'head -c 70000 /dev/zero | od -An -v -tx1 | tr -d " \n" | "$gvusb" send A1 | tr -d " \n" | wc -c'
+    expect_errors ''
+    expect_output 140000
+    # The answer fills the buffer exactly.
+    shell_on_bus 'bus "reply 1 pattern:65536"; "$gvusb" send A1 01 --timeout 500 | wc -w'
+    expect_output 65536
+    shell_on_bus 'bus "reply 1 pattern:70000"; "$gvusb" send A1 01 | wc -w'
+    expect_output 70000
+}
+
+# Type lines at the prompt, each after the prompt for it.
+type_lines() { # LINE...
+    local number=1
+    for line in "$@"; do
+        for _ in $(seq 500); do
+            [ "$(grep -o '> ' "$scratch/output" 2>/dev/null | wc -l)" -ge $number ] && break
+            sleep 0.02
+        done
+        printf '%s\n' "$line"
+        number=$((number + 1))
+    done
+    sleep 0.2
+    printf '\004'
+    exec sleep 10 2>/dev/null # the end of standard input would close the terminal
+}
+
+prompts_in_a_terminal() {
+    in_terminal 'exec "$gvusb" send A1' < <(type_lines '01' 'xyz' '02 03')
+    expect_status 2
+    expect_in_output '^A1> '
+    expect_in_output "gvusb: 'xyz' is not a hexadecimal frame"
+    expect_equal "answers" "$(tr -d '\r' <"$scratch/output" | grep -cE '^(01|02 03)$')" 2
+}
+
 ends_on_the_interrupt_key() {
     in_terminal 'exec "$gvusb" send A1 02 --repeat 1000000' < <(
         until grep -q '^02' "$scratch/output" 2>/dev/null; do sleep 0.05; done
