@@ -1,5 +1,7 @@
 #include "failure.h"
 
+#include "commands/explanations.h"
+
 #include <utility>
 
 #include <gvusb.h>
@@ -16,8 +18,13 @@ std::string libraryText(int code) {
     return text;
 }
 
+std::string codeText(int code) {
+    const Explanation* const found = findExplanation(code);
+    return libraryText(code) + (found == nullptr ? std::string{} : " [" + std::string(found->name) + "]");
+}
+
 Failure libraryFailure(std::string_view what, int code) {
-    return Failure(std::string(what) + ": " + libraryText(code), statusOf(code),
+    return Failure(std::string(what) + ": " + codeText(code), statusOf(code),
                    "Run 'gvusb explain " + std::to_string(code) + "' for causes and remedies.");
 }
 

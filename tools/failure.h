@@ -24,6 +24,9 @@ private:
 // The library's text for a code.
 std::string libraryText(int code);
 
+// The library's text and the code's name: "GVUSB: (-1130) timeout [GVUSB_ERR_TIMEOUT]".
+std::string codeText(int code);
+
 // An error code of the library as a failure of `what`, a thing or an operation.
 Failure libraryFailure(std::string_view what, int code);
 

@@ -21,7 +21,7 @@ GVUSB_SCANSEARCH searchForId(unsigned int id) {
 int openById(unsigned int id, const std::string& title) {
     GVUSB_SCANSEARCH search = searchForId(id);
     if (const int code = GVUSB_Scan(GVUSB_SCAN_ALL | GVUSB_SCAN_SEARCH, &search); code < 0) {
-        throw Failure(title + ": " + libraryText(code), statusOf(code),
+        throw Failure(title + ": " + codeText(code), statusOf(code),
                       "Run 'gvusb list' to see the readers on the bus, or 'gvusb doctor' if one is missing.");
     }
     if (const int count = GVUSB_GetScanListSize(); count > 1) {

@@ -18,7 +18,7 @@ says_why_a_reader_cannot_be_opened() {
     readers=(--reader 'id=A1,configuration=2+1')
     shell_on_bus 'bus "fail-configuration 1 on"; "$gvusb" info A1'
     expect_status 1
-    expect_in_errors '^gvusb: reader A1: GVUSB: (-1104) The USB configuration could not be set$'
+    expect_in_errors '^gvusb: reader A1: GVUSB: (-1104) The USB configuration could not be set \[GVUSB_ERR_SET_CONFIGURATION]$'
 }
 
 run_case

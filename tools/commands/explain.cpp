@@ -16,6 +16,7 @@ namespace {
 constexpr const char* examples = R"(
 EXAMPLES
   gvusb explain -1145
+  gvusb explain GVUSB_ERR_CANNOT_CLAIM
   gvusb explain
 )";
 
@@ -28,6 +29,9 @@ constexpr int lowestPublished = 1100;
 
 // Codes are negative; 1144 is accepted for -1144.
 std::optional<int> parseCode(const std::string& text) {
+    if (const Explanation* const named = findExplanation(std::string_view(text))) {
+        return named->code;
+    }
     int code = 0;
     const char* const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, code);
@@ -39,7 +43,8 @@ std::optional<int> parseCode(const std::string& text) {
 
 const CLI::Validator isCode(
     [](std::string& text) {
-        return parseCode(text) ? std::string{} : "'" + text + "' is not a code such as -1144";
+        return parseCode(text) ? std::string{}
+                               : "'" + text + "' is not a code such as -1144 or GVUSB_ERR_NOT_OPENED";
     },
     "");
 
@@ -50,15 +55,16 @@ void explainAll(bool json) {
             all.push_back({{"code", each.code},
                            {"text", libraryText(each.code)},
                            {"cause", each.cause},
-                           {"remedy", each.remedy}});
+                           {"remedy", each.remedy},
+                           {"name", each.name}});
         }
         output::print(jsonLine(all, 2));
         return;
     }
     Table table;
-    table.add({"CODE", "TEXT"});
+    table.add({"CODE", "TEXT", "NAME"});
     for (const Explanation& each : explanations()) {
-        table.add({std::to_string(each.code), libraryText(each.code)});
+        table.add({std::to_string(each.code), libraryText(each.code), std::string(each.name)});
     }
     output::print(table.text());
 }
@@ -69,6 +75,7 @@ void explainOne(int code, bool json) {
         Json object = {{"code", code}, {"text", libraryText(code)}};
         object["cause"] = found != nullptr ? Json(found->cause) : Json(nullptr);
         object["remedy"] = found != nullptr ? Json(found->remedy) : Json(nullptr);
+        object["name"] = found != nullptr ? Json(found->name) : Json(nullptr);
         output::print(jsonLine(object, 2));
         return;
     }
@@ -76,7 +83,7 @@ void explainOne(int code, bool json) {
     if (found == nullptr) {
         text += wrapped("", "This code is not published.");
     } else {
-        text += '\n' + wrapped("Cause:   ", found->cause);
+        text += '\n' + wrapped("Name:    ", found->name) + wrapped("Cause:   ", found->cause);
         if (!found->remedy.empty()) {
             text += wrapped("Remedy:  ", found->remedy);
         }
@@ -100,7 +107,8 @@ void addExplain(CLI::App& app, ExitStatus& status) {
     using namespace explain_command;
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("explain", "Explain a return code: usual causes and remedies");
-    command->add_option("CODE", options->code, "A code such as -1144 or 1144; without it, list all codes")
+    command
+        ->add_option("CODE", options->code, "A code such as -1144, or its name; without it, list all codes")
         ->type_name("")
         ->check(isCode);
     command->add_flag("--json", options->json, "Print an object, or an array of all codes, instead of text");

@@ -168,7 +168,7 @@ ExitStatus list(const Options& options) {
     }
     if (readers.empty()) {
         const bool isSearch = !options.family.empty() || !options.name.empty() || !options.id.empty();
-        throw Failure(libraryText(GVUSB_ERR_NO_DEVICE_FOUND), ExitStatus::notFound,
+        throw Failure(codeText(GVUSB_ERR_NO_DEVICE_FOUND), ExitStatus::notFound,
                       isSearch ? "Run 'gvusb list' without a search to see all readers."
                                : "Run 'gvusb doctor' to find out why.");
     }

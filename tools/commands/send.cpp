@@ -1,6 +1,7 @@
 #include "base/reader_facts.h"
 #include "command.h"
 #include "commands/exchange.h"
+#include "commands/explanations.h"
 #include "commands/progress.h"
 #include "commands/standard_input.h"
 #include "commands/statistics.h"
@@ -229,11 +230,16 @@ private:
     void reportFailure(int code) {
         ++m_failed;
         m_progress.clear();
-        std::fprintf(stderr, "gvusb: %s: %s\n", m_reader.title().c_str(), libraryText(code).c_str());
+        std::fprintf(stderr, "gvusb: %s: %s\n", m_reader.title().c_str(), codeText(code).c_str());
         // Any other failure says more than a time-out.
         if (m_status == ExitStatus::ok || m_status == ExitStatus::timeOut) {
             m_status = statusOf(code);
         }
+    }
+
+    static Json nameOf(int code) {
+        const Explanation* const found = findExplanation(code);
+        return found == nullptr ? Json(nullptr) : Json(found->name);
     }
 
     static Json object(const Bytes& frame, const Exchanger::Result& result) {
@@ -245,6 +251,9 @@ private:
             json["received"] = frameText(result.answer, "");
         }
         json["ms"] = rounded(result.milliseconds);
+        if (result.code < 0) {
+            json["name"] = nameOf(result.code);
+        }
         return json;
     }
 

@@ -38,7 +38,7 @@ void setParameter(const std::string& title, int handle, const Options& options) 
     const std::string what = title + ": " + options.key;
     const int code = GVUSB_SetDevicePara(handle, options.key.c_str(), options.value.c_str());
     if (code == GVUSB_ERR_OUT_OF_RANGE && options.value.empty()) {
-        throw Failure(what + ": " + libraryText(code), ExitStatus::failure,
+        throw Failure(what + ": " + codeText(code), ExitStatus::failure,
                       "The value is missing; see 'gvusb set --help'.");
     }
     check(what, code);

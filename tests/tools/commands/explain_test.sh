@@ -3,11 +3,12 @@
 source "$(dirname "$0")/../testing.sh"
 
 explains_a_code() {
-    for code in -1145 1145; do
+    for code in -1145 1145 GVUSB_ERR_CANNOT_CLAIM cannot_claim; do
         keep "$gvusb" explain $code
         expect_status 0
         expect_equal "the first line" "$(head -n 1 "$scratch/output")" \
             'GVUSB: (-1145) interface cannot be claimed'
+        expect_in_output '^Name:    GVUSB_ERR_CANNOT_CLAIM$'
         expect_in_output '^Cause:   Another program has claimed'
         expect_in_output '^Remedy:  End that program'
         [ "$(wc -L <"$scratch/output")" -le 80 ] || fail "lines are too long"
@@ -39,10 +40,12 @@ explains_in_json() {
   "code": 42,
   "text": "GVUSB: Unknown Error: 0x2A (42)",
   "cause": null,
-  "remedy": null
+  "remedy": null,
+  "name": null
 }'
     keep "$gvusb" explain 1137 --json
     expect_in_output '"text": "GVUSB: (-1137) device is not present",'
+    expect_in_output '"name": "GVUSB_ERR_NOT_PRESENT"$'
     expect_in_output '"cause": "The reader was unplugged'
     keep "$gvusb" explain --json
     expect_equal "codes" "$(grep -c '"code": ' "$scratch/output")" \
@@ -52,8 +55,8 @@ explains_in_json() {
 lists_all_codes() {
     keep "$gvusb" explain
     expect_status 0
-    expect_in_output '^CODE   TEXT$'
-    expect_in_output '^-1130  GVUSB: (-1130) timeout$'
+    expect_in_output '^CODE   TEXT  *NAME$'
+    expect_in_output '^-1130  GVUSB: (-1130) timeout  *GVUSB_ERR_TIMEOUT$'
 }
 
 rejects_text_that_is_not_a_code() {

@@ -36,6 +36,7 @@ TEST(ExplanationsTest, CoverEveryCodeOfTheHeaderInItsOrder) {
     ASSERT_EQ(explanations().size(), codes.size());
     for (std::size_t i = 0; i < codes.size(); ++i) {
         EXPECT_EQ(explanations()[i].code, codes[i].code) << codes[i].name;
+        EXPECT_EQ(explanations()[i].name, codes[i].name);
     }
 }
 
@@ -46,6 +47,17 @@ TEST(ExplanationsTest, SayWhichCodesAreNeverReturned) {
         const bool isNever = found->cause.find("never returns") != std::string_view::npos;
         EXPECT_EQ(isNever, !published.isReturned) << published.name;
         EXPECT_EQ(found->remedy.empty(), isNever || published.code == 0) << published.name;
+    }
+}
+
+TEST(ExplanationsTest, AreFoundByName) {
+    for (const char* name : {"GVUSB_ERR_TIMEOUT", "gvusb_err_timeout", "TIMEOUT", "timeout"}) {
+        ASSERT_NE(findExplanation(std::string_view(name)), nullptr) << name;
+        EXPECT_EQ(findExplanation(std::string_view(name))->code, GVUSB_ERR_TIMEOUT) << name;
+    }
+    ASSERT_NE(findExplanation(std::string_view("GVUSB_OK")), nullptr);
+    for (const char* name : {"", "TIME", "ERR_TIMEOUT", "GVUSB_ERR_TIMEOUTS"}) {
+        EXPECT_EQ(findExplanation(std::string_view(name)), nullptr) << name;
     }
 }
 

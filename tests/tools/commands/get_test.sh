@@ -26,14 +26,14 @@ reports_parameters_that_cannot_be_read() {
     on_bus get A1 COLOR
     expect_status 1
     expect_output ''
-    expect_errors "gvusb: reader A1: COLOR: GVUSB: (-1150) unknown parameter
+    expect_errors "gvusb: reader A1: COLOR: GVUSB: (-1150) unknown parameter [GVUSB_ERR_UNKNOWN_PARAMETER]
 Run 'gvusb explain -1150' for causes and remedies."
     on_bus get driver TIMEOUT
     expect_status 1
-    expect_in_errors '^gvusb: driver: TIMEOUT: GVUSB: (-1150) unknown parameter$'
+    expect_in_errors '^gvusb: driver: TIMEOUT: GVUSB: (-1150) unknown parameter \[GVUSB_ERR_UNKNOWN_PARAMETER]$'
     on_bus get C3 TIMEOUT
     expect_status 4
-    expect_in_errors '^gvusb: reader C3: GVUSB: (-1112) no device found$'
+    expect_in_errors '^gvusb: reader C3: GVUSB: (-1112) no device found \[GVUSB_ERR_NO_DEVICE_FOUND]$'
     readers=(--reader 'id=A1,missing=10')
     on_bus get A1 TYPENUMBER
     expect_status 1

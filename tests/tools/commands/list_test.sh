@@ -69,7 +69,7 @@ reports_that_no_reader_matches() {
     on_bus list --family Garden
     expect_status 4
     expect_output ''
-    expect_errors "gvusb: GVUSB: (-1112) no device found
+    expect_errors "gvusb: GVUSB: (-1112) no device found [GVUSB_ERR_NO_DEVICE_FOUND]
 Run 'gvusb list' without a search to see all readers."
     on_bus list --family Garden --json
     expect_status 4
@@ -80,7 +80,7 @@ reports_that_there_is_no_reader() {
     readers=(--no-readers)
     on_bus list
     expect_status 4
-    expect_errors "gvusb: GVUSB: (-1112) no device found
+    expect_errors "gvusb: GVUSB: (-1112) no device found [GVUSB_ERR_NO_DEVICE_FOUND]
 Run 'gvusb doctor' to find out why."
 }
 

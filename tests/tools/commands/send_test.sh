@@ -28,10 +28,10 @@ reports_a_time_out() {
     shell_on_bus 'bus "mute 1 in"; "$gvusb" send A1 02 --timeout 30'
     expect_status 3
     expect_output ''
-    expect_errors 'gvusb: reader A1: GVUSB: (-1130) timeout'
+    expect_errors 'gvusb: reader A1: GVUSB: (-1130) timeout [GVUSB_ERR_TIMEOUT]'
     shell_on_bus 'bus "mute 1 in"; "$gvusb" send A1 02 --timeout 30 --json'
     expect_status 3
-    expect_in_output '"sent":"02","code":-1130,"error":"GVUSB: (-1130) timeout","ms":'
+    expect_in_output '"sent":"02","code":-1130,"error":"GVUSB: (-1130) timeout","ms":[0-9.]*,"name":"GVUSB_ERR_TIMEOUT"}$'
 }
 
 waits_as_long_as_the_time_out_allows() {
@@ -44,7 +44,7 @@ waits_as_long_as_the_time_out_allows() {
 reports_other_failures() {
     shell_on_bus 'bus "stall 1 out stuck"; "$gvusb" send A1 02'
     expect_status 1
-    expect_errors 'gvusb: reader A1: GVUSB: (-1139) bulk transfer error'
+    expect_errors 'gvusb: reader A1: GVUSB: (-1139) bulk transfer error [GVUSB_ERR_BULK_TRANSFER]'
     shell_on_bus 'bus "busy 1 on"; "$gvusb" send A1 02'
     expect_status 1
     expect_in_errors '(-1145) interface cannot be claimed'
@@ -56,7 +56,7 @@ reports_that_the_reader_is_gone() {
     shell_on_bus '"$gvusb" send A1 02 --repeat 1000000 --keep-going >"$scratch/answers" &
         await test -s "$scratch/answers"; bus "unplug 1"; wait $!; status=$?; cat "$scratch/answers"; exit $status'
     expect_status 4
-    expect_errors 'gvusb: reader A1: GVUSB: (-1137) device is not present'
+    expect_errors 'gvusb: reader A1: GVUSB: (-1137) device is not present [GVUSB_ERR_NOT_PRESENT]'
     expect_in_output '^failed           1$'
 }
 

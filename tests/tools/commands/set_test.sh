@@ -8,7 +8,7 @@ resets_a_reader() {
     expect_in_output 'resets=1'
     shell_on_bus 'bus "fail-reset 1 on"; "$gvusb" set A1 RESETDEVICE'
     expect_status 1
-    expect_in_errors '^gvusb: reader A1: RESETDEVICE: GVUSB: (-1157) parameter not available$'
+    expect_in_errors '^gvusb: reader A1: RESETDEVICE: GVUSB: (-1157) parameter not available \[GVUSB_ERR_PARAMETER_NOT_AVAILABLE]$'
 }
 
 clears_a_halt() {
@@ -55,15 +55,15 @@ notes_that_other_settings_end_with_the_command() {
 reports_parameters_that_cannot_be_set() {
     on_bus set A1 TIMEOUT 0
     expect_status 1
-    expect_in_errors '^gvusb: reader A1: TIMEOUT: GVUSB: (-1151) parameter out of range$'
+    expect_in_errors '^gvusb: reader A1: TIMEOUT: GVUSB: (-1151) parameter out of range \[GVUSB_ERR_OUT_OF_RANGE]$'
     expect_in_errors "^Run 'gvusb explain -1151' for causes"
     on_bus set A1 TIMEOUT
     expect_status 1
-    expect_in_errors '^gvusb: reader A1: TIMEOUT: GVUSB: (-1151) parameter out of range$'
+    expect_in_errors '^gvusb: reader A1: TIMEOUT: GVUSB: (-1151) parameter out of range \[GVUSB_ERR_OUT_OF_RANGE]$'
     expect_in_errors '^The value is missing; '
     on_bus set driver HOTPLUG-UPDATERATE 9
     expect_status 1
-    expect_in_errors '^gvusb: driver: HOTPLUG-UPDATERATE: GVUSB: (-1151) parameter out of range$'
+    expect_in_errors '^gvusb: driver: HOTPLUG-UPDATERATE: GVUSB: (-1151) parameter out of range \[GVUSB_ERR_OUT_OF_RANGE]$'
     on_bus set driver HOTPLUG-MODE 1
     expect_status 1
     expect_in_errors '(-1150) unknown parameter'

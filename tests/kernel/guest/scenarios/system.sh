@@ -9,7 +9,7 @@ by_client() {
     check "the client shows the port" prints '^Port 00: <Port in Use> at High Speed' usbip port
     check "the client detaches the reader" usbip detach --port=0
     udevadm settle
-    check "the detached reader is no longer found" [ "$("$tool" list 2>&1 | head -n 1)" = 'gvusb: GVUSB: (-1112) no device found' ]
+    check "the detached reader is no longer found" [ "$("$tool" list 2>&1 | head -n 1)" = 'gvusb: GVUSB: (-1112) no device found [GVUSB_ERR_NO_DEVICE_FOUND]' ]
 }
 
 # A killed program ends only after its transfers have completed, so the server must keep serving until then.
