@@ -5,6 +5,7 @@
 #include "interruption.h"
 #include "json.h"
 #include "output.h"
+#include "printable_text.h"
 #include "table.h"
 
 #include <array>
@@ -13,6 +14,7 @@
 #include <cstdio>
 #include <ctime>
 #include <limits>
+#include <map>
 #include <memory>
 #include <optional>
 
@@ -25,8 +27,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* about = R"(
-Each event is a line that is printed at once: time, 'connect' or 'disconnect', device ID, and the handle that
-the library reports (0 if none). Readers that are present at the start are not events.
+Each event is a line that is printed at once: time, 'connect' or 'disconnect', device ID, the handle that the
+library reports (0 if none), and the device name. Readers that are present at the start are not events: only
+with --initial, there is a line with 'present' for each, which --count and --idle-timeout do not count.
 
 In hot-plug mode 2 of /etc/gavo/gvusb.conf, the monitor handles libusb's events. In every other mode it polls
 the bus, even if the file turns polling off.
@@ -45,8 +48,16 @@ struct Options {
     unsigned int pollInterval = 50;
     std::optional<std::size_t> count;
     std::optional<double> idleTimeout;
+    bool initial = false;
     bool json = false;
 };
+
+// What a scan says about a reader, by its device ID. With several readers of one ID, the last one counts.
+struct Texts {
+    std::string family;
+    std::string name;
+};
+using TextsOfIds = std::map<unsigned int, Texts>;
 
 // The bus is scanned once more after this long without a report: the library updates what it has reported
 // only after its handlers have run, and a reader that has just arrived may be unreadable for a moment.
@@ -69,7 +80,13 @@ std::string timeStamp() {
     return text.data();
 }
 
-Presence::Ids scan() {
+std::string scanned(int index, const char* key) {
+    std::array<char, GVUSB_PARAMETER_SIZE> text{};
+    return GVUSB_GetScanListPara(index, key, text.data()) == GVUSB_OK ? text.data() : std::string{};
+}
+
+// Adds the texts of the readers to those that are known. Those of readers that are gone stay.
+Presence::Ids scan(TextsOfIds& texts) {
     const int code = GVUSB_Scan(GVUSB_SCAN_ALL, nullptr);
     if (code != GVUSB_ERR_NO_DEVICE_FOUND) {
         check("scan", code);
@@ -77,10 +94,10 @@ Presence::Ids scan() {
     Presence::Ids ids;
     const int size = GVUSB_GetScanListSize();
     for (int index = 0; index < size; ++index) {
-        std::array<char, GVUSB_PARAMETER_SIZE> text{};
         // A poll may have emptied the entry in the meantime.
-        if (GVUSB_GetScanListPara(index, "DEVICE-ID", text.data()) == GVUSB_OK) {
-            ids.push_back(checkedId(text.data()));
+        if (const auto id = parseDeviceId(scanned(index, "DEVICE-ID"))) {
+            ids.push_back(*id);
+            texts[*id] = {.family = scanned(index, "FAMILYNAME"), .name = scanned(index, "DEVICENAME")};
         }
     }
     return ids;
@@ -91,12 +108,18 @@ public:
     explicit Monitoring(const Options& options)
         : m_options(options)
         , m_watch(options.pollInterval)
-        , m_presence(scan())
+        , m_initial(scan(m_texts))
+        , m_presence(m_initial)
         , m_idleSince(Clock::now()) {}
 
     ExitStatus run() {
         if (::isatty(STDERR_FILENO) != 0) {
             std::fprintf(stderr, "Watching by %s; press Ctrl-C to stop.\n", m_watch.method().c_str());
+        }
+        if (m_options.initial) {
+            for (const unsigned int id : m_initial) {
+                printLine("present", id, 0);
+            }
         }
         for (;;) {
             wait();
@@ -151,7 +174,7 @@ private:
         if (reports.empty() && !isSettled) {
             return false;
         }
-        const std::vector<Change> changes = m_presence.update(reports, scan());
+        const std::vector<Change> changes = m_presence.update(reports, scan(m_texts));
         m_settled.reset();
         if (!reports.empty() || !changes.empty()) {
             m_settled = Clock::now() + settlingTime;
@@ -169,24 +192,33 @@ private:
 
     void print(const Change& change) {
         m_idleSince = Clock::now();
-        const std::string event = change.connected ? "connect" : "disconnect";
+        printLine(change.connected ? "connect" : "disconnect", change.id, change.handle);
+    }
+
+    void printLine(const std::string& event, unsigned int id, int handle) const {
+        const auto found = m_texts.find(id);
+        const bool isKnown = found != m_texts.end();
         if (m_options.json) {
             output::print(jsonLine({{"time", timeStamp()},
                                     {"event", event},
-                                    {"id", deviceIdText(change.id)},
-                                    {"handle", change.handle}}));
+                                    {"id", deviceIdText(id)},
+                                    {"handle", handle},
+                                    {"family", isKnown ? Json(found->second.family) : Json(nullptr)},
+                                    {"name", isKnown ? Json(found->second.name) : Json(nullptr)}}));
             return;
         }
         constexpr std::size_t eventWidth = 10;
         constexpr std::size_t idWidth = 8;
         output::print(timeStamp() + "  " + padded(event, eventWidth) + "  " +
-                      padded(deviceIdText(change.id), idWidth) + "  handle " + std::to_string(change.handle) +
-                      '\n');
+                      padded(deviceIdText(id), idWidth) + "  handle " + std::to_string(handle) +
+                      (isKnown ? "  " + printable(found->second.name) : std::string{}) + '\n');
     }
 
     const Options& m_options;
     Interruption m_interruption;
     BusWatch m_watch;
+    TextsOfIds m_texts;
+    Presence::Ids m_initial;
     Presence m_presence;
     std::optional<Clock::time_point> m_settled;
     Clock::time_point m_idleSince;
@@ -201,6 +233,7 @@ void addMonitor(CLI::App& app, ExitStatus& status) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("monitor", "Report readers as they connect and disconnect");
     command->add_flag("--json", options->json, "Print an object for each event, one per line");
+    command->add_flag("--initial", options->initial, "Start with a line for each reader that is present");
     command->add_option("--count", options->count, "Exit after N events")
         ->type_name("N")
         ->check(CLI::Range(std::size_t{1}, std::numeric_limits<std::size_t>::max()).description(""));

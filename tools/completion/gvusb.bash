@@ -27,7 +27,7 @@ _gvusb_options() { # COMMAND
     list) echo --family --name --id --json ;;
     info | explain) echo --json ;;
     send) echo --timeout --repeat --keep-going --drain --no-drain --json ;;
-    monitor) echo --json --count --idle-timeout --poll-interval ;;
+    monitor) echo --json --initial --count --idle-timeout --poll-interval ;;
     esac
 }
 

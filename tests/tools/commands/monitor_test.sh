@@ -93,8 +93,24 @@ writes_each_event_at_once_as_json() {
         kill -TERM $monitor; wait $monitor; echo $?'
     expect_output 0
     expect_equal "the event" \
-        "$(sed -E 's/"[0-9]{4}(-[0-9]{2}){2}T([0-9]{2}:){2}[0-9]{2}\.[0-9]{3}[+-][0-9]{2}:[0-9]{2}"/TIME/; s/:[0-9]+}/:H}/' "$scratch/events")" \
-        '{"time":TIME,"event":"disconnect","id":"A1","handle":H}'
+        "$(sed -E 's/"[0-9]{4}(-[0-9]{2}){2}T([0-9]{2}:){2}[0-9]{2}\.[0-9]{3}[+-][0-9]{2}:[0-9]{2}"/TIME/; s/:[0-9]+,/:H,/' "$scratch/events")" \
+        '{"time":TIME,"event":"disconnect","id":"A1","handle":H,"family":"Desk","name":"Desk reader"}'
+}
+
+starts_with_the_readers_that_are_present() {
+    on_bus monitor --initial --idle-timeout 0.2
+    expect_status 3
+    expect_equal "lines" "$(sed 's/^[^ ]*  //' "$scratch/output" | sort)" \
+        'present     A1        handle 0  Desk reader
+present     B2        handle 0  Gate reader'
+    printf 'at 1500 unplug 1\n' >"$scratch/script"
+    readers+=(--script "$scratch/script")
+    on_bus monitor --initial --count 1 --idle-timeout 20 --json
+    expect_status 0
+    expect_equal "events" "$(sed -E 's/.*"event":"([a-z]*)".*"name":"([A-Za-z ]*)".*/\1 \2/' "$scratch/output" | sort)" \
+        'disconnect Desk reader
+present Desk reader
+present Gate reader'
 }
 
 ends_after_a_count() {
@@ -134,7 +150,7 @@ works_without_any_reader() {
     readers+=(--script "$scratch/script")
     on_bus monitor --count 1 --idle-timeout 20
     expect_status 0
-    expect_in_output 'connect     A1        handle 0$'
+    expect_in_output 'connect     A1        handle 0  '
 }
 
 polls_at_the_given_interval() {
