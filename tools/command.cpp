@@ -1,6 +1,7 @@
 #include "command.h"
 
 #include "hexadecimal.h"
+#include "usb_location.h"
 
 namespace {
 
@@ -8,9 +9,20 @@ std::string notADeviceId(const std::string& text) {
     return "'" + text + "' is not a device ID (1 to 8 hexadecimal digits)";
 }
 
+std::string notAReader(const std::string& text) {
+    return notADeviceId(text) + " or a USB path such as usb:1-2.3";
+}
+
+const CLI::Validator isReader(
+    [](std::string& text) {
+        return isUsbPath(text) || parseDeviceId(text) ? std::string{} : notAReader(text);
+    },
+    "");
+
 const CLI::Validator isTarget(
     [](std::string& text) {
-        return text == "driver" || parseDeviceId(text) ? std::string{} : notADeviceId(text) + " or 'driver'";
+        return text == "driver" || isUsbPath(text) || parseDeviceId(text) ? std::string{}
+                                                                          : notAReader(text) + " or 'driver'";
     },
     "");
 
@@ -21,21 +33,17 @@ const CLI::Validator
                "");
 
 void addReaderArgument(CLI::App& command, std::string& id) {
-    command.add_option("ID", id, "Device ID in hexadecimal, as shown by 'gvusb list'")
+    command.add_option("ID", id, "Device ID or USB path, as shown by 'gvusb list'")
         ->required()
         ->type_name("")
-        ->check(isDeviceId);
+        ->check(isReader);
 }
 
 void addTargetArgument(CLI::App& command, std::string& target) {
-    command.add_option("ID", target, "Device ID in hexadecimal, or 'driver' for the library itself")
+    command.add_option("ID", target, "Device ID, USB path, or 'driver' for the library itself")
         ->required()
         ->type_name("")
         ->check(isTarget);
-}
-
-unsigned int checkedId(const std::string& text) {
-    return parseDeviceId(text).value_or(0);
 }
 
 std::string joinSections(std::initializer_list<std::string_view> sections) {

@@ -20,17 +20,14 @@ void addMonitor(CLI::App& app, ExitStatus& status);
 void addExplain(CLI::App& app, ExitStatus& status);
 void addDoctor(CLI::App& app, ExitStatus& status);
 
-// Add the argument that names a reader.
+// Add the argument that names a reader, by its device ID or its USB path.
 void addReaderArgument(CLI::App& command, std::string& id);
 
 // Add the argument that names a reader or, as "driver", the library itself.
 void addTargetArgument(CLI::App& command, std::string& target);
 
-// Accepts what parseDeviceId() can read.
+// Accepts what parseDeviceId() can read; not a path.
 extern const CLI::Validator isDeviceId;
-
-// The device ID in a text that isDeviceId has accepted.
-unsigned int checkedId(const std::string& text);
 
 // The help below the options. Each section is a raw string whose text starts and ends with a line break.
 std::string joinSections(std::initializer_list<std::string_view> sections);

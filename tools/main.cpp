@@ -21,7 +21,8 @@ constexpr const char* conventions = R"(
 Run 'gvusb COMMAND --help' for more about a command.
 
 Device IDs are hexadecimal, in upper or lower case, with or without 0x. If several readers have the same
-ID, the first one on the bus is used.
+ID, the first one on the bus is used. A USB path selects the reader at a port: usb:1-2.3 is at port 3 of the
+hub at port 2 of bus 1. It stays the same when the reader is plugged in there again.
 
 Results go to standard output. Errors go to standard error, and so does the library's log if
 /etc/gavo/gvusb.conf enables it. A command whose output is closed ends with status 0.

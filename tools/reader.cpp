@@ -3,6 +3,7 @@
 #include "failure.h"
 #include "hexadecimal.h"
 #include "note.h"
+#include "usb_location.h"
 
 #include <array>
 #include <cstdio>
@@ -26,9 +27,39 @@ int openById(unsigned int id, const std::string& title) {
     }
     if (const int count = GVUSB_GetScanListSize(); count > 1) {
         printNote(std::to_string(count) + " readers have the device ID " + deviceIdText(id) +
-                  "; using the first one.");
+                  "; using the first one. 'gvusb list' shows the USB paths by which to choose another.");
     }
     return check(title, GVUSB_OpenDevice(id));
+}
+
+// The library does not say where a reader is, so this opens one after the other.
+int openByPath(const std::string& path, const std::string& title) {
+    int failure = GVUSB_ERR_NO_DEVICE_FOUND;
+    int handle = GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr);
+    const int size = GVUSB_GetScanListSize();
+    for (int index = 0; index < size; ++index) {
+        if (index != 0) {
+            handle = GVUSB_ScanAndOpen(GVUSB_SCAN_NEXT, nullptr);
+        }
+        if (handle <= 0) {
+            failure = handle;
+            continue;
+        }
+        if (const auto location = locationOfOpenReader(); location && location->path == path) {
+            return handle;
+        }
+        GVUSB_CloseDevice(handle);
+    }
+    throw Failure(title + ": " + codeText(failure), statusOf(failure),
+                  "Run 'gvusb list' to see the readers on the bus, or 'gvusb doctor' if one is missing.");
+}
+
+int openByName(const std::string& name, const std::string& title) {
+    return isUsbPath(name) ? openByPath(name, title) : openById(parseDeviceId(name).value_or(0), title);
+}
+
+std::string titleOf(const std::string& name) {
+    return "reader " + (isUsbPath(name) ? name : deviceIdText(parseDeviceId(name).value_or(0)));
 }
 
 } // namespace
@@ -39,9 +70,9 @@ std::string readParameter(const std::string& title, int handle, const std::strin
     return value.data();
 }
 
-Reader::Reader(unsigned int id)
-    : m_title("reader " + deviceIdText(id))
-    , m_handle(openById(id, m_title)) {
+Reader::Reader(const std::string& name)
+    : m_title(titleOf(name))
+    , m_handle(openByName(name, m_title)) {
 }
 
 Reader::~Reader() {

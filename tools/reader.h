@@ -7,15 +7,15 @@
 
 class Reader {
 public:
-    // Open the first reader on the bus with this device ID. Print a note on standard error if there are
-    // several.
-    explicit Reader(unsigned int id);
+    // Open the reader at a USB path, or the first reader on the bus with a device ID. Print a note on standard error
+    // if several have this ID.
+    explicit Reader(const std::string& name);
     Reader(const Reader&) = delete;
     Reader& operator=(const Reader&) = delete;
     ~Reader();
 
     int handle() const { return m_handle; }
-    // "reader 1A2B3C", for messages.
+    // "reader 1A2B3C" or "reader usb:1-2", for messages.
     const std::string& title() const { return m_title; }
 
     // The value of a parameter. The library has no parameter "PRESENT"; GVUSB_IsDevicePresent() provides it.

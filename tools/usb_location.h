@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 
 struct UsbLocation {
     unsigned int bus = 0;
@@ -11,6 +12,9 @@ struct UsbLocation {
     std::string path;         // as in "usb:1-2.3": bus 1, port 3 of the hub at port 2; empty if unknown
     bool hasBulkEndpoints = false;
 };
+
+// Whether the text has the form of such a path.
+bool isUsbPath(std::string_view text);
 
 // The location of the one reader that this process has open. Nothing if it cannot be found out.
 std::optional<UsbLocation> locationOfOpenReader();

@@ -1,5 +1,6 @@
 #include "command.h"
 #include "json.h"
+#include "location_texts.h"
 #include "note.h"
 #include "output.h"
 #include "printable_text.h"
@@ -15,6 +16,7 @@ namespace {
 constexpr const char* examples = R"(
 EXAMPLES
   gvusb info 1A2B3C
+  gvusb info usb:1-2.3
 )";
 
 struct Options {
@@ -42,7 +44,7 @@ std::string value(const Reader& reader, const char* key) {
 }
 
 ExitStatus info(const Options& options) {
-    const Reader reader(checkedId(options.id));
+    const Reader reader(options.id);
     bool isReplaced = false;
     Table table;
     Json object = Json::object();
@@ -54,6 +56,12 @@ ExitStatus info(const Options& options) {
             std::string_view(fact.key) == "DEVICEHND" || std::string_view(fact.key) == "TIMEOUT";
         object[fact.member] = isNumber ? Json(std::stoul(text)) : text == "-" ? Json(nullptr) : Json(text);
     }
+    const auto location = locationOfOpenReader();
+    const LocationTexts texts(location);
+    table.add({"USB path", texts.path});
+    table.add({"USB bus", texts.bus});
+    table.add({"USB address", texts.address});
+    addLocation(object, location);
     output::print(options.json ? jsonLine(object, 2) : table.text());
     if (isReplaced) {
         printNote(questionMarkNote);

@@ -2,6 +2,7 @@
 #include "failure.h"
 #include "hexadecimal.h"
 #include "json.h"
+#include "location_texts.h"
 #include "note.h"
 #include "output.h"
 #include "printable_text.h"
@@ -20,8 +21,8 @@ namespace {
 
 constexpr const char* about = R"(
 Readers are listed in the order of the bus. The type number is read from the reader, which is opened for
-this; '-' (null in JSON) means that it could not be read. A reader that may not be opened, or that lacks a
-text, is not listed; a line on standard error says how many.
+this; '-' (null in JSON) means that it could not be read. The same applies to the USB path, bus and address.
+A reader that may not be opened, or that lacks a text, is not listed; a line on standard error says how many.
 
 The texts of readers are read as ASCII: '?' stands for every other character. --family and --name find a text
 as it is shown and as the reader has it.
@@ -46,6 +47,7 @@ struct ReaderFacts {
     std::string name;
     std::string interfaceType;
     std::optional<std::string> typeNumber;
+    std::optional<UsbLocation> location;
 };
 
 std::string scanned(int index, const char* key) {
@@ -54,16 +56,18 @@ std::string scanned(int index, const char* key) {
     return code == 0 ? value.data() : std::string{};
 }
 
-// Reads the type number of an open reader and closes it: a second reader with the same device ID can be
-// opened only while this one is closed.
-std::optional<std::string> takeTypeNumber(int handle) {
+// Reads what only an open reader has, and closes it: a second reader with the same device ID can be opened only
+// while this one is closed.
+void readAndClose(int handle, ReaderFacts& reader) {
     std::array<char, GVUSB_PARAMETER_SIZE> value{};
     if (handle <= 0) {
-        return std::nullopt;
+        return;
     }
-    const int code = GVUSB_GetDevicePara(handle, "TYPENUMBER", value.data());
+    if (GVUSB_GetDevicePara(handle, "TYPENUMBER", value.data()) == GVUSB_OK) {
+        reader.typeNumber = value.data();
+    }
+    reader.location = locationOfOpenReader();
     GVUSB_CloseDevice(handle);
-    return code == 0 ? std::optional<std::string>(value.data()) : std::nullopt;
 }
 
 // Also finds a text as it is printed, in which some characters have become question marks.
@@ -93,14 +97,15 @@ Found findReaders(const Options& search) {
                            .family = scanned(index, "FAMILYNAME"),
                            .name = scanned(index, "DEVICENAME"),
                            .interfaceType = scanned(index, "INTERFACE"),
-                           .typeNumber = {}};
+                           .typeNumber = {},
+                           .location = {}};
         const bool isWanted = matches(reader, search);
         if (index != 0) {
             handle =
                 isWanted ? GVUSB_ScanAndOpen(GVUSB_SCAN_NEXT, nullptr) : GVUSB_Scan(GVUSB_SCAN_NEXT, nullptr);
         }
         if (isWanted || index == 0) {
-            reader.typeNumber = takeTypeNumber(handle);
+            readAndClose(handle, reader);
         }
         if (isWanted) {
             found.readers.push_back(std::move(reader));
@@ -136,11 +141,13 @@ void noteReplacedCharacters(const Options& search, const std::vector<ReaderFacts
 
 void printTable(const std::vector<ReaderFacts>& readers) {
     Table table;
-    table.add({"INDEX", "ID", "FAMILY", "NAME", "INTERFACE", "TYPE"});
+    table.add({"INDEX", "ID", "FAMILY", "NAME", "INTERFACE", "TYPE", "PATH", "BUS", "ADDRESS"});
     for (std::size_t i = 0; i < readers.size(); ++i) {
         const ReaderFacts& reader = readers[i];
+        const LocationTexts location(reader.location);
         table.add({std::to_string(i), reader.id, printable(reader.family), printable(reader.name),
-                   printable(reader.interfaceType), printable(reader.typeNumber.value_or("-"))});
+                   printable(reader.interfaceType), printable(reader.typeNumber.value_or("-")), location.path,
+                   location.bus, location.address});
     }
     output::print(table.text());
 }
@@ -149,12 +156,14 @@ void printJson(const std::vector<ReaderFacts>& readers) {
     Json list = Json::array();
     for (std::size_t i = 0; i < readers.size(); ++i) {
         const ReaderFacts& reader = readers[i];
-        list.push_back({{"index", i},
-                        {"id", reader.id},
-                        {"family", reader.family},
-                        {"name", reader.name},
-                        {"interface", reader.interfaceType},
-                        {"type", reader.typeNumber ? Json(*reader.typeNumber) : Json(nullptr)}});
+        Json object = {{"index", i},
+                       {"id", reader.id},
+                       {"family", reader.family},
+                       {"name", reader.name},
+                       {"interface", reader.interfaceType},
+                       {"type", reader.typeNumber ? Json(*reader.typeNumber) : Json(nullptr)}};
+        addLocation(object, reader.location);
+        list.push_back(std::move(object));
     }
     output::print(jsonLine(list, 2));
 }
@@ -169,8 +178,10 @@ ExitStatus list(const Options& options) {
     if (readers.empty()) {
         const bool isSearch = !options.family.empty() || !options.name.empty() || !options.id.empty();
         throw Failure(codeText(GVUSB_ERR_NO_DEVICE_FOUND), ExitStatus::notFound,
-                      isSearch ? "Run 'gvusb list' without a search to see all readers."
-                               : "Run 'gvusb doctor' to find out why.");
+                      isSearch
+                          ? "Run 'gvusb list' without a search to see all readers."
+                          : "Run 'gvusb doctor' to find out why, or 'gvusb-emulate -- gvusb list' to try "
+                            "virtual readers.");
     }
     if (!options.json) {
         printTable(readers);

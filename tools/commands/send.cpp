@@ -88,7 +88,7 @@ class Sending {
 public:
     explicit Sending(const Options& options)
         : m_options(options)
-        , m_reader(checkedId(options.id))
+        , m_reader(options.id)
         , m_exchanger(m_reader.handle(), options.timeout.value_or(defaultTransferTimeout))
         , m_progress(options.repeat.value_or(1), options.repeat.has_value())
         , m_isInteractive(options.words.empty() && StandardInput::isTerminal()) {}

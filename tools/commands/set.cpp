@@ -78,7 +78,7 @@ ExitStatus set(const Options& options) {
     if (options.target == "driver") {
         setParameter("driver", GVUSB_DRIVER, options);
     } else {
-        const Reader reader(checkedId(options.target));
+        const Reader reader(options.target);
         if (::strcasecmp(options.key.c_str(), "RESETPIPE") == 0) {
             findEndpoints(reader);
         }

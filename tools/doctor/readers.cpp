@@ -205,7 +205,8 @@ void reportSharedIds(const Identified& identified, Findings& findings) {
             "readers",
             std::to_string(topics.size()) + " readers have the device ID " + deviceIdText(id) + " (" +
                 places + "), so a program that opens a reader by this ID gets the first one",
-            {"Give every reader a device ID of its own, or plug in only one of these at a time."});
+            {"Give every reader a device ID of its own, or plug in only one of these at a time. Commands of "
+             "this tool also take the USB path that 'gvusb list' shows."});
     }
 }
 

@@ -40,10 +40,36 @@ Run 'gvusb explain -1150' for causes and remedies."
     expect_in_errors '(-1168) string descriptor read error'
 }
 
-rejects_invalid_command_lines() {
+gets_all_parameters() {
+    on_bus get A1
+    expect_status 0
+    expect_equal "without the handle" "$(sed 's/[0-9]*x*$/N/; s/  */ /' "$scratch/output" | tr '\n' ';')" \
+        'DEVICE-ID AN;FAMILYNAME DeskN;DEVICENAME Desk readerN;INTERFACE TESK-RCIN;TYPENUMBER D-N;DEVICEHND N;TIMEOUT N;PRESENT N;'
     on_bus get driver
-    expect_status 2
-    expect_in_errors "Run 'gvusb get --help' for more."
+    expect_output 'HOTPLUG-MODE  1'
+    readers=(--reader 'id=A1,missing=10')
+    on_bus get A1
+    expect_status 0
+    expect_in_output '^TYPENUMBER  -$'
+}
+
+writes_json() {
+    on_bus get A1 devicename --json
+    expect_output '{
+  "DEVICENAME": "Desk reader"
+}'
+    on_bus get driver --json
+    expect_output '{
+  "HOTPLUG-MODE": "1"
+}'
+    readers=(--reader 'id=A1,missing=10')
+    on_bus get A1 --json
+    expect_in_output '"DEVICE-ID": "A1",'
+    expect_in_output '"TYPENUMBER": null,'
+    expect_in_output '"PRESENT": "1"$'
+}
+
+rejects_invalid_command_lines() {
     on_bus get drivers KEY
     expect_status 2
     expect_in_errors "'drivers' is not a device ID"

@@ -9,9 +9,9 @@ shows_readers_in_a_table() {
     expect_equal "the first column" "$(cut -d' ' -f1 "$scratch/output" | paste -sd' ')" 'INDEX 0 1'
     # The order is that of the bus.
     expect_equal "the others" "$(cut -c8- "$scratch/output" | sort)" \
-        'A1  Desk    Desk reader  TESK-RCI2  D-100
-B2  Gate    Gate reader  TESK-RCI2  G-200
-ID  FAMILY  NAME         INTERFACE  TYPE'
+        'A1  Desk    Desk reader  TESK-RCI2  D-100  usb:1-1  1    2
+B2  Gate    Gate reader  TESK-RCI2  G-200  usb:1-2  1    3
+ID  FAMILY  NAME         INTERFACE  TYPE   PATH     BUS  ADDRESS'
 }
 
 writes_json() {
@@ -24,7 +24,10 @@ writes_json() {
     "family": "Gate",
     "name": "Gate reader",
     "interface": "TESK-RCI2",
-    "type": "G-200"
+    "type": "G-200",
+    "path": "usb:1-2",
+    "bus": 1,
+    "address": 3
   }
 ]'
 }
@@ -81,7 +84,7 @@ reports_that_there_is_no_reader() {
     on_bus list
     expect_status 4
     expect_errors "gvusb: GVUSB: (-1112) no device found [GVUSB_ERR_NO_DEVICE_FOUND]
-Run 'gvusb doctor' to find out why."
+Run 'gvusb doctor' to find out why, or 'gvusb-emulate -- gvusb list' to try virtual readers."
 }
 
 rejects_invalid_command_lines() {
@@ -99,15 +102,15 @@ shows_readers_with_the_same_id() {
     readers=(--reader 'id=A1,type=first' --reader 'id=A1,type=second')
     on_bus list
     expect_status 0
-    expect_in_output '^[01]  *A1 .* first$'
-    expect_in_output '^[01]  *A1 .* second$'
+    expect_in_output '^[01]  *A1 .* first  *usb:1-1 '
+    expect_in_output '^[01]  *A1 .* second  *usb:1-2 '
 }
 
 shows_readers_without_a_type_number() {
     readers=(--reader 'id=A1,missing=10')
     on_bus list
     expect_status 0
-    expect_in_output '^0  *A1 .* -$'
+    expect_in_output '^0  *A1 .* -  *usb:1-1  *1  *2$'
     on_bus list --json
     expect_in_output '"type": null'
 }
