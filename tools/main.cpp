@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <initializer_list>
 #include <iostream>
+#include <memory>
 #include <sstream>
 #include <utility>
 #include <vector>
@@ -67,6 +68,32 @@ std::string mistakeWithHint(const CLI::App* app, const CLI::Error& error) {
     return "gvusb: " + mistake(*app, error) + "\nRun 'gvusb" + command + " --help' for more.\n";
 }
 
+void printHelp(const std::string& help) {
+    output::print(output::isTerminal() ? rewrapped(help) : help);
+}
+
+void addHelp(CLI::App& app, ExitStatus& status) {
+    auto name = std::make_shared<std::string>();
+    CLI::App* command = app.add_subcommand("help", "Print the help of a command, as --help does");
+    command->add_option("COMMAND", *name, "A command; without it, print the help of gvusb itself")
+        ->type_name("")
+        ->check(CLI::Validator(
+            [&app](std::string& text) {
+                const auto isNamed = [&text](const CLI::App* each) { return each->get_name() == text; };
+                return app.get_subcommands(isNamed).empty() ? "unknown command '" + text + "'"
+                                                            : std::string{};
+            },
+            ""));
+    command->footer(exitStatusHelp + 1);
+    command->callback([&app, name, &status] {
+        // help() of the program would print that of the chosen command, "help".
+        printHelp(name->empty()
+                      ? app.get_formatter()->make_help(&app, app.get_name(), CLI::AppFormatMode::Normal)
+                      : app.get_subcommand(*name)->help(app.get_name()));
+        status = ExitStatus::ok;
+    });
+}
+
 ExitStatus run(int count, char** arguments) {
     ExitStatus status = ExitStatus::failure;
     CLI::App app(description, "gvusb");
@@ -78,7 +105,8 @@ ExitStatus run(int count, char** arguments) {
              {"REQUIRED", ""}, {"SUBCOMMAND", "COMMAND"}, {"Positionals", "Arguments"}}) {
         app.get_formatter()->label(label, text);
     }
-    for (const auto add : {addList, addInfo, addGet, addSet, addSend, addMonitor, addExplain, addDoctor}) {
+    for (const auto add :
+         {addList, addInfo, addGet, addSet, addSend, addMonitor, addExplain, addDoctor, addHelp}) {
         add(app, status);
     }
     for (CLI::App* command : app.get_subcommands({})) {
@@ -89,7 +117,7 @@ ExitStatus run(int count, char** arguments) {
     } catch (const CLI::ParseError& error) {
         std::ostringstream wanted; // help or the versions
         status = app.exit(error, wanted, std::cerr) == 0 ? ExitStatus::ok : ExitStatus::usage;
-        output::print(output::isTerminal() ? rewrapped(wanted.str()) : wanted.str());
+        printHelp(wanted.str());
     }
     return status;
 }

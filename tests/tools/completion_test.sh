@@ -19,7 +19,7 @@ expect_completion() { # WANTED WORD...
 
 completes_commands() {
     source "$completion"
-    expect_completion '--help --version doctor explain get info list monitor send set' ''
+    expect_completion '--help --version doctor explain get help info list monitor send set' ''
     expect_completion 'get' g
     expect_completion 'send set' s
     expect_completion '--version' --v

@@ -2,7 +2,7 @@
 # Tests of what all commands share: help, versions, and errors on the command line.
 source "$(dirname "$0")/testing.sh"
 
-commands='list info get set send monitor explain doctor'
+commands='list info get set send monitor explain doctor help'
 
 prints_help() {
     keep "$gvusb" --help
@@ -20,6 +20,19 @@ prints_help() {
         [ "$(wc -L <"$scratch/output")" -le 110 ] || fail "lines of $command --help are too long"
         keep "$gvusb" --help
     done
+}
+
+prints_help_by_a_command() {
+    for command in $commands ''; do
+        "$gvusb" $command --help >"$scratch/wanted"
+        # shellcheck disable=SC2086
+        keep "$gvusb" help $command
+        expect_status 0
+        diff "$scratch/wanted" "$scratch/output" || fail "'help $command' differs from '$command --help'"
+    done
+    keep "$gvusb" help dance
+    expect_status 2
+    expect_in_errors "unknown command 'dance'$"
 }
 
 prints_versions() {

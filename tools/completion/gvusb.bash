@@ -43,7 +43,7 @@ _gvusb_keys() { # COMMAND TARGET
 _gvusb() {
     local tool=${COMP_WORDS[0]} command=${COMP_WORDS[1]} word=${COMP_WORDS[COMP_CWORD]} words='' arguments
     if [ "$COMP_CWORD" -eq 1 ]; then
-        words='doctor explain get info list monitor send set --help --version'
+        words='doctor explain get help info list monitor send set --help --version'
     elif [[ $command == explain && $word != --* ]]; then
         words=$("$tool" explain 2>/dev/null | while read -r code _; do echo "$code"; done)
         words=${words#CODE}
