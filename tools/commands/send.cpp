@@ -2,6 +2,7 @@
 #include "command.h"
 #include "commands/exchange.h"
 #include "commands/explanations.h"
+#include "commands/histogram.h"
 #include "commands/progress.h"
 #include "commands/standard_input.h"
 #include "commands/statistics.h"
@@ -32,8 +33,8 @@ Without HEX, each line of standard input is a frame; empty lines and lines that 
 Bytes may be written together or apart, with or without 0x, and separated by blanks, ':', '-' or ','.
 
 With --repeat, an answer is printed only if it differs from the one before. At the end, a summary shows how
-many frames were answered and how long these exchanges took. Ctrl-C ends the run early and prints the
-summary so far; the exit status is that of the exchanges until then.
+many frames were answered and how long these exchanges took, in a terminal with a histogram. Ctrl-C ends the
+run early and prints the summary so far; the exit status is that of the exchanges until then.
 
 With --keep-going, the exit status is 3 only if all failures were time-outs.
 
@@ -261,6 +262,9 @@ private:
         m_progress.clear();
         if (m_options.repeat) {
             output::print(m_options.json ? jsonLine({{"summary", summaryObject()}}) : summaryTable());
+            if (!m_options.json && output::isTerminal() && m_times.count() > 1) {
+                output::print('\n' + histogram(m_times.sorted(), output::width()));
+            }
         }
     }
 

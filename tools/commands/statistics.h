@@ -17,9 +17,10 @@ public:
     double percentile(unsigned int percent) const;
     double maximum() const;
 
-private:
+    // In ascending order.
     const std::vector<double>& sorted() const;
 
+private:
     mutable std::vector<double> m_times;
     mutable bool m_isSorted = true;
 };

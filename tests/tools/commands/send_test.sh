@@ -108,6 +108,15 @@ maximum          T'
     expect_errors ''
 }
 
+draws_a_histogram_in_a_terminal() {
+    in_terminal 'stty cols 60; "$gvusb" send A1 02 --repeat 30' </dev/null
+    expect_status 0
+    expect_in_output '^ *[0-9.]* to  *[0-9.]* ms  #'
+    [ "$(tr -d '\r' <"$scratch/output" | grep ' to ' | wc -L)" -le 60 ] || fail "too wide: $output"
+    on_bus send A1 02 --repeat 30
+    expect_not_in_output ' to '
+}
+
 repeats_in_json() {
     on_bus send A1 02 --repeat 3 --json
     expect_status 0
