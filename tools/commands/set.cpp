@@ -1,6 +1,8 @@
 #include "command.h"
 #include "failure.h"
+#include "json.h"
 #include "note.h"
+#include "output.h"
 #include "reader.h"
 #include "usb_location.h"
 
@@ -32,7 +34,13 @@ struct Options {
     std::string target;
     std::string key;
     std::string value;
+    bool json = false;
 };
+
+bool isReset(const Options& options) {
+    return ::strcasecmp(options.key.c_str(), "RESETDEVICE") == 0 ||
+           ::strcasecmp(options.key.c_str(), "RESETPIPE") == 0;
+}
 
 void setParameter(const std::string& title, int handle, const Options& options) {
     const std::string what = title + ": " + options.key;
@@ -85,6 +93,13 @@ ExitStatus set(const Options& options) {
         setParameter(reader.title(), reader.handle(), options);
     }
     noteWhatIsLost(options);
+    if (options.json) {
+        output::print(jsonLine({{"target", options.target},
+                                {"key", options.key},
+                                {"value", options.value.empty() ? Json(nullptr) : Json(options.value)},
+                                {"lasting", isReset(options)}},
+                               2));
+    }
     return ExitStatus::ok;
 }
 
@@ -100,6 +115,7 @@ void addSet(CLI::App& app, ExitStatus& status) {
         ->required()
         ->type_name("");
     command->add_option("VALUE", options->value, "New value; the two resets take none")->type_name("");
+    command->add_flag("--json", options->json, "Print an object that says what was set and whether it lasts");
     command->footer(joinSections({keys, exitStatusHelp, examples}));
     command->callback([options, &status] { status = set(*options); });
 }

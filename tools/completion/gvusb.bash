@@ -25,7 +25,7 @@ _gvusb_options() { # COMMAND
     echo --help
     case $1 in
     list) echo --family --name --id --json ;;
-    info | get | explain) echo --json ;;
+    info | get | set | explain | doctor) echo --json ;;
     send) echo --timeout --repeat --keep-going --drain --no-drain --json ;;
     monitor) echo --json --initial --count --idle-timeout --poll-interval ;;
     esac

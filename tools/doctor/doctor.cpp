@@ -2,8 +2,9 @@
 #include "doctor/configuration.h"
 #include "doctor/readers.h"
 #include "doctor/udev.h"
-#include "output.h"
 #include "version.h"
+
+#include <memory>
 
 namespace doctor_command {
 namespace {
@@ -18,20 +19,14 @@ constexpr const char* status1 = R"(
 For this command, 0 means that there is no problem, and 1 that there is at least one.
 )";
 
-ExitStatus doctor() {
-    Findings findings;
+ExitStatus doctor(bool json) {
+    Findings findings(json);
     findings.ok("library", versions());
     examineConfiguration(findings);
     examineUdev(findings);
     examineReaders(findings);
-    const std::size_t problems = findings.problems();
-    if (problems == 0) {
-        output::print("\nNo problems found.\n");
-        return ExitStatus::ok;
-    }
-    output::print("\n" + std::to_string(problems) +
-                  (problems == 1 ? " problem found.\n" : " problems found.\n"));
-    return ExitStatus::failure;
+    findings.printEnd();
+    return findings.problems() == 0 ? ExitStatus::ok : ExitStatus::failure;
 }
 
 } // namespace
@@ -42,5 +37,7 @@ void addDoctor(CLI::App& app, ExitStatus& status) {
     CLI::App* command =
         app.add_subcommand("doctor", "Find what keeps readers from working, and how to fix it");
     command->footer(joinSections({about, exitStatusHelp, status1}));
-    command->callback([&status] { status = doctor(); });
+    auto json = std::make_shared<bool>(false);
+    command->add_flag("--json", *json, "Print an object with all findings instead of text");
+    command->callback([json, &status] { status = doctor(*json); });
 }

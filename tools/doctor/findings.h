@@ -1,5 +1,7 @@
-// What the doctor finds. Each finding is printed at once.
+// What the doctor finds. Each finding is printed at once, or at the end as JSON.
 #pragma once
+
+#include "json.h"
 
 #include <cstddef>
 #include <string>
@@ -8,6 +10,9 @@
 
 class Findings {
 public:
+    explicit Findings(bool json)
+        : m_isJson(json) {}
+
     void ok(std::string_view topic, std::string_view text);
     // Something worth knowing that is not a problem. The remedy may be empty.
     void note(std::string_view topic, std::string_view text, const std::vector<std::string>& remedy = {});
@@ -17,9 +22,14 @@ public:
 
     std::size_t problems() const { return m_problems; }
 
-private:
-    static void print(std::string_view mark, std::string_view topic, std::string_view text,
-                      const std::vector<std::string>& remedy);
+    // Print how many problems there are, or everything as JSON.
+    void printEnd() const;
 
+private:
+    void print(std::string_view mark, std::string_view topic, std::string_view text,
+               const std::vector<std::string>& remedy);
+
+    bool m_isJson;
+    Json m_all = Json::array();
     std::size_t m_problems = 0;
 };

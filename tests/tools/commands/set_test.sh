@@ -69,6 +69,20 @@ reports_parameters_that_cannot_be_set() {
     expect_in_errors '(-1150) unknown parameter'
 }
 
+writes_json() {
+    on_bus set A1 TIMEOUT 20 --json
+    expect_status 0
+    expect_output '{
+  "target": "A1",
+  "key": "TIMEOUT",
+  "value": "20",
+  "lasting": false
+}'
+    on_bus set A1 RESETDEVICE --json
+    expect_in_output '"value": null,'
+    expect_in_output '"lasting": true$'
+}
+
 rejects_invalid_command_lines() {
     on_bus set A1
     expect_status 2
