@@ -8,9 +8,9 @@ export CMAKE_GENERATOR=Ninja
 build_packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev libcli11-dev nlohmann-json3-dev)
 
 # Also needed for the tests: abigail-tools to compare the binary interface, doxygen and help2man to build the manual,
-# python3 to run what the guides show, usbip to try the virtual readers with the standard client, and the programs that
-# have to work on virtual readers.
-test_packages=(libgtest-dev libgmock-dev libcmocka-dev abigail-tools doxygen help2man python3 usbip
+# python3 to run what the guides show, usbip to try the virtual readers with the standard client, fish and zsh to try their
+# completions, and the programs that have to work on virtual readers.
+test_packages=(libgtest-dev libgmock-dev libcmocka-dev abigail-tools doxygen fish help2man python3 usbip zsh
     gdb python3-usb strace udev usbutils valgrind)
 
 # Also needed for the tests on a real kernel, in a virtual machine.

@@ -50,6 +50,9 @@ shown getting-started 1
 contents >/tmp/installed
 
 expect "the tool" "gvusb 07.01.00 " "$(gvusb --version | cut -d'(' -f1)"
+for file in bash-completion/completions/gvusb zsh/vendor-completions/_gvusb fish/vendor_completions.d/gvusb.fish; do
+    [ -e "/usr/share/$file" ] || fail "not installed: $file"
+done
 for program in gvusb gvusb-emulate; do
     ! readelf --dynamic "/usr/bin/$program" | grep -E 'R(UN)?PATH' || fail "$program has a run path"
 done

@@ -29,6 +29,12 @@ done
 grep -qE 'ATTR\{idVendor\}=="[0-9a-f]{4}"' "$folder/system/usr/lib/udev/rules.d/70-gvusb.rules" ||
     fail "the udev rule has no vendor ID in the format of udev"
 
+if [[ " $* " == *" gvusb "* ]]; then
+    for file in zsh/site-functions/_gvusb fish/vendor_completions.d/gvusb.fish; do
+        grep -qxF "./usr/share/$file" "$folder/installed" || fail "not installed: $file"
+    done
+fi
+
 # A reinstallation must keep the administrator's settings.
 echo gvusb_debuglevel=1 >"$folder/system/etc/gavo/gvusb.conf"
 DESTDIR=$folder/system cmake --install "$build" --prefix /usr >/dev/null

@@ -28,7 +28,7 @@ completes_commands() {
 # The options of every command, as listed in its help.
 completes_every_option() {
     source "$completion"
-    for command in list info get set send monitor explain doctor; do
+    for command in list info get set send monitor explain doctor help; do
         options=$("$gvusb" "$command" --help | grep -o -e '^ *\(-h,\)*--[a-z-]*' | tr -d ' ' | sed 's/^-h,//' |
             sort | paste -sd' ')
         expect_completion "$options" "$command" --
@@ -69,6 +69,78 @@ is_quiet_without_readers() {
         COMP_WORDS=("$gvusb" info "") COMP_CWORD=2; _gvusb; echo "${#COMPREPLY[@]}"'
     expect_errors ''
     expect_output 0
+}
+
+needs_shell() { # NAME
+    command -v "$1" >/dev/null || {
+        echo "Skipped: $1 is not installed."
+        exit 77
+    }
+}
+
+# What zsh's completion system is given for the last word, sorted.
+zsh_words() { # WORD...
+    zsh -f -c 'compadd() { while [ "$1" != -- ]; do shift; done; shift; print -l -- "$@"; }
+        source "$1"; shift; words=("$@") CURRENT=$#; _gvusb' zsh "$(dirname "$completion")/_gvusb" "$@" | sort | paste -sd' '
+}
+
+# Fish completes the command whose name it finds.
+fish_words() { # LINE
+    PATH=$(dirname "$gvusb"):$PATH fish --no-config -c 'source $argv[1]; complete -C "$argv[2]"' \
+        "$(dirname "$completion")/gvusb.fish" "$1" | cut -f 1 | sort | paste -sd' '
+}
+
+options_of() { # COMMAND
+    "$gvusb" "$1" --help | grep -o -e '^ *\(-h,\)*--[a-z-]*' | tr -d ' ' | sed 's/^-h,//' | sort | paste -sd' '
+}
+
+completes_in_zsh() {
+    needs_shell zsh
+    expect_equal commands "$(zsh_words "$gvusb" '')" \
+        '--help --version doctor explain get help info list monitor send set'
+    for command in list info get set send monitor explain doctor help; do
+        expect_equal "options of $command" "$(zsh_words "$gvusb" $command --)" "$(options_of $command)"
+    done
+    expect_equal keys "$(zsh_words "$gvusb" set A1 '')" 'RESETDEVICE RESETPIPE TIMEOUT'
+    expect_equal 'keys behind an option' "$(zsh_words "$gvusb" get --json driver '')" HOTPLUG-MODE
+    expect_equal codes "$(zsh_words "$gvusb" explain '' | wc -w)" "$("$gvusb" explain | tail -n +2 | wc -l)"
+    expect_equal 'a value' "$(zsh_words "$gvusb" send --timeout '')" ''
+    export -f zsh_words
+    readers=(--reader id=A1 --reader id=B2)
+    shell_on_bus 'zsh_words "$gvusb" send ""; zsh_words "$gvusb" get ""; zsh_words "$gvusb" list --id ""'
+    expect_errors ''
+    expect_output 'A1 B2
+A1 B2 driver
+A1 B2'
+}
+
+# In the way of zsh's own completion system.
+is_loaded_by_zsh() {
+    needs_shell zsh
+    keep zsh -f -c 'fpath=("$1" $fpath); autoload -Uz compinit; compinit -u -d "$2"; print $_comps[gvusb]
+        compadd() { print -l -- "$@"; }; words=(gvusb d) CURRENT=2; _gvusb; whence -w _gvusb' \
+        zsh "$(dirname "$completion")" "$scratch/dump"
+    expect_in_output '^_gvusb$'
+    expect_in_output '^doctor$'
+    expect_in_output '^_gvusb: function$'
+}
+
+completes_in_fish() {
+    needs_shell fish
+    expect_equal commands "$(fish_words 'gvusb ')" 'doctor explain get help info list monitor send set'
+    for command in list info get set send monitor explain doctor help; do
+        expect_equal "options of $command" "$(fish_words "gvusb $command --")" "$(options_of $command)"
+    done
+    expect_equal keys "$(fish_words 'gvusb set A1 ')" 'RESETDEVICE RESETPIPE TIMEOUT'
+    expect_equal 'keys behind an option' "$(fish_words 'gvusb get --json driver ')" HOTPLUG-MODE
+    expect_equal codes "$(fish_words 'gvusb explain ' | wc -w)" "$("$gvusb" explain | tail -n +2 | wc -l)"
+    export -f fish_words
+    readers=(--reader id=A1 --reader id=B2)
+    shell_on_bus 'fish_words "gvusb send "; fish_words "gvusb get "; fish_words "gvusb list --id "'
+    expect_errors ''
+    expect_output 'A1 B2
+A1 B2 driver
+A1 B2'
 }
 
 # The completions of the launcher, sorted.

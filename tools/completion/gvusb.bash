@@ -54,6 +54,7 @@ _gvusb() {
     else
         mapfile -t arguments < <(_gvusb_arguments)
         case $command:${#arguments[@]} in
+        help:0) words='doctor explain get info list monitor send set' ;;
         info:0 | send:0) words=$(_gvusb_readers "$tool") ;;
         get:0 | set:0) words="driver $(_gvusb_readers "$tool")" ;;
         get:1 | set:1) words=$(_gvusb_keys "$command" "${arguments[0]}") ;;
