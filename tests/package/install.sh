@@ -34,6 +34,9 @@ if [[ " $* " == *" gvusb "* ]]; then
         grep -qxF "./usr/share/$file" "$folder/installed" || fail "not installed: $file"
     done
 fi
+for file in tsan.supp valgrind.supp; do
+    grep -qxF "./usr/share/gvusb/$file" "$folder/installed" || fail "not installed: $file"
+done
 
 # A reinstallation must keep the administrator's settings.
 echo gvusb_debuglevel=1 >"$folder/system/etc/gavo/gvusb.conf"
