@@ -1,7 +1,6 @@
 /*
  * usage: suppressions [events]
- * Uses the readers in several threads while one reader is unplugged and plugged in. With "events", a thread handles
- * libusb's events.
+ * Uses the readers in several threads. With "events", a thread handles libusb's events.
  */
 #include <gvusb.h>
 #include <libusb.h>

@@ -22,12 +22,11 @@ compiler=("$@")
 static_runtime=()
 "${compiler[@]}" --version | grep -q clang || static_runtime=(-static-libasan)
 
-printf 'at 300 unplug 2\nat 800 plug 2\n' >"$folder/script"
 echo 'gvusb_hotplug=2' >"$folder/gvusb.conf"
 run() { # WANTED "none"|"some" COMMAND...: whether the status is that of a report
     local wanted=$1
     shift
-    "$launcher" --config "$folder/gvusb.conf" --reader id=A1 --reader id=B2,endpoints=control --script "$folder/script" \
+    "$launcher" --config "$folder/gvusb.conf" --reader id=A1 --reader id=B2,endpoints=control \
         -- env "$@" >"$folder/output" 2>&1
     local status=$?
     local found=none
