@@ -1,6 +1,6 @@
 #include "failure.h"
 
-#include "commands/explanations.h"
+#include "explanations.h"
 
 #include <utility>
 

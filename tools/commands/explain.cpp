@@ -1,5 +1,5 @@
 #include "command.h"
-#include "commands/explanations.h"
+#include "explanations.h"
 #include "failure.h"
 #include "json.h"
 #include "output.h"

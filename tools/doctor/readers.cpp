@@ -3,9 +3,9 @@
 #include "base/owner.h"
 #include "base/reader_facts.h"
 #include "base/usb_owners.h"
-#include "commands/explanations.h"
 #include "doctor/node_users.h"
 #include "doctor/permissions.h"
+#include "explanations.h"
 #include "hexadecimal.h"
 #include "printable_text.h"
 

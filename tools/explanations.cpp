@@ -1,4 +1,4 @@
-#include "commands/explanations.h"
+#include "explanations.h"
 
 #include <algorithm>
 #include <array>
