@@ -48,12 +48,15 @@
  *
  * The library reads /etc/gavo/gvusb.conf once, when it is loaded. It searches the first 1023 bytes for the keys
  * "libusb_debuglevel=N", "gvusb_debuglevel=N", "gvusb_hotplug=M" (0 off, 1 polling, 2 libusb's hot-plug
- * callbacks), "gvusb_updaterate=MS" (milliseconds between two polls, at least 10) and "nopnp" (same as mode 0).
+ * callbacks), "gvusb_updaterate=MS" (milliseconds between two polls, at least 10), "gvusb_logfile=PATH" and
+ * "nopnp" (same as mode 0). If the environment variable GVUSB_CONFIG names another file, the library reads that
+ * one instead, except in set-user-ID programs.
  *
  * @section logging Logging
  *
- * If the log level is above 0, the library logs to standard output. Level 1 logs what the manager does. Level 2
- * adds the work on each reader, with every byte that is exchanged. Level 3 adds what happens at each poll.
+ * If the log level is above 0, the library logs to standard output, or with "gvusb_logfile=PATH" to the end of that
+ * file ("stderr" for standard error). Level 1 logs what the manager does. Level 2 adds the work on each reader,
+ * with every byte that is exchanged. Level 3 adds what happens at each poll.
  *
  * @section memory Memory
  *

@@ -1,7 +1,7 @@
-// Log output: lines on standard output, stamped with the time since the level was set.
+// Log output: lines on standard output, on standard error or in a file, stamped with the time since the level was set.
 //
-// Any thread may log. Each line is one call of printf, which does not mix lines of several threads. The level and
-// the start time are accessed without a lock.
+// Any thread may log. Each line is one call of printf or of writev, which do not mix lines of several threads. The level
+// and the start time are accessed without a lock.
 //
 // log() tests the level first, so a message costs nothing when it is not printed:
 //     log<Level::reader>("ident", "devId=0x", std::hex, devId);
@@ -32,6 +32,12 @@ void GVLOG_SetLevel(int level);
     return relaxed::load(g_GvUsbDebugLevel);
 }
 void GVLOG_Msg(const char* tag, const char* text);
+
+// Append the log to the file at this path, or write it to standard error if the path is "stderr". If the file cannot be
+// opened, print why on standard error and leave the log where it is.
+void openLogFile(const char* path) noexcept;
+// Return to standard output.
+void closeLogFile() noexcept;
 
 inline bool isLogged(Level level) {
     return GVLOG_Level() >= static_cast<int>(level);

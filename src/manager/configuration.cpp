@@ -2,7 +2,10 @@
 
 #include "base/numbers.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string_view>
 
 #include <fcntl.h>
@@ -23,11 +26,26 @@ void readNumber(std::string_view key, const char* text, int& setting) {
     }
 }
 
+// Copy the value up to the end of its line.
+void readLine(std::string_view key, const char* text, char (&setting)[configurationSize + 1]) {
+    if (const char* value = valueOf(key, text)) {
+        const std::size_t length = std::min(std::strcspn(value, "\r\n"), configurationSize);
+        std::memcpy(setting, value, length);
+        setting[length] = '\0';
+    }
+}
+
 unsigned int microseconds(int milliseconds) {
     constexpr int shortest = 10;
     constexpr unsigned int longest = std::numeric_limits<unsigned int>::max();
     const auto wanted = static_cast<unsigned int>(std::max(milliseconds, shortest));
     return wanted > longest / 1000 ? longest : wanted * 1000;
+}
+
+// A program with the rights of another user must not let its caller choose the file.
+const char* path() {
+    const char* const chosen = secure_getenv("GVUSB_CONFIG");
+    return chosen == nullptr || *chosen == '\0' ? "/etc/gavo/gvusb.conf" : chosen;
 }
 
 } // namespace
@@ -45,6 +63,7 @@ Configuration parseConfiguration(const char* text) {
             configuration.updateRate = microseconds(*milliseconds);
         }
     }
+    readLine("gvusb_logfile=", text, configuration.logFile);
     if (std::strstr(text, "nopnp") != nullptr) {
         configuration.hotPlugMode = 0;
     }
@@ -52,7 +71,7 @@ Configuration parseConfiguration(const char* text) {
 }
 
 ConfigurationFile::ConfigurationFile() noexcept
-    : m_descriptor(open("/etc/gavo/gvusb.conf", O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)) {
+    : m_descriptor(open(path(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)) {
     struct stat status = {};
     if (m_descriptor >= 0 && (fstat(m_descriptor, &status) != 0 || !S_ISREG(status.st_mode))) {
         close();
@@ -67,7 +86,7 @@ std::optional<Configuration> ConfigurationFile::read() {
     if (m_descriptor < 0) {
         return std::nullopt;
     }
-    char text[1024] = {};
+    char text[configurationSize + 1] = {};
     std::size_t length = 0;
     ssize_t count = 0;
     while (length < sizeof text - 1 &&

@@ -64,6 +64,9 @@ GVDrvHnd::GVDrvHnd() {
         m_iDebugLevel = configuration->debugLevel;
         m_iHotPlugMode = configuration->hotPlugMode;
         relaxed::store(m_uiUpdateRate, configuration->updateRate);
+        if (configuration->logFile[0] != '\0') {
+            openLogFile(configuration->logFile);
+        }
         ApplyDebugLevels();
     }
     if (m_iHotPlugMode == 2 && !m_bHasHotPlug) {
@@ -106,6 +109,7 @@ GVDrvHnd::~GVDrvHnd() noexcept(false) {
         LeaveLibUsb();
     }
     log<Level::manager>("exit", "... done");
+    closeLogFile();
 }
 
 void GVDrvHnd::ApplyDebugLevels() {

@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 /* The readers as described in CMakeLists.txt, by number. */
 enum { bulk = 1, control };
@@ -148,6 +149,52 @@ static void LevelTwoLogsEverythingOfAControlSession(void** state) {
     bus("unplug %d", bulk);
     run_session("gvusb_debuglevel=2\ngvusb_hotplug=0\n");
     check_same_lines(plain_log(NULL), expected_log("session_control.txt", NULL, NULL));
+}
+
+static void write_file(const char* path, const char* text) {
+    FILE* file = fopen(path, "w");
+    assert_non_null(file);
+    fputs(text, file);
+    assert_int_equal(fclose(file), 0);
+}
+
+/* A run with this text as the file that the environment names, and none in its usual place. */
+static void run_with_own_configuration(const char* text, const char* program) {
+    char path[] = "/tmp/gvusb-own-XXXXXX";
+    close(mkstemp(path));
+    write_file(path, text);
+    setenv("GVUSB_CONFIG", path, 1);
+    run_program(&run, NULL, program, NULL, NULL, NULL);
+    unsetenv("GVUSB_CONFIG");
+    unlink(path);
+    assert_int_equal(run.status, 0);
+}
+
+static void EnvironmentNamesTheFileAndTheFileNamesTheLog(void** state) {
+    char log[] = "/tmp/gvusb-log-XXXXXX";
+    char text[256];
+    bus("unplug %d", control);
+    close(mkstemp(log));
+    snprintf(text, sizeof text, "gvusb_debuglevel=2\ngvusb_hotplug=0\ngvusb_logfile=%s\n", log);
+    run_with_own_configuration(text, "session");
+    assert_string_equal(run.output, "");
+
+    FILE* file = fopen(log, "r");
+    assert_non_null(file);
+    run.output[fread(run.output, 1, sizeof run.output - 1, file)] = '\0';
+    fclose(file);
+    unlink(log);
+    check_same_lines(plain_log(NULL), expected_log("session_bulk.txt", NULL, NULL));
+}
+
+static void LogFileThatCannotBeOpenedIsNamedOnce(void** state) {
+    static const char complaint[] =
+        "gvusb: cannot open the log file /missing/log: No such file or directory\n";
+    run_with_own_configuration("gvusb_debuglevel=1\ngvusb_logfile=/missing/log\n", "version");
+    const char* const found = strstr(run.output, complaint);
+    assert_non_null(found);
+    assert_null(strstr(found + strlen(complaint), "cannot open"));
+    assert_non_null(strstr(run.output, "[init] gvUSB-DebugLevel=1\n"));
 }
 
 static bool is_about_the_manager(const char* line) {
@@ -300,6 +347,8 @@ int main(int argc, char** argv) {
         TEST_CASE(NothingIsLoggedWithoutAConfigurationFile),
         TEST_CASE(LevelTwoLogsEverythingOfABulkSession),
         TEST_CASE(LevelTwoLogsEverythingOfAControlSession),
+        TEST_CASE(EnvironmentNamesTheFileAndTheFileNamesTheLog),
+        TEST_CASE(LogFileThatCannotBeOpenedIsNamedOnce),
         TEST_CASE(LevelOneLogsWhatTheManagerDoes),
         TEST_CASE(LevelThreeLogsTheWorkerThread),
         TEST_CASE(ModeAndUpdateRateAreReadFromTheFile),

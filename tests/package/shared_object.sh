@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # usage: shared_object.sh LIBRARY FOLDER
-# Checks the library's names and SONAME, immediate binding, read-only relocations, and a non-executable stack.
+# Checks the library's names and SONAME, immediate binding, read-only relocations, a non-executable stack, and that it reads
+# the environment only by secure_getenv.
 set -euo pipefail
 library=$1
 folder=$2
@@ -14,3 +15,6 @@ grep -qE 'GNU_STACK.* RW ' <<<"$segments"
 [ "$(basename "$library")" = libgvusb.so.7.1.0 ]
 [ "$(readlink "$folder/libgvusb.so.7")" = libgvusb.so.7.1.0 ]
 [ "$(readlink "$folder/libgvusb.so")" = libgvusb.so.7 ]
+imports=$(nm -D --undefined-only "$library")
+grep -q ' secure_getenv@' <<<"$imports"
+! grep -q ' getenv@' <<<"$imports"

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <fstream>
 #include <system_error>
 
@@ -13,13 +14,17 @@
 
 namespace {
 
-constexpr const char* configurationFile = "/etc/gavo/gvusb.conf";
+// The file that the library reads.
+std::string configurationFile() {
+    const char* const chosen = secure_getenv("GVUSB_CONFIG");
+    return chosen == nullptr || *chosen == '\0' ? "/etc/gavo/gvusb.conf" : chosen;
+}
 
 // The library reads only this much of the file.
 constexpr std::size_t bytesRead = 1023;
 
-constexpr std::array<std::string_view, 4> keys = {
-    "libusb_debuglevel=", "gvusb_debuglevel=", "gvusb_hotplug=", "gvusb_updaterate="};
+constexpr std::array<std::string_view, 5> keys = {
+    "libusb_debuglevel=", "gvusb_debuglevel=", "gvusb_hotplug=", "gvusb_updaterate=", "gvusb_logfile="};
 
 // The keys in the text, with their values as written.
 std::string settings(std::string_view text) {
@@ -52,7 +57,7 @@ std::string hotPlugMode() {
 } // namespace
 
 void examineConfiguration(Findings& findings) {
-    const std::string file = configurationFile;
+    const std::string file = configurationFile();
     errno = 0;
     std::ifstream stream(file, std::ios::binary);
     if (!stream) {

@@ -38,6 +38,16 @@ gvusb_hotplug = 0
     expect_status 0
 }
 
+shows_the_file_that_the_environment_names() {
+    printf 'gvusb_hotplug=0\ngvusb_logfile=%s/log\n' "$scratch" >"$scratch/my.conf"
+    shell_on_bus "GVUSB_CONFIG=\"\$scratch/my.conf\" $doctor"
+    expect_status 0
+    expect_sentence "$scratch/my.conf: gvusb_hotplug=0, gvusb_logfile=$scratch/log; hot-plug mode 0: nothing"
+    shell_on_bus "GVUSB_CONFIG=/missing $doctor"
+    expect_status 0
+    expect_sentence 'no /missing, using the defaults; hot-plug mode 1'
+}
+
 finds_a_configuration_that_cannot_be_read() {
     # Not even root can open a link to itself.
     ln -s loop "$scratch/loop"

@@ -19,6 +19,7 @@ TEST(ConfigurationText, EmptyTextGivesTheDefaults) {
         EXPECT_EQ(configuration.debugLevel, 0);
         EXPECT_EQ(configuration.hotPlugMode, 1);
         EXPECT_EQ(configuration.updateRate, 300000u);
+        EXPECT_STREQ(configuration.logFile, "");
     }
 }
 
@@ -26,11 +27,13 @@ TEST(ConfigurationText, EveryKeySetsItsOwnSetting) {
     const Configuration configuration = parsed("libusb_debuglevel=4\n"
                                                "gvusb_debuglevel=2\n"
                                                "gvusb_hotplug=2\n"
-                                               "gvusb_updaterate=250\n");
+                                               "gvusb_updaterate=250\n"
+                                               "gvusb_logfile=/tmp/log\n");
     EXPECT_EQ(configuration.libUsbDebugLevel, 4);
     EXPECT_EQ(configuration.debugLevel, 2);
     EXPECT_EQ(configuration.hotPlugMode, 2);
     EXPECT_EQ(configuration.updateRate, 250000u);
+    EXPECT_STREQ(configuration.logFile, "/tmp/log");
 }
 
 TEST(ConfigurationText, OneKeyKeepsTheOtherSettings) {
@@ -93,6 +96,17 @@ TEST(ConfigurationText, HotPlugModeIsOneCharacter) {
 
 TEST(ConfigurationText, HotPlugModeWithoutACharacterIsUnchanged) {
     EXPECT_EQ(parsed("gvusb_hotplug=").hotPlugMode, 1);
+}
+
+TEST(ConfigurationText, LogFileIsTheRestOfItsLine) {
+    EXPECT_STREQ(parsed("gvusb_logfile=stderr").logFile, "stderr");
+    EXPECT_STREQ(parsed("gvusb_logfile=/var/log/my readers.log \ngvusb_hotplug=0").logFile,
+                 "/var/log/my readers.log ");
+    EXPECT_STREQ(parsed("gvusb_logfile=/log\r\nnopnp").logFile, "/log");
+    EXPECT_STREQ(parsed("gvusb_logfile=\n/log").logFile, "");
+    const std::string longest(configurationSize - std::string("gvusb_logfile=").size(), 'x');
+    EXPECT_EQ(parsed("gvusb_logfile=" + longest).logFile, longest);
+    EXPECT_EQ(parsed("gvusb_logfile=" + std::string(3000, 'x')).logFile, std::string(configurationSize, 'x'));
 }
 
 TEST(ConfigurationText, UpdateRateIsGivenInMillisecondsOfAtLeastTen) {

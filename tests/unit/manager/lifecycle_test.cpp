@@ -9,7 +9,9 @@
 
 #include <climits>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <string>
 
@@ -222,6 +224,22 @@ TEST_F(StartTest, OnlyARegularConfigurationFileIsRead) {
         EXPECT_THAT(fake::takeCalls(), ElementsAreArray(callsWithoutFile)) << path;
     }
     unlink(fifo.c_str());
+}
+
+TEST_F(StartTest, EnvironmentNamesAnotherConfigurationFile) {
+    const std::string path = testing::TempDir() + "gvusb_config_" + std::to_string(getpid());
+    std::ofstream(path) << "gvusb_hotplug=7\n";
+    setenv("GVUSB_CONFIG", path.c_str(), 1);
+    load("nopnp");
+    EXPECT_EQ(mode(), 7);
+    EXPECT_EQ(support::configurationOpens(), 0) << "the usual file was opened too";
+    unlink(path.c_str());
+    load("nopnp");
+    EXPECT_EQ(mode(), 1) << "a missing file means the defaults, not the usual file";
+    setenv("GVUSB_CONFIG", "", 1);
+    load("nopnp");
+    EXPECT_EQ(mode(), 0) << "an empty variable is no name";
+    unsetenv("GVUSB_CONFIG");
 }
 
 TEST_F(StartTest, SignalsAreBlockedWhileLibusbStartsItsThread) {
