@@ -46,6 +46,54 @@ private:
     Mutex& m_mutex;
 };
 
+// A lock that can end before its block.
+class GVUSB_SCOPED_CAPABILITY ReleasableLock {
+public:
+    explicit ReleasableLock(Mutex& mutex) noexcept GVUSB_ACQUIRE(mutex)
+        : m_mutex(&mutex) {
+        mutex.lock();
+    }
+    ~ReleasableLock() GVUSB_RELEASE() {
+        if (m_mutex != nullptr) {
+            m_mutex->unlock();
+        }
+    }
+    ReleasableLock(const ReleasableLock&) = delete;
+    ReleasableLock& operator=(const ReleasableLock&) = delete;
+
+    // For the analysis, the mutex is released in any case.
+    void releaseIf(bool wanted) noexcept GVUSB_RELEASE() GVUSB_NO_THREAD_SAFETY_ANALYSIS {
+        if (wanted) {
+            m_mutex->unlock();
+            m_mutex = nullptr;
+        }
+    }
+
+private:
+    Mutex* m_mutex;
+};
+
+// Releases a mutex during a block, if wanted, and takes it again. For the analysis, it is released in any case.
+class GVUSB_SCOPED_CAPABILITY MutexUnlock {
+public:
+    MutexUnlock(Mutex& mutex, bool wanted) noexcept GVUSB_RELEASE(mutex) GVUSB_NO_THREAD_SAFETY_ANALYSIS
+        : m_mutex(wanted ? &mutex : nullptr) {
+        if (wanted) {
+            mutex.unlock();
+        }
+    }
+    ~MutexUnlock() GVUSB_RELEASE() GVUSB_NO_THREAD_SAFETY_ANALYSIS {
+        if (m_mutex != nullptr) {
+            m_mutex->lock();
+        }
+    }
+    MutexUnlock(const MutexUnlock&) = delete;
+    MutexUnlock& operator=(const MutexUnlock&) = delete;
+
+private:
+    Mutex* const m_mutex;
+};
+
 class Condition {
 public:
     // The pthread_cond_t is never destroyed: this would wait for waiters, in a forked child forever.
@@ -58,6 +106,7 @@ public:
         pthread_cond_wait(&m_condition, &mutex.m_mutex);
     }
     void signal() noexcept { pthread_cond_signal(&m_condition); }
+    void signalAll() noexcept { pthread_cond_broadcast(&m_condition); }
 
 private:
     pthread_cond_t m_condition = PTHREAD_COND_INITIALIZER;

@@ -1,8 +1,8 @@
 // GVDevice: the record of one attached reader, with its libusb device, its identity and, while open, its libusb handle.
 //
 // Every operation on the reader holds the record's mutex from start to end, transfers included. Construction,
-// destruction, the IsDevice tests and GetUsbDevPtr do not take it: the manager serializes them with its list mutexes.
-// No member calls the manager.
+// destruction, the IsDevice tests and GetUsbDevPtr do not take it. References are counted: a record exists until its last
+// user has released it. No member calls the manager.
 #pragma once
 
 #include "base/mutex.h"
@@ -30,7 +30,17 @@ public:
     virtual ~GVDevice() noexcept(false);
     GVDevice(const GVDevice&) = delete;
     GVDevice& operator=(const GVDevice&) = delete;
-    static void Destroy(GVDevice* device) { delete device; }
+    // Add a reference. A new record has one.
+    GVDevice* Retain() noexcept {
+        std::atomic_ref(references).fetch_add(1, std::memory_order_relaxed);
+        return this;
+    }
+    // Release a reference. The last one destroys the record.
+    static void Release(GVDevice* device) {
+        if (std::atomic_ref(device->references).fetch_sub(1, std::memory_order_acq_rel) == 1) {
+            delete device;
+        }
+    }
 
     // ---- identify.cpp
     // Whether the reader has this place on the bus, or matches the search record.
@@ -101,7 +111,7 @@ public:
     std::uint8_t spareByte = 0xFF;
     const std::uint8_t busNumber;
     const std::uint8_t devAddress;
-    // Guarded by the manager.
+    // Written under the manager's device-list mutex.
     std::int32_t devHnd;
     // The identity is written once, before the manager puts the record into a list.
     std::uint32_t devId = 0;
@@ -113,6 +123,9 @@ public:
     std::uint8_t addrOut GVUSB_GUARDED_BY(mutex) = noEndpoint;
     // 1 if the current poll has found the reader on the bus. Used by the manager.
     std::uint32_t updateMark = 0;
+    std::int32_t references = 1;
+    // The next reader that is being opened or closed. Guarded by the manager's device-list mutex.
+    GVDevice* nextChanging = nullptr;
 
 private:
     // identify.cpp
@@ -130,7 +143,7 @@ private:
     [[gnu::cold]] void LogReceived(const char* tag, const unsigned char* data, int count);
 };
 
-using OwnedDevice = Owner<GVDevice, &GVDevice::Destroy>;
+using OwnedDevice = Owner<GVDevice, &GVDevice::Release>;
 
 // open.cpp: open a libusb device. The option has no effect.
 int g_libusb_open(libusb_device* dev, libusb_device_handle** hnd, int option);

@@ -27,7 +27,7 @@ int GVDevice::OpenDevice() {
     if (const int code = SetConfiguration(); code < 0) {
         return code;
     }
-    log<Level::reader>("open", "devHnd=0x", std::hex, devHnd, " devId=0x", devId, ": ok");
+    log<Level::reader>("open", "devHnd=0x", std::hex, relaxed::load(devHnd), " devId=0x", devId, ": ok");
     return SetLastError(GVUSB_OK);
 }
 
@@ -52,7 +52,7 @@ int GVDevice::SetConfiguration() {
 int GVDevice::CloseDevice() {
     const MutexLock lock(mutex);
     CloseDev();
-    log<Level::reader>("close", "devHnd=0x", std::hex, devHnd, " devId=0x", devId, ": ok");
+    log<Level::reader>("close", "devHnd=0x", std::hex, relaxed::load(devHnd), " devId=0x", devId, ": ok");
     return SetLastError(GVUSB_OK);
 }
 

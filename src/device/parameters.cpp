@@ -14,7 +14,7 @@ int GVDevice::GetDevicePara(const char* key, char* value) {
     if (isKey(key, "TIMEOUT")) {
         writeDecimal(value, timeout);
     } else if (isKey(key, "DEVICEHND")) {
-        writeDecimal(value, usbdev_hnd == nullptr ? 0 : devHnd);
+        writeDecimal(value, usbdev_hnd == nullptr ? 0 : relaxed::load(devHnd));
     } else if (isKey(key, "DEVICE-ID")) {
         std::snprintf(value, GVUSB_PARAMETER_SIZE, "%X", devId);
     } else if (isKey(key, "DEVICENAME")) {

@@ -63,6 +63,9 @@ Configuration parseConfiguration(const char* text) {
             configuration.updateRate = microseconds(*milliseconds);
         }
     }
+    int parallel = 0;
+    readNumber("gvusb_parallel=", text, parallel);
+    configuration.parallel = parallel == 1;
     readLine("gvusb_logfile=", text, configuration.logFile);
     if (std::strstr(text, "nopnp") != nullptr) {
         configuration.hotPlugMode = 0;

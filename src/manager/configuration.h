@@ -12,6 +12,7 @@ struct Configuration {
     int debugLevel = 0;
     int hotPlugMode = 1;
     unsigned int updateRate = 300000; // microseconds
+    bool parallel = false;
     // Path of the log file, or "stderr"; empty for standard output.
     char logFile[configurationSize + 1] = {};
 };

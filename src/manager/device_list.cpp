@@ -64,11 +64,47 @@ GVDevice* GVDrvHnd::DL_DeviceOfUsbDev(const libusb_device* dev) {
     return nullptr;
 }
 
+// A hint is only a place to look first.
 GVDevice* GVDrvHnd::DL_DeviceOfDevHnd(int devHnd) {
+    std::uint32_t& hint = m_HandleHints[static_cast<unsigned int>(devHnd) % m_HandleHints.size()];
+    if (hint < m_DeviceList.size()) {
+        GVDevice* const device = m_DeviceList[hint];
+        if (device != nullptr && device->devHnd == devHnd) {
+            return device;
+        }
+    }
+    return DL_Search(devHnd, hint);
+}
+
+GVDevice* GVDrvHnd::DL_Search(int devHnd, std::uint32_t& hint) {
     const auto found = std::find_if(m_DeviceList.begin(), m_DeviceList.end(), [&](const GVDevice* device) {
         return device != nullptr && device->devHnd == devHnd;
     });
-    return found == m_DeviceList.end() ? nullptr : *found;
+    if (found == m_DeviceList.end()) {
+        return nullptr;
+    }
+    hint = static_cast<std::uint32_t>(found - m_DeviceList.begin());
+    return *found;
+}
+
+GVDevice* GVDrvHnd::UsableDevice(int devHnd) {
+    GVDevice* device = DL_DeviceOfDevHnd(devHnd);
+    while (device != nullptr && m_Changing != nullptr && IsChanging(*device)) {
+        AwaitChange();
+        device = DL_DeviceOfDevHnd(devHnd);
+    }
+    return device;
+}
+
+void GVDrvHnd::EraseFromDeviceList(const GVDevice& device) {
+    const auto erased = std::find(m_DeviceList.begin(), m_DeviceList.end(), &device);
+    const auto index = static_cast<std::size_t>(erased - m_DeviceList.begin());
+    m_DeviceList.erase(erased);
+    for (Position* position = m_Positions; position != nullptr; position = position->next) {
+        if (position->index > index) {
+            --position->index;
+        }
+    }
 }
 
 int GVDrvHnd::DL_HandleOfDeviceId(unsigned int devId) {

@@ -3,6 +3,7 @@
 #include "base/log.h"
 #include "device/gvdevice.h"
 #include "device/search_match.h"
+#include "device/usb_device_text.h"
 
 namespace {
 
@@ -19,7 +20,7 @@ void logDevices(const char* tag, const std::vector<GVDevice*>& devices) {
             logLine(tag, "dev", i, " is NULL");
         } else {
             logLine(tag, "dev", i, ": devHnd=0x", std::hex, device->devHnd, " devId=0x", device->devId,
-                    " usbDevPtr=", device->GetUsbDevPtr(), " owner=", device->owner);
+                    " usbDevPtr=", UsbDeviceText(device->usbdev), " owner=", device->owner);
         }
     }
 }

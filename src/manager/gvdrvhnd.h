@@ -3,8 +3,9 @@
 //
 // The only instance, g_GvUsbMan, lives from loading to unloading. Two mutexes guard it, always taken in this order:
 // - m_mtxScanList excludes scans and polls from each other and guards which readers have been reported.
-// - m_mtxDevList guards both lists and is held during all work on a reader.
-// A scan that opens readers holds both until they are open. Event handlers run with neither of them held, under
+// - m_mtxDevList guards both lists. A call holds it during all work on a reader, unless the call is parallel: then it
+//   releases the mutex while it waits for USB.
+// A scan that opens readers holds m_mtxScanList until they are open. Event handlers run with neither of them held, under
 // g_MtxEvtInitAry. The other members are constant after construction, or single values that are accessed atomically.
 #pragma once
 
@@ -12,16 +13,20 @@
 #include "base/own_process.h"
 #include "base/relaxed.h"
 #include "base/sequential_search.h"
+#include "device/gvdevice.h"
 #include "gvusb.h"
 #include "manager/event_handlers.h"
 #include "manager/hotplug_queue.h"
 
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string_view>
 #include <vector>
 
 #include <libusb.h>
 #include <pthread.h>
 
-class GVDevice;
 class UsbDeviceList;
 
 class GVDrvHnd {
@@ -54,7 +59,7 @@ public:
         GVUSB_EXCLUDES(m_mtxDevList);
 
     // ---- scan.cpp
-    // One of the scan options; also open what it finds if `open` is true.
+    // Do what a scan option says; also open what it finds if `open` is true.
     int Scan(int option, _GVUSB_SCANSEARCH* search, bool open) GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
 
     // ---- discover.cpp
@@ -127,6 +132,9 @@ public:
     bool DL_ReplaceDevice(GVDevice* newDev) GVUSB_REQUIRES(m_mtxDevList);
     void SL_ReplaceDevice(GVDevice* newDev, int index) GVUSB_REQUIRES(m_mtxDevList);
 
+    // Whether calls that begin now wait for USB without the device-list mutex. A call keeps the rule that it began with.
+    bool IsParallel() const noexcept { return relaxed::load(m_bParallel); }
+
     // Store and return a code.
     int SetLastError(int code) noexcept {
         relaxed::store(m_iLastError, code);
@@ -161,6 +169,7 @@ public:
     // Whether libusb has a default context. Without one, most of its functions must not be called.
     bool m_bLibUsbUsable = false;
     bool m_bThreadStarted = false; // there is a thread to join
+    bool m_bParallel = false;
     const OwnProcess m_Process;
     // Events of mode 2 that wait to be reported.
     HotPlugQueue m_HotPlugQueue{m_Process, &ReportQueued, this};
@@ -175,11 +184,41 @@ private:
     // worker.cpp
     void StopThread();
 
+    // device_list.cpp
+    // The next reader of an iteration over the device list, also if other threads close readers meanwhile.
+    struct Position {
+        std::size_t index = 0;
+        Position* next = nullptr;
+    };
+    [[gnu::cold, gnu::noinline]] GVDevice* DL_Search(int devHnd, std::uint32_t& hint)
+        GVUSB_REQUIRES(m_mtxDevList);
+    // Like DL_DeviceOfDevHnd, but wait while the reader is being opened again.
+    GVDevice* UsableDevice(int devHnd) GVUSB_REQUIRES(m_mtxDevList);
+    void EraseFromDeviceList(const GVDevice& device) GVUSB_REQUIRES(m_mtxDevList);
+
+    // on_device.h
+    template <class Operation>
+    int OnDevice(int devHnd, Operation operation) GVUSB_EXCLUDES(m_mtxDevList);
+
+    // changes.cpp
+    class Change;
+    [[gnu::cold]] bool IsChanging(const GVDevice& device) GVUSB_REQUIRES(m_mtxDevList);
+    // Whether a reader with this libusb device or device ID is being opened or closed.
+    bool IsReaderChanging(const GVDevice& device) GVUSB_REQUIRES(m_mtxDevList);
+    std::size_t CountChanges() GVUSB_REQUIRES(m_mtxDevList);
+    void BeginChange(GVDevice& device) GVUSB_REQUIRES(m_mtxDevList);
+    void EndChange(GVDevice& device) GVUSB_REQUIRES(m_mtxDevList);
+    void AwaitChange() GVUSB_REQUIRES(m_mtxDevList) { m_Changed.wait(m_mtxDevList); }
+
     // ownership.cpp
     bool IsInScanList(const GVDevice* device) GVUSB_REQUIRES(m_mtxDevList);
     bool IsInDeviceList(const GVDevice* device) GVUSB_REQUIRES(m_mtxDevList);
-    // Delete a record and make its entries in both lists null.
+    // Make a record's entries in both lists null.
+    void TakeFromLists(GVDevice* device) GVUSB_REQUIRES(m_mtxDevList);
+    // The same, and release the lists' reference.
     void DestroyDevice(GVDevice* device) GVUSB_REQUIRES(m_mtxDevList);
+    void AddToScanList(GVDevice& device) GVUSB_REQUIRES(m_mtxDevList);
+    void AddToDeviceList(GVDevice& device) GVUSB_REQUIRES(m_mtxDevList);
     void DropFromScanList(std::size_t index) GVUSB_REQUIRES(m_mtxDevList);
 
     // scan.cpp
@@ -189,29 +228,48 @@ private:
 
     // discover.cpp: the steps of a scan.
     struct ChosenDevice;
-    int RebuildScanList(_GVUSB_SCANSEARCH* search) GVUSB_REQUIRES(m_mtxScanList, m_mtxDevList);
-    std::vector<ChosenDevice> ChooseDevices(const UsbDeviceList& usbDevices, _GVUSB_SCANSEARCH* search)
+    using ChosenDevices = std::vector<ChosenDevice>;
+    // If `cursor` is given, it is the current entry afterwards, provided that there are entries.
+    int RebuildScanList(_GVUSB_SCANSEARCH* search, bool parallel, std::optional<int> cursor)
+        GVUSB_REQUIRES(m_mtxScanList, m_mtxDevList);
+    ChosenDevices ChooseDevices(const UsbDeviceList& usbDevices, _GVUSB_SCANSEARCH* search, bool parallel)
         GVUSB_REQUIRES(m_mtxDevList);
-    void ChooseOpenDevice(GVDevice& open, _GVUSB_SCANSEARCH* search, std::vector<ChosenDevice>& chosen)
+    void ChooseOpenDevice(GVDevice& open, _GVUSB_SCANSEARCH* search, ChosenDevices& chosen)
         GVUSB_REQUIRES(m_mtxDevList);
-    void ChooseNewDevice(libusb_device* usbDevice, _GVUSB_SCANSEARCH* search,
-                         std::vector<ChosenDevice>& chosen) GVUSB_REQUIRES(m_mtxDevList);
-    void FillScanList(std::vector<ChosenDevice> chosen) GVUSB_REQUIRES(m_mtxDevList);
-    void ReplaceReopenedDevices() GVUSB_REQUIRES(m_mtxDevList);
+    void ChooseNewDevice(libusb_device* usbDevice, _GVUSB_SCANSEARCH* search, bool parallel,
+                         ChosenDevices& chosen) GVUSB_REQUIRES(m_mtxDevList);
+    void FillScanList(ChosenDevices& chosen) GVUSB_REQUIRES(m_mtxDevList);
+    GVDevice* KnownDevice(const libusb_device* usbDevice) GVUSB_REQUIRES(m_mtxDevList);
+    void ReplaceReopenedDevices(ChosenDevices& chosen, bool parallel) GVUSB_REQUIRES(m_mtxDevList);
+    void FinishReplacement(ChosenDevices& chosen, ChosenDevice& entry, bool parallel)
+        GVUSB_REQUIRES(m_mtxDevList);
+
+    // replace.cpp
+    struct Replacement;
+    // Replace a record in the device list, without opening the new one yet.
+    Replacement ReplaceListed(GVDevice& newDev) GVUSB_REQUIRES(m_mtxDevList);
+    Replacement ReplaceScanned(GVDevice& newDev, std::size_t index) GVUSB_REQUIRES(m_mtxDevList);
+    // Release the old record, and open the new one if the old one was open.
+    void FinishReplacement(GVDevice& newDev, Replacement& replacement, bool parallel)
+        GVUSB_REQUIRES(m_mtxDevList);
 
     // scan_list.cpp
+    GVDevice* ScannedDevice(int index) GVUSB_REQUIRES(m_mtxDevList);
     int CountScanList() GVUSB_REQUIRES(m_mtxDevList);
     void EmptyScanList() GVUSB_REQUIRES(m_mtxDevList);
 
     // opening.cpp
-    int OpenScanned(GVDevice& device) GVUSB_REQUIRES(m_mtxDevList);
-    int OpenEntry(GVDevice& device) GVUSB_REQUIRES(m_mtxDevList);
-    int OpenEntryAt(int index) GVUSB_REQUIRES(m_mtxDevList);
-    int OpenEveryEntry() GVUSB_REQUIRES(m_mtxDevList);
+    bool IsReplaced(const GVDevice& device) GVUSB_REQUIRES(m_mtxDevList);
+    int OpenScanned(GVDevice& device, bool parallel) GVUSB_REQUIRES(m_mtxDevList);
+    int OpenEntry(GVDevice& device, bool parallel) GVUSB_REQUIRES(m_mtxDevList);
+    int OpenEntryAt(int index, bool parallel) GVUSB_REQUIRES(m_mtxDevList);
+    int OpenEveryEntry(bool parallel) GVUSB_REQUIRES(m_mtxDevList);
 
     // parameters.cpp
     int GetDriverPara(const char* key, char* value);
     int SetDriverPara(const char* key, const char* value);
+    int SetSwitch(bool& setting, std::string_view value);
+    class Iteration;
     int SetEveryDevicePara(const char* key, const char* value) GVUSB_EXCLUDES(m_mtxDevList);
 
     // probe.cpp
@@ -242,13 +300,24 @@ private:
     // hotplug_polling.cpp
     // Compare the lists with the bus and record the reports that are due.
     Reports BeginReports() GVUSB_EXCLUDES(m_mtxScanList, m_mtxDevList);
-    Reports CompareWithBus() GVUSB_REQUIRES(m_mtxScanList, m_mtxDevList);
-    void UpdateFromUsbDevice(libusb_device* usbDevice, std::vector<Report>& arrived)
+    Reports CompareWithBus(std::vector<GVDevice*>& known, bool parallel)
+        GVUSB_REQUIRES(m_mtxScanList, m_mtxDevList);
+    void UpdateFromUsbDevice(libusb_device* usbDevice, std::vector<GVDevice*>& known, bool parallel,
+                             std::vector<Report>& arrived) GVUSB_REQUIRES(m_mtxScanList, m_mtxDevList);
+    void TakeBack(OwnedDevice reconnected, std::vector<GVDevice*>& known, std::size_t index, bool parallel)
         GVUSB_REQUIRES(m_mtxScanList, m_mtxDevList);
 
     // A poll looks for the known readers in the order of the bus, which is usually that of the lists.
     SequentialSearch m_ScanListSearch GVUSB_GUARDED_BY(m_mtxDevList);
     SequentialSearch m_ReportedSearch GVUSB_GUARDED_BY(m_mtxScanList);
+    // Where in the device list a handle was found last. Handles are mostly consecutive numbers, so up to this many readers
+    // are found at once.
+    std::array<std::uint32_t, 1024> m_HandleHints GVUSB_GUARDED_BY(m_mtxDevList) = {};
+    // Iterations over the device list in progress.
+    Position* m_Positions GVUSB_GUARDED_BY(m_mtxDevList) = nullptr;
+    // Readers that a thread is opening or closing.
+    GVDevice* m_Changing GVUSB_GUARDED_BY(m_mtxDevList) = nullptr;
+    Condition m_Changed;
 };
 
 extern GVDrvHnd g_GvUsbMan;

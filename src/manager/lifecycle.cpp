@@ -63,6 +63,7 @@ GVDrvHnd::GVDrvHnd() {
         m_iLibUsbDebugLevel = configuration->libUsbDebugLevel;
         m_iDebugLevel = configuration->debugLevel;
         m_iHotPlugMode = configuration->hotPlugMode;
+        relaxed::store(m_bParallel, configuration->parallel);
         relaxed::store(m_uiUpdateRate, configuration->updateRate);
         if (configuration->logFile[0] != '\0') {
             openLogFile(configuration->logFile);
@@ -146,6 +147,9 @@ void GVDrvHnd::LogStart(const libusb_version& libUsbVersion) {
     logLine("init", "gvUSB-Version=", version::major, ".", version::minor, ".", version::patch, "  ");
     logLine("init", "gvUSB-DebugLevel=", m_iDebugLevel);
     logLine("init", "gvUSB-UseHotPlug=", m_iHotPlugMode);
+    if (IsParallel()) {
+        logLine("init", "gvUSB-Parallel=1");
+    }
 }
 
 void GVDrvHnd::RegisterHotPlugCallbacks() {

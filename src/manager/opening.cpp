@@ -2,11 +2,16 @@
 
 #include "base/log.h"
 #include "device/gvdevice.h"
+#include "manager/changes.h"
+#include "manager/kept_records.h"
 #include "manager/opening.h"
 
 #include <algorithm>
 
 namespace {
+
+// The lists may have changed. The caller searches for the reader again.
+constexpr int searchAgain = 1;
 
 void closeDevice(GVDevice* device) {
     const MutexLock lock(device->mutex);
@@ -29,49 +34,86 @@ int openOrLeaveClosed(GVDevice& device) {
     return code;
 }
 
-// Open an entry of the scan list and put it into the device list.
-int GVDrvHnd::OpenScanned(GVDevice& device) {
-    m_DeviceList.reserve(m_DeviceList.size() + 1);
-    if (const int code = openOrLeaveClosed(device); code != 0) {
+// Whether a scan or a poll has found the reader again since the call began to open it, and has given its place to another
+// record.
+bool GVDrvHnd::IsReplaced(const GVDevice& device) {
+    if (IsInScanList(&device) || IsInDeviceList(&device)) {
+        return false;
+    }
+    return SL_IndexOfDevId(device.devId) >= 0 || DL_DeviceOfDevHnd(device.devHnd) != nullptr;
+}
+
+// Open an entry of the scan list and put it into the device list. Return 0, the code of the failure or searchAgain.
+int GVDrvHnd::OpenScanned(GVDevice& device, bool parallel) {
+    // Other threads that are opening readers need room in the list, too.
+    m_DeviceList.reserve(m_DeviceList.size() + CountChanges() + 1);
+    const OwnedDevice used(device.Retain());
+    Change change(*this, device);
+    int code;
+    {
+        const MutexUnlock usb(m_mtxDevList, parallel);
+        code = openOrLeaveClosed(device);
+    }
+    if (code != 0) {
         log<Level::manager>("open device", "devId=0x", std::hex, device.devId, ": return-code=", std::dec,
                             code);
         return code;
     }
-    // A reader with the device ID 0 cannot be looked up by its ID, so it may be in the list already.
-    if (!IsInDeviceList(&device)) {
-        m_DeviceList.push_back(&device);
+    if (IsReplaced(device)) {
+        const MutexUnlock usb(m_mtxDevList, parallel);
+        closeDevice(&device);
+        return searchAgain;
     }
-    device.owner = false;
+    AddToDeviceList(device);
     log<Level::manager>("open device", "devId=0x", std::hex, device.devId, ": ok");
     return GVUSB_OK;
 }
 
-// Open one entry. Return its handle or the code of the failure.
-int GVDrvHnd::OpenEntry(GVDevice& device) {
+// Open one entry. Return its handle, the code of the failure or searchAgain.
+int GVDrvHnd::OpenEntry(GVDevice& device, bool parallel) {
     if (const int devHnd = DL_HandleOfDeviceId(device.devId); devHnd != 0) {
         return devHnd;
     }
-    if (const int code = OpenScanned(device); code != 0) {
-        return SetLastError(code);
+    if (IsReaderChanging(device)) {
+        AwaitChange();
+        return searchAgain;
+    }
+    const int devHnd = device.devHnd;
+    if (const int code = OpenScanned(device, parallel); code != 0) {
+        return code == searchAgain ? code : SetLastError(code);
     }
     logDeviceList();
     SetLastError(GVUSB_OK);
-    return device.devHnd;
+    return devHnd;
 }
 
 int GVDrvHnd::OpenAllDevices() {
+    const bool parallel = IsParallel();
     const MutexLock lock(m_mtxDevList);
-    return OpenEveryEntry();
+    return OpenEveryEntry(parallel);
 }
 
-int GVDrvHnd::OpenEveryEntry() {
+// Open the readers that are in the scan list now, whatever other threads do to the list meanwhile.
+int GVDrvHnd::OpenEveryEntry(bool parallel) {
+    KeptRecords kept;
+    if (parallel) {
+        kept.keep(m_ScanList);
+    }
+    std::vector<GVDevice*>& records = parallel ? kept.records : m_ScanList;
     int lastFailure = GVUSB_OK;
-    for (GVDevice* device : m_ScanList) {
+    for (std::size_t i = 0; i < records.size();) {
+        GVDevice* const device = records[i];
         if (device == nullptr || DL_HandleOfDeviceId(device->devId) != 0) {
-            continue;
-        }
-        if (const int code = OpenScanned(*device); code != 0) {
-            lastFailure = code;
+            ++i;
+        } else if (IsReaderChanging(*device)) {
+            AwaitChange();
+        } else if (IsReplaced(*device)) {
+            GVDevice* const successor = ScannedDevice(SL_IndexOfDevId(device->devId));
+            records[i] = successor == nullptr ? nullptr : successor->Retain();
+            GVDevice::Release(device);
+        } else if (const int code = OpenScanned(*device, parallel); code != searchAgain) {
+            lastFailure = code != 0 ? code : lastFailure;
+            ++i;
         }
     }
     logDeviceList();
@@ -79,51 +121,65 @@ int GVDrvHnd::OpenEveryEntry() {
 }
 
 int GVDrvHnd::OpenDevice(int index) {
+    const bool parallel = IsParallel();
     const MutexLock lock(m_mtxDevList);
-    return OpenEntryAt(index);
+    return OpenEntryAt(index, parallel);
 }
 
-int GVDrvHnd::OpenEntryAt(int index) {
-    if (index < 0 || static_cast<std::size_t>(index) >= m_ScanList.size()) {
-        return SetLastError(GVUSB_ERR_INDEX_OUT_OF_RANGE);
+int GVDrvHnd::OpenEntryAt(int index, bool parallel) {
+    int result = searchAgain;
+    while (result == searchAgain) {
+        if (index < 0 || static_cast<std::size_t>(index) >= m_ScanList.size()) {
+            return SetLastError(GVUSB_ERR_INDEX_OUT_OF_RANGE);
+        }
+        GVDevice* const device = ScannedDevice(index);
+        if (device == nullptr) {
+            return SetLastError(GVUSB_ERR_UNKNOWN_ERROR_CODE);
+        }
+        result = OpenEntry(*device, parallel);
     }
-    GVDevice* const device = m_ScanList[static_cast<std::size_t>(index)];
-    if (device == nullptr) {
-        return SetLastError(GVUSB_ERR_UNKNOWN_ERROR_CODE);
-    }
-    return OpenEntry(*device);
+    return result;
 }
 
 int GVDrvHnd::OpenDevice(unsigned int devId) {
+    const bool parallel = IsParallel();
     const MutexLock lock(m_mtxDevList);
-    const auto found = std::find_if(m_ScanList.begin(), m_ScanList.end(), [&](const GVDevice* device) {
-        return device != nullptr && device->devId == devId;
-    });
-    if (found == m_ScanList.end()) {
-        log<Level::manager>("open device", "devId=0x", std::hex, devId, " not scanned");
-        return SetLastError(GVUSB_ERR_NOT_SCANNED);
+    int result = searchAgain;
+    while (result == searchAgain) {
+        const auto found = std::find_if(m_ScanList.begin(), m_ScanList.end(), [&](const GVDevice* device) {
+            return device != nullptr && device->devId == devId;
+        });
+        if (found == m_ScanList.end()) {
+            log<Level::manager>("open device", "devId=0x", std::hex, devId, " not scanned");
+            return SetLastError(GVUSB_ERR_NOT_SCANNED);
+        }
+        result = OpenEntry(**found, parallel);
     }
-    return OpenEntry(**found);
+    return result;
 }
 
+// The handle is unknown from the beginning on. Calls that are using the reader end first.
 int GVDrvHnd::CloseDevice(int devHnd) {
+    const bool parallel = IsParallel();
     const MutexLock lock(m_mtxDevList);
-    const auto found = std::find_if(m_DeviceList.begin(), m_DeviceList.end(), [&](const GVDevice* device) {
-        return device != nullptr && device->devHnd == devHnd;
-    });
-    if (found == m_DeviceList.end()) {
+    GVDevice* const device = UsableDevice(devHnd);
+    if (device == nullptr) {
         log<Level::manager>("close device", "devHnd=0x", std::hex, devHnd, " not in device list");
         return SetLastError(GVUSB_ERR_HANDLE_NOT_FOUND);
     }
-    GVDevice* const device = *found;
-    m_DeviceList.erase(found);
+    EraseFromDeviceList(*device);
     const unsigned int devId = device->devId;
     const bool stillScanned = IsInScanList(device);
-    OwnedDevice unlisted(stillScanned ? nullptr : device);
+    OwnedDevice used(stillScanned ? device->Retain() : device);
     device->owner = true;
-    device->CloseDevice();
+    Change change(*this, *device);
+    {
+        const MutexUnlock usb(m_mtxDevList, parallel);
+        device->CloseDevice();
+    }
+    change.end();
     SetLastError(GVUSB_OK);
-    unlisted.reset();
+    used.reset();
     log<Level::manager>("close device", "devHnd=0x", std::hex, devHnd, " devId=0x", devId,
                         stillScanned ? ":done - device still in scan list"
                                      : ":done - device object destroyed");

@@ -7,5 +7,6 @@ class GVDevice;
 // the next attempt opens it again. This does not change its last error.
 int openOrLeaveClosed(GVDevice& device);
 
-// The caller holds the device-list mutex, under which readers are opened and closed, so the device's own is not needed.
+// The caller holds the device-list mutex, and no other thread is opening or closing the reader, so the device's own mutex is not
+// needed.
 bool isOpen(const GVDevice& device);

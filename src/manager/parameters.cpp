@@ -1,4 +1,4 @@
-#include "manager/gvdrvhnd.h"
+#include "manager/on_device.h"
 
 #include "base/key_text.h"
 #include "base/log.h"
@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -21,6 +22,45 @@ void logParameter(const char* tag, int devHnd, const char* key, const char* valu
 
 } // namespace
 
+// Iterates over the readers of the device list, under its mutex. Other threads may close readers when the mutex is released
+// between two steps.
+class GVDrvHnd::Iteration {
+public:
+    explicit Iteration(GVDrvHnd& manager) noexcept GVUSB_REQUIRES(manager.m_mtxDevList)
+        : m_manager(manager) {
+        m_position.next = std::exchange(manager.m_Positions, &m_position);
+    }
+    ~Iteration() GVUSB_NO_THREAD_SAFETY_ANALYSIS {
+        Position** link = &m_manager.m_Positions;
+        while (*link != &m_position) {
+            link = &(*link)->next;
+        }
+        *link = m_position.next;
+    }
+    Iteration(const Iteration&) = delete;
+    Iteration& operator=(const Iteration&) = delete;
+
+    // Return the next reader, or null at the end. Wait while it is being opened again.
+    GVDevice* next() GVUSB_NO_THREAD_SAFETY_ANALYSIS {
+        while (m_position.index < m_manager.m_DeviceList.size()) {
+            GVDevice* const device = m_manager.m_DeviceList[m_position.index];
+            if (device != nullptr && m_manager.IsChanging(*device)) {
+                m_manager.AwaitChange();
+                continue;
+            }
+            ++m_position.index;
+            if (device != nullptr) {
+                return device;
+            }
+        }
+        return nullptr;
+    }
+
+private:
+    GVDrvHnd& m_manager;
+    Position m_position;
+};
+
 int GVDrvHnd::GetDevicePara(int devHnd, const char* key, char* value) {
     int code;
     if (devHnd == GVUSB_DRIVER) {
@@ -32,10 +72,8 @@ int GVDrvHnd::GetDevicePara(int devHnd, const char* key, char* value) {
                 return SetLastError(GVUSB_ERR_EMPTY_DEVICE_LIST);
             }
         }
-        const MutexLock lock(m_mtxDevList);
-        GVDevice* const device = DL_DeviceOfDevHnd(devHnd);
-        code = SetLastError(device == nullptr ? int{GVUSB_ERR_HANDLE_NOT_FOUND}
-                                              : device->GetDevicePara(key, value));
+        code = OnDevice(devHnd,
+                        [&](GVDevice& device) { return SetLastError(device.GetDevicePara(key, value)); });
     }
     logParameter("get device para", devHnd, key, value, GVUSB_PARAMETER_SIZE, code);
     return code;
@@ -48,10 +86,8 @@ int GVDrvHnd::SetDevicePara(int devHnd, const char* key, const char* value) {
     } else if (devHnd == GVUSB_ALL_DEVICES) {
         code = SetEveryDevicePara(key, value);
     } else {
-        const MutexLock lock(m_mtxDevList);
-        GVDevice* const device = DL_DeviceOfDevHnd(devHnd);
-        code = SetLastError(device == nullptr ? int{GVUSB_ERR_HANDLE_NOT_FOUND}
-                                              : device->SetDevicePara(key, value));
+        code = OnDevice(devHnd,
+                        [&](GVDevice& device) { return SetLastError(device.SetDevicePara(key, value)); });
     }
     logParameter("set device para", devHnd, key, value, std::string_view::npos, code);
     return code;
@@ -60,6 +96,10 @@ int GVDrvHnd::SetDevicePara(int devHnd, const char* key, const char* value) {
 int GVDrvHnd::GetDriverPara(const char* key, char* value) {
     if (isKey(key, "HOTPLUG-MODE")) {
         std::snprintf(value, GVUSB_PARAMETER_SIZE, "%u", static_cast<unsigned int>(m_iHotPlugMode));
+        return SetLastError(GVUSB_OK);
+    }
+    if (isKey(key, "PARALLEL")) {
+        std::snprintf(value, GVUSB_PARAMETER_SIZE, "%d", IsParallel() ? 1 : 0);
         return SetLastError(GVUSB_OK);
     }
     return SetLastError(GVUSB_ERR_UNKNOWN_PARAMETER);
@@ -73,26 +113,41 @@ int GVDrvHnd::SetDriverPara(const char* key, const char* value) {
         }
         relaxed::store(m_uiUpdateRate, *microseconds);
     } else if (isKey(key, "HOTPLUG-SUSPEND")) {
-        const std::string_view suspend(value);
-        if (suspend != "0" && suspend != "1") {
-            return SetLastError(GVUSB_ERR_OUT_OF_RANGE);
-        }
-        relaxed::store(m_bSuspend, suspend == "1");
+        return SetSwitch(m_bSuspend, value);
+    } else if (isKey(key, "PARALLEL")) {
+        return SetSwitch(m_bParallel, value);
     } else {
         return SetLastError(GVUSB_ERR_UNKNOWN_PARAMETER);
     }
     return SetLastError(GVUSB_OK);
 }
 
+int GVDrvHnd::SetSwitch(bool& setting, std::string_view value) {
+    if (value != "0" && value != "1") {
+        return SetLastError(GVUSB_ERR_OUT_OF_RANGE);
+    }
+    relaxed::store(setting, value == "1");
+    return SetLastError(GVUSB_OK);
+}
+
 // Set a parameter of every open reader, in order, until one refuses. If none is open, return the unchanged last error.
 int GVDrvHnd::SetEveryDevicePara(const char* key, const char* value) {
+    const bool parallel = IsParallel();
     const MutexLock lock(m_mtxDevList);
     int code = relaxed::load(m_iLastError);
-    for (GVDevice* device : m_DeviceList) {
-        if (device == nullptr) {
+    Iteration iteration(*this);
+    while (GVDevice* const device = iteration.next()) {
+        const OwnedDevice used(device->Retain());
+        int result;
+        {
+            const MutexUnlock usb(m_mtxDevList, parallel);
+            result = device->SetDevicePara(key, value);
+        }
+        // A reader that another thread has closed meanwhile does not count.
+        if (result != 0 && !IsInDeviceList(device)) {
             continue;
         }
-        code = SetLastError(device->SetDevicePara(key, value));
+        code = SetLastError(result);
         if (code != 0) {
             break;
         }

@@ -23,33 +23,36 @@ int GVDrvHnd::Scan(int option, _GVUSB_SCANSEARCH* search, bool open) {
     }
 }
 
-// Both mutexes are held until the readers are open, so that no other thread's scan changes the list in between.
+// The scan-list mutex is held until the readers are open, so that no other thread's scan changes the list in between.
 int GVDrvHnd::ScanAll(_GVUSB_SCANSEARCH* search, bool open) {
     logScanSearchOpt(search);
+    const bool parallel = IsParallel();
     const MutexLock scanLock(m_mtxScanList);
     const MutexLock listLock(m_mtxDevList);
-    m_iScanCursor = -1;
-    if (RebuildScanList(search) <= 0) {
+    if (!parallel) {
+        m_iScanCursor = -1;
+    }
+    if (RebuildScanList(search, parallel, -1) <= 0) {
         return SetLastError(GVUSB_ERR_NO_DEVICE_FOUND);
     }
     SetLastError(GVUSB_OK);
-    return open ? OpenEveryEntry() : GVUSB_OK;
+    return open ? OpenEveryEntry(parallel) : GVUSB_OK;
 }
 
 int GVDrvHnd::ScanFirst(_GVUSB_SCANSEARCH* search, bool open) {
     logScanSearchOpt(search);
+    const bool parallel = IsParallel();
     const MutexLock scanLock(m_mtxScanList);
     const MutexLock listLock(m_mtxDevList);
-    if (RebuildScanList(search) <= 0) {
-        m_iScanCursor = -1;
+    if (RebuildScanList(search, parallel, 0) <= 0) {
         return SetLastError(GVUSB_ERR_NO_DEVICE_FOUND);
     }
     SetLastError(GVUSB_OK);
-    m_iScanCursor = 0;
-    return open ? OpenEntryAt(0) : GVUSB_OK;
+    return open ? OpenEntryAt(0, parallel) : GVUSB_OK;
 }
 
 int GVDrvHnd::ScanNext(bool open) {
+    const bool parallel = IsParallel();
     const MutexLock lock(m_mtxDevList);
     if (m_iScanCursor < 0) {
         return SetLastError(GVUSB_ERR_NO_CURRENT_ENTRY);
@@ -60,5 +63,5 @@ int GVDrvHnd::ScanNext(bool open) {
         return SetLastError(GVUSB_ERR_NO_DEVICE_FOUND);
     }
     m_iScanCursor = next;
-    return open ? OpenEntryAt(next) : next;
+    return open ? OpenEntryAt(next, parallel) : next;
 }

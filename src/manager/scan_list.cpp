@@ -2,15 +2,27 @@
 
 #include "base/log.h"
 #include "device/gvdevice.h"
+#include "manager/list_search.h"
 
 int GVDrvHnd::GetScanListPara(int index, const char* key, char* value) {
-    const MutexLock lock(m_mtxDevList);
-    GVDevice* device = nullptr;
-    if (index >= 0 && static_cast<std::size_t>(index) < m_ScanList.size()) {
-        device = m_ScanList[static_cast<std::size_t>(index)];
+    const bool parallel = IsParallel();
+    ReleasableLock lock(m_mtxDevList);
+    GVDevice* device = ScannedDevice(index);
+    while (device != nullptr && IsChanging(*device)) {
+        AwaitChange();
+        device = ScannedDevice(index);
     }
-    return SetLastError(device == nullptr ? int{GVUSB_NO_SCAN_LIST_ENTRY}
-                                          : device->GetDevicePara(key, value));
+    if (device == nullptr) {
+        return SetLastError(GVUSB_NO_SCAN_LIST_ENTRY);
+    }
+    const OwnedDevice used(device->Retain());
+    lock.releaseIf(parallel);
+    return SetLastError(used->GetDevicePara(key, value));
+}
+
+GVDevice* GVDrvHnd::ScannedDevice(int index) {
+    const auto position = static_cast<std::size_t>(index);
+    return index < 0 || position >= m_ScanList.size() ? nullptr : m_ScanList[position];
 }
 
 int GVDrvHnd::GetScanListSize() {
@@ -44,13 +56,5 @@ GVDevice* GVDrvHnd::SL_DeviceOfUsbDev(const libusb_device* dev) {
 }
 
 int GVDrvHnd::SL_IndexOfDevId(unsigned int devId) {
-    if (devId == 0) {
-        return -1;
-    }
-    for (std::size_t i = 0; i < m_ScanList.size(); ++i) {
-        if (m_ScanList[i] != nullptr && m_ScanList[i]->devId == devId) {
-            return static_cast<int>(i);
-        }
-    }
-    return -1;
+    return indexOfDevId(m_ScanList, devId);
 }

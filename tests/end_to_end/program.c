@@ -107,6 +107,13 @@ static bool run_child(struct program_run* run, const char* name, const char* fir
 static bool run_child_with_preload(struct program_run* run, const char* configuration, const char* name,
                                    const char* first, const char* second, const char* third) {
     char file[] = "/tmp/gvusb-test-XXXXXX";
+    /* In parallel mode, the program has a configuration of its own; its children get theirs and the mode. */
+    char text[4096];
+    if (getenv("GVUSB_TEST_PARALLEL") != NULL) {
+        unsetenv("GVUSB_CONFIG");
+        snprintf(text, sizeof text, "%s\ngvusb_parallel=1\n", configuration != NULL ? configuration : "");
+        configuration = text;
+    }
     if (configuration != NULL) {
         write_text(mkstemp(file), configuration);
     }

@@ -15,12 +15,12 @@ constexpr const char* tooLong =
     "TIMEOUTTIMEOUTTIMEOUTTIMEOUTTIMEOUTTIMEOUTTIMEOUTTIMEOUTTIMEOUTTIMEOUTTIMEOUTTIMEOUTTIMEOUTTIMEOUT"
     "TIMEOUTTIMEOUTTIMEOUTTIMEOUTTIMEOUTTIMEOUTTIMEOUT";
 
-constexpr std::array<const char*, 15> readKeys = {
+constexpr std::array<const char*, 16> readKeys = {
     "DEVICEHND",    "DEVICE-ID",          "device-id", "TIMEOUT", "DEVICENAME", "FAMILYNAME",
     "INTERFACE",    "TYPENUMBER",         "RESETPIPE", "",        tooLong,      "DEVICE-ID ",
-    "HOTPLUG-MODE", "HOTPLUG-UPDATERATE", nullptr};
+    "HOTPLUG-MODE", "HOTPLUG-UPDATERATE", nullptr,     "PARALLEL"};
 
-constexpr std::array<const char*, 11> writeKeys = {"TIMEOUT",
+constexpr std::array<const char*, 12> writeKeys = {"TIMEOUT",
                                                    "timeout",
                                                    "RESETPIPE",
                                                    "ResetDevice",
@@ -30,7 +30,8 @@ constexpr std::array<const char*, 11> writeKeys = {"TIMEOUT",
                                                    "HOTPLUG-MODE",
                                                    "",
                                                    tooLong,
-                                                   nullptr};
+                                                   nullptr,
+                                                   "PARALLEL"};
 
 constexpr std::array<const char*, 14> writeValues = {
     "1",  "0", "10",   "9", "250", "-1", "", "x", " 77 ms", "4294967296", "99999999999999999999",
@@ -75,7 +76,8 @@ void checkWriting(const Session& session, GVDevice& record, const char* key, int
 }
 
 void checkDriverWriting(const char* key, int result) {
-    const bool known = isKey(key, "HOTPLUG-UPDATERATE") || isKey(key, "HOTPLUG-SUSPEND");
+    const bool known =
+        isKey(key, "HOTPLUG-UPDATERATE") || isKey(key, "HOTPLUG-SUSPEND") || isKey(key, "PARALLEL");
     expect(known ? result == 0 || result == GVUSB_ERR_OUT_OF_RANGE : result == GVUSB_ERR_UNKNOWN_PARAMETER,
            "the result for the driver's parameter");
 }
@@ -146,9 +148,12 @@ void getDevicePara(Session& session) {
     } else if (key.text() == nullptr || value.buffer() == nullptr) {
         expectEqual(*result, int{GVUSB_ERR_NULL_POINTER}, "the result for a null pointer");
     } else if (devHnd == GVUSB_DRIVER) {
-        const bool known = isKey(key.text(), "HOTPLUG-MODE");
+        const bool known = isKey(key.text(), "HOTPLUG-MODE") || isKey(key.text(), "PARALLEL");
         expectEqual(*result, known ? 0 : int{GVUSB_ERR_UNKNOWN_PARAMETER}, "the result of the driver");
-        expect(!known || std::strcmp(value.buffer(), "2") == 0, "the mode is wrong");
+        const char* const expected = !isKey(key.text(), "PARALLEL") ? "2"
+                                     : g_GvUsbMan.IsParallel()      ? "1"
+                                                                    : "0";
+        expect(!known || std::strcmp(value.buffer(), expected) == 0, "the mode is wrong");
     } else if (devHnd == GVUSB_ALL_DEVICES && session.model.readers().empty()) {
         expectEqual(*result, int{GVUSB_ERR_EMPTY_DEVICE_LIST}, "the result without any reader");
     } else {

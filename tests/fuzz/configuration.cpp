@@ -36,6 +36,7 @@ void checkManager(const Configuration& configuration) {
     fuzz::expect(g_GvUsbMan.m_iLibUsbDebugLevel == configuration.libUsbDebugLevel,
                  "libusb's debug level is that of the file");
     fuzz::expect(GVLOG_Level() == configuration.debugLevel, "the log level is that of the file");
+    fuzz::expect(g_GvUsbMan.IsParallel() == configuration.parallel, "parallel mode is that of the file");
     fuzz::expect(relaxed::load(g_GvUsbMan.m_bSuspend) == (mode != 1), "only mode 1 polls");
     fuzz::expect(fake_libusb::registeredCallbacks() == (mode == 2 ? 2 : 0), "only mode 2 has callbacks");
     fuzz::expect(g_GvUsbMan.m_bThreadStarted, "the worker runs");

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdlib>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -87,7 +88,7 @@ int openConfiguration(int flags) {
     }
     switch (present.kind) {
     case Kind::text:
-        return openText(present.text);
+        return openText(support::inParallelSuite() ? present.text + "\ngvusb_parallel=1\n" : present.text);
     case Kind::unreadable:
         errno = EACCES;
         return -1;
@@ -125,6 +126,11 @@ extern "C" int open64(const char* path, int flags, ...) {
 }
 
 namespace support {
+
+bool inParallelSuite() {
+    static const bool parallel = std::getenv("GVUSB_TEST_PARALLEL") != nullptr;
+    return parallel;
+}
 
 void setConfigurationText(std::optional<std::string> text) {
     if (text) {

@@ -14,6 +14,10 @@ extern "C" [[gnu::weak]] const char* gvusbTestInitialConfiguration();
 
 namespace support {
 
+// Whether the environment variable GVUSB_TEST_PARALLEL is set. Then "gvusb_parallel=1" is appended to every text, so that the
+// same tests run in the other mode.
+bool inParallelSuite();
+
 // Set the text of the file; nullopt means that the file is missing, as it is initially.
 void setConfigurationText(std::optional<std::string> text);
 

@@ -183,9 +183,9 @@ TEST_F(ClosingTest, ScanAfterClosingCreatesANewRecord) {
 TEST_F(ClosingTest, OnlyTheDeviceListMutexIsHeld) {
     openThree();
     int calls = 0;
-    fake::setHook([&](std::string_view, std::string_view) {
+    fake::setHook([&](std::string_view function, std::string_view) {
         ++calls;
-        EXPECT_TRUE(support::isHeld(g_GvUsbMan.m_mtxDevList));
+        EXPECT_TRUE(isGuarded(function));
         EXPECT_FALSE(support::isHeld(g_GvUsbMan.m_mtxScanList));
     });
     GVUSB_CloseDevice(firstHandle);

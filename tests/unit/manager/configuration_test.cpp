@@ -19,6 +19,7 @@ TEST(ConfigurationText, EmptyTextGivesTheDefaults) {
         EXPECT_EQ(configuration.debugLevel, 0);
         EXPECT_EQ(configuration.hotPlugMode, 1);
         EXPECT_EQ(configuration.updateRate, 300000u);
+        EXPECT_FALSE(configuration.parallel);
         EXPECT_STREQ(configuration.logFile, "");
     }
 }
@@ -96,6 +97,14 @@ TEST(ConfigurationText, HotPlugModeIsOneCharacter) {
 
 TEST(ConfigurationText, HotPlugModeWithoutACharacterIsUnchanged) {
     EXPECT_EQ(parsed("gvusb_hotplug=").hotPlugMode, 1);
+}
+
+TEST(ConfigurationText, ParallelModeIsOneOrOff) {
+    EXPECT_TRUE(parsed("gvusb_parallel=1").parallel);
+    EXPECT_TRUE(parsed("gvusb_parallel= +1x").parallel);
+    for (const char* value : {"0", "2", "-1", "10", "", "yes", "4294967297"}) {
+        EXPECT_FALSE(parsed("gvusb_parallel=" + std::string(value)).parallel) << value;
+    }
 }
 
 TEST(ConfigurationText, LogFileIsTheRestOfItsLine) {

@@ -57,7 +57,7 @@ TEST_F(DiscoverFaultsTest, BothListMutexesAreHeldFromTheEnumerationToTheEnd) {
     fake::setHook([&](std::string_view function, std::string_view device) {
         ++calls;
         const bool scanHeld = support::isHeld(g_GvUsbMan.m_mtxScanList);
-        const bool listHeld = support::isHeld(g_GvUsbMan.m_mtxDevList);
+        const bool listHeld = isGuarded(function);
         if (!scanHeld || !listHeld) {
             unguarded.push_back(std::string(function) + " of " + std::string(device));
         }

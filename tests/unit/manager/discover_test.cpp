@@ -73,9 +73,13 @@ TEST_F(DiscoverTest, FormerReadersAreDestroyedBeforeTheBusIsListed) {
     fake::unplug("dev1");
     fake::takeCalls();
     EXPECT_EQ(scan(), 0);
-    EXPECT_EQ(fake::takeCallText(), "libusb_unref_device(dev1)\n"
-                                    "libusb_get_device_list(default) = 0\n"
-                                    "libusb_free_device_list(list, 1)\n");
+    // In parallel mode, other threads see the former list until the new one is complete.
+    EXPECT_EQ(fake::takeCallText(), support::inParallelSuite() ? "libusb_get_device_list(default) = 0\n"
+                                                                 "libusb_unref_device(dev1)\n"
+                                                                 "libusb_free_device_list(list, 1)\n"
+                                                               : "libusb_unref_device(dev1)\n"
+                                                                 "libusb_get_device_list(default) = 0\n"
+                                                                 "libusb_free_device_list(list, 1)\n");
 }
 
 TEST_F(DiscoverTest, ReadersAreInBusOrderAlsoWithEqualDeviceIds) {
@@ -222,8 +226,10 @@ TEST_F(DiscoverTest, FailedOrEmptyEnumerationEmptiesTheScanList) {
     fake::failNext("libusb_get_device_list", LIBUSB_ERROR_NO_MEM);
     EXPECT_EQ(scan(), 0);
     EXPECT_THAT(scanList(), IsEmpty());
-    EXPECT_EQ(fake::takeCallText(), "libusb_unref_device(dev1)\n"
-                                    "libusb_get_device_list(default) = -11\n");
+    EXPECT_EQ(fake::takeCallText(), support::inParallelSuite() ? "libusb_get_device_list(default) = -11\n"
+                                                                 "libusb_unref_device(dev1)\n"
+                                                               : "libusb_unref_device(dev1)\n"
+                                                                 "libusb_get_device_list(default) = -11\n");
 }
 
 TEST_F(DiscoverTest, DeviceWithoutReadableDescriptorIsNotUsable) {

@@ -100,9 +100,9 @@ TEST_F(FramesTest, UnknownHandleIsRefusedAndRecorded) {
 TEST_F(FramesTest, DeviceListMutexIsHeldWhileAReaderIsUsed) {
     const int devHnd = openReader("dev1", "1A2B3C");
     int used = 0;
-    fake::setHook([&](std::string_view, std::string_view) {
+    fake::setHook([&](std::string_view function, std::string_view) {
         ++used;
-        EXPECT_TRUE(support::isHeld(g_GvUsbMan.m_mtxDevList));
+        EXPECT_TRUE(isGuarded(function));
         EXPECT_FALSE(support::isHeld(g_GvUsbMan.m_mtxScanList));
     });
     unsigned char buffer[64] = {};

@@ -27,6 +27,9 @@ protected:
         load(configuration, prepare);
         Lines lines = output.takeLogLines();
         GVLOG_SetLevel(0);
+        if (support::inParallelSuite()) {
+            EXPECT_EQ(std::erase(lines, "[init] gvUSB-Parallel=1"), 1u);
+        }
         return lines;
     }
 };
@@ -82,6 +85,17 @@ TEST_F(LifecycleLogTest, ModeTwoWithoutLibusbsHotPlugShowsAsModeZero) {
                 ElementsAre("[init] libUSB-Version=1.0.26.11724   API=1000105", "[init] libUSB-DebugLevel=0",
                             "[init] libUSB-HasHotPlug=0", "[init] gvUSB-Version=7.1.0  ",
                             "[init] gvUSB-DebugLevel=1", "[init] gvUSB-UseHotPlug=0"));
+}
+
+TEST_F(LifecycleLogTest, StartLogsParallelModeOnlyIfItIsOn) {
+    support::CapturedStdout output;
+    load("gvusb_debuglevel=1 gvusb_parallel=1");
+    EXPECT_THAT(output.takeLogLines(),
+                testing::IsSupersetOf({"[init] gvUSB-UseHotPlug=1", "[init] gvUSB-Parallel=1"}));
+    load("nopnp");
+    output.takeText();
+    load("gvusb_debuglevel=1 gvusb_parallel=0");
+    EXPECT_THAT(output.takeLogLines(), testing::Not(testing::Contains("[init] gvUSB-Parallel=1")));
 }
 
 TEST_F(LifecycleLogTest, ReleaseCandidateFollowsTheVersionDirectly) {

@@ -3,10 +3,13 @@
 
 #include "base/log.h"
 #include "captured_stdout.h"
+#include "configuration_file.h"
 #include "device/gvdevice.h"
 #include "fake_libusb.h"
 #include "manager/gvdrvhnd.h"
+#include "mutex_probe.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <future>
@@ -86,6 +89,20 @@ inline bool isOpen(GVDevice& device) {
 // The manager's last error, without clearing it as GVUSB_GetLastError() does.
 inline int lastError() {
     return relaxed::load(g_GvUsbMan.m_iLastError);
+}
+
+// Whether a function of libusb waits for USB or for the system.
+inline bool waitsForUsb(std::string_view function) {
+    return std::ranges::find(fake_libusb::fallibleFunctions, function) !=
+               fake_libusb::fallibleFunctions.end() &&
+           function != "libusb_get_device_list" && function != "libusb_get_device_descriptor";
+}
+
+// Whether the device-list mutex is as it must be during a call into libusb: held, but in parallel mode free while the call waits
+// for USB.
+inline bool isGuarded(std::string_view function) {
+    const bool held = support::isHeld(g_GvUsbMan.m_mtxDevList);
+    return support::inParallelSuite() ? !held || !waitsForUsb(function) : held;
 }
 
 // Whether the call waits while the mutex is held, and returns after it is unlocked.

@@ -248,9 +248,9 @@ TEST_F(OpeningTest, FailureIsLoggedAtItsLevels) {
 TEST_F(OpeningTest, OnlyTheDeviceListMutexIsHeld) {
     scanThree();
     int calls = 0;
-    fake::setHook([&](std::string_view, std::string_view) {
+    fake::setHook([&](std::string_view function, std::string_view) {
         ++calls;
-        EXPECT_TRUE(support::isHeld(g_GvUsbMan.m_mtxDevList));
+        EXPECT_TRUE(isGuarded(function));
         EXPECT_FALSE(support::isHeld(g_GvUsbMan.m_mtxScanList));
     });
     GVUSB_OpenDevice(0xA1);

@@ -252,9 +252,9 @@ TEST_F(ParametersTest, WritingToEveryDeviceWithoutAnyReturnsTheEarlierError) {
 TEST_F(ParametersTest, ReadersAreReadAndWrittenUnderTheDeviceListMutex) {
     openReaders(1);
     int calls = 0;
-    fake::setHook([&](std::string_view, std::string_view) {
+    fake::setHook([&](std::string_view function, std::string_view) {
         ++calls;
-        EXPECT_TRUE(support::isHeld(g_GvUsbMan.m_mtxDevList));
+        EXPECT_TRUE(isGuarded(function));
         EXPECT_FALSE(support::isHeld(g_GvUsbMan.m_mtxScanList));
     });
     for (const int devHnd : {everyDevice, firstHandle}) {

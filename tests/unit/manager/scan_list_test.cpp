@@ -189,8 +189,8 @@ TEST_F(ScanListTest, DeviceListMutexIsHeldWhileAParameterIsReadAndFreeAfterAnExc
     scanTwo();
     GVUSB_OpenDevice(0x1A2B3C);
     char value[GVUSB_PARAMETER_SIZE] = {};
-    fake::setHook([](std::string_view, std::string_view) {
-        EXPECT_TRUE(support::isHeld(g_GvUsbMan.m_mtxDevList));
+    fake::setHook([](std::string_view function, std::string_view) {
+        EXPECT_TRUE(isGuarded(function));
         throw std::bad_alloc();
     });
     EXPECT_THROW(GVUSB_GetScanListPara(0, "TYPENUMBER", value), std::bad_alloc);
