@@ -1,17 +1,18 @@
 /*
  * Exchange frames with all readers at once, with one thread for each reader.
  *
- * usage: many_readers [EXCHANGES]
+ * usage: many_readers [EXCHANGES [PARALLEL]]
  *
- * Every function of the library may be called from any thread. The library runs one exchange at a time, so
- * threads separate the logic of the readers but do not speed up the bus. Rely on the returned codes: the last
- * error belongs to the whole process and may come from another thread.
+ * Every function of the library may be called from any thread. In parallel mode, exchanges with different readers
+ * run at the same time. With 0 for PARALLEL, each waits for the others: compare the times. Rely on the returned codes: the last error
+ * belongs to the whole process and may come from another thread.
  */
 #include <gvusb.h>
 
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <time.h>
 
 enum { MAX_READERS = 64, DEFAULT_EXCHANGES = 100 };
 
@@ -55,6 +56,10 @@ int main(int argc, char** argv) {
     static struct reader readers[MAX_READERS];
     int count = 0;
 
+    if (GVUSB_SetDevicePara(GVUSB_DRIVER, "PARALLEL", argc > 2 ? argv[2] : "1") != 0) {
+        fprintf(stderr, "PARALLEL must be 0 or 1.\n");
+        return EXIT_FAILURE;
+    }
     int code = GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, NULL);
     if (code != 0) {
         char text[GVUSB_TEXT_SIZE];
@@ -69,6 +74,9 @@ int main(int argc, char** argv) {
     if (handle != 0) {
         fprintf(stderr, "There are more than %d readers; the others are not used.\n", MAX_READERS);
     }
+    struct timespec begin;
+    struct timespec end;
+    clock_gettime(CLOCK_MONOTONIC, &begin);
     int started = 0;
     while (started < count && pthread_create(&readers[started].thread, NULL, talk, &readers[started]) == 0) {
         ++started;
@@ -80,9 +88,13 @@ int main(int argc, char** argv) {
     }
     for (int i = 0; i < started; ++i) {
         pthread_join(readers[i].thread, NULL);
+    }
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    for (int i = 0; i < started; ++i) {
         if (finish(&readers[i]) != 0) {
             status = EXIT_FAILURE;
         }
     }
+    printf("%.2f s\n", (double)(end.tv_sec - begin.tv_sec) + (double)(end.tv_nsec - begin.tv_nsec) / 1e9);
     return status;
 }

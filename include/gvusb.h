@@ -33,10 +33,13 @@
  *
  * @section threads Threads
  *
- * Every function may be called from any thread. Calls that reach readers are serialized: while one thread
- * waits for a reader's answer, the other threads wait too. The last error is one number for the whole process,
- * so with several threads rely on the returned code or on the reader's own last error. Do not load or unload
- * the library while a thread is in a call of the library.
+ * Every function may be called from any thread. By default, calls that reach readers are serialized: while one
+ * thread waits for a reader's answer, the other threads wait too, even for look-ups. In parallel mode
+ * ("gvusb_parallel=1", or the driver parameter "PARALLEL"), no reader waits for another: a call waits only for
+ * calls on the same reader, scans and polls wait only for each other, and look-ups wait for neither. Switch it on
+ * in programs with several readers. In the descriptions below, "any thread" implies this. The last error is one
+ * number for the whole process, so with several threads rely on the returned code or on the reader's own last error.
+ * Do not load or unload the library while a thread is in a call of the library.
  *
  * @section lifetime Start and end
  *
@@ -48,9 +51,9 @@
  *
  * The library reads /etc/gavo/gvusb.conf once, when it is loaded. It searches the first 1023 bytes for the keys
  * "libusb_debuglevel=N", "gvusb_debuglevel=N", "gvusb_hotplug=M" (0 off, 1 polling, 2 libusb's hot-plug
- * callbacks), "gvusb_updaterate=MS" (milliseconds between two polls, at least 10), "gvusb_logfile=PATH" and
- * "nopnp" (same as mode 0). If the environment variable GVUSB_CONFIG names another file, the library reads that
- * one instead, except in set-user-ID programs.
+ * callbacks), "gvusb_updaterate=MS" (milliseconds between two polls, at least 10), "gvusb_parallel=1",
+ * "gvusb_logfile=PATH" and "nopnp" (same as mode 0). If the environment variable GVUSB_CONFIG names another file,
+ * the library reads that one instead, except in set-user-ID programs.
  *
  * @section logging Logging
  *
@@ -273,7 +276,8 @@ typedef char GVUSB_check_event_init[sizeof(struct _GVUSB_EVENT_INIT) == 16 + siz
  *          GVUSB_ERR_UNKNOWN_SCAN_OPTION
  *
  * Sets the last error to 0 or to the returned code. Any thread; the current entry is one for the whole
- * process.
+ * process. In parallel mode, waits for other scans and polls only; other threads see the old scan list until the new
+ * one is complete.
  */
 int GVUSB_Scan(int scanOption, GVUSB_SCANSEARCH* search);
 
@@ -350,7 +354,9 @@ int GVUSB_OpenDevice(unsigned int devId);
  * @param devHnd  handle of the reader
  * @return  0; GVUSB_ERR_NEGATIVE_HANDLE; GVUSB_ERR_NULL_HANDLE; GVUSB_ERR_HANDLE_NOT_FOUND
  *
- * Sets the last error to the returned code. Any thread; waits for a transfer in progress.
+ * Sets the last error to the returned code. Any thread; waits for a transfer in progress, in parallel mode only for
+ * one with this reader. The handle is unknown from the beginning on, and calls that still wait for the reader return
+ * GVUSB_ERR_NOT_OPENED.
  */
 int GVUSB_CloseDevice(int devHnd);
 
@@ -483,11 +489,12 @@ int GVUSB_Receive(int devHnd, const char* interfaceName, unsigned char* buffer, 
  * - "DEVICE-ID": its device ID in hexadecimal, in upper case, without a prefix
  * - "DEVICENAME", "FAMILYNAME", "INTERFACE": its device name, family name and interface type
  * - "TYPENUMBER": its type number, read from the reader, which must be open
- * - "PRESENT": do not use it. It blocks forever, and so does every later call that reaches a reader. Use
- *   GVUSB_IsDevicePresent.
+ * - "PRESENT": do not use it. It blocks forever, and so does every later call that reaches a reader, in parallel
+ *   mode this reader. Use GVUSB_IsDevicePresent.
  *
  * Of the driver:
  * - "HOTPLUG-MODE": 0 off, 1 polling, 2 libusb's hot-plug callbacks
+ * - "PARALLEL": "1" in parallel mode, otherwise "0"
  *
  * @param devHnd  handle of a reader; GVUSB_ALL_DEVICES for the first open one; GVUSB_DRIVER for the driver
  * @param key     name of the parameter
@@ -514,6 +521,7 @@ int GVUSB_GetDevicePara(int devHnd, const char* key, char* value);
  * - "HOTPLUG-UPDATERATE": microseconds between two polls, in decimal, at least 10. A number that is too large or
  *   negative, such as "-1", counts as 4294967295 (71 minutes), the longest interval: check the sign of a number
  *   before you pass it
+ * - "PARALLEL": "1" switches parallel mode on, "0" off. A call that is under way keeps the mode it began in
  * - "HOTPLUG-SUSPEND": "1" suspends polling. "0" resumes it, or starts it in a mode without polling
  *
  * With GVUSB_ALL_DEVICES every open reader is changed, in order, until one refuses. If no reader is open, nothing

@@ -79,6 +79,9 @@ talks_to_many_readers() {
     output=$("$launcher" --reader id=1,copies=8 -- "$examples/many_readers" 20)
     echo "$output"
     expect_equal "$(grep -c '20 of 20 frames answered, GVUSB: OK' <<<"$output")" 8
+    output=$("$launcher" --reader id=1,copies=8 -- "$examples/many_readers" 20 0)
+    expect_equal "$(grep -c '20 of 20 frames answered, GVUSB: OK' <<<"$output")" 8
+    expect_equal "$("$launcher" --reader id=1 -- "$examples/many_readers" 1 2 2>&1)" 'PARALLEL must be 0 or 1.'
 }
 
 overcomes_errors() {
