@@ -37,8 +37,8 @@ completes_every_option() {
 
 completes_keys() {
     source "$completion"
-    expect_completion 'HOTPLUG-MODE' get driver ''
-    expect_completion 'HOTPLUG-SUSPEND HOTPLUG-UPDATERATE' set driver ''
+    expect_completion 'HOTPLUG-MODE PARALLEL' get driver ''
+    expect_completion 'HOTPLUG-SUSPEND HOTPLUG-UPDATERATE PARALLEL' set driver ''
     expect_completion 'DEVICE-ID DEVICEHND DEVICENAME FAMILYNAME INTERFACE PRESENT TIMEOUT TYPENUMBER' get A1 ''
     expect_completion 'RESETDEVICE RESETPIPE TIMEOUT' set A1 ''
     expect_completion 'TIMEOUT TYPENUMBER' get A1 T

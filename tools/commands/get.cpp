@@ -20,7 +20,7 @@ constexpr const char* keys = R"(
 KEYS
   of a reader    TIMEOUT (milliseconds), DEVICEHND, DEVICE-ID, DEVICENAME, FAMILYNAME, INTERFACE,
                  TYPENUMBER, PRESENT (1 or 0)
-  of the driver  HOTPLUG-MODE (0 off, 1 polling, 2 libusb's callbacks)
+  of the driver  HOTPLUG-MODE (0 off, 1 polling, 2 libusb's callbacks), PARALLEL (1 or 0)
 
 Without KEY, all of them are printed, with '-' (null in JSON) for what the reader does not have. In JSON, the
 members are the keys, in upper case, and all values are texts.

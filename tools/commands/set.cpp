@@ -18,7 +18,7 @@ constexpr const char* keys = R"(
 KEYS
   of a reader    RESETDEVICE resets the reader; RESETPIPE clears a halt of its bulk endpoints and drops an
                  answer that waits in the reader; TIMEOUT (milliseconds, at least 1)
-  of the driver  HOTPLUG-UPDATERATE (microseconds, at least 10), HOTPLUG-SUSPEND (1 or 0)
+  of the driver  HOTPLUG-UPDATERATE (microseconds, at least 10); HOTPLUG-SUSPEND, PARALLEL (1 or 0)
 
 Only the two resets have a lasting effect. The other settings end with the process that makes them, so here
 they only show whether a value is accepted. To change the time-out of an exchange, use

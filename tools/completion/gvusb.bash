@@ -33,8 +33,8 @@ _gvusb_options() { # COMMAND
 
 _gvusb_keys() { # COMMAND TARGET
     case $1:$2 in
-    get:driver) echo HOTPLUG-MODE ;;
-    set:driver) echo HOTPLUG-SUSPEND HOTPLUG-UPDATERATE ;;
+    get:driver) echo HOTPLUG-MODE PARALLEL ;;
+    set:driver) echo HOTPLUG-SUSPEND HOTPLUG-UPDATERATE PARALLEL ;;
     get:*) echo DEVICE-ID DEVICEHND DEVICENAME FAMILYNAME INTERFACE PRESENT TIMEOUT TYPENUMBER ;;
     set:*) echo RESETDEVICE RESETPIPE TIMEOUT ;;
     esac

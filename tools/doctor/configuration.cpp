@@ -23,8 +23,9 @@ std::string configurationFile() {
 // The library reads only this much of the file.
 constexpr std::size_t bytesRead = 1023;
 
-constexpr std::array<std::string_view, 5> keys = {
-    "libusb_debuglevel=", "gvusb_debuglevel=", "gvusb_hotplug=", "gvusb_updaterate=", "gvusb_logfile="};
+constexpr std::array<std::string_view, 6> keys = {
+    "libusb_debuglevel=", "gvusb_debuglevel=", "gvusb_hotplug=",
+    "gvusb_updaterate=",  "gvusb_parallel=",   "gvusb_logfile="};
 
 // The keys in the text, with their values as written.
 std::string settings(std::string_view text) {
@@ -54,6 +55,14 @@ std::string hotPlugMode() {
     return "hot-plug mode " + mode + ": nothing is reported";
 }
 
+// What the library does with several readers.
+std::string modes() {
+    const bool parallel = readParameter("driver", GVUSB_DRIVER, "PARALLEL") == "1";
+    return hotPlugMode() + "; " +
+           (parallel ? "parallel mode: no reader waits for another"
+                     : "not parallel: readers wait for each other");
+}
+
 } // namespace
 
 void examineConfiguration(Findings& findings) {
@@ -62,7 +71,7 @@ void examineConfiguration(Findings& findings) {
     std::ifstream stream(file, std::ios::binary);
     if (!stream) {
         if (errno == ENOENT || errno == ENOTDIR) {
-            findings.ok("configuration", "no " + file + ", using the defaults; " + hotPlugMode());
+            findings.ok("configuration", "no " + file + ", using the defaults; " + modes());
         } else {
             findings.problem("configuration",
                              file + " cannot be read: " + std::generic_category().message(errno),
@@ -72,7 +81,7 @@ void examineConfiguration(Findings& findings) {
     }
     const std::string text(std::istreambuf_iterator<char>(stream), {});
     const std::string_view read = std::string_view(text).substr(0, bytesRead);
-    findings.ok("configuration", file + ": " + settings(read) + "; " + hotPlugMode());
+    findings.ok("configuration", file + ": " + settings(read) + "; " + modes());
     for (const SettingMistake& mistake : findSettingMistakes(read)) {
         findings.problem("configuration",
                          "line " + std::to_string(mistake.line) + ": " + printable(mistake.text),

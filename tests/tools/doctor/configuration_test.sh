@@ -5,6 +5,10 @@ source "$(dirname "$0")/../testing.sh"
 shows_the_configuration() {
     shell_on_bus "$doctor"
     expect_sentence 'no /etc/gavo/gvusb.conf, using the defaults; hot-plug mode 1: the library polls'
+    expect_sentence 'not parallel: readers wait for each other'
+    configure 'gvusb_hotplug=0 gvusb_parallel=1'
+    shell_on_bus "$doctor"
+    expect_sentence 'gvusb_hotplug=0, gvusb_parallel=1; hot-plug mode 0: nothing is reported; parallel mode: no reader'
     configure 'gvusb_debuglevel=0 gvusb_hotplug=2'
     shell_on_bus "$doctor"
     expect_status 0
