@@ -10,7 +10,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-enum { mostReaders = 128, answerLength = 16 };
+enum { mostReaders = 1024, answerLength = 16 };
 
 struct libusb_device {
     unsigned number;

@@ -18,7 +18,7 @@ import time
 
 import callgrind
 
-RECORD_SIZE = 872  # of a reader's record on a 64-bit machine, for comparison with the heap used for a scanned reader
+RECORD_SIZE = 888  # of a reader's record on a 64-bit machine, for comparison with the heap used for a scanned reader
 
 
 class Bench:
@@ -46,9 +46,10 @@ class Bench:
 
     # Counting.
 
-    def instructions(self, operation, function, times=1000, readers=1, launcher=()):
+    def instructions(self, operation, function, times=1000, readers=1, launcher=(), **more):
         """Instructions for one call of a function during an operation, with the stub libusb."""
-        return callgrind.instructions([function], self._command(operation, launcher), times, self.on_nothing(readers))[0]
+        return callgrind.instructions([function], self._command(operation, launcher), times,
+                                      self.on_nothing(readers, **more))[0]
 
     def instructions_on_bus(self, operation, functions, times, launcher):
         """The same for several functions, with the real libusb on an emulated bus."""
@@ -57,13 +58,13 @@ class Bench:
     def _command(self, operation, launcher):
         return lambda times: (list(launcher), self.program("count", operation, times))
 
-    def memory(self, operation, times, readers=1, launcher=()):
-        done = subprocess.run([*launcher, *self.program("count", operation, times)], env=self.on_nothing(readers),
+    def memory(self, operation, times, readers=1, launcher=(), **more):
+        done = subprocess.run([*launcher, *self.program("count", operation, times)], env=self.on_nothing(readers, **more),
                               check=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         return json.loads(done.stderr) | {"lines": done.stdout.count("\n")}
 
-    def allocations(self, operation, times=1000, readers=1):
-        return self.memory(operation, times, readers)["allocations"] / times
+    def allocations(self, operation, times=1000, readers=1, **more):
+        return self.memory(operation, times, readers, **more)["allocations"] / times
 
     def system_calls(self, operation, times=1000):
         def count(n):
@@ -125,12 +126,14 @@ class Table:
     def _number(value):
         return "" if value is None else f"{value:,.0f}" if abs(value) >= 100 or value == int(value) else f"{value:.3g}"
 
-    def row(self, operation, unit, ours, bare=None, *, most=None, most_ratio=None, least=None):
-        """A row. `most` bounds the library's cost, `most_ratio` its ratio to that of bare libusb; `least` bounds a rate."""
+    def row(self, operation, unit, ours, bare=None, *, most=None, most_ratio=None, least=None, least_ratio=None):
+        """A row. `most` bounds the library's cost, `most_ratio` its ratio to that of bare libusb; `least` and `least_ratio`
+        bound a rate."""
         ratio = ours / bare if bare else None
         holds = ((most is None or ours <= most) and (most_ratio is None or ratio <= most_ratio) and
-                 (least is None or ours >= least))
-        bound = f"{most_ratio:g} x" if most_ratio is not None else self._number(most if least is None else least)
+                 (least is None or ours >= least) and (least_ratio is None or ratio >= least_ratio))
+        bound_ratio = most_ratio if least_ratio is None else least_ratio
+        bound = f"{bound_ratio:g} x" if bound_ratio is not None else self._number(most if least is None else least)
         self._print((operation, unit, self._number(ours), self._number(bare),
                      "" if ratio is None else f"{ratio:.3f}", bound,
                      "" if not bound else "ok" if holds else "FAIL"))
@@ -141,8 +144,18 @@ def exchanges(bench, table):
     exchange = bench.instructions("exchange", "GVUSB_Transceive")
     bare = bench.instructions("exchange.bare", "BareReader::exchange")
     table.row("exchange of 16 bytes, stub libusb", "instructions", exchange, bare, most=350)
-    table.row("the same on the last of 64 open readers", "instructions",
-              bench.instructions("exchange", "GVUSB_Transceive", readers=64), bare, most=700)
+    for readers in (64, 1000):
+        table.row(f"the same on the last of {readers} open readers", "instructions",
+                  bench.instructions("exchange", "GVUSB_Transceive", readers=readers), bare, most=exchange + 40)
+    with configuration("gvusb_parallel=1") as path:
+        parallel = {"GVUSB_CONFIG": path}
+        alone = bench.instructions("exchange", "GVUSB_Transceive", **parallel)
+        table.row("exchange of 16 bytes, parallel mode", "instructions", alone, bare, most=420)
+        for readers in (64, 1000):
+            table.row(f"the same on the last of {readers} open readers", "instructions",
+                      bench.instructions("exchange", "GVUSB_Transceive", readers=readers, **parallel), bare,
+                      most=alone + 40)
+        table.row("exchange, parallel mode", "allocations", bench.allocations("exchange", **parallel), 0, most=0)
     table.row("exchange", "allocations", bench.allocations("exchange"), 0, most=0)
     table.row("exchange", "system calls", bench.system_calls("exchange"), 0, most=0)
     table.row("extra cost of sending 4,080 more bytes", "instructions",
@@ -257,11 +270,29 @@ def load_times(bench, table):
                   most=times["exit"] + 5000)
 
 
-def on_emulated_bus(bench, readers, mode, seconds=2, script=None):
-    """The values that a program prints, which uses bare libusb on the emulated bus."""
+def threads(bench, table):
+    """Readers that answer after 10 ms, with a thread for each: parallel mode and bare libusb in turns."""
+    with tempfile.NamedTemporaryFile("w") as script:
+        script.write("at 0 delay all in 10\n")
+        script.flush()
+        for readers in (1, 4, 16, 48):
+            runs = collections.defaultdict(list)
+            for mode in ("parallel", "bare") * 3:
+                runs[mode].append(on_emulated_bus(bench, [f"id=1,copies={readers}"], mode, script=script.name,
+                                                  program="threads"))
+            ours, bare = ({name: statistics.median(run[name] for run in runs[mode]) for name in runs[mode][0]}
+                          for mode in ("parallel", "bare"))
+            name = f"{readers} readers that answer after 10 ms"
+            table.row(name, "a second", ours["exchanges_per_second"], bare["exchanges_per_second"], least_ratio=0.95)
+            table.row(f"{name}: the slowest", "a second", ours["slowest_per_second"], bare["slowest_per_second"],
+                      least_ratio=0.9)
+
+
+def on_emulated_bus(bench, readers, mode, seconds=2, script=None, program="emulated_bus"):
+    """The values that a program prints, which runs on the emulated bus."""
     options = ["--script", script] if script else []
     launcher = bench.emulated(*readers)
-    done = subprocess.run([*launcher[:-1], *options, "--", *bench.program("emulated_bus", mode, seconds)], check=True,
+    done = subprocess.run([*launcher[:-1], *options, "--", *bench.program(program, mode, seconds)], check=True,
                           stdout=subprocess.PIPE, text=True)
     return {name: float(value) for name, value in (line.split() for line in done.stdout.splitlines())}
 
@@ -332,7 +363,7 @@ def main():
     for measure in (exchanges, cxx_exchanges, parameters, scans, polls, logging, sizes, idling):
         measure(bench, table)
     if not arguments.counted:
-        for measure in (processor_time, scan_times, load_times, emulated_bus, usbip_server):
+        for measure in (processor_time, scan_times, load_times, threads, emulated_bus, usbip_server):
             measure(bench, table)
     if table.broken:
         print(f"{table.broken} bounds are exceeded", file=sys.stderr)

@@ -11,8 +11,8 @@ namespace {
 
 constexpr std::string_view hotPlugName = "gvusb_hotplug";
 constexpr std::string_view withoutHotPlug = "nopnp";
-constexpr std::array<std::string_view, 4> names = {"libusb_debuglevel", "gvusb_debuglevel", hotPlugName,
-                                                   "gvusb_updaterate"};
+constexpr std::array<std::string_view, 6> names = {
+    "libusb_debuglevel", "gvusb_debuglevel", hotPlugName, "gvusb_updaterate", "gvusb_parallel", "gvusb_logfile"};
 constexpr std::string_view separators = " \t\r\n,;";
 
 std::string quoted(std::string_view text) {
