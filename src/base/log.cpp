@@ -65,7 +65,9 @@ void openLogFile(const char* path) noexcept {
     const int descriptor = openAppending(path);
     struct stat status = {};
     if (descriptor < 0 || fstat(descriptor, &status) != 0) {
-        std::fprintf(stderr, "gvusb: cannot open the log file %s: %s\n", path, std::strerror(errno));
+        char reason[128];
+        std::fprintf(stderr, "gvusb: cannot open the log file %s: %s\n", path,
+                     strerror_r(errno, reason, sizeof reason));
         if (descriptor >= 0) {
             close(descriptor);
         }
