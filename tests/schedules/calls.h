@@ -1,0 +1,29 @@
+// The exported functions as calls that a schedule can contain, with their results as text.
+#pragma once
+
+#include <array>
+#include <string>
+#include <vector>
+
+namespace schedules {
+
+// What a call acts on: an open reader and its device ID.
+struct Target {
+    int handle = 0;
+    unsigned devId = 0;
+};
+
+// The readers of a run; the first one is there in every situation.
+using Targets = std::array<Target, 2>;
+
+// A handle as text that does not depend on the order in which handles were given out.
+std::string handleText(int handle, const Targets& targets);
+
+struct Call {
+    const char* name; // of the function, and what distinguishes this call from others of the same
+    std::string (*run)(const Target& target, const Targets& targets);
+};
+
+const std::vector<Call>& calls();
+
+} // namespace schedules

@@ -1,0 +1,235 @@
+// Explores the schedules of calls that run at the same time. See --help.
+
+#include "cases.h"
+#include "deciders.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <optional>
+#include <random>
+#include <set>
+#include <utility>
+
+#include <CLI/CLI.hpp>
+#include <unistd.h>
+
+// Present if the program is built with a sanitizer.
+extern "C" [[gnu::weak]] void __sanitizer_set_death_callback(void (*callback)());
+
+// What the library reads while the program is loaded.
+extern "C" const char* gvusbTestInitialConfiguration() {
+    return "nopnp";
+}
+
+namespace {
+
+using namespace schedules;
+
+struct Options {
+    std::string pattern;
+    std::string configuration;
+    std::string schedule;
+    unsigned preemptions = 1;
+    std::uint64_t mostSchedules = UINT64_MAX; // of each case
+    std::size_t every = 1;
+    std::size_t from = 0;
+    std::optional<std::uint64_t> seed;
+    std::uint64_t seeds = 0;
+    double minutes = 0;
+    bool repeat = false;
+};
+
+class Explorer {
+public:
+    explicit Explorer(const Options& options)
+        : options_(options) {}
+
+    // Every schedule of a case.
+    void explore(const Case& which) {
+        begin(which);
+        EverySchedule every(options_.preemptions);
+        std::uint64_t left = options_.mostSchedules;
+        do {
+            run(every, [&] { return "--schedule '" + every.text() + "'"; });
+        } while (--left > 0 && every.next());
+    }
+
+    void exploreSeed(const Case& which, std::uint64_t seed) {
+        begin(which);
+        RandomSchedule random(seed);
+        run(random, [&] { return "--seed " + std::to_string(seed); });
+    }
+
+    void repeat(const Case& which) {
+        begin(which);
+        WrittenSchedule written(options_.schedule);
+        std::printf("%s\n", run(written, [&] { return "--schedule '" + options_.schedule + "'"; }).c_str());
+    }
+
+    void printRepetition() const {
+        if (which_ != nullptr) {
+            std::fprintf(stderr, "repeat it: gvusb_schedules%s --case '%s' %s\n",
+                         options_.configuration.empty() ? "" : " --parallel", which_->name().c_str(),
+                         how_().c_str());
+        }
+    }
+
+    [[nodiscard]] std::uint64_t runs() const { return runs_; }
+    [[nodiscard]] std::uint64_t failures() const { return failures_; }
+
+private:
+    using How = std::function<std::string()>; // how to repeat a run
+
+    void begin(const Case& which) {
+        if (which_ == &which) {
+            return;
+        }
+        which_ = &which;
+        reported_.clear();
+        inOrder_.clear();
+        changesIncluded_ = which.beside == Beside::nothing;
+        libusbCalls_ = 0;
+        addInOrder(SIZE_MAX);
+    }
+
+    // Add what the program sees when the calls run one after the other.
+    void addInOrder(std::size_t changeAt) {
+        EverySchedule every(0);
+        do {
+            how_ = [] { return std::string("--preemptions 0"); };
+            const Run result = runOnce(*which_, options_.configuration, every, stuck(), changeAt);
+            ++runs_;
+            libusbCalls_ = std::max(libusbCalls_, result.libusbCalls);
+            inOrder_.insert(result.seen);
+            report(result.mistakes);
+        } while (every.next());
+    }
+
+    // The bus changes by itself, also in the middle of a call.
+    bool isInOrder(const std::string& seen) {
+        if (!inOrder_.contains(seen) && !std::exchange(changesIncluded_, true)) {
+            for (std::size_t i = 0; i < libusbCalls_; ++i) {
+                addInOrder(i);
+            }
+        }
+        return inOrder_.contains(seen);
+    }
+
+    std::string run(Decider& decider, const How& how) {
+        how_ = how;
+        const Run result = runOnce(*which_, options_.configuration, decider, stuck());
+        ++runs_;
+        report(result.mistakes);
+        if (!isInOrder(result.seen)) {
+            std::string all = "no order of the calls gives\n  " + result.seen + "\nbut only";
+            for (const std::string& each : inOrder_) {
+                all += "\n  " + each;
+            }
+            how_ = how;
+            report(all);
+        }
+        return result.seen;
+    }
+
+    // Each failure of a case once.
+    void report(const std::string& what) {
+        if (what.empty()) {
+            return;
+        }
+        ++failures_;
+        if (reported_.insert(what).second) {
+            std::fprintf(stderr, "%s\n%s\n", which_->name().c_str(), what.c_str());
+            printRepetition();
+        }
+    }
+
+    StuckHandler stuck() {
+        return [this](const std::string& why) {
+            report(why);
+            _exit(1);
+        };
+    }
+
+    const Options& options_;
+    const Case* which_ = nullptr;
+    std::set<std::string> inOrder_;
+    bool changesIncluded_ = false;
+    std::size_t libusbCalls_ = 0;
+    std::set<std::string> reported_;
+    How how_;
+    std::uint64_t runs_ = 0;
+    std::uint64_t failures_ = 0;
+};
+
+Explorer* explorerInUse = nullptr;
+
+std::vector<const Case*> chosenCases(const Options& options) {
+    std::vector<const Case*> chosen;
+    std::size_t index = 0;
+    for (const Case& which : cases()) {
+        if (which.name().find(options.pattern) != std::string::npos && index++ % options.every == options.from) {
+            chosen.push_back(&which);
+        }
+    }
+    return chosen;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    bool parallel = false;
+    CLI::App app("Run calls of the library at the same time, in every order.");
+    app.add_option("--case", options.pattern, "only cases whose names contain this");
+    app.add_option("--preemptions", options.preemptions, "how often a thread is preempted at most")
+        ->capture_default_str();
+    app.add_option("--most", options.mostSchedules, "how many schedules of each case at most");
+    app.add_option("--every", options.every, "only every N-th case");
+    app.add_option("--from", options.from, "the first of them, from 0");
+    app.add_option("--seeds", options.seeds, "so many random schedules, of random cases");
+    app.add_option("--seed", options.seed, "the random schedule of this seed, or the first of --seeds");
+    app.add_option("--minutes", options.minutes, "random schedules of random cases for so long");
+    app.add_option("--schedule", options.schedule, "repeat this schedule");
+    app.add_flag("--parallel", parallel, "switch parallel mode on");
+    CLI11_PARSE(app, argc, argv);
+    if (parallel) {
+        options.configuration = "gvusb_parallel=1\n";
+    }
+    options.repeat = app.count("--schedule") > 0;
+    const std::vector<const Case*> chosen = chosenCases(options);
+    if (chosen.empty()) {
+        std::fprintf(stderr, "no such case\n");
+        return 2;
+    }
+    if (__sanitizer_set_death_callback != nullptr) {
+        __sanitizer_set_death_callback([] { explorerInUse->printRepetition(); });
+    }
+    Explorer explorer(options);
+    explorerInUse = &explorer;
+    unloadFirst();
+    const auto start = std::chrono::steady_clock::now();
+    const auto seconds = [&] {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    };
+    if (options.repeat) {
+        explorer.repeat(*chosen.front());
+    } else if (options.seeds > 0 || options.minutes > 0 || options.seed) {
+        const std::uint64_t first = options.seed.value_or(std::random_device()());
+        const std::uint64_t count = options.minutes > 0 ? UINT64_MAX : std::max<std::uint64_t>(options.seeds, 1);
+        for (std::uint64_t i = 0; i < count && (options.minutes <= 0 || seconds() < options.minutes * 60); ++i) {
+            explorer.exploreSeed(*chosen[(first + i) / 64 % chosen.size()], first + i);
+        }
+    } else {
+        for (const Case* which : chosen) {
+            explorer.explore(*which);
+        }
+    }
+    loadLast();
+    std::printf("%zu cases, %llu schedules, %llu failures, %.1f s\n", chosen.size(),
+                static_cast<unsigned long long>(explorer.runs()),
+                static_cast<unsigned long long>(explorer.failures()), seconds());
+    return explorer.failures() == 0 ? 0 : 1;
+}
