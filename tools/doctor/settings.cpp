@@ -10,9 +10,10 @@
 namespace {
 
 constexpr std::string_view hotPlugName = "gvusb_hotplug";
+constexpr std::string_view logFileName = "gvusb_logfile";
 constexpr std::string_view withoutHotPlug = "nopnp";
-constexpr std::array<std::string_view, 6> names = {
-    "libusb_debuglevel", "gvusb_debuglevel", hotPlugName, "gvusb_updaterate", "gvusb_parallel", "gvusb_logfile"};
+constexpr std::array<std::string_view, 6> names = {"libusb_debuglevel", "gvusb_debuglevel", hotPlugName,
+                                                   "gvusb_updaterate",  "gvusb_parallel",   logFileName};
 constexpr std::string_view separators = " \t\r\n,;";
 
 std::string quoted(std::string_view text) {
@@ -99,6 +100,9 @@ private:
             return;
         }
         const std::string value(m_text.substr(position + inLine + key.size()));
+        if (name == logFileName) {
+            return; // any file may be meant
+        }
         if (name != hotPlugName) {
             if (!leadingNumber<int>(value.c_str())) {
                 add(quoted(key) + " is ignored, because no number follows", "Write a number behind it.");

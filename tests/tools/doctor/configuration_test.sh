@@ -33,7 +33,7 @@ gvusb_hotplug = 0
     # The log of level 2 goes to standard error.
     shell_on_bus "$doctor"
     expect_status 1
-    expect_sentence "PROBLEM configuration line 1: 'foo=bar' is not a setting of the library > The settings are libusb_debuglevel, gvusb_debuglevel, gvusb_hotplug, gvusb_updaterate, and nopnp; see gvusb\.conf(5)\."
+    expect_sentence "PROBLEM configuration line 1: 'foo=bar' is not a setting of the library > The settings are libusb_debuglevel, gvusb_debuglevel, gvusb_hotplug, gvusb_updaterate, gvusb_parallel, gvusb_logfile, and nopnp; see gvusb\.conf(5)\."
     expect_sentence "PROBLEM configuration line 2: 'gvusb_hotplug =' is ignored > Write 'gvusb_hotplug=', in lower case"
     expect_sentence "PROBLEM configuration line 3: 'gvusb_debuglevel=' counts although the line looks like a comment > The library searches the whole file"
     expect_in_output '^3 problems found\.$'
