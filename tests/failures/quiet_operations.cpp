@@ -2,6 +2,7 @@
 #include "operations.h"
 #include "situations.h"
 
+#include "configuration_file.h"
 #include "gvusb.h"
 
 #include <cstring>
@@ -112,6 +113,19 @@ std::vector<Operation> quietOperations() {
         quiet(
             "suspend", plugged, [] { return GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1"); },
             gives<0>),
+        quiet(
+            "getParallel", plugged, [] { return GVUSB_GetDevicePara(GVUSB_DRIVER, "PARALLEL", value); },
+            gives<0>),
+        // The value that it has, so that all operations of the suite run in one mode.
+        quiet(
+            "setParallel", plugged,
+            [] {
+                return GVUSB_SetDevicePara(GVUSB_DRIVER, "PARALLEL", support::inParallelSuite() ? "1" : "0");
+            },
+            gives<0>),
+        quiet(
+            "setParallelOutOfRange", plugged,
+            [] { return GVUSB_SetDevicePara(GVUSB_DRIVER, "PARALLEL", "2"); }, gives<GVUSB_ERR_OUT_OF_RANGE>),
         quiet(
             "getTimeOut", opened, [] { return GVUSB_GetDevicePara(firstHandle, "TIMEOUT", value); },
             gives<0>),

@@ -28,6 +28,7 @@ void begin(const Operation& operation) {
     forgetSituation();
     support::setConfigurationText(operation.configuration);
     manager_lists::reload();
+    fake::forgetDead(); // which thousands of situations would leave behind
     fake::recordNothing();
     operation.prepare();
     g_GvUsbMan.SetLastError(earlierError);
