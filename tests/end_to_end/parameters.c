@@ -200,6 +200,27 @@ static void SuspendAcceptsExactlyZeroAndOne(void** state) {
     }
 }
 
+static void ParallelAcceptsExactlyZeroAndOne(void** state) {
+    static const char* const refused[] = {"", "2", "00", " 1", "1 ", "-1", "true"};
+    const char* const configured = in_parallel_suite() ? "1" : "0";
+    const int handle = open_reader(desk_id);
+    assert_string_equal(parameter(GVUSB_DRIVER, "PARALLEL"), configured);
+    for (int value = 0; value <= 1; ++value) {
+        const char* const text = value != 0 ? "1" : "0";
+        assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "PARALLEL", text), 0);
+        for (size_t i = 0; i < sizeof refused / sizeof *refused; ++i) {
+            assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "PARALLEL", refused[i]),
+                             GVUSB_ERR_OUT_OF_RANGE);
+            assert_int_equal(last_error(0), GVUSB_ERR_OUT_OF_RANGE);
+        }
+        assert_string_equal(parameter(GVUSB_DRIVER, "parallel"), text);
+        check_echo(handle);
+    }
+    assert_int_equal(get(handle, "PARALLEL"), GVUSB_ERR_UNKNOWN_PARAMETER);
+    assert_int_equal(GVUSB_SetDevicePara(handle, "PARALLEL", "1"), GVUSB_ERR_UNKNOWN_PARAMETER);
+    assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "PARALLEL", configured), 0);
+}
+
 int main(int argc, char** argv) {
     static const struct CMUnitTest tests[] = {
         TEST_CASE(EveryParameterOfAReader),
@@ -219,6 +240,7 @@ int main(int argc, char** argv) {
         TEST_CASE(EachDriverParameterIsEitherReadOrWritten),
         TEST_CASE(TheUpdateRateAcceptsNumbersFromTen),
         TEST_CASE(SuspendAcceptsExactlyZeroAndOne),
+        TEST_CASE(ParallelAcceptsExactlyZeroAndOne),
     };
     return run_group("parameters", tests, sizeof tests / sizeof *tests, argc, argv);
 }

@@ -82,6 +82,16 @@ static bool read_output(int output, struct program_run* run) {
     return false;
 }
 
+const char* configuration_of_suite(const char* configuration, char* text, size_t size) {
+    if (!in_parallel_suite()) {
+        return configuration;
+    }
+    const int length =
+        snprintf(text, size, "gvusb_parallel=1\n%s", configuration != NULL ? configuration : "");
+    assert_true((size_t)length < size);
+    return text;
+}
+
 /* False if the program had to be killed. */
 static bool run_child(struct program_run* run, const char* name, const char* first, const char* second,
                       const char* third) {
@@ -107,13 +117,6 @@ static bool run_child(struct program_run* run, const char* name, const char* fir
 static bool run_child_with_preload(struct program_run* run, const char* configuration, const char* name,
                                    const char* first, const char* second, const char* third) {
     char file[] = "/tmp/gvusb-test-XXXXXX";
-    /* In parallel mode, the program has a configuration of its own; its children get theirs and the mode. */
-    char text[4096];
-    if (getenv("GVUSB_TEST_PARALLEL") != NULL) {
-        unsetenv("GVUSB_CONFIG");
-        snprintf(text, sizeof text, "%s\ngvusb_parallel=1\n", configuration != NULL ? configuration : "");
-        configuration = text;
-    }
     if (configuration != NULL) {
         write_text(mkstemp(file), configuration);
     }
@@ -136,6 +139,8 @@ static bool run_child_with_preload(struct program_run* run, const char* configur
 void run_program(struct program_run* run, const char* configuration, const char* name, const char* first,
                  const char* second, const char* third) {
     const char* const own_file = getenv(own_file_variable);
+    char text[4096];
+    configuration = configuration_of_suite(configuration, text, sizeof text);
     bool ended = false;
     if (own_file != NULL) {
         replace_configuration(own_file, configuration);

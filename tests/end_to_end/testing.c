@@ -98,6 +98,10 @@ int open_reader(unsigned int id) {
     return handle;
 }
 
+bool in_parallel_suite(void) {
+    return getenv("GVUSB_TEST_PARALLEL") != NULL;
+}
+
 int last_error(int handle) {
     int code = 1;
     char text[GVUSB_TEXT_SIZE];

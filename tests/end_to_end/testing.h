@@ -26,6 +26,9 @@ enum { long_enough_ms = 10000 };
  */
 int run_group(const char* name, const struct CMUnitTest* tests, size_t count, int argc, char** argv);
 
+/* Whether GVUSB_TEST_PARALLEL is set: the same tests run with "gvusb_parallel=1" in their configuration. */
+bool in_parallel_suite(void);
+
 /* A test that begins with start_afresh(). */
 #define TEST_CASE(function) cmocka_unit_test_setup(function, start_afresh)
 int start_afresh(void** state);
