@@ -31,6 +31,7 @@ constexpr int outOfReach = 126;
 constexpr const char* preloadVariable = "LD_PRELOAD";
 constexpr const char* pythonVariable = "PYTHONPATH";
 constexpr const char* sanitizerVariable = "ASAN_OPTIONS";
+constexpr const char* libraryConfigurationVariable = "GVUSB_CONFIG";
 constexpr std::string_view preloadName = "libgvusb-emulate-preload.so";
 
 // The entries of LD_PRELOAD except the emulator's own.
@@ -93,12 +94,17 @@ Environment logicEnvironment() {
 Environment emulatedEnvironment(const Options& options, const fs::path& folder) {
     std::string preloads = foreignPreloads();
     preloads += (preloads.empty() ? "" : ":") + findPreload().string();
-    return {{preloadVariable, preloads},
-            {sanitizerVariable, sanitizerOptions()},
-            {emulate_system_calls_variable,
-             options.trapSystemCalls ? std::optional<std::string>("trap") : std::nullopt},
-            {emulate_folder_variable, folder.string()},
-            {emulate_configuration_variable, options.configurationFile}};
+    Environment environment = {{preloadVariable, preloads},
+                               {sanitizerVariable, sanitizerOptions()},
+                               {emulate_system_calls_variable,
+                                options.trapSystemCalls ? std::optional<std::string>("trap") : std::nullopt},
+                               {emulate_folder_variable, folder.string()},
+                               {emulate_configuration_variable, options.configurationFile}};
+    // Otherwise, the library would read the file that this variable names.
+    if (options.configurationFile) {
+        environment.emplace_back(libraryConfigurationVariable, std::nullopt);
+    }
+    return environment;
 }
 
 int launchEmulated(const Options& options, const BlockedSignals& signals) {

@@ -179,9 +179,11 @@ void addOptions(CLI::App& app, Words& words) {
     app.add_option("--seed", words.seed, "Draw what is random from this number, to repeat a run")
         ->type_name("NUMBER");
     CLI::Option* const config = app.add_option(
-        "--config", words.configuration, "Give the program this file when it opens /etc/gavo/gvusb.conf");
+        "--config", words.configuration,
+        "Give the program this file when it opens /etc/gavo/gvusb.conf, and unset GVUSB_CONFIG");
     config->type_name("FILE");
-    app.add_flag("--no-config", words.noConfiguration, "Hide /etc/gavo/gvusb.conf from the program")
+    app.add_flag("--no-config", words.noConfiguration,
+                 "Hide /etc/gavo/gvusb.conf from the program, and unset GVUSB_CONFIG")
         ->excludes(config);
     app.add_flag("-v,--verbose", words.verbose,
                  "Report commands, their answers and misbehaving USB/IP clients on standard error");

@@ -312,6 +312,20 @@ maps_configuration_file() {
     expect_status 1 "$emulate" --no-config -- cat /etc/gavo/gvusb.conf
 }
 
+# The library reads the file that GVUSB_CONFIG names in place of the other one.
+hides_the_inherited_configuration() {
+    echo 'gvusb_hotplug=1' >"$scratch/gvusb.conf"
+    # shellcheck disable=SC2016 # for the inner shell
+    show='echo "${GVUSB_CONFIG-none}"'
+    for option in "--config $scratch/gvusb.conf" --no-config; do
+        # shellcheck disable=SC2086 # two words
+        expect_equal "with $option" "$(GVUSB_CONFIG=/inherited "$emulate" $option -- sh -c "$show")" none
+    done
+    expect_equal "without an option" "$(GVUSB_CONFIG=/inherited "$emulate" -- sh -c "$show")" /inherited
+    expect_equal "set by the program" \
+        "$("$emulate" --no-config -- env GVUSB_CONFIG=/own sh -c "$show")" /own
+}
+
 sends_commands() {
     expect_status 1 env -u GVUSB_EMULATE_SOCKET "$emulate" --send list
     expect_output 'GVUSB_EMULATE_SOCKET is not set'
