@@ -227,6 +227,7 @@ void restore() {
     }
     GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1");
     GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-UPDATERATE", "300000");
+    GVUSB_SetDevicePara(GVUSB_DRIVER, "PARALLEL", support::inParallelSuite() ? "1" : "0");
     GVDrvHnd::ClearEventInitList();
     g_GvUsbMan.SetLastError(0);
 }
