@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Check that the files, folders and identifiers that documents name exist.
+"""Check that the files, folders and identifiers that documents name exist, and that a table names every function.
 
 usage: names_test.py SOURCE_FOLDER
 """
@@ -31,6 +31,16 @@ def is_identifier(name):
     return re.fullmatch(r"[A-Za-z_]\w+(::\w+)*", name)
 
 
+def functions_missing_from_table(source):
+    """Yield each function of the interface that the table of what calls wait for lacks."""
+    page = source / "docs/threads-fork-exit.md"
+    rows = "\n".join(line.split("|")[1] for line in page.read_text().splitlines() if line.startswith("| `GVUSB_"))
+    header = (source / "include/gvusb.h").read_text()
+    for function in sorted(set(re.findall(r"\b(GVUSB_[A-Z][A-Za-z]+)\(", header))):
+        if f"`{function}`" not in rows:
+            yield f"{page.relative_to(source)}: the table of what each function waits for lacks {function}"
+
+
 def main():
     source = pathlib.Path(sys.argv[1])
     documents = [source / "README.md", source / "CONTRIBUTING.md", *sorted((source / "docs").glob("*.md"))]
@@ -50,6 +60,7 @@ def main():
                 checked += 1
                 if not known.issuperset(name.split("::")):
                     mistakes.append(f"{shown}: {name} does not occur in the source")
+    mistakes += functions_missing_from_table(source)
     print(f"{checked} names checked")
     print(*mistakes, sep="\n", end="\n" if mistakes else "")
     return 1 if mistakes or checked == 0 else 0
