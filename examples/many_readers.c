@@ -4,8 +4,8 @@
  * usage: many_readers [EXCHANGES [PARALLEL]]
  *
  * Every function of the library may be called from any thread. In parallel mode, exchanges with different readers
- * run at the same time. With 0 for PARALLEL, each waits for the others: compare the times. Rely on the returned codes: the last error
- * belongs to the whole process and may come from another thread.
+ * run at the same time. With 0 for PARALLEL, each waits for the others: compare the times. Rely on the returned
+ * codes: the last error belongs to the whole process and may come from another thread.
  */
 #include <gvusb.h>
 
