@@ -44,6 +44,8 @@ BusWatch::BusWatch(unsigned int pollMilliseconds)
     if (m_wakeUp < 0) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
     }
+    // Otherwise, reading what was scanned would wait for a poll that meets a hung reader.
+    check("driver: PARALLEL", GVUSB_SetDevicePara(GVUSB_DRIVER, "PARALLEL", "1"));
     current = this;
     check("event handlers", GVUSB_AddEventHandler(0, &m_connect));
     check("event handlers", GVUSB_AddEventHandler(0, &m_disconnect));

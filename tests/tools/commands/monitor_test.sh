@@ -165,6 +165,14 @@ polls_at_the_given_interval() {
     [ "$polls" -ge 10 ] || fail "$polls polls in 1.5 seconds"
 }
 
+# The log is the only place where it shows: a scan waits for a poll in either mode.
+watches_in_parallel_mode() {
+    configure 'gvusb_debuglevel=1'
+    on_bus monitor --idle-timeout 0.1
+    expect_status 3
+    expect_in_errors "PARALLEL = '1' => rc=0"
+}
+
 rejects_invalid_command_lines() {
     for arguments in '--count 0' '--count x' '--idle-timeout 0' '--idle-timeout -1' '--poll-interval 0' A1; do
         # shellcheck disable=SC2086
