@@ -277,15 +277,50 @@ def threads(bench, table):
         script.flush()
         for readers in (1, 4, 16, 48):
             runs = collections.defaultdict(list)
-            for mode in ("parallel", "bare") * 3:
+            for mode in ("parallel", "bare") * 5:
                 runs[mode].append(on_emulated_bus(bench, [f"id=1,copies={readers}"], mode, script=script.name,
-                                                  program="threads"))
+                                                  program="threads", seconds=1))
             ours, bare = ({name: statistics.median(run[name] for run in runs[mode]) for name in runs[mode][0]}
                           for mode in ("parallel", "bare"))
             name = f"{readers} readers that answer after 10 ms"
             table.row(name, "a second", ours["exchanges_per_second"], bare["exchanges_per_second"], least_ratio=0.95)
             table.row(f"{name}: the slowest", "a second", ours["slowest_per_second"], bare["slowest_per_second"],
                       least_ratio=0.9)
+
+
+def troubles(bench, table):
+    """What a silent reader, a scan and a poll cost the calls of other threads in parallel mode. Phases in turns."""
+    silent = measured_trouble(bench, "silent", ["id=1,copies=8"], "at 0 reply 1 none")
+    name = "7 readers beside a silent one; bare: the library without it"
+    table.row(name, "a second", silent["with_per_second"], silent["without_per_second"], least_ratio=0.95)
+    table.row("the same: 99 % of the exchanges", "ms", silent["with_99_percent_ms"], silent["without_99_percent_ms"],
+              most_ratio=1.2)
+    look_ups = measured_trouble(bench, "look-ups", ["id=1,copies=8"], "at 0 reply 1 none")
+    for key, function in (("scan_list_size", "GVUSB_GetScanListSize"), ("device_handle", "GVUSB_GetDeviceHnd"),
+                          ("timeout", '"TIMEOUT" of another')):
+        table.row(f"{function} beside a silent reader: 99.9 %", "us", look_ups[key + "_99.9_percent_us"], most=1000)
+    scans = measured_trouble(bench, "scans", ["id=1,copies=104"])
+    table.row("4 readers beside scans of 100 closed ones; bare: without", "a second", scans["with_per_second"],
+              scans["without_per_second"], least_ratio=0.9)
+    with configuration("gvusb_hotplug=1", "gvusb_updaterate=10") as path:
+        polls = measured_trouble(bench, "polls", ["id=1,copies=4", "id=5,plugged=no"], "at 0 mute 5 control", path)
+    table.row("4 readers beside polls that meet a hung one; bare: without", "a second", polls["with_per_second"],
+              polls["without_per_second"], least_ratio=0.9)
+
+
+def measured_trouble(bench, trouble, readers, line="", file=None):
+    """The medians of what gvusb_bench_troubles prints for all phases, on readers that answer after 10 ms."""
+    values = collections.defaultdict(list)
+    with tempfile.NamedTemporaryFile("w") as script:
+        script.write(f"at 0 delay all in 10\n{line}\n")
+        script.flush()
+        launcher = bench.emulated(*readers, configuration=file)
+        done = subprocess.run([*launcher[:-1], "--script", script.name, "--",
+                               *bench.program("troubles", "parallel", trouble, 2)], check=True, stdout=subprocess.PIPE,
+                              text=True)
+    for name, value in (printed.split() for printed in done.stdout.splitlines()):
+        values[name].append(float(value))
+    return {name: statistics.median(each) for name, each in values.items()}
 
 
 def on_emulated_bus(bench, readers, mode, seconds=2, script=None, program="emulated_bus"):
@@ -363,7 +398,7 @@ def main():
     for measure in (exchanges, cxx_exchanges, parameters, scans, polls, logging, sizes, idling):
         measure(bench, table)
     if not arguments.counted:
-        for measure in (processor_time, scan_times, load_times, threads, emulated_bus, usbip_server):
+        for measure in (processor_time, scan_times, load_times, threads, troubles, emulated_bus, usbip_server):
             measure(bench, table)
     if table.broken:
         print(f"{table.broken} bounds are exceeded", file=sys.stderr)
