@@ -44,6 +44,12 @@ static int open_with_timeout(unsigned int id, const char* milliseconds) {
     return handle;
 }
 
+/* A reader may answer late on a busy machine. */
+static void check_echo_without_haste(int handle) {
+    assert_int_equal(GVUSB_SetDevicePara(handle, "TIMEOUT", "10000"), 0);
+    check_echo(handle);
+}
+
 static void TheDefaultTimeoutIsOneSecond(void** state) {
     const int handle = open_reader(bulk_id);
     bus("mute %d in", bulk);
@@ -70,8 +76,9 @@ static void TheTimeoutAppliesToSendingAndReceivingSeparately(void** state) {
 }
 
 static void ASendThatTimesOutClearsBothHalts(void** state) {
-    const int handle = open_with_timeout(bulk_id, "60");
-    check_echo(handle);
+    const int handle = open_reader(bulk_id);
+    check_echo_without_haste(handle);
+    assert_int_equal(GVUSB_SetDevicePara(handle, "TIMEOUT", "60"), 0);
     bus("mute %d out", bulk);
     const long halts = host_count(bulk, "clear-halts");
     check_times_out(transmit, handle, 60);
@@ -79,7 +86,7 @@ static void ASendThatTimesOutClearsBothHalts(void** state) {
     check_times_out(transceive, handle, 60);
     assert_int_equal(host_count(bulk, "clear-halts"), halts + 4);
     bus("unmute %d out", bulk);
-    check_echo(handle);
+    check_echo_without_haste(handle);
 }
 
 static void AReceiveThatTimesOutDoesNotClearTheHalts(void** state) {
@@ -90,7 +97,7 @@ static void AReceiveThatTimesOutDoesNotClearTheHalts(void** state) {
     check_times_out(transceive, handle, 60);
     assert_int_equal(host_count(bulk, "clear-halts"), halts);
     bus("unmute %d in", bulk);
-    check_echo(handle);
+    check_echo_without_haste(handle);
 }
 
 static void ControlTransfersTimeOutInBothDirections(void** state) {
@@ -101,7 +108,7 @@ static void ControlTransfersTimeOutInBothDirections(void** state) {
     bus("mute %d in", control);
     check_times_out(receive, handle, 60);
     bus("unmute %d in", control);
-    check_echo(handle);
+    check_echo_without_haste(handle);
 }
 
 static void ATimedOutReceiveLeavesZerosInTheBuffer(void** state) {
