@@ -48,4 +48,27 @@ on_the_bus() {
     check "after the rule is removed no other user finds the reader" finds_no_reader member
 }
 
+# The file that the environment names chooses where the log goes. A program with the rights of another user must not let its
+# caller choose this.
+logs_as_the_environment_says() {
+    prints 'gvUSB-DebugLevel=1$' as_user user "GVUSB_CONFIG=/run/callers.conf $1"
+}
+
+ignores_the_environment() {
+    as_user user "GVUSB_CONFIG=/run/callers.conf $1" >/run/printed 2>&1
+    local status=$?
+    cat /run/printed
+    [ $status -eq 0 ] && [ ! -s /run/printed ]
+}
+
+set_user_id() {
+    rm -f "$GVUSB_TEST_CONFIGURATION_FILE"
+    echo 'gvusb_debuglevel=1' >/run/callers.conf
+    cp "$child_programs/version" /run/version
+    check "GVUSB_CONFIG names the configuration of a program" logs_as_the_environment_says /run/version
+    chmod u+s /run/version
+    check "GVUSB_CONFIG means nothing to a set-user-ID program" ignores_the_environment /run/version
+}
+
 on_readers --reader id=1A2B3C -- on_the_bus
+set_user_id
