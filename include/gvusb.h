@@ -70,8 +70,9 @@
  * @section examples Examples
  *
  * list_readers.c, exchange_frame.c, receive_frames.c, handle_errors.c, many_readers.c, watch_readers.c,
- * watch_readers_events.c; in C++ send_frame.cpp, event_loop.cpp; in Python python/gvusb.py. They are installed in
- * share/doc/libgvusb-dev/examples, and the guides in share/doc/libgvusb-dev/guides.
+ * watch_readers_events.c; in C++ send_frame.cpp, event_loop.cpp; in Python exchange_frame.py, watch_readers.py,
+ * many_readers.py. They are installed in share/doc/libgvusb-dev/examples, and the guides in
+ * share/doc/libgvusb-dev/guides.
  */
 #ifndef GVUSB_H
 #define GVUSB_H

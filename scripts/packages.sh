@@ -8,10 +8,11 @@ export CMAKE_GENERATOR=Ninja
 build_packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev libcli11-dev nlohmann-json3-dev)
 
 # Also needed for the tests: abigail-tools to compare the binary interface, doxygen and help2man to build the manual,
-# python3 to run what the guides show, usbip to try the virtual readers with the standard client, fish and zsh to try their
-# completions, and the programs that have to work on virtual readers.
-test_packages=(libgtest-dev libgmock-dev libcmocka-dev abigail-tools doxygen fish help2man python3 usbip zsh
-    gdb python3-usb strace udev usbutils valgrind)
+# mypy and the packages for Python to check and install the Python package, python3 to run what the guides show, usbip to try
+# the virtual readers with the standard client, fish and zsh to try their completions, and the programs that have to work on
+# virtual readers.
+test_packages=(libgtest-dev libgmock-dev libcmocka-dev abigail-tools doxygen fish help2man mypy python3 python3-pip
+    python3-setuptools python3-venv python3-wheel usbip zsh gdb python3-usb strace udev usbutils valgrind)
 
 # Also needed for the tests on a real kernel, in a virtual machine.
 kernel_packages=(qemu-system-x86 cpio)
@@ -33,7 +34,8 @@ analysis_packages=(clang-tidy cppcheck gcc git jq python3 shellcheck)
 bench_packages=(binutils libbenchmark-dev python3 strace valgrind)
 
 # Needed to build and test Debian packages, in addition to build_packages.
-packaging_packages=(blhc debhelper doxygen dpkg-dev git help2man lintian mmdebstrap python3)
+packaging_packages=(blhc debhelper dh-python doxygen dpkg-dev git help2man lintian mmdebstrap pybuild-plugin-pyproject
+    python3-all python3-setuptools)
 
 install_missing() {
     local missing=() package

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# usage: run_example.sh CASE EXAMPLES_FOLDER LAUNCHER LIBRARY [PYTHON_FOLDER]
+# usage: run_example.sh CASE EXAMPLES_FOLDER LAUNCHER LIBRARY PYTHON_EXAMPLES PYTHON_PACKAGE
 # Run an example on virtual readers and check what it shows. Each case is a function below.
 set -euo pipefail
-case=$1 examples=$2 launcher=$3 library=$4 python=${5:-}
+case=$1 examples=$2 launcher=$3 library=$4 python=$5 package=$6
+export GVUSB_LIBRARY=$library PYTHONPATH=$package PYTHONDONTWRITEBYTECODE=1
 
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
@@ -23,7 +24,8 @@ on_bus() {
         options+=("$1")
         shift
     done
-    "$launcher" "${options[@]}" -- "$BASH" "${BASH_SOURCE[0]}" "$2" "$examples" "$launcher" "$library"
+    "$launcher" "${options[@]}" -- "$BASH" "${BASH_SOURCE[0]}" "$2" "$examples" "$launcher" "$library" \
+        "$python" "$package"
 }
 
 send() {
@@ -214,12 +216,38 @@ loops_over_events_in_cxx_on_bus() {
     wait "$pid"
 }
 
-exchanges_a_frame_from_python() {
-    export GVUSB_LIBRARY=$library PYTHONDONTWRITEBYTECODE=1
+exchanges_a_frame_in_python() {
     expect_equal "$("$launcher" --reader 'id=12AB0,name=Gate reader' -- "$python/exchange_frame.py")" \
         "12AB0 Gate reader
   sent     02 00 07 FF 01
   received 02 00 07 FF 01"
+}
+
+says_why_no_frame_is_exchanged_in_python() {
+    local error status=0
+    error=$("$launcher" --reader id=12AB0,reply=none -- "$python/exchange_frame.py" 2>&1 >/dev/null) || status=$?
+    expect_equal "$status: $error" "1: GVUSB: (-1130) timeout"
+}
+
+watches_readers_in_python() {
+    on_bus --reader 'id=1A2B3C,name=Desk reader' -- watches_readers_in_python_on_bus
+}
+
+watches_readers_in_python_on_bus() {
+    start "$python/watch_readers.py"
+    await "present 1A2B3C Desk reader"
+    send "plug id=2B0001,name=New reader"
+    await "connect 2B0001" "New reader answers 5 bytes"
+    send "unplug 2"
+    await "disconnect 2B0001"
+    kill "$pid"
+}
+
+talks_to_many_readers_in_python() {
+    local output
+    output=$("$launcher" --reader id=1,copies=8 -- "$python/many_readers.py" 20)
+    echo "$output"
+    expect_equal "$(grep -c '20 of 20 frames answered$' <<<"$output")" 8
 }
 
 "$case"
