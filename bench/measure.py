@@ -253,7 +253,7 @@ def scan_times(bench, table):
     for readers in (1, 32, 120):
         done = subprocess.run(
             [*bench.emulated(f"id=1,copies={readers}"), *bench.program(
-                "times", "--benchmark_repetitions=15", "--benchmark_enable_random_interleaving=true",
+                "times", "--benchmark_filter=^scan", "--benchmark_repetitions=15", "--benchmark_enable_random_interleaving=true",
                 "--benchmark_format=json")],
             check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         times = {result["run_name"]: result["real_time"] / 1000 for result in json.loads(done.stdout)["benchmarks"]
@@ -268,6 +268,21 @@ def load_times(bench, table):
             table.row("loading; bare: libusb_init", "us", times["load"], times["init"], most_ratio=1.3)
         table.row(f"unloading, update rate {name}; bare: libusb_exit", "us", times["unload"], times["exit"],
                   most=times["exit"] + 5000)
+
+
+def python_exchanges(bench, table):
+    """An exchange by the Python package; bare: the C function."""
+    done = subprocess.run(bench.program("times", "--benchmark_filter=^exchange$", "--benchmark_repetitions=15",
+                                        "--benchmark_format=json"),
+                          check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, env=bench.on_nothing())
+    plain = next(result["real_time"] / 1000 for result in json.loads(done.stdout)["benchmarks"]
+                 if result.get("aggregate_name") == "median")
+    source = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "python")
+    done = subprocess.run([sys.executable, os.path.join(os.path.dirname(os.path.abspath(__file__)), "python_exchange.py")],
+                          check=True, stdout=subprocess.PIPE, text=True,
+                          env=bench.on_nothing(PYTHONPATH=source, PYTHONDONTWRITEBYTECODE="1", GVUSB_LIBRARY=bench.library))
+    for name, time_taken in json.loads(done.stdout).items():
+        table.row(f"{name} in Python, stub libusb; bare: by C", "us", time_taken, plain, most=plain + 30)
 
 
 def threads(bench, table):
@@ -398,7 +413,8 @@ def main():
     for measure in (exchanges, cxx_exchanges, parameters, scans, polls, logging, sizes, idling):
         measure(bench, table)
     if not arguments.counted:
-        for measure in (processor_time, scan_times, load_times, threads, troubles, emulated_bus, usbip_server):
+        for measure in (processor_time, scan_times, load_times, python_exchanges, threads, troubles, emulated_bus,
+                        usbip_server):
             measure(bench, table)
     if table.broken:
         print(f"{table.broken} bounds are exceeded", file=sys.stderr)
