@@ -22,6 +22,8 @@ NOT_RUN = {
     "ctest --preset": "runs a selection of the tests, this one included",
     "GVUSB_TEST_LOADS=": "takes minutes; tests/end_to_end loads less often",
     "GVUSB_STRESS_CALLS=": "takes minutes; tests/stress makes fewer calls",
+    "python3 -m venv": "tests/python installs the package in this way, in a copy of the sources",
+    "environment/bin/pip install": "see the line before it",
     "scripts/fuzz": "takes an hour; tests/fuzz replays the corpus",
     "scripts/soak": "takes an hour; tests/end_to_end does the same for seconds",
     "scripts/coverage": "builds everything again; only measures",
