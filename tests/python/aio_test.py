@@ -51,7 +51,7 @@ class AioTest(BusTest, unittest.IsolatedAsyncioTestCase):
                 steps += 1
             with self.assertRaises(TimeoutError):
                 await waiting
-        self.assertGreater(steps, 3)
+        self.assertGreater(steps, 1)
 
     async def test_one_reader_does_not_wait_for_another_in_parallel_mode(self) -> None:
         gvusb.driver.set_parallel(True)
@@ -95,7 +95,7 @@ class AioTest(BusTest, unittest.IsolatedAsyncioTestCase):
     async def test_a_cancelled_call_that_has_not_begun_is_not_made(self) -> None:
         self.mute()
         async with await aio.open(BULK) as reader:
-            first = asyncio.ensure_future(reader.receive(timeout=0.5))
+            first = asyncio.ensure_future(reader.receive(timeout=2))
             await asyncio.sleep(0.05)
             second = asyncio.ensure_future(reader.transmit(b"never sent"))
             await asyncio.sleep(0.05)

@@ -26,9 +26,11 @@ gvusb.driver.set_update_interval(0.00001)
 gvusb.scan()
 launcher = os.environ["GVUSB_LAUNCHER"]
 def storm():
+    seen = gvusb.Monitor()
     while True:
         for command in ("unplug", "plug"):
             subprocess.run([launcher, "--send", command + " %s"], stdout=subprocess.DEVNULL)
+            seen.read() # a scan before it would find the change first, so that it is not reported
             gvusb.scan()
 threading.Thread(target=storm, daemon=True).start()
 """
@@ -74,11 +76,13 @@ assert monitor.wait(30)
                 # The thread may raise what it gets at the end of its call.
                 threading.excepthook = lambda _: None
                 gvusb.driver.set_parallel({parallel})
-                reader = gvusb.open({BULK})
+                reader, begun = gvusb.open({BULK}), threading.Event()
                 def wait():
                     print("begins", flush=True)
+                    begun.set()
                     reader.receive(timeout=0.5)
                 threading.Thread(target=wait, daemon=True).start()
+                begun.wait()
                 time.sleep(0.1)
             """)
             output, errors = process.communicate(timeout=LONG_ENOUGH)
