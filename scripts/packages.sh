@@ -35,7 +35,7 @@ bench_packages=(binutils libbenchmark-dev python3 strace valgrind)
 
 # Needed to build and test Debian packages, in addition to build_packages.
 packaging_packages=(blhc debhelper dh-python doxygen dpkg-dev git help2man lintian mmdebstrap pybuild-plugin-pyproject
-    python3-all python3-setuptools)
+    python3-all python3-setuptools python3-wheel)
 
 install_missing() {
     local missing=() package

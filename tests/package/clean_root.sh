@@ -65,6 +65,12 @@ while read -r program; do
     expect "$(basename "$program")" "version 07.01.00, mode 1, 5 bytes" "$(gvusb-emulate -- "$program")"
 done </tmp/programs
 
+answer=$(gvusb-emulate --reader name=Gate -- python3 -c '
+import gvusb
+with gvusb.open() as reader:
+    print(reader.name, reader.transceive(b"\x02\x00", timeout=30).hex())')
+expect "Python" "Gate 0200" "$answer"
+
 # The result of the real udev for this reader. udev remembers a device's former tags, so delete its data first.
 judge() {
     rm -rf /run/udev/data /run/udev/tags
@@ -97,7 +103,7 @@ for problem in udev readers; do
     }
 done
 
-quietly apt-get purge -y libgvusb7 libgvusb-dev gvusb-tools
+quietly apt-get purge -y libgvusb7 libgvusb-dev gvusb-tools python3-gvusb
 quietly apt-get autoremove -y --purge
 contents >/tmp/after
 if ! diff /tmp/before /tmp/after >/tmp/left; then
