@@ -149,8 +149,10 @@ assert monitor.wait(30)
                 reader = await aio.open({BULK})
                 waiting = asyncio.ensure_future(reader.receive(timeout=0.4))
                 await asyncio.sleep(0.1)
-            asyncio.run(main())
+            # Debugging asyncio reports steps that take long, as on a busy machine.
+            asyncio.run(main(), debug=False)
             loop = asyncio.new_event_loop()
+            loop.set_debug(False)
             reader = loop.run_until_complete(aio.open({BULK}))
             task = loop.create_task(reader.receive(timeout=0.4))
             loop.run_until_complete(asyncio.sleep(0.1))
@@ -193,6 +195,7 @@ class ForkTest(BusTest):
             import asyncio, os, gvusb
             from gvusb import aio
             loop = asyncio.new_event_loop()
+            loop.set_debug(False) # reports steps that take long, as on a busy machine
             reader = loop.run_until_complete(aio.open({CONTROL}))
             child = os.fork()
             if child == 0:
