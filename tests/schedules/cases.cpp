@@ -152,6 +152,7 @@ std::string mistakesNow() {
 
 void load(const std::string& configuration) {
     fake::reset();
+    fake::forgetDead();
     fake::recordNothing();
     support::setConfigurationText(configuration);
     new (&g_GvUsbMan) GVDrvHnd;
