@@ -1,6 +1,8 @@
 #include "calls.h"
 
 #include "gvusb.h"
+#include "manager/gvdrvhnd.h"
+#include "scheduler.h"
 
 #include <array>
 #include <cstdio>
@@ -8,6 +10,8 @@
 
 namespace schedules {
 namespace {
+
+constexpr const char* notOpened = "-1144"; // GVUSB_ERR_NOT_OPENED
 
 using Text = std::array<char, GVUSB_PARAMETER_SIZE>;
 
@@ -22,8 +26,8 @@ std::string handleOrCode(int result, const Targets& targets) {
 std::string transceive(const Target& target, const Targets& /*targets*/) {
     const std::array<unsigned char, 3> frame = {static_cast<unsigned char>(target.devId), 2, 3};
     std::array<unsigned char, 16> answer = {};
-    const int result = GVUSB_Transceive(target.handle, GVUSB_PROTOCOL, 0, frame.data(), frame.size(), answer.data(),
-                                        answer.size());
+    const int result = GVUSB_Transceive(target.handle, GVUSB_PROTOCOL, 0, frame.data(), frame.size(),
+                                        answer.data(), answer.size());
     return result > 0 ? std::to_string(result) + " " + std::to_string(answer[0]) : std::to_string(result);
 }
 
@@ -47,7 +51,8 @@ std::string set(int handle, const char* key, const char* value) {
     return std::to_string(GVUSB_SetDevicePara(handle, key, value));
 }
 
-void ignoreEvent(int /*devHnd*/, unsigned /*devId*/, const char* /*text*/) {}
+void ignoreEvent(int /*devHnd*/, unsigned /*devId*/, const char* /*text*/) {
+}
 
 GVUSB_EVENT_INIT registration() {
     return {GVUSB_EVENT_CONNECT, 0, GVUSB_CALLBACK_FUNCTION, 0, &ignoreEvent};
@@ -75,9 +80,9 @@ const std::vector<Call>& calls() {
     using T = const Target&;
     using All = const Targets&;
     static const std::vector<Call> all = {
-        {"Transceive", transceive},
-        {"Transmit", transmit},
-        {"Receive", receive},
+        {"Transceive", transceive, notOpened},
+        {"Transmit", transmit, notOpened},
+        {"Receive", receive, notOpened},
         {"CloseDevice", [](T target, All) { return std::to_string(GVUSB_CloseDevice(target.handle)); }},
         {"OpenDevice",
          [](T target, All targets) { return handleOrCode(GVUSB_OpenDevice(target.devId), targets); }},
@@ -89,11 +94,24 @@ const std::vector<Call>& calls() {
          }},
         {"Scan.next", [](T, All) { return std::to_string(GVUSB_Scan(GVUSB_SCAN_NEXT, nullptr)); }},
         {"ScanAndOpen",
-         [](T, All targets) { return handleOrCode(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), targets); }},
+         [](T, All targets) { return handleOrCode(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), targets); },
+         nullptr,
+         [](T, All targets) {
+             const int code = GVUSB_Scan(GVUSB_SCAN_ALL, nullptr);
+             pause();
+             return handleOrCode(code < 0 ? code : g_GvUsbMan.OpenAllDevices(), targets);
+         }},
         {"ScanAndOpen.first",
          [](T target, All targets) {
              GVUSB_SCANSEARCH search = searchFor(target.devId);
              return handleOrCode(GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST | GVUSB_SCAN_SEARCH, &search), targets);
+         },
+         nullptr,
+         [](T target, All targets) {
+             GVUSB_SCANSEARCH search = searchFor(target.devId);
+             const int code = GVUSB_Scan(GVUSB_SCAN_FIRST | GVUSB_SCAN_SEARCH, &search);
+             pause();
+             return handleOrCode(code < 0 ? code : g_GvUsbMan.OpenDevice(0), targets);
          }},
         {"ClearScanList", [](T, All) { return std::to_string(GVUSB_ClearScanList()); }},
         {"GetScanListSize", [](T, All) { return std::to_string(GVUSB_GetScanListSize()); }},
@@ -102,15 +120,18 @@ const std::vector<Call>& calls() {
              Text value = {};
              return with(GVUSB_GetScanListPara(0, "DEVICE-ID", value.data()), value.data());
          }},
-        {"IsDevicePresent", [](T target, All) { return std::to_string(GVUSB_IsDevicePresent(target.handle)); }},
+        {"IsDevicePresent",
+         [](T target, All) { return std::to_string(GVUSB_IsDevicePresent(target.handle)); }, "0"},
         {"GetDeviceList", [](T, All targets) { return handleOrCode(GVUSB_GetDeviceList(0), targets); }},
         {"GetDeviceHnd",
          [](T target, All targets) { return handleOrCode(GVUSB_GetDeviceHnd(target.devId), targets); }},
         {"GetDevicePara.TIMEOUT", [](T target, All) { return get(target, "TIMEOUT"); }},
         {"GetDevicePara.DEVICE-ID", [](T target, All) { return get(target, "DEVICE-ID"); }},
         {"SetDevicePara.TIMEOUT", [](T target, All) { return set(target.handle, "TIMEOUT", "77"); }},
-        {"SetDevicePara.RESETDEVICE", [](T target, All) { return set(target.handle, "RESETDEVICE", ""); }},
-        {"SetDevicePara.RESETPIPE", [](T target, All) { return set(target.handle, "RESETPIPE", ""); }},
+        {"SetDevicePara.RESETDEVICE", [](T target, All) { return set(target.handle, "RESETDEVICE", ""); },
+         notOpened},
+        {"SetDevicePara.RESETPIPE", [](T target, All) { return set(target.handle, "RESETPIPE", ""); },
+         notOpened},
         {"SetDevicePara.all", [](T, All) { return set(GVUSB_ALL_DEVICES, "TIMEOUT", "88"); }},
         {"GetLastError",
          [](T target, All) {

@@ -22,6 +22,10 @@ std::string handleText(int handle, const Targets& targets);
 struct Call {
     const char* name; // of the function, and what distinguishes this call from others of the same
     std::string (*run)(const Target& target, const Targets& targets);
+    // In parallel mode, what it gives on a reader that another thread closes once it has found the reader.
+    const char* whenClosed = nullptr;
+    // For a call that is several steps in parallel mode: the same, but pause() between the steps.
+    std::string (*runInSteps)(const Target& target, const Targets& targets) = nullptr;
 };
 
 const std::vector<Call>& calls();

@@ -177,8 +177,8 @@ std::vector<Case> allCases() {
 } // namespace
 
 std::string Case::name() const {
-    return std::string(first->name) + "+" + second->name + "/" + (readers == Readers::one ? "one" : "two") + "/" +
-           textOf(beside);
+    return std::string(first->name) + "+" + second->name + "/" + (readers == Readers::one ? "one" : "two") +
+           "/" + textOf(beside);
 }
 
 const std::vector<Case>& cases() {
@@ -194,13 +194,13 @@ void loadLast() {
     load("nopnp");
 }
 
-Run runOnce(const Case& which, const std::string& configuration, Decider& decider, const StuckHandler& stuck,
-            std::size_t changeAt) {
+Run runOnce(const Case& which, Mode mode, Decider& decider, const StuckHandler& stuck, const Model& model) {
     ignoreMutex(&fake::state().mutex);
     Run run;
     runControlled(
         [&] {
-            load(configuration + (which.beside == Beside::callback ? "gvusb_hotplug=2\n" : "nopnp\n"));
+            load(std::string(mode == Mode::parallel ? "gvusb_parallel=1\n" : "") +
+                 (which.beside == Beside::callback ? "gvusb_hotplug=2\n" : "nopnp\n"));
             events.clear();
             registerHandlers();
             const Targets targets = openReaders(which.readers);
@@ -212,10 +212,14 @@ Run runOnce(const Case& which, const std::string& configuration, Decider& decide
                     changeBus(which.beside);
                 }
             };
-            std::array<std::string, 2> results;
+            const auto call = [&](const Call& one, const Target& target) {
+                return (model.inSteps && one.runInSteps != nullptr ? one.runInSteps : one.run)(target,
+                                                                                               targets);
+            };
+            std::array<std::string, 2>& results = run.seen.results;
             std::vector<std::function<void()>> bodies = {
-                [&] { results[0] = which.first->run(targets[0], targets); },
-                [&] { results[1] = which.second->run(targets[which.readers == Readers::one ? 0 : 1], targets); }};
+                [&] { results[0] = call(*which.first, targets[0]); },
+                [&] { results[1] = call(*which.second, targets[which.readers == Readers::one ? 0 : 1]); }};
             if (which.beside != Beside::nothing) {
                 bodies.emplace_back([&] {
                     change();
@@ -224,7 +228,7 @@ Run runOnce(const Case& which, const std::string& configuration, Decider& decide
                 });
             }
             fake::setHook([&](std::string_view, std::string_view) {
-                if (run.libusbCalls++ == changeAt) {
+                if (run.libusbCalls++ == model.changeAt) {
                     change();
                 }
                 yield();
@@ -234,8 +238,7 @@ Run runOnce(const Case& which, const std::string& configuration, Decider& decide
             fake::setHook(nullptr);
 
             run.mistakes = mistakesNow();
-            run.seen = std::string(which.first->name) + ": " + results[0] + "; " + which.second->name + ": " +
-                       results[1] + "; " + listsText(targets) + eventsText();
+            run.seen.afterwards = listsText(targets) + eventsText();
             g_GvUsbMan.~GVDrvHnd();
         },
         stuck);
@@ -244,6 +247,11 @@ Run runOnce(const Case& which, const std::string& configuration, Decider& decide
         run.mistakes += "libusb, at unload: " + misuse + "\n";
     }
     return run;
+}
+
+std::string text(const Case& which, const Seen& seen) {
+    return std::string(which.first->name) + ": " + seen.results[0] + "; " + which.second->name + ": " +
+           seen.results[1] + "; " + seen.afterwards;
 }
 
 } // namespace schedules

@@ -4,6 +4,8 @@
 #include "calls.h"
 #include "scheduler.h"
 
+#include <array>
+#include <compare>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -26,9 +28,19 @@ struct Case {
 
 const std::vector<Case>& cases();
 
+// The rules that a run keeps.
+enum class Mode { usual, parallel };
+
+// All that the program can see.
+struct Seen {
+    std::array<std::string, 2> results; // of the calls
+    std::string afterwards;             // the lists and the events
+
+    auto operator<=>(const Seen&) const = default;
+};
+
 struct Run {
-    // All that the program can see: the results of the calls, the lists and the events afterwards.
-    std::string seen;
+    Seen seen;
     // What must never happen; empty if nothing did.
     std::string mistakes;
     std::size_t libusbCalls = 0; // while the calls were running
@@ -38,9 +50,18 @@ struct Run {
 void unloadFirst();
 void loadLast();
 
-// Load the library with this configuration, run the case once and unload the library. The bus changes before libusb is called
-// for the `changeAt`-th time, or when the third thread has its turn, whichever comes first.
-Run runOnce(const Case& which, const std::string& configuration, Decider& decider, const StuckHandler& stuck,
-            std::size_t changeAt = SIZE_MAX);
+// A model that a run is compared with.
+struct Model {
+    // The bus changes before libusb is called for the `changeAt`-th time, or when the third thread has its turn, whichever
+    // comes first.
+    std::size_t changeAt = SIZE_MAX;
+    bool inSteps = false; // calls pause between their steps
+};
+
+// Load the library, run the case once and unload the library.
+Run runOnce(const Case& which, Mode mode, Decider& decider, const StuckHandler& stuck,
+            const Model& model = {});
+
+std::string text(const Case& which, const Seen& seen);
 
 } // namespace schedules

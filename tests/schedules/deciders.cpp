@@ -57,7 +57,8 @@ WrittenSchedule::WrittenSchedule(std::string_view text) {
         std::size_t chosen = 0;
         const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), chosen);
         const auto length = static_cast<std::size_t>(end - text.data());
-        if (error != std::errc() || (length < text.size() && (text[length] != ',' || length + 1 == text.size()))) {
+        if (error != std::errc() ||
+            (length < text.size() && (text[length] != ',' || length + 1 == text.size()))) {
             throw std::invalid_argument("not a schedule: numbers and commas are expected");
         }
         chosen_.push_back(chosen);
@@ -76,7 +77,8 @@ std::size_t WrittenSchedule::choose(std::size_t count, bool /*canContinue*/) {
 
 RandomSchedule::RandomSchedule(std::uint64_t seed)
     : numbers_(seed)
-    , oneIn_(2 + numbers_() % 15) {}
+    , oneIn_(2 + numbers_() % 15) {
+}
 
 std::size_t RandomSchedule::choose(std::size_t count, bool canContinue) {
     if (canContinue && numbers_() % oneIn_ != 0) {

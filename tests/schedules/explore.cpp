@@ -2,8 +2,10 @@
 
 #include "cases.h"
 #include "deciders.h"
+#include "gvusb.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -30,7 +32,7 @@ using namespace schedules;
 
 struct Options {
     std::string pattern;
-    std::string configuration;
+    Mode mode = Mode::usual;
     std::string schedule;
     unsigned preemptions = 1;
     std::uint64_t mostSchedules = UINT64_MAX; // of each case
@@ -66,13 +68,14 @@ public:
     void repeat(const Case& which) {
         begin(which);
         WrittenSchedule written(options_.schedule);
-        std::printf("%s\n", run(written, [&] { return "--schedule '" + options_.schedule + "'"; }).c_str());
+        const Seen seen = run(written, [&] { return "--schedule '" + options_.schedule + "'"; });
+        std::printf("%s\n", text(which, seen).c_str());
     }
 
     void printRepetition() const {
         if (which_ != nullptr) {
             std::fprintf(stderr, "repeat it: gvusb_schedules%s --case '%s' %s\n",
-                         options_.configuration.empty() ? "" : " --parallel", which_->name().c_str(),
+                         options_.mode == Mode::parallel ? " --parallel" : "", which_->name().c_str(),
                          how_().c_str());
         }
     }
@@ -100,7 +103,8 @@ private:
         EverySchedule every(0);
         do {
             how_ = [] { return std::string("--preemptions 0"); };
-            const Run result = runOnce(*which_, options_.configuration, every, stuck(), changeAt);
+            const Model model = {.changeAt = changeAt, .inSteps = options_.mode == Mode::parallel};
+            const Run result = runOnce(*which_, options_.mode, every, stuck(), model);
             ++runs_;
             libusbCalls_ = std::max(libusbCalls_, result.libusbCalls);
             inOrder_.insert(result.seen);
@@ -109,24 +113,43 @@ private:
     }
 
     // The bus changes by itself, also in the middle of a call.
-    bool isInOrder(const std::string& seen) {
-        if (!inOrder_.contains(seen) && !std::exchange(changesIncluded_, true)) {
+    bool isInOrder(const Seen& seen) {
+        if (!isKnown(seen) && !std::exchange(changesIncluded_, true)) {
             for (std::size_t i = 0; i < libusbCalls_; ++i) {
                 addInOrder(i);
             }
         }
-        return inOrder_.contains(seen);
+        return isKnown(seen);
     }
 
-    std::string run(Decider& decider, const How& how) {
+    bool isKnown(const Seen& seen) const {
+        return inOrder_.contains(seen) || (options_.mode == Mode::parallel && isKnownButClosed(seen));
+    }
+
+    // A call on a reader that is closed meanwhile is like one on an unknown handle, with another code.
+    bool isKnownButClosed(const Seen& seen) const {
+        const std::array<const Call*, 2> both = {which_->first, which_->second};
+        for (std::size_t i = 0; i < both.size(); ++i) {
+            if (both[i]->whenClosed != nullptr && seen.results[i] == both[i]->whenClosed) {
+                Seen unknown = seen;
+                unknown.results[i] = std::to_string(GVUSB_ERR_HANDLE_NOT_FOUND);
+                if (inOrder_.contains(unknown)) {
+                    return true;
+                }
+            }
+        }
+        return false;
+    }
+
+    Seen run(Decider& decider, const How& how) {
         how_ = how;
-        const Run result = runOnce(*which_, options_.configuration, decider, stuck());
+        const Run result = runOnce(*which_, options_.mode, decider, stuck());
         ++runs_;
         report(result.mistakes);
         if (!isInOrder(result.seen)) {
-            std::string all = "no order of the calls gives\n  " + result.seen + "\nbut only";
-            for (const std::string& each : inOrder_) {
-                all += "\n  " + each;
+            std::string all = "no order of the calls gives\n  " + text(*which_, result.seen) + "\nbut only";
+            for (const Seen& each : inOrder_) {
+                all += "\n  " + text(*which_, each);
             }
             how_ = how;
             report(all);
@@ -155,7 +178,7 @@ private:
 
     const Options& options_;
     const Case* which_ = nullptr;
-    std::set<std::string> inOrder_;
+    std::set<Seen> inOrder_;
     bool changesIncluded_ = false;
     std::size_t libusbCalls_ = 0;
     std::set<std::string> reported_;
@@ -170,7 +193,8 @@ std::vector<const Case*> chosenCases(const Options& options) {
     std::vector<const Case*> chosen;
     std::size_t index = 0;
     for (const Case& which : cases()) {
-        if (which.name().find(options.pattern) != std::string::npos && index++ % options.every == options.from) {
+        if (which.name().find(options.pattern) != std::string::npos &&
+            index++ % options.every == options.from) {
             chosen.push_back(&which);
         }
     }
@@ -196,7 +220,7 @@ int main(int argc, char** argv) {
     app.add_flag("--parallel", parallel, "switch parallel mode on");
     CLI11_PARSE(app, argc, argv);
     if (parallel) {
-        options.configuration = "gvusb_parallel=1\n";
+        options.mode = Mode::parallel;
     }
     options.repeat = app.count("--schedule") > 0;
     const std::vector<const Case*> chosen = chosenCases(options);
@@ -218,8 +242,10 @@ int main(int argc, char** argv) {
         explorer.repeat(*chosen.front());
     } else if (options.seeds > 0 || options.minutes > 0 || options.seed) {
         const std::uint64_t first = options.seed.value_or(std::random_device()());
-        const std::uint64_t count = options.minutes > 0 ? UINT64_MAX : std::max<std::uint64_t>(options.seeds, 1);
-        for (std::uint64_t i = 0; i < count && (options.minutes <= 0 || seconds() < options.minutes * 60); ++i) {
+        const std::uint64_t count =
+            options.minutes > 0 ? UINT64_MAX : std::max<std::uint64_t>(options.seeds, 1);
+        for (std::uint64_t i = 0; i < count && (options.minutes <= 0 || seconds() < options.minutes * 60);
+             ++i) {
             explorer.exploreSeed(*chosen[(first + i) / 64 % chosen.size()], first + i);
         }
     } else {

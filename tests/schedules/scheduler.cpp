@@ -96,7 +96,7 @@ void stop(const std::string& why) {
     std::abort(); // the other threads can never run again
 }
 
-Task& chooseNext() {
+Task& chooseNext(bool pausing) {
     if (++scheduler->steps > mostSteps) {
         stop("the threads run without end");
     }
@@ -107,7 +107,7 @@ Task& chooseNext() {
         }
         ready = readyTasks();
     }
-    const bool canContinue = ready.front() == scheduler->running;
+    const bool canContinue = ready.front() == scheduler->running && !pausing;
     if (scheduler->decider == nullptr || ready.size() == 1) {
         return *ready.front();
     }
@@ -120,9 +120,9 @@ void handOver(Task& next) {
     syscall(SYS_futex, &next.turn, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
-void giveUpControl() {
+void giveUpControl(bool pausing = false) {
     Task& own = *self;
-    Task& next = chooseNext();
+    Task& next = chooseNext(pausing);
     if (&next != &own) {
         handOver(next);
         waitForTurn(own);
@@ -171,7 +171,7 @@ struct End {
     ~End() {
         task.state = State::finished;
         wakeAll(&task);
-        Task& next = chooseNext();
+        Task& next = chooseNext(false);
         self = nullptr;
         handOver(next);
     }
@@ -199,9 +199,8 @@ void runControlled(const std::function<void()>& body, const StuckHandler& stuck)
     scheduler = &own;
     self = own.running;
     body();
-    const bool allEnded = std::ranges::all_of(own.tasks, [](const auto& task) {
-        return task.get() == self || task->state == State::finished;
-    });
+    const bool allEnded = std::ranges::all_of(
+        own.tasks, [](const auto& task) { return task.get() == self || task->state == State::finished; });
     if (!allEnded) {
         stop("threads are left");
     }
@@ -228,6 +227,12 @@ void explore(Decider& decider, const std::vector<std::function<void()>>& bodies)
 void yield() {
     if (control::isControlled()) {
         giveUpControl();
+    }
+}
+
+void pause() {
+    if (control::isControlled()) {
+        giveUpControl(true);
     }
 }
 

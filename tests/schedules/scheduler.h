@@ -44,6 +44,9 @@ void explore(Decider& decider, const std::vector<std::function<void()>>& bodies)
 // Give other threads the opportunity to run. Does nothing in threads that are not controlled.
 void yield();
 
+// The same, except that another choice is no preemption.
+void pause();
+
 // Let the other threads run until each of them waits.
 void letOthersRun();
 

@@ -24,8 +24,9 @@ void fail(const std::string& why) {
 }
 
 // Run the threads in every schedule. `before` prepares a run, and `after` looks at its result.
-int exploreAll(unsigned preemptions, const Bodies& bodies, const std::function<void()>& before = [] {},
-               const std::function<void()>& after = [] {}) {
+int exploreAll(
+    unsigned preemptions, const Bodies& bodies, const std::function<void()>& before = [] {},
+    const std::function<void()>& after = [] {}) {
     EverySchedule every(preemptions);
     int runs = 0;
     do {
@@ -45,7 +46,8 @@ TEST(SchedulerTest, RunsThreadsInEveryOrderWithoutPreemption) {
     std::string order;
     std::set<std::string> orders;
     const Bodies bodies = {[&] { order += "a"; }, [&] { order += "b"; }, [&] { order += "c"; }};
-    exploreAll(0, bodies, [&] { order.clear(); }, [&] { orders.insert(order); });
+    exploreAll(
+        0, bodies, [&] { order.clear(); }, [&] { orders.insert(order); });
     EXPECT_EQ(orders, (std::set<std::string>{"abc", "acb", "bac", "bca", "cab", "cba"}));
 }
 
@@ -62,10 +64,12 @@ TEST(SchedulerTest, PreemptsThreadsWhereTheyYield) {
                                yield();
                                order += "B";
                            }};
-    exploreAll(0, bodies, [&] { order.clear(); }, [&] { orders.insert(order); });
+    exploreAll(
+        0, bodies, [&] { order.clear(); }, [&] { orders.insert(order); });
     EXPECT_EQ(orders, (std::set<std::string>{"aAbB", "bBaA"}));
     orders.clear();
-    exploreAll(2, bodies, [&] { order.clear(); }, [&] { orders.insert(order); });
+    exploreAll(
+        2, bodies, [&] { order.clear(); }, [&] { orders.insert(order); });
     EXPECT_EQ(orders, (std::set<std::string>{"aAbB", "bBaA", "abAB", "abBA", "baAB", "baBA"}));
 }
 
@@ -82,9 +86,11 @@ TEST(SchedulerTest, FindsAnUpdateThatIsLost) {
         value = before + 1;
         mutex.unlock();
     };
-    exploreAll(0, {add, add}, [&] { value = 0; }, [&] { results.insert(value); });
+    exploreAll(
+        0, {add, add}, [&] { value = 0; }, [&] { results.insert(value); });
     EXPECT_EQ(results, std::set<int>{2});
-    exploreAll(1, {add, add}, [&] { value = 0; }, [&] { results.insert(value); });
+    exploreAll(
+        1, {add, add}, [&] { value = 0; }, [&] { results.insert(value); });
     EXPECT_EQ(results, (std::set<int>{1, 2}));
 }
 
@@ -106,8 +112,14 @@ TEST(SchedulerDeathTest, FindsADeadlock) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     std::mutex first;
     std::mutex second;
-    const Bodies bodies = {[&] { const std::scoped_lock lock(first); const std::lock_guard other(second); },
-                           [&] { const std::scoped_lock lock(second); const std::lock_guard other(first); }};
+    const Bodies bodies = {[&] {
+                               const std::scoped_lock lock(first);
+                               const std::lock_guard other(second);
+                           },
+                           [&] {
+                               const std::scoped_lock lock(second);
+                               const std::lock_guard other(first);
+                           }};
     exploreAll(0, bodies);
     EXPECT_EXIT(exploreAll(1, bodies), testing::ExitedWithCode(3), "deadlock");
 }
@@ -128,26 +140,27 @@ TEST(SchedulerDeathTest, FindsALostWakeUp) {
 TEST(SchedulerDeathTest, FindsThreadsThatRunWithoutEnd) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(exploreAll(0, {[] {
-                    for (;;) {
-                        yield();
-                    }
-                }}),
+                               for (;;) {
+                                   yield();
+                               }
+                           }}),
                 testing::ExitedWithCode(3), "without end");
 }
 
 TEST(SchedulerTest, TimePassesOnlyWhenEveryThreadWaits) {
     std::vector<std::string> order;
     const auto start = std::chrono::steady_clock::now();
-    exploreAll(0, {[&] {
-                       std::this_thread::sleep_for(3h);
-                       order.emplace_back("three");
-                   },
-                   [&] {
-                       const auto before = std::chrono::steady_clock::now();
-                       std::this_thread::sleep_for(1h);
-                       order.emplace_back("one");
-                       EXPECT_EQ(std::chrono::steady_clock::now() - before, 1h);
-                   }},
+    exploreAll(0,
+               {[&] {
+                    std::this_thread::sleep_for(3h);
+                    order.emplace_back("three");
+                },
+                [&] {
+                    const auto before = std::chrono::steady_clock::now();
+                    std::this_thread::sleep_for(1h);
+                    order.emplace_back("one");
+                    EXPECT_EQ(std::chrono::steady_clock::now() - before, 1h);
+                }},
                [&] { order.clear(); });
     EXPECT_EQ(order, (std::vector<std::string>{"one", "three"}));
     EXPECT_LT(std::chrono::steady_clock::now() - start, 1h);
@@ -157,27 +170,27 @@ TEST(SchedulerTest, WaitingEndsAtTheDeadline) {
     std::mutex mutex;
     std::condition_variable condition;
     exploreAll(0, {[&] {
-        std::unique_lock lock(mutex);
-        EXPECT_EQ(condition.wait_for(lock, 1h), std::cv_status::timeout);
-    }});
+                   std::unique_lock lock(mutex);
+                   EXPECT_EQ(condition.wait_for(lock, 1h), std::cv_status::timeout);
+               }});
 }
 
 TEST(SchedulerTest, CanceledThreadEndsInItsSleep) {
     exploreAll(1, {[] {
-        pthread_t sleeping = {};
-        pthread_create(
-            &sleeping, nullptr,
-            [](void*) -> void* {
-                for (;;) {
-                    std::this_thread::sleep_for(1s);
-                }
-            },
-            nullptr);
-        pthread_cancel(sleeping);
-        void* result = nullptr;
-        pthread_join(sleeping, &result);
-        EXPECT_EQ(result, PTHREAD_CANCELED);
-    }});
+                   pthread_t sleeping = {};
+                   pthread_create(
+                       &sleeping, nullptr,
+                       [](void*) -> void* {
+                           for (;;) {
+                               std::this_thread::sleep_for(1s);
+                           }
+                       },
+                       nullptr);
+                   pthread_cancel(sleeping);
+                   void* result = nullptr;
+                   pthread_join(sleeping, &result);
+                   EXPECT_EQ(result, PTHREAD_CANCELED);
+               }});
 }
 
 TEST(DecidersTest, WrittenScheduleRepeatsTheRun) {
