@@ -42,6 +42,20 @@ std::string receive(const Target& target, const Targets& /*targets*/) {
     return result > 0 ? std::to_string(result) + " " + std::to_string(answer[0]) : std::to_string(result);
 }
 
+std::string scanAndOpenInSteps(const Target& /*target*/, const Targets& /*targets*/) {
+    if (const int code = GVUSB_Scan(GVUSB_SCAN_ALL, nullptr); code < 0) {
+        return std::to_string(code);
+    }
+    int lastFailure = GVUSB_OK;
+    for (int i = 0; i < GVUSB_GetScanListSize(); ++i) {
+        pause();
+        if (const int code = g_GvUsbMan.OpenDevice(i); code < 0) {
+            lastFailure = code;
+        }
+    }
+    return std::to_string(lastFailure);
+}
+
 std::string get(const Target& target, const char* key) {
     Text value = {};
     return with(GVUSB_GetDevicePara(target.handle, key, value.data()), value.data());
@@ -86,6 +100,8 @@ const std::vector<Call>& calls() {
         {"CloseDevice", [](T target, All) { return std::to_string(GVUSB_CloseDevice(target.handle)); }},
         {"OpenDevice",
          [](T target, All targets) { return handleOrCode(GVUSB_OpenDevice(target.devId), targets); }},
+        {"OpenDevice.second",
+         [](T, All targets) { return handleOrCode(GVUSB_OpenDevice(targets[1].devId), targets); }},
         {"Scan", [](T, All) { return std::to_string(GVUSB_Scan(GVUSB_SCAN_ALL, nullptr)); }},
         {"Scan.first",
          [](T target, All) {
@@ -95,12 +111,7 @@ const std::vector<Call>& calls() {
         {"Scan.next", [](T, All) { return std::to_string(GVUSB_Scan(GVUSB_SCAN_NEXT, nullptr)); }},
         {"ScanAndOpen",
          [](T, All targets) { return handleOrCode(GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, nullptr), targets); },
-         nullptr,
-         [](T, All targets) {
-             const int code = GVUSB_Scan(GVUSB_SCAN_ALL, nullptr);
-             pause();
-             return handleOrCode(code < 0 ? code : g_GvUsbMan.OpenAllDevices(), targets);
-         }},
+         nullptr, scanAndOpenInSteps},
         {"ScanAndOpen.first",
          [](T target, All targets) {
              GVUSB_SCANSEARCH search = searchFor(target.devId);

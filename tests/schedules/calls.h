@@ -7,13 +7,13 @@
 
 namespace schedules {
 
-// What a call acts on: an open reader and its device ID.
+// What a call acts on: a reader, its handle if it is open, and its device ID.
 struct Target {
     int handle = 0;
     unsigned devId = 0;
 };
 
-// The readers of a run; the first one is there in every situation.
+// The readers of a run. The second one is closed if the case has one reader.
 using Targets = std::array<Target, 2>;
 
 // A handle as text that does not depend on the order in which handles were given out.

@@ -74,9 +74,7 @@ Targets openReaders(Readers readers) {
     fake::plug("second", fake::controlReader(hex(secondId)));
     GVUSB_Scan(GVUSB_SCAN_ALL, nullptr);
     targets[0] = {.handle = GVUSB_OpenDevice(firstId), .devId = firstId};
-    if (readers == Readers::two) {
-        targets[1] = {.handle = GVUSB_OpenDevice(secondId), .devId = secondId};
-    }
+    targets[1] = {.handle = readers == Readers::two ? GVUSB_OpenDevice(secondId) : 0, .devId = secondId};
     return targets;
 }
 

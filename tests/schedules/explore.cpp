@@ -10,10 +10,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
-#include <optional>
 #include <random>
 #include <set>
-#include <utility>
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
@@ -38,10 +36,9 @@ struct Options {
     std::uint64_t mostSchedules = UINT64_MAX; // of each case
     std::size_t every = 1;
     std::size_t from = 0;
-    std::optional<std::uint64_t> seed;
+    std::uint64_t seed = 0;
     std::uint64_t seeds = 0;
     double minutes = 0;
-    bool repeat = false;
 };
 
 class Explorer {
@@ -59,10 +56,12 @@ public:
         } while (--left > 0 && every.next());
     }
 
-    void exploreSeed(const Case& which, std::uint64_t seed) {
+    void exploreSeeds(const Case& which, std::uint64_t seed, std::uint64_t count) {
         begin(which);
-        RandomSchedule random(seed);
-        run(random, [&] { return "--seed " + std::to_string(seed); });
+        for (const std::uint64_t end = seed + count; seed != end; ++seed) {
+            RandomSchedule random(seed);
+            run(random, [&] { return "--seed " + std::to_string(seed); });
+        }
     }
 
     void repeat(const Case& which) {
@@ -80,8 +79,20 @@ public:
         }
     }
 
-    [[nodiscard]] std::uint64_t runs() const { return runs_; }
-    [[nodiscard]] std::uint64_t failures() const { return failures_; }
+    void printSummary() const {
+        std::printf("%s mode: %zu cases, %llu schedules, %llu failures, %.1f s\n",
+                    options_.mode == Mode::parallel ? "parallel" : "default", begun_.size(),
+                    static_cast<unsigned long long>(runs_), static_cast<unsigned long long>(failures_),
+                    seconds());
+        std::fflush(stdout);
+    }
+
+    // Since the start.
+    [[nodiscard]] double seconds() const {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    }
+
+    [[nodiscard]] bool failed() const { return failures_ != 0; }
 
 private:
     using How = std::function<std::string()>; // how to repeat a run
@@ -91,9 +102,10 @@ private:
             return;
         }
         which_ = &which;
+        begun_.insert(&which);
         reported_.clear();
         inOrder_.clear();
-        changesIncluded_ = which.beside == Beside::nothing;
+        nextChange_ = 0;
         libusbCalls_ = 0;
         addInOrder(SIZE_MAX);
     }
@@ -112,14 +124,15 @@ private:
         } while (every.next());
     }
 
-    // The bus changes by itself, also in the middle of a call.
+    // The bus changes by itself, also in the middle of a call. These runs are many: add them when one is missing.
     bool isInOrder(const Seen& seen) {
-        if (!isKnown(seen) && !std::exchange(changesIncluded_, true)) {
-            for (std::size_t i = 0; i < libusbCalls_; ++i) {
-                addInOrder(i);
+        while (!isKnown(seen)) {
+            if (which_->beside == Beside::nothing || nextChange_ >= libusbCalls_) {
+                return false;
             }
+            addInOrder(nextChange_++);
         }
-        return isKnown(seen);
+        return true;
     }
 
     bool isKnown(const Seen& seen) const {
@@ -172,6 +185,7 @@ private:
     StuckHandler stuck() {
         return [this](const std::string& why) {
             report(why);
+            printSummary();
             _exit(1);
         };
     }
@@ -179,12 +193,14 @@ private:
     const Options& options_;
     const Case* which_ = nullptr;
     std::set<Seen> inOrder_;
-    bool changesIncluded_ = false;
-    std::size_t libusbCalls_ = 0;
+    std::size_t libusbCalls_ = 0; // in the longest run
+    std::size_t nextChange_ = 0;  // the bus changes before this call in the next run that is added
     std::set<std::string> reported_;
     How how_;
+    std::set<const Case*> begun_;
     std::uint64_t runs_ = 0;
     std::uint64_t failures_ = 0;
+    const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
 Explorer* explorerInUse = nullptr;
@@ -193,12 +209,30 @@ std::vector<const Case*> chosenCases(const Options& options) {
     std::vector<const Case*> chosen;
     std::size_t index = 0;
     for (const Case& which : cases()) {
+        if (which.name() == options.pattern) {
+            return {&which};
+        }
         if (which.name().find(options.pattern) != std::string::npos &&
             index++ % options.every == options.from) {
             chosen.push_back(&which);
         }
     }
     return chosen;
+}
+
+// Random schedules of the cases in random order, until the time is over.
+void exploreFor(Explorer& explorer, std::vector<const Case*> chosen, double minutes) {
+    constexpr std::uint64_t seedsOfCase = 128;
+    std::mt19937_64 numbers(std::random_device{}());
+    while (true) {
+        std::ranges::shuffle(chosen, numbers);
+        for (const Case* which : chosen) {
+            if (explorer.seconds() >= minutes * 60) {
+                return;
+            }
+            explorer.exploreSeeds(*which, numbers() % 1'000'000'000, seedsOfCase);
+        }
+    }
 }
 
 } // namespace
@@ -213,49 +247,44 @@ int main(int argc, char** argv) {
     app.add_option("--most", options.mostSchedules, "how many schedules of each case at most");
     app.add_option("--every", options.every, "only every N-th case");
     app.add_option("--from", options.from, "the first of them, from 0");
-    app.add_option("--seeds", options.seeds, "so many random schedules, of random cases");
-    app.add_option("--seed", options.seed, "the random schedule of this seed, or the first of --seeds");
-    app.add_option("--minutes", options.minutes, "random schedules of random cases for so long");
+    app.add_option("--seed", options.seed, "the random schedule of this seed");
+    app.add_option("--seeds", options.seeds, "so many random schedules of each case, from --seed on");
+    app.add_option("--minutes", options.minutes, "random schedules of cases in random order for so long");
     app.add_option("--schedule", options.schedule, "repeat this schedule");
     app.add_flag("--parallel", parallel, "switch parallel mode on");
     CLI11_PARSE(app, argc, argv);
     if (parallel) {
         options.mode = Mode::parallel;
     }
-    options.repeat = app.count("--schedule") > 0;
     const std::vector<const Case*> chosen = chosenCases(options);
     if (chosen.empty()) {
         std::fprintf(stderr, "no such case\n");
         return 2;
     }
     if (__sanitizer_set_death_callback != nullptr) {
-        __sanitizer_set_death_callback([] { explorerInUse->printRepetition(); });
+        __sanitizer_set_death_callback([] {
+            explorerInUse->printRepetition();
+            explorerInUse->printSummary();
+        });
     }
     Explorer explorer(options);
     explorerInUse = &explorer;
     unloadFirst();
-    const auto start = std::chrono::steady_clock::now();
-    const auto seconds = [&] {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    };
-    if (options.repeat) {
+    if (app.count("--schedule") > 0) {
         explorer.repeat(*chosen.front());
-    } else if (options.seeds > 0 || options.minutes > 0 || options.seed) {
-        const std::uint64_t first = options.seed.value_or(std::random_device()());
-        const std::uint64_t count =
-            options.minutes > 0 ? UINT64_MAX : std::max<std::uint64_t>(options.seeds, 1);
-        for (std::uint64_t i = 0; i < count && (options.minutes <= 0 || seconds() < options.minutes * 60);
-             ++i) {
-            explorer.exploreSeed(*chosen[(first + i) / 64 % chosen.size()], first + i);
-        }
+    } else if (options.minutes > 0) {
+        exploreFor(explorer, chosen, options.minutes);
     } else {
+        const bool random = app.count("--seed") > 0 || options.seeds > 0;
         for (const Case* which : chosen) {
-            explorer.explore(*which);
+            if (random) {
+                explorer.exploreSeeds(*which, options.seed, std::max<std::uint64_t>(options.seeds, 1));
+            } else {
+                explorer.explore(*which);
+            }
         }
     }
     loadLast();
-    std::printf("%zu cases, %llu schedules, %llu failures, %.1f s\n", chosen.size(),
-                static_cast<unsigned long long>(explorer.runs()),
-                static_cast<unsigned long long>(explorer.failures()), seconds());
-    return explorer.failures() == 0 ? 0 : 1;
+    explorer.printSummary();
+    return explorer.failed() ? 1 : 0;
 }
