@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# usage: run_example.sh CASE EXAMPLES_FOLDER LAUNCHER LIBRARY PYTHON_EXAMPLES PYTHON_PACKAGE
+# usage: run_example.sh CASE EXAMPLES_FOLDER LAUNCHER LIBRARY [PYTHON_EXAMPLES PYTHON_PACKAGE]
 # Run an example on virtual readers and check what it shows. Each case is a function below.
 set -euo pipefail
-case=$1 examples=$2 launcher=$3 library=$4 python=$5 package=$6
+case=$1 examples=$2 launcher=$3 library=$4 python=${5:-} package=${6:-}
 export GVUSB_LIBRARY=$library PYTHONPATH=$package PYTHONDONTWRITEBYTECODE=1
 
 folder=$(mktemp -d)
