@@ -22,6 +22,18 @@ constexpr unsigned firstId = 0xA1;
 constexpr unsigned secondId = 0xA2;
 constexpr unsigned newId = 0xA3;
 
+const char* textOf(Readers readers) {
+    switch (readers) {
+    case Readers::one:
+        return "one";
+    case Readers::two:
+        return "two";
+    case Readers::unlisted:
+        return "unlisted";
+    }
+    return "";
+}
+
 const char* textOf(Beside beside) {
     switch (beside) {
     case Beside::nothing:
@@ -32,6 +44,8 @@ const char* textOf(Beside beside) {
         return "departure";
     case Beside::comeback:
         return "return";
+    case Beside::secondComeback:
+        return "second-return";
     case Beside::callback:
         return "callback";
     }
@@ -75,6 +89,9 @@ Targets openReaders(Readers readers) {
     GVUSB_Scan(GVUSB_SCAN_ALL, nullptr);
     targets[0] = {.handle = GVUSB_OpenDevice(firstId), .devId = firstId};
     targets[1] = {.handle = readers == Readers::two ? GVUSB_OpenDevice(secondId) : 0, .devId = secondId};
+    if (readers == Readers::unlisted) {
+        GVUSB_ClearScanList();
+    }
     return targets;
 }
 
@@ -91,6 +108,9 @@ void changeBus(Beside beside) {
         break;
     case Beside::comeback:
         fake::replug("first", "first again");
+        break;
+    case Beside::secondComeback:
+        fake::replug("second", "second again");
         break;
     }
 }
@@ -158,12 +178,15 @@ void load(const std::string& configuration) {
 
 std::vector<Case> allCases() {
     std::vector<Case> all;
-    for (const Readers readers : {Readers::one, Readers::two}) {
-        for (const Beside beside :
-             {Beside::nothing, Beside::poll, Beside::departure, Beside::comeback, Beside::callback}) {
+    for (const Readers readers : {Readers::one, Readers::two, Readers::unlisted}) {
+        for (const Beside beside : {Beside::nothing, Beside::poll, Beside::departure, Beside::comeback,
+                                    Beside::secondComeback, Beside::callback}) {
+            if (beside == Beside::secondComeback && readers != Readers::one) {
+                continue;
+            }
             for (std::size_t i = 0; i < calls().size(); ++i) {
                 // On two readers, both orders differ.
-                for (std::size_t j = readers == Readers::one ? i : 0; j < calls().size(); ++j) {
+                for (std::size_t j = readers == Readers::two ? 0 : i; j < calls().size(); ++j) {
                     all.push_back({&calls()[i], &calls()[j], readers, beside});
                 }
             }
@@ -175,8 +198,7 @@ std::vector<Case> allCases() {
 } // namespace
 
 std::string Case::name() const {
-    return std::string(first->name) + "+" + second->name + "/" + (readers == Readers::one ? "one" : "two") +
-           "/" + textOf(beside);
+    return std::string(first->name) + "+" + second->name + "/" + textOf(readers) + "/" + textOf(beside);
 }
 
 const std::vector<Case>& cases() {
@@ -217,7 +239,7 @@ Run runOnce(const Case& which, Mode mode, Decider& decider, const StuckHandler& 
             std::array<std::string, 2>& results = run.seen.results;
             std::vector<std::function<void()>> bodies = {
                 [&] { results[0] = call(*which.first, targets[0]); },
-                [&] { results[1] = call(*which.second, targets[which.readers == Readers::one ? 0 : 1]); }};
+                [&] { results[1] = call(*which.second, targets[which.readers == Readers::two ? 1 : 0]); }};
             if (which.beside != Beside::nothing) {
                 bodies.emplace_back([&] {
                     change();

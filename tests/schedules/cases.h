@@ -13,8 +13,9 @@
 
 namespace schedules {
 
-enum class Readers { one, two };
-enum class Beside { nothing, poll, departure, comeback, callback };
+// Which readers are open: the first one, both, or the first one while the scan list is empty.
+enum class Readers { one, two, unlisted };
+enum class Beside { nothing, poll, departure, comeback, secondComeback, callback };
 
 struct Case {
     const Call* first;
