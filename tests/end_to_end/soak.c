@@ -83,15 +83,20 @@ static void change_comers(const char* command, unsigned int which) {
     }
 }
 
-static void suspend_polls(bool suspended) {
-    GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", suspended ? "1" : "0");
-    usleep(2 * update_rate_us); /* a poll in progress ends */
+static void suspend_polls(void) {
+    GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1");
+    usleep(2 * update_rate_us); /* the thread that polls notices it */
+    scan();                     /* waits for a poll in progress */
+}
+
+static void resume_polls(void) {
+    GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "0");
 }
 
 /* A poll puts the reader in its old place; sometimes a scan does. */
 static void bring_kept_reader_back(bool by_scan) {
     if (by_scan) {
-        suspend_polls(true);
+        suspend_polls();
         begin_period(0, 0);
     }
     change("plug", kept);
@@ -101,7 +106,7 @@ static void bring_kept_reader_back(bool by_scan) {
         note_failure(handle);
     }
     if (by_scan) {
-        suspend_polls(false);
+        resume_polls();
     }
 }
 
@@ -122,13 +127,12 @@ static void come_and_go(unsigned int random) {
 
 /* Measure while neither polls nor exchanges have anything open. */
 static struct process_figures quiet_figures(void) {
-    suspend_polls(true);
+    suspend_polls();
     begin_period(0, 0);
-    scan(); /* waits for a longer poll */
     pause_exchanges();
     const struct process_figures figures = own_figures();
     resume_exchanges();
-    suspend_polls(false);
+    resume_polls();
     return figures;
 }
 
@@ -151,6 +155,16 @@ static bool check(bool good, const char* what, double figure, double limit) {
 
 static bool check_equal(const char* what, long figure, long wanted) {
     return check(figure == wanted, what, (double)figure, (double)wanted);
+}
+
+/* Not checked with sanitizers: the thread sanitizer keeps two pipes once it has symbolized a suppressed report. */
+static bool check_descriptors(long figure, long wanted) {
+#ifdef GVUSB_TEST_SANITIZED
+    (void)figure, (void)wanted;
+    return true;
+#else
+    return check_equal("descriptors", figure, wanted);
+#endif
 }
 
 /* Memory is not checked with sanitizers, because they keep freed memory without counting it. */
@@ -178,7 +192,7 @@ static bool verdict(const struct memory_samples quarters[4], const struct proces
     good &= check_equal("reports with a wrong handle", counts.wrong_handles, 0);
     good &= check_equal("failures", failure_count(), 0);
     good &= check_equal("code of the first failure", first_failure(), 0);
-    good &= check_equal("descriptors", after.descriptors, before->descriptors);
+    good &= check_descriptors(after.descriptors, before->descriptors);
     good &= check_equal("threads", after.threads, before->threads);
     return check_memory(&quarters[1], &quarters[3]) && good;
 }
@@ -234,9 +248,9 @@ static bool prepare(void) {
     for (int i = 1; i <= comers; ++i) {
         watch_reader(i, (unsigned int)(first_comer_id + i - 1), 0);
     }
-    suspend_polls(true); /* a poll that began before the scan could report unexpectedly */
-    opens_at_start = host_count(watcher, "opens");
-    suspend_polls(false);
+    suspend_polls(); /* a poll that began before the scan could report unexpectedly */
+    opens_at_start = host_count(watcher, "opens") - scans;
+    resume_polls();
     return kept_handle > 0 && count_reports() && begin_exchanges(bulk_id, control_id, visited_id);
 }
 

@@ -12,7 +12,8 @@ enum { longest_wait_ms = 10000, pause_us = 5000, visits_apart = 20 };
 
 static pthread_t thread;
 static pthread_mutex_t round_lock = PTHREAD_MUTEX_INITIALIZER; /* held during each round of exchanges */
-static unsigned int ids[3];
+static int bulk, control, visited;                             /* handles */
+static unsigned int id_to_visit;
 static atomic_bool working;
 static atomic_long exchanges, failures;
 static atomic_int first_code;
@@ -76,16 +77,13 @@ static int visit_again(int handle, unsigned int id) {
 }
 
 static void* exchange_all_the_time(void* nothing) {
-    const int bulk = open_listed_reader(ids[0]);
-    const int control = open_listed_reader(ids[1]);
-    int visited = open_listed_reader(ids[2]);
     for (int round = 1; atomic_load(&working); ++round) {
         pthread_mutex_lock(&round_lock);
         exchange_with(bulk);
         exchange_with(control);
         exchange_with(visited);
         if (round % visits_apart == 0) {
-            visited = visit_again(visited, ids[2]);
+            visited = visit_again(visited, id_to_visit);
         }
         pthread_mutex_unlock(&round_lock);
         usleep(pause_us);
@@ -94,9 +92,10 @@ static void* exchange_all_the_time(void* nothing) {
 }
 
 bool begin_exchanges(unsigned int bulk_id, unsigned int control_id, unsigned int visited_id) {
-    ids[0] = bulk_id;
-    ids[1] = control_id;
-    ids[2] = visited_id;
+    id_to_visit = visited_id;
+    bulk = open_listed_reader(bulk_id);
+    control = open_listed_reader(control_id);
+    visited = open_listed_reader(visited_id);
     atomic_store(&working, true);
     return pthread_create(&thread, NULL, exchange_all_the_time, NULL) == 0;
 }
