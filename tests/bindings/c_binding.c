@@ -237,8 +237,9 @@ static int call(const char* function, const struct argument* arguments, size_t c
         return GVUSB_SetDevicePara(first.number, second.text, third.text);
     }
     if (IS(GVUSB_Transmit)) {
+        const size_t length = third.text == NULL ? 0 : strlen(third.text);
         return GVUSB_Transmit(first.number, second.text, (const unsigned char*)third.text,
-                              (unsigned int)strlen(third.text));
+                              (unsigned int)length);
     }
     if (IS(GVUSB_AddEventHandler)) {
         return GVUSB_AddEventHandler(first.number, given);
