@@ -102,7 +102,7 @@ completes_in_zsh() {
         expect_equal "options of $command" "$(zsh_words "$gvusb" $command --)" "$(options_of $command)"
     done
     expect_equal keys "$(zsh_words "$gvusb" set A1 '')" 'RESETDEVICE RESETPIPE TIMEOUT'
-    expect_equal 'keys behind an option' "$(zsh_words "$gvusb" get --json driver '')" HOTPLUG-MODE
+    expect_equal 'keys behind an option' "$(zsh_words "$gvusb" get --json driver '')" 'HOTPLUG-MODE PARALLEL'
     expect_equal codes "$(zsh_words "$gvusb" explain '' | wc -w)" "$("$gvusb" explain | tail -n +2 | wc -l)"
     expect_equal 'a value' "$(zsh_words "$gvusb" send --timeout '')" ''
     export -f zsh_words
@@ -132,7 +132,7 @@ completes_in_fish() {
         expect_equal "options of $command" "$(fish_words "gvusb $command --")" "$(options_of $command)"
     done
     expect_equal keys "$(fish_words 'gvusb set A1 ')" 'RESETDEVICE RESETPIPE TIMEOUT'
-    expect_equal 'keys behind an option' "$(fish_words 'gvusb get --json driver ')" HOTPLUG-MODE
+    expect_equal 'keys behind an option' "$(fish_words 'gvusb get --json driver ')" 'HOTPLUG-MODE PARALLEL'
     expect_equal codes "$(fish_words 'gvusb explain ' | wc -w)" "$("$gvusb" explain | tail -n +2 | wc -l)"
     export -f fish_words
     readers=(--reader id=A1 --reader id=B2)

@@ -53,9 +53,9 @@ function __gvusb_keys
     set -l arguments (__gvusb_arguments)
     switch $words[2]:$arguments[1]
         case get:driver
-            printf '%s\n' HOTPLUG-MODE
+            printf '%s\n' HOTPLUG-MODE PARALLEL
         case set:driver
-            printf '%s\n' HOTPLUG-SUSPEND HOTPLUG-UPDATERATE
+            printf '%s\n' HOTPLUG-SUSPEND HOTPLUG-UPDATERATE PARALLEL
         case 'get:*'
             printf '%s\n' DEVICE-ID DEVICEHND DEVICENAME FAMILYNAME INTERFACE PRESENT TIMEOUT TYPENUMBER
         case 'set:*'
