@@ -25,6 +25,8 @@ NOT_RUN = {
     "python3 -m venv": "tests/python installs the package in this way, in a copy of the sources",
     "environment/bin/pip install": "see the line before it",
     "scripts/fuzz": "takes an hour; tests/fuzz replays the corpus",
+    "scripts/explore": "takes as long as it is told; tests/schedules explores for a minute",
+    "build/tests/schedules/gvusb_schedules": "takes hours; tests/schedules explores for a minute",
     "scripts/soak": "takes an hour; tests/end_to_end does the same for seconds",
     "scripts/coverage": "builds everything again; only measures",
     "scripts/test-architectures": "downloads packages of other architectures",
