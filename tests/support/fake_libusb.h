@@ -86,6 +86,12 @@ libusb_device* device(std::string_view name);
 //   libusb_lock_event_waiters(default)                      libusb_unlock_event_waiters(default)
 //   libusb_event_handler_active(default) = 0                libusb_interrupt_event_handler(default)
 //   libusb_get_pollfds(default)                             libusb_free_pollfds(pollfds)
+// An asynchronous transfer is recorded like the synchronous one, when it is completed or refused; hooks run and planned
+// failures apply in the same way. So a test of the transfers fits both kinds. libusb_alloc_transfer, ..._free_transfer,
+// ..._submit_transfer, ..._cancel_transfer and ..._handle_events_completed are not recorded, but timesCalled() counts them,
+// hooks run in them, and ..._alloc_transfer (null), ..._submit_transfer and ..._handle_events_completed can be made to fail,
+// but failCall() leaves them out.
+// The thread that has submitted a transfer completes it when it handles events.
 // A call that a hook aborted by an exception ends in " threw". A null pointer appears as "null", a pointer
 // that libusb never returned as "unknown".
 std::vector<std::string> takeCalls(); // returns and clears them
@@ -176,6 +182,12 @@ struct Request {
 // Answer the next transfers of this kind on this device, one each, instead of echoing.
 void queueAnswer(std::string_view name, Transfer transfer, Answer answer);
 
+// From now on, the device answers none of these transfers. A synchronous one times out at once. An asynchronous one waits until
+// it is canceled, until the device is unplugged or answers, or for its time-out.
+void silence(std::string_view name, std::initializer_list<Transfer> transfers);
+// Whether an asynchronous transfer of the device is under way.
+bool isTransferPending(std::string_view name);
+
 // Called for every transfer on an attached device for which no answer is queued; nullopt selects the echo.
 using Handler = std::function<std::optional<Answer>(const Request&)>;
 void setHandler(Handler handler);
@@ -227,6 +239,7 @@ void setPollDescriptors(std::vector<int> descriptors);
 //   hnd1: interface 0 claimed
 //   config of dev1: not freed
 //   list: not freed
+//   transfer: allocated
 //   callback 1: registered
 //   libusb_init: 1 without libusb_exit
 //   events lock: held

@@ -48,6 +48,11 @@ std::string leftovers() {
             text += "list: not freed\n";
         }
     }
+    for (const auto& [pointer, transfer] : all->transfers) {
+        if (transfer.ofThisTest) {
+            text += "transfer: allocated\n";
+        }
+    }
     for (const Registration& registration : all->registrations) {
         if (registration.ofThisTest) {
             text += "callback " + std::to_string(registration.handle) + ": registered\n";

@@ -44,6 +44,7 @@ void detach(State& all, libusb_device& device) {
     std::erase(all.test.bus, &device);
     device.attached = false;
     device.echo.clear();
+    all.transferChanged.notify_all();
     all.settle(device);
 }
 
@@ -127,6 +128,9 @@ void reset() {
     }
     for (Registration& registration : all->registrations) {
         registration.ofThisTest = false;
+    }
+    for (auto& [pointer, transfer] : all->transfers) {
+        transfer.ofThisTest = false;
     }
 }
 

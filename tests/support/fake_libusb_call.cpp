@@ -35,6 +35,15 @@ Call::Call(KnownFunction function, const libusb_device_handle* handle)
     begin();
 }
 
+Call::Call(const Function& function, const libusb_device_handle* handle, Continued /*how*/)
+    : state(fake_libusb::state())
+    , function_(function)
+    , lock_(state.mutex) {
+    if (const auto* known = find(state.handles, handle)) {
+        device_ = (*known)->deviceName;
+    }
+}
+
 void Call::begin() {
     ++state.test.timesCalled[function_.index()];
     const std::shared_ptr<const Hook> hook = state.test.hook;
@@ -66,14 +75,27 @@ bool Call::recorded() const {
     return state.test.recording && !state.test.unrecorded[function_.index()] && watched();
 }
 
-std::optional<int> Call::failure() {
+std::optional<int> Call::failure(const Function& function) {
     Test& test = state.test;
+    std::optional<int> code = plannedFailure(function);
     if (!watched()) {
         return std::nullopt;
     }
     ++test.fallibleCalls;
+    if (test.callsUntilFailure > 0 && --test.callsUntilFailure == 0 && !code) {
+        code = test.callFailure;
+    }
+    test.failurePlayed = test.failurePlayed || code;
+    return code;
+}
+
+std::optional<int> Call::plannedFailure(const Function& function) {
+    Test& test = state.test;
+    if (!watched()) {
+        return std::nullopt;
+    }
     std::optional<int> code;
-    auto& planned = test.failures[function_.index()];
+    auto& planned = test.failures[function.index()];
     for (auto failure = planned.begin(); failure != planned.end();) {
         const bool matches = failure->device.empty() || failure->device == device_;
         // If two failures are due at one call, the one planned first occurs, and the other one at the next
@@ -88,9 +110,6 @@ std::optional<int> Call::failure() {
         } else {
             ++failure;
         }
-    }
-    if (test.callsUntilFailure > 0 && --test.callsUntilFailure == 0 && !code) {
-        code = test.callFailure;
     }
     test.failurePlayed = test.failurePlayed || code;
     return code;

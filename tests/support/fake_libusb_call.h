@@ -6,6 +6,7 @@
 
 #include "fake_libusb_state.h"
 
+#include <chrono>
 #include <concepts>
 
 namespace fake_libusb {
@@ -23,11 +24,17 @@ class Call {
 public:
     explicit Call(KnownFunction function, const libusb_device* device = nullptr);
     Call(KnownFunction function, const libusb_device_handle* handle);
+    // Continue a call that has begun in another function.
+    enum Continued { continued };
+    Call(const Function& function, const libusb_device_handle* handle, Continued how);
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
 
     // The planned error code of this call, if any.
-    std::optional<int> failure();
+    std::optional<int> failure() { return failure(function_); }
+    std::optional<int> failure(const Function& function);
+    // The same for a call that sweeps over all calls leave out.
+    std::optional<int> failureByName() { return plannedFailure(function_); }
 
     // Why a call on this handle cannot reach the device: misuse, planned failure, no device.
     std::optional<int> refusal(const libusb_device_handle* handle);
@@ -41,6 +48,12 @@ public:
     bool usable(const libusb_context* context);
     bool given(const void* pointer, const char* what);
     void misuse(const std::string& text);
+
+    // Wait without the mutex until the condition holds or the time is over. Return whether it holds.
+    template <class Condition>
+    bool waitFor(std::chrono::milliseconds time, Condition condition) {
+        return state.transferChanged.wait_for(lock_, time, condition);
+    }
 
     // Record a call that would wait for an event forever.
     void waitsForEvents();
@@ -83,6 +96,7 @@ public:
     State& state;
 
 private:
+    std::optional<int> plannedFailure(const Function& function);
     void begin();
     bool recorded() const;
     bool watched() const;

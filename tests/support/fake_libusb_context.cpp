@@ -98,7 +98,8 @@ int libusb_event_handler_active(libusb_context* context) {
     if (!call.usable(context)) {
         return call.returns(LIBUSB_ERROR_OTHER, context);
     }
-    return call.returns(test.eventsHandledElsewhere || test.eventsLockHolder ? 1 : 0, context);
+    const bool active = test.eventsHandledElsewhere || test.eventsLockHolder || insideEventHandling();
+    return call.returns(active ? 1 : 0, context);
 }
 
 void libusb_lock_event_waiters(libusb_context* context) {

@@ -12,8 +12,9 @@ namespace fake_libusb {
 
 struct FunctionTraits {
     std::string_view name;
-    bool fallible;    // returns a code
-    bool bookkeeping; // reaches no device and changes only counts
+    bool fallible;               // returns a code
+    bool bookkeeping;            // reaches no device and changes only counts
+    bool fallibleByName = false; // can be made to fail, but a sweep over all calls leaves it out
 };
 
 inline constexpr std::array functionTraits = std::to_array<FunctionTraits>({
@@ -44,6 +45,11 @@ inline constexpr std::array functionTraits = std::to_array<FunctionTraits>({
     {"libusb_reset_device", true, false},
     {"libusb_bulk_transfer", true, false},
     {"libusb_control_transfer", true, false},
+    {"libusb_alloc_transfer", false, true, true},
+    {"libusb_free_transfer", false, true},
+    {"libusb_submit_transfer", false, true, true},
+    {"libusb_cancel_transfer", false, true},
+    {"libusb_handle_events_completed", false, true, true},
     {"libusb_try_lock_events", false, true},
     {"libusb_unlock_events", false, true},
     {"libusb_event_handler_active", false, true},
@@ -70,6 +76,7 @@ public:
     constexpr std::size_t index() const { return index_; }
     constexpr std::string_view name() const { return functionTraits[index_].name; }
     constexpr bool fallible() const { return functionTraits[index_].fallible; }
+    constexpr bool fallibleByName() const { return fallible() || functionTraits[index_].fallibleByName; }
 
 private:
     std::size_t index_;

@@ -102,6 +102,11 @@ void libusb_close(libusb_device_handle* handle) {
     if (!insideEventHandling()) {
         call.waitsForEvents();
     }
+    for (const auto& [transfer, submitted] : call.state.transfers) {
+        if (submitted.pending && transfer->dev_handle == handle) {
+            call.misuse(handle->name + " has a pending transfer");
+        }
+    }
     for (const int interface : handle->claimed) {
         if (!handle->releaseTried.contains(interface)) {
             call.misuse(handle->name + " has interface " + std::to_string(interface) + " claimed");

@@ -6,6 +6,7 @@
 #include "fake_libusb_functions.h"
 
 #include <array>
+#include <condition_variable>
 #include <deque>
 #include <map>
 #include <memory>
@@ -33,6 +34,7 @@ struct libusb_device {
     std::deque<fake_libusb::Bytes> echo = {};
     std::array<std::deque<fake_libusb::Answer>, 4> answers = {};
     std::vector<fake_libusb::Bytes> frames = {};
+    std::array<bool, 4> silent = {};
 };
 
 struct libusb_device_handle {
@@ -72,6 +74,15 @@ struct Registration {
     libusb_hotplug_callback_fn callback = nullptr;
     void* userData = nullptr;
     bool ofThisTest = true;
+};
+
+// A transfer of the asynchronous functions.
+struct AsynchronousTransfer {
+    bool ofThisTest = true;
+    bool pending = false;
+    bool canceled = false;
+    std::thread::id submitter;
+    std::optional<int> failure; // the code with which it was planned to fail
 };
 
 struct PlannedFailure {
@@ -125,6 +136,8 @@ struct State {
     std::deque<const libusb_device_handle*> closedHandles;
     std::unordered_map<const libusb_config_descriptor*, std::unique_ptr<Configuration>> configurations;
     std::unordered_map<libusb_device**, DeviceList> lists;
+    std::unordered_map<const libusb_transfer*, AsynchronousTransfer> transfers;
+    std::condition_variable transferChanged;
     std::vector<Registration> registrations;
     std::deque<libusb_version> versions; // never destroyed: libusb_get_version() returns pointers
     int initializations = 0;             // in total
