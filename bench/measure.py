@@ -18,7 +18,7 @@ import time
 
 import callgrind
 
-RECORD_SIZE = 888  # of a reader's record on a 64-bit machine, for comparison with the heap used for a scanned reader
+RECORD_SIZE = 904  # of a reader's record on a 64-bit machine, for comparison with the heap used for a scanned reader
 
 
 class Bench:
@@ -338,6 +338,19 @@ def measured_trouble(bench, trouble, readers, line="", file=None):
     return {name: statistics.median(each) for name, each in values.items()}
 
 
+def ends_of_waits(bench, table):
+    """How long it takes to end a call that waits for a reader."""
+    with tempfile.NamedTemporaryFile("w") as script:
+        script.write("at 0 mute all in\n")
+        script.flush()
+        values = {mode: on_emulated_bus(bench, ["id=1,copies=2"], mode, 300, script=script.name, program="ending_waits")
+                  for mode in ("close", "cancel", "close-other")}
+    table.row("close of a reader while its own transfer waits", "us", values["close"]["ending_us"], most=5000)
+    table.row("the same: until the call has returned", "us", values["close"]["call_us"], most=5000)
+    table.row("close of a reader while another's transfer waits", "us", values["close-other"]["ending_us"], most=5000)
+    table.row('"CANCEL": until the call has returned', "us", values["cancel"]["call_us"], most=5000)
+
+
 def on_emulated_bus(bench, readers, mode, seconds=2, script=None, program="emulated_bus"):
     """The values that a program prints, which runs on the emulated bus."""
     options = ["--script", script] if script else []
@@ -413,8 +426,8 @@ def main():
     for measure in (exchanges, cxx_exchanges, parameters, scans, polls, logging, sizes, idling):
         measure(bench, table)
     if not arguments.counted:
-        for measure in (processor_time, scan_times, load_times, python_exchanges, threads, troubles, emulated_bus,
-                        usbip_server):
+        for measure in (processor_time, scan_times, load_times, python_exchanges, threads, troubles, ends_of_waits,
+                        emulated_bus, usbip_server):
             measure(bench, table)
     if table.broken:
         print(f"{table.broken} bounds are exceeded", file=sys.stderr)

@@ -355,9 +355,10 @@ int GVUSB_OpenDevice(unsigned int devId);
  * @param devHnd  handle of the reader
  * @return  0; GVUSB_ERR_NEGATIVE_HANDLE; GVUSB_ERR_NULL_HANDLE; GVUSB_ERR_HANDLE_NOT_FOUND
  *
- * Sets the last error to the returned code. Any thread; waits for a transfer in progress, in parallel mode only for
- * one with this reader. The handle is unknown from the beginning on, and calls that still wait for the reader return
- * GVUSB_ERR_NOT_OPENED.
+ * Sets the last error to the returned code. Any thread; waits for a transfer in progress. In parallel mode, it ends the
+ * calls of GVUSB_Transceive, GVUSB_Transmit and GVUSB_Receive on this reader, also those that wait for it: they return
+ * GVUSB_ERR_NOT_OPENED. It waits only for other calls on this reader, such as GVUSB_IsDevicePresent. The handle is
+ * unknown from the beginning on.
  */
 int GVUSB_CloseDevice(int devHnd);
 
@@ -517,6 +518,11 @@ int GVUSB_GetDevicePara(int devHnd, const char* key, char* value);
  *   again when the reader has been unplugged and has come back under its handle: set it again then
  * - "RESETPIPE": clear a halt of both bulk endpoints; the value is ignored
  * - "RESETDEVICE": reset the reader; the value is ignored
+ * - "CANCEL": in parallel mode, end the calls of GVUSB_Transceive, GVUSB_Transmit and GVUSB_Receive that have begun on
+ *   the reader, without waiting for its time-out; the value is ignored. Calls that wait for the reader end too, and send
+ *   nothing. All of them return the code of a failed transfer, GVUSB_ERR_BULK_TRANSFER or GVUSB_ERR_CONTROL_TRANSFER. An
+ *   answer that arrives later is received by the next call. Without such a call it has no effect. By default it is an
+ *   unknown parameter
  *
  * Of the driver:
  * - "HOTPLUG-UPDATERATE": microseconds between two polls, in decimal, at least 10. A number that is too large or

@@ -954,6 +954,22 @@ public:
     }
 
     /**
+     * End the calls of other threads on this reader: their transfers fail. Without such a call it has no effect. It may be
+     * called while other threads use the reader. Fails with errc::unknown_parameter unless parallel mode is on.
+     */
+    void cancel() {
+        detail::check(GVUSB_SetDevicePara(checked_handle(), "CANCEL", ""), "gvusb::reader::cancel");
+    }
+
+    /**
+     * @copydoc cancel()
+     * @param ec  cleared, or gets the failure
+     */
+    void cancel(std::error_code& ec) noexcept {
+        detail::without_exceptions([&] { cancel(); }, ec);
+    }
+
+    /**
      * Send a frame and receive the answer, as GVUSB_Transceive does.
      *
      * @param frame  the frame

@@ -147,7 +147,6 @@ class Library:
         self.get_error_text = self._function("GVUSB_GetErrorText", _int, _text)
         self.get_drv_version = self._function("GVUSB_GetDrvVersion")
         self._texts: Dict[int, str] = {}
-        self._cancels = True
 
     def _function(self, name: str, *arguments: Any, result: Any = ctypes.c_int) -> Callable[..., Any]:
         try:
@@ -172,11 +171,11 @@ class Library:
         return self._texts[code]
 
     def cancel(self, handle: int) -> bool:
-        """End the call that is under way on a reader. Return whether the library can do so."""
+        """End the calls that are under way on a reader, in parallel mode. Return whether it is on."""
         return self._cancel(handle, self.get_device_para, self.set_device_para)
 
     def cancel_all_at_exit(self) -> bool:
-        """End all calls that are under way, although calls are refused. Return whether the library can do so."""
+        """End all calls that are under way, in parallel mode, although calls are refused. Return whether it is on."""
         return self._cancel(0, self.unguarded("GVUSB_GetDevicePara"), self.unguarded("GVUSB_SetDevicePara"))
 
     def unguarded(self, name: str) -> Callable[..., Any]:
@@ -187,11 +186,9 @@ class Library:
     def _cancel(self, handle: int, get: Callable[..., int], set_: Callable[..., int]) -> bool:
         # By default, the call would wait for the transfer that it is to end.
         mode = ctypes.create_string_buffer(PARAMETER_SIZE)
-        if not self._cancels or get(GVUSB_DRIVER, b"PARALLEL", mode) != 0 or mode.value != b"1":
+        if get(GVUSB_DRIVER, b"PARALLEL", mode) != 0 or mode.value != b"1":
             return False
-        # With this code, the library does not know the key.
-        self._cancels = set_(handle, b"CANCEL", b"1") != UNKNOWN_PARAMETER
-        return self._cancels
+        return bool(set_(handle, b"CANCEL", b"") != UNKNOWN_PARAMETER)
 
 
 _library: Optional[Library] = None

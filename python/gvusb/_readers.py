@@ -458,10 +458,9 @@ class Reader:
         self.set("RESETPIPE")
 
     def cancel(self) -> bool:
-        """End the call that is under way on this reader, from another thread. Do not wait.
+        """End the calls that other threads make on this reader. Do not wait.
 
-        Return False if the library cannot do so: it must know the parameter "CANCEL", and parallel mode must be on.
-        Otherwise the call raises TransferError. Other threads use the reader with the next call.
+        They raise TransferError. Return False, without an effect, if parallel mode is off.
         """
         return self._lib.cancel(self._usable(self._checked()))
 

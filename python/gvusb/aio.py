@@ -13,10 +13,9 @@ Each reader has a thread of its own, which makes one call after the other, so a 
 other reader, provided that gvusb.driver.set_parallel(True) has switched parallel mode on.
 
 Cancelling. No thread uses a reader on behalf of an await that has ended. A call that has not begun when its await is
-cancelled is not made. One that has begun is ended at once if the library can do so (if it knows the parameter "CANCEL", in
-parallel mode); otherwise the await ends, by CancelledError, when the call ends: as soon as its time is over, at the latest.
-So limit the time of a call by its `timeout`, not by asyncio.wait_for(). As after a time-out, the next call may receive the
-answer of a cancelled one.
+cancelled is not made. One that has begun is ended at once in parallel mode, if it is an exchange; otherwise the await ends, by
+CancelledError, when the call ends: as soon as its time is over, at the latest. As after a time-out, the next call may receive
+the answer of a cancelled one.
 
 Exceptions, units and arguments are those of gvusb. Use an object in the event loop that it was made in.
 """

@@ -148,10 +148,22 @@ int GVUSB_GetDeviceHnd(unsigned int devId) {
     return onManager([&] { return g_GvUsbMan.GetDeviceHnd(devId); });
 }
 
-// The hot path. At link time this function and everything that it calls become one function.
-[[gnu::flatten]] int GVUSB_Transceive(int devHnd, const char* interfaceName, int /*reserved*/,
-                                      const unsigned char* sendData, unsigned int sendLength,
-                                      unsigned char* receiveBuffer, unsigned int receiveSize) {
+// The hot paths. At link time each of these functions and everything that it calls become one function. They have the
+// parameters of GVUSB_Transceive, even an unused one, so that it calls them by a jump.
+[[gnu::noinline, gnu::flatten, gnu::used]] static int
+transceiveAlone(int devHnd, const char* interfaceName, int /*reserved*/, const unsigned char* data,
+                unsigned int len, unsigned char* buf, unsigned int size) {
+    return g_GvUsbMan.TransceiveAlone(devHnd, interfaceName, data, len, buf, size);
+}
+
+[[gnu::noinline, gnu::flatten, gnu::used]] static int
+transceiveEndable(int devHnd, const char* interfaceName, int /*reserved*/, const unsigned char* data,
+                  unsigned int len, unsigned char* buf, unsigned int size) {
+    return g_GvUsbMan.TransceiveEndable(devHnd, interfaceName, data, len, buf, size);
+}
+
+int GVUSB_Transceive(int devHnd, const char* interfaceName, int reserved, const unsigned char* sendData,
+                     unsigned int sendLength, unsigned char* receiveBuffer, unsigned int receiveSize) {
     if (const int code = checkHandle(devHnd); code != 0) {
         return refuse(code);
     }
@@ -164,9 +176,13 @@ int GVUSB_GetDeviceHnd(unsigned int devId) {
     if (receiveSize == 0) {
         return refuse(GVUSB_ERR_RECEIVE_BUFFER_TOO_SMALL);
     }
-    return onManager([&] {
-        return g_GvUsbMan.Transceive(devHnd, interfaceName, sendData, sendLength, receiveBuffer, receiveSize);
-    });
+    if (!relaxed::load(managerIsUsable)) {
+        return refuse(GVUSB_ERR_LIBUSB_API);
+    }
+    return g_GvUsbMan.IsParallel() ? transceiveEndable(devHnd, interfaceName, reserved, sendData, sendLength,
+                                                       receiveBuffer, receiveSize)
+                                   : transceiveAlone(devHnd, interfaceName, reserved, sendData, sendLength,
+                                                     receiveBuffer, receiveSize);
 }
 
 int GVUSB_Transmit(int devHnd, const char* interfaceName, const unsigned char* data, unsigned int length) {

@@ -3,6 +3,7 @@
 #include "base/usb_owners.h"
 
 #include <cstdio>
+#include <memory>
 
 GVDevice::GVDevice(int handle, libusb_device* dev)
     : usbdev(libusb_ref_device(dev))
@@ -13,6 +14,7 @@ GVDevice::GVDevice(int handle, libusb_device* dev)
 
 GVDevice::~GVDevice() noexcept(false) {
     const DeviceReference reference(usbdev);
+    const std::unique_ptr<EndableTransfer> freed(m_endableTransfer.load());
     if (usbdev != nullptr) {
         CloseDev();
     }

@@ -9,7 +9,9 @@
 #include "base/owner.h"
 #include "base/reader_facts.h"
 #include "base/relaxed.h"
+#include "device/endable_transfer.h"
 
+#include <atomic>
 #include <cstdint>
 
 #include <libusb.h>
@@ -64,9 +66,9 @@ public:
 
     // ---- endpoints.cpp
     // Find the bulk endpoints, choose the transfer mode and claim interface 0.
-    int GetBulkEndPoints() GVUSB_REQUIRES(mutex);
+    [[gnu::noinline]] int GetBulkEndPoints() GVUSB_REQUIRES(mutex);
     // Clear the halts of both bulk endpoints.
-    void ResetBulkEndPoints() GVUSB_REQUIRES(mutex);
+    [[gnu::noinline]] void ResetBulkEndPoints() GVUSB_REQUIRES(mutex);
 
     // ---- transfer.cpp, bulk_transfer.cpp, control_transfer.cpp
     // Return the number of received bytes, 0 for a frame that was sent, or a negative code.
@@ -82,6 +84,27 @@ public:
         GVUSB_REQUIRES(mutex);
     int Transceive_Ctrl(const unsigned char* data, unsigned int len, unsigned char* buf, unsigned int size)
         GVUSB_REQUIRES(mutex);
+
+    // ---- endable_calls.cpp
+    // Like the functions without "Endable", with libusb's asynchronous functions. These calls can be ended. `ends` is
+    // EndsBefore() when the call began.
+    [[gnu::visibility("hidden")]] int TransmitEndable(std::uint32_t ends, const char* interfaceName,
+                                                      const unsigned char* data, unsigned int len);
+    [[gnu::visibility("hidden")]] int ReceiveEndable(std::uint32_t ends, const char* interfaceName,
+                                                     unsigned char* buf, unsigned int size);
+    [[gnu::visibility("hidden")]] int TransceiveEndable(std::uint32_t ends, const char* interfaceName,
+                                                        const unsigned char* data, unsigned int len,
+                                                        unsigned char* buf, unsigned int size);
+    [[nodiscard]] std::uint32_t EndsBefore() const noexcept { return m_ends.load(); }
+    // End the endable calls that have begun, before the reader is closed. CancelTransfer then ends the wait for the transfer
+    // that is under way. Neither takes the record's mutex.
+    void BeginClosing() noexcept {
+        m_closing.store(true);
+        m_ends.fetch_add(1);
+    }
+    [[gnu::visibility("hidden")]] void CancelTransfer();
+    // End the endable calls that have begun.
+    [[gnu::visibility("hidden")]] int Cancel();
 
     // ---- log_buffer.cpp
     // Log a frame as a hexadecimal dump after a prefix.
@@ -128,6 +151,42 @@ public:
     GVDevice* nextChanging = nullptr;
 
 private:
+    // endable_calls.cpp
+    template <class Exchange, class SynchronousExchange>
+    int ExchangeEndable(std::uint32_t ends, const char* tag, const char* interfaceName, Exchange exchange,
+                        SynchronousExchange synchronousExchange);
+    [[gnu::visibility("hidden"), gnu::cold, gnu::noinline]] EndableTransfer* CreateEndableTransfer()
+        GVUSB_REQUIRES(mutex);
+    [[gnu::visibility("hidden"), gnu::cold, gnu::noinline]] void AbandonEndableTransfer()
+        GVUSB_REQUIRES(mutex);
+    [[gnu::visibility("hidden"), gnu::cold, gnu::noinline]] int EndEnded(const char* tag)
+        GVUSB_REQUIRES(mutex);
+    // Whether the reader is open, for a thread without the mutex.
+    bool IsOpenNow() const noexcept GVUSB_NO_THREAD_SAFETY_ANALYSIS {
+        return relaxed::load(usbdev_hnd) != nullptr;
+    }
+
+    // exchange.h
+    template <class Usb>
+    int TransmitBulk(Usb& usb, const unsigned char* data, unsigned int len) GVUSB_REQUIRES(mutex);
+    template <class Usb>
+    int ReceiveBulk(Usb& usb, unsigned char* buf, unsigned int size) GVUSB_REQUIRES(mutex);
+    template <class Usb>
+    int TransceiveBulk(Usb& usb, const unsigned char* data, unsigned int len, unsigned char* buf,
+                       unsigned int size) GVUSB_REQUIRES(mutex);
+    template <class Usb>
+    int TransmitControl(Usb& usb, const unsigned char* data, unsigned int len) GVUSB_REQUIRES(mutex);
+    template <class Usb>
+    int ReceiveControl(Usb& usb, unsigned char* buf, unsigned int size) GVUSB_REQUIRES(mutex);
+    template <class Usb>
+    int TransceiveControl(Usb& usb, const unsigned char* data, unsigned int len, unsigned char* buf,
+                          unsigned int size) GVUSB_REQUIRES(mutex);
+
+    // bulk_transfer.cpp
+    [[gnu::visibility("hidden"), gnu::cold, gnu::noinline]] int BulkTransmitFailed(const char* tag,
+                                                                                   int usbResult)
+        GVUSB_REQUIRES(mutex);
+
     // identify.cpp
     int IdentificationFailed(const char* text, int usbResult, int code) GVUSB_REQUIRES(mutex);
 
@@ -136,11 +195,27 @@ private:
 
     // transfer.cpp
     int BeginTransfer(const char* tag, bool knownProtocol) GVUSB_REQUIRES(mutex);
+    [[gnu::visibility("hidden"), gnu::noinline]] int TransmitSynchronously(const unsigned char* data,
+                                                                           unsigned int len)
+        GVUSB_REQUIRES(mutex);
+    [[gnu::visibility("hidden"), gnu::noinline]] int ReceiveSynchronously(unsigned char* buf,
+                                                                          unsigned int size)
+        GVUSB_REQUIRES(mutex);
+    [[gnu::visibility("hidden"), gnu::noinline]] int
+    TransceiveSynchronously(const unsigned char* data, unsigned int len, unsigned char* buf,
+                            unsigned int size) GVUSB_REQUIRES(mutex);
     int EndTransfer(const char* tag, int result);
+    [[gnu::visibility("hidden"), gnu::cold, gnu::noinline]] int RefuseClosed(const char* tag);
 
     // log_buffer.cpp
-    [[gnu::cold]] void LogSent(const char* tag, const unsigned char* data, unsigned int len);
-    [[gnu::cold]] void LogReceived(const char* tag, const unsigned char* data, int count);
+    [[gnu::cold, gnu::noinline]] void LogSent(const char* tag, const unsigned char* data, unsigned int len);
+    [[gnu::cold, gnu::noinline]] void LogReceived(const char* tag, const unsigned char* data, int count);
+
+    EndCount m_ends = 0;
+    // Whether a thread is closing the reader: then it ends the calls.
+    std::atomic<bool> m_closing = false;
+    // Null until the first endable call. Written under the mutex. A thread with a reference to the record may use it.
+    std::atomic<EndableTransfer*> m_endableTransfer = nullptr;
 };
 
 using OwnedDevice = Owner<GVDevice, &GVDevice::Release>;

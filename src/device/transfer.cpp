@@ -1,16 +1,8 @@
 #include "device/gvdevice.h"
 
-#include "base/key_text.h"
 #include "base/log.h"
+#include "device/known_protocol.h"
 #include "gvusb.h"
-
-namespace {
-
-bool isKnownProtocol(const char* interfaceName) {
-    return isKey(interfaceName, GVUSB_PROTOCOL);
-}
-
-} // namespace
 
 int GVDevice::Transmit(const char* interfaceName, const unsigned char* data, unsigned int len) {
     const bool knownProtocol = isKnownProtocol(interfaceName);
@@ -18,8 +10,7 @@ int GVDevice::Transmit(const char* interfaceName, const unsigned char* data, uns
     if (const int code = BeginTransfer("transmit", knownProtocol); code < 0) {
         return code;
     }
-    return EndTransfer("transmit", transferMode == TransferMode::bulk ? Transmit_Bulk(data, len)
-                                                                      : Transmit_Ctrl(data, len));
+    return EndTransfer("transmit", TransmitSynchronously(data, len));
 }
 
 int GVDevice::Receive(const char* interfaceName, unsigned char* buf, unsigned int size) {
@@ -28,8 +19,7 @@ int GVDevice::Receive(const char* interfaceName, unsigned char* buf, unsigned in
     if (const int code = BeginTransfer("receive", knownProtocol); code < 0) {
         return code;
     }
-    return EndTransfer("receive", transferMode == TransferMode::bulk ? Receive_Bulk(buf, size)
-                                                                     : Receive_Ctrl(buf, size));
+    return EndTransfer("receive", ReceiveSynchronously(buf, size));
 }
 
 int GVDevice::Transceive(const char* interfaceName, const unsigned char* data, unsigned int len,
@@ -44,12 +34,26 @@ int GVDevice::Transceive(const char* interfaceName, const unsigned char* data, u
                                          : Transceive_Ctrl(data, len, buf, size));
 }
 
+int GVDevice::TransmitSynchronously(const unsigned char* data, unsigned int len) {
+    return transferMode == TransferMode::bulk ? Transmit_Bulk(data, len) : Transmit_Ctrl(data, len);
+}
+
+int GVDevice::ReceiveSynchronously(unsigned char* buf, unsigned int size) {
+    return transferMode == TransferMode::bulk ? Receive_Bulk(buf, size) : Receive_Ctrl(buf, size);
+}
+
+// For endable calls.
+int GVDevice::TransceiveSynchronously(const unsigned char* data, unsigned int len, unsigned char* buf,
+                                      unsigned int size) {
+    return transferMode == TransferMode::bulk ? Transceive_Bulk(data, len, buf, size)
+                                              : Transceive_Ctrl(data, len, buf, size);
+}
+
 // Check that the reader is open and the protocol is known. In the first transfer after opening, also find the
 // endpoints and claim the interface.
 int GVDevice::BeginTransfer(const char* tag, bool knownProtocol) {
     if (usbdev_hnd == nullptr) {
-        log<Level::reader>(tag, "device not open error");
-        return SetLastError(GVUSB_ERR_NOT_OPENED);
+        return RefuseClosed(tag);
     }
     if (!knownProtocol) {
         return SetLastError(GVUSB_ERR_UNKNOWN_INTERFACE);
@@ -60,6 +64,11 @@ int GVDevice::BeginTransfer(const char* tag, bool knownProtocol) {
         }
     }
     return GVUSB_OK;
+}
+
+int GVDevice::RefuseClosed(const char* tag) {
+    log<Level::reader>(tag, "device not open error");
+    return SetLastError(GVUSB_ERR_NOT_OPENED);
 }
 
 int GVDevice::EndTransfer(const char* tag, int result) {

@@ -1,7 +1,5 @@
 #include "manager/on_device.h"
 
-#include <algorithm>
-
 int GVDrvHnd::IsDevicePresent(int devHnd) {
     return OnDevice(devHnd, [this](GVDevice& device) {
         const bool present = device.IsPresent();
@@ -12,20 +10,41 @@ int GVDrvHnd::IsDevicePresent(int devHnd) {
 
 int GVDrvHnd::Transceive(int devHnd, const char* interfaceName, const unsigned char* data, unsigned int len,
                          unsigned char* buf, unsigned int size) {
-    return OnDevice(devHnd, [&](GVDevice& device) {
-        const int result = device.Transceive(interfaceName, data, len, buf, size);
-        SetLastError(std::min(result, 0));
-        return result;
+    return IsParallel() ? TransceiveEndable(devHnd, interfaceName, data, len, buf, size)
+                        : TransceiveAlone(devHnd, interfaceName, data, len, buf, size);
+}
+
+int GVDrvHnd::TransceiveAlone(int devHnd, const char* interfaceName, const unsigned char* data,
+                              unsigned int len, unsigned char* buf, unsigned int size) {
+    return OnDeviceAlone(devHnd, [&](GVDevice& device) {
+        return FinishTransceive(device.Transceive(interfaceName, data, len, buf, size));
+    });
+}
+
+int GVDrvHnd::TransceiveEndable(int devHnd, const char* interfaceName, const unsigned char* data,
+                                unsigned int len, unsigned char* buf, unsigned int size) {
+    return OnDeviceEndable(devHnd, [&](GVDevice& device, std::uint32_t ends) {
+        return FinishTransceive(device.TransceiveEndable(ends, interfaceName, data, len, buf, size));
     });
 }
 
 int GVDrvHnd::Transmit(int devHnd, const char* interfaceName, const unsigned char* data, unsigned int len) {
-    return OnDevice(
+    if (IsParallel()) {
+        return OnDeviceEndable(devHnd, [&](GVDevice& device, std::uint32_t ends) {
+            return SetLastError(device.TransmitEndable(ends, interfaceName, data, len));
+        });
+    }
+    return OnDeviceAlone(
         devHnd, [&](GVDevice& device) { return SetLastError(device.Transmit(interfaceName, data, len)); });
 }
 
 // Unlike Transceive, leaves the count of received bytes as the last error.
 int GVDrvHnd::Receive(int devHnd, const char* interfaceName, unsigned char* buf, unsigned int size) {
-    return OnDevice(devHnd,
-                    [&](GVDevice& device) { return SetLastError(device.Receive(interfaceName, buf, size)); });
+    if (IsParallel()) {
+        return OnDeviceEndable(devHnd, [&](GVDevice& device, std::uint32_t ends) {
+            return SetLastError(device.ReceiveEndable(ends, interfaceName, buf, size));
+        });
+    }
+    return OnDeviceAlone(
+        devHnd, [&](GVDevice& device) { return SetLastError(device.Receive(interfaceName, buf, size)); });
 }

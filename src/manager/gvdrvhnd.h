@@ -18,6 +18,7 @@
 #include "manager/event_handlers.h"
 #include "manager/hotplug_queue.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -53,6 +54,15 @@ public:
     int IsDevicePresent(int devHnd) GVUSB_EXCLUDES(m_mtxDevList);
     int Transceive(int devHnd, const char* interfaceName, const unsigned char* data, unsigned int len,
                    unsigned char* buf, unsigned int size) GVUSB_EXCLUDES(m_mtxDevList);
+    // Its two modes.
+    [[gnu::visibility("hidden")]] int TransceiveAlone(int devHnd, const char* interfaceName,
+                                                      const unsigned char* data, unsigned int len,
+                                                      unsigned char* buf, unsigned int size)
+        GVUSB_EXCLUDES(m_mtxDevList);
+    [[gnu::visibility("hidden")]] int TransceiveEndable(int devHnd, const char* interfaceName,
+                                                        const unsigned char* data, unsigned int len,
+                                                        unsigned char* buf, unsigned int size)
+        GVUSB_EXCLUDES(m_mtxDevList);
     int Transmit(int devHnd, const char* interfaceName, const unsigned char* data, unsigned int len)
         GVUSB_EXCLUDES(m_mtxDevList);
     int Receive(int devHnd, const char* interfaceName, unsigned char* buf, unsigned int size)
@@ -199,6 +209,17 @@ private:
     // on_device.h
     template <class Operation>
     int OnDevice(int devHnd, Operation operation) GVUSB_EXCLUDES(m_mtxDevList);
+    template <class Operation>
+    int OnDeviceAlone(int devHnd, Operation operation) GVUSB_EXCLUDES(m_mtxDevList);
+    template <class Operation>
+    int OnDeviceEndable(int devHnd, Operation operation) GVUSB_EXCLUDES(m_mtxDevList);
+
+    // frames.cpp
+    // Return a result of GVDevice::Transceive, and store it if it is a code.
+    int FinishTransceive(int result) noexcept {
+        SetLastError(std::min(result, 0));
+        return result;
+    }
 
     // changes.cpp
     class Change;

@@ -158,7 +158,7 @@ int GVDrvHnd::OpenDevice(unsigned int devId) {
     return result;
 }
 
-// The handle is unknown from the beginning on. Calls that are using the reader end first.
+// The handle is unknown from the beginning on. Calls that are using the reader end first; parallel ones are ended.
 int GVDrvHnd::CloseDevice(int devHnd) {
     const bool parallel = IsParallel();
     const MutexLock lock(m_mtxDevList);
@@ -168,6 +168,7 @@ int GVDrvHnd::CloseDevice(int devHnd) {
         return SetLastError(GVUSB_ERR_HANDLE_NOT_FOUND);
     }
     EraseFromDeviceList(*device);
+    device->BeginClosing();
     const unsigned int devId = device->devId;
     const bool stillScanned = IsInScanList(device);
     OwnedDevice used(stillScanned ? device->Retain() : device);
@@ -175,6 +176,7 @@ int GVDrvHnd::CloseDevice(int devHnd) {
     Change change(*this, *device);
     {
         const MutexUnlock usb(m_mtxDevList, parallel);
+        device->CancelTransfer();
         device->CloseDevice();
     }
     change.end();

@@ -20,6 +20,11 @@ void logParameter(const char* tag, int devHnd, const char* key, const char* valu
     log<Level::manager>(tag, "Hnd(0x", std::hex, devHnd, ") ", key, " = '", text, "' => rc=", code);
 }
 
+// By default there is no parameter "CANCEL": no other thread can reach a reader while a call waits for it.
+int setParameter(GVDevice& device, const char* key, const char* value, bool parallel) {
+    return parallel && isKey(key, "CANCEL") ? device.Cancel() : device.SetDevicePara(key, value);
+}
+
 } // namespace
 
 // Iterates over the readers of the device list, under its mutex. Other threads may close readers when the mutex is released
@@ -86,8 +91,9 @@ int GVDrvHnd::SetDevicePara(int devHnd, const char* key, const char* value) {
     } else if (devHnd == GVUSB_ALL_DEVICES) {
         code = SetEveryDevicePara(key, value);
     } else {
-        code = OnDevice(devHnd,
-                        [&](GVDevice& device) { return SetLastError(device.SetDevicePara(key, value)); });
+        code = OnDevice(devHnd, [&, parallel = IsParallel()](GVDevice& device) {
+            return SetLastError(setParameter(device, key, value, parallel));
+        });
     }
     logParameter("set device para", devHnd, key, value, std::string_view::npos, code);
     return code;
@@ -141,7 +147,7 @@ int GVDrvHnd::SetEveryDevicePara(const char* key, const char* value) {
         int result;
         {
             const MutexUnlock usb(m_mtxDevList, parallel);
-            result = device->SetDevicePara(key, value);
+            result = setParameter(*device, key, value, parallel);
         }
         // A reader that another thread has closed meanwhile does not count.
         if (result != 0 && !IsInDeviceList(device)) {

@@ -202,6 +202,8 @@ void set_parameter(int handle, const std::string& key, const std::string& value,
         reader->reset(ec...);
     } else if (key == "RESETPIPE") {
         reader->reset_pipe(ec...);
+    } else if (key == "CANCEL") {
+        reader->cancel(ec...);
     } else {
         reader->set_parameter(key.c_str(), value.c_str(), ec...);
     }

@@ -48,6 +48,7 @@ static void UnknownKeysAreRefused(void** state) {
     }
     assert_int_equal(GVUSB_SetDevicePara(handle, "DEVICENAME", "x"), GVUSB_ERR_UNKNOWN_PARAMETER);
     assert_int_equal(get(handle, "RESETPIPE"), GVUSB_ERR_UNKNOWN_PARAMETER);
+    assert_int_equal(get(handle, "CANCEL"), GVUSB_ERR_UNKNOWN_PARAMETER);
 }
 
 static void KeysOfAnyLengthAreRefusedSafely(void** state) {

@@ -121,11 +121,11 @@ static void read_parameters(unsigned int* random) {
 }
 
 static void write_parameters(unsigned int* random) {
-    static const char* const keys[] = {"TIMEOUT", "RESETPIPE", "RESETDEVICE"};
+    static const char* const keys[] = {"TIMEOUT", "RESETPIPE", "RESETDEVICE", "CANCEL"};
     if (pick(random, 4) == 0) {
         expect_code(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", pick(random, 4) == 0 ? "1" : "0"));
     } else {
-        expect_code(GVUSB_SetDevicePara(handle(random), keys[pick(random, 3)], "20"));
+        expect_code(GVUSB_SetDevicePara(handle(random), keys[pick(random, 4)], "20"));
     }
 }
 

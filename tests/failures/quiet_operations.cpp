@@ -133,6 +133,9 @@ std::vector<Operation> quietOperations() {
             "setTimeOut", opened, [] { return GVUSB_SetDevicePara(firstHandle, "TIMEOUT", "250"); },
             gives<0>),
         quiet(
+            "cancel", opened, [] { return GVUSB_SetDevicePara(firstHandle, "CANCEL", ""); },
+            support::inParallelSuite() ? gives<0> : gives<GVUSB_ERR_UNKNOWN_PARAMETER>),
+        quiet(
             "setEveryTimeOut", opened,
             [] { return GVUSB_SetDevicePara(GVUSB_ALL_DEVICES, "TIMEOUT", "250"); }, gives<0>),
         quiet(

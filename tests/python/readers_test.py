@@ -360,25 +360,16 @@ class ThreadsTest(BusTest):
 
             def receive() -> None:
                 try:
-                    reader.receive(timeout=1.5)
+                    reader.receive(timeout=600)
                 except gvusb.Error as error:
                     raised.append(error)
 
             thread = threading.Thread(target=receive)
-            begin = time.monotonic()
             thread.start()
-            ends = True
-            while thread.is_alive() and ends:
-                ends = reader.cancel()
+            while thread.is_alive():
+                self.assertTrue(reader.cancel())  # at first, the call may not have begun
                 thread.join(0.02)
-            thread.join(LONG_ENOUGH)
-            took = time.monotonic() - begin
-            # A library that knows "CANCEL" ends the call; another one waits until its time is over.
-            if ends:
-                self.assertEqual([type(error) for error in raised], [gvusb.TransferError])
-            else:
-                self.assertEqual([type(error) for error in raised], [gvusb.TimeoutError])
-                self.assertGreaterEqual(took, 1.5)
+            self.assertEqual([type(error) for error in raised], [gvusb.TransferError])
 
 
 class DriverTest(BusTest):

@@ -94,9 +94,9 @@ const std::vector<Call>& calls() {
     using T = const Target&;
     using All = const Targets&;
     static const std::vector<Call> all = {
-        {"Transceive", transceive, notOpened},
-        {"Transmit", transmit, notOpened},
-        {"Receive", receive, notOpened},
+        {"Transceive", transceive, notOpened, nullptr, true},
+        {"Transmit", transmit, notOpened, nullptr, true},
+        {"Receive", receive, notOpened, nullptr, true},
         {"CloseDevice", [](T target, All) { return std::to_string(GVUSB_CloseDevice(target.handle)); }},
         {"OpenDevice",
          [](T target, All targets) { return handleOrCode(GVUSB_OpenDevice(target.devId), targets); }},
@@ -143,6 +143,8 @@ const std::vector<Call>& calls() {
          notOpened},
         {"SetDevicePara.RESETPIPE", [](T target, All) { return set(target.handle, "RESETPIPE", ""); },
          notOpened},
+        {"SetDevicePara.CANCEL", [](T target, All) { return set(target.handle, "CANCEL", ""); }, notOpened,
+         nullptr, false, true},
         {"SetDevicePara.all", [](T, All) { return set(GVUSB_ALL_DEVICES, "TIMEOUT", "88"); }},
         {"GetLastError",
          [](T target, All) {

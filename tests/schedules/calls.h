@@ -26,6 +26,9 @@ struct Call {
     const char* whenClosed = nullptr;
     // For a call that is several steps in parallel mode: the same, but pause() between the steps.
     std::string (*runInSteps)(const Target& target, const Targets& targets) = nullptr;
+    // Whether "CANCEL" can end it, and whether it is this "CANCEL".
+    bool endable = false;
+    bool ends = false;
 };
 
 const std::vector<Call>& calls();

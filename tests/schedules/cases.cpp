@@ -215,7 +215,8 @@ void loadLast() {
 }
 
 Run runOnce(const Case& which, Mode mode, Decider& decider, const StuckHandler& stuck, const Model& model) {
-    ignoreMutex(&fake::state().mutex);
+    ignore(&fake::state().mutex);
+    ignore(&fake::state().transferChanged);
     Run run;
     runControlled(
         [&] {

@@ -141,7 +141,8 @@ private:
     }
 
     bool isKnown(const Seen& seen) const {
-        return inOrder_.contains(seen) || (options_.mode == Mode::parallel && isKnownButClosed(seen));
+        return inOrder_.contains(seen) ||
+               (options_.mode == Mode::parallel && (isKnownButClosed(seen) || isKnownButCanceled(seen)));
     }
 
     // A call on a reader that is closed meanwhile is like one on an unknown handle, with another code.
@@ -154,6 +155,22 @@ private:
                 if (inOrder_.contains(unknown)) {
                     return true;
                 }
+            }
+        }
+        return false;
+    }
+
+    // A call that is canceled fails; apart from this it is like one that is not.
+    bool isKnownButCanceled(const Seen& seen) const {
+        const std::array<const Call*, 2> both = {which_->first, which_->second};
+        for (std::size_t i = 0; i < both.size(); ++i) {
+            const bool canceled = seen.results[i] == std::to_string(GVUSB_ERR_BULK_TRANSFER) ||
+                                  seen.results[i] == std::to_string(GVUSB_ERR_CONTROL_TRANSFER);
+            if (both[i]->endable && both[1 - i]->ends && canceled) {
+                return std::ranges::any_of(inOrder_, [&](Seen each) {
+                    each.results[i] = seen.results[i];
+                    return each == seen;
+                });
             }
         }
         return false;

@@ -28,8 +28,8 @@ Nanoseconds durationOf(const timespec& time) {
     return std::chrono::seconds(time.tv_sec) + Nanoseconds(time.tv_nsec);
 }
 
-bool isControlledMutex(const pthread_mutex_t* mutex) {
-    return isControlled() && !control::isIgnored(mutex);
+bool isControlledObject(const void* object) {
+    return isControlled() && !control::isIgnored(object);
 }
 
 } // namespace
@@ -73,7 +73,7 @@ namespace real = schedules::real;
 extern "C" {
 
 int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
-    if (!isControlledMutex(mutex)) {
+    if (!isControlledObject(mutex)) {
         return real::lock(mutex);
     }
     control::lock(mutex);
@@ -81,11 +81,11 @@ int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
 }
 
 int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept {
-    return isControlledMutex(mutex) ? control::tryLock(mutex) : real::tryLock(mutex);
+    return isControlledObject(mutex) ? control::tryLock(mutex) : real::tryLock(mutex);
 }
 
 int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
-    return isControlledMutex(mutex) ? control::unlock(mutex) : real::unlock(mutex);
+    return isControlledObject(mutex) ? control::unlock(mutex) : real::unlock(mutex);
 }
 
 int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
@@ -109,7 +109,7 @@ int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, cl
 
 int pthread_cond_signal(pthread_cond_t* condition) noexcept {
     static auto* const function = NEXT(pthread_cond_signal);
-    if (!isControlled()) {
+    if (!isControlledObject(condition)) {
         return function(condition);
     }
     control::wake(condition, false);
@@ -118,7 +118,7 @@ int pthread_cond_signal(pthread_cond_t* condition) noexcept {
 
 int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
     static auto* const function = NEXT(pthread_cond_broadcast);
-    if (!isControlled()) {
+    if (!isControlledObject(condition)) {
         return function(condition);
     }
     control::wake(condition, true);

@@ -44,8 +44,8 @@ Scheduler* scheduler = nullptr;
 constinit thread_local Task* self = nullptr;
 
 std::unordered_set<const void*>& ignored() {
-    static std::unordered_set<const void*> mutexes;
-    return mutexes;
+    static std::unordered_set<const void*> objects;
+    return objects;
 }
 
 // The C++ library's functions for this yield, which is replaced here.
@@ -241,8 +241,8 @@ void letOthersRun() {
     waitFor(nullptr, scheduler->time);
 }
 
-void ignoreMutex(const void* mutex) {
-    ignored().insert(mutex);
+void ignore(const void* object) {
+    ignored().insert(object);
 }
 
 namespace control {
@@ -251,8 +251,8 @@ bool isControlled() {
     return self != nullptr;
 }
 
-bool isIgnored(const void* mutex) {
-    return ignored().contains(mutex);
+bool isIgnored(const void* object) {
+    return ignored().contains(object);
 }
 
 Nanoseconds now() {

@@ -50,8 +50,8 @@ void pause();
 // Let the other threads run until each of them waits.
 void letOthersRun();
 
-// Do not give up control at this mutex, which no thread holds while it gives up control elsewhere.
-void ignoreMutex(const void* mutex);
+// Do not give up control at this mutex or condition. No thread holds the mutex while it gives up control elsewhere.
+void ignore(const void* object);
 
 // What the interposed functions call in controlled threads.
 namespace control {
@@ -59,7 +59,7 @@ namespace control {
 using Nanoseconds = std::chrono::nanoseconds;
 
 bool isControlled();
-bool isIgnored(const void* mutex);
+bool isIgnored(const void* object);
 Nanoseconds now(); // since the start of the run
 
 void lock(pthread_mutex_t* mutex);

@@ -248,9 +248,9 @@ void RandomCaller::setDevicePara() {
         expectCode(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", oneOf({"0", "0", "1", "2"})));
         break;
     default:
-        expectCode(GVUSB_SetDevicePara(handle(),
-                                       oneOf({"TIMEOUT", "RESETPIPE", "RESETDEVICE", "NONE", nullptr}),
-                                       oneOf({"1", "1000", "0", "", nullptr})));
+        expectCode(GVUSB_SetDevicePara(
+            handle(), oneOf({"TIMEOUT", "RESETPIPE", "RESETDEVICE", "CANCEL", "NONE", nullptr}),
+            oneOf({"1", "1000", "0", "", nullptr})));
     }
 }
 

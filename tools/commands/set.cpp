@@ -79,6 +79,10 @@ void noteWhatIsLost(const Options& options) {
     } else if (::strcasecmp(options.key.c_str(), "TIMEOUT") == 0) {
         printNote(accepted + "To send with another time-out, use 'gvusb send " + options.target +
                   " --timeout " + options.value + "'.");
+    } else if (::strcasecmp(options.key.c_str(), "CANCEL") == 0) {
+        printNote("CANCEL ends calls of the same process, and this command makes no other. Set it in the "
+                  "program whose "
+                  "calls should end.");
     }
 }
 
