@@ -323,18 +323,13 @@ static void NothingIsReportedWhilePollingIsSuspended(void** state) {
     assert_int_equal(events_about(GVUSB_EVENT_DISCONNECT, desk_id), 1);
 }
 
+/* An upper limit of the time would depend on how busy the machine is. */
 static void TheUpdateRateIsTheTimeBetweenTwoPolls(void** state) {
     assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-UPDATERATE", "150000"), 0);
     await_polls();
-    double times[3];
-    for (int i = 0; i < 3; ++i) {
-        await_poll(1);
-        times[i] = now_ms();
-    }
-    /* Each time may be read a little late. */
-    assert_true(times[1] - times[0] >= 130);
-    assert_true(times[2] - times[0] >= 290);
-    assert_true(times[2] - times[0] <= 2000);
+    const double begin = now_ms();
+    await_poll(4);
+    assert_true(now_ms() - begin >= 3 * 150);
 }
 
 static void AHandlerMayEndTheProgram(void** state) {

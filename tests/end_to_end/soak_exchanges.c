@@ -54,6 +54,7 @@ int open_listed_reader(unsigned int id) {
         note_failure(opening.result);
         return 0;
     }
+    GVUSB_SetDevicePara(opening.result, "TIMEOUT", "10000"); /* the machine may be busy */
     return opening.result;
 }
 
