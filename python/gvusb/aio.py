@@ -24,6 +24,7 @@ from __future__ import annotations
 
 import asyncio
 import concurrent.futures
+import threading
 from types import TracebackType
 from typing import Any, Callable, List, NoReturn, Optional, Set, Type, TypeVar, Union
 
@@ -91,7 +92,10 @@ class Reader:
         """Own an open reader. Waits like the properties of gvusb.Reader, so do this before other calls are under way."""
         self._reader = reader
         self._executor = concurrent.futures.ThreadPoolExecutor(1, "gvusb-reader")
-        self._is_in_call = False
+        # The call that the reader's thread is making. Changed and used under the lock, so that cancelling one call does not end
+        # the next one.
+        self._current: Optional[object] = None
+        self._current_lock = threading.Lock()
         self.id = reader.id
         """The device ID; 0 if it is unknown."""
         self.name = reader.name
@@ -103,26 +107,30 @@ class Reader:
 
     async def _call(self, function: Callable[..., _Result], *arguments: Any) -> _Result:
         _library.refuse()
+        mark = object()
         try:
-            call = self._executor.submit(lambda: self._marked(function, *arguments))
+            call = self._executor.submit(lambda: self._marked(mark, function, *arguments))
         except RuntimeError:
             if not self.closed:
                 raise  # the interpreter is ending
             raise error_of(ErrorCode.NOT_OPENED) from None
-        return await _result(call, self._cancel_call)
+        return await _result(call, lambda: self._cancel_call(mark))
 
-    def _marked(self, function: Callable[..., _Result], *arguments: Any) -> _Result:
+    def _marked(self, mark: object, function: Callable[..., _Result], *arguments: Any) -> _Result:
         """Make a call in the reader's thread."""
-        # Holding the lock, so that the mark means that this call, and no other on the reader, is under way.
+        # Holding the record's lock, so that no other call on the reader is under way.
         with self._reader._checked().lock:
-            self._is_in_call = True
+            with self._current_lock:
+                self._current = mark
             try:
                 return function(*arguments)
             finally:
-                self._is_in_call = False
+                with self._current_lock:
+                    self._current = None
 
-    def _cancel_call(self) -> bool:
-        return not self._is_in_call or self._reader.cancel()
+    def _cancel_call(self, mark: object) -> bool:
+        with self._current_lock:
+            return self._current is not mark or self._reader.cancel()
 
     async def transceive(self, frame: BytesLike, size: int = DEFAULT_SIZE, *, timeout: Optional[float] = None) -> bytes:
         """Send a frame and return the answer, as gvusb.Reader.transceive() does."""

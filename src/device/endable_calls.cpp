@@ -7,14 +7,15 @@
 
 namespace {
 
-// libusb refuses to wait for transfers inside of its callbacks, and only its synchronous functions say so. Try a transfer
-// that does not reach the reader: USB has no endpoint with this address.
+// libusb refuses to wait for transfers inside of its callbacks, and only its synchronous functions say so. Try a control transfer
+// that is longer than libusb permits: it never reaches the reader.
 [[gnu::cold, gnu::noinline]] bool isRefused(libusb_device_handle* handle) {
-    constexpr unsigned char noSuchEndpoint = 0x70;
+    constexpr std::uint8_t requestType = LIBUSB_ENDPOINT_IN | std::uint8_t{LIBUSB_REQUEST_TYPE_STANDARD} |
+                                         std::uint8_t{LIBUSB_RECIPIENT_DEVICE};
     constexpr unsigned int timeout = 1;
-    unsigned char data = 0;
-    int transferred = 0;
-    return libusb_bulk_transfer(handle, noSuchEndpoint, &data, 0, &transferred, timeout) == LIBUSB_ERROR_BUSY;
+    unsigned char data[EndableTransfer::longestControlTransfer + 1];
+    return libusb_control_transfer(handle, requestType, LIBUSB_REQUEST_GET_STATUS, 0, 0, data, sizeof data,
+                                   timeout) == LIBUSB_ERROR_BUSY;
 }
 
 // If no thread handles events, this thread is in no callback.
@@ -27,9 +28,12 @@ bool isInLibUsbCallback(libusb_device_handle* handle) {
 // If the call cannot be endable, libusb's synchronous functions make the exchange: in a callback of libusb, too, they return
 // the right code.
 template <class Exchange, class SynchronousExchange>
-int GVDevice::ExchangeEndable(std::uint32_t ends, const char* tag, const char* interfaceName,
-                              Exchange exchange, SynchronousExchange synchronousExchange) {
+int GVDevice::ExchangeEndable(EndCount ends, const char* tag, const char* interfaceName, Exchange exchange,
+                              SynchronousExchange synchronousExchange) {
     const MutexLock lock(mutex);
+    if (m_ends.load() != ends) {
+        return EndEnded(tag, interfaceName, ends);
+    }
     if (const int code = BeginTransfer(tag, isKnownProtocol(interfaceName)); code < 0) {
         return code;
     }
@@ -41,9 +45,6 @@ int GVDevice::ExchangeEndable(std::uint32_t ends, const char* tag, const char* i
         }
     }
     transfer->begin(usbdev_hnd, timeout, ends);
-    if (transfer->isEnded()) {
-        return EndEnded(tag);
-    }
     if (isInLibUsbCallback(usbdev_hnd)) {
         return EndTransfer(tag, synchronousExchange());
     }
@@ -54,13 +55,13 @@ int GVDevice::ExchangeEndable(std::uint32_t ends, const char* tag, const char* i
         AbandonEndableTransfer();
         throw;
     }
-    if (result < 0 && m_closing.load()) {
+    if (result < 0 && isClosedBetween(ends, m_ends.load())) {
         result = GVUSB_ERR_NOT_OPENED;
     }
     return EndTransfer(tag, result);
 }
 
-int GVDevice::TransmitEndable(std::uint32_t ends, const char* interfaceName, const unsigned char* data,
+int GVDevice::TransmitEndable(EndCount ends, const char* interfaceName, const unsigned char* data,
                               unsigned int len) {
     return ExchangeEndable(
         ends, "transmit", interfaceName,
@@ -71,7 +72,7 @@ int GVDevice::TransmitEndable(std::uint32_t ends, const char* interfaceName, con
         [&]() GVUSB_REQUIRES(mutex) { return TransmitSynchronously(data, len); });
 }
 
-int GVDevice::ReceiveEndable(std::uint32_t ends, const char* interfaceName, unsigned char* buf,
+int GVDevice::ReceiveEndable(EndCount ends, const char* interfaceName, unsigned char* buf,
                              unsigned int size) {
     return ExchangeEndable(
         ends, "receive", interfaceName,
@@ -82,7 +83,7 @@ int GVDevice::ReceiveEndable(std::uint32_t ends, const char* interfaceName, unsi
         [&]() GVUSB_REQUIRES(mutex) { return ReceiveSynchronously(buf, size); });
 }
 
-int GVDevice::TransceiveEndable(std::uint32_t ends, const char* interfaceName, const unsigned char* data,
+int GVDevice::TransceiveEndable(EndCount ends, const char* interfaceName, const unsigned char* data,
                                 unsigned int len, unsigned char* buf, unsigned int size) {
     return ExchangeEndable(
         ends, "transceive", interfaceName,
@@ -106,10 +107,13 @@ void GVDevice::AbandonEndableTransfer() {
     }
 }
 
-// The call was ended before its first transfer. A thread that is closing the reader waits for the mutex.
-int GVDevice::EndEnded(const char* tag) {
-    if (m_closing.load()) {
+// The call was ended while it waited for the mutex. The reader may have been opened again since it was closed.
+int GVDevice::EndEnded(const char* tag, const char* interfaceName, EndCount ends) {
+    if (isClosedBetween(ends, m_ends.load())) {
         return RefuseClosed(tag);
+    }
+    if (const int code = BeginTransfer(tag, isKnownProtocol(interfaceName)); code < 0) {
+        return code;
     }
     return EndTransfer(tag, transferMode == TransferMode::bulk ? GVUSB_ERR_BULK_TRANSFER
                                                                : GVUSB_ERR_CONTROL_TRANSFER);
@@ -121,13 +125,10 @@ void GVDevice::CancelTransfer() {
     }
 }
 
-// The call that is under way stores its code later.
+// Without a call to end, as on a closed reader, this has no effect. Otherwise the call stores its own code later.
 int GVDevice::Cancel() {
-    if (!IsOpenNow()) {
-        return SetLastError(GVUSB_ERR_NOT_OPENED);
-    }
     SetLastError(GVUSB_OK);
-    m_ends.fetch_add(1);
+    m_ends.fetch_add(canceledOnce);
     CancelTransfer();
     return GVUSB_OK;
 }

@@ -6,33 +6,24 @@
 // Some implementations of libusb lack this function.
 #pragma weak libusb_event_handler_active
 
-namespace {
-
-constexpr std::uint16_t longestControlTransfer = 4096; // libusb's limit
-
-} // namespace
-
-EndableTransfer* EndableTransfer::create(const EndCount& ends) noexcept {
+EndableTransfer* EndableTransfer::create(const std::atomic<EndCount>& ends) noexcept {
     if (&libusb_event_handler_active == nullptr) {
         return nullptr;
     }
-    std::unique_ptr<EndableTransfer> created(new (std::nothrow) EndableTransfer(ends));
-    if (created == nullptr) {
+    libusb_transfer* const transfer = libusb_alloc_transfer(0);
+    if (transfer == nullptr) {
         return nullptr;
     }
-    return created->allocate() ? created.release() : nullptr;
-}
-
-bool EndableTransfer::allocate() noexcept {
-    libusb_transfer* const allocated = libusb_alloc_transfer(0);
-    if (allocated == nullptr) {
-        return false;
+    auto* const created = new (std::nothrow) EndableTransfer(ends);
+    if (created == nullptr) {
+        libusb_free_transfer(transfer);
+        return nullptr;
     }
-    allocated->type = LIBUSB_TRANSFER_TYPE_BULK;
-    allocated->callback = &complete;
-    allocated->user_data = &m_completed;
-    m_transfer = allocated;
-    return true;
+    transfer->type = LIBUSB_TRANSFER_TYPE_BULK;
+    transfer->callback = &complete;
+    transfer->user_data = &created->m_completed;
+    created->m_transfer = transfer;
+    return created;
 }
 
 EndableTransfer::~EndableTransfer() {
@@ -44,11 +35,8 @@ int EndableTransfer::vendorControl(std::uint8_t requestType, unsigned char* data
         m_controlBuffer.reset(
             new (std::nothrow) unsigned char[LIBUSB_CONTROL_SETUP_SIZE + longestControlTransfer]);
     }
-    if (m_spent && m_controlBuffer != nullptr) {
-        m_spent = !replace();
-    }
     // libusb decides about longer transfers.
-    if (m_controlBuffer == nullptr || m_spent || length > longestControlTransfer) {
+    if (m_controlBuffer == nullptr || length > longestControlTransfer) {
         return libusb_control_transfer(m_transfer->dev_handle, requestType, 0, 0, 0, data, length,
                                        m_transfer->timeout);
     }
@@ -62,24 +50,14 @@ int EndableTransfer::vendorControl(std::uint8_t requestType, unsigned char* data
     m_transfer->endpoint = 0;
     m_transfer->buffer = m_controlBuffer.get();
     m_transfer->length = LIBUSB_CONTROL_SETUP_SIZE + length;
+    m_transfer->actual_length = 0;
     const int result = perform();
     m_transfer->type = LIBUSB_TRANSFER_TYPE_BULK;
-    m_spent = result < 0;
-    if (in && result > 0) {
-        std::memcpy(data, payload, static_cast<std::size_t>(result));
+    // A failed transfer may have received something, too.
+    if (in && m_transfer->actual_length > 0) {
+        std::memcpy(data, payload, static_cast<std::size_t>(m_transfer->actual_length));
     }
     return result;
-}
-
-bool EndableTransfer::replace() noexcept {
-    libusb_transfer* const old = m_transfer;
-    if (!allocate()) {
-        return false;
-    }
-    m_transfer->dev_handle = old->dev_handle;
-    m_transfer->timeout = old->timeout;
-    libusb_free_transfer(old);
-    return true;
 }
 
 // Called by libusb in the thread that handles events. Afterwards the waiting thread may use the transfer again at once.
@@ -120,12 +98,14 @@ void EndableTransfer::keepWaiting(int code) {
     } while (!isCompleted());
 }
 
+// Another thread may cancel the transfer at the same time: libusb has a lock for each.
 void EndableTransfer::cancelOwn() {
     libusb_cancel_transfer(m_transfer);
 }
 
 void EndableTransfer::awaitCancel() {
     const MutexLock lock(m_mutex);
+    m_state.store(State::idle);
 }
 
 int EndableTransfer::failed() {
@@ -146,11 +126,14 @@ int EndableTransfer::failed() {
     }
 }
 
+// While the state is canceling, the call cannot end. It may be a later one than those that this thread is to end.
 void EndableTransfer::cancel() {
     const MutexLock lock(m_mutex);
-    State pending = State::pending;
-    if (m_state.compare_exchange_strong(pending, State::canceling)) {
-        libusb_cancel_transfer(m_transfer);
-        m_state.store(State::idle);
+    State state = State::pending;
+    if (m_state.compare_exchange_strong(state, State::canceling)) {
+        if (isEnded()) {
+            libusb_cancel_transfer(m_transfer);
+        }
+        m_state.store(State::pending);
     }
 }

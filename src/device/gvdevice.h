@@ -88,20 +88,17 @@ public:
     // ---- endable_calls.cpp
     // Like the functions without "Endable", with libusb's asynchronous functions. These calls can be ended. `ends` is
     // EndsBefore() when the call began.
-    [[gnu::visibility("hidden")]] int TransmitEndable(std::uint32_t ends, const char* interfaceName,
+    [[gnu::visibility("hidden")]] int TransmitEndable(EndCount ends, const char* interfaceName,
                                                       const unsigned char* data, unsigned int len);
-    [[gnu::visibility("hidden")]] int ReceiveEndable(std::uint32_t ends, const char* interfaceName,
+    [[gnu::visibility("hidden")]] int ReceiveEndable(EndCount ends, const char* interfaceName,
                                                      unsigned char* buf, unsigned int size);
-    [[gnu::visibility("hidden")]] int TransceiveEndable(std::uint32_t ends, const char* interfaceName,
+    [[gnu::visibility("hidden")]] int TransceiveEndable(EndCount ends, const char* interfaceName,
                                                         const unsigned char* data, unsigned int len,
                                                         unsigned char* buf, unsigned int size);
-    [[nodiscard]] std::uint32_t EndsBefore() const noexcept { return m_ends.load(); }
+    [[nodiscard]] EndCount EndsBefore() const noexcept { return m_ends.load(); }
     // End the endable calls that have begun, before the reader is closed. CancelTransfer then ends the wait for the transfer
     // that is under way. Neither takes the record's mutex.
-    void BeginClosing() noexcept {
-        m_closing.store(true);
-        m_ends.fetch_add(1);
-    }
+    void BeginClosing() noexcept { m_ends.fetch_add(closedOnce); }
     [[gnu::visibility("hidden")]] void CancelTransfer();
     // End the endable calls that have begun.
     [[gnu::visibility("hidden")]] int Cancel();
@@ -153,19 +150,14 @@ public:
 private:
     // endable_calls.cpp
     template <class Exchange, class SynchronousExchange>
-    int ExchangeEndable(std::uint32_t ends, const char* tag, const char* interfaceName, Exchange exchange,
+    int ExchangeEndable(EndCount ends, const char* tag, const char* interfaceName, Exchange exchange,
                         SynchronousExchange synchronousExchange);
     [[gnu::visibility("hidden"), gnu::cold, gnu::noinline]] EndableTransfer* CreateEndableTransfer()
         GVUSB_REQUIRES(mutex);
     [[gnu::visibility("hidden"), gnu::cold, gnu::noinline]] void AbandonEndableTransfer()
         GVUSB_REQUIRES(mutex);
-    [[gnu::visibility("hidden"), gnu::cold, gnu::noinline]] int EndEnded(const char* tag)
-        GVUSB_REQUIRES(mutex);
-    // Whether the reader is open, for a thread without the mutex.
-    bool IsOpenNow() const noexcept GVUSB_NO_THREAD_SAFETY_ANALYSIS {
-        return relaxed::load(usbdev_hnd) != nullptr;
-    }
-
+    [[gnu::visibility("hidden"), gnu::cold, gnu::noinline]] int
+    EndEnded(const char* tag, const char* interfaceName, EndCount ends) GVUSB_REQUIRES(mutex);
     // exchange.h
     template <class Usb>
     int TransmitBulk(Usb& usb, const unsigned char* data, unsigned int len) GVUSB_REQUIRES(mutex);
@@ -211,9 +203,7 @@ private:
     [[gnu::cold, gnu::noinline]] void LogSent(const char* tag, const unsigned char* data, unsigned int len);
     [[gnu::cold, gnu::noinline]] void LogReceived(const char* tag, const unsigned char* data, int count);
 
-    EndCount m_ends = 0;
-    // Whether a thread is closing the reader: then it ends the calls.
-    std::atomic<bool> m_closing = false;
+    std::atomic<EndCount> m_ends = 0;
     // Null until the first endable call. Written under the mutex. A thread with a reference to the record may use it.
     std::atomic<EndableTransfer*> m_endableTransfer = nullptr;
 };

@@ -23,7 +23,7 @@ int GVDevice::OpenDevice() {
         log<Level::reader>("open", "libusb_open returned ", rc);
         return SetLastError(GVUSB_ERR_CANNOT_OPEN);
     }
-    relaxed::store(usbdev_hnd, handle);
+    usbdev_hnd = handle;
     if (const int code = SetConfiguration(); code < 0) {
         return code;
     }
@@ -52,7 +52,6 @@ int GVDevice::SetConfiguration() {
 int GVDevice::CloseDevice() {
     const MutexLock lock(mutex);
     CloseDev();
-    m_closing.store(false);
     log<Level::reader>("close", "devHnd=0x", std::hex, relaxed::load(devHnd), " devId=0x", devId, ": ok");
     return SetLastError(GVUSB_OK);
 }
@@ -63,6 +62,6 @@ void GVDevice::CloseDev() {
     }
     libusb_release_interface(usbdev_hnd, 0);
     libusb_close(usbdev_hnd);
-    relaxed::store(usbdev_hnd, nullptr);
+    usbdev_hnd = nullptr;
     ForgetBulkEndPoints();
 }

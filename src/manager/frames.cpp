@@ -23,14 +23,14 @@ int GVDrvHnd::TransceiveAlone(int devHnd, const char* interfaceName, const unsig
 
 int GVDrvHnd::TransceiveEndable(int devHnd, const char* interfaceName, const unsigned char* data,
                                 unsigned int len, unsigned char* buf, unsigned int size) {
-    return OnDeviceEndable(devHnd, [&](GVDevice& device, std::uint32_t ends) {
+    return OnDeviceEndable(devHnd, [&](GVDevice& device, EndCount ends) {
         return FinishTransceive(device.TransceiveEndable(ends, interfaceName, data, len, buf, size));
     });
 }
 
 int GVDrvHnd::Transmit(int devHnd, const char* interfaceName, const unsigned char* data, unsigned int len) {
     if (IsParallel()) {
-        return OnDeviceEndable(devHnd, [&](GVDevice& device, std::uint32_t ends) {
+        return OnDeviceEndable(devHnd, [&](GVDevice& device, EndCount ends) {
             return SetLastError(device.TransmitEndable(ends, interfaceName, data, len));
         });
     }
@@ -41,7 +41,7 @@ int GVDrvHnd::Transmit(int devHnd, const char* interfaceName, const unsigned cha
 // Unlike Transceive, leaves the count of received bytes as the last error.
 int GVDrvHnd::Receive(int devHnd, const char* interfaceName, unsigned char* buf, unsigned int size) {
     if (IsParallel()) {
-        return OnDeviceEndable(devHnd, [&](GVDevice& device, std::uint32_t ends) {
+        return OnDeviceEndable(devHnd, [&](GVDevice& device, EndCount ends) {
             return SetLastError(device.ReceiveEndable(ends, interfaceName, buf, size));
         });
     }

@@ -40,7 +40,7 @@ int GVDrvHnd::OnDeviceEndable(int devHnd, Operation operation) {
     }
     const OwnedDevice used(device->Retain());
     // While the reader is in the list: who closes it takes it out first, and then ends the calls that have begun.
-    const std::uint32_t ends = device->EndsBefore();
+    const EndCount ends = device->EndsBefore();
     lock.releaseIf(true);
     return operation(*device, ends);
 }

@@ -81,6 +81,22 @@ class AioTest(BusTest, unittest.IsolatedAsyncioTestCase):
         gvusb.driver.set_parallel(True)
         await self.check_cancelling(600)
 
+    async def test_cancelling_a_call_does_not_end_the_next_one(self) -> None:
+        gvusb.driver.set_parallel(True)
+        self.mute()
+        async with await aio.open(BULK) as reader:
+            waiting = asyncio.ensure_future(reader.receive(timeout=600))
+            while reader._current is None:
+                await asyncio.sleep(0.001)
+            ended_call = object()
+            for _ in range(20):
+                self.assertTrue(reader._cancel_call(ended_call))
+                await asyncio.sleep(0.005)
+            self.assertFalse(waiting.done())
+            waiting.cancel()
+            with self.assertRaises(asyncio.CancelledError):
+                await waiting
+
     async def test_cancelling_twice_does_not_end_the_wait(self) -> None:
         self.mute()
         async with await aio.open(BULK) as reader:

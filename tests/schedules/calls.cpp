@@ -31,6 +31,17 @@ std::string transceive(const Target& target, const Targets& /*targets*/) {
     return result > 0 ? std::to_string(result) + " " + std::to_string(answer[0]) : std::to_string(result);
 }
 
+std::string transceiveTwice(const Target& target, const Targets& targets) {
+    const std::string first = transceive(target, targets);
+    return first + ", " + transceive(target, targets);
+}
+
+std::string transceiveTwiceInSteps(const Target& target, const Targets& targets) {
+    const std::string first = transceive(target, targets);
+    pause();
+    return first + ", " + transceive(target, targets);
+}
+
 std::string transmit(const Target& target, const Targets& /*targets*/) {
     const std::array<unsigned char, 2> frame = {9, 9};
     return std::to_string(GVUSB_Transmit(target.handle, GVUSB_PROTOCOL, frame.data(), frame.size()));
@@ -54,6 +65,17 @@ std::string scanAndOpenInSteps(const Target& /*target*/, const Targets& /*target
         }
     }
     return std::to_string(lastFailure);
+}
+
+std::string reopen(const Target& target, const Targets& targets) {
+    const int closed = GVUSB_CloseDevice(target.handle);
+    return std::to_string(closed) + ", " + handleOrCode(GVUSB_OpenDevice(target.devId), targets);
+}
+
+std::string reopenInSteps(const Target& target, const Targets& targets) {
+    const int closed = GVUSB_CloseDevice(target.handle);
+    pause();
+    return std::to_string(closed) + ", " + handleOrCode(GVUSB_OpenDevice(target.devId), targets);
 }
 
 std::string get(const Target& target, const char* key) {
@@ -95,9 +117,11 @@ const std::vector<Call>& calls() {
     using All = const Targets&;
     static const std::vector<Call> all = {
         {"Transceive", transceive, notOpened, nullptr, true},
+        {"Transceive.twice", transceiveTwice, notOpened, transceiveTwiceInSteps, true},
         {"Transmit", transmit, notOpened, nullptr, true},
         {"Receive", receive, notOpened, nullptr, true},
         {"CloseDevice", [](T target, All) { return std::to_string(GVUSB_CloseDevice(target.handle)); }},
+        {"CloseDevice.reopened", reopen, nullptr, reopenInSteps},
         {"OpenDevice",
          [](T target, All targets) { return handleOrCode(GVUSB_OpenDevice(target.devId), targets); }},
         {"OpenDevice.second",

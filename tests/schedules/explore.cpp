@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <functional>
 #include <random>
@@ -149,9 +150,12 @@ private:
     bool isKnownButClosed(const Seen& seen) const {
         const std::array<const Call*, 2> both = {which_->first, which_->second};
         for (std::size_t i = 0; i < both.size(); ++i) {
-            if (both[i]->whenClosed != nullptr && seen.results[i] == both[i]->whenClosed) {
+            const std::size_t at = both[i]->whenClosed != nullptr ? seen.results[i].find(both[i]->whenClosed)
+                                                                  : std::string::npos;
+            if (at != std::string::npos) {
                 Seen unknown = seen;
-                unknown.results[i] = std::to_string(GVUSB_ERR_HANDLE_NOT_FOUND);
+                unknown.results[i].replace(at, std::strlen(both[i]->whenClosed),
+                                           std::to_string(GVUSB_ERR_HANDLE_NOT_FOUND));
                 if (inOrder_.contains(unknown)) {
                     return true;
                 }
@@ -160,13 +164,11 @@ private:
         return false;
     }
 
-    // A call that is canceled fails; apart from this it is like one that is not.
+    // A call that is canceled fails; apart from this it is like one that is not. One "CANCEL" ends one call.
     bool isKnownButCanceled(const Seen& seen) const {
         const std::array<const Call*, 2> both = {which_->first, which_->second};
         for (std::size_t i = 0; i < both.size(); ++i) {
-            const bool canceled = seen.results[i] == std::to_string(GVUSB_ERR_BULK_TRANSFER) ||
-                                  seen.results[i] == std::to_string(GVUSB_ERR_CONTROL_TRANSFER);
-            if (both[i]->endable && both[1 - i]->ends && canceled) {
+            if (both[i]->endable && both[1 - i]->ends && failedTransfers(seen.results[i]) == 1) {
                 return std::ranges::any_of(inOrder_, [&](Seen each) {
                     each.results[i] = seen.results[i];
                     return each == seen;
@@ -174,6 +176,18 @@ private:
             }
         }
         return false;
+    }
+
+    static std::size_t failedTransfers(const std::string& result) {
+        std::size_t count = 0;
+        for (const int code : {GVUSB_ERR_BULK_TRANSFER, GVUSB_ERR_CONTROL_TRANSFER}) {
+            const std::string text = std::to_string(code);
+            for (std::size_t at = result.find(text); at != std::string::npos;
+                 at = result.find(text, at + 1)) {
+                ++count;
+            }
+        }
+        return count;
     }
 
     Seen run(Decider& decider, const How& how) {
