@@ -67,17 +67,6 @@ std::string scanAndOpenInSteps(const Target& /*target*/, const Targets& /*target
     return std::to_string(lastFailure);
 }
 
-std::string reopen(const Target& target, const Targets& targets) {
-    const int closed = GVUSB_CloseDevice(target.handle);
-    return std::to_string(closed) + ", " + handleOrCode(GVUSB_OpenDevice(target.devId), targets);
-}
-
-std::string reopenInSteps(const Target& target, const Targets& targets) {
-    const int closed = GVUSB_CloseDevice(target.handle);
-    pause();
-    return std::to_string(closed) + ", " + handleOrCode(GVUSB_OpenDevice(target.devId), targets);
-}
-
 std::string get(const Target& target, const char* key) {
     Text value = {};
     return with(GVUSB_GetDevicePara(target.handle, key, value.data()), value.data());
@@ -117,11 +106,10 @@ const std::vector<Call>& calls() {
     using All = const Targets&;
     static const std::vector<Call> all = {
         {"Transceive", transceive, notOpened, nullptr, true},
-        {"Transceive.twice", transceiveTwice, notOpened, transceiveTwiceInSteps, true},
+        {"Transceive.twice", transceiveTwice, notOpened, transceiveTwiceInSteps, true, false, true},
         {"Transmit", transmit, notOpened, nullptr, true},
         {"Receive", receive, notOpened, nullptr, true},
         {"CloseDevice", [](T target, All) { return std::to_string(GVUSB_CloseDevice(target.handle)); }},
-        {"CloseDevice.reopened", reopen, nullptr, reopenInSteps},
         {"OpenDevice",
          [](T target, All targets) { return handleOrCode(GVUSB_OpenDevice(target.devId), targets); }},
         {"OpenDevice.second",

@@ -24,11 +24,12 @@ struct Call {
     std::string (*run)(const Target& target, const Targets& targets);
     // In parallel mode, what it gives on a reader that another thread closes once it has found the reader.
     const char* whenClosed = nullptr;
-    // For a call that is several steps, in parallel mode: the same, but pause() between the steps.
+    // For a call that is several steps in parallel mode, or is several calls: the same, but pause() between the steps.
     std::string (*runInSteps)(const Target& target, const Targets& targets) = nullptr;
     // Whether "CANCEL" can end it, and whether it is this "CANCEL".
     bool endable = false;
     bool ends = false;
+    bool isSeveralCalls = false;
 };
 
 const std::vector<Call>& calls();

@@ -234,8 +234,8 @@ Run runOnce(const Case& which, Mode mode, Decider& decider, const StuckHandler& 
                 }
             };
             const auto call = [&](const Call& one, const Target& target) {
-                return (model.inSteps && one.runInSteps != nullptr ? one.runInSteps : one.run)(target,
-                                                                                               targets);
+                const bool inSteps = model.inOrder && (mode == Mode::parallel || one.isSeveralCalls);
+                return (inSteps && one.runInSteps != nullptr ? one.runInSteps : one.run)(target, targets);
             };
             std::array<std::string, 2>& results = run.seen.results;
             std::vector<std::function<void()>> bodies = {

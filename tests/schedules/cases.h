@@ -56,7 +56,7 @@ struct Model {
     // The bus changes before libusb is called for the `changeAt`-th time, or when the third thread has its turn, whichever
     // comes first.
     std::size_t changeAt = SIZE_MAX;
-    bool inSteps = false; // calls pause between their steps
+    bool inOrder = false; // the calls run one after the other, those of several steps step by step
 };
 
 // Load the library, run the case once and unload the library.

@@ -15,6 +15,7 @@
 #include <set>
 
 #include <CLI/CLI.hpp>
+#include <sched.h>
 #include <unistd.h>
 
 // Present if the program is built with a sanitizer.
@@ -121,7 +122,7 @@ private:
         EverySchedule every(0);
         do {
             how_ = [] { return std::string("--preemptions 0"); };
-            const Model model = {.changeAt = changeAt, .inSteps = options_.mode == Mode::parallel};
+            const Model model = {.changeAt = changeAt, .inOrder = true};
             const Run result = runOnce(*which_, options_.mode, every, stuck(), model);
             ++runs_;
             libusbCalls_ = std::max(libusbCalls_, result.libusbCalls);
@@ -271,9 +272,29 @@ void exploreFor(Explorer& explorer, std::vector<const Case*> chosen, double minu
     }
 }
 
+// One thread runs at a time, and waking the next one takes half as long on the same processor. Leave the choice to chance, so
+// that several of these programs do not share one.
+void stayOnOneProcessor() {
+    cpu_set_t permitted;
+    if (sched_getaffinity(0, sizeof permitted, &permitted) != 0) {
+        return;
+    }
+    int skipped = getpid() % CPU_COUNT(&permitted);
+    for (int processor = 0; processor < CPU_SETSIZE; ++processor) {
+        if (CPU_ISSET(processor, &permitted) && skipped-- == 0) {
+            cpu_set_t one;
+            CPU_ZERO(&one);
+            CPU_SET(processor, &one);
+            sched_setaffinity(0, sizeof one, &one);
+            return;
+        }
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+    stayOnOneProcessor();
     Options options;
     bool parallel = false;
     CLI::App app("Run calls of the library at the same time, in every order.");

@@ -255,6 +255,7 @@ TEST_F(EndableCalls, CallsThatWaitForAReaderThatIsClosedFindItClosed) {
     ASSERT_TRUE(waiting::eventually([&] { return std::atomic_ref(record->references).load() == 5; }));
     const std::size_t frames = fake::frames("dev1").size();
     EXPECT_EQ(GVUSB_CloseDevice(bulk), 0);
+    EXPECT_EQ(GVUSB_OpenDevice(0xA1), bulk) << "that the same record is open again makes no difference";
     EXPECT_EQ(first.get(), GVUSB_ERR_NOT_OPENED);
     for (auto& other : others) {
         EXPECT_EQ(other.get(), GVUSB_ERR_NOT_OPENED);
