@@ -9,7 +9,7 @@ shift 3
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 heading='^[A-Z][A-Z/ ]*$'
-escaped() { sed 's/\\/\\e/g; s/-/\\-/g; s/^\./\\\&./'; }
+escaped() { sed 's/\\/\\e/g; s/-/\\-/g; s/^[.'"'"']/\\\&&/'; }
 
 "$program" --help >"$scratch/help"
 {
