@@ -149,7 +149,8 @@ int GVUSB_GetDeviceHnd(unsigned int devId) {
 }
 
 // The hot paths. At link time each of these functions and everything that it calls become one function. They have the
-// parameters of GVUSB_Transceive, even an unused one, so that it calls them by a jump.
+// parameters of GVUSB_Transceive, even an unused one, so that it calls them by a jump. "used" keeps the compiler from removing
+// that parameter.
 [[gnu::noinline, gnu::flatten, gnu::used]] static int
 transceiveAlone(int devHnd, const char* interfaceName, int /*reserved*/, const unsigned char* data,
                 unsigned int len, unsigned char* buf, unsigned int size) {

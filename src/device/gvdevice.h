@@ -158,6 +158,7 @@ private:
         GVUSB_REQUIRES(mutex);
     [[gnu::visibility("hidden"), gnu::cold, gnu::noinline]] int
     EndEnded(const char* tag, const char* interfaceName, EndCount ends) GVUSB_REQUIRES(mutex);
+
     // exchange.h
     template <class Usb>
     int TransmitBulk(Usb& usb, const unsigned char* data, unsigned int len) GVUSB_REQUIRES(mutex);

@@ -31,14 +31,12 @@ std::string transceive(const Target& target, const Targets& /*targets*/) {
     return result > 0 ? std::to_string(result) + " " + std::to_string(answer[0]) : std::to_string(result);
 }
 
+template <bool inSteps>
 std::string transceiveTwice(const Target& target, const Targets& targets) {
     const std::string first = transceive(target, targets);
-    return first + ", " + transceive(target, targets);
-}
-
-std::string transceiveTwiceInSteps(const Target& target, const Targets& targets) {
-    const std::string first = transceive(target, targets);
-    pause();
+    if constexpr (inSteps) {
+        pause();
+    }
     return first + ", " + transceive(target, targets);
 }
 
@@ -105,10 +103,15 @@ const std::vector<Call>& calls() {
     using T = const Target&;
     using All = const Targets&;
     static const std::vector<Call> all = {
-        {"Transceive", transceive, notOpened, nullptr, true},
-        {"Transceive.twice", transceiveTwice, notOpened, transceiveTwiceInSteps, true, false, true},
-        {"Transmit", transmit, notOpened, nullptr, true},
-        {"Receive", receive, notOpened, nullptr, true},
+        {.name = "Transceive", .run = transceive, .whenClosed = notOpened, .canBeEnded = true},
+        {.name = "Transceive.twice",
+         .run = transceiveTwice<false>,
+         .whenClosed = notOpened,
+         .runInSteps = transceiveTwice<true>,
+         .canBeEnded = true,
+         .isSeveralCalls = true},
+        {.name = "Transmit", .run = transmit, .whenClosed = notOpened, .canBeEnded = true},
+        {.name = "Receive", .run = receive, .whenClosed = notOpened, .canBeEnded = true},
         {"CloseDevice", [](T target, All) { return std::to_string(GVUSB_CloseDevice(target.handle)); }},
         {"OpenDevice",
          [](T target, All targets) { return handleOrCode(GVUSB_OpenDevice(target.devId), targets); }},
@@ -155,8 +158,10 @@ const std::vector<Call>& calls() {
          notOpened},
         {"SetDevicePara.RESETPIPE", [](T target, All) { return set(target.handle, "RESETPIPE", ""); },
          notOpened},
-        {"SetDevicePara.CANCEL", [](T target, All) { return set(target.handle, "CANCEL", ""); }, notOpened,
-         nullptr, false, true},
+        {.name = "SetDevicePara.CANCEL",
+         .run = [](T target, All) { return set(target.handle, "CANCEL", ""); },
+         .whenClosed = notOpened,
+         .endsCalls = true},
         {"SetDevicePara.all", [](T, All) { return set(GVUSB_ALL_DEVICES, "TIMEOUT", "88"); }},
         {"GetLastError",
          [](T target, All) {

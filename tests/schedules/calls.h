@@ -26,9 +26,8 @@ struct Call {
     const char* whenClosed = nullptr;
     // For a call that is several steps in parallel mode, or is several calls: the same, but pause() between the steps.
     std::string (*runInSteps)(const Target& target, const Targets& targets) = nullptr;
-    // Whether "CANCEL" can end it, and whether it is this "CANCEL".
-    bool endable = false;
-    bool ends = false;
+    bool canBeEnded = false; // by "CANCEL"
+    bool endsCalls = false;  // is "CANCEL"
     bool isSeveralCalls = false;
 };
 

@@ -165,11 +165,12 @@ private:
         return false;
     }
 
-    // A call that is canceled fails; apart from this it is like one that is not. One "CANCEL" ends one call.
+    // A call that is canceled fails; apart from this it is like one that is not. A reader makes one call at a time, so one "CANCEL" ends
+    // one call.
     bool isKnownButCanceled(const Seen& seen) const {
         const std::array<const Call*, 2> both = {which_->first, which_->second};
         for (std::size_t i = 0; i < both.size(); ++i) {
-            if (both[i]->endable && both[1 - i]->ends && failedTransfers(seen.results[i]) == 1) {
+            if (both[i]->canBeEnded && both[1 - i]->endsCalls && failedTransfers(seen.results[i]) == 1) {
                 return std::ranges::any_of(inOrder_, [&](Seen each) {
                     each.results[i] = seen.results[i];
                     return each == seen;

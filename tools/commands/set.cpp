@@ -81,8 +81,7 @@ void noteWhatIsLost(const Options& options) {
                   " --timeout " + options.value + "'.");
     } else if (::strcasecmp(options.key.c_str(), "CANCEL") == 0) {
         printNote("CANCEL ends calls of the same process, and this command makes no other. Set it in the "
-                  "program whose "
-                  "calls should end.");
+                  "program whose calls should end.");
     }
 }
 

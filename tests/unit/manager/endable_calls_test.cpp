@@ -426,6 +426,17 @@ TEST_F(EndableCalls, AnExceptionFromEventHandlingAbandonsTheTransfer) {
     libusb_free_transfer(const_cast<libusb_transfer*>(fake::state().transfers.begin()->first));
 }
 
+// What came before a control transfer failed is in the buffer, as by default.
+TEST_F(EndableCalls, KeepTheBytesOfAFailedControlTransfer) {
+    for (const char* mode : {"1", "0"}) {
+        EXPECT_EQ(GVUSB_SetDevicePara(GVUSB_DRIVER, "PARALLEL", mode), 0);
+        fake::queueAnswer("dev2", Transfer::controlIn, {.code = LIBUSB_ERROR_TIMEOUT, .data = {7, 8}});
+        std::array<unsigned char, 4> answer = {9, 9, 9, 9};
+        EXPECT_EQ(GVUSB_Receive(control, GVUSB_PROTOCOL, answer.data(), answer.size()), GVUSB_ERR_TIMEOUT);
+        EXPECT_THAT(answer, ElementsAre(7, 8, 0, 0)) << mode;
+    }
+}
+
 // Long frames are refused by libusb, and the library has no buffer for them.
 TEST_F(EndableCalls, SendFramesOfEveryLength) {
     for (const std::size_t length : {1u, 4096u, 4097u, 65535u, 65536u}) {
