@@ -148,14 +148,21 @@ static void OnlyReceivingLeavesItsCountAsTheLastError(void** state) {
     assert_int_equal(last_error(0), 0);
 }
 
+/* Sending takes its time on a busy machine, so only receiving has a short time-out. */
+static void send_and_time_out(int handle, unsigned int length) {
+    assert_int_equal(transmit(handle, length), 0);
+    assert_int_equal(GVUSB_SetDevicePara(handle, "TIMEOUT", "50"), 0);
+    assert_int_equal(receive(handle, 64), GVUSB_ERR_TIMEOUT);
+    be_patient(handle);
+}
+
 static void AnAnswerThatComesTooLateIsReceivedNext(void** state) {
     static const unsigned int ids[] = {bulk_id, control_id};
     for (size_t i = 0; i < sizeof ids / sizeof *ids; ++i) {
         const int handle = open_reader(ids[i]);
-        assert_int_equal(GVUSB_SetDevicePara(handle, "TIMEOUT", "50"), 0);
         bus("delay all in 5000");
         fill_frame(5);
-        assert_int_equal(transceive(handle, 5), GVUSB_ERR_TIMEOUT);
+        send_and_time_out(handle, 5);
         bus("delay all in 0");
         assert_int_equal(receive(handle, 64), 5);
         assert_memory_equal(answer, frame, 5);
@@ -164,10 +171,9 @@ static void AnAnswerThatComesTooLateIsReceivedNext(void** state) {
 
 static void AfterALateAnswerExchangesAreOneBehind(void** state) {
     const int handle = open_reader(bulk_id);
-    assert_int_equal(GVUSB_SetDevicePara(handle, "TIMEOUT", "50"), 0);
     bus("delay %d in 5000", bulk);
     fill_frame(1);
-    assert_int_equal(transceive(handle, 1), GVUSB_ERR_TIMEOUT);
+    send_and_time_out(handle, 1);
     bus("delay %d in 0", bulk);
     for (unsigned int length = 2; length < 5; ++length) {
         fill_frame(length);

@@ -224,7 +224,6 @@ static void* exchange_without_pause(void* argument) {
 
 static void replug_gate_while_exchanging(int times) {
     int handle = open_reader(desk_id);
-    assert_int_equal(GVUSB_SetDevicePara(handle, "TIMEOUT", "60000"), 0); /* the machine may be busy */
     pthread_t thread;
     atomic_store(&exchanging, true);
     atomic_store(&good_exchanges, 0);

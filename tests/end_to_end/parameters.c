@@ -14,7 +14,7 @@ static int get(int handle, const char* key) {
 }
 
 static void EveryParameterOfAReader(void** state) {
-    const int handle = open_reader(desk_id);
+    const int handle = open_reader_with_default_timeout(desk_id);
     char handle_text[16];
     snprintf(handle_text, sizeof handle_text, "%d", handle);
     assert_string_equal(parameter(handle, "TIMEOUT"), "1000");
@@ -85,7 +85,7 @@ static void TheTimeoutIsKeptUntilTheNextScan(void** state) {
     handle = GVUSB_OpenDevice(desk_id);
     assert_string_equal(parameter(handle, "TIMEOUT"), "55");
     GVUSB_CloseDevice(handle);
-    handle = open_reader(desk_id);
+    handle = open_reader_with_default_timeout(desk_id);
     assert_string_equal(parameter(handle, "TIMEOUT"), "1000");
 }
 

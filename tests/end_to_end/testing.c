@@ -91,11 +91,23 @@ void scan_until(int size) {
     }
 }
 
-int open_reader(unsigned int id) {
+int open_reader_with_default_timeout(unsigned int id) {
     assert_int_equal(GVUSB_Scan(GVUSB_SCAN_ALL, NULL), 0);
     int handle = GVUSB_OpenDevice(id);
     assert_true(handle > 0);
     return handle;
+}
+
+int open_reader(unsigned int id) {
+    const int handle = open_reader_with_default_timeout(id);
+    be_patient(handle);
+    return handle;
+}
+
+void be_patient(int handle) {
+    char milliseconds[16];
+    snprintf(milliseconds, sizeof milliseconds, "%d", long_enough_ms);
+    assert_int_equal(GVUSB_SetDevicePara(handle, "TIMEOUT", milliseconds), 0);
 }
 
 bool in_parallel_suite(void) {

@@ -36,8 +36,14 @@ int start_afresh(void** state);
 /* Scan until the scan list has this many entries. Changes of the bus take a moment to arrive. */
 void scan_until(int size);
 
-/* Scan, expecting success, and open the reader with this device ID. */
+/* Scan, expecting success, and open the reader with this device ID. Its "TIMEOUT" is then long_enough_ms. */
 int open_reader(unsigned int id);
+
+/* The same, with the "TIMEOUT" that a scan gives it. */
+int open_reader_with_default_timeout(unsigned int id);
+
+/* Set a reader's "TIMEOUT" to long_enough_ms, for exchanges that must succeed. */
+void be_patient(int handle);
 
 /* The last error of the manager (handle 0) or of a reader. Fetching the manager's clears it. */
 int last_error(int handle);
