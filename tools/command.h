@@ -17,6 +17,7 @@ void addGet(CLI::App& app, ExitStatus& status);
 void addSet(CLI::App& app, ExitStatus& status);
 void addSend(CLI::App& app, ExitStatus& status);
 void addMonitor(CLI::App& app, ExitStatus& status);
+void addRecord(CLI::App& app, ExitStatus& status);
 void addExplain(CLI::App& app, ExitStatus& status);
 void addDoctor(CLI::App& app, ExitStatus& status);
 

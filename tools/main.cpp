@@ -106,7 +106,7 @@ ExitStatus run(int count, char** arguments) {
         app.get_formatter()->label(label, text);
     }
     for (const auto add :
-         {addList, addInfo, addGet, addSet, addSend, addMonitor, addExplain, addDoctor, addHelp}) {
+         {addList, addInfo, addGet, addSet, addSend, addMonitor, addRecord, addExplain, addDoctor, addHelp}) {
         add(app, status);
     }
     for (CLI::App* command : app.get_subcommands({})) {

@@ -19,7 +19,7 @@ expect_completion() { # WANTED WORD...
 
 completes_commands() {
     source "$completion"
-    expect_completion '--help --version doctor explain get help info list monitor send set' ''
+    expect_completion '--help --version doctor explain get help info list monitor record send set' ''
     expect_completion 'get' g
     expect_completion 'send set' s
     expect_completion '--version' --v
@@ -28,8 +28,8 @@ completes_commands() {
 # The options of every command, as listed in its help.
 completes_every_option() {
     source "$completion"
-    for command in list info get set send monitor explain doctor help; do
-        options=$("$gvusb" "$command" --help | grep -o -e '^ *\(-h,\)*--[a-z-]*' | tr -d ' ' | sed 's/^-h,//' |
+    for command in list info get set send monitor record explain doctor help; do
+        options=$("$gvusb" "$command" --help | grep -o -e '^ *\(-[ho],\)*--[a-z-]*' | tr -d ' ' | sed 's/^-[ho],//' |
             sort | paste -sd' ')
         expect_completion "$options" "$command" --
     done
@@ -91,14 +91,14 @@ fish_words() { # LINE
 }
 
 options_of() { # COMMAND
-    "$gvusb" "$1" --help | grep -o -e '^ *\(-h,\)*--[a-z-]*' | tr -d ' ' | sed 's/^-h,//' | sort | paste -sd' '
+    "$gvusb" "$1" --help | grep -o -e '^ *\(-[ho],\)*--[a-z-]*' | tr -d ' ' | sed 's/^-[ho],//' | sort | paste -sd' '
 }
 
 completes_in_zsh() {
     needs_shell zsh
     expect_equal commands "$(zsh_words "$gvusb" '')" \
-        '--help --version doctor explain get help info list monitor send set'
-    for command in list info get set send monitor explain doctor help; do
+        '--help --version doctor explain get help info list monitor record send set'
+    for command in list info get set send monitor record explain doctor help; do
         expect_equal "options of $command" "$(zsh_words "$gvusb" $command --)" "$(options_of $command)"
     done
     expect_equal keys "$(zsh_words "$gvusb" set A1 '')" 'RESETDEVICE RESETPIPE TIMEOUT'
@@ -127,8 +127,8 @@ is_loaded_by_zsh() {
 
 completes_in_fish() {
     needs_shell fish
-    expect_equal commands "$(fish_words 'gvusb ')" 'doctor explain get help info list monitor send set'
-    for command in list info get set send monitor explain doctor help; do
+    expect_equal commands "$(fish_words 'gvusb ')" 'doctor explain get help info list monitor record send set'
+    for command in list info get set send monitor record explain doctor help; do
         expect_equal "options of $command" "$(fish_words "gvusb $command --")" "$(options_of $command)"
     done
     expect_equal keys "$(fish_words 'gvusb set A1 ')" 'RESETDEVICE RESETPIPE TIMEOUT'

@@ -2,7 +2,7 @@
 # Tests of what all commands share: help, versions, and errors on the command line.
 source "$(dirname "$0")/testing.sh"
 
-commands='list info get set send monitor explain doctor help'
+commands='list info get set send monitor record explain doctor help'
 
 prints_help() {
     keep "$gvusb" --help
@@ -14,7 +14,9 @@ prints_help() {
         expect_status 0
         expect_in_output "^Usage: gvusb $command"
         expect_in_output '^EXIT STATUS$'
-        for exit_status in 0 1 2 3 4; do
+        local statuses='0 1 2 3 4'
+        [ "$command" != record ] || statuses='1 2 126 127' # and those of the program
+        for exit_status in $statuses; do
             expect_in_output "^  $exit_status  "
         done
         [ "$(wc -L <"$scratch/output")" -le 110 ] || fail "lines of $command --help are too long"

@@ -14,7 +14,8 @@ _gvusb_arguments() {
     for ((; i < COMP_CWORD; ++i)); do
         word=${COMP_WORDS[i]}
         case $word in
-        --timeout | --repeat | --count | --idle-timeout | --poll-interval | --family | --name | --id) ((++i)) ;;
+        --timeout | --repeat | --count | --idle-timeout | --poll-interval | --family | --name | --id | \
+            -o | --output | --max-size | --redact-matching) ((++i)) ;;
         -*) ;;
         *) echo "$word" ;;
         esac
@@ -28,6 +29,7 @@ _gvusb_options() { # COMMAND
     info | get | set | explain | doctor) echo --json ;;
     send) echo --timeout --repeat --keep-going --drain --no-drain --json ;;
     monitor) echo --json --initial --count --idle-timeout --poll-interval ;;
+    record) echo --output --redact --redact-matching --max-size --until-signal ;;
     esac
 }
 
@@ -43,10 +45,13 @@ _gvusb_keys() { # COMMAND TARGET
 _gvusb() {
     local tool=${COMP_WORDS[0]} command=${COMP_WORDS[1]} word=${COMP_WORDS[COMP_CWORD]} words='' arguments
     if [ "$COMP_CWORD" -eq 1 ]; then
-        words='doctor explain get help info list monitor send set --help --version'
+        words='doctor explain get help info list monitor record send set --help --version'
     elif [[ $command == explain && $word != --* ]]; then
         words=$("$tool" explain 2>/dev/null | while read -r code _; do echo "$code"; done)
         words=${words#CODE}
+    elif [[ $command == record && ${COMP_WORDS[COMP_CWORD - 1]} =~ ^(-o|--output)$ ]]; then
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+        return
     elif [[ $word == -* ]]; then
         words=$(_gvusb_options "$command")
     elif [ "${COMP_WORDS[COMP_CWORD - 1]}" = --id ]; then
@@ -54,7 +59,7 @@ _gvusb() {
     else
         mapfile -t arguments < <(_gvusb_arguments)
         case $command:${#arguments[@]} in
-        help:0) words='doctor explain get info list monitor send set' ;;
+        help:0) words='doctor explain get info list monitor record send set' ;;
         info:0 | send:0) words=$(_gvusb_readers "$tool") ;;
         get:0 | set:0) words="driver $(_gvusb_readers "$tool")" ;;
         get:1 | set:1) words=$(_gvusb_keys "$command" "${arguments[0]}") ;;

@@ -25,7 +25,8 @@ function __gvusb_arguments
     for word in $words[3..-1]
         if test $skip -eq 1
             set skip 0
-        else if contains -- $word --timeout --repeat --count --idle-timeout --poll-interval --family --name --id
+        else if contains -- $word --timeout --repeat --count --idle-timeout --poll-interval --family --name --id \
+                -o --output --max-size --redact-matching
             set skip 1
         else if not string match -q -- '-*' $word
             echo $word
@@ -70,6 +71,7 @@ complete -c gvusb -n __gvusb_is_first -a get -d 'Print parameters'
 complete -c gvusb -n __gvusb_is_first -a set -d 'Change a parameter'
 complete -c gvusb -n __gvusb_is_first -a send -d 'Send frames and print the answers'
 complete -c gvusb -n __gvusb_is_first -a monitor -d 'Report readers as they connect and disconnect'
+complete -c gvusb -n __gvusb_is_first -a record -d 'Run a program and record what it does with readers'
 complete -c gvusb -n __gvusb_is_first -a explain -d 'Explain a return code'
 complete -c gvusb -n __gvusb_is_first -a doctor -d 'Find what keeps readers from working'
 complete -c gvusb -n __gvusb_is_first -a help -d 'Print the help of a command'
@@ -89,8 +91,13 @@ complete -c gvusb -n '__gvusb_command monitor' -l initial -d 'Start with the rea
 complete -c gvusb -n '__gvusb_command monitor' -l count -x -d 'Exit after so many events'
 complete -c gvusb -n '__gvusb_command monitor' -l idle-timeout -x -d 'Exit after so many seconds without an event'
 complete -c gvusb -n '__gvusb_command monitor' -l poll-interval -x -d 'Milliseconds between polls'
+complete -c gvusb -n '__gvusb_command record' -s o -l output -r -F -d 'The file to write'
+complete -c gvusb -n '__gvusb_command record' -l redact -d 'Replace the data of frames'
+complete -c gvusb -n '__gvusb_command record' -l redact-matching -x -d 'Replace frames that contain these bytes'
+complete -c gvusb -n '__gvusb_command record' -l max-size -x -d 'End the recording before the file is larger'
+complete -c gvusb -n '__gvusb_command record' -l until-signal -d 'End the recording at a signal'
 
-complete -c gvusb -n '__gvusb_expects 0 help' -a 'list info get set send monitor explain doctor'
+complete -c gvusb -n '__gvusb_expects 0 help' -a 'list info get set send monitor record explain doctor'
 complete -c gvusb -n '__gvusb_expects 0 info send get set' -a '(__gvusb_readers)'
 complete -c gvusb -n '__gvusb_expects 0 get set' -a driver -d 'The library itself'
 complete -c gvusb -n '__gvusb_expects 1 get set' -a '(__gvusb_keys)'

@@ -1,0 +1,190 @@
+#include "commands/recorded_program.h"
+
+#include "failure.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+
+#include "recorder/recording_memory.h"
+
+#include <poll.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view preloadName = "libgvusb-record-preload.so";
+constexpr const char* preloadVariable = "LD_PRELOAD";
+constexpr const char* sanitizerVariable = "ASAN_OPTIONS";
+constexpr std::array passedOn = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2};
+
+std::atomic<pid_t> program = 0;
+std::atomic<bool> waitsForSignal = false;
+std::atomic<bool> isTold = false;
+
+void handleSignal(int number, siginfo_t* info, void*) {
+    const int error = errno;
+    const bool ends = number == SIGINT || number == SIGTERM;
+    if (ends && waitsForSignal.exchange(false)) {
+        isTold = true;
+    } else if (info->si_code != SI_KERNEL || isTold) {
+        // The terminal sends its signals to the program, too, unless that is in a group of its own.
+        ::kill(program, number);
+    }
+    errno = error;
+}
+
+// In a build folder it lies beside the tool, when installed in the library folder.
+fs::path findPreload() {
+    const fs::path tool = fs::read_symlink("/proc/self/exe");
+    const std::array candidates = {tool.parent_path() / preloadName, tool.parent_path().parent_path() /
+                                                                         GVUSB_RECORD_PRELOAD_FOLDER /
+                                                                         preloadName};
+    for (const fs::path& candidate : candidates) {
+        if (fs::exists(candidate)) {
+            return candidate;
+        }
+    }
+    throw Failure(candidates.front().string() + ": no such file");
+}
+
+// Ours in front, so that it sees what the program does before another preload answers it.
+std::string preloads() {
+    std::string result = findPreload().string();
+    const char* const others = std::getenv(preloadVariable);
+    std::string_view left = others != nullptr ? others : "";
+    while (!left.empty()) {
+        const auto end = std::min(left.find_first_of(": "), left.size());
+        const std::string_view each = left.substr(0, end);
+        if (!each.empty() && !each.ends_with(preloadName)) {
+            result += ":" + std::string(each);
+        }
+        left.remove_prefix(std::min(end + 1, left.size()));
+    }
+    return result;
+}
+
+// The address sanitizer of gcc refuses to run behind a preloaded library, although it works there.
+std::string sanitizerOptions() {
+    const char* const options = std::getenv(sanitizerVariable);
+    return (options != nullptr ? options + std::string(":") : std::string()) + "verify_asan_link_order=0";
+}
+
+std::vector<std::string> environmentWith(const std::string& memory) {
+    const std::array<std::string, 3> changes = {std::string(preloadVariable) + "=" + preloads(),
+                                                std::string(sanitizerVariable) + "=" + sanitizerOptions(),
+                                                std::string(recording_variable) + "=" + memory};
+    std::vector<std::string> result;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string_view text = *entry;
+        const std::string_view name = text.substr(0, text.find('=') + 1);
+        if (std::ranges::none_of(changes,
+                                 [name](const std::string& each) { return each.starts_with(name); })) {
+            result.emplace_back(text);
+        }
+    }
+    result.insert(result.end(), changes.begin(), changes.end());
+    return result;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+    std::vector<char*> result;
+    for (std::string& text : texts) {
+        result.push_back(text.data());
+    }
+    result.push_back(nullptr);
+    return result;
+}
+
+void setActions(bool isOurs) {
+    struct sigaction action = {};
+    if (isOurs) {
+        action.sa_sigaction = handleSignal;
+        action.sa_flags = SA_SIGINFO | SA_RESTART;
+    } else {
+        action.sa_handler = SIG_DFL;
+    }
+    for (const int number : passedOn) {
+        ::sigaction(number, &action, nullptr);
+    }
+}
+
+void report(const char* name, int error) {
+    const std::string text =
+        std::string("gvusb: ") + name + ": " + std::generic_category().message(error) + "\n";
+    [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
+}
+
+} // namespace
+
+RecordedProgram::RecordedProgram(const std::vector<std::string>& arguments, const std::string& memory,
+                                 const Setup& setup) {
+    std::vector<std::string> argumentTexts = arguments;
+    std::vector<std::string> environmentTexts = environmentWith(memory);
+    const std::vector<char*> argumentPointers = pointers(argumentTexts);
+    const std::vector<char*> environmentPointers = pointers(environmentTexts);
+    waitsForSignal = setup.untilSignal;
+    isTold = false;
+    // A signal that arrives before the program is known waits.
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    m_process = ::fork();
+    if (m_process < 0) {
+        const int error = errno;
+        ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        throw std::system_error(error, std::generic_category(), "fork");
+    }
+    if (m_process == 0) {
+        if (setup.untilSignal) {
+            ::setpgid(0, 0);
+        }
+        if (setup.output >= 0) {
+            ::dup2(setup.output, STDOUT_FILENO);
+        } else {
+            ::close(STDOUT_FILENO); // as this program's was
+        }
+        std::signal(SIGPIPE, SIG_DFL);
+        ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        ::execvpe(argumentPointers[0], argumentPointers.data(), environmentPointers.data());
+        const int error = errno;
+        report(argumentPointers[0], error);
+        ::_exit(error == ENOENT ? 127 : 126);
+    }
+    program = m_process;
+    setActions(true);
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    m_ended = static_cast<int>(::syscall(SYS_pidfd_open, m_process, 0));
+}
+
+RecordedProgram::~RecordedProgram() {
+    setActions(false);
+    if (m_ended >= 0) {
+        ::close(m_ended);
+    }
+}
+
+void RecordedProgram::wait(int milliseconds) {
+    pollfd polled = {.fd = m_ended, .events = POLLIN, .revents = 0};
+    ::poll(&polled, 1, milliseconds);
+    int status = 0;
+    if (::waitpid(m_process, &status, WNOHANG) == m_process) {
+        m_exitStatus = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    }
+}
+
+bool RecordedProgram::isToldToStop() const {
+    return isTold;
+}
