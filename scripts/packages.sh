@@ -8,10 +8,10 @@ export CMAKE_GENERATOR=Ninja
 build_packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev libcli11-dev libpcap-dev nlohmann-json3-dev)
 
 # Also needed for the tests: abigail-tools to compare the binary interface, doxygen and help2man to build the manual,
-# mypy and the packages for Python to check and install the Python package, python3 to run what the guides show, usbip to try
-# the virtual readers with the standard client, fish and zsh to try their completions, tshark to read recordings, and the
-# programs that have to work on virtual readers.
-test_packages=(libgtest-dev libgmock-dev libcmocka-dev abigail-tools doxygen fish help2man mypy python3 python3-pip
+# gnuplot-nox to draw recordings and tshark to read them, mypy and the packages for Python to check and install the Python
+# package, python3 to run what the guides show, usbip to try the virtual readers with the standard client, fish and zsh to try
+# their completions, and the programs that have to work on virtual readers.
+test_packages=(libgtest-dev libgmock-dev libcmocka-dev abigail-tools doxygen fish gnuplot-nox help2man mypy python3 python3-pip
     python3-setuptools python3-venv python3-wheel usbip zsh gdb python3-usb strace tshark udev usbutils valgrind)
 
 # Also needed for the tests on a real kernel, in a virtual machine.

@@ -13,12 +13,6 @@ std::string notAReader(const std::string& text) {
     return notADeviceId(text) + " or a USB path such as usb:1-2.3";
 }
 
-const CLI::Validator isReader(
-    [](std::string& text) {
-        return isUsbPath(text) || parseDeviceId(text) ? std::string{} : notAReader(text);
-    },
-    "");
-
 const CLI::Validator isTarget(
     [](std::string& text) {
         return text == "driver" || isUsbPath(text) || parseDeviceId(text) ? std::string{}
@@ -27,6 +21,12 @@ const CLI::Validator isTarget(
     "");
 
 } // namespace
+
+const CLI::Validator isReader(
+    [](std::string& text) {
+        return isUsbPath(text) || parseDeviceId(text) ? std::string{} : notAReader(text);
+    },
+    "");
 
 const CLI::Validator
     isDeviceId([](std::string& text) { return parseDeviceId(text) ? std::string{} : notADeviceId(text); },

@@ -19,7 +19,11 @@ void addSend(CLI::App& app, ExitStatus& status);
 void addMonitor(CLI::App& app, ExitStatus& status);
 void addRecord(CLI::App& app, ExitStatus& status);
 void addExplain(CLI::App& app, ExitStatus& status);
+void addShow(CLI::App& app, ExitStatus& status);
 void addDoctor(CLI::App& app, ExitStatus& status);
+
+// Accepts a device ID or a USB path.
+extern const CLI::Validator isReader;
 
 // Add the argument that names a reader, by its device ID or its USB path.
 void addReaderArgument(CLI::App& command, std::string& id);

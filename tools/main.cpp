@@ -105,8 +105,8 @@ ExitStatus run(int count, char** arguments) {
              {"REQUIRED", ""}, {"SUBCOMMAND", "COMMAND"}, {"Positionals", "Arguments"}}) {
         app.get_formatter()->label(label, text);
     }
-    for (const auto add :
-         {addList, addInfo, addGet, addSet, addSend, addMonitor, addRecord, addExplain, addDoctor, addHelp}) {
+    for (const auto add : {addList, addInfo, addGet, addSet, addSend, addMonitor, addRecord, addShow,
+                           addExplain, addDoctor, addHelp}) {
         add(app, status);
     }
     for (CLI::App* command : app.get_subcommands({})) {

@@ -19,16 +19,16 @@ expect_completion() { # WANTED WORD...
 
 completes_commands() {
     source "$completion"
-    expect_completion '--help --version doctor explain get help info list monitor record send set' ''
+    expect_completion '--help --version doctor explain get help info list monitor record send set show' ''
     expect_completion 'get' g
-    expect_completion 'send set' s
+    expect_completion 'send set show' s
     expect_completion '--version' --v
 }
 
 # The options of every command, as listed in its help.
 completes_every_option() {
     source "$completion"
-    for command in list info get set send monitor record explain doctor help; do
+    for command in list info get set send monitor record show explain doctor help; do
         options=$("$gvusb" "$command" --help | grep -o -e '^ *\(-[ho],\)*--[a-z-]*' | tr -d ' ' | sed 's/^-[ho],//' |
             sort | paste -sd' ')
         expect_completion "$options" "$command" --
@@ -81,6 +81,7 @@ needs_shell() { # NAME
 # What zsh's completion system is given for the last word, sorted.
 zsh_words() { # WORD...
     zsh -f -c 'compadd() { while [ "$1" != -- ]; do shift; done; shift; print -l -- "$@"; }
+        _files() { print files; }
         source "$1"; shift; words=("$@") CURRENT=$#; _gvusb' zsh "$(dirname "$completion")/_gvusb" "$@" | sort | paste -sd' '
 }
 
@@ -97,8 +98,8 @@ options_of() { # COMMAND
 completes_in_zsh() {
     needs_shell zsh
     expect_equal commands "$(zsh_words "$gvusb" '')" \
-        '--help --version doctor explain get help info list monitor record send set'
-    for command in list info get set send monitor record explain doctor help; do
+        '--help --version doctor explain get help info list monitor record send set show'
+    for command in list info get set send monitor record show explain doctor help; do
         expect_equal "options of $command" "$(zsh_words "$gvusb" $command --)" "$(options_of $command)"
     done
     expect_equal keys "$(zsh_words "$gvusb" set A1 '')" 'RESETDEVICE RESETPIPE TIMEOUT'
@@ -127,8 +128,8 @@ is_loaded_by_zsh() {
 
 completes_in_fish() {
     needs_shell fish
-    expect_equal commands "$(fish_words 'gvusb ')" 'doctor explain get help info list monitor record send set'
-    for command in list info get set send monitor record explain doctor help; do
+    expect_equal commands "$(fish_words 'gvusb ')" 'doctor explain get help info list monitor record send set show'
+    for command in list info get set send monitor record show explain doctor help; do
         expect_equal "options of $command" "$(fish_words "gvusb $command --")" "$(options_of $command)"
     done
     expect_equal keys "$(fish_words 'gvusb set A1 ')" 'RESETDEVICE RESETPIPE TIMEOUT'
@@ -141,6 +142,25 @@ completes_in_fish() {
     expect_output 'A1 B2
 A1 B2 driver
 A1 B2'
+}
+
+completes_files() {
+    source "$completion"
+    touch "$scratch/session.pcapng"
+    for arguments in show 'show --plot' 'show --reader A1'; do
+        # shellcheck disable=SC2086
+        expect_completion "$scratch/session.pcapng" $arguments "$scratch/ses"
+    done
+    expect_completion '' show --reader ''
+    needs_shell fish
+    needs_shell zsh
+    for arguments in show 'show --plot' 'show --reader A1'; do
+        expect_equal "fish's completion of '$arguments'" "$(fish_words "gvusb $arguments $scratch/ses")" \
+            "$scratch/session.pcapng"
+        # shellcheck disable=SC2086
+        expect_equal "zsh's completion of '$arguments'" "$(zsh_words "$gvusb" $arguments ses)" files
+    done
+    expect_equal "zsh's completion of a reader" "$(zsh_words "$gvusb" show --reader '')" ''
 }
 
 # The completions of the launcher, sorted.

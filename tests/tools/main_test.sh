@@ -2,7 +2,7 @@
 # Tests of what all commands share: help, versions, and errors on the command line.
 source "$(dirname "$0")/testing.sh"
 
-commands='list info get set send monitor record explain doctor help'
+commands='list info get set send monitor record show explain doctor help'
 
 prints_help() {
     keep "$gvusb" --help

@@ -7,12 +7,12 @@
 #include "output.h"
 #include "printable_text.h"
 #include "table.h"
+#include "time_stamp.h"
 
 #include <array>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <ctime>
 #include <limits>
 #include <map>
 #include <memory>
@@ -63,21 +63,8 @@ using TextsOfIds = std::map<unsigned int, Texts>;
 // only after its handlers have run, and a reader that has just arrived may be unreadable for a moment.
 constexpr std::chrono::milliseconds settlingTime(100);
 
-// "2024-05-01T12:34:56.789+02:00"
-std::string timeStamp() {
-    const auto now = std::chrono::system_clock::now();
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
-    const auto sinceEpoch = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch());
-    std::tm parts = {};
-    ::localtime_r(&seconds, &parts);
-    std::array<char, 32> date{};
-    std::array<char, 8> zone{};
-    std::array<char, 64> text{};
-    std::strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%S", &parts);
-    std::strftime(zone.data(), zone.size(), "%z", &parts);
-    std::snprintf(text.data(), text.size(), "%s.%03d%.3s:%.2s", date.data(),
-                  static_cast<int>(sinceEpoch.count() % 1000), zone.data(), zone.data() + 3);
-    return text.data();
+std::string now() {
+    return timeStamp(std::chrono::system_clock::now());
 }
 
 std::string scanned(int index, const char* key) {
@@ -199,7 +186,7 @@ private:
         const auto found = m_texts.find(id);
         const bool isKnown = found != m_texts.end();
         if (m_options.json) {
-            output::print(jsonLine({{"time", timeStamp()},
+            output::print(jsonLine({{"time", now()},
                                     {"event", event},
                                     {"id", deviceIdText(id)},
                                     {"handle", handle},
@@ -209,8 +196,8 @@ private:
         }
         constexpr std::size_t eventWidth = 10;
         constexpr std::size_t idWidth = 8;
-        output::print(timeStamp() + "  " + padded(event, eventWidth) + "  " +
-                      padded(deviceIdText(id), idWidth) + "  handle " + std::to_string(handle) +
+        output::print(now() + "  " + padded(event, eventWidth) + "  " + padded(deviceIdText(id), idWidth) +
+                      "  handle " + std::to_string(handle) +
                       (isKnown ? "  " + printable(found->second.name) : std::string{}) + '\n');
     }
 

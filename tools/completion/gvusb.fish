@@ -25,8 +25,8 @@ function __gvusb_arguments
     for word in $words[3..-1]
         if test $skip -eq 1
             set skip 0
-        else if contains -- $word --timeout --repeat --count --idle-timeout --poll-interval --family --name --id \
-                -o --output --max-size --redact-matching
+        else if contains -- $word --timeout --repeat --count --idle-timeout --poll-interval --family --name --id --reader \
+                --plot -o --output --max-size --redact-matching
             set skip 1
         else if not string match -q -- '-*' $word
             echo $word
@@ -72,6 +72,7 @@ complete -c gvusb -n __gvusb_is_first -a set -d 'Change a parameter'
 complete -c gvusb -n __gvusb_is_first -a send -d 'Send frames and print the answers'
 complete -c gvusb -n __gvusb_is_first -a monitor -d 'Report readers as they connect and disconnect'
 complete -c gvusb -n __gvusb_is_first -a record -d 'Run a program and record what it does with readers'
+complete -c gvusb -n __gvusb_is_first -a show -d 'Show a recording'
 complete -c gvusb -n __gvusb_is_first -a explain -d 'Explain a return code'
 complete -c gvusb -n __gvusb_is_first -a doctor -d 'Find what keeps readers from working'
 complete -c gvusb -n __gvusb_is_first -a help -d 'Print the help of a command'
@@ -81,7 +82,7 @@ complete -c gvusb -l help -d 'Print help'
 complete -c gvusb -n '__gvusb_command list' -l family -x -d 'Only readers of this family'
 complete -c gvusb -n '__gvusb_command list' -l name -x -d 'Only readers with this device name'
 complete -c gvusb -n '__gvusb_command list' -l id -x -a '(__gvusb_readers)' -d 'Only readers with this device ID'
-complete -c gvusb -n '__gvusb_command list info get set send monitor explain doctor' -l json -d 'Print JSON'
+complete -c gvusb -n '__gvusb_command list info get set send monitor show explain doctor' -l json -d 'Print JSON'
 complete -c gvusb -n '__gvusb_command send' -l timeout -x -d 'Time-out of each transfer in milliseconds'
 complete -c gvusb -n '__gvusb_command send' -l repeat -x -d 'Send each frame so many times'
 complete -c gvusb -n '__gvusb_command send' -l keep-going -d 'Continue after a failure'
@@ -98,6 +99,12 @@ complete -c gvusb -n '__gvusb_command record' -l max-size -x -d 'End the recordi
 complete -c gvusb -n '__gvusb_command record' -l until-signal -d 'End the recording at a signal'
 
 complete -c gvusb -n '__gvusb_expects 0 help' -a 'list info get set send monitor record explain doctor'
+complete -c gvusb -n '__gvusb_command show' -l reader -x -d 'Only this reader'
+complete -c gvusb -n '__gvusb_command show' -l all -d 'Every control transfer in bytes'
+complete -c gvusb -n '__gvusb_command show' -l plot -r -F -d 'Draw the exchanges into an SVG file'
+
+complete -c gvusb -n '__gvusb_expects 0 show' -F
+complete -c gvusb -n '__gvusb_expects 0 help' -a 'list info get set send monitor show explain doctor'
 complete -c gvusb -n '__gvusb_expects 0 info send get set' -a '(__gvusb_readers)'
 complete -c gvusb -n '__gvusb_expects 0 get set' -a driver -d 'The library itself'
 complete -c gvusb -n '__gvusb_expects 1 get set' -a '(__gvusb_keys)'
