@@ -144,8 +144,9 @@ private:
             const auto column = [&](double time) {
                 return std::floor(time / m_seconds * static_cast<double>(columns));
             };
-            const auto doubles = std::ranges::unique(lane.unasked, {}, column);
-            lane.unasked.erase(doubles.begin(), doubles.end());
+            const auto isSame = [&](double one, double other) { return column(one) == column(other); };
+            lane.unasked.erase(std::unique(lane.unasked.begin(), lane.unasked.end(), isSame),
+                               lane.unasked.end());
         }
     }
 
