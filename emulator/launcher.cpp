@@ -146,6 +146,11 @@ int launchUsbip(const Options& options, const BlockedSignals& signals) {
 } // namespace
 
 int launch(const Options& options) {
+    if (options.replay) {
+        for (const std::string& note : options.replay->recording->notes) {
+            std::cerr << "gvusb-emulate: " << options.replay->recording->name << ": " << note << '\n';
+        }
+    }
     const BlockedSignals signals;
     allowManyDescriptors();
     return options.usbip ? launchUsbip(options, signals) : launchEmulated(options, signals);

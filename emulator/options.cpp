@@ -2,6 +2,7 @@
 
 #include "control/commands.h"
 #include "preload_contract.h"
+#include "replay/recording.h"
 
 #include <algorithm>
 #include <chrono>
@@ -28,6 +29,7 @@ It needs no hardware and no privileges.)";
 
 constexpr const char* usage = R"(Usage: gvusb-emulate [OPTIONS] [--] PROGRAM [ARGUMENTS...]
        gvusb-emulate --usbip [--listen ADDRESS:PORT] [OPTIONS] [[--] PROGRAM [ARGUMENTS...]]
+       gvusb-emulate --replay FILE [OPTIONS] [[--] PROGRAM [ARGUMENTS...]]
        gvusb-emulate --send COMMAND
 )";
 
@@ -89,6 +91,29 @@ is read from the command. When the command ends, its reader is unplugged; if it 
 command is started again. At the end of the run, its standard input ends; it is killed if it does not end
 within a second. For Python, "import gvusb_logic" has the class Reader.
 
+REPLAY
+--replay plays a capture: a recording of "gvusb record", or one that usbmon has made (tcpdump -i usbmon1,
+Wireshark; pcap or pcapng with link type 189 or 220). Its devices except hubs are the readers, in the order in
+which they were seen, with their descriptors, strings, ports, bus numbers and addresses, as far as the capture has
+them. What it lacks is said on standard error before the program starts.
+A request is a frame or a control request. What the reader sent until the next request is its answer, which may be
+nothing, a stall or an error. By default, a request gets the answers that the same request got, one each time that
+it is made, and the last one from then on. With "--replay-mode strict", requests have to come in the recorded
+order. A request that differs is reported with the recorded one; from then on the reader answers as by default.
+Standard requests, such as those for strings, are answered in both modes as by default.
+A frame that the recording does not have gets no answer, and another control request stalls. Both are reported, each
+request once. If a request differed or was not in the recording, or in strict mode was not made, the exit status is
+1 instead of 0, unless --lenient is given.
+Answers come as long after the request as in the recording, divided by --replay-speed; 0 is as fast as possible.
+What the reader sent before any request comes as long after its first transfer. A transfer that was canceled stays
+pending until it is canceled or the next request. Openings, claims, resets and the like fail where they failed.
+Readers come and leave after the requests that preceded it in the recording, and before those that followed. If
+a request before does not come, this happens 5 s late, and in strict mode not at all. In a capture of usbmon, readers
+that came before the first request are there from the start. Commands that plug and unplug readers work too.
+"--replay-plugging commands" leaves it to them, for a program that sends them itself as in the recording.
+Other commands add to what the recording says: faults come on top, "push" sends something more, but "reply", "on"
+and "jitter" have no effect. Over USB/IP, the attaching machine chooses addresses and claims interfaces.
+
 CONFIGURATION
 A program can start its children with another configuration file: set GVUSB_EMULATE_CONFIG to its path,
 or to an empty string for no file.
@@ -121,16 +146,18 @@ error.
 EXIT STATUS
 The exit status of the program, or 128 plus the number of the signal that killed it. 127 if the program
 does not exist, 126 if it cannot be executed or cannot see the readers, 125 if the bus cannot be set up or the
-logic of a reader cannot be started, 2 for a usage error or a mistake in the script. With --usbip and no
+logic of a reader cannot be started, 2 for a usage error, a mistake in the script or a
+capture that cannot be played. With --usbip and no
 program: 0 after a signal. In both cases 1 instead of 0 if a command of the script failed or did not run, or
 if the logic of a reader ended before the program or with another status than 0, or wrote a line that is not
-understood. With --send: 0 if the answer is "ok", 1 for an error.
+understood, or if the program differed from a recording (see REPLAY). With --send: 0 if the answer is "ok", 1 for an error.
 
 EXAMPLES
   gvusb-emulate -- lsusb
   gvusb-emulate --reader id=CAFE,endpoints=control --reader id=BEEF,speed=high -- ./my-test --verbose
   gvusb-emulate --reader copies=32 -- ./my-test
   gvusb-emulate --reader 'id=CAFE,logic=python3 my-reader.py' -- ./my-test
+  gvusb-emulate --replay session.pcapng -- ./my-test
   gvusb-emulate --usbip --reader id=CAFE
   gvusb-emulate -- sh -c 'my-test & gvusb-emulate --send "unplug 1"; wait'
   printf 'at 500 unplug 1\nat 1000 plug 1\n' > script; gvusb-emulate --script script -- ./monitor
@@ -156,6 +183,10 @@ struct Words {
     std::string usbipPatience = std::to_string(usbip::Limits().replyPatience / std::chrono::seconds(1));
     bool allowRemote = false;
     bool waitForAll = false;
+    std::string replay;
+    std::string replayMode = "matching";
+    std::string replayPlugging = "recorded";
+    double replaySpeed = 1;
     bool noReaders = false;
     bool noConfiguration = false;
     bool usbip = false;
@@ -171,6 +202,28 @@ void addOptions(CLI::App& app, Words& words) {
         ->type_name("FILE")
         ->allow_extra_args(false);
     app.add_flag("--no-readers", words.noReaders, "Start with an empty bus");
+    CLI::Option* const replayed =
+        app.add_option("--replay", words.replay,
+                       "Play the readers of a capture, instead of those of --reader; -: standard input");
+    replayed->type_name("FILE");
+    app.add_option("--replay-mode", words.replayMode,
+                   "Answer requests by matching them, or in strict order; see REPLAY below")
+        ->type_name("matching|strict")
+        ->check(CLI::IsMember({"matching", "strict"}))
+        ->capture_default_str()
+        ->needs(replayed);
+    app.add_option("--replay-speed", words.replaySpeed,
+                   "Play so many times as fast as recorded; 0: as fast as possible")
+        ->type_name("FACTOR")
+        ->check(CLI::Range(0.0, 1e6))
+        ->capture_default_str()
+        ->needs(replayed);
+    app.add_option("--replay-plugging", words.replayPlugging,
+                   "Plug and unplug readers as recorded, or by commands only")
+        ->type_name("recorded|commands")
+        ->check(CLI::IsMember({"recorded", "commands"}))
+        ->capture_default_str()
+        ->needs(replayed);
     app.add_option("--script", words.script, "Run commands at given times")->type_name("FILE");
     app.add_flag(
         "--lenient", words.lenient,
@@ -254,6 +307,37 @@ std::vector<ReaderDescription> readersOf(const Words& words) {
     return readers;
 }
 
+std::optional<replay::Settings> replayOf(const CLI::App& app, const Words& words) {
+    if (app.count("--replay") == 0) {
+        return std::nullopt;
+    }
+    if (!words.readers.empty() || !words.readerFiles.empty() || words.noReaders) {
+        throw TextError(
+            "--replay cannot be used with --reader, --readers or --no-readers: the readers are those "
+            "of the recording; a script can add others");
+    }
+    return replay::Settings{
+        .recording = std::make_shared<const replay::Recording>(replay::readRecording(words.replay)),
+        .mode = words.replayMode == "strict" ? replay::Mode::strict : replay::Mode::matching,
+        .speed = words.replaySpeed,
+        .plugging =
+            words.replayPlugging == "commands" ? replay::Plugging::byCommands : replay::Plugging::recorded};
+}
+
+std::vector<ReaderDescription> readersOf(const replay::Recording& recording, bool usbip) {
+    std::vector<ReaderDescription> readers;
+    for (const replay::RecordedReader& each : recording.readers) {
+        readers.push_back(each.description);
+        if (usbip) {
+            readers.back().kernelDriver.clear(); // that of the other host
+            std::erase_if(readers.back().endpoints, [](const Endpoint& endpoint) {
+                return endpoint.type == TransferType::isochronous;
+            });
+        }
+    }
+    return readers;
+}
+
 // The program may have another working directory by the time it reads the file.
 std::string absolutePath(const std::string& file) {
     if (!std::filesystem::exists(file)) {
@@ -295,7 +379,8 @@ Options optionsFrom(const CLI::App& app, const Words& words) {
     if (words.usbip && (words.noConfiguration || hasConfiguration)) {
         throw TextError("--config and --no-config cannot be used with --usbip");
     }
-    options.readers = readersOf(words);
+    options.replay = replayOf(app, words);
+    options.readers = options.replay ? readersOf(*options.replay->recording, words.usbip) : readersOf(words);
     options.lenient = words.lenient;
     if (app.count("--seed") != 0) {
         options.seed = words.seed;
@@ -336,6 +421,9 @@ std::variant<Options, int> readOptions(int count, const char* const* arguments) 
         return reportMistake(error.what());
     } catch (const TextError& error) {
         return reportMistake(error.what());
+    } catch (const capture::CaptureError& error) {
+        std::cerr << "gvusb-emulate: " << error.what() << '\n';
+        return usageError;
     }
 }
 

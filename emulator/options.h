@@ -3,6 +3,7 @@
 
 #include "control/script.h"
 #include "model/description.h"
+#include "replay/replay.h"
 #include "usbip/address.h"
 #include "usbip/server.h"
 
@@ -16,10 +17,11 @@ namespace emulator {
 
 struct Options {
     std::vector<ReaderDescription> readers;
+    std::optional<replay::Settings> replay; // what the readers do
     Script script;
     std::optional<std::string> configurationFile; // for the program instead of the installed one; "": no file
-    bool lenient = false;                         // the script may fail
-    std::optional<std::uint64_t> seed;            // of everything that is random
+    bool lenient = false;              // the script may fail, and the program may differ from the recording
+    std::optional<std::uint64_t> seed; // of everything that is random
     bool verbose = false;
     std::optional<std::string> command; // to send to a running bus; nothing else is done
     std::optional<SocketAddress> usbip; // where to serve the readers, instead of on an emulated bus

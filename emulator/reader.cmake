@@ -14,6 +14,7 @@ foreach(source
         model/hub_requests.cpp
         model/model.cpp
         model/pipes.cpp
+        model/playing.cpp
         model/reply_rule.cpp
         model/requests.cpp
         model/text.cpp
@@ -39,6 +40,17 @@ foreach(source
     target_sources(gvusb_logic INTERFACE ${CMAKE_CURRENT_LIST_DIR}/${source})
 endforeach()
 target_link_libraries(gvusb_logic INTERFACE gvusb_reader nlohmann_json::nlohmann_json)
+
+# The readers of captures.
+add_library(gvusb_replay INTERFACE)
+foreach(source
+        replay/played_reader.cpp
+        replay/recording.cpp
+        replay/replay.cpp
+        replay/request_table.cpp
+        replay/timeline.cpp)
+    target_sources(gvusb_replay INTERFACE ${CMAKE_CURRENT_LIST_DIR}/${source})
+endforeach()
 
 target_include_directories(gvusb_reader INTERFACE ${CMAKE_CURRENT_LIST_DIR} ${PROJECT_SOURCE_DIR}/src)
 target_compile_definitions(gvusb_reader INTERFACE GVUSB_VENDOR_ID=${GVUSB_VENDOR_ID})

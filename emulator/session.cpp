@@ -70,8 +70,19 @@ Session::Session(Options options, const BlockedSignals& signals, Bus& bus, std::
             plugged.push_back(reader);
         }
     }
+    if (m_options.replay) {
+        const auto report = [](const std::string& text) { std::cerr << "gvusb-emulate: " + text + "\n"; };
+        m_replay.emplace(*m_options.replay, m_bus, report);
+    }
     for (const std::size_t reader : plugged) {
         m_bus.plug(reader);
+    }
+}
+
+void Session::startClock() {
+    m_start = now();
+    if (m_replay) {
+        m_replay->start(m_start);
     }
 }
 
@@ -104,25 +115,26 @@ int Session::run(Environment environment) {
     m_start = now();
     runScript(); // before the program can notice anything
     m_program.emplace(m_options.program, environment, m_signals.before());
-    m_start = now();
+    startClock();
     if (!m_program->error().empty()) {
         std::cerr << "gvusb-emulate: " << m_program->error() << '\n';
     }
     while (!m_program->exitStatus() || (m_options.waitForAll && !m_allEnded && !m_askedToEnd)) {
         serve();
     }
-    const bool failed = scriptFailed();
+    const bool failed = scriptFailed() | replayFailed();
     const int status = *m_program->exitStatus();
     return statusAfterLogics(status == EXIT_SUCCESS && failed ? EXIT_FAILURE : status);
 }
 
 int Session::runAlone() {
     startLogics();
-    m_start = now();
+    startClock();
     while (!m_ended) {
         serve();
     }
-    return statusAfterLogics(scriptFailed() ? EXIT_FAILURE : EXIT_SUCCESS);
+    const bool failed = scriptFailed() | replayFailed();
+    return statusAfterLogics(failed ? EXIT_FAILURE : EXIT_SUCCESS);
 }
 
 // The status of a process is taken by its owner.
@@ -151,6 +163,9 @@ void Session::reap() {
 
 CommandAnswer Session::runLine(std::string_view line) {
     CommandAnswer answer = runCommand(m_bus, line);
+    if (m_replay) {
+        m_replay->notePlugging();
+    }
     if (m_options.verbose) {
         std::cerr << "gvusb-emulate: " << line << ": " << answer.text << '\n';
     }
@@ -180,17 +195,27 @@ bool Session::scriptFailed() {
     return missed || !m_failedLines.empty();
 }
 
+bool Session::replayFailed() {
+    return m_replay && m_replay->finish() && !m_options.lenient;
+}
+
 void Session::serve() {
     std::vector<pollfd> polled = {{.fd = m_signals.descriptor(), .events = POLLIN, .revents = 0}};
     m_channel.addPolled(polled);
     const std::size_t first = polled.size();
     m_bus.addPolled(polled);
     polled.push_back({.fd = m_logics.descriptor(), .events = POLLIN, .revents = 0});
+    if (m_replay) {
+        polled.push_back({.fd = m_replay->descriptor(), .events = POLLIN, .revents = 0});
+    }
     const int timeout = millisecondsToNextDeadline();
     if (::poll(polled.data(), polled.size(), timeout) < 0 && errno != EINTR) {
         throw std::system_error(errno, std::generic_category(), "poll");
     }
     m_bus.serve(polled, first);
+    if (m_replay) {
+        m_replay->serve(now());
+    }
     m_channel.serve(polled);
     runScript();
     m_logics.serve();
@@ -211,6 +236,9 @@ int Session::millisecondsToNextDeadline() {
     };
     consider(m_channel.nextDeadline());
     consider(m_logics.nextDeadline());
+    if (m_replay) {
+        consider(m_replay->nextDeadline());
+    }
     if (!m_killed) {
         consider(m_endBy);
     }

@@ -8,6 +8,7 @@
 #include "logic/logics.h"
 #include "options.h"
 #include "program.h"
+#include "replay/replay.h"
 
 #include <csignal>
 #include <optional>
@@ -55,6 +56,8 @@ private:
     CommandAnswer runLine(std::string_view line);
     void runScript();
     bool scriptFailed(); // reports a command that did not run
+    bool replayFailed(); // likewise a request
+    void startClock();
     void startLogics();
     void reap();
     int statusAfterLogics(int status);
@@ -70,6 +73,7 @@ private:
     std::string m_socket;
     CommandChannel m_channel;
     std::optional<Program> m_program;
+    std::optional<replay::Replay> m_replay;
     Logics m_logics; // ended before the program's leftovers are killed
     Time m_start;
     std::set<std::string> m_failedLines; // of the script

@@ -51,6 +51,9 @@ struct ReaderDescription {
     Speed speed = Speed::full;
     std::uint8_t bus = 1;
     std::optional<std::uint8_t> address; // none: the next free one, another after replugging
+    std::vector<std::uint8_t>
+        addresses;     // without `address`: those of the first times that it is plugged in, if free
+    std::string place; // its name in /sys, such as "1-2.3"; "": the bus and its number
     std::map<std::uint8_t, std::string> strings = {
         {deviceIdString, "1A2B3C"},
         {familyNameString, "Virtual"},

@@ -51,7 +51,15 @@ void ReaderModel::push(Bytes frame, Time now) {
 
 void ReaderModel::push(bool byControl, Bytes frame, Time now) {
     if (!answersAreLost(byControl)) {
-        queueAnswer(byControl, std::move(frame), now);
+        if (m_playback) {
+            const auto sender = std::ranges::find_if(m_description.endpoints, [](const Endpoint& each) {
+                return each.in() && each.type == TransferType::bulk;
+            });
+            const bool none = byControl || sender == m_description.endpoints.end();
+            m_playback->push(none ? std::uint8_t{0} : sender->address, std::move(frame), now);
+        } else {
+            queueAnswer(byControl, std::move(frame), now);
+        }
         advance(now);
     }
 }

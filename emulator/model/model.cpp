@@ -35,6 +35,9 @@ TransferId ReaderModel::submit(Transfer transfer, Time now) {
     const TransferId id = ++m_lastId;
     const std::uint8_t endpoint = transfer.endpoint;
     const TransferFate fate = fateOf(transfer);
+    if (m_playback) {
+        m_playback->used(now);
+    }
     m_waiting[endpoint].emplace(id, Waiting{.transfer = std::move(transfer), .fate = fate});
     run(endpoint, now);
     return id;
@@ -42,10 +45,14 @@ TransferId ReaderModel::submit(Transfer transfer, Time now) {
 
 bool ReaderModel::cancel(TransferId id, Time now) {
     for (auto& [endpoint, queue] : m_waiting) {
-        if (queue.erase(id) == 0) {
+        const auto found = queue.find(id);
+        if (found == queue.end()) {
             continue;
         }
-        m_completions.push_back({.id = id, .outcome = Outcome::cancelled});
+        Completion completion = endPlayed(found->second, Outcome::cancelled);
+        completion.id = id;
+        queue.erase(found);
+        m_completions.push_back(std::move(completion));
         run(endpoint, now);
         return true;
     }
@@ -72,6 +79,9 @@ std::optional<Time> ReaderModel::nextDeadline() const {
             continue;
         }
         std::optional<Time> due = first.ready;
+        if (!due && m_playback) {
+            due = playedDeadline(first);
+        }
         const AnswerQueue* const answers = answersFor(first.transfer);
         if (!due && !first.lost && answers != nullptr && !answers->empty()) {
             due = answers->front().due;
@@ -115,7 +125,7 @@ bool ReaderModel::runFirst(WaitingQueue& queue, Time now) {
         return false;
     }
     const bool stalls = faults.stalled || first.fate.stalls;
-    if (!stalls && !couldComplete(first.transfer, now)) {
+    if (!stalls && !couldComplete(first, now)) {
         first.ready.reset(); // the answer or the stall that it waited for is gone
         return false;
     }
@@ -147,7 +157,7 @@ bool ReaderModel::runFirst(WaitingQueue& queue, Time now) {
         m_pipeFaults[pipeOf(taken.transfer.endpoint)].stalled |= taken.transfer.endpoint != 0;
     } else {
         taken.fate.corrupt(taken.transfer.data);
-        completion = perform(taken.transfer, faults, now);
+        completion = m_playback ? performPlayed(taken, faults, now) : perform(taken.transfer, faults, now);
         taken.fate.corrupt(completion.data);
     }
     completion.id = id;
@@ -190,13 +200,20 @@ bool ReaderModel::isBulk(std::uint8_t address) const {
 
 // The answers of which the transfer reads one; null if it reads none.
 const AnswerQueue* ReaderModel::answersFor(const Transfer& transfer) const {
+    if (m_playback) {
+        return nullptr;
+    }
     if (transfer.endpoint == 0) {
         return framePipe(transfer) == Pipe::controlFrameIn ? &m_controlAnswers : nullptr;
     }
     return (transfer.endpoint & 0x80) != 0 && isBulk(transfer.endpoint) ? &m_bulkAnswers : nullptr;
 }
 
-bool ReaderModel::couldComplete(const Transfer& transfer, Time now) const {
+bool ReaderModel::couldComplete(Waiting& waiting, Time now) {
+    if (m_playback) {
+        return couldCompletePlayed(waiting, now);
+    }
+    const Transfer& transfer = waiting.transfer;
     if (transfer.endpoint != 0 && !isBulk(transfer.endpoint)) {
         return false;
     }
@@ -208,6 +225,10 @@ bool ReaderModel::couldComplete(const Transfer& transfer, Time now) const {
 }
 
 void ReaderModel::loseAnswer(const Transfer& transfer) {
+    if (m_playback && m_playback->reads(transfer)) {
+        m_playback->take(transfer);
+        return;
+    }
     const AnswerQueue* const answers = answersFor(transfer);
     if (answers != nullptr) {
         (answers == &m_bulkAnswers ? m_bulkAnswers : m_controlAnswers).pop();
@@ -284,8 +305,10 @@ void ReaderModel::endAll(Outcome outcome, bool controlToo) {
         if (endpoint == 0 && !controlToo) {
             continue;
         }
-        for (const auto& [id, waiting] : queue) {
-            m_completions.push_back({.id = id, .outcome = outcome});
+        for (auto& [id, waiting] : queue) {
+            Completion completion = endPlayed(waiting, outcome);
+            completion.id = id;
+            m_completions.push_back(std::move(completion));
         }
         queue.clear();
     }
@@ -297,6 +320,9 @@ void ReaderModel::power(Time now) {
     restart(now);
     m_configuration =
         m_description.configurations.empty() ? std::uint8_t{0} : m_description.configurations.front();
+    if (m_playback) {
+        m_playback->plugged();
+    }
     note(ReaderEvent::plugged);
 }
 
@@ -306,6 +332,9 @@ void ReaderModel::unplug() {
 
 void ReaderModel::reset(Time now) {
     restart(now);
+    if (m_playback) {
+        m_playback->reset(now);
+    }
     note(ReaderEvent::reset);
 }
 
@@ -353,6 +382,9 @@ bool ReaderModel::hasEndpoint(std::uint8_t address) const {
 void ReaderModel::clearHalt(std::uint8_t endpoint, Time now) {
     const auto faults = m_pipeFaults.find(pipeOf(endpoint));
     m_begunFrames.erase(endpoint);
+    if (m_playback) {
+        m_playback->haltCleared(endpoint);
+    }
     if (endpoint == 0 || faults == m_pipeFaults.end() || faults->second.stuck) {
         return;
     }
@@ -377,6 +409,9 @@ void ReaderModel::forgetAnswers() {
     m_bulkAnswers.clear();
     m_controlAnswers.clear();
     m_begunFrames.clear();
+    if (m_playback) {
+        m_playback->forget();
+    }
 }
 
 void ReaderModel::forgetLastFrame() {

@@ -9,6 +9,7 @@
 #include "model/description.h"
 #include "model/faults.h"
 #include "model/frame_rules.h"
+#include "model/playback.h"
 #include "model/reader_logic.h"
 #include "model/time_range.h"
 #include "model/transfer.h"
@@ -79,6 +80,14 @@ public:
     // The room that waiting answers take. Each counts at least 64 bytes.
     std::size_t waitingAnswers() const { return m_bulkAnswers.taken() + m_controlAnswers.taken(); }
 
+    // ---- a recording that is played
+    void setPlayback(std::shared_ptr<Playback> playback) { m_playback = std::move(playback); }
+
+    // What the recording says of an action of the host, if it says anything.
+    std::optional<int> recordedResult(HostAction action, unsigned number = 0) {
+        return m_playback ? m_playback->result(action, number) : std::nullopt;
+    }
+
     // ---- what commands see and change
     const ReaderDescription& description() const { return m_description; }
     void setString(std::uint8_t index, std::optional<std::string> text);
@@ -121,8 +130,9 @@ private:
     struct Waiting {
         Transfer transfer;
         TransferFate fate = {};
-        std::optional<Time> ready = std::nullopt; // when its delay ends; set once it can complete
-        bool lost = false;                        // a mute transfer whose answer has been discarded
+        std::optional<Time> ready = std::nullopt;          // when its delay ends; set once it can complete
+        bool lost = false;                                 // a mute transfer whose answer has been discarded
+        std::optional<PlayedAnswer> played = std::nullopt; // of a request that a recording answers
     };
     using WaitingQueue = std::map<TransferId, Waiting>; // cancelling one of thousands must be cheap
 
@@ -132,13 +142,19 @@ private:
     TransferFate fateOf(const Transfer& transfer);
     bool isBulk(std::uint8_t address) const;
     const AnswerQueue* answersFor(const Transfer& transfer) const;
-    bool couldComplete(const Transfer& transfer, Time now) const;
+    bool couldComplete(Waiting& waiting, Time now);
     Completion perform(Transfer& transfer, const PipeFaults& faults, Time now);
     Completion takePackets(Transfer& transfer, const PipeFaults& faults, Time now);
     Completion sendPackets(const Transfer& transfer);
     void loseAnswer(const Transfer& transfer);
     void restart(Time now);
     void endAll(Outcome outcome, bool controlToo);
+
+    // playing.cpp
+    bool couldCompletePlayed(Waiting& waiting, Time now);
+    std::optional<Time> playedDeadline(const Waiting& waiting) const;
+    Completion performPlayed(Waiting& waiting, const PipeFaults& faults, Time now);
+    Completion endPlayed(Waiting& waiting, Outcome outcome);
 
     // frames.cpp
     Outcome takeFrame(std::uint8_t endpoint, Bytes frame, Time now);
@@ -180,6 +196,7 @@ private:
     SeenFrame m_lastFrame;
     TransferId m_lastId = 0;
     std::shared_ptr<ReaderLogic> m_logic; // may be null
+    std::shared_ptr<Playback> m_playback; // may be null
 };
 
 } // namespace emulator

@@ -39,10 +39,11 @@ enum class Outcome {
     overflow,  // a packet exceeded the capacity
     cancelled, // by the host
     gone,      // the reader was unplugged, reset or configured
+    failed,    // on the bus
 };
 
 // The status of a URB in Linux: 0 or a negative errno. For cancelled URBs it depends on the interface.
-constexpr int urbStatus(Outcome outcome, int cancelled) {
+constexpr int urbStatus(Outcome outcome, int cancelled, int failure = 0) {
     switch (outcome) {
     case Outcome::done:
         return 0;
@@ -52,6 +53,8 @@ constexpr int urbStatus(Outcome outcome, int cancelled) {
         return -EOVERFLOW;
     case Outcome::cancelled:
         return cancelled;
+    case Outcome::failed:
+        return failure;
     case Outcome::gone:
         break;
     }
@@ -65,6 +68,7 @@ struct Completion {
     Outcome outcome = Outcome::done;
     Bytes data = {};        // from the reader
     std::size_t actual = 0; // bytes transferred, in either direction
+    int failure = 0;        // the negative errno, if it failed on the bus
 };
 
 } // namespace emulator

@@ -179,7 +179,16 @@ std::string controllerPath(std::uint8_t bus) {
 
 std::string devicePath(const ShownDevice& device) {
     const std::string hub = controllerPath(device.bus) + "/" + rootHubName(device.bus);
-    return device.port == 0 ? hub : hub + "/" + device.name;
+    if (device.port == 0) {
+        return hub;
+    }
+    // Each hub's folder contains the devices on its ports: 1-2/1-2.3.
+    std::string path = hub;
+    for (std::size_t dot = device.name.find('.'); dot != std::string::npos;
+         dot = device.name.find('.', dot + 1)) {
+        path += "/" + device.name.substr(0, dot);
+    }
+    return path + "/" + device.name;
 }
 
 std::string interfaceName(const ShownDevice& device, std::uint8_t configuration, unsigned number) {
@@ -236,7 +245,7 @@ Attributes fixedAttributes(const ShownDevice& device) {
     Attributes attributes = {
         {"descriptors", std::string(device.descriptors.begin(), device.descriptors.end())},
         {"busnum", line("%u", device.bus)},
-        {"devpath", line("%u", device.port)},
+        {"devpath", device.port == 0 ? "0\n" : device.name.substr(device.name.find('-') + 1) + "\n"},
         {"idVendor", line("%04x", device.vendor)},
         {"idProduct", line("%04x", device.product)},
         {"bcdDevice", line("%04x", device.release)},

@@ -106,11 +106,20 @@ int UsbfsDevice::claimUncounted(OpenId id, unsigned interfaceNumber) {
     return 0;
 }
 
+// With which a recording that the reader plays says that an action failed.
+std::optional<int> UsbfsDevice::recordedFailure(HostAction action, unsigned number) {
+    const std::optional<int> result = m_model->recordedResult(action, number);
+    return result && *result < 0 ? result : std::nullopt;
+}
+
 int UsbfsDevice::claim(OpenId id, unsigned interfaceNumber) {
     if (m_model == nullptr) {
         return -ENODEV;
     }
     ++m_counts.claims;
+    if (const std::optional<int> failure = recordedFailure(HostAction::claim, interfaceNumber)) {
+        return *failure;
+    }
     return claimUncounted(id, interfaceNumber);
 }
 
@@ -143,6 +152,9 @@ int UsbfsDevice::release(OpenId id, unsigned interfaceNumber) {
         return -ENODEV;
     }
     ++m_counts.releases;
+    if (const std::optional<int> failure = recordedFailure(HostAction::release, interfaceNumber)) {
+        return *failure;
+    }
     if (interfaceNumber >= mostInterfaces) {
         return -EINVAL;
     }
@@ -165,6 +177,9 @@ int UsbfsDevice::setInterface(OpenId id, unsigned interfaceNumber, unsigned sett
     if (prepared != 0) {
         return prepared;
     }
+    if (const std::optional<int> failure = recordedFailure(HostAction::setInterface, interfaceNumber)) {
+        return *failure;
+    }
     if (setting != 0) {
         return -EINVAL; // no reader has others
     }
@@ -179,6 +194,9 @@ int UsbfsDevice::setConfiguration(OpenId, int value, Time now) {
         return -ENODEV;
     }
     ++m_counts.setConfigurations;
+    if (const std::optional<int> failure = recordedFailure(HostAction::setConfiguration)) {
+        return *failure;
+    }
     const bool claimed =
         std::ranges::any_of(m_openings, [](const auto& entry) { return entry.second.claimed != 0; });
     if (m_model->configuration() != 0 && (claimed || !m_driver.empty())) {
@@ -201,6 +219,9 @@ int UsbfsDevice::clearHalt(OpenId id, unsigned endpoint, Time now) {
         return prepared;
     }
     ++m_counts.clearHalts;
+    if (const std::optional<int> failure = recordedFailure(HostAction::clearHalt, endpoint)) {
+        return *failure;
+    }
     m_model->clearHalt(static_cast<std::uint8_t>(endpoint), now);
     collect();
     return 0;
@@ -223,6 +244,9 @@ int UsbfsDevice::reset(OpenId id, Time now) {
     ++m_counts.resets;
     if (m_faults.failReset) {
         return -EIO;
+    }
+    if (const std::optional<int> failure = recordedFailure(HostAction::reset)) {
+        return *failure;
     }
     // The kernel unbinds programs from the interfaces of a device that it resets.
     for (auto& [each, opening] : m_openings) {
@@ -275,8 +299,12 @@ int UsbfsDevice::detachDriver(OpenId id, unsigned interfaceNumber) {
     if (!hasInterface(interfaceNumber)) {
         return -EINVAL;
     }
+    const std::optional<int> recorded = m_model->recordedResult(HostAction::detachDriver, interfaceNumber);
+    if (recorded && *recorded < 0) {
+        return *recorded;
+    }
     if (driver(interfaceNumber).empty()) {
-        return -ENODATA;
+        return recorded ? 0 : -ENODATA;
     }
     ++m_bindings;
     if (isClaimed(interfaceNumber)) {
@@ -302,6 +330,9 @@ int UsbfsDevice::attachDriver(OpenId id, unsigned interfaceNumber) {
     }
     if (!hasInterface(interfaceNumber)) {
         return -EINVAL;
+    }
+    if (const std::optional<int> failure = recordedFailure(HostAction::attachDriver, interfaceNumber)) {
+        return *failure;
     }
     if (!driver(interfaceNumber).empty()) {
         return -EBUSY;
@@ -376,7 +407,7 @@ void UsbfsDevice::finish(const PendingUrb& urb, Completion& completion) {
         return;
     }
     ReapedUrb reaped = {.urb = urb.urb,
-                        .status = urbStatus(completion.outcome, -ENOENT),
+                        .status = urbStatus(completion.outcome, -ENOENT, completion.failure),
                         .data = std::move(completion.data),
                         .actual = completion.actual};
     if (urb.shortNotOk && reaped.status == 0 && reaped.actual < urb.capacity) {

@@ -102,6 +102,7 @@ private:
         std::size_t capacity = 0;
     };
 
+    std::optional<int> recordedFailure(HostAction action, unsigned number = 0);
     bool hasInterface(unsigned interfaceNumber) const;
     bool isClaimed(unsigned interfaceNumber) const;
     int interfaceOf(unsigned endpoint) const;

@@ -268,6 +268,10 @@ UsbfsOpening* NodeServer::open(const node_question& question, int& error) {
         return nullptr;
     }
     error = *place->second.refusal;
+    UsbfsDevice& device = place->second.node->device();
+    if (error == 0 && device.connected()) {
+        error = -std::min(device.model()->recordedResult(HostAction::open).value_or(0), 0);
+    }
     if (error != 0) {
         return nullptr;
     }

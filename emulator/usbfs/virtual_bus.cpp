@@ -2,6 +2,7 @@
 
 #include "preload_contract.h"
 
+#include <algorithm>
 #include <chrono>
 #include <system_error>
 #include <utility>
@@ -14,6 +15,11 @@ constexpr std::uint8_t highestAddress = 127;
 
 Time now() {
     return std::chrono::steady_clock::now();
+}
+
+// Of a name such as "1-2.3".
+unsigned portOf(const std::string& name) {
+    return static_cast<unsigned>(number("port", name.substr(name.find_last_of("-.") + 1), 1, 65535));
 }
 
 } // namespace
@@ -36,6 +42,12 @@ std::size_t VirtualBus::add(ReaderDescription description) {
     if (description.address) {
         m_buses[description.bus].reserved.insert(*description.address);
     }
+    for (const std::uint8_t address : description.addresses) {
+        m_buses[description.bus].reserved.insert(address);
+    }
+    if (!description.place.empty()) {
+        ++m_names[description.place];
+    }
     m_readers.push_back(std::make_unique<Reader>(std::move(description)));
     return m_readers.size();
 }
@@ -46,9 +58,15 @@ const ReaderDescription& VirtualBus::description(std::size_t number) const {
 
 void VirtualBus::removeLast() {
     const ReaderDescription& last = description(size());
+    auto& reserved = m_buses[last.bus].reserved;
     if (last.address) {
-        auto& reserved = m_buses[last.bus].reserved;
         reserved.erase(reserved.find(*last.address));
+    }
+    for (const std::uint8_t address : last.addresses) {
+        reserved.erase(reserved.find(address));
+    }
+    if (!last.place.empty() && --m_names[last.place] == 0) {
+        m_names.erase(last.place);
     }
     m_removed.push_back(std::move(m_readers.back()));
     m_readers.pop_back();
@@ -83,7 +101,38 @@ std::optional<std::uint8_t> VirtualBus::Addresses::next() const {
     return std::nullopt;
 }
 
-VirtualBus::Place VirtualBus::freePlace(const Buses& buses, const ReaderDescription& description) {
+// A hub of its own is made for each part of the name that is no reader.
+void VirtualBus::ensureHubs(std::uint8_t bus, const std::string& name) {
+    for (std::size_t dot = name.find('.'); dot != std::string::npos; dot = name.find('.', dot + 1)) {
+        const std::string hubName = name.substr(0, dot);
+        if (m_hubs.contains(hubName)) {
+            continue;
+        }
+        const ReaderDescription description = rootHub(bus);
+        const Place at = freePlace(m_buses, description, 0);
+        Reader& hub = *m_hubs.emplace(hubName, std::make_unique<Reader>(description)).first->second;
+        connect(hub, hubName, at, portOf(hubName));
+        take(m_buses, description, at);
+    }
+}
+
+// On the port with the reader's number, or the next one that is free.
+std::string VirtualBus::freeName(std::size_t number, std::uint8_t bus) const {
+    if (m_names.empty()) {
+        return numbered("%u-%u", bus, static_cast<unsigned>(number));
+    }
+    for (auto port = static_cast<unsigned>(number);; ++port) {
+        const std::string name = numbered("%u-%u", bus, port);
+        const bool taken = std::ranges::any_of(
+            m_readers, [&](const auto& each) { return each->node && each->shown.name == name; });
+        if (!taken && !m_names.contains(name) && !m_hubs.contains(name)) {
+            return name;
+        }
+    }
+}
+
+VirtualBus::Place VirtualBus::freePlace(const Buses& buses, const ReaderDescription& description,
+                                        std::size_t plugs) {
     const auto addresses = [&](std::uint8_t bus) {
         const auto found = buses.find(bus);
         return found != buses.end() ? found->second : Addresses();
@@ -93,6 +142,10 @@ VirtualBus::Place VirtualBus::freePlace(const Buses& buses, const ReaderDescript
             throw TextError("address " + std::to_string(*description.address) + " is in use");
         }
         return {.bus = description.bus, .address = *description.address};
+    }
+    if (plugs < description.addresses.size() &&
+        !addresses(description.bus).taken[description.addresses[plugs]]) {
+        return {.bus = description.bus, .address = description.addresses[plugs]};
     }
     constexpr unsigned lastBus = 255;
     for (unsigned number = description.bus; number <= lastBus; ++number) {
@@ -115,7 +168,7 @@ void VirtualBus::take(Buses& buses, const ReaderDescription& description, Place 
 void VirtualBus::checkRoom(const std::vector<std::size_t>& numbers) const {
     Buses buses = m_buses;
     for (const std::size_t number : numbers) {
-        take(buses, description(number), freePlace(buses, description(number)));
+        take(buses, description(number), freePlace(buses, description(number), readerNumber(number).plugs));
     }
 }
 
@@ -165,7 +218,10 @@ void VirtualBus::showOnHub(const Reader& reader, bool plugged) {
     if (reader.shown.port == 0) {
         return;
     }
-    Reader& hub = *m_rootHubs.at(reader.shown.bus);
+    const std::size_t dot = reader.shown.name.rfind('.');
+    const auto found = m_hubs.find(reader.shown.name.substr(0, std::min(dot, reader.shown.name.size())));
+    const bool isBehindHub = dot != std::string::npos && found != m_hubs.end();
+    Reader& hub = isBehindHub ? *found->second : *m_rootHubs.at(reader.shown.bus);
     const unsigned before = hub.model.portCount();
     {
         const NodeServer::Lock lock(m_server);
@@ -194,11 +250,19 @@ void VirtualBus::plug(std::size_t number) {
     if (reader.node) {
         throw TextError("reader " + std::to_string(number) + " is already plugged");
     }
-    const Place at = freePlace(m_buses, reader.model.description());
+    const ReaderDescription& description = reader.model.description();
+    const Place at = freePlace(m_buses, description, reader.plugs);
     ensureRootHub(at.bus);
-    const auto port = static_cast<unsigned>(number);
-    connect(reader, numbered("%u-%u", at.bus, port), at, port);
-    take(m_buses, reader.model.description(), at);
+    const bool isPlaced = !description.place.empty() && at.bus == description.bus;
+    const std::string name = isPlaced ? description.place : freeName(number, at.bus);
+    const auto isThere = [&](const auto& each) { return each->node && each->shown.name == name; };
+    if (isPlaced && std::ranges::any_of(m_readers, isThere)) {
+        throw TextError("port " + name + " is in use");
+    }
+    ensureHubs(at.bus, name);
+    connect(reader, name, at, portOf(name));
+    ++reader.plugs;
+    take(m_buses, description, at);
 }
 
 void VirtualBus::unplug(std::size_t number) {

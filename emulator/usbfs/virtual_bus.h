@@ -30,6 +30,7 @@ struct Reader {
     ReaderModel model;
     HostFaults faults;
     HostCounts counts;
+    std::size_t plugs = 0; // so far
 
     // Only while it is plugged.
     std::shared_ptr<UsbfsNode> node;
@@ -88,19 +89,23 @@ private:
     using Buses = std::map<std::uint8_t, Addresses>;
 
     // On the bus of the description, or on the next that has room. Throws TextError.
-    static Place freePlace(const Buses& buses, const ReaderDescription& description);
+    static Place freePlace(const Buses& buses, const ReaderDescription& description, std::size_t plugs);
     static void take(Buses& buses, const ReaderDescription& description, Place place);
 
     void connect(Reader& reader, const std::string& name, Place at, unsigned port);
     void remove(Reader& reader);
     void showOnHub(const Reader& reader, bool plugged);
     void unplugLeaving();
-    void ensureRootHub(std::uint8_t bus); // before the bus's first reader
+    void ensureRootHub(std::uint8_t bus);                       // before the bus's first reader
+    void ensureHubs(std::uint8_t bus, const std::string& name); // between the root hub and this device
+    std::string freeName(std::size_t number, std::uint8_t bus) const;
 
     Sysfs m_sysfs;
     Uevents m_uevents;
     std::vector<std::unique_ptr<Reader>> m_readers;
     std::map<std::uint8_t, std::unique_ptr<Reader>> m_rootHubs; // by bus
+    std::map<std::string, std::unique_ptr<Reader>> m_hubs;      // others, by name
+    std::map<std::string, std::size_t> m_names;                 // how many readers want a place
     std::vector<std::unique_ptr<Reader>> m_removed;             // programs may have them open
     Buses m_buses;
     NodeServer m_server; // its thread ends before the readers do

@@ -142,7 +142,7 @@ void Import::collect(Output& replies) {
         const PendingUrb urb = found->second;
         m_pending.erase(found);
         forget(urb);
-        int result = urbStatus(completion->outcome, -ECONNRESET);
+        int result = urbStatus(completion->outcome, -ECONNRESET, completion->failure);
         if (result == 0 && urb.shortNotOk && completion->actual < urb.length) {
             result = -EREMOTEIO;
         }

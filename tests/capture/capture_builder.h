@@ -42,6 +42,17 @@ public:
                    comment);
     }
 
+    Recording& refuse(std::uint64_t id, TransferType type, std::uint8_t endpoint, std::int32_t status) {
+        return add({.id = id,
+                    .kind = PacketKind::submissionError,
+                    .type = type,
+                    .endpoint = endpoint,
+                    .setup = {},
+                    .status = status,
+                    .data = {}},
+                   {});
+    }
+
     Recording& remark(const Json& value) {
         appendRemark(file, ++time, value);
         return *this;
