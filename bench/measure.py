@@ -351,13 +351,25 @@ def ends_of_waits(bench, table):
     table.row('"CANCEL": until the call has returned', "us", values["cancel"]["call_us"], most=5000)
 
 
-def on_emulated_bus(bench, readers, mode, seconds=2, script=None, program="emulated_bus"):
-    """The values that a program prints, which runs on the emulated bus."""
+def on_emulated_bus(bench, readers, mode, seconds=2, script=None, program="emulated_bus", through=()):
+    """The values that a program prints, which runs on the emulated bus, perhaps through a command that runs it."""
     options = ["--script", script] if script else []
     launcher = bench.emulated(*readers)
-    done = subprocess.run([*launcher[:-1], *options, "--", *bench.program(program, mode, seconds)], check=True,
+    done = subprocess.run([*launcher[:-1], *options, "--", *through, *bench.program(program, mode, seconds)], check=True,
                           stdout=subprocess.PIPE, text=True)
     return {name: float(value) for name, value in (line.split() for line in done.stdout.splitlines())}
+
+
+def recording(bench, table):
+    """What `gvusb record` costs the recorded program, with and without it in turns."""
+    with tempfile.NamedTemporaryFile() as file:
+        recorder = [bench.path("tools", "gvusb"), "record", "-o", file.name, "--"]
+        runs = collections.defaultdict(list)
+        for through in (recorder, []) * 15:
+            runs[bool(through)].append(
+                on_emulated_bus(bench, ["id=1"], "exchanges", 0.5, through=through)["exchanges_per_second"])
+    table.row("exchanges while recorded; bare: not recorded", "a second", statistics.median(runs[True]),
+              statistics.median(runs[False]), least_ratio=0.95)
 
 
 def start_time(bench, readers):
@@ -427,7 +439,7 @@ def main():
         measure(bench, table)
     if not arguments.counted:
         for measure in (processor_time, scan_times, load_times, python_exchanges, threads, troubles, ends_of_waits,
-                        emulated_bus, usbip_server):
+                        emulated_bus, recording, usbip_server):
             measure(bench, table)
     if table.broken:
         print(f"{table.broken} bounds are exceeded", file=sys.stderr)

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstring>
 #include <string>
 #include <type_traits>
 
@@ -76,29 +77,60 @@ std::uint8_t dataFlag(const Packet& packet) {
                                                             : 0;
 }
 
-void appendUsbmonHeader(Bytes& file, const Packet& packet, std::size_t captured) {
-    using namespace std::chrono;
-    const auto whole = duration_cast<seconds>(packet.time);
-    append<std::uint64_t>(file, packet.id);
-    append<std::uint8_t>(file, static_cast<std::uint8_t>(packet.kind));
-    append<std::uint8_t>(file, static_cast<std::uint8_t>(packet.type));
-    append<std::uint8_t>(file, packet.endpoint);
-    append<std::uint8_t>(file, packet.address);
-    append<std::uint16_t>(file, packet.bus);
-    append<std::uint8_t>(file, packet.setup ? std::uint8_t{0} : static_cast<std::uint8_t>('-'));
-    append<std::uint8_t>(file, dataFlag(packet));
-    append<std::int64_t>(file, whole.count());
-    append<std::int32_t>(file,
-                         static_cast<std::int32_t>(duration_cast<microseconds>(packet.time - whole).count()));
-    append<std::int32_t>(file, packet.status);
-    append<std::uint32_t>(file, packet.length);
-    append<std::uint32_t>(file, static_cast<std::uint32_t>(captured));
-    const SetupPacket setup = packet.setup.value_or(SetupPacket{});
-    file.insert(file.end(), setup.begin(), setup.end());
-    append<std::int32_t>(file, packet.interval);
-    append<std::int32_t>(file, 0); // the start frame
-    append<std::uint32_t>(file, packet.flags);
-    append<std::uint32_t>(file, 0); // isochronous descriptors
+// As link type 220 has it, in the order of bytes of this machine.
+struct UsbmonHeader {
+    std::uint64_t id;
+    std::uint8_t kind;
+    std::uint8_t type;
+    std::uint8_t endpoint;
+    std::uint8_t address;
+    std::uint16_t bus;
+    std::uint8_t setupFlag;
+    std::uint8_t dataFlag;
+    std::int64_t seconds;
+    std::int32_t microseconds;
+    std::int32_t status;
+    std::uint32_t length;
+    std::uint32_t captured;
+    SetupPacket setup;
+    std::int32_t interval;
+    std::int32_t startFrame;
+    std::uint32_t flags;
+    std::uint32_t isochronousDescriptors;
+};
+static_assert(sizeof(UsbmonHeader) == 64);
+
+struct PacketHeader {
+    std::uint32_t type;
+    std::uint32_t size;
+    std::uint32_t interface;
+    std::uint32_t timeHigh;
+    std::uint32_t timeLow;
+    std::uint32_t captured;
+    std::uint32_t original;
+};
+
+UsbmonHeader usbmonHeader(const Packet& packet, std::size_t captured) {
+    constexpr std::int64_t perSecond = 1'000'000'000;
+    const std::int64_t time = packet.time.count();
+    return {.id = packet.id,
+            .kind = static_cast<std::uint8_t>(packet.kind),
+            .type = static_cast<std::uint8_t>(packet.type),
+            .endpoint = packet.endpoint,
+            .address = packet.address,
+            .bus = packet.bus,
+            .setupFlag = packet.setup ? std::uint8_t{0} : static_cast<std::uint8_t>('-'),
+            .dataFlag = dataFlag(packet),
+            .seconds = time / perSecond,
+            .microseconds = static_cast<std::int32_t>(time % perSecond / 1000),
+            .status = packet.status,
+            .length = packet.length,
+            .captured = static_cast<std::uint32_t>(captured),
+            .setup = packet.setup.value_or(SetupPacket{}),
+            .interval = packet.interval,
+            .startFrame = 0,
+            .flags = packet.flags,
+            .isochronousDescriptors = 0};
 }
 
 } // namespace
@@ -125,24 +157,39 @@ void appendHeader(Bytes& file, std::string_view application) {
     appendOption(file, endOption, {});
 }
 
+// Most of what the recorder does, while the program that it records competes for the processor.
 void appendPacket(Bytes& file, const Packet& packet, std::string_view comment) {
     const auto data = packet.data.first(std::min(packet.data.size(), mostData));
-    constexpr std::size_t headerSize = 64;
-    const auto captured = static_cast<std::uint32_t>(headerSize + data.size());
-    const Block block(file, enhancedPacket);
-    append<std::uint32_t>(file, 0); // the interface
-    appendTime(file, packet.time);
-    append<std::uint32_t>(file, captured);
-    append<std::uint32_t>(file, captured);
-    appendUsbmonHeader(file, packet, data.size());
-    appendPadded(file, data);
     if (data.size() < packet.data.size() && comment.empty()) {
         comment = cutComment;
+    }
+    const std::size_t captured = sizeof(UsbmonHeader) + data.size();
+    const std::size_t paddedData = (data.size() + 3) / 4 * 4;
+    constexpr std::size_t optionHeader = 4;
+    const std::size_t options = comment.empty() ? 0 : 2 * optionHeader + (comment.size() + 3) / 4 * 4;
+    const auto size = static_cast<std::uint32_t>(sizeof(PacketHeader) + sizeof(UsbmonHeader) + paddedData +
+                                                 options + sizeof(std::uint32_t));
+    const auto time = static_cast<std::uint64_t>(packet.time.count());
+    const PacketHeader header = {.type = enhancedPacket,
+                                 .size = size,
+                                 .interface = 0,
+                                 .timeHigh = static_cast<std::uint32_t>(time >> 32),
+                                 .timeLow = static_cast<std::uint32_t>(time),
+                                 .captured = static_cast<std::uint32_t>(captured),
+                                 .original = static_cast<std::uint32_t>(captured)};
+    const UsbmonHeader usbmon = usbmonHeader(packet, data.size());
+    const std::size_t begin = file.size();
+    file.resize(begin + sizeof header + sizeof usbmon + paddedData);
+    std::memcpy(file.data() + begin, &header, sizeof header);
+    std::memcpy(file.data() + begin + sizeof header, &usbmon, sizeof usbmon);
+    if (!data.empty()) {
+        std::memcpy(file.data() + begin + sizeof header + sizeof usbmon, data.data(), data.size());
     }
     if (!comment.empty()) {
         appendOption(file, commentOption, comment);
         appendOption(file, endOption, {});
     }
+    append<std::uint32_t>(file, size);
 }
 
 void appendRemark(Bytes& file, Time time, const Json& remark) {

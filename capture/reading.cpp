@@ -127,12 +127,19 @@ private:
         device.firstSeen = m_position;
         const std::size_t index = m_capture.devices.size() - 1;
         m_present[key] = index;
+        m_gone.erase(key);
         return index;
     }
 
-    std::size_t deviceAt(const Key& key) {
+    std::size_t presentAt(const Key& key) {
         const auto found = m_present.find(key);
         return found != m_present.end() ? found->second : newDevice(key);
+    }
+
+    // One that has left still fails transfers, and is closed.
+    std::size_t deviceAt(const Key& key) {
+        const auto gone = m_gone.find(key);
+        return gone != m_gone.end() ? gone->second : presentAt(key);
     }
 
     void noteLeft(const Key& key, Time time) {
@@ -140,6 +147,7 @@ private:
         if (found != m_present.end()) {
             m_capture.devices[found->second].left = time;
             m_capture.devices[found->second].leftAt = m_position;
+            m_gone[key] = found->second;
             m_present.erase(found);
         }
     }
@@ -150,6 +158,15 @@ private:
         m_capture.devices[index].came = time;
         m_capture.devices[index].cameAt = m_position;
         return index;
+    }
+
+    // Only another device can answer after one has left: nobody was told that it came.
+    void noteAnswer(Transfer& transfer) {
+        const Device& device = m_capture.devices[transfer.device];
+        if (device.leftAt && transfer.submitted && transfer.submittedAt > *device.leftAt &&
+            transfer.status == 0) {
+            transfer.device = presentAt({device.bus, device.address});
+        }
     }
 
     // What a completed control transfer tells about its device. Returns the device, which is another one if this one
@@ -302,6 +319,7 @@ private:
             m_cut += data.size() < transfer.actual ? 1 : 0;
         }
         addComment(transfer);
+        noteAnswer(transfer);
         if (transfer.setup) {
             transfer.device = learn(transfer);
         }
@@ -326,7 +344,9 @@ private:
         const std::optional<std::int64_t> address = numberOf(remark.value, "address");
         if (bus && address && *bus >= 0 && *bus <= UINT16_MAX && *address >= 0 && *address <= UINT8_MAX) {
             const Key key(static_cast<unsigned>(*bus), static_cast<unsigned>(*address));
-            device = type == "came" ? noteCame(key, remark.time) : deviceAt(key);
+            const bool isPresent =
+                type == "device" || (type == "open" && numberOf(remark.value, "result") == 0);
+            device = type == "came" ? noteCame(key, remark.time) : isPresent ? presentAt(key) : deviceAt(key);
             if (type == "left") {
                 noteLeft(key, remark.time);
             }
@@ -425,11 +445,16 @@ private:
         note(m_pending.size() + m_forgotten, "transfer", "transfers",
              "whose completion is not in the capture");
         note(m_cut, "transfer", "transfers", "whose data were not captured whole");
-        const auto unknown = std::ranges::count_if(m_capture.devices, [](const Device& device) {
-            return device.address != 0 && device.descriptor.empty();
-        });
-        note(static_cast<std::size_t>(unknown), "device", "devices",
-             "whose descriptors are not in the capture");
+        std::vector<bool> isUsed(m_capture.devices.size());
+        for (const Transfer& transfer : m_capture.transfers) {
+            isUsed[transfer.device] = true;
+        }
+        std::size_t unknown = 0;
+        for (std::size_t i = 0; i < m_capture.devices.size(); ++i) {
+            const Device& device = m_capture.devices[i];
+            unknown += isUsed[i] && device.address != 0 && device.descriptor.empty() ? 1 : 0;
+        }
+        note(unknown, "device", "devices", "whose descriptors are not in the capture");
         if (m_capture.isRecording && !m_ended) {
             m_capture.notes.emplace_back(
                 "the recording has no end: the recorder was killed, or the file is truncated");
@@ -443,6 +468,7 @@ private:
     std::size_t m_nextRemark = 0;
     std::size_t m_nextComment = 0;
     std::map<Key, std::size_t> m_present;
+    std::map<Key, std::size_t> m_gone; // the last device at a place where there is none
     std::unordered_map<std::uint64_t, std::size_t> m_pending;
     std::map<std::pair<std::int64_t, std::int64_t>, std::vector<std::size_t>> m_running;
     std::size_t m_usable = 0;

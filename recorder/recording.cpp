@@ -152,12 +152,16 @@ void Recording::addTransfer(const recording_entry& entry, std::span<const std::u
             m_frames.erase(found);
         }
     }
-    m_data.assign(data.begin(), data.end());
-    const bool isRedacted = isFrame && m_options.redaction.replace(m_data);
+    bool isRedacted = false;
+    if (isFrame && m_options.redaction.isWanted()) {
+        m_data.assign(data.begin(), data.end());
+        isRedacted = m_options.redaction.replace(m_data);
+        data = m_data;
+    }
     const PacketKind kind = entry.kind == recording_submission   ? PacketKind::submission
                             : entry.kind == recording_completion ? PacketKind::completion
                                                                  : PacketKind::submissionError;
-    const bool isCut = kind != PacketKind::submissionError && m_data.size() == recording_most_data &&
+    const bool isCut = kind != PacketKind::submissionError && data.size() == recording_most_data &&
                        entry.length > recording_most_data;
     constexpr std::uint32_t kernelIn = 0x200;
     const std::size_t before = m_buffer.size();
@@ -172,7 +176,7 @@ void Recording::addTransfer(const recording_entry& entry, std::span<const std::u
                   .time = Time(entry.time),
                   .status = kind == PacketKind::submission ? inProgress : entry.result,
                   .length = entry.length,
-                  .data = m_data,
+                  .data = data,
                   .interval = 0,
                   .flags = (entry.endpoint & directionIn) != 0 ? kernelIn : 0},
                  isRedacted ? redactedComment
@@ -258,8 +262,12 @@ void Recording::addReading(const recording_entry& entry, const SetupPacket& setu
     keepWithinLargest(before);
 }
 
-// Each socket on which a program is told is told once. Returns whether it is news.
+// A program is told once for each of its sockets, perhaps late. Returns whether it is news.
 bool Recording::addPresence(const recording_entry& entry) {
+    if (entry.id != 0 && entry.id <= m_lastSequence) {
+        return false;
+    }
+    m_lastSequence = std::max(m_lastSequence, entry.id);
     Known& known = m_devices[{entry.bus, entry.address}];
     const bool isPresent = entry.kind == recording_came;
     const bool isNews = known.isPresent != isPresent;

@@ -66,6 +66,7 @@ private:
         m_frames; // of control transfers under way, whether they hold a frame
     capture::Bytes m_data;
     std::uint64_t m_lastId = 0;
+    std::uint64_t m_lastSequence = 0;
     bool m_isFull = false;
     bool m_hasFailed = false;
 };

@@ -23,7 +23,7 @@ static const char recording_variable[] = "GVUSB_RECORD";
 #define RECORDING_MAGIC UINT64_C(0x3162737576672d72)
 
 enum {
-    recording_ring_size = 1 << 24, // a power of 2
+    recording_ring_size = 1 << 22, // a power of 2; small, so that it stays in the processor's cache
     recording_alignment = 8,
     recording_most_data = 262144 - 64, // of an entry; more is cut
     recording_numbers = 4,
@@ -83,7 +83,7 @@ struct recording_entry {
     uint16_t kind;
     uint16_t bus;
     int64_t time; // nanoseconds since 1970
-    uint64_t id;  // of a transfer
+    uint64_t id;  // of a transfer; of a device's coming and going, the event's sequence number
     int32_t process;
     int32_t thread;
     int32_t result;  // or status

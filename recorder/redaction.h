@@ -30,6 +30,8 @@ struct Redaction {
     bool all = false;
     std::vector<Pattern> matching;
 
+    bool isWanted() const { return all || !matching.empty(); }
+
     // Whether a transfer of this type holds a frame. What standard requests transfer is no frame: descriptors,
     // strings, states.
     static bool isFrame(capture::TransferType type, const std::optional<capture::SetupPacket>& setup);

@@ -128,12 +128,13 @@ void record_device(struct place place, int descriptor) {
     errno = kept;
 }
 
-void record_presence(struct place place, bool present) {
+void record_presence(struct place place, bool present, uint64_t sequence) {
     if (place.bus == 0 || place.bus >= buses || place.address >= addresses_per_bus) {
         return;
     }
     struct recording_entry entry = {
         .kind = present ? recording_came : recording_left, .bus = place.bus, .address = place.address};
+    entry.id = sequence;
     record(&entry, NULL, 0);
     __atomic_store_n(&known[place.bus][place.address], 0, __ATOMIC_RELAXED);
     if (present) {

@@ -74,8 +74,8 @@ struct place place_of_path(const char* path);
 // Tell the recorder what the device is, unless it knows it. From the descriptor of its node or, with -1, from sysfs.
 void record_device(struct place place, int descriptor);
 
-// A device came or left.
-void record_presence(struct place place, bool present);
+// A device came or left. The sequence number of the event tells it from later ones; 0 if it is unknown.
+void record_presence(struct place place, bool present, uint64_t sequence);
 
 // ---- descriptors.c
 

@@ -10,6 +10,7 @@ struct properties {
     const char* type;
     const char* bus;
     const char* address;
+    const char* sequence;
 };
 
 static const char* value_of(const char* property, const char* name) {
@@ -27,6 +28,8 @@ static void read_property(struct properties* properties, const char* property) {
         properties->bus = value;
     } else if ((value = value_of(property, "DEVNUM")) != NULL) {
         properties->address = value;
+    } else if ((value = value_of(property, "SEQNUM")) != NULL) {
+        properties->sequence = value;
     }
 }
 
@@ -48,10 +51,10 @@ static void read_message(const char* text, size_t size) {
     }
     const struct place place = {.bus = (uint16_t)atoi(properties.bus),
                                 .address = (uint8_t)atoi(properties.address)};
-    if (strcmp(properties.action, "add") == 0) {
-        record_presence(place, true);
-    } else if (strcmp(properties.action, "remove") == 0) {
-        record_presence(place, false);
+    const bool comes = strcmp(properties.action, "add") == 0;
+    if (comes || strcmp(properties.action, "remove") == 0) {
+        record_presence(place, comes,
+                        properties.sequence != NULL ? strtoull(properties.sequence, NULL, 10) : 0);
     }
 }
 

@@ -139,6 +139,32 @@ TEST(CaptureTest, TellsDevicesApartThatReturn) {
     EXPECT_THAT(capture.notes, IsEmpty());
 }
 
+TEST(CaptureTest, KnowsDevicesThatHaveLeft) {
+    const Json place = {{"bus", 1}, {"address", 5}};
+    const auto remarkOf = [&place](const char* type) {
+        Json value = place;
+        value["type"] = type;
+        return value;
+    };
+    Recording recording;
+    recording.descriptor(readerDescriptor);
+    recording.submit(1, TransferType::bulk, 0x81, {}, 64);
+    recording.remark(remarkOf("left"));
+    recording.complete(1, TransferType::bulk, 0x81, -108, {}, 0);
+    recording.submit(2, TransferType::bulk, 0x81, {}, 64);
+    recording.complete(2, TransferType::bulk, 0x81, -19, {}, 0);
+    recording.remark(remarkOf("close"));
+    recording.descriptor(readerDescriptor);
+    recording.remark(remarkOf("close"));
+    const Capture capture = recording.read();
+    ASSERT_EQ(capture.devices.size(), 2U);
+    EXPECT_EQ(capture.transfers[2].device, 0U);
+    EXPECT_EQ(capture.transfers[3].device, 1U);
+    EXPECT_EQ(capture.events[1].device, 0U);
+    EXPECT_EQ(capture.events[2].device, 1U);
+    EXPECT_EQ(capture.devices[1].descriptor, readerDescriptor);
+}
+
 TEST(CaptureTest, NoticesAnotherDeviceAtTheSameAddress) {
     Recording recording;
     Bytes other = readerDescriptor;

@@ -30,6 +30,7 @@ grep -qE 'ATTR\{idVendor\}=="[0-9a-f]{4}"' "$folder/system/usr/lib/udev/rules.d/
     fail "the udev rule has no vendor ID in the format of udev"
 
 if [[ " $* " == *" gvusb "* ]]; then
+    grep -q '^\./usr/lib.*/gvusb/libgvusb-record-preload\.so$' "$folder/installed" || fail "the recorder's preload is not installed"
     for file in zsh/site-functions/_gvusb fish/vendor_completions.d/gvusb.fish; do
         grep -qxF "./usr/share/$file" "$folder/installed" || fail "not installed: $file"
     done

@@ -1,4 +1,5 @@
 #include "command.h"
+#include "commands/idle_library.h"
 #include "commands/recorded_program.h"
 #include "failure.h"
 #include "note.h"
@@ -24,7 +25,7 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <poll.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace record_command {
@@ -159,7 +160,10 @@ public:
         RecordedProgram program(m_options.program, m_ring.name(),
                                 {.output = m_options.file == "-" ? STDERR_FILENO : output::descriptor(),
                                  .untilSignal = m_options.untilSignal});
-        // The ring holds what a program does in several hundred milliseconds.
+        // The program has the processor first. The ring, where it waits for room, keeps the recorder from falling behind.
+        constexpr int lower = 5;
+        ::setpriority(PRIO_PROCESS, 0, lower);
+        // The ring holds what a program does in a hundred milliseconds.
         constexpr int betweenLooks = 20;
         while (!program.exitStatus()) {
             program.wait(betweenLooks);
@@ -262,5 +266,8 @@ void addRecord(CLI::App& app, ExitStatus& status) {
         ->required()
         ->type_name("");
     command->footer(joinSections({about, statuses, examples}));
-    command->callback([options, &status] { status = static_cast<ExitStatus>(Session(*options).run()); });
+    command->callback([options, &status] {
+        makeLibraryIdle();
+        status = static_cast<ExitStatus>(Session(*options).run());
+    });
 }

@@ -1,5 +1,6 @@
 #include "commands/recorded_program.h"
 
+#include "commands/idle_library.h"
 #include "failure.h"
 
 #include <algorithm>
@@ -82,19 +83,23 @@ std::string sanitizerOptions() {
 }
 
 std::vector<std::string> environmentWith(const std::string& memory) {
-    const std::array<std::string, 3> changes = {std::string(preloadVariable) + "=" + preloads(),
-                                                std::string(sanitizerVariable) + "=" + sanitizerOptions(),
-                                                std::string(recording_variable) + "=" + memory};
+    auto changes = ownConfiguration();
+    changes.emplace_back(preloadVariable, preloads());
+    changes.emplace_back(sanitizerVariable, sanitizerOptions());
+    changes.emplace_back(recording_variable, memory);
     std::vector<std::string> result;
     for (char** entry = environ; *entry != nullptr; ++entry) {
         const std::string_view text = *entry;
-        const std::string_view name = text.substr(0, text.find('=') + 1);
-        if (std::ranges::none_of(changes,
-                                 [name](const std::string& each) { return each.starts_with(name); })) {
+        const std::string_view name = text.substr(0, text.find('='));
+        if (std::ranges::none_of(changes, [name](const auto& change) { return change.first == name; })) {
             result.emplace_back(text);
         }
     }
-    result.insert(result.end(), changes.begin(), changes.end());
+    for (const auto& [name, value] : changes) {
+        if (value) {
+            result.push_back(name + "=" + *value);
+        }
+    }
     return result;
 }
 

@@ -213,6 +213,24 @@ passes_signals_on() {
     expect_status 143
 }
 
+leaves_readers_to_the_program() {
+    configure 'gvusb_hotplug=1 gvusb_updaterate=10'
+    shell_on_bus 'before=$("$emulate" --send "counts 1"); "$gvusb" record -o "$file" -- sleep 1
+        test "$before" = "$("$emulate" --send "counts 1")"'
+    expect_status 0
+    # The configuration that the environment names is the program's.
+    echo gvusb_hotplug=2 >"$scratch/other.conf"
+    shell_on_bus 'GVUSB_CONFIG=$scratch/other.conf "$gvusb" record -o "$file" -- bash -c \
+        "echo \$GVUSB_CONFIG; env | grep -c KEPT"'
+    expect_output "$scratch/other.conf
+0"
+    # No descriptor is handed on.
+    shell_on_bus 'ls /proc/self/fd >"$scratch/before"; "$gvusb" record -o "$file" -- bash -c \
+        "echo \${GVUSB_CONFIG-unset}; ls /proc/self/fd" | diff - "$scratch/before"'
+    expect_output '1d0
+< unset'
+}
+
 needs_bounded_memory() {
     # The recorded program prints the most memory that its parent, the recorder, has had.
     on_bus record -o "$file" -- bash -c '"$gvusb" send A1 02 --no-drain --repeat 100000 >/dev/null
