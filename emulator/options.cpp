@@ -92,27 +92,32 @@ command is started again. At the end of the run, its standard input ends; it is 
 within a second. For Python, "import gvusb_logic" has the class Reader.
 
 REPLAY
---replay plays a capture: a recording of "gvusb record", or one that usbmon has made (tcpdump -i usbmon1,
-Wireshark; pcap or pcapng with link type 189 or 220). Its devices except hubs are the readers, in the order in
-which they were seen, with their descriptors, strings, ports, bus numbers and addresses, as far as the capture has
-them. What it lacks is said on standard error before the program starts.
-A request is a frame or a control request. What the reader sent until the next request is its answer, which may be
-nothing, a stall or an error. By default, a request gets the answers that the same request got, one each time that
-it is made, and the last one from then on. With "--replay-mode strict", requests have to come in the recorded
-order. A request that differs is reported with the recorded one; from then on the reader answers as by default.
-Standard requests, such as those for strings, are answered in both modes as by default.
-A frame that the recording does not have gets no answer, and another control request stalls. Both are reported, each
-request once. If a request differed or was not in the recording, or in strict mode was not made, the exit status is
-1 instead of 0, unless --lenient is given.
-Answers come as long after the request as in the recording, divided by --replay-speed; 0 is as fast as possible.
-What the reader sent before any request comes as long after its first transfer. A transfer that was canceled stays
-pending until it is canceled or the next request. Openings, claims, resets and the like fail where they failed.
-Readers come and leave after the requests that preceded it in the recording, and before those that followed. If
-a request before does not come, this happens 5 s late, and in strict mode not at all. In a capture of usbmon, readers
-that came before the first request are there from the start. Commands that plug and unplug readers work too.
-"--replay-plugging commands" leaves it to them, for a program that sends them itself as in the recording.
-Other commands add to what the recording says: faults come on top, "push" sends something more, but "reply", "on"
-and "jitter" have no effect. Over USB/IP, the attaching machine chooses addresses and claims interfaces.
+With --replay, the readers are those of a capture: a recording of "gvusb record", or one that usbmon has
+made (tcpdump -i usbmon1, Wireshark; pcap or pcapng with link type 189 or 220). Its devices except hubs
+are the readers, in the order in which they were seen, with their descriptors, strings, ports, bus numbers
+and addresses, as far as the capture has them. What it lacks is said on standard error before the program
+starts.
+A request is a frame or a control request. Its answer is what the reader sent until the next request,
+which may be nothing, a stall or an error. By default, a request gets the answers that the same request
+got, one each time that it is made, and the last one from then on. With "--replay-mode strict", requests
+have to come in the recorded order. A request that differs is reported with the recorded one; from then on
+the reader answers as by default. Standard requests, such as those for strings, are answered in both modes
+as by default.
+A frame that the recording does not have gets no answer, and another control request stalls. Both are
+reported, each request once. The exit status is 1 instead of 0 if a request differed, was not in the
+recording or, in strict mode, was not made; not with --lenient.
+Answers come as long after the request as in the recording, divided by --replay-speed; 0 is as fast as
+possible. What the reader sent before any request comes as long after its first transfer. A transfer that
+was canceled stays pending until it is canceled or the next request comes. Openings, claims, resets and
+the like fail where they failed.
+Readers come and leave after the requests that preceded it in the recording, and before those that
+followed. If a request before does not come, this happens 5 s late, and in strict mode not at all. In a
+capture of usbmon, readers that came before the first request are there from the start. Commands that plug
+and unplug readers work too. "--replay-plugging commands" leaves it to them, for a program that sends them
+itself as in the recording.
+Other commands add to what the recording says: faults come on top, "push" sends something more, but
+"reply", "on" and "jitter" have no effect. Over USB/IP, the attaching machine chooses addresses and claims
+interfaces.
 
 CONFIGURATION
 A program can start its children with another configuration file: set GVUSB_EMULATE_CONFIG to its path,
@@ -146,11 +151,11 @@ error.
 EXIT STATUS
 The exit status of the program, or 128 plus the number of the signal that killed it. 127 if the program
 does not exist, 126 if it cannot be executed or cannot see the readers, 125 if the bus cannot be set up or the
-logic of a reader cannot be started, 2 for a usage error, a mistake in the script or a
-capture that cannot be played. With --usbip and no
-program: 0 after a signal. In both cases 1 instead of 0 if a command of the script failed or did not run, or
-if the logic of a reader ended before the program or with another status than 0, or wrote a line that is not
-understood, or if the program differed from a recording (see REPLAY). With --send: 0 if the answer is "ok", 1 for an error.
+logic of a reader cannot be started, 2 for a usage error, a mistake in the script or a capture that cannot be
+played. With --usbip and no program: 0 after a signal. In both cases 1 instead of 0 if a command of the script
+failed or did not run, if the logic of a reader ended before the program or with another status than 0, or
+wrote a line that is not understood, or if the program differed from a recording (see REPLAY). With --send: 0
+if the answer is "ok", 1 for an error.
 
 EXAMPLES
   gvusb-emulate -- lsusb
@@ -209,19 +214,19 @@ void addOptions(CLI::App& app, Words& words) {
     app.add_option("--replay-mode", words.replayMode,
                    "Answer requests by matching them, or in strict order; see REPLAY below")
         ->type_name("matching|strict")
-        ->check(CLI::IsMember({"matching", "strict"}))
+        ->check(CLI::IsMember({"matching", "strict"}).description(""))
         ->capture_default_str()
         ->needs(replayed);
     app.add_option("--replay-speed", words.replaySpeed,
                    "Play so many times as fast as recorded; 0: as fast as possible")
         ->type_name("FACTOR")
-        ->check(CLI::Range(0.0, 1e6))
+        ->check(CLI::Range(0.0, 1e6).description(""))
         ->capture_default_str()
         ->needs(replayed);
     app.add_option("--replay-plugging", words.replayPlugging,
                    "Plug and unplug readers as recorded, or by commands only")
         ->type_name("recorded|commands")
-        ->check(CLI::IsMember({"recorded", "commands"}))
+        ->check(CLI::IsMember({"recorded", "commands"}).description(""))
         ->capture_default_str()
         ->needs(replayed);
     app.add_option("--script", words.script, "Run commands at given times")->type_name("FILE");

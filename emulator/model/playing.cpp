@@ -63,15 +63,17 @@ Completion ReaderModel::performPlayed(Waiting& waiting, const PipeFaults& faults
         return perform(transfer, faults, now);
     }
     constexpr std::uint8_t vendorOut = 0x40;
-    if (!reads && (transfer.endpoint != 0 || transfer.setup.requestType == vendorOut)) {
-        ++m_frameCount;
-        m_lastFrame = {.endpoint = transfer.endpoint, .data = transfer.data};
-    }
     Completion completion =
         completionOf(reads ? m_playback->take(transfer) : std::move(*waiting.played), transfer);
     if (faults.shortTo) {
         completion.actual = std::min(completion.actual, *faults.shortTo);
         completion.data.resize(std::min(completion.data.size(), *faults.shortTo));
+    }
+    const bool isFrame = !reads && (transfer.endpoint != 0 || transfer.setup.requestType == vendorOut);
+    if (isFrame && completion.outcome == Outcome::done) {
+        ++m_frameCount;
+        m_lastFrame = {.endpoint = transfer.endpoint, .data = transfer.data};
+        m_lastFrame.data.resize(completion.actual);
     }
     return completion;
 }

@@ -12,11 +12,6 @@ namespace emulator::replay {
 
 namespace {
 
-constexpr std::uint8_t kindMask = 0x60;
-constexpr std::uint8_t vendorOut = 0x40;
-constexpr std::uint8_t vendorIn = 0xC0;
-constexpr std::uint8_t frameRequest = 0;
-
 bool isStandard(const Transfer& transfer) {
     return transfer.endpoint == 0 && (transfer.setup.requestType & kindMask) == 0;
 }
@@ -59,11 +54,11 @@ std::string described(const Transfer& transfer) {
 } // namespace
 
 PlayedReader::PlayedReader(std::string name, std::shared_ptr<const RecordedReader> recorded, Mode mode,
-                           Speed speed, std::shared_ptr<Timeline> timeline, Report report)
+                           Pace pace, std::shared_ptr<Timeline> timeline, Report report)
     : m_name(std::move(name))
     , m_recorded(std::move(recorded))
     , m_mode(mode)
-    , m_speed(speed)
+    , m_pace(pace)
     , m_timeline(std::move(timeline))
     , m_report(std::move(report)) {
     for (const RecordedRequest& each : m_recorded->requests) {
@@ -216,7 +211,7 @@ bool PlayedReader::reportMissed() {
 
 PlayedAnswer PlayedReader::answerOf(const RecordedAnswer& recorded, Time now) const {
     return {.pending = recorded.pending,
-            .due = now + m_speed.scaled(recorded.after),
+            .due = now + m_pace.scaled(recorded.after),
             .status = recorded.status,
             .data = recorded.data,
             .actual = recorded.actual};

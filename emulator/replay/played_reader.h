@@ -22,7 +22,7 @@ public:
     using Report = std::function<void(const std::string& line)>;
 
     // `name` is for reports.
-    PlayedReader(std::string name, std::shared_ptr<const RecordedReader> recorded, Mode mode, Speed speed,
+    PlayedReader(std::string name, std::shared_ptr<const RecordedReader> recorded, Mode mode, Pace pace,
                  std::shared_ptr<Timeline> timeline, Report report);
 
     bool reads(const Transfer& transfer) const override;
@@ -64,7 +64,7 @@ private:
     std::string m_name;
     std::shared_ptr<const RecordedReader> m_recorded;
     Mode m_mode;
-    Speed m_speed;
+    Pace m_pace;
     std::shared_ptr<Timeline> m_timeline;
     Report m_report;
 

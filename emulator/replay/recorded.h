@@ -21,6 +21,13 @@ using Duration = std::chrono::nanoseconds;
 // The position of something in the recording, which orders it.
 using Position = std::size_t;
 
+// Of bmRequestType in a control request.
+constexpr std::uint8_t kindMask = 0x60; // 0: a standard request
+constexpr std::uint8_t vendorOut = 0x40;
+constexpr std::uint8_t vendorIn = 0xC0;
+// With it, vendor requests carry frames.
+constexpr std::uint8_t frameRequest = 0;
+
 // How a transfer completed.
 struct RecordedAnswer {
     std::uint8_t endpoint = 0; // of one that reads: its address, or 0 for a frame by control transfer

@@ -12,8 +12,6 @@ namespace emulator::replay {
 
 namespace {
 
-constexpr std::uint8_t kindMask = 0x60;
-constexpr std::uint8_t vendorIn = 0xC0;
 constexpr std::size_t deviceSize = 18;
 constexpr std::size_t configurationSize = 9;
 constexpr std::uint8_t interfaceType = 4;
@@ -257,7 +255,6 @@ private:
                 addAddress(m_recording.readers[m_readerOf[i]].description, device);
             }
         }
-        findRefusing();
         const bool hasReader = std::ranges::any_of(m_recording.readers, [](const RecordedReader& each) {
             return each.description.vendor == GVUSB_VENDOR_ID;
         });
@@ -265,26 +262,6 @@ private:
             m_recording.readers.clear();
         } else if (noPlace) {
             m_recording.notes.emplace_back("the ports of readers are not in the capture, so they are chosen");
-        }
-    }
-
-    // Requests to a device that has left are refused. The capture takes them for requests to another device.
-    void findRefusing() {
-        std::vector<bool> accepts(m_capture.devices.size());
-        for (const capture::Transfer& each : m_capture.transfers) {
-            accepts[each.device] = accepts[each.device] || !each.refused;
-        }
-        std::map<std::pair<unsigned, unsigned>, std::size_t> left; // readers by bus and address
-        for (std::size_t i = 0; i < m_capture.devices.size(); ++i) {
-            const capture::Device& device = m_capture.devices[i];
-            const std::pair place(device.bus, device.address);
-            const auto before = left.find(place);
-            if (m_readerOf[i] != none && device.leftAt) {
-                left[place] = m_readerOf[i];
-            } else if (m_readerOf[i] == none && !accepts[i] && device.descriptor.empty() &&
-                       before != left.end()) {
-                m_readerOf[i] = before->second;
-            }
         }
     }
 
@@ -350,15 +327,12 @@ private:
         }
         reader.speed = speedOf(device, reader);
         describeStrings(reader, device);
-        for (const capture::Event& each : m_capture.events) {
-            if (each.device == index && each.type == capture::EventType::driverDetached &&
-                each.result.value_or(-1) >= 0) {
-                const auto name = each.details.find("driver");
-                reader.kernelDriver = name != each.details.end() && name->is_string()
-                                          ? name->get<std::string>()
-                                          : std::string("usbhid");
-                break;
-            }
+        // Only the first one tells whether a driver was there from the start.
+        const auto detached = std::ranges::find_if(m_capture.events, [index](const capture::Event& each) {
+            return each.device == index && each.type == capture::EventType::driverDetached;
+        });
+        if (detached != m_capture.events.end() && detached->result.value_or(-1) >= 0) {
+            reader.kernelDriver = "usbhid"; // a recording has no name
         }
         return reader;
     }
@@ -383,7 +357,7 @@ private:
     // ---- transfers
 
     static bool readsFrame(const capture::Transfer& transfer) {
-        return transfer.setup && (*transfer.setup)[0] == vendorIn && (*transfer.setup)[1] == 0 &&
+        return transfer.setup && (*transfer.setup)[0] == vendorIn && (*transfer.setup)[1] == frameRequest &&
                std::all_of(transfer.setup->begin() + 2, transfer.setup->begin() + 6,
                            [](std::uint8_t byte) { return byte == 0; });
     }

@@ -23,11 +23,11 @@ Replay::Replay(const Settings& settings, Bus& bus, Report report)
     const Recording& recording = *settings.recording;
     m_timeline = std::make_shared<Timeline>(
         settings.plugging == Plugging::recorded ? recording.happenings : std::vector<Happening>{},
-        settings.mode, Speed(settings.speed), [bell = m_bell] { ::eventfd_write(bell->get(), 1); });
+        settings.mode, Pace(settings.speed), [bell = m_bell] { ::eventfd_write(bell->get(), 1); });
     for (std::size_t i = 0; i < recording.readers.size(); ++i) {
         const std::shared_ptr<const RecordedReader> recorded(settings.recording, &recording.readers[i]);
         m_readers.push_back(std::make_shared<PlayedReader>(nameOf(i + 1, recorded->description), recorded,
-                                                           settings.mode, Speed(settings.speed), m_timeline,
+                                                           settings.mode, Pace(settings.speed), m_timeline,
                                                            m_report));
         m_bus.with(i + 1, [&](ReaderModel& model) { model.setPlayback(m_readers[i]); });
         m_plugged.push_back(recorded->description.plugged);

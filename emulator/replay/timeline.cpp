@@ -4,9 +4,9 @@
 
 namespace emulator::replay {
 
-Timeline::Timeline(std::vector<Happening> happenings, Mode mode, Speed speed, std::function<void()> wake)
+Timeline::Timeline(std::vector<Happening> happenings, Mode mode, Pace pace, std::function<void()> wake)
     : m_mode(mode)
-    , m_speed(speed)
+    , m_pace(pace)
     , m_wake(std::move(wake)) {
     for (Happening& each : happenings) {
         m_steps.push_back({.happening = std::move(each)});
@@ -70,12 +70,12 @@ std::optional<Time> Timeline::timeOf(const Step& step) const {
         return Time{};
     }
     if (step.anchor) {
-        return *step.anchor + m_speed.scaled(step.happening.after);
+        return *step.anchor + m_pace.scaled(step.happening.after);
     }
     if (m_mode == Mode::strict) {
         return std::nullopt;
     }
-    return m_last + m_speed.scaled(step.happening.after) + patience;
+    return m_last + m_pace.scaled(step.happening.after) + patience;
 }
 
 std::optional<Happening> Timeline::due(Time now) const {

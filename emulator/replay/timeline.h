@@ -16,10 +16,10 @@ namespace emulator::replay {
 
 enum class Mode { matching, strict };
 
-// The speed of a replay. 0 is as fast as possible.
-class Speed {
+// How much faster than recorded a replay is. 0 is as fast as possible.
+class Pace {
 public:
-    explicit Speed(double factor = 1)
+    explicit Pace(double factor = 1)
         : m_factor(factor) {}
 
     Time::duration scaled(Duration recorded) const {
@@ -38,7 +38,7 @@ public:
     static constexpr std::chrono::seconds patience{5};
 
     // `wake` is called, in any thread, when something has become due.
-    Timeline(std::vector<Happening> happenings, Mode mode, Speed speed, std::function<void()> wake);
+    Timeline(std::vector<Happening> happenings, Mode mode, Pace pace, std::function<void()> wake);
 
     void start(Time now);
 
@@ -73,7 +73,7 @@ private:
     std::optional<Time> timeOf(const Step& step) const;
 
     Mode m_mode;
-    Speed m_speed;
+    Pace m_pace;
     std::function<void()> m_wake;
 
     mutable std::mutex m_mutex; // of all below

@@ -46,6 +46,13 @@ public:
         recording.complete(lastId, capture::TransferType::bulk, 0x02, status, {}, status == 0 ? length : 0);
         return *this;
     }
+    // The reader takes only so many bytes.
+    RecordedSession& shortOut(const Bytes& frame, std::uint32_t taken) {
+        recording.submit(++lastId, capture::TransferType::bulk, 0x02, frame,
+                         static_cast<std::uint32_t>(frame.size()));
+        recording.complete(lastId, capture::TransferType::bulk, 0x02, 0, {}, taken);
+        return *this;
+    }
     RecordedSession& refusedOut(const Bytes& frame) {
         const auto length = static_cast<std::uint32_t>(frame.size());
         recording.submit(++lastId, capture::TransferType::bulk, 0x02, frame, length);

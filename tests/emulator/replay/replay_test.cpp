@@ -220,6 +220,15 @@ TEST_F(ReplayTest, RequestMayStallOrFail) {
     EXPECT_EQ(completion->failure, -EPROTO);
 }
 
+TEST_F(ReplayTest, FramesAreCountedAsFarAsTheReaderTookThem) {
+    play(RecordedSession().reader().shortOut({1, 2, 3}, 2).out({4}, -EPIPE));
+    EXPECT_EQ(send({1, 2, 3}), Outcome::done);
+    EXPECT_EQ(model().frameCount(), 1U);
+    EXPECT_EQ(model().lastFrame().data, (Bytes{1, 2}));
+    EXPECT_EQ(send({4}), Outcome::stalled);
+    EXPECT_EQ(model().frameCount(), 1U);
+}
+
 TEST_F(ReplayTest, RequestMayTimeOut) {
     play(RecordedSession().reader().out({1}, -ENOENT));
     const TransferId id = out({1});
@@ -263,7 +272,7 @@ TEST_F(ReplayTest, FramesByControlAreRequestsWithAnswers) {
              .control({0xC0, 0, 0, 0, 0, 0, 64, 0}, {10})
              .control({0x40, 0, 0, 0, 0, 0, 1, 0}, {2})
              .control({0xC0, 0, 0, 0, 0, 0, 64, 0}, {20}));
-    for (const std::uint8_t frame : {2, 1}) {
+    for (const std::uint8_t frame : {std::uint8_t{2}, std::uint8_t{1}}) {
         model().submit({.endpoint = 0, .setup = {0x40, 0, 0, 0, 1}, .data = {frame}}, now);
         passPackets();
         EXPECT_EQ(take()->outcome, Outcome::done);
@@ -490,6 +499,19 @@ TEST_F(ReplayTest, ResultsOfTheHostAreAsRecorded) {
     EXPECT_EQ(model().recordedResult(HostAction::claim, 0), -EBUSY);
     EXPECT_EQ(model().recordedResult(HostAction::reset), -EIO);
     EXPECT_FALSE(model().recordedResult(HostAction::claim, 1));
+}
+
+TEST_F(ReplayTest, FirstDetachTellsWhetherAKernelDriverWasThere) {
+    const auto driverOf = [](int first, int second) {
+        RecordedSession session;
+        session.reader();
+        for (const int result : {first, second}) {
+            session.event("detach", {{"interface", 0}, {"result", result}});
+        }
+        return recordingFrom(session.read()).readers.front().description.kernelDriver;
+    };
+    EXPECT_NE(driverOf(0, -ENODATA), "");
+    EXPECT_EQ(driverOf(-ENODATA, 0), "");
 }
 
 TEST_F(ReplayTest, FaultsOfCommandsComeOnTop) {
