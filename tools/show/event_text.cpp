@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <vector>
 
@@ -136,6 +137,11 @@ std::string failuresOf(const capture::Capture& capture, const Requests& requests
 }
 
 } // namespace
+
+bool isRoutine(const Event& event) {
+    return event.type == EventType::discarded ||
+           (event.type == EventType::driverDetached && event.result == -ENODATA);
+}
 
 std::string eventText(const Event& event) {
     switch (event.type) {

@@ -7,6 +7,9 @@
 
 #include <string>
 
+// Whether it happens in every session and tells nothing: a transfer taken back, a kernel driver that is not there.
+bool isRoutine(const capture::Event& event);
+
 // "opened", "claim of interface 0 failed [EBUSY]". Not of calls.
 std::string eventText(const capture::Event& event);
 

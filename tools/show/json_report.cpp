@@ -2,6 +2,7 @@
 #include "hexadecimal.h"
 #include "json.h"
 #include "show/buffered_output.h"
+#include "show/event_text.h"
 #include "show/report.h"
 #include "show/transfer_names.h"
 #include "time_stamp.h"
@@ -132,7 +133,7 @@ private:
         const auto reader = m_conversation.readerOfEvent[item.index];
         const bool isCall = event.type == EventType::call;
         const bool isShown = reader ? m_recording.shown[*reader] : !m_recording.isFiltered || !isCall;
-        if (!isShown || item.isReturn || (event.type == EventType::discarded && !m_recording.all)) {
+        if (!isShown || item.isReturn || (isRoutine(event) && !m_recording.all)) {
             return;
         }
         Json object = begin(isCall ? "call" : "event", event.time, reader);

@@ -149,7 +149,7 @@ private:
         const auto of = m_conversation.readerOfEvent[item.index];
         const bool isShown =
             of ? m_recording.shown[*of] : !m_recording.isFiltered || event.type != EventType::call;
-        if (!isShown || (event.type == EventType::discarded && !m_recording.all)) {
+        if (!isShown || (isRoutine(event) && !m_recording.all)) {
             return;
         }
         if (event.type != EventType::call) {

@@ -172,6 +172,7 @@ inline SampleRecording sampleSession() {
     made.event("open", 2, {{"result", 4}});
     made.returned(0x10000001);
     made.call("GVUSB_Transceive", "268435457, \"TESK-RCI2\", sends 3 bytes, room for 512 bytes");
+    made.event("detach", 2, {{"interface", 0}, {"result", -ENODATA}});
     made.event("claim", 2, {{"interface", 0}, {"result", 0}});
     made.out(2, {2, 0, 7});
     made.in(2, {0x90, 0}, 0, std::chrono::microseconds(2'100));

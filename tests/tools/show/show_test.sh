@@ -34,7 +34,7 @@ shows_a_session() {
     expect_in_output "^2 readers, 6 exchanges, 2 failed$"
     expect_in_output '^A1 .* 4  *1  *2  *2\.200  *2\.200  *2\.200  *1 sent, 1 time-out, 1 stall, 1 answered late$'
     expect_equal 'the slowest' "$(grep -A 1 '^Slowest' "$scratch/output" | tail -n 1 | tr -s ' ')" \
-        '0.303017 A1 1000.100 ms FF time-out'
+        '0.303018 A1 1000.100 ms FF time-out'
 }
 
 shows_one_reader() {
@@ -57,6 +57,9 @@ shows_every_request() {
     expect_status 0
     expect_not_in_output 'control requests'
     expect_in_output ' <- control  *0\.100  string 1 (80 06 0301 0409 00FF): 06 03 41 00 31 00$'
+    expect_in_output 'detaching the kernel driver of interface 0 failed \[ENODATA\]'
+    show session
+    expect_not_in_output 'kernel driver'
 }
 
 reads_standard_input() {
