@@ -1,12 +1,14 @@
 #include "bus.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
@@ -16,6 +18,12 @@ enum { longest_command = 4096, longest_answer = 2 * longest_frame + 64 };
 
 /* Names the program that makes a real kernel follow the bus. */
 static const char settle_variable[] = "GVUSB_TEST_SETTLE";
+
+/*
+ * Set when a recording of this program is replayed: names a file with the number of readers at the start of the
+ * recorded run, then a line for each recorded reader with its number in that run and in the replay.
+ */
+static const char replay_variable[] = "GVUSB_TEST_REPLAY";
 
 static pthread_mutex_t channel_lock = PTHREAD_MUTEX_INITIALIZER;
 static int channel = -1;
@@ -94,6 +102,98 @@ static const char* change_kernel(const char* settle, const char* command) {
     return answer;
 }
 
+/*
+ * The replayed readers: their count at the start of the recorded run and, by their numbers in that run, their numbers
+ * now (0: not recorded). A file has a byte for each reader that was added since, by this process or another.
+ */
+static struct {
+    pthread_once_t once;
+    bool active;
+    int first_count;
+    int added;
+    int numbers[256];
+} replay = {.once = PTHREAD_ONCE_INIT};
+
+static void find_replay(void) {
+    const char* path = getenv(replay_variable);
+    FILE* file = path != NULL ? fopen(path, "re") : NULL;
+    if (path == NULL) {
+        return;
+    }
+    int then;
+    int now;
+    if (file == NULL || fscanf(file, "%d", &replay.first_count) != 1) {
+        give_up(path, "no list of readers");
+    }
+    char added[1024];
+    snprintf(added, sizeof added, "%s.added", path);
+    replay.added = open(added, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (replay.added < 0) {
+        give_up(added, strerror(errno));
+    }
+    while (fscanf(file, "%d %d", &then, &now) == 2) {
+        if (then < 1 || then >= (int)(sizeof replay.numbers / sizeof *replay.numbers)) {
+            give_up(path, "a bad number");
+        }
+        replay.numbers[then] = now;
+    }
+    fclose(file);
+    replay.active = true;
+}
+
+static bool is_replay(void) {
+    pthread_once(&replay.once, find_replay);
+    return replay.active;
+}
+
+/* The number that a reader has now; 0 if nothing of it was recorded. */
+static int number_now(int reader) {
+    return is_replay() ? replay.numbers[reader] : reader;
+}
+
+static int count_in_replay(void) {
+    struct stat status;
+    return fstat(replay.added, &status) == 0 ? replay.first_count + (int)status.st_size : 0;
+}
+
+/* "plug DESCRIPTION": the readers that the recorded run added then. Returns the number of the first, as that run saw it. */
+static const char* plug_recorded(const char* description) {
+    static _Thread_local char answer[16];
+    const char* copies = strstr(description, "copies=");
+    const int count = copies != NULL ? atoi(copies + strlen("copies=")) : 1;
+    const int first = count_in_replay() + 1;
+    for (int reader = first; reader < first + count; ++reader) {
+        if (write(replay.added, "+", 1) != 1) {
+            give_up(description, strerror(errno));
+        }
+        if (strstr(description, "plugged=no") == NULL) {
+            bus("plug %d", reader);
+        }
+    }
+    snprintf(answer, sizeof answer, "%d", first);
+    return answer;
+}
+
+/* Readers come, go and are counted as in the recorded run. What else changes them is in the recording. */
+static const char* run_in_replay(const char* command) {
+    static const char* const kept[] = {"plug ", "unplug ", "replug ", "frames ", "counts "};
+    for (size_t i = 0; i < sizeof kept / sizeof *kept; ++i) {
+        if (!begins_with(command, kept[i])) {
+            continue;
+        }
+        const char* argument = command + strlen(kept[i]);
+        char* end = NULL;
+        const long reader = strtol(argument, &end, 10);
+        if (end == argument) {
+            return plug_recorded(argument);
+        }
+        char translated[64];
+        snprintf(translated, sizeof translated, "%s%d", kept[i], number_now((int)reader));
+        return number_now((int)reader) != 0 ? run_command(translated) : "";
+    }
+    return strcmp(command, "list") == 0 ? run_command(command) : "";
+}
+
 bool bus_is_emulated(void) {
     return getenv(settle_variable) == NULL;
 }
@@ -115,7 +215,7 @@ const char* bus(const char* format, ...) {
     if (settle != NULL && (begins_with(command, "plug ") || begins_with(command, "unplug "))) {
         return change_kernel(settle, command);
     }
-    return run_command(command);
+    return is_replay() ? run_in_replay(command) : run_command(command);
 }
 
 int plug_new(const char* description) {
@@ -123,6 +223,9 @@ int plug_new(const char* description) {
 }
 
 int reader_count(void) {
+    if (is_replay()) {
+        return count_in_replay();
+    }
     const char* list = bus("list");
     int count = *list == '\0' ? 0 : 1;
     for (; *list != '\0'; ++list) {
@@ -132,8 +235,11 @@ int reader_count(void) {
 }
 
 bool is_plugged(int reader) {
+    if (number_now(reader) == 0) {
+        return false;
+    }
     char beginning[16];
-    snprintf(beginning, sizeof beginning, "%d ", reader);
+    snprintf(beginning, sizeof beginning, "%d ", number_now(reader));
     const char* entry = bus("list");
     while (strncmp(entry, beginning, strlen(beginning)) != 0) {
         const char* separator = strstr(entry, "; ");
