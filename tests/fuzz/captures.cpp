@@ -1,4 +1,5 @@
-// The input is a capture file of any kind: read it, and check that what was read is consistent.
+// The input is a capture file of any kind: read it, check that what was read is consistent, and play it.
+#include "captures_played.h"
 #include "expect.h"
 
 #include "capture/capture.h"
@@ -53,6 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const Capture read = readCapture(std::span(data, size), "input");
         check(read, size);
         requireReaders(read, GVUSB_VENDOR_ID);
+        emulator::replay::playCapture(read);
     } catch (const CaptureError& error) {
         fuzz::expect(std::string_view(error.what()).starts_with("input: "), "a mistake names the file");
     }
