@@ -14,8 +14,6 @@ BLOCK = re.compile(r"^```(\w*)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
 NOT_RUN = {
     "docker run": "needs Docker, USB devices and an image",
     "gvusb-emulate --usbip": "runs until interrupted; tests/emulator does that",
-    "gvusb record": "runs on the customer's machine, with its readers",
-    "gvusb-emulate --replay": "plays a recording of the customer's readers",
     "gvusb list": "shows what the lines before it have attached",
     "gvusb doctor": "shows what the lines before it have attached",
     "ssh ": "needs two machines",
