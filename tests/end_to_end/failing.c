@@ -175,7 +175,7 @@ static void AnUnpluggedReaderIsNotPresent(void** state) {
 }
 
 static void ParametersOfAnUnpluggedReader(void** state) {
-    char value[GVUSB_PARAMETER_SIZE];
+    char value[GVUSB_PARAMETER_SIZE] = ""; /* The log shows it. */
     const int handle = open_reader(bulk_id);
     check_echo(handle);
     bus("unplug %d", bulk);

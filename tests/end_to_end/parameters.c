@@ -9,7 +9,7 @@ enum { desk = 1, gate };
 enum { desk_id = 0x12AB0, gate_id = 0xB2 };
 
 static int get(int handle, const char* key) {
-    char value[GVUSB_PARAMETER_SIZE];
+    char value[GVUSB_PARAMETER_SIZE] = ""; /* The log shows it. */
     return GVUSB_GetDevicePara(handle, key, value);
 }
 
