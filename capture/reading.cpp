@@ -344,9 +344,10 @@ private:
         const std::optional<std::int64_t> address = numberOf(remark.value, "address");
         if (bus && address && *bus >= 0 && *bus <= UINT16_MAX && *address >= 0 && *address <= UINT8_MAX) {
             const Key key(static_cast<unsigned>(*bus), static_cast<unsigned>(*address));
-            const bool isPresent =
-                type == "device" || (type == "open" && numberOf(remark.value, "result") == 0);
-            device = type == "came" ? noteCame(key, remark.time) : isPresent ? presentAt(key) : deviceAt(key);
+            // One that was opened before it left may be noted after that.
+            device = type == "came"     ? noteCame(key, remark.time)
+                     : type == "device" ? presentAt(key)
+                                        : deviceAt(key);
             if (type == "left") {
                 noteLeft(key, remark.time);
             }

@@ -153,6 +153,9 @@ TEST(CaptureTest, KnowsDevicesThatHaveLeft) {
     recording.complete(1, TransferType::bulk, 0x81, -108, {}, 0);
     recording.submit(2, TransferType::bulk, 0x81, {}, 64);
     recording.complete(2, TransferType::bulk, 0x81, -19, {}, 0);
+    Json opened = remarkOf("open"); // before it left, and noted after that
+    opened["result"] = 0;
+    recording.remark(opened);
     recording.remark(remarkOf("close"));
     recording.descriptor(readerDescriptor);
     recording.remark(remarkOf("close"));
@@ -161,7 +164,8 @@ TEST(CaptureTest, KnowsDevicesThatHaveLeft) {
     EXPECT_EQ(capture.transfers[2].device, 0U);
     EXPECT_EQ(capture.transfers[3].device, 1U);
     EXPECT_EQ(capture.events[1].device, 0U);
-    EXPECT_EQ(capture.events[2].device, 1U);
+    EXPECT_EQ(capture.events[2].device, 0U);
+    EXPECT_EQ(capture.events[3].device, 1U);
     EXPECT_EQ(capture.devices[1].descriptor, readerDescriptor);
 }
 
