@@ -2,8 +2,9 @@
 # Builds the root file system that the guest's kernel unpacks into memory. Sourced by run.
 
 # The modules that a reader needs: the USB core, a controller whose ports connect to a server, and a driver that may
-# bind a reader before the library uses it.
-guest_modules=(usb/common/usb-common usb/core/usbcore usb/usbip/usbip-core usb/usbip/vhci-hcd usb/serial/usbserial)
+# bind a reader before the library uses it. Then the one that captures transfers.
+guest_modules=(usb/common/usb-common usb/core/usbcore usb/usbip/usbip-core usb/usbip/vhci-hcd usb/serial/usbserial
+    usb/mon/usbmon)
 
 # The udev rules for all devices and for USB; the others concern hardware that the guest lacks.
 guest_rules=(50-udev-default.rules 80-drivers.rules)
