@@ -3,21 +3,25 @@
 #include <array>
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 namespace recorder {
 
 namespace {
 
-constexpr std::array<const char*, recording_functions> names = {
+constexpr std::array<std::string_view, recording_functions> names = {
     "GVUSB_Scan",           "GVUSB_ScanAndOpen",   "GVUSB_GetScanListPara", "GVUSB_GetScanListSize",
     "GVUSB_ClearScanList",  "GVUSB_OpenDevice",    "GVUSB_CloseDevice",     "GVUSB_IsDevicePresent",
     "GVUSB_GetDeviceList",  "GVUSB_GetDeviceHnd",  "GVUSB_Transceive",      "GVUSB_Transmit",
     "GVUSB_Receive",        "GVUSB_GetDevicePara", "GVUSB_SetDevicePara",   "GVUSB_AddEventHandler",
     "GVUSB_DelEventHandler"};
 
-const char* nameOf(const recording_entry& entry) {
+std::string_view nameOf(const recording_entry& entry) {
     const auto index = static_cast<std::size_t>(entry.numbers[0]);
-    return index < names.size() ? names[index] : "unknown";
+    if (index >= names.size()) {
+        return "unknown";
+    }
+    return names[index];
 }
 
 std::string quoted(std::string_view text) {

@@ -98,13 +98,12 @@ complete -c gvusb -n '__gvusb_command record' -l redact-matching -x -d 'Replace 
 complete -c gvusb -n '__gvusb_command record' -l max-size -x -d 'End the recording before the file is larger'
 complete -c gvusb -n '__gvusb_command record' -l until-signal -d 'End the recording at a signal'
 
-complete -c gvusb -n '__gvusb_expects 0 help' -a 'list info get set send monitor record explain doctor'
 complete -c gvusb -n '__gvusb_command show' -l reader -x -d 'Only this reader'
 complete -c gvusb -n '__gvusb_command show' -l all -d 'Every control transfer in bytes'
 complete -c gvusb -n '__gvusb_command show' -l plot -r -F -d 'Draw the exchanges into an SVG file'
 
 complete -c gvusb -n '__gvusb_expects 0 show' -F
-complete -c gvusb -n '__gvusb_expects 0 help' -a 'list info get set send monitor show explain doctor'
+complete -c gvusb -n '__gvusb_expects 0 help' -a 'list info get set send monitor record show explain doctor'
 complete -c gvusb -n '__gvusb_expects 0 info send get set' -a '(__gvusb_readers)'
 complete -c gvusb -n '__gvusb_expects 0 get set' -a driver -d 'The library itself'
 complete -c gvusb -n '__gvusb_expects 1 get set' -a '(__gvusb_keys)'

@@ -293,7 +293,8 @@ private:
         constexpr std::size_t most = 24; // bytes of a frame
         std::string frame = dataText(transfer(*exchange.request));
         if (frame.size() > 3 * most && !transfer(*exchange.request).redacted) {
-            frame = frame.substr(0, 3 * most) + "...";
+            frame.resize(3 * most);
+            frame += "...";
         }
         const std::string outcome = exchange.outcome == Outcome::answered
                                         ? ""
