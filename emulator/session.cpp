@@ -122,7 +122,7 @@ int Session::run(Environment environment) {
     while (!m_program->exitStatus() || (m_options.waitForAll && !m_allEnded && !m_askedToEnd)) {
         serve();
     }
-    const bool failed = scriptFailed() | replayFailed();
+    const bool failed = reportFailures();
     const int status = *m_program->exitStatus();
     return statusAfterLogics(status == EXIT_SUCCESS && failed ? EXIT_FAILURE : status);
 }
@@ -133,8 +133,14 @@ int Session::runAlone() {
     while (!m_ended) {
         serve();
     }
-    const bool failed = scriptFailed() | replayFailed();
-    return statusAfterLogics(failed ? EXIT_FAILURE : EXIT_SUCCESS);
+    return statusAfterLogics(reportFailures() ? EXIT_FAILURE : EXIT_SUCCESS);
+}
+
+// Those of the script and of a replay: both are reported.
+bool Session::reportFailures() {
+    const bool script = scriptFailed();
+    const bool replay = replayFailed();
+    return script || replay;
 }
 
 // The status of a process is taken by its owner.

@@ -57,6 +57,7 @@ private:
     void runScript();
     bool scriptFailed(); // reports a command that did not run
     bool replayFailed(); // likewise a request
+    bool reportFailures();
     void startClock();
     void startLogics();
     void reap();

@@ -35,7 +35,8 @@ bool Pattern::isIn(std::span<const std::uint8_t> data) const {
     const auto same = [](std::uint8_t byte, const std::optional<std::uint8_t>& wanted) {
         return !wanted || byte == *wanted;
     };
-    return !std::ranges::search(data, m_bytes, same).empty();
+    // Not std::ranges::search: clang 14 rejects that of gcc 12.
+    return std::search(data.begin(), data.end(), m_bytes.begin(), m_bytes.end(), same) != data.end();
 }
 
 bool Redaction::isFrame(capture::TransferType type, const std::optional<capture::SetupPacket>& setup) {

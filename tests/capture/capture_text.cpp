@@ -28,11 +28,11 @@ void print(const capture::Capture& read) {
                     device.left ? " left" : "", device.serial.c_str());
     }
     for (const capture::Transfer& transfer : read.transfers) {
-        std::printf("transfer%s type %d endpoint %02x status %d actual %u out %s in %s%s%s\n",
+        std::printf("transfer%s type %d endpoint %02x status %d actual %u out %s in %s%s%s%s\n",
                     placeOf(read, transfer.device).c_str(), static_cast<int>(transfer.type),
                     transfer.endpoint, transfer.status, transfer.actual, hexadecimal(transfer.out).c_str(),
                     hexadecimal(transfer.in).c_str(), transfer.redacted ? " redacted" : "",
-                    transfer.fromKernelCopy ? " kernel" : "");
+                    transfer.fromKernelCopy ? " kernel" : "", transfer.refused ? " refused" : "");
     }
     for (const capture::Event& event : read.events) {
         std::printf("event %s%s", std::string(nameOf(event.type)).c_str(),

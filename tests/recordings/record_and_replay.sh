@@ -1,19 +1,20 @@
 #!/usr/bin/env bash
 # Record a program on virtual readers, check that the recording is whole, and play it back:
 #   record_and_replay.sh LAUNCHER TOOL CAPTURE_TEXT READERS CONFIGURATION WHAT PROGRAM
-# READERS and CONFIGURATION are files, or empty. In WHAT, "record" only records; otherwise, each of the words "matching" and
-# "strict" is a way to play, and the program prints the same as when it was recorded. "log" compares the library's log, too.
-# A word with "=" is an option of the player.
+# READERS and CONFIGURATION are files, or empty. Of the words in WHAT, "matching" and "strict" are ways to play, in which the
+# program prints the same as when it was recorded; "log" compares the library's log, too. "OPTION=VALUE" is for the player.
+# The readers' own counts of transfers are those of the recording, unless "uncounted" is given.
 set -eu
 launcher=$1 tool=$2 capture_text=$3 readers=$4 configuration=$5 what=$6 program=$7
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 recording=$scratch/session.pcapng
 
-# The addresses in the log and its times differ from run to run. Devices that the program only sees are not recorded.
+# The addresses in the log and its times differ from run to run. How often a program scans until it sees that a reader has come
+# or left depends on the time, and so do the handles after that. Devices that the program only sees are not recorded.
 comparable_log() {
-    LC_ALL=C sed -e 's/^[^:]* :: //' -e 's/0x[0-9a-f]*\( owner\)/\1/' -e '/\[scan\] numDev=/d' \
-        -e '/\[scan\] device: /d' -e 's/ = .* => rc=f/ => rc=f/' -e '/\[init\] file: /d' "$1"
+    LC_ALL=C sed -E -e 's/^[^:]* :: //' -e 's/0x[0-9a-f]*( owner)/\1/' -e 's/0x1[0-9a-f]{7}/HANDLE/g' -e 's/ = .* => rc=f/ => rc=f/' \
+        -e '/\[(scan|ident|search-opt|scan-list|init)\] /d' "$1"
 }
 
 # run FOLDER COMMAND...: with the readers' configuration; keeps what the program prints and logs.
@@ -30,6 +31,9 @@ run() {
         echo "exit status $?" >>"$folder/output"
     }
     comparable_log "$folder/log" >"$folder/comparable.log"
+    case " $what " in
+    *" log "*) [ -s "$folder/comparable.log" ] ;;
+    esac
     sed -i 's/[0-9.]* ms/... ms/g' "$folder/output"
 }
 
@@ -38,16 +42,32 @@ record() {
         "$1" --send list >"$2"
         # The tool has no configuration, so it does not write to the log.
         export CONFIGURATION=$GVUSB_EMULATE_CONFIG GVUSB_EMULATE_CONFIG=
-        exec "$3" record -o "$4" -- sh -c "GVUSB_EMULATE_CONFIG=\$CONFIGURATION exec \"\$1\"" sh "$5"' sh "$launcher" "$scratch/list" "$tool" "$recording" "$program"
+        "$3" record -o "$4" -- sh -c "GVUSB_EMULATE_CONFIG=\$CONFIGURATION exec \"\$1\"" sh "$5"
+        status=$?
+        for reader in $("$1" --send list | grep -o "[0-9]* [0-9a-f]*:[0-9a-f]* " | cut -d" " -f1); do
+            echo "$reader $("$1" --send "counts $reader")"
+        done >"$6"
+        exit $status' sh "$launcher" "$scratch/list" "$tool" "$recording" "$program" "$scratch/counts"
     if grep '^exit status' "$scratch/recorded/output"; then
         cat "$scratch/recorded/output" "$scratch/recorded/errors"
         exit 1
     fi
     "$capture_text" "$recording" >"$scratch/text"
-    # A program may end in the middle of a transfer.
-    if grep '^note:' "$scratch/text" | grep -v 'whose completion is not in the capture$'; then
+    # A program may end in the middle of a transfer, and a reader leave before its descriptors could be read.
+    if grep '^note:' "$scratch/text" | grep -Ev 'whose (completion is|descriptors are) not in the capture$'; then
         exit 1
     fi
+}
+
+# The virtual readers count the transfers that they accept.
+compare_with_counts() {
+    sed 's/ .* transfers=\([0-9]*\).*/ \1/' "$scratch/counts" >"$scratch/counted"
+    while read -r reader counted; do
+        echo "$reader $(grep "^transfer 1-$reader " "$scratch/text" | grep -Evc ' (kernel|refused)$')"
+    done <"$scratch/counted" | diff "$scratch/counted" - || {
+        echo "The readers counted other numbers of transfers than were recorded."
+        exit 1
+    }
 }
 
 check_with_tshark() {
@@ -84,6 +104,10 @@ play() { # MODE OPTION...
 }
 
 record
+case " $what " in
+*" uncounted "*) ;;
+*) compare_with_counts ;;
+esac
 check_with_tshark
 number_readers >"$scratch/numbers"
 options=()
