@@ -18,6 +18,9 @@ using Bytes = std::vector<std::uint8_t>;
 // Since 1970 in UTC.
 using Time = std::chrono::nanoseconds;
 
+// A capture that claims a later time is damaged. Differences of times up to this can be counted.
+inline constexpr Time latest = std::chrono::seconds(0xFFFF'FFFF);
+
 // With usbmon's numbers.
 enum class TransferType : std::uint8_t { isochronous = 0, interrupt = 1, control = 2, bulk = 3 };
 

@@ -2,6 +2,7 @@
 
 #include "capture/pcapng_format.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <utility>
@@ -90,8 +91,9 @@ private:
         } else if (type == interfaceStatistics && body.size() >= statisticsSize) {
             const auto high = at<std::uint32_t>(body, 4);
             const auto low = at<std::uint32_t>(body, 8);
-            readRemark(body.subspan(statisticsSize),
-                       Time(static_cast<Time::rep>(std::uint64_t{high} << 32 | low)));
+            readRemark(
+                body.subspan(statisticsSize),
+                Time(std::min(std::uint64_t{high} << 32 | low, static_cast<std::uint64_t>(latest.count()))));
         }
         if (type == enhancedPacket || type == simplePacket || type == obsoletePacket) {
             ++m_packets;

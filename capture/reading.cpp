@@ -235,7 +235,9 @@ private:
             ++m_odd;
             return;
         }
-        const Time time(std::int64_t{header.ts.tv_sec} * 1'000'000'000 + header.ts.tv_usec);
+        constexpr auto most = std::chrono::duration_cast<std::chrono::seconds>(latest).count();
+        const Time time = std::chrono::seconds(std::clamp<std::int64_t>(header.ts.tv_sec, 0, most)) +
+                          Time(header.ts.tv_usec);
         switch (usb.event_type) {
         case static_cast<std::uint8_t>(PacketKind::submission):
             submit(usb, time, packet);
