@@ -25,8 +25,8 @@ Each line has the time in seconds since the start, the reader, and what happened
 reader, when it was submitted; '<-' is one from the reader, when it had arrived. MS is the time since the
 frame to the reader was submitted. A transfer whose time was over was taken back; it is shown as a time-out
 unless the library returned another error. The requests that identify a reader are one line; --all shows each
-of them in bytes, other devices, what the kernel told in the place of a device, transfers that were taken back,
-and that no kernel driver was there to detach.
+of them in bytes, other devices, transfers that were taken back, what the kernel answered in place of a
+device, and that there was no kernel driver to detach.
 
 With --plot, only the summary is printed, and the exchanges are drawn over time with gnuplot: a lane for each
 reader, a box for each exchange. Boxes are as wide and, on a logarithmic scale, as high as the exchange took.
