@@ -84,7 +84,11 @@ std::vector<std::size_t> requireReaders(const Capture& capture, std::uint16_t ve
         std::snprintf(text.data(), text.size(),
                       "no reader in it: none of its %zu devices is known to have the vendor ID %04x",
                       capture.devices.size(), vendorId);
-        throw CaptureError(capture.path + ": " + text.data());
+        std::string message = capture.path + ": " + text.data();
+        for (const std::string& note : capture.notes) { // which may be the reason
+            message += "; " + note;
+        }
+        throw CaptureError(message);
     }
     return readers;
 }

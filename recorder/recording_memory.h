@@ -82,7 +82,7 @@ struct recording_entry {
     uint32_t size; // with the data, a multiple of the alignment
     uint16_t kind;
     uint16_t bus;
-    int64_t time; // nanoseconds since 1970
+    int64_t time; // nanoseconds since 1970; unaffected when the clock is set
     uint64_t id;  // of a transfer; of a device's coming and going, the event's sequence number
     int32_t process;
     int32_t thread;
@@ -112,7 +112,8 @@ struct recording_memory {
     uint64_t key;
     uint32_t closed; // nothing is recorded any more
     uint32_t processes;
-    uint64_t lost; // entries
+    uint64_t lost;        // entries
+    int64_t clock_offset; // nanoseconds from CLOCK_MONOTONIC to the time of day when the recording began
     pthread_mutex_t writing;
     pthread_mutex_t recording;
     RECORDING_ALIGNED uint64_t written; // bytes since the beginning

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <system_error>
 
 #include <sys/mman.h>
@@ -25,6 +26,13 @@ void makeMutex(pthread_mutex_t& mutex) {
     ::pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
     ::pthread_mutex_init(&mutex, &attributes);
     ::pthread_mutexattr_destroy(&attributes);
+}
+
+std::int64_t nanoseconds(clockid_t clock) {
+    timespec now{};
+    ::clock_gettime(clock, &now);
+    constexpr std::int64_t second = 1'000'000'000;
+    return now.tv_sec * second + now.tv_nsec;
 }
 
 } // namespace
@@ -49,6 +57,7 @@ Ring::Ring() {
     if (::getrandom(&m_memory->key, sizeof m_memory->key, 0) != sizeof m_memory->key) {
         fail("getrandom");
     }
+    m_memory->clock_offset = nanoseconds(CLOCK_REALTIME) - nanoseconds(CLOCK_MONOTONIC);
     m_memory->magic = RECORDING_MAGIC;
     std::array<char, 80> name{};
     std::snprintf(name.data(), name.size(), "/proc/%d/fd/%d:%llx", ::getpid(), m_file,

@@ -132,7 +132,7 @@ static void note_closed(int descriptor) {
         return;
     }
     const uint32_t number = __atomic_load_n(&places[descriptor], __ATOMIC_RELAXED);
-    if (number == unknown) {
+    if (number == unknown || (number != no_node && !is_recorded_process())) {
         return;
     }
     __atomic_store_n(&places[descriptor], unknown, __ATOMIC_RELAXED);

@@ -61,6 +61,9 @@ void record_two(struct recording_entry* entry, const void* data, size_t size, co
 // The high bits of the identity of transfers, which tell this process from others.
 uint64_t process_bits(void);
 
+// False in a child that shares its parent's memory, as after vfork().
+bool is_recorded_process(void);
+
 // ---- devices.c
 
 struct place {

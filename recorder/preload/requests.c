@@ -37,7 +37,7 @@ static uint64_t id_of(const struct usbdevfs_urb* urb) {
 struct transfer {
     struct recording_entry entry;
     const unsigned char* data;
-    size_t size;
+    uint32_t room; // for data
 };
 
 // The parts that submission and completion share. Without data.
@@ -48,6 +48,7 @@ static struct transfer transfer_of(struct place place, const struct usbdevfs_urb
     transfer.entry.type = type_of(urb->type);
     transfer.entry.endpoint = urb->endpoint;
     transfer.entry.length = urb->buffer_length > 0 ? (uint32_t)urb->buffer_length : 0;
+    transfer.room = transfer.entry.length;
     if (urb->type == USBDEVFS_URB_TYPE_CONTROL && urb->buffer_length >= setup_size) {
         const unsigned char* const setup = urb->buffer;
         const uint32_t wanted = (uint32_t)(setup[6] | setup[7] << 8);
@@ -57,8 +58,13 @@ static struct transfer transfer_of(struct place place, const struct usbdevfs_urb
         transfer.entry.flags = recording_with_setup;
         transfer.entry.length = wanted;
         transfer.data += setup_size;
+        transfer.room -= setup_size;
     }
     return transfer;
+}
+
+static uint32_t least(uint32_t one, uint32_t other) {
+    return one < other ? one : other;
 }
 
 // Reads the program's memory before the system checks it: a program with bad pointers ends here.
@@ -68,7 +74,7 @@ static void record_submission(struct place place, const struct usbdevfs_urb* urb
     }
     struct transfer transfer = transfer_of(place, urb, recording_submission);
     const bool sends = (transfer.entry.endpoint & direction_in) == 0 && urb->type != USBDEVFS_URB_TYPE_ISO;
-    record(&transfer.entry, transfer.data, sends ? transfer.entry.length : 0);
+    record(&transfer.entry, transfer.data, sends ? least(transfer.entry.length, transfer.room) : 0);
 }
 
 static void record_refusal(struct place place, const struct usbdevfs_urb* urb, int error) {
@@ -87,7 +93,7 @@ static void record_completion(struct place place, const struct usbdevfs_urb* urb
     transfer.entry.flags = 0;
     transfer.entry.length = urb->actual_length > 0 ? (uint32_t)urb->actual_length : 0;
     const bool receives = (transfer.entry.endpoint & direction_in) != 0 && urb->type != USBDEVFS_URB_TYPE_ISO;
-    record(&transfer.entry, transfer.data, receives ? transfer.entry.length : 0);
+    record(&transfer.entry, transfer.data, receives ? least(transfer.entry.length, transfer.room) : 0);
 }
 
 // ---- synchronous transfers

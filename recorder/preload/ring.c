@@ -94,6 +94,10 @@ bool is_recording(void) {
     return present != NULL && !__atomic_load_n(&present->closed, __ATOMIC_RELAXED);
 }
 
+bool is_recorded_process(void) {
+    return (int32_t)getpid() == process;
+}
+
 uint64_t process_bits(void) {
     return process_number << 48;
 }
@@ -106,17 +110,22 @@ static void lose(void) {
     __atomic_add_fetch(&memory->lost, 1, __ATOMIC_RELAXED);
 }
 
-// Waits for the recorder. Returns false if it has died.
+// Waits for the recorder. Returns false if it takes no more, or has exited.
 static bool wait_for_room(void) {
     const struct timespec moment = {.tv_nsec = 500000};
     const int error = pthread_mutex_trylock(&memory->recording);
-    if (error == 0 || error == EOWNERDEAD) {
-        __atomic_store_n(&memory->closed, 1, __ATOMIC_RELAXED);
-        pthread_mutex_unlock(&memory->recording);
-        return false;
+    if (error == EBUSY) {
+        syscall(SYS_nanosleep, &moment, NULL); // not a cancellation point
+        return is_recording();
     }
-    syscall(SYS_nanosleep, &moment, NULL); // not a cancellation point
-    return true;
+    __atomic_store_n(&memory->closed, 1, __ATOMIC_RELAXED);
+    if (error == EOWNERDEAD) {
+        pthread_mutex_consistent(&memory->recording);
+    }
+    if (error == 0 || error == EOWNERDEAD) {
+        pthread_mutex_unlock(&memory->recording);
+    }
+    return false;
 }
 
 // Lock the ring with room for an entry at one piece. Returns the position, or UINT64_MAX.
@@ -152,12 +161,12 @@ static uint64_t lock_with_room(uint64_t size) {
 
 static void fill_in(struct recording_entry* entry, uint64_t size, size_t data_size) {
     struct timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
+    clock_gettime(CLOCK_MONOTONIC, &now);
     if (thread == 0) {
         thread = (int32_t)syscall(SYS_gettid);
     }
     entry->size = (uint32_t)size;
-    entry->time = (int64_t)now.tv_sec * 1000000000 + now.tv_nsec;
+    entry->time = memory->clock_offset + (int64_t)now.tv_sec * 1000000000 + now.tv_nsec;
     entry->process = process;
     entry->thread = thread;
     entry->data_size = (uint32_t)data_size;
@@ -177,9 +186,7 @@ void record_two(struct recording_entry* entry, const void* data, size_t size, co
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
     const uint64_t whole = padded(sizeof *entry + size + more_size);
     const uint64_t position = lock_with_room(whole);
-    if (position == UINT64_MAX) {
-        lose();
-    } else {
+    if (position != UINT64_MAX) {
         fill_in(entry, whole, size + more_size);
         unsigned char* const place = memory->ring + position % recording_ring_size;
         memcpy(place, entry, sizeof *entry);

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <string_view>
@@ -48,8 +49,11 @@ std::vector<std::string> ownArguments() {
 void makeLibraryIdle() {
     if (std::getenv(keptVariable) != nullptr) {
         // The library has read it. The program must not inherit it.
-        const std::string_view path = std::getenv(configurationVariable);
-        ::close(std::atoi(path.substr(path.rfind('/') + 1).data()));
+        const char* const path = std::getenv(configurationVariable);
+        const char* const number = path != nullptr ? std::strrchr(path, '/') : nullptr;
+        if (number != nullptr) {
+            ::close(std::atoi(number + 1));
+        }
         return;
     }
     const char* const before = std::getenv(configurationVariable);

@@ -26,6 +26,7 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace record_command {
@@ -44,7 +45,7 @@ what was opened, claimed, reset and cleared, devices that came and went (any USB
 descriptors), the calls of libgvusb with their arguments and results, and the program's name. It holds no
 other files, no environment and no arguments of the program.
 
-Frames may hold what must not travel, such as card numbers. --redact replaces the data of all of them by
+Frames may contain confidential data, such as card numbers. --redact replaces the data of all of them by
 "REDACTEDREDACTED..." of the same length; --redact-matching, only of those that contain PATTERN: bytes in
 hexadecimal, with ?? for any byte. A pattern is looked for in one transfer at a time. What identifies a
 reader stays: descriptors, strings, and the texts that libgvusb hands out.
@@ -53,7 +54,7 @@ The file is readable only by its owner. It is complete after every transfer, als
 
 A recording ends with PROGRAM, or before the file is larger than --max-size, or with --until-signal at the
 first SIGINT or SIGTERM. The program goes on then. With --until-signal, Ctrl-C does not reach the program,
-and later signals are passed on to it.
+and later signals are passed on to it. It runs in the background, so it is stopped if it reads the terminal.
 
 Programs that are linked statically or have another user's rights cannot be recorded, nor can those that
 remove LD_PRELOAD or GVUSB_RECORD from the environment.
@@ -120,10 +121,13 @@ const CLI::Validator isPattern(
 class File {
 public:
     explicit File(const std::string& path)
-        : m_descriptor(path == "-" ? ::fcntl(output::descriptor(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1)
-                                   : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)) {
-        if (m_descriptor < 0) {
-            throw Failure(path + ": " + std::generic_category().message(errno));
+        : m_descriptor(path == "-"
+                           ? ::fcntl(output::descriptor(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1)
+                           : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, ownerOnly)) {
+        if (m_descriptor < 0 || (path != "-" && !restrict())) {
+            const int error = errno;
+            ::close(m_descriptor);
+            throw Failure(path + ": " + std::generic_category().message(error));
         }
     }
     File(const File&) = delete;
@@ -133,6 +137,15 @@ public:
     int descriptor() const { return m_descriptor; }
 
 private:
+    static constexpr mode_t ownerOnly = 0600;
+
+    // For a file that was there before.
+    bool restrict() const {
+        struct stat status {};
+        return ::fstat(m_descriptor, &status) == 0 &&
+               (!S_ISREG(status.st_mode) || ::fchmod(m_descriptor, ownerOnly) == 0);
+    }
+
     int m_descriptor;
 };
 
@@ -156,7 +169,11 @@ public:
                        .program = std::filesystem::path(options.program.front()).filename().string()}) {}
 
     int run() {
-        drain(); // so that a file that cannot be written is an error before the program starts
+        try {
+            m_recording.flush();
+        } catch (const std::system_error& error) {
+            throw Failure(m_options.file + ": " + error.code().message());
+        }
         RecordedProgram program(m_options.program, m_ring.name(),
                                 {.output = m_options.file == "-" ? STDERR_FILENO : output::descriptor(),
                                  .untilSignal = m_options.untilSignal});
@@ -268,6 +285,8 @@ void addRecord(CLI::App& app, ExitStatus& status) {
     command->footer(joinSections({about, statuses, examples}));
     command->callback([options, &status] {
         makeLibraryIdle();
-        status = static_cast<ExitStatus>(Session(*options).run());
+        // An earlier recording in the file is kept if there is no program to record.
+        const std::optional<int> missing = reportMissingProgram(options->program.front());
+        status = static_cast<ExitStatus>(missing ? *missing : Session(*options).run());
     });
 }

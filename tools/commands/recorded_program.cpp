@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 #include <string_view>
 #include <system_error>
 
@@ -33,13 +34,14 @@ constexpr std::array passedOn = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGU
 std::atomic<pid_t> program = 0;
 std::atomic<bool> waitsForSignal = false;
 std::atomic<bool> isTold = false;
+std::atomic<bool> hasOwnGroup = false;
 
 void handleSignal(int number, siginfo_t* info, void*) {
     const int error = errno;
     const bool ends = number == SIGINT || number == SIGTERM;
     if (ends && waitsForSignal.exchange(false)) {
         isTold = true;
-    } else if (info->si_code != SI_KERNEL || isTold) {
+    } else if (info->si_code != SI_KERNEL || hasOwnGroup) {
         // The terminal sends its signals to the program, too, unless that is in a group of its own.
         ::kill(program, number);
     }
@@ -53,9 +55,14 @@ fs::path findPreload() {
                                                                          GVUSB_RECORD_PRELOAD_FOLDER /
                                                                          preloadName};
     for (const fs::path& candidate : candidates) {
-        if (fs::exists(candidate)) {
-            return candidate;
+        if (!fs::exists(candidate)) {
+            continue;
         }
+        if (candidate.string().find_first_of(": ") != std::string::npos) {
+            throw Failure(candidate.string() +
+                          ": a path with a blank or a colon cannot be preloaded; move the tool elsewhere");
+        }
+        return candidate;
     }
     throw Failure(candidates.front().string() + ": no such file");
 }
@@ -131,7 +138,40 @@ void report(const char* name, int error) {
     [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
 }
 
+int statusOfFailedExec(int error) {
+    return error == ENOENT ? 127 : 126;
+}
+
+bool isExecutable(const fs::path& file) {
+    std::error_code error;
+    return fs::is_regular_file(file, error) && ::access(file.c_str(), X_OK) == 0;
+}
+
 } // namespace
+
+// As execvp() looks for it.
+std::optional<int> reportMissingProgram(const std::string& name) {
+    if (name.find('/') != std::string::npos) {
+        if (isExecutable(name)) {
+            return std::nullopt;
+        }
+        const int error = ::access(name.c_str(), F_OK) == 0 ? EACCES : errno;
+        report(name.c_str(), error);
+        return statusOfFailedExec(error);
+    }
+    const char* const path = std::getenv("PATH");
+    if (path == nullptr) {
+        return std::nullopt; // the C library has a default
+    }
+    std::istringstream folders(path);
+    for (std::string folder; std::getline(folders, folder, ':');) {
+        if (isExecutable(fs::path(folder.empty() ? "." : folder) / name)) {
+            return std::nullopt;
+        }
+    }
+    report(name.c_str(), ENOENT);
+    return statusOfFailedExec(ENOENT);
+}
 
 RecordedProgram::RecordedProgram(const std::vector<std::string>& arguments, const std::string& memory,
                                  const Setup& setup) {
@@ -140,7 +180,15 @@ RecordedProgram::RecordedProgram(const std::vector<std::string>& arguments, cons
     const std::vector<char*> argumentPointers = pointers(argumentTexts);
     const std::vector<char*> environmentPointers = pointers(environmentTexts);
     waitsForSignal = setup.untilSignal;
+    hasOwnGroup = setup.untilSignal;
     isTold = false;
+    // With SIGCHLD ignored, as this process may have inherited it, the program's exit status would be lost.
+    struct sigaction inherited = {};
+    struct sigaction usual = {};
+    usual.sa_handler = SIG_DFL;
+    ::sigaction(SIGCHLD, &usual, &inherited);
+    // A recording that reaches the limit of a file's size ends, and the program goes on.
+    std::signal(SIGXFSZ, SIG_IGN);
     // A signal that arrives before the program is known waits.
     sigset_t all;
     sigset_t before;
@@ -161,12 +209,14 @@ RecordedProgram::RecordedProgram(const std::vector<std::string>& arguments, cons
         } else {
             ::close(STDOUT_FILENO); // as this program's was
         }
+        ::sigaction(SIGCHLD, &inherited, nullptr);
+        std::signal(SIGXFSZ, SIG_DFL);
         std::signal(SIGPIPE, SIG_DFL);
         ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
         ::execvpe(argumentPointers[0], argumentPointers.data(), environmentPointers.data());
         const int error = errno;
         report(argumentPointers[0], error);
-        ::_exit(error == ENOENT ? 127 : 126);
+        ::_exit(statusOfFailedExec(error));
     }
     program = m_process;
     setActions(true);

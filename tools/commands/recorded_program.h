@@ -9,6 +9,9 @@
 
 #include <sys/types.h>
 
+// If there is no such program to execute, say so on standard error and return the exit status, as a shell does.
+std::optional<int> reportMissingProgram(const std::string& name);
+
 class RecordedProgram {
 public:
     struct Setup {

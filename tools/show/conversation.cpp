@@ -39,7 +39,7 @@ bool movesFrames(const Event& call) {
            call.function == "GVUSB_Receive";
 }
 
-// A transfer whose time is over is taken back, as one is that the program cancels. What the library returned tells
+// A transfer that times out is canceled, like one that the program cancels. What the library returned tells
 // them apart.
 Outcome outcomeOf(std::int32_t status, const Event* call) {
     const std::int64_t result = call != nullptr ? call->result.value_or(0) : 0;
@@ -49,7 +49,7 @@ Outcome outcomeOf(std::int32_t status, const Event* call) {
     case ENOENT:
     case ECONNRESET:
         return result == GVUSB_ERR_NOT_PRESENT             ? Outcome::gone
-               : result < 0 && result != GVUSB_ERR_TIMEOUT ? Outcome::cancelled
+               : result < 0 && result != GVUSB_ERR_TIMEOUT ? Outcome::canceled
                                                            : Outcome::timeOut;
     case ETIMEDOUT:
         return Outcome::timeOut;
@@ -487,8 +487,8 @@ std::string_view nameOf(Outcome outcome) {
         return "sent";
     case Outcome::timeOut:
         return "time-out";
-    case Outcome::cancelled:
-        return "cancelled";
+    case Outcome::canceled:
+        return "canceled";
     case Outcome::stall:
         return "stall";
     case Outcome::gone:

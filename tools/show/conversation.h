@@ -21,16 +21,16 @@ enum class Outcome {
     answered,
     sent,       // and no answer was read
     timeOut,    //
-    cancelled,  // by the program
+    canceled,   // by the program
     stall,      //
     gone,       // the reader
     error,      // another one
     unfinished, // when the capture ended
 };
 
-inline constexpr std::array<Outcome, 8> outcomes = {Outcome::answered,  Outcome::sent,      Outcome::timeOut,
-                                                    Outcome::cancelled, Outcome::stall,     Outcome::gone,
-                                                    Outcome::error,     Outcome::unfinished};
+inline constexpr std::array<Outcome, 8> outcomes = {Outcome::answered, Outcome::sent,      Outcome::timeOut,
+                                                    Outcome::canceled, Outcome::stall,     Outcome::gone,
+                                                    Outcome::error,    Outcome::unfinished};
 
 // "answered", "time-out" and so on, as in JSON.
 std::string_view nameOf(Outcome outcome);

@@ -84,7 +84,7 @@ Words wordsOf(const Event& event) {
     case EventType::endpointReset:
         return {"reset the data toggle" + endpoint, "resetting the data toggle" + endpoint};
     case EventType::discarded:
-        return {"took a transfer back" + endpoint, "taking a transfer back" + endpoint};
+        return {"canceled a transfer" + endpoint, "canceling a transfer" + endpoint};
     default:
         return {};
     }

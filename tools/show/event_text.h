@@ -7,7 +7,7 @@
 
 #include <string>
 
-// Whether it happens in every session and tells nothing: a transfer taken back, a kernel driver that is not there.
+// Whether it happens in every session and tells nothing: a canceled transfer, a kernel driver that is not there.
 bool isRoutine(const capture::Event& event);
 
 // "opened", "claim of interface 0 failed [EBUSY]". Not of calls.

@@ -13,6 +13,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -90,16 +91,27 @@ pid_t start(int input, int drawing) {
     return process;
 }
 
-// Until gnuplot has all of it or ends.
-void write(int descriptor, std::string_view text) {
+// Returns false, with errno, if not all of it could be written.
+bool write(int descriptor, std::string_view text) {
     while (!text.empty()) {
         const ssize_t written = ::write(descriptor, text.data(), text.size());
         if (written >= 0) {
             text.remove_prefix(static_cast<std::size_t>(written));
         } else if (errno != EINTR) {
-            return;
+            return false;
         }
     }
+    return true;
+}
+
+std::string contents(int descriptor) {
+    std::string text;
+    std::array<char, 65536> part{};
+    for (ssize_t count = 0;
+         (count = ::pread(descriptor, part.data(), part.size(), static_cast<off_t>(text.size()))) > 0;) {
+        text.append(part.data(), static_cast<std::size_t>(count));
+    }
+    return text;
 }
 
 bool succeeded(pid_t process) {
@@ -121,7 +133,7 @@ void run(const std::string& script, int drawing) {
     Descriptor own(ends[1]);
     const pid_t process = start(input.number(), drawing);
     input.close();
-    write(own.number(), script);
+    write(own.number(), script); // if gnuplot ends before, its exit status says so
     own.close();
     if (!succeeded(process)) {
         throw Failure("gnuplot failed; see above");
@@ -130,23 +142,20 @@ void run(const std::string& script, int drawing) {
 
 } // namespace
 
+// The file is opened when the drawing is complete, so that a failure leaves an earlier drawing as it was.
 void runGnuplot(const std::string& script, const std::string& path) {
+    const Descriptor drawing(::memfd_create("drawing", MFD_CLOEXEC));
+    if (drawing.number() < 0) {
+        throw systemFailure("memfd_create", errno);
+    }
+    run(script, drawing.number());
     if (path == "-") {
-        run(script, output::descriptor());
+        output::print(contents(drawing.number()));
         return;
     }
     constexpr mode_t everybody = 0666;
     Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, everybody));
-    if (file.number() < 0) {
-        throw systemFailure(path, errno);
-    }
-    try {
-        run(script, file.number());
-    } catch (const Failure&) {
-        ::unlink(path.c_str()); // it holds half a drawing at most
-        throw;
-    }
-    if (!file.close()) {
+    if (file.number() < 0 || !write(file.number(), contents(drawing.number())) || !file.close()) {
         throw systemFailure(path, errno);
     }
 }

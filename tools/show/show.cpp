@@ -23,9 +23,9 @@ were plugged in; '-' is standard input. A file that ends too early is shown up t
 
 Each line has the time in seconds since the start, the reader, and what happened. '->' is a frame to the
 reader, when it was submitted; '<-' is one from the reader, when it had arrived. MS is the time since the
-frame to the reader was submitted. A transfer whose time was over was taken back; it is shown as a time-out
+frame to the reader was submitted. A transfer that timed out was canceled; it is shown as a time-out
 unless the library returned another error. The requests that identify a reader are one line; --all shows each
-of them in bytes, other devices, transfers that were taken back, what the kernel answered in place of a
+of them in bytes, other devices, canceled transfers, what the kernel answered in place of a
 device, and that there was no kernel driver to detach.
 
 With --plot, only the summary is printed, and the exchanges are drawn over time with gnuplot: a lane for each
@@ -100,6 +100,10 @@ void draw(const ShownRecording& recording, const Options& options) {
 }
 
 ExitStatus show(const Options& options) {
+    std::error_code error;
+    if (!options.plot.empty() && std::filesystem::equivalent(options.file, options.plot, error)) {
+        throw Failure(options.plot + ": this is the recording; draw into another file", ExitStatus::usage);
+    }
     const capture::Capture capture = read(options.file);
     const Conversation conversation = derive(capture, options.all);
     const ShownRecording recording{.capture = capture,

@@ -258,11 +258,125 @@ rejects_invalid_command_lines() {
     expect_errors "gvusb: $scratch/missing/file: No such file or directory"
 }
 
-goes_on_when_the_file_cannot_be_written() {
+refuses_a_file_that_cannot_be_written() {
     on_bus record -o /dev/full -- "$gvusb" send A1 02
     expect_status 1
-    expect_output 02
-    expect_in_errors '/dev/full: No space left on device; the recording ends here'
+    expect_output ''
+    expect_in_errors '/dev/full: No space left on device'
+}
+
+# A few hundred exchanges of such frames fill the ring.
+long_frame=$(printf 'AB%.0s' $(seq 4000))
+export long_frame
+
+goes_on_when_the_file_cannot_grow() {
+    # Enough for the memory that the recorder shares with the program.
+    shell_on_bus 'ulimit -f 8192; "$gvusb" record -o "$file" -- "$gvusb" send A1 "$long_frame" --repeat 3000 |
+        grep "^failed  *0$"'
+    expect_status 0
+    expect_in_errors 'File too large; the recording ends here'
+}
+
+goes_on_when_nobody_reads_the_recording() {
+    shell_on_bus '"$gvusb" record -o - -- "$gvusb" send A1 "$long_frame" --repeat 3000 2>"$scratch/sent" | sleep 1
+        grep -q "^failed  *0$" "$scratch/sent"'
+    expect_status 0
+}
+
+goes_on_after_the_recording_has_ended() {
+    shell_on_bus '"$gvusb" record --until-signal -o "$file" -- "$gvusb" send A1 "$long_frame" --repeat 3000 >"$scratch/sent" &
+        await test -s "$file"; kill -TERM $!; wait $!; grep -q "^failed  *0$" "$scratch/sent"'
+    expect_status 0
+}
+
+goes_on_with_all_threads_when_the_recorder_is_killed() {
+    shell_on_bus '"$gvusb" record -o "$file" -- bash -c "\"\$gvusb\" send A1 \$long_frame --repeat 3000 >\"\$scratch/one\" &
+            \"\$gvusb\" send B2 \${long_frame:0:4000} --repeat 3000 >\"\$scratch/two\" & wait" &
+        await test -s "$file"; kill -STOP $!; sleep 1; kill -9 $!; wait $! 2>/dev/null
+        await grep -q "^failed  *0$" "$scratch/one"; await grep -q "^failed  *0$" "$scratch/two"
+        grep -q "^failed  *0$" "$scratch/one" && grep -q "^failed  *0$" "$scratch/two"'
+    expect_status 0
+}
+
+keeps_an_earlier_recording_when_there_is_no_program() {
+    echo earlier >"$file"
+    on_bus record -o "$file" -- no-such-program
+    expect_status 127
+    expect_errors 'gvusb: no-such-program: No such file or directory'
+    on_bus record -o "$file" -- ./no-such-program
+    expect_status 127
+    on_bus record -o "$file" -- /etc/passwd
+    expect_status 126
+    expect_errors 'gvusb: /etc/passwd: Permission denied'
+    expect_equal "the file" "$(cat "$file")" earlier
+}
+
+hides_a_file_that_was_there_from_others() {
+    : >"$file"
+    chmod 644 "$file"
+    on_bus record -o "$file" -- true
+    expect_equal "the permissions" "$(stat -c %a "$file")" 600
+}
+
+ends_where_ended_children_are_ignored() {
+    shell_on_bus 'env --ignore-signal=CHLD "$gvusb" record -o "$file" -- sh -c "exit 7"'
+    expect_status 7
+}
+
+refuses_to_preload_from_a_folder_with_a_blank() {
+    mkdir "$scratch/two words"
+    cp "$gvusb" "$(dirname "$gvusb")/libgvusb-record-preload.so" "$scratch/two words"
+    keep "$scratch/two words/gvusb" record -o "$file" -- true
+    expect_status 1
+    expect_in_errors 'a path with a blank or a colon cannot be preloaded'
+}
+
+# The setup packet asks to send 64 bytes, the buffer ends after 8.
+leaves_out_what_is_behind_the_end_of_a_buffer() {
+    on_bus record -o "$file" -- python3 - <<'END'
+import ctypes
+import fcntl
+import glob
+import struct
+
+
+class Urb(ctypes.Structure):
+    _fields_ = [
+        ("type", ctypes.c_ubyte), ("endpoint", ctypes.c_ubyte), ("status", ctypes.c_int), ("flags", ctypes.c_uint),
+        ("buffer", ctypes.c_void_p), ("buffer_length", ctypes.c_int), ("actual_length", ctypes.c_int), ("rest", ctypes.c_int * 4),
+        ("context", ctypes.c_void_p)]
+
+
+libc = ctypes.CDLL(None)
+memory = ctypes.create_string_buffer(struct.pack("<BBHHH", 0x40, 0, 0, 0, 64) + b"\x5A" * 64)
+urb = Urb(type=2, buffer=ctypes.addressof(memory), buffer_length=8)
+submit = 2 << 30 | ctypes.sizeof(Urb) << 16 | ord("U") << 8 | 10
+with open(sorted(glob.glob("/dev/bus/usb/001/*"))[-1], "r+b", buffering=0) as node:
+    assert libc.ioctl(node.fileno(), ctypes.c_ulong(submit), ctypes.byref(urb)) == -1
+END
+    expect_status 0
+    read_recording
+    expect_recorded ' type 2 endpoint 00 status -22 .* out - '
+    expect_not_recorded 5A5A
+}
+
+# subprocess.run() closes descriptors in a child that shares the memory of its parent.
+leaves_out_what_a_child_before_its_exec_closes() {
+    on_bus record -o "$file" -- python3 - <<'END'
+import fcntl
+import glob
+import subprocess
+
+capabilities = 0x8004551A
+with open(sorted(glob.glob("/dev/bus/usb/001/*"))[-1], "r+b", buffering=0) as node:
+    fcntl.ioctl(node, capabilities, bytes(4))
+    subprocess.run(["true"], check=True)
+    fcntl.ioctl(node, capabilities, bytes(4))
+END
+    expect_status 0
+    read_recording
+    expect_equal "the openings" "$(grep -c '^event open ' "$scratch/text")" 1
+    expect_equal "the closings" "$(grep -c '^event close ' "$scratch/text")" 1
 }
 
 run_case

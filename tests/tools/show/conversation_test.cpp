@@ -109,7 +109,7 @@ TEST_F(ConversationTest, TellsACancelFromATimeOutByTheCallsResult) {
         made.returned(result);
     }
     derive();
-    EXPECT_THAT(ends(), ElementsAre("time-out", "cancelled", "gone"));
+    EXPECT_THAT(ends(), ElementsAre("time-out", "canceled", "gone"));
     EXPECT_EQ(capture.events[*conversation.exchanges[0].call].result, -1130);
 }
 

@@ -97,7 +97,7 @@ for kind, things in seen.items():
     for thing in things:
         for member in thing:
             assert member in documented[kind] | common, f"{kind}: {member} is not documented"
-    for member in documented[kind] - {"answered", "sent", "time-out", "cancelled", "stall", "gone", "error", "unfinished"}:
+    for member in documented[kind] - {"answered", "sent", "time-out", "canceled", "stall", "gone", "error", "unfinished"}:
         inner = kind == "summary" and any(member in each or member in each["outcomes"] or member in each.get("ms", {})
                                           for each in things[0]["readers"])
         inner |= kind == "summary" and member in things[0]["slowest"][0]
@@ -181,6 +181,22 @@ On Debian, it is in the package gnuplot-nox.'
     keep "$gvusb" show "$scratch/session.pcapng" --plot /nonexistent/session.svg
     expect_status 1
     expect_errors 'gvusb: /nonexistent/session.svg: No such file or directory'
+    keep "$gvusb" show "$scratch/session.pcapng" --plot /dev/full
+    expect_status 1
+    expect_errors 'gvusb: /dev/full: No space left on device'
+}
+
+keeps_files_when_it_does_not_draw() {
+    "$make_recording" session >"$scratch/session.pcapng"
+    cp "$scratch/session.pcapng" "$scratch/kept.pcapng"
+    keep "$gvusb" show "$scratch/session.pcapng" --plot "$scratch/session.pcapng"
+    expect_status 2
+    expect_errors "gvusb: $scratch/session.pcapng: this is the recording; draw into another file"
+    cmp "$scratch/session.pcapng" "$scratch/kept.pcapng" || fail 'it overwrites the recording'
+    echo earlier >"$scratch/session.svg"
+    keep env PATH=/nonexistent "$gvusb" show "$scratch/session.pcapng" --plot "$scratch/session.svg"
+    expect_status 1
+    expect_equal "the earlier drawing" "$(cat "$scratch/session.svg")" earlier
 }
 
 shows_truncated_files() {
@@ -227,6 +243,10 @@ rejects_what_is_no_recording() {
     expect_status 2
     expect_output ''
     expect_in_errors 'session.pcapng: no reader in it: none of its 1 devices is known to have the vendor ID 1209$'
+    "$make_recording" foreign | head -c 1000 >"$scratch/foreign.pcapng"
+    keep "$gvusb" show "$scratch/foreign.pcapng"
+    expect_status 2
+    expect_in_errors 'the vendor ID 1209; the file is damaged or truncated'
 }
 
 rejects_invalid_command_lines() {
