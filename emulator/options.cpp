@@ -95,7 +95,7 @@ REPLAY
 With --replay, the readers are those of a capture: a recording of "gvusb record", or one that usbmon has
 made (tcpdump -i usbmon1, Wireshark; pcap or pcapng with link type 189 or 220). Its devices except hubs
 are the readers, in the order in which they were seen, with their descriptors, strings, ports, bus numbers
-and addresses, as far as the capture has them. What it lacks is said on standard error before the program
+and addresses, as far as the capture has them. What it lacks is reported on standard error before the program
 starts.
 A request is a frame or a control request. Its answer is what the reader sent until the next request,
 which may be nothing, a stall or an error. By default, a request gets the answers that the same request
@@ -110,9 +110,9 @@ Answers come as long after the request as in the recording, divided by --replay-
 possible. What the reader sent before any request comes as long after its first transfer. A transfer that
 was canceled stays pending until it is canceled or the next request comes. Openings, claims, resets and
 the like fail where they failed.
-Readers come and leave after the requests that preceded it in the recording, and before those that
-followed. If a request before does not come, this happens 5 s late, and in strict mode not at all. In a
-capture of usbmon, readers that came before the first request are there from the start. Commands that plug
+A reader is plugged in or unplugged after the requests that preceded this in the recording, and before
+those that followed. If one of the former does not come, this happens 5 s late, and in strict mode not at
+all. In a capture of usbmon, readers that came before the first request are there from the start. Commands that plug
 and unplug readers work too. "--replay-plugging commands" leaves it to them, for a program that sends them
 itself as in the recording.
 Other commands add to what the recording says: faults come on top, "push" sends something more, but
@@ -168,6 +168,17 @@ EXAMPLES
   printf 'at 500 unplug 1\nat 1000 plug 1\n' > script; gvusb-emulate --script script -- ./monitor
 )";
 
+const CLI::Validator isReplaySpeed(
+    [](std::string& text) {
+        double speed = -1;
+        constexpr double slowest = 0.001;
+        constexpr double fastest = 1e6;
+        const bool isSpeed =
+            CLI::detail::lexical_cast(text, speed) && (speed == 0 || (speed >= slowest && speed <= fastest));
+        return isSpeed ? std::string{} : "'" + text + "' is not a number from 0.001 to 1000000, or 0";
+    },
+    "");
+
 class HelpFormatter : public CLI::Formatter {
     std::string make_usage(const CLI::App*, std::string) const override { return usage; }
 };
@@ -220,7 +231,7 @@ void addOptions(CLI::App& app, Words& words) {
     app.add_option("--replay-speed", words.replaySpeed,
                    "Play so many times as fast as recorded; 0: as fast as possible")
         ->type_name("FACTOR")
-        ->check(CLI::Range(0.0, 1e6).description(""))
+        ->check(isReplaySpeed)
         ->capture_default_str()
         ->needs(replayed);
     app.add_option("--replay-plugging", words.replayPlugging,

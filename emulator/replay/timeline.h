@@ -23,9 +23,12 @@ public:
         : m_factor(factor) {}
 
     Time::duration scaled(Duration recorded) const {
-        return m_factor == 0 ? Time::duration{}
-                             : std::chrono::duration_cast<Time::duration>(
-                                   std::chrono::duration<double, std::nano>(recorded) / m_factor);
+        if (m_factor == 0) {
+            return {};
+        }
+        constexpr std::chrono::duration<double, std::nano> longest = std::chrono::hours(24 * 365 * 10);
+        return std::chrono::duration_cast<Time::duration>(
+            std::min(std::chrono::duration<double, std::nano>(recorded) / m_factor, longest));
     }
 
 private:

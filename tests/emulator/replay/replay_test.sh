@@ -137,6 +137,14 @@ plays_truncated_files() {
     expect_error 'session.pcapng: the recording has no end'
 }
 
+rejects_speeds_that_are_none() {
+    record exchanges
+    for speed in nan inf -1 1e-300 fast; do
+        play 2 --replay-speed "$speed" -- true
+        expect_error "'$speed' is not a number from 0.001 to 1000000, or 0"
+    done
+}
+
 reports_what_cannot_be_played() {
     play 2 -- true
     expect_error 'session.pcapng: No such file'
