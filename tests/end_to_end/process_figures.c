@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <malloc.h>
+#include <stdbool.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -17,13 +18,46 @@ static void read_status(pid_t process, struct process_figures* figures) {
             figures->resident_kb += strtol(line + 6, NULL, 10);
         } else if (strncmp(line, "RssShmem:", 9) == 0) {
             figures->resident_kb -= strtol(line + 9, NULL, 10);
-        } else if (strncmp(line, "Threads:", 8) == 0) {
-            figures->threads = strtol(line + 8, NULL, 10);
         }
     }
     if (file != NULL) {
         fclose(file);
     }
+}
+
+/* pthread_join() may return before the kernel has removed the thread. */
+static bool is_exiting(pid_t process, const char* thread) {
+    enum { exiting = 0x4 }; /* PF_EXITING of the kernel */
+    char text[512];
+    snprintf(text, sizeof text, "/proc/%d/task/%s/stat", (int)process, thread);
+    FILE* file = fopen(text, "re");
+    const size_t length = file != NULL ? fread(text, 1, sizeof text - 1, file) : 0;
+    if (file != NULL) {
+        fclose(file);
+    }
+    text[length] = '\0';
+    /* The name, in parentheses, may hold anything. Behind it: state, ppid, pgrp, session, tty_nr, tpgid, flags. */
+    const char* const name_end = strrchr(text, ')');
+    unsigned flags = exiting;
+    if (name_end != NULL) {
+        sscanf(name_end + 1, " %*c %*d %*d %*d %*d %*d %u", &flags);
+    }
+    return (flags & exiting) != 0;
+}
+
+static long count_threads(pid_t process) {
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%d/task", (int)process);
+    DIR* folder = opendir(path);
+    if (folder == NULL) {
+        return 0;
+    }
+    long count = 0;
+    for (const struct dirent* entry; (entry = readdir(folder)) != NULL;) {
+        count += entry->d_name[0] != '.' && !is_exiting(process, entry->d_name);
+    }
+    closedir(folder);
+    return count;
 }
 
 static long count_descriptors(pid_t process) {
@@ -45,6 +79,7 @@ struct process_figures figures_of(pid_t process) {
     struct process_figures figures = {0, 0, 0, 0};
     read_status(process, &figures);
     figures.descriptors = count_descriptors(process);
+    figures.threads = count_threads(process);
     return figures;
 }
 
