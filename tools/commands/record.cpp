@@ -124,7 +124,10 @@ public:
         : m_descriptor(path == "-"
                            ? ::fcntl(output::descriptor(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1)
                            : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, ownerOnly)) {
-        if (m_descriptor < 0 || (path != "-" && !restrict())) {
+        if (m_descriptor < 0) {
+            throw Failure(path + ": " + std::generic_category().message(errno));
+        }
+        if (path != "-" && !restrict()) {
             const int error = errno;
             ::close(m_descriptor);
             throw Failure(path + ": " + std::generic_category().message(error));
