@@ -39,7 +39,7 @@ std::string bytes(std::int32_t number) {
 }
 
 std::string argumentsOf(const recording_entry& entry, std::string_view text) {
-    const std::string first = std::to_string(entry.numbers[1]);
+    std::string first = std::to_string(entry.numbers[1]);
     switch (entry.numbers[0]) {
     case recording_scan:
     case recording_scan_and_open:

@@ -43,6 +43,7 @@ private:
         std::size_t length = 0;
         Bytes data;
 
+        // NOLINTNEXTLINE(modernize-use-nullptr): it takes the 0 that an ordering is compared with for a pointer
         auto operator<=>(const Key&) const = default;
     };
 

@@ -4,12 +4,12 @@
 
 namespace emulator::replay {
 
-Timeline::Timeline(std::vector<Happening> happenings, Mode mode, Pace pace, std::function<void()> wake)
+Timeline::Timeline(const std::vector<Happening>& happenings, Mode mode, Pace pace, std::function<void()> wake)
     : m_mode(mode)
     , m_pace(pace)
     , m_wake(std::move(wake)) {
-    for (Happening& each : happenings) {
-        m_steps.push_back({.happening = std::move(each)});
+    for (const Happening& each : happenings) {
+        m_steps.push_back({.happening = each});
     }
 }
 

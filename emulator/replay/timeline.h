@@ -41,7 +41,7 @@ public:
     static constexpr std::chrono::seconds patience{5};
 
     // `wake` is called, in any thread, when something has become due.
-    Timeline(std::vector<Happening> happenings, Mode mode, Pace pace, std::function<void()> wake);
+    Timeline(const std::vector<Happening>& happenings, Mode mode, Pace pace, std::function<void()> wake);
 
     void start(Time now);
 

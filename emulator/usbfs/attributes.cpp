@@ -178,7 +178,7 @@ std::string controllerPath(std::uint8_t bus) {
 }
 
 std::string devicePath(const ShownDevice& device) {
-    const std::string hub = controllerPath(device.bus) + "/" + rootHubName(device.bus);
+    std::string hub = controllerPath(device.bus) + "/" + rootHubName(device.bus);
     if (device.port == 0) {
         return hub;
     }

@@ -122,7 +122,7 @@ std::string VirtualBus::freeName(std::size_t number, std::uint8_t bus) const {
         return numbered("%u-%u", bus, static_cast<unsigned>(number));
     }
     for (auto port = static_cast<unsigned>(number);; ++port) {
-        const std::string name = numbered("%u-%u", bus, port);
+        std::string name = numbered("%u-%u", bus, port);
         const bool taken = std::ranges::any_of(
             m_readers, [&](const auto& each) { return each->node && each->shown.name == name; });
         if (!taken && !m_names.contains(name) && !m_hubs.contains(name)) {
