@@ -13,6 +13,7 @@
 
 namespace fake = fake_libusb;
 using fake::Transfer;
+using testing::AnyOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -150,7 +151,8 @@ TEST_P(EndableCallsOfEachKind, AreEndedByCancel) {
     EXPECT_FALSE(fake::isTransferPending(name));
     EXPECT_EQ(fake::timesCalled("libusb_clear_halt"), 0u);
     fake::silence(name, {});
-    EXPECT_EQ(fake::timesCalled("libusb_cancel_transfer"), 1u);
+    // The waiting thread cancels the transfer, too, if it has only just submitted it.
+    EXPECT_THAT(fake::timesCalled("libusb_cancel_transfer"), AnyOf(1u, 2u));
     EXPECT_GE(transceive(handle), 0) << "the reader can be used as before";
 }
 
