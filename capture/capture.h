@@ -81,6 +81,11 @@ struct Transfer {
     bool fromKernelCopy = false;      // not transferred: made of the descriptors that the kernel keeps
 
     bool isIn() const { return (endpoint & directionIn) != 0; }
+    // When it was first seen. One that was submitted before the capture began has only its completion.
+    Time firstSeen() const { return submitted.value_or(completed.value_or(Time{})); }
+    std::optional<Time> duration() const {
+        return submitted && completed ? std::optional(*completed - *submitted) : std::nullopt;
+    }
 };
 
 // What the recorder noted besides transfers.

@@ -320,12 +320,12 @@ private:
         State& state = m_states[reader];
         const Role role = roleOf(transfer);
         noteReader(reader);
-        if (role == Role::standardRequest) {
+        if (role == Role::standardRequest && !m_all) {
             addStandardRequest(point, reader);
             return;
         }
         state.requests.reset();
-        if (role == Role::otherRequest) {
+        if (role == Role::standardRequest || role == Role::otherRequest) {
             if (begins || !transfer.submitted) {
                 addItem(point.at, Item::Kind::transfer, point.index);
             }
@@ -352,7 +352,7 @@ private:
         }
         constexpr std::chrono::seconds longestPause(1);
         State& state = m_states[reader];
-        const Time time = transfer.submitted.value_or(transfer.completed.value_or(Time{}));
+        const Time time = transfer.firstSeen();
         if (!state.requests || time - state.lastRequest > longestPause) {
             state.requests = m_made.requests.size();
             m_made.requests.push_back({.reader = reader, .transfers = {}});
@@ -369,7 +369,7 @@ private:
         Exchange exchange;
         exchange.reader = reader;
         exchange.request = point.index;
-        exchange.start = transfer.submitted.value_or(transfer.completed.value_or(Time{}));
+        exchange.start = transfer.firstSeen();
         exchange.call = runningCall(reader);
         learnReader(exchange.call, reader);
         m_made.exchanges.push_back(std::move(exchange));
@@ -436,7 +436,7 @@ private:
         const Transfer& transfer = m_capture.transfers[point.index];
         Exchange exchange;
         exchange.reader = reader;
-        exchange.start = transfer.submitted.value_or(transfer.completed.value_or(Time{}));
+        exchange.start = transfer.firstSeen();
         exchange.call = call;
         learnReader(call, reader);
         m_made.exchanges.push_back(std::move(exchange));

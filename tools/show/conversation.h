@@ -86,5 +86,6 @@ struct Conversation {
     double seconds(capture::Time time) const { return std::chrono::duration<double>(time - begin).count(); }
 };
 
-// With `all`, every device counts as a reader, and what the kernel told instead of the device is there too. Throws capture::CaptureError if there is no reader.
+// With `all`, every device counts as a reader, each standard request is an item of its own, and what the kernel answered in place
+// of the device is there too. Throws capture::CaptureError if there is no reader.
 Conversation conversationOf(const capture::Capture& capture, bool all = false);

@@ -194,16 +194,9 @@ private:
         if (!m_recording.shown[requests.reader]) {
             return;
         }
-        if (m_recording.all) {
-            for (const std::size_t index : requests.transfers) {
-                addControl(requests.reader, transfer(index));
-            }
-            return;
-        }
         const Transfer& first = transfer(requests.transfers.front());
         const Transfer& last = transfer(requests.transfers.back());
-        Json object =
-            begin("requests", first.submitted.value_or(first.completed.value_or(Time{})), requests.reader);
+        Json object = begin("requests", first.firstSeen(), requests.reader);
         object["count"] = requests.transfers.size();
         Json names = Json::array();
         std::size_t failed = 0;
@@ -220,8 +213,7 @@ private:
     }
 
     void addControl(std::size_t reader, const Transfer& control) {
-        Json object =
-            begin("control", control.submitted.value_or(control.completed.value_or(Time{})), reader);
+        Json object = begin("control", control.firstSeen(), reader);
         object["setup"] = control.setup ? Json(frameText(*control.setup, "")) : Json(nullptr);
         object["name"] = control.setup ? Json(requestName(*control.setup)) : Json(nullptr);
         object["data"] = dataOf(control);
@@ -229,9 +221,7 @@ private:
         object["kernel"] = control.fromKernelCopy;
         object["error"] =
             control.completed && control.status != 0 ? Json(errorName(control.status)) : Json(nullptr);
-        object["ms"] = orNull(control.submitted && control.completed
-                                  ? std::optional(*control.completed - *control.submitted)
-                                  : std::nullopt);
+        object["ms"] = orNull(control.duration());
         line(object);
     }
 

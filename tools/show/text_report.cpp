@@ -172,15 +172,8 @@ private:
         if (!m_recording.shown[requests.reader]) {
             return;
         }
-        if (m_recording.all) {
-            for (const std::size_t index : requests.transfers) {
-                addControl(requests.reader, transfer(index));
-            }
-            return;
-        }
         const Transfer& first = transfer(requests.transfers.front());
-        addLine(first.submitted.value_or(first.completed.value_or(Time{})), requests.reader, "",
-                requestsText(m_recording.capture, requests));
+        addLine(first.firstSeen(), requests.reader, "", requestsText(m_recording.capture, requests));
     }
 
     // A control transfer that carries no frame, in one line.
@@ -199,12 +192,7 @@ private:
         } else if (control.isIn() || !control.out.empty() || control.redacted) {
             text += (text.empty() ? "" : ": ") + dataText(control);
         }
-        const Time time = control.submitted.value_or(control.completed.value_or(Time{}));
-        addTransferLine(time, of, control, !control.isIn(),
-                        control.submitted && control.completed
-                            ? std::optional(*control.completed - *control.submitted)
-                            : std::nullopt,
-                        text);
+        addTransferLine(control.firstSeen(), of, control, !control.isIn(), control.duration(), text);
     }
 
     void addFrame(const Item& item) {

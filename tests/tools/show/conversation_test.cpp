@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 namespace {
 
 using std::chrono::microseconds;
@@ -202,6 +204,20 @@ TEST_F(ConversationTest, SummarizesRequestsThatIdentifyAReader) {
     derive();
     EXPECT_EQ(requestsText(capture, conversation.requests.back()),
               "1 control request in 0.1 ms: string 10; string 10 failed [EPIPE]");
+}
+
+// Readers that are identified at the same time take turns.
+TEST_F(ConversationTest, KeepsTheOrderOfEveryRequestIfAsked) {
+    const capture::SetupPacket firstString = {0x80, 6, 1, 3, 9, 4, 255, 0};
+    made.identify(3, "1-2", "B2", "Desk", "Desk reader");
+    made.controlIn(2, firstString, {4, 3, 'A', 0});
+    made.controlIn(3, firstString, {4, 3, 'B', 0});
+    derive(true);
+    EXPECT_THAT(conversation.requests, IsEmpty());
+    const auto& items = conversation.items;
+    EXPECT_TRUE(std::ranges::is_sorted(items, {}, &Item::at));
+    ASSERT_GE(std::ranges::count(items, Item::Kind::transfer, &Item::kind), 4);
+    EXPECT_EQ(items.back().index, capture.transfers.size() - 1);
 }
 
 TEST_F(ConversationTest, DescribesEvents) {
