@@ -2,7 +2,7 @@
 add_library(gvusb_recorder INTERFACE)
 foreach(source
         call_texts.cpp
-        recording.cpp
+        recording_writer.cpp
         redaction.cpp
         ring.cpp)
     target_sources(gvusb_recorder INTERFACE ${CMAKE_CURRENT_LIST_DIR}/${source})

@@ -1,12 +1,12 @@
 #include "command.h"
-#include "commands/idle_library.h"
 #include "commands/recorded_program.h"
+#include "commands/restart_without_hotplug.h"
 #include "failure.h"
 #include "note.h"
 #include "output.h"
 #include "version.h"
 
-#include "recorder/recording.h"
+#include "recorder/recording_writer.h"
 #include "recorder/ring.h"
 
 #include <algorithm>
@@ -252,7 +252,7 @@ private:
     const Options& m_options;
     File m_file;
     recorder::Ring m_ring;
-    recorder::Recording m_recording;
+    recorder::RecordingWriter m_recording;
     bool m_hasEntries = false;
     bool m_hasEnded = false;
     bool m_hasFailed = false;
@@ -287,7 +287,7 @@ void addRecord(CLI::App& app, ExitStatus& status) {
         ->type_name("");
     command->footer(joinSections({about, statuses, examples}));
     command->callback([options, &status] {
-        makeLibraryIdle();
+        restartWithoutHotplug();
         // An earlier recording in the file is kept if there is no program to record.
         const std::optional<int> missing = reportMissingProgram(options->program.front());
         status = static_cast<ExitStatus>(missing ? *missing : Session(*options).run());

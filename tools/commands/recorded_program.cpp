@@ -1,6 +1,6 @@
 #include "commands/recorded_program.h"
 
-#include "commands/idle_library.h"
+#include "commands/restart_without_hotplug.h"
 #include "failure.h"
 
 #include <algorithm>

@@ -11,7 +11,7 @@
 
 // Start this process again, with a configuration that turns the detection of readers off, unless that was done. The
 // library reads its configuration when it is loaded. Throws Failure.
-void makeLibraryIdle();
+void restartWithoutHotplug();
 
 // Changes to the environment with which another program gets its own configuration. A name without a value is removed.
 std::vector<std::pair<std::string, std::optional<std::string>>> ownConfiguration();

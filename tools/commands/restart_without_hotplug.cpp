@@ -1,4 +1,4 @@
-#include "commands/idle_library.h"
+#include "commands/restart_without_hotplug.h"
 
 #include "failure.h"
 #include "output.h"
@@ -46,7 +46,7 @@ std::vector<std::string> ownArguments() {
 
 } // namespace
 
-void makeLibraryIdle() {
+void restartWithoutHotplug() {
     if (std::getenv(keptVariable) != nullptr) {
         // The library has read it. The program must not inherit it.
         const char* const path = std::getenv(configurationVariable);

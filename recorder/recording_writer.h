@@ -18,7 +18,7 @@
 
 namespace recorder {
 
-class Recording {
+class RecordingWriter {
 public:
     struct Options {
         int file = -1;                        // a descriptor
@@ -29,7 +29,7 @@ public:
     };
 
     // Writes the beginning of the file.
-    explicit Recording(Options options);
+    explicit RecordingWriter(Options options);
 
     void add(const recording_entry& entry, std::span<const std::uint8_t> data);
 

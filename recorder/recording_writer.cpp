@@ -1,4 +1,4 @@
-#include "recorder/recording.h"
+#include "recorder/recording_writer.h"
 
 #include "recorder/call_texts.h"
 
@@ -90,7 +90,7 @@ Kind kindOf(std::uint16_t kind) {
 
 } // namespace
 
-Recording::Recording(Options options)
+RecordingWriter::RecordingWriter(Options options)
     : m_options(std::move(options)) {
     appendHeader(m_buffer, "gvusb record " + m_options.version);
     m_size = m_buffer.size();
@@ -103,14 +103,14 @@ Recording::Recording(Options options)
                    {"redacted", redacted}});
 }
 
-void Recording::remark(Time time, const Json& value) {
+void RecordingWriter::remark(Time time, const Json& value) {
     const std::size_t before = m_buffer.size();
     appendRemark(m_buffer, time, value);
     keepWithinLargest(before);
 }
 
 // What does not fit is taken back, and the recording ends there.
-void Recording::keepWithinLargest(std::size_t before) {
+void RecordingWriter::keepWithinLargest(std::size_t before) {
     const std::size_t added = m_buffer.size() - before;
     if (m_isFull || (m_options.largest && m_size + added + roomForMarks > *m_options.largest)) {
         m_buffer.resize(before);
@@ -120,7 +120,7 @@ void Recording::keepWithinLargest(std::size_t before) {
     m_size += added;
 }
 
-void Recording::add(const recording_entry& entry, std::span<const std::uint8_t> data) {
+void RecordingWriter::add(const recording_entry& entry, std::span<const std::uint8_t> data) {
     if (m_isFull) {
         return;
     }
@@ -139,7 +139,7 @@ void Recording::add(const recording_entry& entry, std::span<const std::uint8_t> 
 
 // ---- transfers
 
-void Recording::addTransfer(const recording_entry& entry, std::span<const std::uint8_t> data) {
+void RecordingWriter::addTransfer(const recording_entry& entry, std::span<const std::uint8_t> data) {
     const auto type = static_cast<TransferType>(entry.type);
     const std::optional<SetupPacket> setup = setupOf(entry);
     bool isFrame = Redaction::isFrame(type, setup);
@@ -187,7 +187,7 @@ void Recording::addTransfer(const recording_entry& entry, std::span<const std::u
 
 // ---- devices
 
-void Recording::addDevice(const recording_entry& entry, std::span<const std::uint8_t> data) {
+void RecordingWriter::addDevice(const recording_entry& entry, std::span<const std::uint8_t> data) {
     if (data.size() < sizeof(recording_facts)) {
         return;
     }
@@ -220,7 +220,8 @@ void Recording::addDevice(const recording_entry& entry, std::span<const std::uin
 }
 
 // The node's descriptors: that of the device, then each configuration whole.
-void Recording::addDescriptors(const recording_entry& entry, std::span<const std::uint8_t> descriptors) {
+void RecordingWriter::addDescriptors(const recording_entry& entry,
+                                     std::span<const std::uint8_t> descriptors) {
     if (descriptors.size() < deviceDescriptorSize) {
         return;
     }
@@ -239,8 +240,8 @@ void Recording::addDescriptors(const recording_entry& entry, std::span<const std
 }
 
 // As an enumeration reads a descriptor, so that Wireshark knows what the device is.
-void Recording::addReading(const recording_entry& entry, const SetupPacket& setup,
-                           std::span<const std::uint8_t> data) {
+void RecordingWriter::addReading(const recording_entry& entry, const SetupPacket& setup,
+                                 std::span<const std::uint8_t> data) {
     constexpr std::uint64_t ownIds = std::uint64_t{0xFFFF} << 48;
     const std::uint64_t id = ownIds | ++m_lastId * 8;
     const std::size_t before = m_buffer.size();
@@ -263,7 +264,7 @@ void Recording::addReading(const recording_entry& entry, const SetupPacket& setu
 }
 
 // A program is told once for each of its sockets, perhaps late. Returns whether it is news.
-bool Recording::addPresence(const recording_entry& entry) {
+bool RecordingWriter::addPresence(const recording_entry& entry) {
     if (entry.id != 0 && entry.id <= m_lastSequence) {
         return false;
     }
@@ -280,7 +281,7 @@ bool Recording::addPresence(const recording_entry& entry) {
 
 // ---- the rest
 
-void Recording::addEvent(const recording_entry& entry, std::span<const std::uint8_t> data) {
+void RecordingWriter::addEvent(const recording_entry& entry, std::span<const std::uint8_t> data) {
     Json value;
     if (entry.kind == recording_call || entry.kind == recording_return) {
         const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
@@ -320,7 +321,7 @@ void Recording::addEvent(const recording_entry& entry, std::span<const std::uint
 
 // ---- the file
 
-void Recording::flush() {
+void RecordingWriter::flush() {
     std::span<const std::uint8_t> left = m_buffer;
     while (!left.empty() && !m_hasFailed) {
         const ssize_t written = ::write(m_options.file, left.data(), left.size());
@@ -334,7 +335,7 @@ void Recording::flush() {
     m_buffer.clear();
 }
 
-void Recording::end(std::uint64_t lost, std::optional<int> status) {
+void RecordingWriter::end(std::uint64_t lost, std::optional<int> status) {
     if (lost != 0) {
         appendRemark(m_buffer, now(), {{"type", "lost"}, {"count", lost}});
     }
