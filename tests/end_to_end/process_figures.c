@@ -26,7 +26,7 @@ static void read_status(pid_t process, struct process_figures* figures) {
 }
 
 /* pthread_join() may return before the kernel has removed the thread. */
-static bool is_exiting(pid_t process, const char* thread) {
+static bool is_running(pid_t process, const char* thread) {
     enum { exiting = 0x4 }; /* PF_EXITING of the kernel */
     char text[512];
     snprintf(text, sizeof text, "/proc/%d/task/%s/stat", (int)process, thread);
@@ -42,36 +42,32 @@ static bool is_exiting(pid_t process, const char* thread) {
     if (name_end != NULL) {
         sscanf(name_end + 1, " %*c %*d %*d %*d %*d %*d %u", &flags);
     }
-    return (flags & exiting) != 0;
+    return (flags & exiting) == 0;
 }
 
-static long count_threads(pid_t process) {
+/* Count the entries of /proc/PROCESS/FOLDER, all of them if `counts` is null. */
+static long count_entries(pid_t process, const char* folder,
+                          bool (*counts)(pid_t process, const char* entry)) {
     char path[64];
-    snprintf(path, sizeof path, "/proc/%d/task", (int)process);
-    DIR* folder = opendir(path);
-    if (folder == NULL) {
+    snprintf(path, sizeof path, "/proc/%d/%s", (int)process, folder);
+    DIR* stream = opendir(path);
+    if (stream == NULL) {
         return 0;
     }
     long count = 0;
-    for (const struct dirent* entry; (entry = readdir(folder)) != NULL;) {
-        count += entry->d_name[0] != '.' && !is_exiting(process, entry->d_name);
+    for (const struct dirent* entry; (entry = readdir(stream)) != NULL;) {
+        count += entry->d_name[0] != '.' && (counts == NULL || counts(process, entry->d_name));
     }
-    closedir(folder);
+    closedir(stream);
     return count;
 }
 
+static long count_threads(pid_t process) {
+    return count_entries(process, "task", is_running);
+}
+
 static long count_descriptors(pid_t process) {
-    char path[64];
-    snprintf(path, sizeof path, "/proc/%d/fd", (int)process);
-    DIR* folder = opendir(path);
-    if (folder == NULL) {
-        return 0;
-    }
-    long count = 0;
-    for (const struct dirent* entry; (entry = readdir(folder)) != NULL;) {
-        count += entry->d_name[0] != '.';
-    }
-    closedir(folder);
+    const long count = count_entries(process, "fd", NULL);
     return process == getpid() ? count - 1 : count; /* without the descriptor that reads the folder */
 }
 
