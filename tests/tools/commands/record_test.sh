@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Tests of `gvusb record`. CAPTURE_TEXT prints what a recording holds.
+# Tests of `gvusb record`. CAPTURE_TEXT prints what a recording holds. KILLED_WRITER runs a program after a process that was
+# killed while it wrote.
 source "$(dirname "$0")/../testing.sh"
 
 file=$scratch/session.pcapng
@@ -296,6 +297,16 @@ goes_on_with_all_threads_when_the_recorder_is_killed() {
         await grep -q "^failed  *0$" "$scratch/one"; await grep -q "^failed  *0$" "$scratch/two"
         grep -q "^failed  *0$" "$scratch/one" && grep -q "^failed  *0$" "$scratch/two"'
     expect_status 0
+}
+
+goes_on_when_a_process_is_killed_while_it_writes() {
+    on_bus record -o "$file" -- "$KILLED_WRITER" "$gvusb" send A1 02 00 07
+    expect_status 0
+    expect_output '02 00 07'
+    read_by_tshark
+    expect_recorded '^transfer 1-1 type 3 endpoint 02 status 0 actual 3 out 020007 in -$'
+    expect_recorded '^transfer 1-1 type 3 endpoint 81 status 0 actual 3 out - in 020007$'
+    expect_not_recorded '^note'
 }
 
 keeps_an_earlier_recording_when_there_is_no_program() {
