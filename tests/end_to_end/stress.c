@@ -4,6 +4,7 @@
  *
  * GVUSB_STRESS_SECONDS in the environment sets the duration, GVUSB_STRESS_SEED the random seed.
  */
+#include "open_descriptors.h"
 #include "process_figures.h"
 #include "testing.h"
 
@@ -274,26 +275,9 @@ static void change_bus_for(double seconds, unsigned int random) {
                   atomic_load(&answers), changes, atomic_load(&events));
 }
 
-/* The thread sanitizer may have started a symbolizer process, which uses two pipes. */
-static bool has_descriptors(void* count) {
-    const long more = own_figures().descriptors - *(const long*)count;
-#ifdef GVUSB_TEST_SANITIZED
-    return more == 0 || more == 2;
-#else
-    return more == 0;
-#endif
-}
-
 static bool has_returned_everything(void* reader) {
     const int number = *(const int*)reader;
     return host_count(number, "opens") == host_count(number, "closes");
-}
-
-/* A poll in progress has readers open; a scan waits for its end. */
-static void stop_polls(void) {
-    assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1"), 0);
-    usleep(20000);
-    GVUSB_Scan(GVUSB_SCAN_ALL, NULL);
 }
 
 static void check_readers_answer(void) {
@@ -303,7 +287,7 @@ static void check_readers_answer(void) {
         if (open > 0) {
             assert_int_equal(GVUSB_CloseDevice(open), 0);
         }
-        check_echo(open_reader(id));
+        assert_true(await(reader_answers, &id, long_enough_ms));
     }
 }
 
@@ -329,8 +313,7 @@ static void NothingIsLostUnderRandomCallsAndEvents(void** state) {
     const double seconds = (double)from_environment("GVUSB_STRESS_SECONDS", usual_seconds);
     print_message("GVUSB_STRESS_SEED=%u\n", seed);
     alarm((unsigned int)seconds + longest_standstill_s);
-    stop_polls();
-    const long descriptors = own_figures().descriptors;
+    const long descriptors = descriptors_without_polls();
     assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", driven ? "1" : "0"), 0);
     for (int reader = 1; reader <= readers; ++reader) {
         plugged[reader] = true;
@@ -353,7 +336,7 @@ static void NothingIsLostUnderRandomCallsAndEvents(void** state) {
     }
     change_handlers(false, GVUSB_EVENT_CONNECT);
     change_handlers(false, GVUSB_EVENT_DISCONNECT);
-    stop_polls();
+    assert_int_equal(GVUSB_SetDevicePara(GVUSB_DRIVER, "HOTPLUG-SUSPEND", "1"), 0);
     assert_int_equal(atomic_load(&wrong_result), 0);
     assert_true(atomic_load(&answers) > 0);
     assert_true(atomic_load(&events) > 0);

@@ -143,10 +143,32 @@ int scan_list_index(const char* id) {
     return -1;
 }
 
+static const unsigned char echoed[] = {0x02, 0x00, 0x07, 0xFF, 0x01};
+
+static int exchange_echoed(int handle, unsigned char* answer, unsigned int size) {
+    return GVUSB_Transceive(handle, GVUSB_PROTOCOL, 0, echoed, sizeof echoed, answer, size);
+}
+
 void check_echo(int handle) {
-    static const unsigned char frame[] = {0x02, 0x00, 0x07, 0xFF, 0x01};
     unsigned char answer[64];
-    assert_int_equal(GVUSB_Transceive(handle, GVUSB_PROTOCOL, 0, frame, sizeof frame, answer, sizeof answer),
-                     sizeof frame);
-    assert_memory_equal(answer, frame, sizeof frame);
+    assert_int_equal(exchange_echoed(handle, answer, sizeof answer), sizeof echoed);
+    assert_memory_equal(answer, echoed, sizeof echoed);
+}
+
+bool reader_answers(void* id) {
+    unsigned char answer[64];
+    if (GVUSB_Scan(GVUSB_SCAN_ALL, NULL) != 0) {
+        return false;
+    }
+    const int handle = GVUSB_OpenDevice(*(const unsigned int*)id);
+    if (handle <= 0) {
+        return false;
+    }
+    be_patient(handle);
+    if (exchange_echoed(handle, answer, sizeof answer) == sizeof echoed &&
+        memcmp(answer, echoed, sizeof echoed) == 0) {
+        return true;
+    }
+    GVUSB_CloseDevice(handle);
+    return false;
 }

@@ -58,4 +58,10 @@ int scan_list_index(const char* id);
 /* Check that a short frame comes back unchanged. */
 void check_echo(int handle);
 
+/*
+ * For await(): whether the reader with this ID is found, can be opened and returns a short frame; closes it if not. If the machine
+ * is busy, libusb learns of a change after the command to the bus has returned.
+ */
+bool reader_answers(void* id);
+
 #endif
