@@ -44,7 +44,7 @@ constexpr long transfersPerPoll = 2;
 constexpr gvusb::device_id bulkId = 0xB1;
 constexpr gvusb::device_id controlId = 0xC1;
 
-constexpr std::chrono::milliseconds longEnough = 10s;
+constexpr std::chrono::milliseconds longEnough = 60s;
 
 bool isOpen(int handle) {
     return GVUSB_IsDevicePresent(handle) >= 0;

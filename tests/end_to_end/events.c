@@ -6,7 +6,7 @@
 #include <pthread.h>
 #include <stddef.h>
 
-enum { most_events = 100000, longest_wait_ms = 10000 };
+enum { most_events = 100000, longest_wait_ms = 60000 };
 
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 static struct event events[most_events];

@@ -8,7 +8,7 @@
 #include <string.h>
 #include <unistd.h>
 
-enum { longest_wait_ms = 10000, pause_us = 5000, visits_apart = 20 };
+enum { longest_wait_ms = 60000, pause_us = 5000, visits_apart = 20 };
 
 static pthread_t thread;
 static pthread_mutex_t round_lock = PTHREAD_MUTEX_INITIALIZER; /* held during each round of exchanges */
@@ -54,7 +54,7 @@ int open_listed_reader(unsigned int id) {
         note_failure(opening.result);
         return 0;
     }
-    GVUSB_SetDevicePara(opening.result, "TIMEOUT", "10000"); /* the machine may be busy */
+    GVUSB_SetDevicePara(opening.result, "TIMEOUT", "60000"); /* the machine may be busy */
     return opening.result;
 }
 

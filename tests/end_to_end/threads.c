@@ -67,7 +67,7 @@ static int exchange_frame(int handle, bool accepts_earlier) {
     unsigned char answer[2 * frame_size];
     const unsigned int sent = atomic_fetch_add(&serial, 1);
     const unsigned int length = make_frame(sent, frame);
-    GVUSB_SetDevicePara(handle, "TIMEOUT", "10000"); /* the machine may be busy */
+    GVUSB_SetDevicePara(handle, "TIMEOUT", "60000"); /* the machine may be busy */
     const int result = GVUSB_Transceive(handle, GVUSB_PROTOCOL, 0, frame, length, answer, sizeof answer);
     if (result <= 0) {
         return result;

@@ -31,7 +31,7 @@
 #include <time.h>
 #include <unistd.h>
 
-enum { bulk_in = 0x81, bulk_out = 0x02, patience_ms = 10000, moment_ms = 100 };
+enum { bulk_in = 0x81, bulk_out = 0x02, patience_ms = 60000, moment_ms = 100 };
 
 /* ---- calls */
 

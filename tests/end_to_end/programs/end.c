@@ -169,7 +169,7 @@ static bool events_are_handled(void* context) {
 static bool start_event_thread(void) {
     pthread_t thread;
     return (!takes_reference || libusb_init(NULL) == 0) &&
-           pthread_create(&thread, NULL, handle_events, NULL) == 0 && await(events_are_handled, NULL, 10000);
+           pthread_create(&thread, NULL, handle_events, NULL) == 0 && await(events_are_handled, NULL, 60000);
 }
 
 static int end_beside_event_thread(void) {

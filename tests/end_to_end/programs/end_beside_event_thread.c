@@ -38,7 +38,7 @@ int main(int argc, char** argv) {
     pthread_t thread;
     GVUSB_ScanAndOpen(GVUSB_SCAN_ALL, NULL);
     if (GVUSB_AddEventHandler(0, &connect) != 0 || pthread_create(&thread, NULL, handle_events, NULL) != 0 ||
-        !await(events_are_handled, NULL, 10000)) {
+        !await(events_are_handled, NULL, 60000)) {
         return 1;
     }
     if (argc == 2 && strcmp(argv[1], "handler") == 0) {

@@ -61,9 +61,9 @@ static bool let_libusb_see_a_replug(const struct loaded* gvusb) {
     struct expected_scan without_comer = {gvusb, 1};
     struct expected_scan with_comer = {gvusb, 2};
     bus("unplug %d", comer);
-    const bool seen_leaving = await(finds_readers, &without_comer, 10000);
+    const bool seen_leaving = await(finds_readers, &without_comer, 60000);
     bus("plug %d", comer);
-    return seen_leaving && await(finds_readers, &with_comer, 10000);
+    return seen_leaving && await(finds_readers, &with_comer, 60000);
 }
 
 static bool load_once(void) {

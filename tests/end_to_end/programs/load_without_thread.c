@@ -16,7 +16,7 @@
 
 enum { used_id = 0xA1, comer = 2 };
 
-enum { longest_wait_ms = 10000, silence_us = 100000, attempt_ms = 100 };
+enum { longest_wait_ms = 60000, silence_us = 100000, attempt_ms = 100 };
 
 static atomic_int reports;
 

@@ -124,7 +124,7 @@ static void exchange(const struct loaded* gvusb, int handle) {
     expect("the answer", memcmp(answer, frame, sizeof frame), 0);
     expect("setting the time-out", gvusb->set_parameter(handle, "TIMEOUT", "1"), 0);
     expect("receiving", gvusb->receive(handle, GVUSB_PROTOCOL, answer, sizeof answer), GVUSB_ERR_TIMEOUT);
-    expect("setting the time-out", gvusb->set_parameter(handle, "TIMEOUT", "10000"), 0);
+    expect("setting the time-out", gvusb->set_parameter(handle, "TIMEOUT", "60000"), 0);
     expect("presence", gvusb->is_present(handle), 1);
     expect("a parameter", gvusb->get_parameter(handle, "DEVICENAME", value), 0);
     expect("an unknown parameter", gvusb->get_parameter(handle, "colour", value),

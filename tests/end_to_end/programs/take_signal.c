@@ -26,7 +26,7 @@ int main(void) {
 #endif
     kill(getpid(), SIGTERM);
     struct pollfd readable = {.fd = descriptor, .events = POLLIN};
-    if (poll(&readable, 1, 10000) != 1) {
+    if (poll(&readable, 1, 60000) != 1) {
         return 1;
     }
     struct signalfd_siginfo taken;

@@ -52,5 +52,5 @@ int main(void) {
     while (delivered < arrivals) {
         libusb_handle_events(NULL);
     }
-    return await(has_begun, NULL, 10000) ? 0 : 1;
+    return await(has_begun, NULL, 60000) ? 0 : 1;
 }

@@ -91,7 +91,7 @@ TEST_F(LastError, EventHandlerFunctionsClearItFirst) {
         {
             const MutexLock lock(g_MtxEvtInitAry);
             caller = std::thread([&] { EXPECT_EQ(function(0, &registration), 0); });
-            const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+            const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
             while (lastError() == earlier && std::chrono::steady_clock::now() < end) {
                 std::this_thread::yield();
             }

@@ -142,7 +142,7 @@ TEST_F(EndTest, DoesNotWaitForALongSleep) {
         const int before = support::sleepsBegun();
         load(configuration);
         waitForSleep(before);
-        EXPECT_LT(timeToUnload(), std::chrono::seconds(5)) << configuration;
+        EXPECT_LT(timeToUnload(), std::chrono::seconds(60)) << configuration;
     }
 }
 
@@ -150,7 +150,7 @@ TEST_F(EndTest, DoesNotWaitForALongSleep) {
 TEST_F(EndTest, MayFollowTheStartImmediately) {
     for (int i = 0; i < 20; ++i) {
         load("gvusb_updaterate=4000000");
-        EXPECT_LT(timeToUnload(), std::chrono::seconds(5));
+        EXPECT_LT(timeToUnload(), std::chrono::seconds(60));
     }
 }
 
@@ -158,7 +158,7 @@ TEST_F(EndTest, DoesNotWaitForALongSleepSetAtRunTime) {
     load("gvusb_updaterate=10");
     ASSERT_EQ(GVUSB_SetDevicePara(-1, "HOTPLUG-UPDATERATE", "3600000000"), 0);
     waitForSleep(support::sleepsBegun());
-    EXPECT_LT(timeToUnload(), std::chrono::seconds(5));
+    EXPECT_LT(timeToUnload(), std::chrono::seconds(60));
 }
 
 TEST_F(EndTest, WaitsForAPollInProgress) {

@@ -16,7 +16,7 @@ inline void doze() {
 // Whether the condition becomes true within a time that is exceeded only by a hang.
 template <class Condition>
 bool eventually(Condition condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end) {
             return false;
