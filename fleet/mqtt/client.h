@@ -1,0 +1,112 @@
+// A connection to an MQTT 5 broker, driven by the poll loop of its owner.
+#pragma once
+
+#include "fleet/broker.h"
+#include "fleet/mqtt/properties.h"
+
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <mosquitto.h>
+
+namespace mqtt {
+
+// A received message. The views are valid during the call that delivers it.
+struct Message {
+    std::string_view topic;
+    std::string_view payload;
+    bool retained = false;
+    MessageProperties properties;
+};
+
+struct Publication {
+    std::string topic;
+    std::string payload;
+    int qos = 1;
+    bool retained = false;
+};
+
+// What happens on the connection. The functions are called from Client::process().
+class Listener {
+public:
+    // The broker has accepted the connection. If it has not kept the session, subscriptions are gone.
+    virtual void connected(bool sessionPresent) = 0;
+    // The broker has refused the connection; `reason` is one of MQTT_RC_.
+    virtual void refused(int reason) = 0;
+    // The connection has ended, or could not be made.
+    virtual void disconnected(const std::string& why, int reason) = 0;
+    virtual void received(const Message& message) = 0;
+    // The broker has taken over the message with this number. `reason` is one of MQTT_RC_, 128 and more for failures.
+    virtual void acknowledged(int number, int reason) = 0;
+    // The broker has answered a subscription. A code of 128 and more is a refusal.
+    virtual void subscribed(int number, int reason) = 0;
+
+protected:
+    ~Listener() = default;
+};
+
+class Client {
+public:
+    struct Options {
+        std::string id; // empty: the broker chooses one
+        bool cleanStart = true;
+        std::uint32_t sessionExpirySeconds = 0;
+        unsigned int keepAliveSeconds = 60;
+        fleet::BrokerOptions broker;
+        std::optional<Publication> will;
+    };
+
+    // Throws std::runtime_error if a file cannot be used, std::invalid_argument for an invalid address.
+    Client(Options options, Listener& listener);
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+    ~Client();
+
+    const fleet::BrokerAddress& address() const { return m_address; }
+
+    // Begin to connect, in a thread of its own: resolving the name and connecting may take minutes. descriptor() is
+    // readable when it has ended. The listener learns the result from process().
+    void beginToConnect();
+    bool isConnecting() const { return m_connecting.valid(); }
+
+    // What to poll for. The descriptor changes with the state; -1 if there is nothing to wait for.
+    int descriptor() const;
+    short pollEvents() const;
+    // Call it when poll() reports events for the descriptor, and at least once a second.
+    void process(short pollEvents);
+
+    // Publish, and return the message's number, which acknowledged() is called with. Only while a connection exists or
+    // has existed: messages of QoS 1 that the broker has not acknowledged are sent again after a reconnection.
+    // Throws std::runtime_error if libmosquitto refuses it.
+    int publish(const Publication& what, const Properties& properties);
+    int subscribe(const std::string& filter, int qos);
+
+    // End the connection. The broker does not publish the will.
+    void disconnect();
+
+private:
+    struct Destroy {
+        void operator()(mosquitto* client) const { mosquitto_destroy(client); }
+    };
+
+    static Client& of(void* self) { return *static_cast<Client*>(self); }
+    void useTls();
+    void finishConnecting();
+    void handle(int code);
+    void reportLoss(const std::string& why);
+
+    Options m_options;
+    fleet::BrokerAddress m_address;
+    Listener& m_listener;
+    Properties m_connectProperties;
+    std::unique_ptr<mosquitto, Destroy> m_client;
+    int m_connectDone; // an eventfd
+    std::future<int> m_connecting;
+    int m_disconnectReason = 0;
+};
+
+} // namespace mqtt
