@@ -3,7 +3,6 @@
 #include "base/reader_facts.h"
 #include "base/usb_owners.h"
 
-#include <algorithm>
 #include <array>
 #include <charconv>
 #include <chrono>
@@ -15,7 +14,6 @@
 #include <string_view>
 #include <system_error>
 #include <thread>
-#include <utility>
 
 #include <libusb.h>
 
@@ -23,46 +21,30 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using Node = std::pair<unsigned int, unsigned int>; // bus and address
-
 // The numbers in a path such as /dev/bus/usb/001/007.
-std::optional<Node> nodeOf(std::string_view path) {
+std::optional<UsbNode> nodeOf(std::string_view path) {
     constexpr std::string_view folder = "/bus/usb/";
     const std::size_t found = path.rfind(folder);
     if (found == std::string_view::npos) {
         return std::nullopt;
     }
     path.remove_prefix(found + folder.size());
-    Node node;
+    UsbNode node;
     const char* const end = path.data() + path.size();
-    const auto [separator, badBus] = std::from_chars(path.data(), end, node.first);
+    const auto [separator, badBus] = std::from_chars(path.data(), end, node.bus);
     if (badBus != std::errc{} || separator == end || *separator != '/') {
         return std::nullopt;
     }
-    const auto [stop, badAddress] = std::from_chars(separator + 1, end, node.second);
+    const auto [stop, badAddress] = std::from_chars(separator + 1, end, node.address);
     return badAddress == std::errc{} ? std::optional(node) : std::nullopt;
 }
 
-std::set<Node> openNodes() {
-    std::set<Node> nodes;
-    std::error_code refused;
-    fs::directory_iterator descriptors("/proc/self/fd", refused);
-    for (; !refused && descriptors != fs::directory_iterator(); descriptors.increment(refused)) {
-        std::error_code closed;
-        if (const auto node = nodeOf(fs::read_symlink(descriptors->path(), closed).string());
-            node && !closed) {
-            nodes.insert(*node);
-        }
-    }
-    return nodes;
-}
-
 // The library's polling thread opens other readers for a moment to read their device IDs.
-std::optional<Node> onlyOpenNode() {
+std::optional<UsbNode> onlyOpenNode() {
     constexpr int attempts = 200;
     constexpr std::chrono::milliseconds pause(5);
     for (int i = 0; i < attempts; ++i) {
-        const std::set<Node> nodes = openNodes();
+        const std::set<UsbNode> nodes = openUsbNodes();
         if (nodes.size() == 1) {
             return *nodes.begin();
         }
@@ -117,16 +99,30 @@ bool isUsbPath(std::string_view text) {
     return std::regex_match(text.begin(), text.end(), form);
 }
 
+std::set<UsbNode> openUsbNodes() {
+    std::set<UsbNode> nodes;
+    std::error_code refused;
+    fs::directory_iterator descriptors("/proc/self/fd", refused);
+    for (; !refused && descriptors != fs::directory_iterator(); descriptors.increment(refused)) {
+        std::error_code closed;
+        if (const auto node = nodeOf(fs::read_symlink(descriptors->path(), closed).string());
+            node && !closed) {
+            nodes.insert(*node);
+        }
+    }
+    return nodes;
+}
+
 std::optional<UsbLocation> locationOfOpenReader() {
-    const std::optional<Node> node = onlyOpenNode();
+    const std::optional<UsbNode> node = onlyOpenNode();
     if (!node) {
         return std::nullopt;
     }
-    UsbLocation location{.bus = node->first, .address = node->second, .path = {}, .hasBulkEndpoints = false};
+    UsbLocation location{.bus = node->bus, .address = node->address, .path = {}, .hasBulkEndpoints = false};
     const UsbDeviceList devices(true); // the library has initialized the default context: a reader is open
     for (libusb_device* const device : devices.devices()) {
-        if (libusb_get_bus_number(device) == node->first &&
-            libusb_get_device_address(device) == node->second) {
+        if (libusb_get_bus_number(device) == node->bus &&
+            libusb_get_device_address(device) == node->address) {
             location.path = pathOf(device);
             location.hasBulkEndpoints = hasBulkEndpoints(device);
         }
@@ -134,20 +130,25 @@ std::optional<UsbLocation> locationOfOpenReader() {
     return location;
 }
 
-std::size_t countReadersOnBus() {
+std::vector<UsbLocation> readersOnBus() {
+    std::vector<UsbLocation> locations;
     // The default context, which the library has initialized unless libusb cannot be used.
     if (libusb_init(nullptr) != LIBUSB_SUCCESS) {
-        return 0;
+        return locations;
     }
-    std::size_t count = 0;
     {
         const UsbDeviceList devices(true);
-        count = static_cast<std::size_t>(std::ranges::count_if(devices.devices(), [](libusb_device* device) {
+        for (libusb_device* const device : devices.devices()) {
             libusb_device_descriptor descriptor = {};
             libusb_get_device_descriptor(device, &descriptor);
-            return descriptor.idVendor == GVUSB_VENDOR_ID && isReaderProduct(descriptor.idProduct);
-        }));
+            if (descriptor.idVendor == GVUSB_VENDOR_ID && isReaderProduct(descriptor.idProduct)) {
+                locations.push_back({.bus = libusb_get_bus_number(device),
+                                     .address = libusb_get_device_address(device),
+                                     .path = pathOf(device),
+                                     .hasBulkEndpoints = false});
+            }
+        }
     }
     libusb_exit(nullptr);
-    return count;
+    return locations;
 }

@@ -116,7 +116,7 @@ Found findReaders(const Options& search) {
 }
 
 void noteUnidentified(std::size_t identified) {
-    const std::size_t present = countReadersOnBus();
+    const std::size_t present = readersOnBus().size();
     if (present > identified) {
         const std::size_t count = present - identified;
         printNote(std::to_string(count) + (count == 1 ? " reader" : " readers") +
