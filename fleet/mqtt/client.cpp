@@ -84,6 +84,7 @@ Client::Client(Options options, Listener& listener)
             if (reason == MQTT_RC_SUCCESS) {
                 of(self).m_listener.connected((flags & sessionPresent) != 0);
             } else {
+                of(self).m_wasRefused = true;
                 of(self).m_listener.refused(reason);
             }
         });
@@ -142,6 +143,7 @@ void Client::useTls() {
 
 void Client::beginToConnect() {
     m_disconnectReason = 0;
+    m_wasRefused = false;
     m_connecting = std::async(std::launch::async, [this] {
         const int code = mosquitto_connect_bind_v5(m_client.get(), m_address.host.c_str(), m_address.port,
                                                    static_cast<int>(m_options.keepAliveSeconds), nullptr,
@@ -204,7 +206,9 @@ void Client::handle(int code) {
 }
 
 void Client::reportLoss(const std::string& why) {
-    m_listener.disconnected(why, m_disconnectReason);
+    if (!m_wasRefused) {
+        m_listener.disconnected(why, m_disconnectReason);
+    }
 }
 
 int Client::publish(const Publication& what, const Properties& properties) {
@@ -219,10 +223,10 @@ int Client::publish(const Publication& what, const Properties& properties) {
     return number;
 }
 
-int Client::subscribe(const std::string& filter, int qos) {
+int Client::subscribe(const std::string& filter, int qos, int options) {
     int number = 0;
     check("subscribe to '" + filter + "'",
-          mosquitto_subscribe_v5(m_client.get(), &number, filter.c_str(), qos, 0, nullptr));
+          mosquitto_subscribe_v5(m_client.get(), &number, filter.c_str(), qos, options, nullptr));
     return number;
 }
 

@@ -35,7 +35,7 @@ class Listener {
 public:
     // The broker has accepted the connection. If it has not kept the session, subscriptions are gone.
     virtual void connected(bool sessionPresent) = 0;
-    // The broker has refused the connection; `reason` is one of MQTT_RC_.
+    // The broker has refused the connection; `reason` is one of MQTT_RC_. There is no call of disconnected() then.
     virtual void refused(int reason) = 0;
     // The connection has ended, or could not be made.
     virtual void disconnected(const std::string& why, int reason) = 0;
@@ -83,7 +83,8 @@ public:
     // has existed: messages of QoS 1 that the broker has not acknowledged are sent again after a reconnection.
     // Throws std::runtime_error if libmosquitto refuses it.
     int publish(const Publication& what, const Properties& properties);
-    int subscribe(const std::string& filter, int qos);
+    // `options` are those of MQTT_SUB_OPT_.
+    int subscribe(const std::string& filter, int qos, int options = 0);
 
     // End the connection. The broker does not publish the will.
     void disconnect();
@@ -107,6 +108,7 @@ private:
     int m_connectDone; // an eventfd
     std::future<int> m_connecting;
     int m_disconnectReason = 0;
+    bool m_wasRefused = false;
 };
 
 } // namespace mqtt

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <ostream>
 #include <stdexcept>
 
 #include <gtest/gtest.h>
@@ -21,6 +22,11 @@ struct AddressCase {
     int port;
     bool tls;
 };
+
+// Part of the test's name.
+void PrintTo(const AddressCase& address, std::ostream* stream) {
+    *stream << address.text << (address.insecure ? " insecure" : "");
+}
 
 class AcceptedAddress : public testing::TestWithParam<AddressCase> {};
 
@@ -53,6 +59,10 @@ struct RejectedCase {
     const char* text;
     const char* why;
 };
+
+void PrintTo(const RejectedCase& address, std::ostream* stream) {
+    *stream << address.text;
+}
 
 class RejectedAddress : public testing::TestWithParam<RejectedCase> {};
 
