@@ -5,10 +5,6 @@
 
 namespace {
 
-std::string notADeviceId(const std::string& text) {
-    return "'" + text + "' is not a device ID (1 to 8 hexadecimal digits)";
-}
-
 std::string notAReader(const std::string& text) {
     return notADeviceId(text) + " or a USB path such as usb:1-2.3";
 }
@@ -28,10 +24,6 @@ const CLI::Validator isReader(
     },
     "");
 
-const CLI::Validator
-    isDeviceId([](std::string& text) { return parseDeviceId(text) ? std::string{} : notADeviceId(text); },
-               "");
-
 void addReaderArgument(CLI::App& command, std::string& id) {
     command.add_option("ID", id, "Device ID or USB path, as shown by 'gvusb list'")
         ->required()
@@ -44,12 +36,4 @@ void addTargetArgument(CLI::App& command, std::string& target) {
         ->required()
         ->type_name("")
         ->check(isTarget);
-}
-
-std::string joinSections(std::initializer_list<std::string_view> sections) {
-    std::string text;
-    for (const std::string_view section : sections) {
-        text += section;
-    }
-    return text.substr(1);
 }

@@ -1,11 +1,10 @@
 // The commands, each in the file of its name, and what they share on the command line.
 #pragma once
 
+#include "command_line.h"
 #include "exit_status.h"
 
-#include <initializer_list>
 #include <string>
-#include <string_view>
 
 #include <CLI/CLI.hpp>
 
@@ -30,9 +29,3 @@ void addReaderArgument(CLI::App& command, std::string& id);
 
 // Add the argument that names a reader or, as "driver", the library itself.
 void addTargetArgument(CLI::App& command, std::string& target);
-
-// Accepts what parseDeviceId() can read; not a path.
-extern const CLI::Validator isDeviceId;
-
-// The help below the options. Each section is a raw string whose text starts and ends with a line break.
-std::string joinSections(std::initializer_list<std::string_view> sections);
