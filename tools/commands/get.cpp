@@ -1,17 +1,13 @@
 #include "command.h"
+#include "commands/parameters.h"
 #include "failure.h"
-#include "json.h"
-#include "output.h"
-#include "printable_text.h"
 #include "reader.h"
-#include "table.h"
 
-#include <algorithm>
 #include <array>
-#include <cctype>
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 
 namespace get_command {
 namespace {
@@ -39,8 +35,6 @@ struct Options {
     bool json = false;
 };
 
-constexpr std::array readerKeys = {"DEVICE-ID",  "FAMILYNAME", "DEVICENAME", "INTERFACE",
-                                   "TYPENUMBER", "DEVICEHND",  "TIMEOUT",    "PRESENT"};
 constexpr std::array driverKeys = {"HOTPLUG-MODE"};
 
 // The driver, or a reader that is open while this exists.
@@ -60,48 +54,30 @@ public:
         return m_reader ? m_reader->parameter(key) : readParameter("driver", GVUSB_DRIVER, key);
     }
 
+    // Nothing if it cannot be read. Throws if the reader is gone.
+    std::optional<std::string> valueIfAny(const std::string& key) const {
+        try {
+            return value(key);
+        } catch (const Failure& failure) {
+            if (failure.status() != ExitStatus::failure) {
+                throw;
+            }
+            return std::nullopt;
+        }
+    }
+
 private:
     std::optional<Reader> m_reader;
 };
 
-void getOne(const Target& target, const Options& options) {
-    const std::string value = target.value(options.key);
-    if (!options.json) {
-        output::print(value + '\n');
-        return;
-    }
-    std::string key = options.key;
-    std::ranges::transform(key, key.begin(),
-                           [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    Json object;
-    object[key] = value;
-    output::print(jsonLine(object, 2));
-}
-
-void getAll(const Target& target, bool json) {
-    Table table;
-    Json object;
-    for (const char* const key : target.keys()) {
-        std::optional<std::string> value;
-        try {
-            value = target.value(key);
-        } catch (const Failure& failure) {
-            if (failure.status() != ExitStatus::failure) {
-                throw; // the reader is gone
-            }
-        }
-        table.add({key, printable(value.value_or("-"))});
-        object[key] = value ? Json(*value) : Json(nullptr);
-    }
-    output::print(json ? jsonLine(object, 2) : table.text());
-}
-
 ExitStatus get(const Options& options) {
     const Target target(options.target);
     if (options.key.empty()) {
-        getAll(target, options.json);
+        printParameters(
+            target.keys(), [&target](const std::string& key) { return target.valueIfAny(key); },
+            options.json);
     } else {
-        getOne(target, options);
+        printParameter(options.key, target.value(options.key), options.json);
     }
     return ExitStatus::ok;
 }

@@ -1,5 +1,6 @@
 #include "command.h"
 #include "commands/bus_watch.h"
+#include "commands/watching.h"
 #include "failure.h"
 #include "hexadecimal.h"
 #include "interruption.h"
@@ -11,9 +12,7 @@
 
 #include <array>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
-#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -24,7 +23,7 @@
 namespace monitor_command {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = Watching::Clock;
 
 constexpr const char* about = R"(
 Each event is a line that is printed at once: time, 'connect' or 'disconnect', device ID, the handle that the
@@ -46,8 +45,7 @@ EXAMPLES
 
 struct Options {
     unsigned int pollInterval = 50;
-    std::optional<std::size_t> count;
-    std::optional<double> idleTimeout;
+    WatchingOptions watching;
     bool initial = false;
     bool json = false;
 };
@@ -97,7 +95,7 @@ public:
         , m_watch(options.pollInterval)
         , m_initial(scan(m_texts))
         , m_presence(m_initial)
-        , m_idleSince(Clock::now()) {}
+        , m_watching(options.watching) {}
 
     ExitStatus run() {
         if (::isatty(STDERR_FILENO) != 0) {
@@ -116,39 +114,19 @@ public:
             if (printChanges()) {
                 return ExitStatus::ok;
             }
-            if (idleEnd() && *idleEnd() <= Clock::now()) {
+            if (m_watching.isIdle()) {
                 return ExitStatus::timeOut;
             }
         }
     }
 
 private:
-    std::optional<Clock::time_point> idleEnd() const {
-        if (!m_options.idleTimeout) {
-            return std::nullopt;
-        }
-        const std::chrono::duration<double> longest(*m_options.idleTimeout);
-        return m_idleSince + std::chrono::duration_cast<Clock::duration>(longest);
-    }
-
-    int waitMilliseconds() const {
-        std::optional<Clock::time_point> earliest = m_settled;
-        if (const auto end = idleEnd()) {
-            earliest = std::min(earliest.value_or(*end), *end);
-        }
-        if (!earliest) {
-            return -1;
-        }
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*earliest - Clock::now()).count();
-        return static_cast<int>(std::clamp<decltype(left)>(left, 0, std::numeric_limits<int>::max()));
-    }
-
     // Also notices that the output was closed: there may be nothing to write for hours.
     void wait() const {
         std::array<pollfd, 3> waited = {{{.fd = m_interruption.descriptor(), .events = POLLIN, .revents = 0},
                                          {.fd = m_watch.descriptor(), .events = POLLIN, .revents = 0},
                                          {.fd = output::descriptor(), .events = 0, .revents = 0}}};
-        ::poll(waited.data(), waited.size(), waitMilliseconds());
+        ::poll(waited.data(), waited.size(), m_watching.millisecondsUntil(m_settled));
         if (waited[2].revents != 0) {
             throw output::Closed();
         }
@@ -169,17 +147,12 @@ private:
             m_presence.settle();
         }
         for (const Change& change : changes) {
-            print(change);
-            if (++m_printed == m_options.count) {
+            printLine(change.connected ? "connect" : "disconnect", change.id, change.handle);
+            if (m_watching.count()) {
                 return true;
             }
         }
         return false;
-    }
-
-    void print(const Change& change) {
-        m_idleSince = Clock::now();
-        printLine(change.connected ? "connect" : "disconnect", change.id, change.handle);
     }
 
     void printLine(const std::string& event, unsigned int id, int handle) const {
@@ -208,8 +181,7 @@ private:
     Presence::Ids m_initial;
     Presence m_presence;
     std::optional<Clock::time_point> m_settled;
-    Clock::time_point m_idleSince;
-    std::size_t m_printed = 0;
+    Watching m_watching;
 };
 
 } // namespace
@@ -221,14 +193,7 @@ void addMonitor(CLI::App& app, ExitStatus& status) {
     CLI::App* command = app.add_subcommand("monitor", "Report readers as they connect and disconnect");
     command->add_flag("--json", options->json, "Print an object for each event, one per line");
     command->add_flag("--initial", options->initial, "Start with a line for each reader that is present");
-    command->add_option("--count", options->count, "Exit after N events")
-        ->type_name("N")
-        ->check(CLI::Range(std::size_t{1}, std::numeric_limits<std::size_t>::max()).description(""));
-    command
-        ->add_option("--idle-timeout", options->idleTimeout,
-                     "Exit with status 3 after S seconds without an event")
-        ->type_name("S")
-        ->check(CLI::Range(0.001, 1e9).description(""));
+    addWatchingOptions(*command, options->watching);
     command
         ->add_option("--poll-interval", options->pollInterval,
                      "Milliseconds between polls, if the bus is polled (50)")
