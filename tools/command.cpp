@@ -1,7 +1,7 @@
 #include "command.h"
 
 #include "hexadecimal.h"
-#include "usb_location.h"
+#include "usb_path.h"
 
 namespace {
 

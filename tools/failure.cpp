@@ -18,14 +18,28 @@ std::string libraryText(int code) {
     return text;
 }
 
+std::string messageOf(const Problem& problem) {
+    const Explanation* const found = problem.code ? findExplanation(*problem.code) : nullptr;
+    return problem.text + (found == nullptr ? std::string{} : " [" + std::string(found->name) + "]");
+}
+
+Problem libraryProblem(int code) {
+    return {.status = statusOf(code), .code = code, .text = libraryText(code)};
+}
+
 std::string codeText(int code) {
-    const Explanation* const found = findExplanation(code);
-    return libraryText(code) + (found == nullptr ? std::string{} : " [" + std::string(found->name) + "]");
+    return messageOf(libraryProblem(code));
+}
+
+Failure failureOf(std::string_view what, const Problem& problem) {
+    return Failure(std::string(what) + ": " + messageOf(problem), problem.status,
+                   problem.code
+                       ? "Run 'gvusb explain " + std::to_string(*problem.code) + "' for causes and remedies."
+                       : std::string{});
 }
 
 Failure libraryFailure(std::string_view what, int code) {
-    return Failure(std::string(what) + ": " + codeText(code), statusOf(code),
-                   "Run 'gvusb explain " + std::to_string(code) + "' for causes and remedies.");
+    return failureOf(what, libraryProblem(code));
 }
 
 int check(std::string_view what, int result) {

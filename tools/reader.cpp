@@ -4,6 +4,7 @@
 #include "hexadecimal.h"
 #include "note.h"
 #include "usb_location.h"
+#include "usb_path.h"
 
 #include <array>
 #include <cstdio>

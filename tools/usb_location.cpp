@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <regex>
 #include <set>
 #include <span>
 #include <string_view>
@@ -93,11 +92,6 @@ bool hasBulkEndpoints(libusb_device* device) {
 }
 
 } // namespace
-
-bool isUsbPath(std::string_view text) {
-    static const std::regex form("usb:[0-9]{1,3}-[0-9]{1,3}(\\.[0-9]{1,3}){0,6}");
-    return std::regex_match(text.begin(), text.end(), form);
-}
 
 std::set<UsbNode> openUsbNodes() {
     std::set<UsbNode> nodes;

@@ -6,7 +6,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <string_view>
 #include <vector>
 
 // The node of a device, such as /dev/bus/usb/001/007.
@@ -28,9 +27,6 @@ struct UsbLocation {
 
 // The nodes that this process has open.
 std::set<UsbNode> openUsbNodes();
-
-// Whether the text has the form of such a path.
-bool isUsbPath(std::string_view text);
 
 // The location of the one reader that this process has open. Nothing if it cannot be found out.
 std::optional<UsbLocation> locationOfOpenReader();

@@ -37,7 +37,7 @@ void printTable(const std::vector<ListedReader>& readers) {
         const ListedReader& reader = readers[i];
         const LocationTexts location(reader.location);
         add(reader.machine,
-            {std::to_string(i), withMachine ? reader.reader : reader.id, printable(reader.family),
+            {std::to_string(i), printable(withMachine ? reader.reader : reader.id), printable(reader.family),
              printable(reader.name), printable(reader.interfaceType),
              printable(reader.typeNumber.value_or("-")), location.path, location.bus, location.address});
     }

@@ -1,6 +1,7 @@
 #include "commands/recorded_program.h"
 
 #include "commands/restart_without_hotplug.h"
+#include "companion_file.h"
 #include "failure.h"
 
 #include <algorithm>
@@ -11,7 +12,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <sstream>
+#include <string>
 #include <string_view>
 #include <system_error>
 
@@ -26,7 +29,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view preloadName = "libgvusb-record-preload.so";
+constexpr const char* preloadName = "libgvusb-record-preload.so";
 constexpr const char* preloadVariable = "LD_PRELOAD";
 constexpr const char* sanitizerVariable = "ASAN_OPTIONS";
 constexpr std::array passedOn = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2};
@@ -48,23 +51,16 @@ void handleSignal(int number, siginfo_t* info, void*) {
     errno = error;
 }
 
-// In a build folder it lies beside the tool, when installed in the library folder.
 fs::path findPreload() {
-    const fs::path tool = fs::read_symlink("/proc/self/exe");
-    const std::array candidates = {tool.parent_path() / preloadName, tool.parent_path().parent_path() /
-                                                                         GVUSB_RECORD_PRELOAD_FOLDER /
-                                                                         preloadName};
-    for (const fs::path& candidate : candidates) {
-        if (!fs::exists(candidate)) {
-            continue;
-        }
-        if (candidate.string().find_first_of(": ") != std::string::npos) {
-            throw Failure(candidate.string() +
-                          ": a path with a blank or a colon cannot be preloaded; move the tool elsewhere");
-        }
-        return candidate;
+    const std::optional<fs::path> preload = companionFile(preloadName);
+    if (!preload) {
+        throw Failure(std::string(preloadName) + ": no such file");
     }
-    throw Failure(candidates.front().string() + ": no such file");
+    if (preload->string().find_first_of(": ") != std::string::npos) {
+        throw Failure(preload->string() +
+                      ": a path with a blank or a colon cannot be preloaded; move the tool elsewhere");
+    }
+    return *preload;
 }
 
 // Ours in front, so that it sees what the program does before another preload answers it.

@@ -2,7 +2,6 @@
 #include "command.h"
 #include "commands/exchange.h"
 #include "commands/sending.h"
-#include "failure.h"
 #include "interruption.h"
 #include "reader.h"
 
@@ -62,10 +61,7 @@ public:
         Result result;
         result.milliseconds = exchanged.milliseconds;
         if (exchanged.code < 0) {
-            result.failed = Failed{.status = statusOf(exchanged.code),
-                                   .code = exchanged.code,
-                                   .message = codeText(exchanged.code),
-                                   .error = libraryText(exchanged.code)};
+            result.problem = libraryProblem(exchanged.code);
         } else {
             result.answer = std::move(exchanged.answer);
         }

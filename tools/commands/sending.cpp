@@ -4,12 +4,12 @@
 #include "commands/histogram.h"
 #include "commands/standard_input.h"
 #include "explanations.h"
-#include "failure.h"
 #include "output.h"
 #include "printable_text.h"
 #include "table.h"
 
 #include <array>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 
@@ -83,6 +83,11 @@ const char* stoppingNotice() {
                : "gvusb: stopping after this exchange; another signal stops at once\n";
 }
 
+void Counterpart::wait(std::span<pollfd> descriptors) {
+    while (::poll(descriptors.data(), descriptors.size(), -1) < 0 && errno == EINTR) {
+    }
+}
+
 Sending::Sending(const SendingOptions& options, Counterpart& counterpart, const Interruption& interruption)
     : m_options(options)
     , m_counterpart(counterpart)
@@ -115,7 +120,8 @@ Bytes Sending::argumentFrame() const {
 }
 
 void Sending::sendStandardInput() {
-    StandardInput input(m_interruption);
+    StandardInput input(m_interruption,
+                        [this](std::span<pollfd> descriptors) { m_counterpart.wait(descriptors); });
     for (unsigned int number = 1;; ++number) {
         prompt();
         const std::optional<std::string> line = input.nextLine();
@@ -178,9 +184,9 @@ bool Sending::sendOnce(const Bytes& frame) {
     if (m_options.json) {
         output::print(jsonLine(object(frame, result)));
     }
-    if (result.failed) {
-        reportFailure(*result.failed);
-        return (m_options.keepGoing || m_isInteractive) && result.failed->status != ExitStatus::notFound;
+    if (result.problem) {
+        reportFailure(*result.problem);
+        return (m_options.keepGoing || m_isInteractive) && result.problem->status != ExitStatus::notFound;
     }
     m_times.add(result.milliseconds);
     if (!m_options.json) {
@@ -198,28 +204,28 @@ void Sending::printAnswer(const Bytes& answer) {
     m_lastPrinted = answer;
 }
 
-void Sending::reportFailure(const Counterpart::Failed& failed) {
+void Sending::reportFailure(const Problem& problem) {
     ++m_failed;
     m_progress.clear();
-    std::fprintf(stderr, "gvusb: %s: %s\n", m_counterpart.title().c_str(), failed.message.c_str());
+    std::fprintf(stderr, "gvusb: %s: %s\n", m_counterpart.title().c_str(), messageOf(problem).c_str());
     // Any other failure says more than a time-out.
     if (m_status == ExitStatus::ok || m_status == ExitStatus::timeOut) {
-        m_status = failed.status;
+        m_status = problem.status;
     }
 }
 
 Json Sending::object(const Bytes& frame, const Counterpart::Result& result) const {
     Json json = m_counterpart.identity();
     json["sent"] = frameText(frame, "");
-    if (result.failed) {
-        json["code"] = result.failed->code ? Json(*result.failed->code) : Json(nullptr);
-        json["error"] = result.failed->error;
+    if (result.problem) {
+        json["code"] = result.problem->code ? Json(*result.problem->code) : Json(nullptr);
+        json["error"] = result.problem->text;
     } else {
         json["received"] = frameText(result.answer, "");
     }
     json["ms"] = sending::rounded(result.milliseconds);
-    if (result.failed) {
-        json["name"] = sending::nameOf(result.failed->code);
+    if (result.problem) {
+        json["name"] = sending::nameOf(result.problem->code);
     }
     json.update(result.details);
     return json;

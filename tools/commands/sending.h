@@ -5,16 +5,19 @@
 #include "commands/progress.h"
 #include "commands/statistics.h"
 #include "exit_status.h"
+#include "failure.h"
 #include "hexadecimal.h"
 #include "interruption.h"
 #include "json.h"
 
 #include <cstddef>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
+#include <poll.h>
 
 struct SendingOptions {
     std::string id; // of the reader, as on the command line
@@ -39,16 +42,10 @@ const char* stoppingNotice();
 // The reader that the frames are sent to.
 class Counterpart {
 public:
-    struct Failed {
-        ExitStatus status = ExitStatus::failure;
-        std::optional<int> code; // of the library
-        std::string message;     // for people, with all that is known
-        std::string error;       // the text alone
-    };
     struct Result {
         Bytes answer;
         double milliseconds = 0;
-        std::optional<Failed> failed;
+        std::optional<Problem> problem;
         Json details = Json::object(); // further members of the object that is printed
     };
 
@@ -57,6 +54,8 @@ public:
     // The first members of each object that is printed.
     virtual Json identity() const { return Json::object(); }
     virtual Result exchange(const Bytes& frame) = 0;
+    // Wait until one of these descriptors is ready.
+    virtual void wait(std::span<pollfd> descriptors);
 
 protected:
     ~Counterpart() = default;
@@ -77,7 +76,7 @@ private:
     bool sendRepeatedly(const Bytes& frame);
     bool sendOnce(const Bytes& frame);
     void printAnswer(const Bytes& answer);
-    void reportFailure(const Counterpart::Failed& failed);
+    void reportFailure(const Problem& problem);
     Json object(const Bytes& frame, const Counterpart::Result& result) const;
     void printSummary();
     Json summaryObject() const;

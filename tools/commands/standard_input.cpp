@@ -7,11 +7,11 @@
 #include <system_error>
 #include <utility>
 
-#include <poll.h>
 #include <unistd.h>
 
-StandardInput::StandardInput(const Interruption& interruption)
-    : m_interruption(interruption) {
+StandardInput::StandardInput(const Interruption& interruption, Wait wait)
+    : m_interruption(interruption)
+    , m_wait(std::move(wait)) {
 }
 
 bool StandardInput::isTerminal() {
@@ -22,8 +22,7 @@ bool StandardInput::isTerminal() {
 bool StandardInput::fill() {
     std::array<pollfd, 2> waited = {{{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0},
                                      {.fd = m_interruption.descriptor(), .events = POLLIN, .revents = 0}}};
-    while (::poll(waited.data(), waited.size(), -1) < 0 && errno == EINTR) {
-    }
+    m_wait(waited);
     if (m_interruption.requested()) {
         return false;
     }

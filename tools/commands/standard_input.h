@@ -3,12 +3,19 @@
 
 #include "interruption.h"
 
+#include <functional>
 #include <optional>
+#include <span>
 #include <string>
+
+#include <poll.h>
 
 class StandardInput {
 public:
-    explicit StandardInput(const Interruption& interruption);
+    // Waits for one of these descriptors to be ready.
+    using Wait = std::function<void(std::span<pollfd>)>;
+
+    StandardInput(const Interruption& interruption, Wait wait);
 
     // Whether somebody types the lines.
     static bool isTerminal();
@@ -20,6 +27,7 @@ private:
     bool fill();
 
     const Interruption& m_interruption;
+    Wait m_wait;
     std::string m_buffer;
     bool m_atEnd = false;
 };

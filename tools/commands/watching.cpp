@@ -1,5 +1,7 @@
 #include "commands/watching.h"
 
+#include "poll_timeout.h"
+
 #include <algorithm>
 #include <limits>
 
@@ -34,6 +36,5 @@ int Watching::millisecondsUntil(std::optional<Clock::time_point> time) const {
     if (!time) {
         return -1;
     }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*time - Clock::now()).count();
-    return static_cast<int>(std::clamp<decltype(left)>(left, 0, std::numeric_limits<int>::max()));
+    return ::millisecondsUntil(*time);
 }
