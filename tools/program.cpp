@@ -38,6 +38,9 @@ std::string mistake(const CLI::App& app, const CLI::Error& error) {
         return "no command given";
     }
     const std::string& first = unexpected.front();
+    if (hasCommand && app.get_option_no_throw(first.substr(0, first.find('='))) != nullptr) {
+        return "the option '" + first + "' stands before the command";
+    }
     const char* const what = first.starts_with('-') ? "unknown option"
                              : hasCommand           ? "unexpected argument"
                                                     : "unknown command";
