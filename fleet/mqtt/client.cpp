@@ -19,6 +19,8 @@
 namespace mqtt {
 namespace {
 
+constexpr const char* systemCertificates = "/etc/ssl/certs";
+
 void initializeLibrary() {
     static std::once_flag once;
     std::call_once(once, [] { mosquitto_lib_init(); });
@@ -88,6 +90,12 @@ Client::Client(Options options, Listener& listener)
               mosquitto_will_set_v5(client, will.topic.c_str(), static_cast<int>(will.payload.size()),
                                     will.payload.data(), will.qos, will.retained, nullptr));
     }
+    // For some errors, libmosquitto says only here what was wrong.
+    mosquitto_log_callback_set(client, [](mosquitto*, void* self, int level, const char* text) {
+        if (level == MOSQ_LOG_ERR) {
+            of(self).m_errors.append(of(self).m_errors.empty() ? "" : "; ").append(text);
+        }
+    });
     mosquitto_connect_v5_callback_set(
         client, [](mosquitto*, void* self, int reason, int flags, const mosquitto_property*) {
             constexpr int sessionPresent = 1;
@@ -146,7 +154,11 @@ void Client::useTls() {
     if (ca.empty()) {
         check("the system's certificates", mosquitto_int_option(client, MOSQ_OPT_TLS_USE_OS_CERTS, 1));
     }
-    check("TLS", mosquitto_tls_set(client, orNull(ca), nullptr, orNull(certificate), orNull(key), nullptr));
+    // libmosquitto takes a certificate of its own only with a file or folder of those that it trusts.
+    if (!ca.empty() || !certificate.empty()) {
+        check("TLS", mosquitto_tls_set(client, orNull(ca), ca.empty() ? systemCertificates : nullptr,
+                                       orNull(certificate), orNull(key), nullptr));
+    }
     constexpr int verifyPeer = 1;
     check("TLS", mosquitto_tls_opts_set(client, verifyPeer, nullptr, nullptr));
 }
@@ -154,6 +166,7 @@ void Client::useTls() {
 void Client::beginToConnect() {
     m_disconnectReason = 0;
     m_wasRefused = false;
+    m_errors.clear();
     m_connecting = std::async(std::launch::async, [this] {
         const int code = mosquitto_connect_bind_v5(m_client.get(), m_address.host.c_str(), m_address.port,
                                                    static_cast<int>(m_options.keepAliveSeconds), nullptr,
@@ -169,7 +182,7 @@ void Client::finishConnecting() {
     static_cast<void>(::eventfd_read(m_connectDone, &count));
     const int code = m_connecting.get();
     if (code != MOSQ_ERR_SUCCESS) {
-        reportLoss(code < 0 ? std::generic_category().message(-code) : errorText(code));
+        reportLoss(code < 0 ? std::generic_category().message(-code) : explained(code));
     }
 }
 
@@ -212,8 +225,12 @@ void Client::process(short pollEvents) {
 void Client::handle(int code) {
     const std::string why = m_disconnectReason >= MQTT_RC_UNSPECIFIED
                                 ? mosquitto_reason_string(m_disconnectReason)
-                                : errorText(code == MOSQ_ERR_SUCCESS ? MOSQ_ERR_CONN_LOST : code);
+                                : explained(code == MOSQ_ERR_SUCCESS ? MOSQ_ERR_CONN_LOST : code);
     reportLoss(why);
+}
+
+std::string Client::explained(int code) const {
+    return code == MOSQ_ERR_TLS && !m_errors.empty() ? "TLS: " + m_errors : errorText(code);
 }
 
 void Client::reportLoss(const std::string& why) {

@@ -98,6 +98,7 @@ private:
     void useTls();
     void finishConnecting();
     void handle(int code);
+    std::string explained(int code) const;
     void reportLoss(const std::string& why);
 
     Options m_options;
@@ -109,6 +110,7 @@ private:
     std::future<int> m_connecting;
     int m_disconnectReason = 0;
     bool m_wasRefused = false;
+    std::string m_errors; // that libmosquitto has logged since the last attempt to connect
 };
 
 } // namespace mqtt
