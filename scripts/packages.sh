@@ -11,11 +11,12 @@ build_packages=(g++ cmake ninja-build pkg-config libusb-1.0-0-dev libcli11-dev l
 # Also needed for the tests: abigail-tools to compare the binary interface, doxygen and help2man to build the manual,
 # gnuplot-nox to draw recordings and tshark to read them, mosquitto as the broker of a fleet, with its clients, those of
 # Python and certificates of openssl, mypy and the packages for Python to check and install the Python package, python3 to run
-# what the guides show, systemd to check the unit, usbip to try the virtual readers with the standard client, fish and zsh to
-# try their completions, and the programs that have to work on virtual readers.
+# what the guides show, python3-jsonschema to check the schema of the topics, systemd to check the unit, usbip to try the
+# virtual readers with the standard client, fish and zsh to try their completions, and the programs that have to work on
+# virtual readers.
 test_packages=(libgtest-dev libgmock-dev libcmocka-dev abigail-tools doxygen fish gnuplot-nox help2man mosquitto
-    mosquitto-clients mypy openssl python3 python3-paho-mqtt python3-pip python3-setuptools python3-venv python3-wheel systemd
-    usbip zsh gdb python3-usb strace tshark udev usbutils valgrind)
+    mosquitto-clients mypy openssl python3 python3-jsonschema python3-paho-mqtt python3-pip python3-setuptools python3-venv
+    python3-wheel systemd usbip zsh gdb python3-usb strace tshark udev usbutils valgrind)
 
 # Also needed for the tests on a real kernel, in a virtual machine.
 kernel_packages=(qemu-system-x86 cpio)

@@ -12,12 +12,14 @@ Run the code blocks of a document in order, in a folder that contains only links
   console  each line with "$ " is run in a shell; the lines after it must be its output, where "..." stands for any
            text in a line and, alone, for any lines. "# exit status N" at the end of a command is its status (0).
   udev     each line is a comment or has the form of a rule
+  json     is JSON
   sh       not run here, because it changes the machine or takes long; see shell_blocks.py for where it is run
 
 Other languages are an error. The environment says where to find the compilers (CC, CXX), the programs (PATH), the header
 (CPATH), the library (LIBRARY_PATH, LD_LIBRARY_PATH) and CMake packages (CMAKE_PREFIX_PATH).
 """
 
+import json
 import os
 import re
 import subprocess
@@ -91,6 +93,13 @@ def check_rules(text, _):
             raise Mismatch(f"not a udev rule: {line}")
 
 
+def check_json(text, _):
+    try:
+        json.loads(text)
+    except ValueError as error:
+        raise Mismatch(f"not JSON: {error}\n{text}") from error
+
+
 def pattern_of(lines):
     """Convert the expected lines to a regular expression."""
     parts = []
@@ -132,7 +141,7 @@ def run_console(text, folder):
 
 RUNNERS = {"c": compiles([os.environ.get("CC", "cc"), "-std=c11"], ".c", FRAME),
            "cpp": compiles([os.environ.get("CXX", "c++"), "-std=c++17"], ".cpp", CXX_FRAME), "cmake": keep("CMakeLists.txt"), "python": keep("program.py"), "conf": keep("gvusb.conf"),
-           "udev": check_rules, "console": run_console}
+           "udev": check_rules, "json": check_json, "console": run_console}
 
 
 def main():
