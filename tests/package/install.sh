@@ -49,7 +49,7 @@ grep -q '^gvusb_debuglevel=1$' "$folder/system/etc/gavo/gvusb.conf" || fail "the
 [ "$(contents "$folder/system")" = ./etc/gavo/gvusb.conf ] || fail "not removed: $(contents "$folder/system")"
 
 # Each file must belong to one of the components that make up the packages.
-for component in runtime development tools; do
+for component in runtime development tools fleet; do
     DESTDIR=$folder/components cmake --install "$build" --prefix /usr --component "$component" >/dev/null
 done
 contents "$folder/components" | diff "$folder/installed" - || fail "the components differ from the installation"
