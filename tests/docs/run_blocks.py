@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""usage: run_blocks.py DOCUMENT [NAME=PATH...]
+"""usage: run_blocks.py [--own-network] DOCUMENT [NAME=PATH...]
 
-Run the code blocks of a document in order, in a folder that contains only links with these names:
+Run the code blocks of a document in order, in a folder that contains only links with these names. With --own-network, the
+commands see only a loopback interface of their own, so any port is free. What they leave running is ended.
 
   c        a program must compile without warnings and is stored as program.c; code without main is compiled inside a
            function
@@ -19,12 +20,18 @@ Other languages are an error. The environment says where to find the compilers (
 (CPATH), the library (LIBRARY_PATH, LD_LIBRARY_PATH) and CMake packages (CMAKE_PREFIX_PATH).
 """
 
+import ctypes
+import fcntl
 import json
 import os
 import re
+import signal
+import socket
+import struct
 import subprocess
 import sys
 import tempfile
+import time
 
 import shell_blocks
 
@@ -144,12 +151,73 @@ RUNNERS = {"c": compiles([os.environ.get("CC", "cc"), "-std=c11"], ".c", FRAME),
            "udev": check_rules, "json": check_json, "console": run_console}
 
 
+def call_system(name, *arguments):
+    library = ctypes.CDLL(None, use_errno=True)
+    if getattr(library, name)(*arguments) != 0:
+        raise OSError(ctypes.get_errno(), f"{name}: {os.strerror(ctypes.get_errno())}")
+
+
+def enter_own_network():
+    """Move to a new network namespace, as the same user, and bring its loopback interface up."""
+    new_user, new_network = 0x10000000, 0x40000000
+    user, group = os.geteuid(), os.getegid()
+    if user == 0:
+        call_system("unshare", new_network)
+    else:
+        call_system("unshare", new_user | new_network)
+        for file, text in [("setgroups", "deny"), ("uid_map", f"{user} {user} 1"), ("gid_map", f"{group} {group} 1")]:
+            with open(f"/proc/self/{file}", "w", encoding="ascii") as map_file:
+                map_file.write(text)
+    get_flags, set_flags, is_up = 0x8913, 0x8914, 1
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as control:
+        request = fcntl.ioctl(control, get_flags, struct.pack("16sh14x", b"lo", 0))
+        flags = struct.unpack("16sh14x", request)[1]
+        fcntl.ioctl(control, set_flags, struct.pack("16sh14x", b"lo", flags | is_up))
+
+
+def adopt_orphans():
+    """Become the parent of what the commands leave running."""
+    set_child_subreaper = 36
+    call_system("prctl", set_child_subreaper, 1, 0, 0, 0)
+
+
+def end_orphans():
+    def children():
+        with open(f"/proc/self/task/{os.getpid()}/children", encoding="ascii") as file:
+            return [int(process) for process in file.read().split()]
+
+    for number in [signal.SIGTERM] * 100 + [signal.SIGKILL] * 100:
+        left = children()
+        if not left:
+            return
+        for process in left:
+            os.kill(process, number)
+        try:
+            while os.waitpid(-1, os.WNOHANG)[0] != 0:
+                pass
+        except ChildProcessError:
+            return
+        time.sleep(0.1)
+
+
 def main():
-    with open(sys.argv[1], encoding="utf-8") as file:
+    arguments = sys.argv[1:]
+    if arguments[0] == "--own-network":
+        arguments.pop(0)
+        enter_own_network()
+    adopt_orphans()
+    try:
+        return run(*arguments)
+    finally:
+        end_orphans()
+
+
+def run(path, *links):
+    with open(path, encoding="utf-8") as file:
         document = file.read()
     done = elsewhere = failed = 0
     with tempfile.TemporaryDirectory() as folder:
-        for link in sys.argv[2:]:
+        for link in links:
             target, path = link.split("=", 1)
             os.symlink(path, os.path.join(folder, target))
         for block in shell_blocks.BLOCK.finditer(document):
@@ -168,7 +236,7 @@ def main():
             except Mismatch as mismatch:
                 failed += 1
                 line = document.count("\n", 0, block.start()) + 1
-                print(f"{sys.argv[1]}:{line}: {mismatch}", file=sys.stderr)
+                print(f"{path}:{line}: {mismatch}", file=sys.stderr)
     print(f"{done} blocks passed, {failed} failed, {elsewhere} are run elsewhere")
     return 1 if failed or done + elsewhere == 0 else 0
 
