@@ -22,7 +22,7 @@ escaped() { sed 's/\\/\\e/g; s/-/\\-/g; s/^[.'"'"']/\\\&&/'; }
         "$program" "$command" --help | escaped
         printf '.fi\n\n'
     done
-    printf '[see also]\n.BR libgvusb (3),\n.BR gvusb.conf (5),\n.BR gvusb (1),\n.BR gvusb\\-emulate (1)\n'
+    printf '[see also]\n.BR libgvusb (3),\n.BR gvusb.conf (5),\n.BR gvusb (1),\n.BR gvusb\\-emulate (1),\n.BR gvusb\\-mqtt (1)\n'
 } >"$scratch/include"
 
 # What help2man runs instead of the program. All forms of the usage except the first start with "or:".
