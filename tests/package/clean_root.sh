@@ -43,6 +43,9 @@ mount -t proc proc /proc
 mount -t sysfs -o ro sysfs /sys
 trap 'umount /proc /sys' EXIT
 
+# Nothing is started by being installed.
+printf '#!/bin/sh\nexit 101\n' >/usr/sbin/policy-rc.d
+chmod +x /usr/sbin/policy-rc.d
 echo 'APT { Get::Assume-Yes "true"; Install-Recommends "false"; };' >/etc/apt/apt.conf.d/90answers
 contents >/tmp/before
 quietly apt-get update
@@ -92,6 +95,27 @@ udevadm control --exit
 # The daemon leaves its socket behind.
 rm /run/udev/control
 
+# The tools must not need the library of a broker.
+! dpkg-query --status libmosquitto1 >/dev/null 2>&1 || fail "libmosquitto1 is installed without gvusb-mqtt"
+shown readers-of-a-fleet 1
+shown readers-of-a-fleet 2
+shown readers-of-a-fleet 3
+shown readers-of-a-fleet 6
+shown readers-of-a-fleet 4
+shown readers-of-a-fleet 7
+shown readers-of-a-fleet 8
+shown readers-of-a-fleet 9
+shown readers-of-a-fleet 11
+for file in mqtt-topics.schema.json examples/gvusb-mqtt.conf examples/mosquitto-acl; do
+    [ -e "/usr/share/doc/gvusb-mqtt/$file" ] || fail "not installed: $file"
+done
+[ -e /lib/systemd/system/gvusb-mqtt.service ] || fail "the unit is not installed"
+[ ! -e /etc/systemd/system/multi-user.target.wants/gvusb-mqtt.service ] || fail "the service is enabled without a broker"
+unshare --net "$sources/tests/package/clean_root_fleet.sh" "$sources"
+rm -rf "$sources"/gvusb-ca.* "$sources"/broker.* "$sources"/*.password /etc/systemd/system/gvusb-mqtt.service.d \
+    /etc/gavo/gvusb-mqtt.password /etc/gavo/gvusb-mqtt-ca.crt /etc/mosquitto/conf.d/gvusb.conf /etc/mosquitto/gvusb.* \
+    /etc/mosquitto/certs/broker.* /etc/mosquitto/ca_certificates/gvusb-ca.crt /var/lib/mosquitto/mosquitto.db
+
 # Neither readers nor udev are available here, and the tool must report both.
 if (shown getting-started 4) >/tmp/diagnosis; then
     fail "gvusb doctor finds no problem"
@@ -103,7 +127,7 @@ for problem in udev readers; do
     }
 done
 
-quietly apt-get purge -y libgvusb7 libgvusb-dev gvusb-tools python3-gvusb
+quietly apt-get purge -y libgvusb7 libgvusb-dev gvusb-mqtt gvusb-tools mosquitto openssl python3-gvusb
 quietly apt-get autoremove -y --purge
 contents >/tmp/after
 if ! diff /tmp/before /tmp/after >/tmp/left; then
