@@ -15,12 +15,12 @@ struct BrokerAddress {
 };
 
 struct BrokerOptions {
-    std::string address; // [mqtt://|mqtts://]HOST[:PORT]
-    std::string caFile;  // empty: the system's certification authorities
-    std::string certificate;
-    std::string key;
-    std::string user;
-    std::string passwordFile;
+    std::string address = {}; // [mqtt://|mqtts://]HOST[:PORT]
+    std::string caFile = {};  // empty: the system's certification authorities
+    std::string certificate = {};
+    std::string key = {};
+    std::string user = {};
+    std::string passwordFile = {};
     bool insecure = false; // permits a connection without TLS to another machine
 };
 

@@ -39,6 +39,26 @@ void check(const std::string& what, int code) {
     }
 }
 
+// Throw if libmosquitto rejects a request. That the connection is lost is no rejection: process() reports it, and
+// libmosquitto sends a message of QoS 1 again.
+void checkRequest(const std::string& what, int code) {
+    switch (code) {
+    case MOSQ_ERR_NOMEM:
+    case MOSQ_ERR_PROTOCOL:
+    case MOSQ_ERR_INVAL:
+    case MOSQ_ERR_PAYLOAD_SIZE:
+    case MOSQ_ERR_MALFORMED_UTF8:
+    case MOSQ_ERR_DUPLICATE_PROPERTY:
+    case MOSQ_ERR_QOS_NOT_SUPPORTED:
+    case MOSQ_ERR_OVERSIZE_PACKET:
+    case MOSQ_ERR_RETAIN_NOT_SUPPORTED:
+        check(what, code);
+        break;
+    default:
+        break;
+    }
+}
+
 void requireReadable(const std::string& path) {
     if (::access(path.c_str(), R_OK) != 0) {
         throw std::runtime_error("'" + path + "' cannot be read: " + std::generic_category().message(errno));
@@ -96,15 +116,18 @@ Client::Client(Options options, Listener& listener)
             of(self).m_errors.append(of(self).m_errors.empty() ? "" : "; ").append(text);
         }
     });
+    // An exception must not pass through libmosquitto: guard() keeps it for process().
     mosquitto_connect_v5_callback_set(
         client, [](mosquitto*, void* self, int reason, int flags, const mosquitto_property*) {
-            constexpr int sessionPresent = 1;
-            if (reason == MQTT_RC_SUCCESS) {
-                of(self).m_listener.connected((flags & sessionPresent) != 0);
-            } else {
-                of(self).m_wasRefused = true;
-                of(self).m_listener.refused(reason);
-            }
+            of(self).guard([&](Client& owner) {
+                constexpr int sessionPresent = 1;
+                if (reason == MQTT_RC_SUCCESS) {
+                    owner.m_listener.connected((flags & sessionPresent) != 0);
+                } else {
+                    owner.m_wasRefused = true;
+                    owner.m_listener.refused(reason);
+                }
+            });
         });
     mosquitto_disconnect_v5_callback_set(client,
                                          [](mosquitto*, void* self, int reason, const mosquitto_property*) {
@@ -112,19 +135,21 @@ Client::Client(Options options, Listener& listener)
                                          });
     mosquitto_message_v5_callback_set(
         client, [](mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property* list) {
-            of(self).m_listener.received({.topic = message->topic,
-                                          .payload = {static_cast<const char*>(message->payload),
-                                                      static_cast<std::size_t>(message->payloadlen)},
-                                          .retained = message->retain,
-                                          .properties = MessageProperties::of(list)});
+            of(self).guard([&](Client& owner) {
+                owner.m_listener.received({.topic = message->topic,
+                                           .payload = {static_cast<const char*>(message->payload),
+                                                       static_cast<std::size_t>(message->payloadlen)},
+                                           .retained = message->retain,
+                                           .properties = MessageProperties::of(list)});
+            });
         });
     mosquitto_publish_v5_callback_set(
         client, [](mosquitto*, void* self, int number, int reason, const mosquitto_property*) {
-            of(self).m_listener.acknowledged(number, reason);
+            of(self).guard([&](Client& owner) { owner.m_listener.acknowledged(number, reason); });
         });
     mosquitto_subscribe_v5_callback_set(
         client, [](mosquitto*, void* self, int number, int, const int* granted, const mosquitto_property*) {
-            of(self).m_listener.subscribed(number, *granted);
+            of(self).guard([&](Client& owner) { owner.m_listener.subscribed(number, *granted); });
         });
     m_connectDone = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (m_connectDone < 0) {
@@ -181,7 +206,8 @@ void Client::finishConnecting() {
     eventfd_t count = 0;
     static_cast<void>(::eventfd_read(m_connectDone, &count));
     const int code = m_connecting.get();
-    if (code != MOSQ_ERR_SUCCESS) {
+    m_isOpen = code == MOSQ_ERR_SUCCESS;
+    if (!m_isOpen) {
         reportLoss(code < 0 ? std::generic_category().message(-code) : explained(code));
     }
 }
@@ -202,12 +228,13 @@ void Client::process(short pollEvents) {
         }
         return;
     }
-    mosquitto* const client = m_client.get();
-    if (mosquitto_socket(client) < 0) {
+    if (!m_isOpen) {
         return;
     }
-    int code = MOSQ_ERR_SUCCESS;
-    if ((pollEvents & ~POLLOUT) != 0) {
+    mosquitto* const client = m_client.get();
+    // Publishing may have closed it.
+    int code = mosquitto_socket(client) < 0 ? MOSQ_ERR_CONN_LOST : MOSQ_ERR_SUCCESS;
+    if (code == MOSQ_ERR_SUCCESS && (pollEvents & ~POLLOUT) != 0) {
         acknowledgeAtOnce(mosquitto_socket(client));
         code = mosquitto_loop_read(client, 1);
     }
@@ -218,7 +245,11 @@ void Client::process(short pollEvents) {
         code = mosquitto_loop_misc(client);
     }
     if (code != MOSQ_ERR_SUCCESS || mosquitto_socket(client) < 0) {
+        m_isOpen = false;
         handle(code);
+    }
+    if (m_thrown != nullptr) {
+        std::rethrow_exception(std::exchange(m_thrown, nullptr));
     }
 }
 
@@ -241,20 +272,17 @@ void Client::reportLoss(const std::string& why) {
 
 int Client::publish(const Publication& what, const Properties& properties) {
     int number = 0;
-    const int code = mosquitto_publish_v5(m_client.get(), &number, what.topic.c_str(),
-                                          static_cast<int>(what.payload.size()), what.payload.data(),
-                                          what.qos, what.retained, properties.list());
-    // Without a connection, libmosquitto keeps a message of QoS 1 and sends it later.
-    if (code != MOSQ_ERR_SUCCESS && code != MOSQ_ERR_NO_CONN && code != MOSQ_ERR_CONN_LOST) {
-        throw std::runtime_error("publish to '" + what.topic + "': " + errorText(code));
-    }
+    checkRequest("publish to '" + what.topic + "'",
+                 mosquitto_publish_v5(m_client.get(), &number, what.topic.c_str(),
+                                      static_cast<int>(what.payload.size()), what.payload.data(), what.qos,
+                                      what.retained, properties.list()));
     return number;
 }
 
 int Client::subscribe(const std::string& filter, int qos, int options) {
     int number = 0;
-    check("subscribe to '" + filter + "'",
-          mosquitto_subscribe_v5(m_client.get(), &number, filter.c_str(), qos, options, nullptr));
+    checkRequest("subscribe to '" + filter + "'",
+                 mosquitto_subscribe_v5(m_client.get(), &number, filter.c_str(), qos, options, nullptr));
     return number;
 }
 

@@ -5,6 +5,7 @@
 #include "fleet/mqtt/properties.h"
 
 #include <cstdint>
+#include <exception>
 #include <future>
 #include <memory>
 #include <optional>
@@ -57,7 +58,7 @@ public:
         std::uint32_t sessionExpirySeconds = 0;
         unsigned int keepAliveSeconds = 60;
         fleet::BrokerOptions broker;
-        std::optional<Publication> will;
+        std::optional<Publication> will = {};
     };
 
     // Throws std::runtime_error if a file cannot be used, std::invalid_argument for an invalid address.
@@ -76,12 +77,12 @@ public:
     // What to poll for. The descriptor changes with the state; -1 if there is nothing to wait for.
     int descriptor() const;
     short pollEvents() const;
-    // Call it when poll() reports events for the descriptor, and at least once a second.
+    // Call it when poll() reports events for the descriptor, and at least once a second. Throws what the listener throws.
     void process(short pollEvents);
 
-    // Publish, and return the message's number, which acknowledged() is called with. Only while a connection exists or
-    // has existed: messages of QoS 1 that the broker has not acknowledged are sent again after a reconnection.
-    // Throws std::runtime_error if libmosquitto refuses it.
+    // Publish, and return the message's number, which acknowledged() is called with. Messages of QoS 1 that the broker has
+    // not acknowledged when the connection is lost are sent again over the next one. Not while isConnecting().
+    // Throws std::runtime_error if the message cannot be sent at all, such as one that is longer than the broker permits.
     int publish(const Publication& what, const Properties& properties);
     // `options` are those of MQTT_SUB_OPT_.
     int subscribe(const std::string& filter, int qos, int options = 0);
@@ -95,6 +96,16 @@ private:
     };
 
     static Client& of(void* self) { return *static_cast<Client*>(self); }
+    // Call a function of the listener. Keep what it throws.
+    template <class Function>
+    void guard(Function function) {
+        try {
+            function(*this);
+        } catch (...) {
+            m_thrown = std::current_exception();
+        }
+    }
+
     void useTls();
     void finishConnecting();
     void handle(int code);
@@ -110,6 +121,8 @@ private:
     std::future<int> m_connecting;
     int m_disconnectReason = 0;
     bool m_wasRefused = false;
+    bool m_isOpen = false; // there is a connection whose end has not been reported
+    std::exception_ptr m_thrown;
     std::string m_errors; // that libmosquitto has logged since the last attempt to connect
 };
 

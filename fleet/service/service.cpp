@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <random>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
@@ -433,14 +434,22 @@ void Service::sendAnswer(const RequestKey& key, const Answer& answer) {
     mqtt::Properties properties;
     properties.addBytes(MQTT_PROP_CORRELATION_DATA, key.correlationData);
     addAnswer(properties, answer);
-    const int number = publish({.topic = key.responseTopic, .payload = answer.payload}, properties);
-    m_answers.insert_or_assign(number, key);
+    if (const int number = publish({.topic = key.responseTopic, .payload = answer.payload}, properties);
+        number != 0) {
+        m_answers.insert_or_assign(number, key);
+    }
 }
 
+// Returns the message's number; 0 if it cannot be sent, such as one that is longer than the broker permits.
 int Service::publish(const mqtt::Publication& what, const mqtt::Properties& properties) {
-    const int number = m_client->publish(what, properties);
-    m_unacknowledged.insert(number);
-    return number;
+    try {
+        const int number = m_client->publish(what, properties);
+        m_unacknowledged.insert(number);
+        return number;
+    } catch (const std::runtime_error& error) {
+        service_log::error(error.what());
+        return 0;
+    }
 }
 
 void Service::acknowledged(int number, int reason) {
