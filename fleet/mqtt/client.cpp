@@ -110,12 +110,6 @@ Client::Client(Options options, Listener& listener)
               mosquitto_will_set_v5(client, will.topic.c_str(), static_cast<int>(will.payload.size()),
                                     will.payload.data(), will.qos, will.retained, nullptr));
     }
-    // For some errors, libmosquitto says only here what was wrong.
-    mosquitto_log_callback_set(client, [](mosquitto*, void* self, int level, const char* text) {
-        if (level == MOSQ_LOG_ERR) {
-            of(self).m_errors.append(of(self).m_errors.empty() ? "" : "; ").append(text);
-        }
-    });
     // An exception must not pass through libmosquitto: guard() keeps it for process().
     mosquitto_connect_v5_callback_set(
         client, [](mosquitto*, void* self, int reason, int flags, const mosquitto_property*) {
@@ -191,7 +185,13 @@ void Client::useTls() {
 void Client::beginToConnect() {
     m_disconnectReason = 0;
     m_wasRefused = false;
+    // For some errors, libmosquitto says only here what was wrong. Later, it would format a text for each packet.
     m_errors.clear();
+    mosquitto_log_callback_set(m_client.get(), [](mosquitto*, void* self, int level, const char* text) {
+        if (level == MOSQ_LOG_ERR) {
+            of(self).m_errors.append(of(self).m_errors.empty() ? "" : "; ").append(text);
+        }
+    });
     m_connecting = std::async(std::launch::async, [this] {
         const int code = mosquitto_connect_bind_v5(m_client.get(), m_address.host.c_str(), m_address.port,
                                                    static_cast<int>(m_options.keepAliveSeconds), nullptr,
@@ -206,6 +206,7 @@ void Client::finishConnecting() {
     eventfd_t count = 0;
     static_cast<void>(::eventfd_read(m_connectDone, &count));
     const int code = m_connecting.get();
+    mosquitto_log_callback_set(m_client.get(), nullptr);
     m_isOpen = code == MOSQ_ERR_SUCCESS;
     if (!m_isOpen) {
         reportLoss(code < 0 ? std::generic_category().message(-code) : explained(code));
