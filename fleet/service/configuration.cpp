@@ -25,6 +25,7 @@ std::string hostName() {
 } // namespace
 
 void addOptions(CLI::App& app, Configuration& configuration) {
+    app.allow_config_extras(CLI::config_extras_mode::error);
     app.set_config("--config", configurationFile, "Read options from this file, one NAME=VALUE per line")
         ->type_name("FILE");
     app.add_option("--broker", configuration.broker.address,

@@ -26,6 +26,28 @@ from paho.mqtt.properties import Properties
 PATIENCE = float(os.environ.get("GVUSB_TEST_PATIENCE", "60"))
 
 
+CASES = {}
+
+
+def case(*readers):
+    """Make a function a case that runs on these virtual readers."""
+
+    def add(function):
+        CASES[function.__name__] = (readers, function)
+        return function
+
+    return add
+
+
+def check(condition, what):
+    if not condition:
+        raise AssertionError(what)
+
+
+def check_equal(actual, expected):
+    check(actual == expected, f"{actual!r} instead of {expected!r}")
+
+
 def wait_until(condition, what, patience=PATIENCE):
     """Return the condition's value once it is true."""
     end = time.monotonic() + patience
@@ -225,11 +247,12 @@ class Client:
 class Service:
     """A gvusb-mqtt of the test."""
 
-    def __init__(self, program, folder, port, machine="gate", options=(), environment=None, state=None):
+    def __init__(self, program, folder, port, machine="gate", options=(), environment=None, state=None, scheme="mqtt",
+                 host="127.0.0.1"):
         self.machine = machine
         self.state = os.path.join(folder, state or "state-" + machine)
         os.makedirs(self.state, exist_ok=True)
-        self._command = [program, "--broker", f"mqtt://127.0.0.1:{port}", "--machine", machine,
+        self._command = [program, "--broker", f"{scheme}://{host}:{port}", "--machine", machine,
                          "--state-directory", self.state, *options]
         self._log = os.path.join(folder, machine + ".log")
         self._environment = {**os.environ, **(environment or {})}
@@ -274,7 +297,7 @@ class Surroundings(contextlib.ExitStack):
 
     def __init__(self, service_program):
         super().__init__()
-        self._program = service_program
+        self.program = service_program
         self._children = []
         self.folder = self.enter_context(tempfile.TemporaryDirectory(prefix="gvusb-fleet-"))
 
@@ -292,7 +315,7 @@ class Surroundings(contextlib.ExitStack):
         return client
 
     def service(self, port, **options):
-        service = Service(self._program, self.folder, port, **options)
+        service = Service(self.program, self.folder, port, **options)
         self.callback(lambda: service.child.end(signal.SIGKILL))
         self._children.append(service)
         return service
@@ -300,3 +323,16 @@ class Surroundings(contextlib.ExitStack):
     def show_logs(self):
         for child in self._children:
             print(f"--- {child.__class__.__name__}:\n{child.child.log()}", file=sys.stderr)
+
+
+def main():
+    emulator, service, name = sys.argv[1:]
+    readers, function = CASES[name]
+    if readers:
+        run_on_readers(emulator, readers)
+    with Surroundings(service) as test:
+        try:
+            function(test)
+        except BaseException:
+            test.show_logs()
+            raise

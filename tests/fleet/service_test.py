@@ -9,34 +9,12 @@ import os
 import re
 import signal
 import socket
-import sys
-import threading
 import time
 
-from harness import Surroundings, command, frames, run_on_readers, wait_until
+from harness import case, check, check_equal, command, frames, main, wait_until
 
-CASES = {}
 BULK = "id=1A2B3C,family=Gate,name=Gate 7"
 TWO = (BULK, "id=CAFE,family=Desk,name=Desk 1,interface=control")
-
-
-def case(*readers):
-    """Make a function a case that runs on these readers."""
-
-    def add(function):
-        CASES[function.__name__] = (readers, function)
-        return function
-
-    return add
-
-
-def check(condition, what):
-    if not condition:
-        raise AssertionError(what)
-
-
-def check_equal(actual, expected):
-    check(actual == expected, f"{actual!r} instead of {expected!r}")
 
 
 def started(test, broker=None, options=(), machine="gate"):
@@ -628,20 +606,6 @@ def marks_levels_for_the_journal(test):
     broker.start()
     wait_until(lambda: f"<5>connected to 127.0.0.1:{broker.port} as gate" in service.log(), "noted")
     check("<6>reader 1A2B3C connected at usb:1-1" in service.log(), service.log())
-
-
-def main():
-    emulator, service, name = sys.argv[1:]
-    readers, function = CASES[name]
-    run_on_readers(emulator, readers)
-    with Surroundings(service) as test:
-        try:
-            function(test)
-        except BaseException:
-            test.show_logs()
-            raise
-    # Threads of a client that still connects must not keep the program.
-    check(threading.main_thread() is threading.current_thread(), "main thread")
 
 
 if __name__ == "__main__":
