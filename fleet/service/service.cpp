@@ -13,6 +13,7 @@
 #include <mqtt_protocol.h>
 #include <poll.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 
 namespace fleet {
@@ -43,6 +44,14 @@ std::chrono::milliseconds spread(std::chrono::milliseconds pause) {
         std::uniform_int_distribution<std::int64_t>(pause.count() / 2, pause.count())(random));
 }
 
+void warnIfOthersCanRead(const std::string& file) {
+    const std::string path = file.empty() ? file : credentialPath(file);
+    struct stat facts = {};
+    if (!path.empty() && ::stat(path.c_str(), &facts) == 0 && (facts.st_mode & S_IROTH) != 0) {
+        service_log::warning("everybody on this machine can read '" + path + "'");
+    }
+}
+
 } // namespace
 
 Service::Service(Configuration configuration)
@@ -55,6 +64,8 @@ Service::Service(Configuration configuration)
     if (!address.tls && !isLoopback(address.host)) {
         service_log::warning("the connection to " + address.host + " is not encrypted (--insecure)");
     }
+    warnIfOthersCanRead(m_configuration.broker.passwordFile);
+    warnIfOthersCanRead(m_configuration.broker.key);
     m_readers = std::make_unique<MachineReaders>(
         MachineReaders::Limits{.queue = m_configuration.queue, .maxAnswer = m_configuration.maxPayload},
         m_reports);

@@ -167,15 +167,21 @@ def logs_in_with_a_password_of_a_file(test):
     secret = os.path.join(test.folder, "secret")
     with open(secret, "w", encoding="utf-8") as file:
         file.write("wrong\n")
+    os.chmod(secret, 0o644)
     service = test.service(broker.port, options=["--user", "gate", "--password-file", secret])
     wait_logged(service, "the broker refuses the connection: Not authorized")
+    warning = f"everybody on this machine can read '{secret}'"
+    check(warning in service.log(), service.log())
     # The file is read at the start.
     service.child.end()
+    os.chmod(secret, 0o600)
+    os.remove(service.child.log_name)
     with open(secret, "w", encoding="utf-8") as file:
         file.write("secret word\n")
     service = test.service(broker.port, options=["--user", "gate", "--password-file", "credential:secret"],
                            environment={"CREDENTIALS_DIRECTORY": test.folder})
     wait_connected(service)
+    check(warning not in service.log(), service.log())
 
 
 @case(BULK)
