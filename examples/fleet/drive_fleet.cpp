@@ -140,7 +140,10 @@ public:
         }
         check(mosquitto_connect(client(), host, port, 60));
         while (!m_connected) {
-            check(mosquitto_loop(client(), 100, 1));
+            const int code = mosquitto_loop(client(), 100, 1);
+            if (!m_connected) { // otherwise the broker says why
+                check(code);
+            }
         }
         if (*m_connected != 0) {
             throw std::runtime_error(mosquitto_reason_string(*m_connected));
