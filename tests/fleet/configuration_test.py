@@ -7,7 +7,8 @@ usage: configuration_test.py EMULATOR SERVICE CASE
 import os
 import subprocess
 
-from harness import case, check, check_equal, main, wait_until
+from cases import case, check, check_equal, main
+from harness import wait_until
 
 BULK = "id=1A2B3C"
 

@@ -26,28 +26,6 @@ from paho.mqtt.properties import Properties
 PATIENCE = float(os.environ.get("GVUSB_TEST_PATIENCE", "60"))
 
 
-CASES = {}
-
-
-def case(*readers):
-    """Make a function a case that runs on these virtual readers."""
-
-    def add(function):
-        CASES[function.__name__] = (readers, function)
-        return function
-
-    return add
-
-
-def check(condition, what):
-    if not condition:
-        raise AssertionError(what)
-
-
-def check_equal(actual, expected):
-    check(actual == expected, f"{actual!r} instead of {expected!r}")
-
-
 def wait_until(condition, what, patience=PATIENCE):
     """Return the condition's value once it is true."""
     end = time.monotonic() + patience
@@ -323,16 +301,3 @@ class Surroundings(contextlib.ExitStack):
     def show_logs(self):
         for child in self._children:
             print(f"--- {child.__class__.__name__}:\n{child.child.log()}", file=sys.stderr)
-
-
-def main():
-    emulator, service, name = sys.argv[1:]
-    readers, function = CASES[name]
-    if readers:
-        run_on_readers(emulator, readers)
-    with Surroundings(service) as test:
-        try:
-            function(test)
-        except BaseException:
-            test.show_logs()
-            raise

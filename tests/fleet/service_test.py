@@ -11,27 +11,8 @@ import signal
 import socket
 import time
 
-from harness import case, check, check_equal, command, frames, main, wait_until
-
-BULK = "id=1A2B3C,family=Gate,name=Gate 7"
-TWO = (BULK, "id=CAFE,family=Desk,name=Desk 1,interface=control")
-
-
-def started(test, broker=None, options=(), machine="gate"):
-    """A broker, a service and a client that has seen the service come online."""
-    broker = broker or test.broker()
-    client = test.client(broker, "gvusb/#")
-    service = test.service(broker.port, machine=machine, options=options)
-    wait_online(client, machine)
-    return broker, service, client
-
-
-def wait_online(client, machine="gate"):
-    wait_until(lambda: client.last(f"gvusb/{machine}/status") == "online", "online")
-
-
-def wait_offline(client, machine="gate", patience=60):
-    wait_until(lambda: client.last(f"gvusb/{machine}/status") == "offline", "offline", patience)
+from cases import BULK, TWO, case, check, check_equal, main, started, wait_offline, wait_online
+from harness import command, frames, wait_until
 
 
 @case(*TWO)

@@ -21,7 +21,7 @@ std::optional<Problem> problemOf(const fleet::Answer& answer) {
     case Status::refused:
         return Problem{.code = {}, .text = "refused: " + text};
     case Status::unknown:
-        return Problem{.code = {}, .text = "the request may have run or not: " + text};
+        return Problem{.code = {}, .text = "result unknown: " + text};
     }
     return Problem{.code = {}, .text = text};
 }

@@ -113,7 +113,7 @@ void Connection::wait(int milliseconds, std::span<pollfd> others) {
 bool Connection::waitUntil(Clock::time_point end, const std::function<bool()>& isDone) {
     while (!isDone()) {
         if (m_loss) {
-            throw Failure(m_title + ": the connection was lost: " + *m_loss);
+            throw Failure(lossMessage());
         }
         const int left = millisecondsUntil(end);
         if (left == 0) {
@@ -122,6 +122,11 @@ bool Connection::waitUntil(Clock::time_point end, const std::function<bool()>& i
         wait(left, {});
     }
     return true;
+}
+
+std::string Connection::lossMessage() const {
+    const bool isExplained = m_loss && *m_loss != mosquitto_strerror(MOSQ_ERR_CONN_LOST);
+    return m_title + ": the connection was lost" + (isExplained ? ": " + *m_loss : std::string{});
 }
 
 std::string Connection::user() const {

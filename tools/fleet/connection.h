@@ -68,6 +68,8 @@ public:
     bool isConnected() const { return m_isConnected; }
     // Why there is no connection. Nothing while it exists or is made.
     const std::optional<std::string>& loss() const { return m_loss; }
+    // The same as a sentence, for messages.
+    std::string lossMessage() const;
     // After a loss, begin to connect again. Messages that have not been taken are lost.
     void reconnect();
 

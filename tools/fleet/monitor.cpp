@@ -161,8 +161,7 @@ private:
             m_isAway = true;
             m_pause = firstPause;
             m_retry = Clock::now() + m_pause;
-            std::fprintf(stderr, "gvusb: %s: the connection was lost: %s; connecting again\n",
-                         m_connection.title().c_str(), m_connection.loss()->c_str());
+            std::fprintf(stderr, "gvusb: %s; connecting again\n", m_connection.lossMessage().c_str());
         } else if (!m_retry) { // the attempt has failed
             m_pause = std::min(2 * m_pause, longestPause);
             m_retry = Clock::now() + m_pause;

@@ -46,10 +46,13 @@ Requester::Reply Requester::request(fleet::Operation operation, const std::strin
         reply = replyTo(correlation);
         acknowledgement = m_connection.acknowledgement(number);
         // An acknowledgement with another code than success means that no answer will come.
-        return reply || acknowledgement.value_or(MQTT_RC_SUCCESS) != MQTT_RC_SUCCESS;
+        return reply || acknowledgement.value_or(MQTT_RC_SUCCESS) != MQTT_RC_SUCCESS || m_connection.loss();
     });
     if (reply) {
         return *reply;
+    }
+    if (m_connection.loss()) {
+        throw Failure(m_connection.lossMessage() + "; the request may have run or not");
     }
     if (acknowledgement.value_or(MQTT_RC_SUCCESS) >= MQTT_RC_UNSPECIFIED) {
         throw Failure(m_connection.title() + ": it forbids to publish to '" + topic +

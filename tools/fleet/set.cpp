@@ -22,7 +22,7 @@ KEYS
   RESETDEVICE  resets the reader
   CANCEL       ends the call that is running on the reader, and does not wait behind other requests
 
-TIMEOUT lasts until the reader is disconnected or the service ends.
+TIMEOUT lasts until it is set again or the service ends.
 )";
 
 constexpr const char* examples = R"(

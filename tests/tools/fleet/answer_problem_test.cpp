@@ -35,7 +35,7 @@ TEST(AnswerProblem, HasTheExitStatusOfWhatKeptTheRequestFromRunning) {
 
 TEST(AnswerProblem, SaysWhatToDo) {
     EXPECT_EQ(problem(Status::busy).text, "busy: why; try again later");
-    EXPECT_EQ(problem(Status::unknown).text, "the request may have run or not: why");
+    EXPECT_EQ(problem(Status::unknown).text, "result unknown: why");
 }
 
 TEST(AnswerProblem, ShowsNoControlCharacters) {
