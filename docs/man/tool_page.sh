@@ -19,7 +19,8 @@ escaped() { sed 's/\\/\\e/g; s/-/\\-/g; s/^[.'"'"']/\\\&&/'; }
         END { if (sections) print ".fi\n" }'
     for command in "$@"; do
         printf '[%s %s]\n.nf\n' "$(basename "$program")" "$command"
-        "$program" "$command" --help | escaped
+        # shellcheck disable=SC2086 # a command may have options in front
+        "$program" $command --help | escaped
         printf '.fi\n\n'
     done
     printf '[see also]\n.BR libgvusb (3),\n.BR gvusb.conf (5),\n.BR gvusb (1),\n.BR gvusb\\-emulate (1),\n.BR gvusb\\-mqtt (1)\n'
