@@ -78,8 +78,9 @@ std::string bytesOf(const std::string& hex) {
 std::string hexOf(const std::string& bytes) {
     std::string text;
     char digits[4];
-    for (unsigned char byte : bytes) {
-        std::snprintf(digits, sizeof digits, "%s%02X", text.empty() ? "" : " ", byte);
+    for (const char byte : bytes) {
+        std::snprintf(digits, sizeof digits, "%s%02X", text.empty() ? "" : " ",
+                      static_cast<unsigned char>(byte));
         text += digits;
     }
     return text;

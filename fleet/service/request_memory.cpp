@@ -185,6 +185,10 @@ RequestMemory::~RequestMemory() {
 }
 
 void RequestMemory::lock() {
+    constexpr mode_t onlyOwnersFolder = 0700;
+    if (::mkdir(m_folder.c_str(), onlyOwnersFolder) != 0 && errno != EEXIST) {
+        fail(m_folder);
+    }
     const std::string name = path("lock");
     m_lock = ::open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, onlyOwner);
     if (m_lock < 0) {

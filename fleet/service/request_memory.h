@@ -32,7 +32,8 @@ struct RequestKey {
 class RequestMemory {
 public:
     // Read what an earlier process has left in the folder. Requests that it had begun but not answered get the answer
-    // "unknown". Throws std::system_error if the folder cannot be used, also if another process uses it.
+    // "unknown". The folder is created if only it is missing. Throws std::system_error if it cannot be used, also if another
+    // process uses it.
     RequestMemory(std::string folder, std::size_t requests);
     RequestMemory(const RequestMemory&) = delete;
     RequestMemory& operator=(const RequestMemory&) = delete;

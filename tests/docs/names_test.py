@@ -10,7 +10,7 @@ import sys
 # Folders that a name may be relative to, besides that of the project.
 RELATIVE_TO = ["", "src", "docs"]
 # Parts of a name that stand for any name.
-PLACEHOLDER = re.compile(r"\b(FILE|FOLDER|MACHINE|NAME|TARGET|USER)")
+PLACEHOLDER = re.compile(r"\b(FILE|FOLDER|MACHINE|NAME|PREFIX|TARGET|USER)")
 # Relative to an installation's prefix.
 INSTALLED = "share/"
 # Only this page is about the source, so that other identifiers in it are the project's.

@@ -104,11 +104,14 @@ def names_the_file_that_it_cannot_use(test):
     check(f"'{test.folder}/password' cannot be read" in text, text)
 
 
-@case()
-def needs_a_state_directory_that_exists(test):
-    status, text = run(test, "--broker", "localhost", "--state-directory", "/nonexistent")
+@case(BULK)
+def creates_its_state_directory(test):
+    status, text = run(test, "--broker", "localhost", "--state-directory", "/nonexistent/state")
     check_equal(status, 1)
-    check("/nonexistent" in text, text)
+    check("/nonexistent/state: No such file or directory" in text, text)
+    service = test.service(test.broker().port)
+    wait_connected(service)
+    check_equal(os.stat(service.state).st_mode & 0o777, 0o700)
 
 
 @case(BULK)

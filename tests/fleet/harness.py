@@ -229,7 +229,6 @@ class Service:
                  host="127.0.0.1"):
         self.machine = machine
         self.state = os.path.join(folder, state or "state-" + machine)
-        os.makedirs(self.state, exist_ok=True)
         self._command = [program, "--broker", f"{scheme}://{host}:{port}", "--machine", machine,
                          "--state-directory", self.state, *options]
         self._log = os.path.join(folder, machine + ".log")

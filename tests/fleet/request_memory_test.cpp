@@ -247,7 +247,7 @@ TEST_F(RequestMemoryTest, ReportsThatItCannotBeWritten) {
 
 TEST_F(RequestMemoryTest, BelongsToOneProcess) {
     EXPECT_THROW(RequestMemory(file("").string(), 10), std::system_error);
-    EXPECT_THROW(RequestMemory("/nonexistent", 10), std::system_error);
+    EXPECT_THROW(RequestMemory("/nonexistent/folder", 10), std::system_error);
 }
 
 } // namespace
