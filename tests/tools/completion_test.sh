@@ -19,7 +19,7 @@ expect_completion() { # WANTED WORD...
 
 completes_commands() {
     source "$completion"
-    expect_completion '--help --version doctor explain get help info list monitor record send set show' ''
+    expect_completion '--broker --help --version doctor explain get help info list monitor record send set show' ''
     expect_completion 'get' g
     expect_completion 'send set show' s
     expect_completion '--version' --v
@@ -91,14 +91,15 @@ fish_words() { # LINE
         "$(dirname "$completion")/gvusb.fish" "$1" | cut -f 1 | sort | paste -sd' '
 }
 
-options_of() { # COMMAND
-    "$gvusb" "$1" --help | grep -o -e '^ *\(-[ho],\)*--[a-z-]*' | tr -d ' ' | sed 's/^-[ho],//' | sort | paste -sd' '
+options_of() { # COMMAND, with the options before it
+    # shellcheck disable=SC2086
+    "$gvusb" $1 --help | grep -o -e '^ *\(-[ho],\)*--[a-z-]*' | tr -d ' ' | sed 's/^-[ho],//' | sort | paste -sd' '
 }
 
 completes_in_zsh() {
     needs_shell zsh
     expect_equal commands "$(zsh_words "$gvusb" '')" \
-        '--help --version doctor explain get help info list monitor record send set show'
+        '--broker --help --version doctor explain get help info list monitor record send set show'
     for command in list info get set send monitor record show explain doctor help; do
         expect_equal "options of $command" "$(zsh_words "$gvusb" $command --)" "$(options_of $command)"
     done
@@ -191,6 +192,76 @@ completes_nothing_behind_the_program_without_bash_completion() {
 leaves_the_program_to_its_own_completion() {
     _command_offset() { COMPREPLY=("word $1 and on"); }
     expect_equal "behind --" "$(complete_launcher --reader id=1 -- gvusb '')" 'word 4 and on'
+}
+
+# A tool that lists the readers of two machines.
+list_a_fleet() {
+    printf '%s\n' '#!/bin/sh' '[ "$1 $2" = "--broker x" ] && [ "$5" = list ] || exit 1' \
+        'printf "%s\n" "MACHINE  INDEX  ID" "desk  0  A1" "gate  1  A1@1-2" "gate  2  B2"' >"$scratch/gvusb"
+    chmod +x "$scratch/gvusb"
+    gvusb=$scratch/gvusb
+}
+
+readers_of_a_fleet='desk/A1 gate/A1@1-2 gate/B2'
+keys_of_a_fleet='CANCEL RESETDEVICE RESETPIPE TIMEOUT'
+commands_of_a_fleet='get help info list monitor send set'
+broker_options='--broker --ca-file --certificate --connect-timeout --help --insecure --key --password-file --prefix --user --version'
+
+broker_options_in_help() {
+    "$gvusb" --broker x --help | grep -o -e '^ *\(-h,\)*--[a-z-]*' | tr -d ' ' | sed 's/^-h,//' | sort | paste -sd' '
+}
+
+completes_for_other_machines() {
+    source "$completion"
+    expect_equal "options" "$broker_options" "$(broker_options_in_help)"
+    expect_completion "$broker_options $commands_of_a_fleet" --broker x ''
+    expect_completion "$broker_options" --broker mqtt : //localhost : 1883 --user me --
+    expect_completion 'send set' --broker = x --insecure s
+    expect_completion '' --broker ''
+    for command in $commands_of_a_fleet; do
+        expect_completion "$(options_of "--broker x $command")" --broker x --user me "$command" --
+    done
+    expect_completion 'get info list monitor send set' --broker x help ''
+    touch "$scratch/ca.pem"
+    expect_completion "$scratch/ca.pem" --broker x --ca-file "$scratch/c"
+    list_a_fleet
+    expect_completion "$readers_of_a_fleet" --broker x send ''
+    expect_completion 'gate/B2' --broker x get gate/b
+    expect_completion '1-2' --broker x info gate/A1 @ ''
+    expect_completion 'A1 B2' --broker x list --id ''
+    expect_completion 'desk gate' --broker x monitor --machine ''
+    expect_completion "$keys_of_a_fleet" --broker x set --timeout 5 gate/B2 ''
+}
+
+completes_for_other_machines_in_zsh() {
+    needs_shell zsh
+    expect_equal 'after the broker' "$(zsh_words "$gvusb" --broker x '')" "$broker_options $commands_of_a_fleet"
+    expect_equal 'a value' "$(zsh_words "$gvusb" --broker x --user '')" ''
+    expect_equal 'a file' "$(zsh_words "$gvusb" --broker x --ca-file '')" files
+    for command in $commands_of_a_fleet; do
+        expect_equal "options of $command" "$(zsh_words "$gvusb" --broker=x --user me "$command" --)" \
+            "$(options_of "--broker x $command")"
+    done
+    list_a_fleet
+    expect_equal readers "$(zsh_words "$gvusb" --broker x send '')" "$readers_of_a_fleet"
+    expect_equal IDs "$(zsh_words "$gvusb" --broker x list --id '')" 'A1 B2'
+    expect_equal machines "$(zsh_words "$gvusb" --broker x list --machine '')" 'desk gate'
+    expect_equal keys "$(zsh_words "$gvusb" --broker x set gate/B2 '')" "$keys_of_a_fleet"
+}
+
+completes_for_other_machines_in_fish() {
+    needs_shell fish
+    expect_equal commands "$(fish_words 'gvusb --broker x ')" "$commands_of_a_fleet"
+    expect_equal options "$(fish_words 'gvusb --broker x --')" "$broker_options"
+    for command in $commands_of_a_fleet; do
+        expect_equal "options of $command" "$(fish_words "gvusb --broker=x --user me $command --")" \
+            "$(options_of "--broker x $command")"
+    done
+    list_a_fleet
+    expect_equal readers "$(fish_words 'gvusb --broker x send ')" "$readers_of_a_fleet"
+    expect_equal IDs "$(fish_words 'gvusb --broker x list --id ')" 'A1 B2'
+    expect_equal machines "$(fish_words 'gvusb --broker x monitor --machine ')" 'desk gate'
+    expect_equal keys "$(fish_words 'gvusb --broker x set gate/B2 ')" "$keys_of_a_fleet"
 }
 
 run_case

@@ -64,4 +64,37 @@ says_which_package_is_missing() {
 Install the package gvusb-mqtt of the same version.'
 }
 
+# The program itself.
+prints_help() {
+    keep "$gvusb" --broker x --help
+    expect_status 0
+    expect_errors ''
+    [ "$(wc -L <"$scratch/output")" -le 110 ] || fail 'lines are too long'
+    for command in list info get set send monitor help; do
+        expect_in_output "^  $command "
+        keep "$gvusb" --broker x "$command" --help
+        expect_status 0
+        expect_errors ''
+        expect_in_output "^Usage: gvusb --broker ADDRESS $command"
+        for exit_status in 0 1 2 3 4; do
+            expect_in_output "^  $exit_status  "
+        done
+        [ "$(wc -L <"$scratch/output")" -le 110 ] || fail "lines of $command --help are too long"
+        cp "$scratch/output" "$scratch/wanted"
+        keep "$gvusb" --broker x help "$command"
+        diff "$scratch/wanted" "$scratch/output" || fail "'help $command' differs from '$command --help'"
+        keep "$gvusb" --broker x --help
+    done
+}
+
+prints_versions() {
+    keep "$gvusb" --broker x --version
+    expect_status 0
+    echo "$output" | grep -Eqx 'gvusb 07\.01\.00 \(libmosquitto 2\.[0-9]+\.[0-9]+\)' || fail "it says $output"
+}
+
+does_not_link_the_mqtt_library() {
+    expect_equal libraries "$(ldd "$gvusb" | grep -c mosquitto)" 0
+}
+
 run_case

@@ -17,8 +17,8 @@ namespace {
 
 constexpr const char* about = R"(
 Readers are listed in the order of machines and IDs. ID is the name by which the other commands take a reader.
-Readers that are disconnected, and those of machines that are offline, are not listed; lines on standard error
-count them. '-' (null in JSON) stands for what the machine could not find out.
+Readers that are disconnected, and those of machines that are offline, are not listed; lines on standard
+error count them. '-' (null in JSON) stands for what the machine could not find out.
 )";
 
 constexpr const char* examples = R"(

@@ -14,16 +14,16 @@ constexpr const char* description = "Work with the USB RFID readers of other mac
 constexpr const char* conventions = R"(
 Each machine runs gvusb-mqtt. Run 'gvusb --broker ADDRESS COMMAND --help' for more about a command.
 
-A reader is named by its machine and its device ID, as in gate-7/1A2B3C. If a machine has several readers with
-one device ID, the place on the bus follows it, as in gate-7/1A2B3C@1-2.3: 'list' shows the names.
+A reader is named by its machine and its device ID, as in gate-7/1A2B3C. If a machine has several readers
+with one device ID, the place on the bus follows it, as in gate-7/1A2B3C@1-2.3: 'list' shows the names.
 
-Without mqtt:// or mqtts://, the connection uses TLS unless HOST is a loopback address. The ports are 1883 and,
-with TLS, 8883. The password is in a file, not on the command line.
+Without mqtt:// or mqtts://, the connection uses TLS unless HOST is a loopback address. The ports are 1883
+and, with TLS, 8883. The password is in a file, not on the command line.
 )";
 
 constexpr const char* statuses = R"(
-An answer that does not come in time is a time-out. A reader that its machine does not have, and a machine that
-no service takes requests for, are missing. Everything else that keeps a request from being done is a failure.
+An answer that does not come in time is a time-out. A reader that its machine does not have, and a machine
+that no service takes requests for, are missing. Everything else is a failure.
 )";
 
 constexpr const char* examples = R"(

@@ -27,16 +27,16 @@ namespace fleet_monitor {
 namespace {
 
 constexpr const char* about = R"(
-Each event is a line that is printed at once: machine, time, event, device ID, and the device name or what went
-wrong. The events are 'connect' and 'disconnect' of a reader, 'error' of a reader, and 'online' and 'offline' of a
+Each event is a line that is printed at once: machine, time, event, device ID, and the device name or what
+went wrong. The events are 'connect', 'disconnect' and 'error' of a reader, and 'online' and 'offline' of a
 machine. When a machine goes offline, nothing is known about its readers; there are no events for them.
 
 Readers that are present at the start are not events: only with --initial, there is a line with 'present' for
 each, which --count and --idle-timeout do not count.
 
 When the connection to the broker is lost, the monitor says so on standard error and connects again. Then it
-prints what has changed in the meantime, with the time at which it did; errors in the meantime are lost, and so
-is a reader that was disconnected and connected again.
+prints what has changed in the meantime, with the time at which it did. Errors in the meantime are lost, and
+so is a reader that was disconnected and connected again.
 
 The monitor ends with status 0 on Ctrl-C, after --count events, and when its output is closed.
 )";
@@ -44,7 +44,7 @@ The monitor ends with status 0 on Ctrl-C, after --count events, and when its out
 constexpr const char* examples = R"(
 EXAMPLES
   gvusb --broker mqtt://localhost monitor
-  gvusb --broker mqtt://localhost monitor --json | jq --unbuffered -r 'select(.event == "offline") | .machine'
+  gvusb --broker mqtt://localhost monitor --machine gate-7 --json
 )";
 
 struct Options {

@@ -17,10 +17,10 @@ namespace fleet_send {
 namespace {
 
 constexpr const char* about = R"(
---timeout is the time that a request may take on its way, in the queue of the reader, at the reader and back. A
-request that has waited for so long, in whole seconds, is not run. The time-out of the reader's transfers is a
-parameter of the reader, TIMEOUT: a failure with GVUSB_ERR_TIMEOUT comes from there. The answer of a reader that
-is too late waits in it; 'gvusb --broker ADDRESS set MACHINE/ID RESETPIPE' drops it.
+The time of --timeout includes the way to the reader and back and the wait in the reader's queue. A request
+that has waited for so long, in whole seconds, is not run. The time-out of the reader's transfers is another
+one, the parameter TIMEOUT of the reader: a failure with GVUSB_ERR_TIMEOUT comes from there. The answer of a
+reader that is too late waits in it; 'gvusb --broker ADDRESS set MACHINE/ID RESETPIPE' drops it.
 
 The times of the summary are those between the request and its answer here.
 )";
