@@ -121,8 +121,11 @@ def pattern_of(lines):
 def run_command(command, expected, folder):
     status = STATUS.search(command)
     wanted = int(status.group(1)) if status else 0
-    result = subprocess.run(["bash", "-c", STATUS.sub("", command)], cwd=folder, stdout=subprocess.PIPE,
-                            stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, text=True, timeout=60, check=False)
+    try:
+        result = subprocess.run(["bash", "-c", STATUS.sub("", command)], cwd=folder, stdout=subprocess.PIPE,
+                                stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, text=True, timeout=60, check=False)
+    except subprocess.TimeoutExpired as expired:
+        raise Mismatch(f"{command}\ndoes not end:\n{expired.stdout}") from expired
     output = "".join(line.rstrip() + "\n" for line in result.stdout.splitlines())
     print(f"$ {command}\n{output}", end="")
     if result.returncode != wanted:
@@ -218,8 +221,8 @@ def run(path, *links):
     done = elsewhere = failed = 0
     with tempfile.TemporaryDirectory() as folder:
         for link in links:
-            target, path = link.split("=", 1)
-            os.symlink(path, os.path.join(folder, target))
+            name, target = link.split("=", 1)
+            os.symlink(target, os.path.join(folder, name))
         for block in shell_blocks.BLOCK.finditer(document):
             language, text = block.groups()
             try:
