@@ -112,7 +112,8 @@ Client::Client(Options options, Listener& listener)
     }
     // An exception must not pass through libmosquitto: guard() keeps it for process().
     mosquitto_connect_v5_callback_set(
-        client, [](mosquitto*, void* self, int reason, int flags, const mosquitto_property*) {
+        client, [](mosquitto* connected, void* self, int reason, int flags, const mosquitto_property*) {
+            mosquitto_log_callback_set(connected, nullptr);
             of(self).guard([&](Client& owner) {
                 constexpr int sessionPresent = 1;
                 if (reason == MQTT_RC_SUCCESS) {
@@ -185,7 +186,7 @@ void Client::useTls() {
 void Client::beginToConnect() {
     m_disconnectReason = 0;
     m_wasRefused = false;
-    // For some errors, libmosquitto says only here what was wrong. Later, it would format a text for each packet.
+    // For some errors, libmosquitto says only here what was wrong. Once connected, it would format a text for each packet.
     m_errors.clear();
     mosquitto_log_callback_set(m_client.get(), [](mosquitto*, void* self, int level, const char* text) {
         if (level == MOSQ_LOG_ERR) {
@@ -206,7 +207,6 @@ void Client::finishConnecting() {
     eventfd_t count = 0;
     static_cast<void>(::eventfd_read(m_connectDone, &count));
     const int code = m_connecting.get();
-    mosquitto_log_callback_set(m_client.get(), nullptr);
     m_isOpen = code == MOSQ_ERR_SUCCESS;
     if (!m_isOpen) {
         reportLoss(code < 0 ? std::generic_category().message(-code) : explained(code));
