@@ -97,7 +97,7 @@ def counts_readers_that_are_not_there(test):
     check_equal(tool.run(broker, "list", "--json", "--machine", "gate").errors,
                 "gvusb: note: not listed because disconnected: 1 reader\n")
     check_equal(tool.run(broker, "list", "--id", "1A2B3C").errors,
-                "gvusb: note: 1 machine is offline; not listed: 0 readers\n")
+                "gvusb: note: 1 machine is offline\n")
 
 
 @case()
@@ -110,11 +110,11 @@ def reports_that_no_reader_is_known(test):
 @case()
 def lists_more_readers_than_a_broker_queues(test):
     broker = test.broker(lines=["max_inflight_messages 5", "max_queued_messages 20"])
-    client = test.client(broker, "gvusb/#")
+    client = test.client(broker, "gvusb/gate/status")
     count = 300
     for number in range(count):
         client.publish(f"gvusb/gate/readers/{number:X}", document(f"{number:X}"), correlation=b"", response_topic="",
-                       qos=0, retain=True)
+                       retain=True)
     publish_retained(client, "gate/status", "online")
     check_equal(len(json.loads(tool.run(broker, "list", "--json").output)), count)
 

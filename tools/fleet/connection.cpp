@@ -162,7 +162,12 @@ void Connection::subscribe(std::initializer_list<std::pair<std::string, int>> fi
 int Connection::publish(const std::string& topic, const std::string& payload,
                         const mqtt::Properties& properties) {
     m_acknowledgements.clear();
-    return m_client->publish({.topic = topic, .payload = payload, .qos = 1, .retained = false}, properties);
+    try {
+        return m_client->publish({.topic = topic, .payload = payload, .qos = 1, .retained = false},
+                                 properties);
+    } catch (const std::runtime_error& error) {
+        throw Failure(m_title + ": " + error.what());
+    }
 }
 
 std::optional<int> Connection::acknowledgement(int number) const {

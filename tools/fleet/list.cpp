@@ -65,8 +65,8 @@ std::string counted(std::size_t count, const std::string& what) {
 
 void noteOthers(const Found& found) {
     if (found.machines != 0) {
-        printNote(counted(found.machines, "machine") + (found.machines == 1 ? " is" : " are") +
-                  " offline; not listed: " + counted(found.offline, "reader"));
+        printNote(counted(found.machines, "machine") + (found.machines == 1 ? " is" : " are") + " offline" +
+                  (found.offline == 0 ? "" : "; not listed: " + counted(found.offline, "reader")));
     }
     if (found.disconnected != 0) {
         printNote("not listed because disconnected: " + counted(found.disconnected, "reader"));
