@@ -1,7 +1,13 @@
 #!/usr/bin/env bash
-# usage: install.sh BUILD_FOLDER PROGRAM...
-# Checks that the installation is complete, works after moving its prefix, and can be removed.
+# usage: install.sh [--fleet] BUILD_FOLDER PROGRAM...
+# Checks that the installation is complete, works after moving its prefix, and can be removed. With --fleet, it has to contain
+# the service for MQTT.
 set -euo pipefail
+fleet=
+if [ "$1" = --fleet ]; then
+    fleet=1
+    shift
+fi
 build=$1
 shift
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -35,6 +41,16 @@ if [[ " $* " == *" gvusb "* ]]; then
         grep -qxF "./usr/share/$file" "$folder/installed" || fail "not installed: $file"
     done
 fi
+if [ -n "$fleet" ]; then
+    for file in bin/gvusb-mqtt lib/systemd/system/gvusb-mqtt.service share/doc/gvusb-mqtt/mqtt-topics.schema.json \
+        share/doc/gvusb-mqtt/examples/gvusb-mqtt.conf share/doc/gvusb-mqtt/examples/mosquitto.conf \
+        share/doc/gvusb-mqtt/examples/mosquitto-acl share/doc/libgvusb-dev/examples/fleet/drive_fleet.cpp \
+        share/doc/libgvusb-dev/examples/fleet/drive_fleet.py; do
+        grep -qxF "./usr/$file" "$folder/installed" || fail "not installed: $file"
+    done
+    grep -q '^\./usr/lib.*/gvusb/gvusb-fleet$' "$folder/installed" || fail "gvusb-fleet is not installed"
+    ! grep -q gvusb-mqtt.conf <(ls "$folder/system/etc/gavo") || fail "a configuration without a broker was installed in /etc"
+fi
 for file in tsan.supp valgrind.supp; do
     grep -qxF "./usr/share/gvusb/$file" "$folder/installed" || fail "not installed: $file"
 done
@@ -64,6 +80,11 @@ if [ -e "$prefix/bin/gvusb" ]; then
     env -u LD_LIBRARY_PATH "$prefix/bin/gvusb" --version | grep '^gvusb 07\.' || fail "the tool does not find the library"
     path=$(readelf --dynamic "$prefix/bin/gvusb" | sed -n 's/.*R[UN]*PATH.*\[\(.*\)\]/\1/p')
     [[ $path == '$ORIGIN/'* && $path != *:* ]] || fail "the run path is $path"
+fi
+if [ -n "$fleet" ]; then
+    for program in bin/gvusb-mqtt "${libraries#"$prefix"/}/gvusb/gvusb-fleet"; do
+        env -u LD_LIBRARY_PATH "$prefix/$program" --version >/dev/null || fail "$program does not find the library"
+    done
 fi
 export LD_LIBRARY_PATH=$libraries PKG_CONFIG_PATH=$libraries/pkgconfig CMAKE_PREFIX_PATH=$prefix
 "$here/consumer/build.sh" "$folder/consumers" >"$folder/programs"
