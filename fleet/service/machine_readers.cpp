@@ -129,8 +129,8 @@ std::vector<ScanEntry> scanList(const std::vector<UsbLocation>& present,
 
 } // namespace
 
-MachineReaders::MachineReaders(Limits limits, Mailbox<Report>& reports)
-    : m_limits(limits)
+MachineReaders::MachineReaders(std::size_t queue, Mailbox<Report>& reports)
+    : m_queue(queue)
     , m_reports(reports)
     , m_pause(firstPause) {
     gvusb::driver::set_parameter("PARALLEL", "1");
@@ -359,11 +359,8 @@ void MachineReaders::install(std::vector<Found> found) {
             continue;
         }
         auto reader = std::make_shared<ServedReader>(
-            ServedReader::Setup{.facts = facts,
-                                .reader = std::move(each.reader),
-                                .sharesId = sharesId,
-                                .queue = m_limits.queue,
-                                .maxAnswer = m_limits.maxAnswer},
+            ServedReader::Setup{
+                .facts = facts, .reader = std::move(each.reader), .sharesId = sharesId, .queue = m_queue},
             m_gate, [this, facts, sharesId] { return reopen(facts, sharesId); },
             [this](AnsweredRequest answered) { m_reports.put(std::move(answered)); });
         {

@@ -52,13 +52,9 @@ struct ScanEntry {
 
 class MachineReaders {
 public:
-    struct Limits {
-        std::size_t queue = 0;     // requests that may wait for a reader
-        std::size_t maxAnswer = 0; // bytes
-    };
-
-    // Finds the readers that are present, before it returns. Reports go to the mailbox.
-    MachineReaders(Limits limits, Mailbox<Report>& reports);
+    // Finds the readers that are present, before it returns. `queue` requests may wait for each. Reports go to the
+    // mailbox.
+    MachineReaders(std::size_t queue, Mailbox<Report>& reports);
     MachineReaders(const MachineReaders&) = delete;
     MachineReaders& operator=(const MachineReaders&) = delete;
     ~MachineReaders() { stop(); }
@@ -96,7 +92,7 @@ private:
     ServedReader::Opened reopen(const ReaderFacts& facts, bool sharesId);
     void end(Readers gone);
 
-    const Limits m_limits;
+    const std::size_t m_queue;
     Mailbox<Report>& m_reports;
     Gate m_gate;
     std::mutex m_opening; // held while readers are scanned and opened

@@ -1,5 +1,7 @@
 #include "fleet/service/served_reader.h"
 
+#include "base/reader_facts.h"
+
 #include <algorithm>
 #include <charconv>
 #include <initializer_list>
@@ -16,6 +18,8 @@ using Clock = std::chrono::steady_clock;
 
 // A multiple of every packet size, so that the rest of a longer answer can be received.
 constexpr std::size_t bufferSize = 16384;
+
+constexpr std::size_t longestAnswer = std::size_t{1} << 19U;
 
 constexpr unsigned int longestTimeout = 60'000; // milliseconds: a request must not block the others for hours
 
@@ -54,13 +58,13 @@ ServedReader::ServedReader(Setup setup, Gate& gate, Open open, Answered answered
     : m_facts(std::move(setup.facts))
     , m_sharesId(setup.sharesId)
     , m_queueSize(setup.queue)
-    , m_maxAnswer(setup.maxAnswer)
     , m_since(std::chrono::system_clock::now())
     , m_gate(gate)
     , m_open(std::move(open))
     , m_answered(std::move(answered))
     , m_reader(std::move(setup.reader))
     , m_handle(m_reader.handle())
+    , m_buffer(bufferSize)
     , m_thread([this] { run(); }) {
 }
 
@@ -177,6 +181,7 @@ void ServedReader::openAgain() {
     m_reader = std::move(opened.reader);
     m_openLock = std::move(opened.lock);
     m_handle = m_reader.handle();
+    m_hasTransferred = false;
     if (!m_timeout.empty()) {
         m_reader.set_parameter("TIMEOUT", m_timeout.c_str());
     }
@@ -191,24 +196,44 @@ Answer ServedReader::outcome(int code, Clock::time_point start) const {
             .microseconds = static_cast<std::uint64_t>(time.count())};
 }
 
-// Receive what did not fit into the buffer. Returns the number of all bytes, or a failure.
+// Receive what did not fit into the buffer. Returns the number of all bytes, or a failure. The rest of an answer that is too
+// long is dropped: the next exchange would receive it.
 int ServedReader::receiveRest(int count, std::string& bytes) {
-    const auto add = [&](int size) {
-        bytes.append(m_buffer.begin(), m_buffer.begin() + size);
-        return static_cast<std::size_t>(size) == m_buffer.size();
-    };
-    while (count > 0 && add(count) && bytes.size() < m_maxAnswer) {
+    constexpr std::size_t mostDropped = std::size_t{1} << 26U; // of a reader that never stops sending
+    std::size_t total = 0;
+    while (count > 0) {
+        total += static_cast<std::size_t>(count);
+        if (total <= longestAnswer) {
+            bytes.append(m_buffer.begin(), m_buffer.begin() + count);
+        }
+        if (static_cast<std::size_t>(count) < m_buffer.size() || total > mostDropped) {
+            break;
+        }
         count = GVUSB_Receive(m_handle, GVUSB_PROTOCOL, m_buffer.data(),
                               static_cast<unsigned int>(m_buffer.size()));
         if (count == GVUSB_ERR_TIMEOUT) {
             count = 0; // the answer filled the buffer and had no rest
         }
     }
-    return count < 0 ? count : static_cast<int>(bytes.size());
+    if (count < 0) {
+        return count;
+    }
+    return total <= longestAnswer ? static_cast<int>(total) : GVUSB_ERR_RECEIVE_BUFFER_TOO_SMALL;
+}
+
+// The library finds the endpoints in the first transfer after opening. Before that, RESETPIPE succeeds without clearing
+// anything.
+int ServedReader::findEndpoints() {
+    const std::string timeout = m_timeout.empty() ? std::to_string(defaultTransferTimeout) : m_timeout;
+    GVUSB_SetDevicePara(m_handle, "TIMEOUT", "1");
+    const int code =
+        GVUSB_Receive(m_handle, GVUSB_PROTOCOL, m_buffer.data(), static_cast<unsigned int>(m_buffer.size()));
+    GVUSB_SetDevicePara(m_handle, "TIMEOUT", timeout.c_str());
+    return needsOpening(code) ? code : GVUSB_OK;
 }
 
 Answer ServedReader::exchange(const Request& request) {
-    m_buffer.resize(bufferSize);
+    m_hasTransferred = true;
     const auto* const frame =
         reinterpret_cast<const unsigned char*>(request.payload.data()); // NOLINT(*-reinterpret-cast)
     const auto size = static_cast<unsigned int>(request.payload.size());
@@ -266,6 +291,11 @@ Answer ServedReader::set(const std::string& assignment) {
         }
     }
     const auto start = Clock::now();
+    if (isKey(key, "RESETPIPE") && !m_hasTransferred) {
+        if (const int code = findEndpoints(); code < 0) {
+            return outcome(code, start);
+        }
+    }
     Answer answer = outcome(GVUSB_SetDevicePara(m_handle, key.c_str(), value.c_str()), start);
     if (isTimeout && answer.status == Status::ok) {
         m_timeout = value;

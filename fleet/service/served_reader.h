@@ -48,10 +48,9 @@ public:
 
     struct Setup {
         ReaderFacts facts;
-        gvusb::reader reader;      // open, unless it shares its device ID with another one
-        bool sharesId = false;     // it is opened for each request
-        std::size_t queue = 0;     // how many requests may wait
-        std::size_t maxAnswer = 0; // how many bytes an answer may have
+        gvusb::reader reader;  // open, unless it shares its device ID with another one
+        bool sharesId = false; // it is opened for each request
+        std::size_t queue = 0; // how many requests may wait
     };
 
     // `open` and `answered` are called in the thread of the reader, `answered` once for each request that was added.
@@ -88,12 +87,12 @@ private:
     void openAgain();
     void close();
     int receiveRest(int count, std::string& bytes);
+    int findEndpoints();
     Answer outcome(int code, std::chrono::steady_clock::time_point start) const;
 
     const ReaderFacts m_facts;
     const bool m_sharesId;
     const std::size_t m_queueSize;
-    const std::size_t m_maxAnswer;
     const std::chrono::system_clock::time_point m_since;
     Gate& m_gate;
     const Open m_open;
@@ -103,7 +102,8 @@ private:
     gvusb::reader m_reader; // used by the thread alone
     std::atomic<int> m_handle = 0;
     bool m_mustOpen = false;
-    std::string m_timeout; // set by a request; empty for the library's default
+    std::string m_timeout;         // set by a request; empty for the library's default
+    bool m_hasTransferred = false; // since it was opened
     std::vector<unsigned char> m_buffer;
 
     std::mutex m_mutex;

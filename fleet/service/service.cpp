@@ -66,9 +66,7 @@ Service::Service(Configuration configuration)
     }
     warnIfOthersCanRead(m_configuration.broker.passwordFile);
     warnIfOthersCanRead(m_configuration.broker.key);
-    m_readers = std::make_unique<MachineReaders>(
-        MachineReaders::Limits{.queue = m_configuration.queue, .maxAnswer = m_configuration.maxPayload},
-        m_reports);
+    m_readers = std::make_unique<MachineReaders>(m_configuration.queue, m_reports);
     handleReports(); // of the readers that are present; they are published with the first connection
     m_events.clear();
     for (const RequestKey& key : m_memory.undelivered()) {

@@ -44,7 +44,7 @@ def functions_missing_from_table(source):
 def main():
     source = pathlib.Path(sys.argv[1])
     documents = [source / "README.md", source / "CONTRIBUTING.md", *sorted((source / "docs").glob("*.md"))]
-    code = "\n".join(path.read_text() for folder in ["include", "src", "emulator"]
+    code = "\n".join(path.read_text() for folder in ["include", "src", "emulator", "fleet"]
                      for path in sorted((source / folder).rglob("*.[ch]*")) if path.is_file())
     known = set(re.findall(r"\w+", code))
     checked = 0

@@ -55,6 +55,27 @@ def receives_long_answers(test):
 
 
 @case(BULK)
+def drops_answers_that_are_too_long(test):
+    _, _, client = started(test)
+    command("reply 1 pattern:524288")
+    check_equal(len(client.ask("gate", "1A2B3C", "transceive", b"\x01").payload), 524288)
+    command("reply 1 pattern:524289")
+    answer = client.ask("gate", "1A2B3C", "transceive", b"\x01")
+    check_equal((answer.status, answer.code, answer.payload), ("failed", "-1134", b""))
+    command("reply 1 echo")
+    check_equal(client.ask("gate", "1A2B3C", "transceive", b"\x02").payload, b"\x02")
+
+
+@case(BULK)
+def clears_a_halt_before_the_first_transfer(test):
+    _, _, client = started(test)
+    command("stall 1 in")
+    check_equal(client.ask("gate", "1A2B3C", "set", "RESETPIPE").status, "ok")
+    check_equal(client.ask("gate", "1A2B3C", "transceive", b"\x01").payload, b"\x01")
+    check_equal(client.ask("gate", "1A2B3C", "get", "TIMEOUT").payload, b"1000")
+
+
+@case(BULK)
 def transmits_and_receives(test):
     _, _, client = started(test)
     answer = client.ask("gate", "1A2B3C", "transmit", b"\x01\x02")
