@@ -26,12 +26,11 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using namespace std::chrono_literals;
 
-constexpr std::chrono::seconds longest =
-    5s;                      // that a request may wait before it runs, and that documents may take
-constexpr auto quiet = 1s;   // without a further document after which all have arrived
-constexpr auto pause = 50ms; // without an answer after which busy readers are asked again
+constexpr std::chrono::seconds
+    longest(5); // that a request may wait before it runs, and that documents may take
+constexpr std::chrono::seconds quiet(1);       // without a further document after which all have arrived
+constexpr std::chrono::milliseconds pause(50); // without an answer after which busy readers are asked again
 
 using Reader = std::pair<std::string, std::string>; // machine and name
 
@@ -190,7 +189,7 @@ public:
         }
         std::vector<Reader> busy;
         std::size_t answered = 0;
-        const Clock::time_point end = Clock::now() + longest + 1s;
+        const Clock::time_point end = Clock::now() + longest + std::chrono::seconds(1);
         while ((!waiting.empty() || !busy.empty()) && Clock::now() < end) {
             std::optional<Message> answer = receive(pause);
             if (!answer) {

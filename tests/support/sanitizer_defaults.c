@@ -10,9 +10,10 @@ const char* __tsan_default_options(void) {
 /*
  * The manager destroys the scan-list mutex while it holds it, so that no other thread locks it during
  * unloading. And libusb 1.0.26 destroys a transfer's mutex after its event thread has unlocked it, in an
- * order that the sanitizer cannot see.
+ * order that the sanitizer cannot see. libmosquitto locks its mutexes in several orders; one thread at a time calls it.
  */
 const char* __tsan_default_suppressions(void) {
     return "mutex:GVDrvHnd::~GVDrvHnd\n"
-           "race:libusb_free_transfer\n";
+           "race:libusb_free_transfer\n"
+           "deadlock:libmosquitto.so\n";
 }
