@@ -27,10 +27,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds
-    longest(5); // that a request may wait before it runs, and that documents may take
-constexpr std::chrono::seconds quiet(1);       // without a further document after which all have arrived
-constexpr std::chrono::milliseconds pause(50); // without an answer after which busy readers are asked again
+// A request may wait so long before it runs, and the documents may take so long.
+constexpr std::chrono::seconds longest(5);
+// All documents have arrived if no further one has come for so long.
+constexpr std::chrono::seconds quiet(1);
+// Busy readers are asked again if no answer has come for so long.
+constexpr std::chrono::milliseconds pause(50);
 
 using Reader = std::pair<std::string, std::string>; // machine and name
 
