@@ -15,6 +15,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import uuid
 
@@ -115,6 +116,52 @@ class Broker:
     def close(self):
         if self.child is not None:
             self.child.end()
+
+
+class Link:
+    """The only way to the broker, which can be cut."""
+
+    def __init__(self, port):
+        self._target = port
+        self._listener = socket.create_server(("127.0.0.1", 0))
+        self.port = self._listener.getsockname()[1]
+        self._lock = threading.Lock()
+        self._ends = []
+        self._start(self._accept)
+
+    @staticmethod
+    def _start(function, *arguments):
+        threading.Thread(target=function, args=arguments, daemon=True).start()
+
+    def _accept(self):
+        with contextlib.suppress(OSError):
+            while True:
+                near, _ = self._listener.accept()
+                far = socket.create_connection(("127.0.0.1", self._target))
+                with self._lock:
+                    self._ends += [near, far]
+                self._start(self._pass_on, near, far)
+                self._start(self._pass_on, far, near)
+
+    @staticmethod
+    def _pass_on(source, sink):
+        with contextlib.suppress(OSError):
+            while data := source.recv(65536):
+                sink.sendall(data)
+        with contextlib.suppress(OSError):
+            sink.shutdown(socket.SHUT_RDWR)
+
+    def cut(self):
+        """End the connections in the middle of whatever they carry."""
+        with self._lock:
+            for end in self._ends:
+                with contextlib.suppress(OSError):
+                    end.shutdown(socket.SHUT_RDWR)
+            self._ends.clear()
+
+    def close(self):
+        self._listener.close()
+        self.cut()
 
 
 class Answer:
@@ -283,6 +330,11 @@ class Surroundings(contextlib.ExitStack):
         self.callback(broker.close)
         self._children.append(broker)
         return broker
+
+    def link(self, broker):
+        link = Link(broker.port)
+        self.callback(link.close)
+        return link
 
     def client(self, broker, *topics, **options):
         client = Client(broker, **options)

@@ -537,6 +537,25 @@ def loses_no_answer_while_the_broker_hangs(test):
     check_equal(frames(1), 10)
 
 
+@case(*TWO)
+def runs_every_request_once_while_its_link_is_cut(test):
+    broker = test.broker(lines=["max_queued_messages 0"])
+    link = test.link(broker)
+    client = test.client(broker, "gvusb/#")
+    service = test.service(link.port, options=["--queue", "10000"])
+    wait_online(client)
+    asked = []
+    for turn in range(5):
+        asked += [client.request("gate", reader, "transceive", turn.to_bytes(1, "big"))
+                  for _ in range(25) for reader in ("1A2B3C", "CAFE")]
+        time.sleep(0.02 * turn)  # so that each cut meets another moment
+        wait_until(lambda turn=turn: service.log().count("connected to") > turn, "connected")
+        link.cut()
+    for correlation in asked:
+        check_equal(client.answer(correlation).status, "ok")
+    check_equal((frames(1), frames(2)), (125, 125))
+
+
 @case(BULK)
 def warns_if_another_client_has_its_name(test):
     broker, service, _ = started(test)
