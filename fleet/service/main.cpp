@@ -7,9 +7,11 @@
 #include <cstdlib>
 #include <exception>
 #include <stdexcept>
+#include <string>
 #include <system_error>
 #include <utility>
 
+#include <mosquitto.h>
 #include <sys/signalfd.h>
 
 namespace {
@@ -34,6 +36,15 @@ EXAMPLES
   gvusb-mqtt --broker localhost --state-directory /tmp
   gvusb-mqtt --broker mqtts://broker.example.org --user gate-1 --password-file /etc/gavo/password
 )";
+
+std::string versions() {
+    int major = 0;
+    int minor = 0;
+    int revision = 0;
+    mosquitto_lib_version(&major, &minor, &revision);
+    return "gvusb-mqtt " GVUSB_PROJECT_VERSION " (libmosquitto " + std::to_string(major) + '.' +
+           std::to_string(minor) + '.' + std::to_string(revision) + ')';
+}
 
 // Signals arrive at a descriptor instead. To be called before there are other threads.
 int signalDescriptor() {
@@ -65,14 +76,19 @@ int main(int count, char** arguments) {
     try {
         fleet::Configuration configuration;
         CLI::App app(description, "gvusb-mqtt");
-        app.set_version_flag("--version", GVUSB_PROJECT_VERSION, "Print the version and exit");
+        app.set_version_flag("--version", versions,
+                             "Print the versions of the service and of libmosquitto, and exit");
         app.footer(footer);
         fleet::addOptions(app, configuration);
         try {
             app.parse(count, arguments);
             fleet::complete(configuration);
         } catch (const CLI::ParseError& error) {
-            return app.exit(error) == 0 ? 0 : wrongConfiguration;
+            if (error.get_exit_code() == 0) {
+                return app.exit(error); // prints the help or the version
+            }
+            service_log::error(error.what() + std::string("; see gvusb-mqtt --help"));
+            return wrongConfiguration;
         } catch (const std::invalid_argument& error) {
             service_log::error(error.what());
             return wrongConfiguration;

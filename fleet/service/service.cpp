@@ -502,7 +502,8 @@ void Service::notifySystemd() {
         return;
     }
     std::string state = m_isConnected ? "STATUS=Connected, " : "STATUS=Not connected, ";
-    state += std::to_string(m_readers->all().size()) + " readers";
+    const std::size_t readers = m_readers->all().size();
+    state += std::to_string(readers) + (readers == 1 ? " reader" : " readers");
     if (m_watchdog) {
         state += "\nWATCHDOG=1";
     }

@@ -611,7 +611,7 @@ def tells_systemd_that_it_is_ready_and_alive(test):
 
         notify.settimeout(60)
         receive_until("READY=1")
-        receive_until("STATUS=Connected, 1 readers")
+        receive_until("STATUS=Connected, 1 reader")
         del lines[:]
         receive_until("WATCHDOG=1")
         service.child.end()
