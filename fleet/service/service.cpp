@@ -446,6 +446,8 @@ void Service::sendAnswer(const RequestKey& key, const Answer& answer) {
     if (const int number = publish({.topic = key.responseTopic, .payload = answer.payload}, properties);
         number != 0) {
         m_answers.insert_or_assign(number, key);
+    } else {
+        m_memory.setDelivered(key); // it never will be
     }
 }
 

@@ -421,6 +421,20 @@ def remembers_answers_when_it_is_killed(test):
 
 
 @case(BULK)
+def repeats_no_answer_that_the_broker_has(test):
+    _, service, client = started(test)
+    correlation = client.request("gate", "1A2B3C", "transceive", b"\x01")
+    client.answer(correlation)
+    requests = os.path.join(service.state, "requests")
+    size = os.path.getsize(requests)
+    wait_until(lambda: os.path.getsize(requests) > size, "noted")
+    service.kill()
+    service.start()
+    check_equal(client.ask("gate", "1A2B3C", "transceive", b"\x02").status, "ok")
+    check_equal(len(client.answers_by_correlation[correlation]), 1)
+
+
+@case(BULK)
 def runs_what_arrived_while_it_was_away_unless_it_expired(test):
     _, service, client = started(test)
     service.kill()
