@@ -287,8 +287,8 @@ int Client::subscribe(const std::string& filter, int qos, int options) {
     return number;
 }
 
-void Client::disconnect() {
-    mosquitto_disconnect_v5(m_client.get(), MQTT_RC_NORMAL_DISCONNECTION, nullptr);
+void Client::disconnect(int reason) {
+    mosquitto_disconnect_v5(m_client.get(), reason, nullptr);
 }
 
 } // namespace mqtt

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include <mosquitto.h>
+#include <mqtt_protocol.h>
 
 namespace mqtt {
 
@@ -87,8 +88,8 @@ public:
     // `options` are those of MQTT_SUB_OPT_.
     int subscribe(const std::string& filter, int qos, int options = 0);
 
-    // End the connection. The broker does not publish the will.
-    void disconnect();
+    // End the connection, with one of MQTT_RC_ as the reason, which decides whether the broker publishes the will.
+    void disconnect(int reason = MQTT_RC_NORMAL_DISCONNECTION);
 
 private:
     struct Destroy {

@@ -15,6 +15,7 @@ using Nodes = std::set<UsbNode>;
 
 // The library's own reports would need a thread that handles libusb's events, through which then every transfer would go.
 constexpr std::chrono::milliseconds lookInterval(200);
+constexpr int mostWaits = 25; // for a look, before a reader is opened
 
 // udev may grant access to a reader only some time after it was connected. A silent one delays all others at each attempt.
 constexpr std::chrono::milliseconds firstPause(100);
@@ -53,11 +54,17 @@ UsbNode nodeOf(const UsbLocation& location) {
     return {.bus = location.bus, .address = location.address};
 }
 
-// The location whose node is open now and was not open before.
-std::optional<UsbLocation> newlyOpened(const Nodes& before, const std::vector<UsbLocation>& present) {
+// The nodes that are open now and were not open before.
+std::vector<UsbNode> addedNodes(const Nodes& before) {
     const Nodes now = openUsbNodes();
     std::vector<UsbNode> added;
     std::ranges::set_difference(now, before, std::back_inserter(added));
+    return added;
+}
+
+// The location whose node is open now and was not open before.
+std::optional<UsbLocation> newlyOpened(const Nodes& before, const std::vector<UsbLocation>& present) {
+    const std::vector<UsbNode> added = addedNodes(before);
     if (added.size() != 1) {
         return std::nullopt;
     }
@@ -123,6 +130,13 @@ std::vector<ScanEntry> scanList(const std::vector<UsbLocation>& present,
     return entries;
 }
 
+// Close a reader unless it was open before. A scan opens its first reader in any case.
+void closeIfOpened(int handle, const Nodes& before) {
+    if (handle > 0 && !addedNodes(before).empty()) {
+        GVUSB_CloseDevice(handle);
+    }
+}
+
 [[noreturn]] void fail(int code) {
     throw gvusb::error(gvusb::make_error_code(static_cast<gvusb::errc>(code)), "open");
 }
@@ -169,12 +183,16 @@ std::vector<std::shared_ptr<ServedReader>> MachineReaders::all() const {
     return m_readers;
 }
 
-void MachineReaders::scan(Request request) {
+bool MachineReaders::scan(Request& request) {
     {
         const std::lock_guard lock(m_mutex);
+        if (m_scans.size() >= m_queue) {
+            return false;
+        }
         m_scans.push_back(std::move(request));
     }
     m_wake.notify_one();
+    return true;
 }
 
 void MachineReaders::watch() {
@@ -192,6 +210,10 @@ void MachineReaders::watch() {
         update(!scans.empty());
         const auto time = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start);
         for (Request& request : scans) {
+            if (request.isExpired()) {
+                m_reports.put(AnsweredRequest{.request = std::move(request), .answer = expired()});
+                continue;
+            }
             m_reports.put(AnsweredRequest{
                 .request = std::move(request),
                 .answer = {
@@ -236,6 +258,7 @@ bool MachineReaders::removeMissing(const std::vector<UsbLocation>& present) {
 // Report readers as disconnected, and end their requests.
 void MachineReaders::end(Readers gone) {
     for (const auto& reader : gone) {
+        reader->stop(); // all of them, before waiting for one
         m_reports.put(ReaderChange{
             .connected = false, .facts = reader->facts(), .time = std::chrono::system_clock::now()});
     }
@@ -246,6 +269,7 @@ void MachineReaders::identify(const std::vector<UsbLocation>& present) {
     Readers gone;
     {
         const std::lock_guard opening(m_opening);
+        m_identified = present;
         {
             const Gate::Closed closed(m_gate);
             GVUSB_Scan(GVUSB_SCAN_ALL, nullptr);
@@ -338,15 +362,13 @@ std::vector<MachineReaders::Found> MachineReaders::locateShared(const std::set<g
             handle =
                 isShared ? GVUSB_ScanAndOpen(GVUSB_SCAN_NEXT, nullptr) : GVUSB_Scan(GVUSB_SCAN_NEXT, nullptr);
         }
-        if (!isShared || handle <= 0) {
-            continue;
-        }
-        if (const auto location = newlyOpened(before, present)) {
+        const auto location = handle > 0 ? newlyOpened(before, present) : std::nullopt;
+        if (isShared && location) {
             ReaderFacts facts = factsOf(entry, *location, true);
             facts.typeNumber = typeNumber(handle);
             found.push_back({.facts = std::move(facts), .reader = {}, .sharesId = true});
         }
-        GVUSB_CloseDevice(handle);
+        closeIfOpened(handle, before);
     }
     return found;
 }
@@ -397,14 +419,14 @@ void MachineReaders::reportUnidentified(const std::vector<UsbLocation>& present)
 // Called in the thread of the reader.
 ServedReader::Opened MachineReaders::reopen(const ReaderFacts& facts, bool sharesId) {
     ServedReader::Opened opened{.reader = {}, .lock = std::unique_lock(m_opening)};
-    const std::vector<UsbLocation> present = readersOnBus();
+    std::vector<UsbLocation> present = readersOnBus();
     const auto isHere = [&](const std::optional<UsbLocation>& location) {
         return location && isAt(facts, *location);
     };
     if (std::ranges::none_of(present, [&](const UsbLocation& location) { return isAt(facts, location); })) {
         fail(GVUSB_ERR_NOT_PRESENT);
     }
-    const Nodes before = openUsbNodes();
+    Nodes before = openUsbNodes();
     if (!sharesId) {
         opened.reader = gvusb::open(facts.id);
         if (!isHere(newlyOpened(before, present))) {
@@ -413,6 +435,17 @@ ServedReader::Opened MachineReaders::reopen(const ReaderFacts& facts, bool share
         opened.lock.unlock();
         return opened;
     }
+    // The scan would give the handle of an open reader to a new one with its device ID: wait until that is identified.
+    for (int i = 0; i < mostWaits && present != m_identified; ++i) {
+        opened.lock.unlock();
+        std::this_thread::sleep_for(lookInterval);
+        opened.lock.lock();
+        present = readersOnBus();
+    }
+    if (present != m_identified) {
+        fail(GVUSB_ERR_NOT_PRESENT);
+    }
+    before = openUsbNodes();
     int handle = GVUSB_ScanAndOpen(GVUSB_SCAN_FIRST, nullptr);
     const std::vector<ScanEntry> entries = scanList(present, all());
     for (std::size_t i = 0; i < entries.size(); ++i) {
@@ -421,14 +454,11 @@ ServedReader::Opened MachineReaders::reopen(const ReaderFacts& facts, bool share
             handle = isCandidate ? GVUSB_ScanAndOpen(GVUSB_SCAN_NEXT, nullptr)
                                  : GVUSB_Scan(GVUSB_SCAN_NEXT, nullptr);
         }
-        if (!isCandidate || handle <= 0) {
-            continue;
-        }
-        if (isHere(newlyOpened(before, present))) {
+        if (isCandidate && handle > 0 && isHere(newlyOpened(before, present))) {
             opened.reader = gvusb::reader(handle);
             return opened;
         }
-        GVUSB_CloseDevice(handle);
+        closeIfOpened(handle, before);
     }
     fail(GVUSB_ERR_NOT_PRESENT);
 }

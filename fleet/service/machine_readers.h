@@ -52,21 +52,21 @@ struct ScanEntry {
 
 class MachineReaders {
 public:
-    // Finds the readers that are present, before it returns. `queue` requests may wait for each. Reports go to the
+    // Finds the readers that are present, before it returns. Each may have `queue` requests. Reports go to the
     // mailbox.
     MachineReaders(std::size_t queue, Mailbox<Report>& reports);
     MachineReaders(const MachineReaders&) = delete;
     MachineReaders& operator=(const MachineReaders&) = delete;
     ~MachineReaders() { stop(); }
 
-    // Close all readers. Returns when every request has been answered.
+    // Close all readers, and have their requests answered.
     void stop();
 
     std::shared_ptr<ServedReader> find(std::string_view name) const;
     std::vector<std::shared_ptr<ServedReader>> all() const;
 
-    // Look at the bus again, and answer the request then.
-    void scan(Request request);
+    // Look at the bus again, and answer the request then. Returns false if too many wait, and leaves the request as it is.
+    bool scan(Request& request);
 
 private:
     using Readers = std::vector<std::shared_ptr<ServedReader>>;
@@ -95,7 +95,8 @@ private:
     const std::size_t m_queue;
     Mailbox<Report>& m_reports;
     Gate m_gate;
-    std::mutex m_opening; // held while readers are scanned and opened
+    std::mutex m_opening;                  // held while readers are scanned and opened
+    std::vector<UsbLocation> m_identified; // what was present then; guarded by m_opening
 
     mutable std::mutex m_readersMutex;
     Readers m_readers; // changed only by the watching thread

@@ -21,6 +21,10 @@ struct Request {
     bool isExpired() const { return expiry && *expiry <= std::chrono::steady_clock::now(); }
 };
 
+inline Answer expired() {
+    return {.status = Status::expired, .text = "the request waited longer than its message expiry"};
+}
+
 struct AnsweredRequest {
     Request request;
     Answer answer;

@@ -23,6 +23,8 @@ using Json = nlohmann::json;
 
 constexpr const char* currentName = "requests";
 constexpr const char* olderName = "requests.older";
+constexpr const char* nextName = "requests.next"; // while it is written
+constexpr std::uint64_t mostBytes = std::uint64_t{1} << 26U;
 constexpr const char* stateName = "state.json";
 constexpr mode_t onlyOwner = 0600;
 
@@ -168,11 +170,16 @@ RequestMemory::RequestMemory(std::string folder, std::size_t requests)
     , m_requests(requests) {
     lock();
     m_machineCrashed = !readState();
-    openFile(m_files[0], olderName);
-    openFile(m_files[1], currentName);
+    // The process may have been killed in rotate().
+    if (std::filesystem::exists(path(currentName)) || !std::filesystem::exists(path(nextName))) {
+        std::filesystem::remove(path(nextName));
+    } else {
+        std::filesystem::rename(path(nextName), path(currentName));
+    }
+    m_files[0] = openFile(olderName, 0);
+    m_files[1] = openFile(currentName, 0);
     load(0);
     load(1);
-    m_current = 1;
     writeState(false);
     answerRunning();
 }
@@ -203,14 +210,16 @@ void RequestMemory::lock() {
     }
 }
 
-void RequestMemory::openFile(File& file, const char* name) {
+RequestMemory::File RequestMemory::openFile(const char* name, int flags) const {
     const std::string full = path(name);
-    file.descriptor = ::open(full.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, onlyOwner);
+    File file;
+    file.descriptor = ::open(full.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | flags, onlyOwner);
     struct stat facts = {};
     if (file.descriptor < 0 || ::fstat(file.descriptor, &facts) != 0) {
         fail(full);
     }
     file.size = static_cast<std::uint64_t>(facts.st_size);
+    return file;
 }
 
 // A crash of the machine may have cut the file off or filled its end with zeros: keep what is whole.
@@ -229,7 +238,7 @@ void RequestMemory::load(std::uint8_t number) {
     }
     if (offset != file.size) {
         service_log::warning(m_folder + ": dropped " + std::to_string(file.size - offset) +
-                             " bytes that a crash of the machine has damaged");
+                             " damaged bytes at the end of a file");
         [[maybe_unused]] const int cut = ::ftruncate(file.descriptor, static_cast<off_t>(offset));
         file.size = offset;
     }
@@ -271,7 +280,7 @@ void RequestMemory::answerRunning() {
     for (const RequestKey& key : keys) {
         setAnswer(key, unknown);
     }
-    if (const int error = flush(); error != 0) {
+    if (const int error = write(); error != 0) {
         throw std::system_error(error, std::generic_category(), m_folder);
     }
 }
@@ -286,7 +295,7 @@ RequestMemory::State RequestMemory::state(const RequestKey& key) const {
 
 std::optional<Answer> RequestMemory::answer(const RequestKey& key) const {
     const auto found = m_entries.find(key);
-    if (found == m_entries.end() || !found->second.answered) {
+    if (found == m_entries.end() || !found->second.answered || found->second.size == 0) {
         return std::nullopt;
     }
     const Entry& entry = found->second;
@@ -351,37 +360,58 @@ void RequestMemory::forget(const RequestKey& key) {
 }
 
 int RequestMemory::flush() {
-    File& file = m_files[m_current];
-    const int error = writeAt(file.descriptor, m_unwritten, file.size);
-    if (error == 0) {
-        file.size += m_unwritten.size();
-    }
-    m_unwritten.clear();
-    if (error == 0 && file.keys.size() >= m_requests) {
+    const int error = write();
+    const File& file = m_files[m_current];
+    if (error == 0 &&
+        (file.keys.size() >= m_requests + m_keptRequests || file.size >= mostBytes + m_keptBytes)) {
         rotate();
     }
     return error;
 }
 
-// The current file becomes the older one. What the older one has is forgotten, except requests without a delivered answer.
+int RequestMemory::write() {
+    File& file = m_files[m_current];
+    const int error = writeAt(file.descriptor, m_unwritten, file.size);
+    if (error == 0) {
+        file.size += m_unwritten.size();
+    } else {
+        for (auto& [key, entry] : m_entries) {
+            if (entry.answered && entry.file == m_current && entry.offset >= file.size) {
+                entry.size = 0;
+            }
+        }
+    }
+    m_unwritten.clear();
+    return error;
+}
+
+// The current file becomes the older one. What the older one has is forgotten, except requests without a delivered answer:
+// they are written to the next file before it takes its place.
 void RequestMemory::rotate() {
     const std::uint8_t next = 1 - m_current;
     std::vector<std::pair<RequestKey, std::optional<Answer>>> kept;
     for (const RequestKey* const key : m_files[next].keys) {
-        const auto found = m_entries.find(*key);
-        if (!found->second.answered || !found->second.delivered) {
-            kept.emplace_back(*key, answer(*key));
+        const Entry& entry = m_entries.find(*key)->second;
+        if (!entry.answered || !entry.delivered) {
+            auto known = answer(*key);
+            if (entry.answered && !known) {
+                known = Answer{.status = Status::unknown, .text = "the request has run; its answer is lost"};
+            }
+            kept.emplace_back(*key, std::move(known));
         }
+    }
+    File fresh;
+    try {
+        fresh = openFile(nextName, O_TRUNC);
+    } catch (const std::system_error& error) {
+        service_log::error(error.what()); // the current file goes on
+        return;
     }
     for (const RequestKey* const key : m_files[next].keys) {
         m_entries.erase(m_entries.find(*key));
     }
-    m_files[next].keys.clear();
-    if (::rename(path(currentName).c_str(), path(olderName).c_str()) != 0) {
-        service_log::error(m_folder + ": " + std::generic_category().message(errno));
-    }
     ::close(m_files[next].descriptor);
-    openFile(m_files[next], currentName);
+    m_files[next] = std::move(fresh);
     m_current = next;
     for (const auto& [key, known] : kept) {
         begin(key);
@@ -389,9 +419,16 @@ void RequestMemory::rotate() {
             setAnswer(key, *known);
         }
     }
-    if (const int error = flush(); error != 0) {
+    int error = write();
+    if (::rename(path(currentName).c_str(), path(olderName).c_str()) != 0 ||
+        ::rename(path(nextName).c_str(), path(currentName).c_str()) != 0) {
+        error = errno;
+    }
+    if (error != 0) {
         service_log::error(m_folder + ": " + std::generic_category().message(error));
     }
+    m_keptRequests = kept.size();
+    m_keptBytes = m_files[m_current].size;
 }
 
 std::vector<RequestKey> RequestMemory::undelivered() const {
@@ -414,13 +451,21 @@ bool RequestMemory::readState() const {
     if (!state.is_object()) {
         return false;
     }
-    return state.value("complete", false) || state.value("boot", std::string{}) == bootId();
+    const std::string boot = bootId();
+    return state.value("complete", false) || (!boot.empty() && state.value("boot", std::string{}) == boot);
 }
 
-void RequestMemory::writeState(bool isComplete) {
+void RequestMemory::setSessionDiscarded() {
+    m_machineCrashed = false;
+    writeState(false);
+}
+
+void RequestMemory::writeState(bool isComplete) const {
     const std::string name = path(stateName);
     const std::string fresh = name + ".new";
-    const std::string text = Json{{"boot", bootId()}, {"complete", isComplete}}.dump() + '\n';
+    const std::string boot = m_machineCrashed ? std::string{} : bootId();
+    const std::string text =
+        Json{{"boot", boot}, {"complete", isComplete && !m_machineCrashed}}.dump() + '\n';
     const int descriptor = ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, onlyOwner);
     if (descriptor < 0) {
         fail(fresh);

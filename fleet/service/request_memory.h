@@ -1,7 +1,7 @@
 // The requests of the recent past, so that none runs twice: neither if the broker delivers it again nor after a restart.
 //
 // The memory is kept in two files. A record is appended when a request begins, when it has been answered and when the
-// broker has taken over the answer. Once the file has as many requests as are to be remembered, it becomes the older one of
+// broker has taken over the answer. Once the file has as many requests as are to be remembered, or 64 MiB, it becomes the older one of
 // the two, and the one before is forgotten. The records survive the end of the process at any point. They are not
 // synchronized with the disk each time, which would take longer than an exchange: after a crash of the machine, the service
 // discards what the broker kept for it instead (see machineCrashed()).
@@ -39,8 +39,10 @@ public:
     RequestMemory& operator=(const RequestMemory&) = delete;
     ~RequestMemory();
 
-    // Whether the machine has crashed or lost its power since the last use, so that records may be missing.
+    // Whether the machine has crashed or lost its power, so that records may be missing. It stays so, over restarts of the
+    // process too, until setSessionDiscarded() says that the broker delivers nothing again.
     bool machineCrashed() const { return m_machineCrashed; }
+    void setSessionDiscarded();
 
     enum class State : std::uint8_t { unknownRequest, running, answered };
     State state(const RequestKey& key) const;
@@ -69,7 +71,7 @@ private:
         bool answered = false;
         bool delivered = false;
         std::uint8_t file = 0;    // of the answer
-        std::uint32_t size = 0;   // of the answer's bytes in the file
+        std::uint32_t size = 0;   // of the answer's bytes in the file; 0 if they could not be written
         std::uint64_t offset = 0; // of the answer's bytes in the file
     };
     struct File {
@@ -87,13 +89,14 @@ private:
 
     std::string path(const char* name) const { return m_folder + '/' + name; }
     void lock();
-    void openFile(File& file, const char* name);
+    File openFile(const char* name, int flags) const;
+    int write();
     void load(std::uint8_t file);
     void apply(std::uint8_t file, std::string_view record, std::uint64_t offset);
     void rotate();
     void answerRunning();
     bool readState() const;
-    void writeState(bool isComplete);
+    void writeState(bool isComplete) const;
     void append(char kind, const RequestKey& key, std::string_view rest);
 
     const std::string m_folder;
@@ -102,7 +105,9 @@ private:
     int m_lock = -1;
     Entries m_entries;
     std::array<File, 2> m_files;
-    std::uint8_t m_current = 0; // the file that is appended to
+    std::uint8_t m_current = 1;     // the file that is appended to
+    std::size_t m_keptRequests = 0; // that it took over from the file before
+    std::uint64_t m_keptBytes = 0;
     std::string m_unwritten;
 };
 

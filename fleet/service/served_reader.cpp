@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <exception>
 #include <initializer_list>
 #include <string_view>
 #include <system_error>
@@ -45,7 +46,7 @@ bool isKey(std::string_view text, const char* key) {
 Answer absent() {
     return {.status = Status::absent,
             .code = GVUSB_ERR_NO_DEVICE_FOUND,
-            .text = "the reader was disconnected before the request ran"};
+            .text = "the reader is not there any more"};
 }
 
 Answer refused(const std::string& why) {
@@ -69,23 +70,38 @@ ServedReader::ServedReader(Setup setup, Gate& gate, Open open, Answered answered
 }
 
 ServedReader::~ServedReader() {
-    const int handle = retire();
-    // More than once, because the first attempt may come before the call.
-    const std::jthread canceler([handle](const std::stop_token& stopped) {
-        while (handle > 0 && !stopped.stop_requested()) {
-            GVUSB_SetDevicePara(handle, "CANCEL", "");
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-    });
-    m_thread.join();
+    setRetired();
+    {
+        // More than once, because the first attempt may come before the call.
+        const std::jthread canceler([this](const std::stop_token& stopped) {
+            while (!stopped.stop_requested()) {
+                cancel();
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            }
+        });
+        m_thread.join();
+    }
+    // Added when the thread had ended already.
+    for (Request& request : m_queue) {
+        m_answered({std::move(request), absent()});
+    }
 }
 
-int ServedReader::retire() {
+void ServedReader::setRetired() {
     {
         const std::lock_guard lock(m_mutex);
         m_retired = true;
     }
     m_added.notify_one();
+}
+
+void ServedReader::stop() {
+    setRetired();
+    cancel();
+}
+
+int ServedReader::retire() {
+    setRetired();
     return m_handle.exchange(0);
 }
 
@@ -98,7 +114,7 @@ bool ServedReader::isWhereItWas(const std::set<UsbNode>& openNodes) const {
     return m_sharesId || m_handle == 0 || openNodes.contains({m_facts.bus, m_facts.address});
 }
 
-bool ServedReader::add(Request request) {
+bool ServedReader::add(Request& request) {
     {
         const std::lock_guard lock(m_mutex);
         if (m_queue.size() >= m_queueSize) {
@@ -138,15 +154,18 @@ void ServedReader::run() {
 
 Answer ServedReader::answer(const Request& request) {
     const Gate::Pass pass(m_gate);
-    if (isRetired()) {
-        return absent();
-    }
-    if (request.isExpired()) {
-        return {.status = Status::expired, .text = "the request waited longer than its message expiry"};
+    if (auto reason = whyNotToRun(request)) {
+        return *reason;
     }
     try {
         if (m_sharesId || m_mustOpen) {
             openAgain();
+            // Opening may have waited for another request.
+            if (auto reason = whyNotToRun(request)) {
+                close();
+                m_mustOpen = true;
+                return *reason;
+            }
         }
         Answer result = request.operation == Operation::get   ? get(request.payload)
                         : request.operation == Operation::set ? set(request.payload)
@@ -163,7 +182,19 @@ Answer ServedReader::answer(const Request& request) {
         return code == GVUSB_ERR_NOT_PRESENT
                    ? absent()
                    : Answer{.status = Status::failed, .code = code, .text = textOf(code)};
+    } catch (const std::exception& error) {
+        // Memory has run out: the request may have run.
+        close();
+        m_mustOpen = true;
+        return {.status = Status::unknown, .text = error.what()};
     }
+}
+
+std::optional<Answer> ServedReader::whyNotToRun(const Request& request) {
+    if (isRetired()) {
+        return absent();
+    }
+    return request.isExpired() ? std::optional(expired()) : std::nullopt;
 }
 
 void ServedReader::close() {

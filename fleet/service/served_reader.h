@@ -50,28 +50,30 @@ public:
         ReaderFacts facts;
         gvusb::reader reader;  // open, unless it shares its device ID with another one
         bool sharesId = false; // it is opened for each request
-        std::size_t queue = 0; // how many requests may wait
+        std::size_t queue = 0; // how many requests it may have, with the one that runs
     };
 
     // `open` and `answered` are called in the thread of the reader, `answered` once for each request that was added.
     ServedReader(Setup setup, Gate& gate, Open open, Answered answered);
     ServedReader(const ServedReader&) = delete;
     ServedReader& operator=(const ServedReader&) = delete;
-    // Retires the reader, ends the call that is running, and waits until every request has been answered.
+    // Ends the call that is running, and answers all requests that wait as stop() says.
     ~ServedReader();
 
     const ReaderFacts& facts() const { return m_facts; }
     bool sharesId() const { return m_sharesId; }
     std::chrono::system_clock::time_point since() const { return m_since; }
 
-    // Returns false if the queue is full.
-    bool add(Request request);
+    // Returns false if the queue is full, and leaves the request as it is.
+    bool add(Request& request);
 
     // End the call that is running on the reader. Returns the library's code.
     int cancel() const;
 
-    // Answer all requests that wait by Status::absent, without a call on the reader. Returns the handle, which is no longer
-    // used; 0 if the reader is not open.
+    // From now on, answer requests by Status::absent, without a call on the reader; and end the call that is running.
+    void stop();
+    // The same, but do not end the call: the handle is another reader's. Returns the handle, which is no longer used; 0 if the
+    // reader is not open.
     int retire();
 
     // Whether the reader's node is among those that the process has open, or need not be.
@@ -79,7 +81,9 @@ public:
 
 private:
     void run();
+    void setRetired();
     bool isRetired();
+    std::optional<Answer> whyNotToRun(const Request& request);
     Answer answer(const Request& request);
     Answer exchange(const Request& request);
     Answer get(const std::string& key);

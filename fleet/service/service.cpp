@@ -141,6 +141,7 @@ void Service::waitAndProcess(int signals) {
     if (m_isConnected && m_mustDiscardSession) {
         // The session that the broker kept is gone. The next one is to be kept.
         m_mustDiscardSession = false;
+        m_memory.setSessionDiscarded();
         m_isConnected = false;
         m_client->disconnect();
         makeClient(false);
@@ -226,9 +227,6 @@ std::optional<std::string> Service::whyInvalid(const mqtt::Message& message) con
 }
 
 void Service::receiveRequest(const Topic& topic, const mqtt::Message& message) {
-    if (m_isOver) {
-        return; // the broker has it again for the next start, unless it expires
-    }
     if (const auto why = whyInvalid(message)) {
         const std::string text =
             "a request '" + std::string(operationName(topic.operation)) + "' was not run: " + *why;
@@ -258,7 +256,10 @@ void Service::receiveRequest(const Topic& topic, const mqtt::Message& message) {
         request.expiry = Clock::now() + std::chrono::seconds(*message.properties.expirySeconds);
     }
     m_memory.begin(key);
-    if (message.payload.size() > m_configuration.maxPayload) {
+    if (m_isOver) {
+        // libmosquitto has acknowledged it already, so the broker does not keep it for the next start.
+        finish(request, {.status = Status::busy, .text = "the service is ending"});
+    } else if (message.payload.size() > m_configuration.maxPayload) {
         finish(request, {.status = Status::refused,
                          .text = "the payload is longer than " + std::to_string(m_configuration.maxPayload) +
                                  " bytes"});
@@ -267,7 +268,7 @@ void Service::receiveRequest(const Topic& topic, const mqtt::Message& message) {
     }
 }
 
-// Run what has been received, once the memory is on the disk.
+// Run what has been received, once the memory is written.
 void Service::startRequests() {
     if (m_begun.empty()) {
         return;
@@ -290,8 +291,10 @@ void Service::startRequests() {
 
 void Service::start(Request request) {
     if (request.operation == Operation::scan) {
-        ++m_running;
-        m_readers->scan(std::move(request));
+        if (!m_readers->scan(request)) {
+            finish(request, {.status = Status::busy,
+                             .text = std::to_string(m_configuration.queue) + " scans wait already"});
+        }
         return;
     }
     const auto reader = m_readers->find(request.reader);
@@ -309,11 +312,8 @@ void Service::start(Request request) {
                          .microseconds = 0});
         return;
     }
-    Request copy = request;
-    if (reader->add(std::move(request))) {
-        ++m_running;
-    } else {
-        finish(copy,
+    if (!reader->add(request)) {
+        finish(request,
                {.status = Status::busy,
                 .text = std::to_string(m_configuration.queue) + " requests wait for the reader already"});
     }
@@ -334,8 +334,7 @@ void Service::handleReports() {
 }
 
 void Service::handle(AnsweredRequest answered) {
-    --m_running;
-    if (answered.request.operation == Operation::scan) {
+    if (answered.request.operation == Operation::scan && answered.answer.status == Status::ok) {
         Json list = Json::array();
         auto readers = m_readers->all();
         std::ranges::sort(readers, {}, [](const auto& reader) { return reader->facts().name; });
@@ -385,8 +384,13 @@ void Service::correctDocument(const Topic& topic, std::string_view document) {
     if (m_readers->find(topic.reader) != nullptr) {
         return;
     }
+    // It may be anybody's.
+    constexpr std::size_t longestDocument = 4096;
+    if (document.size() > longestDocument) {
+        return;
+    }
     Json known = Json::parse(document, nullptr, false);
-    if (known.is_object() && known.value("connected", false)) {
+    if (known.is_object() && known.contains("connected") && known["connected"] == true) {
         known["connected"] = false;
         known["since"] = utcText(std::chrono::system_clock::now());
         publish({.topic = readerTopic(m_configuration.prefix, m_configuration.machine, topic.reader),
@@ -518,8 +522,8 @@ void Service::notifySystemd() {
 // End in order: answer every request, and let the broker have all that is to be published.
 void Service::end() {
     sd_notify(0, "STOPPING=1");
-    const auto last = Clock::now() + longestEnd;
     m_readers->stop();
+    const auto last = Clock::now() + longestEnd;
     std::vector<Report> reports = m_reports.take();
     for (Report& report : reports) {
         if (auto* const answered = std::get_if<AnsweredRequest>(&report)) {
@@ -535,9 +539,12 @@ void Service::end() {
         pollfd waited = {.fd = m_client->descriptor(), .events = m_client->pollEvents(), .revents = 0};
         ::poll(&waited, 1, interval);
         m_client->process(waited.revents);
+        sendAnswers();
     }
     if (m_isConnected) {
-        m_client->disconnect();
+        // If "offline" has not gone out, the broker is to publish it.
+        m_client->disconnect(m_unacknowledged.empty() ? MQTT_RC_NORMAL_DISCONNECTION
+                                                      : MQTT_RC_DISCONNECT_WITH_WILL_MSG);
     }
     m_memory.close();
 }

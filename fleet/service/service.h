@@ -90,8 +90,7 @@ private:
     std::chrono::milliseconds m_connectPause;
     std::string m_lastLoss; // logged once
 
-    std::vector<Request> m_begun;                       // remembered, but not yet on the disk
-    std::size_t m_running = 0;                          // requests without an answer
+    std::vector<Request> m_begun;                       // remembered, but not yet written
     std::unordered_map<int, RequestKey> m_answers;      // sent, by the number of the message
     std::set<int> m_unacknowledged;                     // the numbers of all messages
     std::deque<std::pair<RequestKey, Answer>> m_unsent; // while there is no connection

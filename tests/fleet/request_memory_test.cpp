@@ -219,9 +219,54 @@ TEST_F(RequestMemoryTest, KnowsWhetherTheMachineHasCrashed) {
     fs::remove(file("state.json"));
     open();
     EXPECT_TRUE(memory().machineCrashed());
+}
+
+TEST_F(RequestMemoryTest, KnowsOfACrashUntilTheSessionHasBeenDiscarded) {
+    std::ofstream(file("state.json")) << R"({"boot":"another","complete":false})";
+    open();
+    open(); // the process was killed before it reached the broker
+    EXPECT_TRUE(memory().machineCrashed());
+    memory().close();
+    open();
+    EXPECT_TRUE(memory().machineCrashed());
+    memory().setSessionDiscarded();
+    EXPECT_FALSE(memory().machineCrashed());
+    open();
+    EXPECT_FALSE(memory().machineCrashed());
     memory().close();
     open();
     EXPECT_FALSE(memory().machineCrashed());
+}
+
+TEST_F(RequestMemoryTest, KeepsMoreRequestsThanItShouldIfTheyStillRun) {
+    open(1);
+    for (int number = 0; number < 50; ++number) {
+        memory().begin(key(number));
+        ASSERT_EQ(memory().flush(), 0);
+    }
+    for (int number = 0; number < 50; ++number) {
+        EXPECT_EQ(memory().state(key(number)), State::running);
+        memory().setAnswer(key(number), answerOf(number));
+        ASSERT_EQ(memory().flush(), 0);
+    }
+    open(1);
+    for (int number = 0; number < 50; ++number) {
+        expectAnswer(number);
+    }
+}
+
+TEST_F(RequestMemoryTest, FindsItsFilesWhereverTheProcessWasKilled) {
+    run(1);
+    ASSERT_EQ(memory().flush(), 0);
+    // Both files were to take their new places, and only the first did.
+    fs::rename(file("requests"), file("requests.next"));
+    open();
+    expectAnswer(1);
+    // The next file was being written.
+    std::ofstream(file("requests.next")) << "the beginning of a record";
+    open();
+    expectAnswer(1);
+    EXPECT_FALSE(fs::exists(file("requests.next")));
 }
 
 // In a process of its own: a file can have only 100 bytes then. Exits with the number of requests that were tried.
@@ -236,6 +281,29 @@ TEST_F(RequestMemoryTest, KnowsWhetherTheMachineHasCrashed) {
         error = memory.flush();
     }
     std::_Exit(error == EFBIG ? number : 0);
+}
+
+// Exits with 7 if an answer that could not be written is lost, not confused with what was written later.
+[[noreturn]] void loseAnAnswer(RequestMemory& memory) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    memory.begin({"answers", "1"});
+    memory.flush();
+    rlimit limit = {.rlim_cur = 30, .rlim_max = 10000};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    memory.setAnswer({"answers", "1"}, {.text = "first"});
+    const bool failed = memory.flush() != 0;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    memory.begin({"answers", "2"});
+    memory.setAnswer({"answers", "2"}, {.text = "other"});
+    const bool written = memory.flush() == 0;
+    const bool isLost = !memory.answer({"answers", "1"}).has_value();
+    const auto other = memory.answer({"answers", "2"});
+    std::_Exit(failed && written && isLost && other && other->text == "other" ? 7 : 1);
+}
+
+TEST_F(RequestMemoryTest, LosesOnlyAnAnswerThatCannotBeWritten) {
+    EXPECT_EXIT(loseAnAnswer(memory()), testing::ExitedWithCode(7), "");
 }
 
 TEST_F(RequestMemoryTest, ReportsThatItCannotBeWritten) {

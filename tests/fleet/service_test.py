@@ -387,6 +387,20 @@ def corrects_documents_of_readers_that_went_while_it_was_away(test):
 
 
 @case(BULK)
+def ignores_documents_that_others_have_published(test):
+    broker = test.broker()
+    client = test.client(broker, "gvusb/#")
+    for number, text in enumerate(('{"connected":1}', '{"connected":"yes"}', "[]", "nothing", "[" * 100_000,
+                                   '{"connected":true,"x":"' + "x" * 5000 + '"}')):
+        client.publish(f"gvusb/gate/readers/{number}", text, response_topic="", correlation=b"", retain=True)
+    service = test.service(broker.port)
+    wait_online(client)
+    check_equal(client.ask("gate", "1A2B3C", "transceive", b"\x01").status, "ok")
+    check_equal(client.last("gvusb/gate/readers/0"), '{"connected":1}')
+    check(service.child.is_running(), "running")
+
+
+@case(BULK)
 def answers_unknown_what_it_was_killed_in(test):
     _, service, client = started(test)
     client.ask("gate", "1A2B3C", "set", "TIMEOUT=60000")
