@@ -13,7 +13,7 @@ struct UsbNode {
     unsigned int bus = 0;
     unsigned int address = 0; // of the device on this bus, until it is plugged in again
 
-    auto operator<=>(const UsbNode&) const = default;
+    auto operator<=>(const UsbNode&) const = default; // NOLINT(modernize-use-nullptr): a false alarm
 };
 
 struct UsbLocation {

@@ -55,7 +55,7 @@ Answer refused(const std::string& why) {
 
 } // namespace
 
-ServedReader::ServedReader(Setup setup, Gate& gate, Open open, Answered answered)
+ServedReader::ServedReader(Setup&& setup, Gate& gate, Open open, Answered answered)
     : m_facts(std::move(setup.facts))
     , m_sharesId(setup.sharesId)
     , m_queueSize(setup.queue)

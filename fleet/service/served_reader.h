@@ -54,7 +54,7 @@ public:
     };
 
     // `open` and `answered` are called in the thread of the reader, `answered` once for each request that was added.
-    ServedReader(Setup setup, Gate& gate, Open open, Answered answered);
+    ServedReader(Setup&& setup, Gate& gate, Open open, Answered answered);
     ServedReader(const ServedReader&) = delete;
     ServedReader& operator=(const ServedReader&) = delete;
     // Ends the call that is running, and answers all requests that wait as stop() says.
