@@ -78,6 +78,15 @@ const char* orNull(const std::string& text) {
 
 } // namespace
 
+std::string libraryVersion() {
+    int major = 0;
+    int minor = 0;
+    int revision = 0;
+    mosquitto_lib_version(&major, &minor, &revision);
+    return "libmosquitto " + std::to_string(major) + '.' + std::to_string(minor) + '.' +
+           std::to_string(revision);
+}
+
 Client::Client(Options options, Listener& listener)
     : m_options(std::move(options))
     , m_address(fleet::parseBrokerAddress(m_options.broker.address, m_options.broker.insecure))

@@ -17,6 +17,9 @@
 
 namespace mqtt {
 
+// "libmosquitto 2.0.11", of the library that the program runs with.
+std::string libraryVersion();
+
 // A received message. The views are valid during the call that delivers it.
 struct Message {
     std::string_view topic;

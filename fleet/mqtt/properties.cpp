@@ -48,10 +48,6 @@ std::string bytes(const mosquitto_property* list, int identifier) {
 
 } // namespace
 
-void Properties::addNumber16(int identifier, std::uint16_t value) {
-    check(mosquitto_property_add_int16(&m_list, identifier, value));
-}
-
 void Properties::addNumber32(int identifier, std::uint32_t value) {
     check(mosquitto_property_add_int32(&m_list, identifier, value));
 }

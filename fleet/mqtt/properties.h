@@ -21,7 +21,6 @@ public:
     Properties& operator=(const Properties&) = delete;
     ~Properties() { mosquitto_property_free_all(&m_list); }
 
-    void addNumber16(int identifier, std::uint16_t value);
     void addNumber32(int identifier, std::uint32_t value);
     void addText(int identifier, const std::string& text);
     void addBytes(int identifier, std::string_view bytes);

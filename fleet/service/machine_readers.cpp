@@ -407,7 +407,6 @@ void MachineReaders::reportUnidentified(const std::vector<UsbLocation>& present)
             problems.push_back(place);
             if (std::ranges::find(m_problems, place) == m_problems.end()) {
                 m_reports.put(ReaderProblem{
-                    .where = location.path,
                     .text = "the reader at " + location.path +
                             " cannot be identified or opened; run 'gvusb doctor' on this machine"});
             }

@@ -34,9 +34,7 @@ struct ReaderChange {
 
 // A reader cannot be used.
 struct ReaderProblem {
-    std::string where; // "usb:1-2"
-    std::optional<int> code = {};
-    std::string text = {};
+    std::string text;
 };
 
 // What the thread of the service's loop is told.

@@ -1,3 +1,4 @@
+#include "fleet/mqtt/client.h"
 #include "fleet/service/configuration.h"
 #include "fleet/service/log.h"
 #include "fleet/service/service.h"
@@ -11,7 +12,6 @@
 #include <system_error>
 #include <utility>
 
-#include <mosquitto.h>
 #include <sys/signalfd.h>
 
 namespace {
@@ -38,12 +38,7 @@ EXAMPLES
 )";
 
 std::string versions() {
-    int major = 0;
-    int minor = 0;
-    int revision = 0;
-    mosquitto_lib_version(&major, &minor, &revision);
-    return "gvusb-mqtt " GVUSB_PROJECT_VERSION " (libmosquitto " + std::to_string(major) + '.' +
-           std::to_string(minor) + '.' + std::to_string(revision) + ')';
+    return "gvusb-mqtt " GVUSB_PROJECT_VERSION " (" + mqtt::libraryVersion() + ')';
 }
 
 // Signals arrive at a descriptor instead. To be called before there are other threads.

@@ -377,7 +377,7 @@ void Service::handle(const ReaderChange& change) {
 
 void Service::handle(const ReaderProblem& problem) {
     service_log::warning(problem.text);
-    publishEvent({.what = "error", .code = problem.code, .text = problem.text});
+    publishEvent({.what = "error", .text = problem.text});
 }
 
 void Service::correctDocument(const Topic& topic, std::string_view document) {

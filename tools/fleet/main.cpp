@@ -1,11 +1,11 @@
 #include "fleet/command.h"
+#include "fleet/mqtt/client.h"
 #include "fleet/topics.h"
 #include "program.h"
 
 #include <string>
 
 #include <gvusb.h>
-#include <mosquitto.h>
 
 namespace {
 
@@ -33,12 +33,7 @@ EXAMPLES
 )";
 
 std::string versions() {
-    int major = 0;
-    int minor = 0;
-    int revision = 0;
-    mosquitto_lib_version(&major, &minor, &revision);
-    return "gvusb " + std::string(GVUSB_GetDLLVersion()) + " (libmosquitto " + std::to_string(major) + '.' +
-           std::to_string(minor) + '.' + std::to_string(revision) + ')';
+    return "gvusb " + std::string(GVUSB_GetDLLVersion()) + " (" + mqtt::libraryVersion() + ')';
 }
 
 const CLI::Validator isPrefix(
