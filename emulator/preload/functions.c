@@ -51,6 +51,7 @@ static void find_all(struct library* functions, void* (*find)(const char*)) {
     FIND(ioctl);
     FIND(fcntl);
     FIND(syscall);
+    FIND(memcpy);
     FIND(poll);
     FIND(ppoll);
     FIND(epoll_wait);

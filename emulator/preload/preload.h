@@ -55,6 +55,7 @@ struct library {
     int (*ioctl)(int, unsigned long, ...);
     int (*fcntl)(int, int, ...);
     long (*syscall)(long, ...);
+    void* (*memcpy)(void*, const void*, size_t);
     int (*poll)(struct pollfd*, nfds_t, int);
     int (*ppoll)(struct pollfd*, nfds_t, const struct timespec*, const sigset_t*);
     int (*epoll_wait)(int, struct epoll_event*, int, int);

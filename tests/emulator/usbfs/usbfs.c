@@ -686,6 +686,54 @@ static void BadPointersAreErrors(void** state) {
     close(node);
 }
 
+/* Two pages, of which the second has this protection. */
+static unsigned char* two_pages(int protection) {
+    const size_t page = (size_t)sysconf(_SC_PAGESIZE);
+    unsigned char* const pages =
+        mmap(NULL, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    assert_ptr_not_equal(pages, MAP_FAILED);
+    assert_int_equal(mprotect(pages + page, page, protection), 0);
+    return pages;
+}
+
+static void EveryPageOfABufferIsChecked(void** state) {
+    const int node = open_claimed();
+    const size_t page = (size_t)sysconf(_SC_PAGESIZE);
+    unsigned char* const pages = two_pages(PROT_NONE);
+    struct usbdevfs_urb urb;
+    fill_bulk(&urb, bulk_out, pages + page - 4, 5);
+    assert_int_equal(submit(node, &urb), -EFAULT);
+    assert_int_equal(call(node, USBDEVFS_SUBMITURB, pages + page - 8), -EFAULT);
+    fill_bulk(&urb, bulk_out, pages + page - 4, 4);
+    run_urb(node, &urb, 0, 4);
+    // Only the bytes that are received have to fit.
+    fill_bulk(&urb, bulk_in, pages + page - 4, 64);
+    run_urb(node, &urb, 0, 4);
+    send_bytes(node, pages, 5);
+    struct usbdevfs_urb* reaped;
+    assert_int_equal(submit(node, &urb), 0);
+    assert_int_equal(polled(node, POLLOUT, patience_ms), POLLOUT);
+    assert_int_equal(reap_now(node, &reaped), -EFAULT);
+    munmap(pages, 2 * page);
+    close(node);
+}
+
+static void ABufferToSendMayBeReadOnly(void** state) {
+    const int node = open_claimed();
+    const size_t page = (size_t)sysconf(_SC_PAGESIZE);
+    unsigned char* const pages = two_pages(PROT_READ);
+    struct usbdevfs_urb urb;
+    fill_bulk(&urb, bulk_out, pages + page, 4);
+    run_urb(node, &urb, 0, 4);
+    fill_bulk(&urb, bulk_in, pages + page, 64);
+    struct usbdevfs_urb* reaped;
+    assert_int_equal(submit(node, &urb), 0);
+    assert_int_equal(polled(node, POLLOUT, patience_ms), POLLOUT);
+    assert_int_equal(reap_now(node, &reaped), -EFAULT);
+    munmap(pages, 2 * page);
+    close(node);
+}
+
 /* ---- readiness */
 
 static void ANodeIsWritableWhileAUrbCanBeReaped(void** state) {
@@ -1104,6 +1152,8 @@ int main(int argc, char** argv) {
         TEST(PendingUrbsAreDiscardedOnce),
         TEST(ReapingWaits),
         TEST(BadPointersAreErrors),
+        TEST(EveryPageOfABufferIsChecked),
+        TEST(ABufferToSendMayBeReadOnly),
         TEST(ANodeIsWritableWhileAUrbCanBeReaped),
         TEST(AnotherOpeningIsNotWoken),
         TEST(ReadingAndWritingANodeChangeNothing),
