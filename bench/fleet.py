@@ -103,7 +103,7 @@ def latencies(bench, table):
     table.row("the same, 99 of 100 exchanges", "us", times[len(times) * 99 // 100], most=3000)
 
 
-def throughput(bench, table, machines=20, readers=10, seconds=5):
+def throughput(bench, table, machines=20, readers=10, seconds=5, rounds=5):
     """Requests and answers of all readers together, and of plain clients with the same messages."""
     def measure(start):
         with Fleet(bench) as fleet:
@@ -116,7 +116,7 @@ def throughput(bench, table, machines=20, readers=10, seconds=5):
 
     services = []
     plain = []
-    for _ in range(3):
+    for _ in range(rounds):
         services.append(measure(lambda fleet, name: fleet.service(name, f"id=100000,copies={readers}")))
         plain.append(measure(lambda fleet, name: fleet.start(
             bench.program("fleet_client", "echo", fleet.port, name, readers))))
