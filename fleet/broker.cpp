@@ -110,6 +110,11 @@ BrokerAddress parseBrokerAddress(const std::string& text, bool insecure) {
     return address;
 }
 
+std::string hostAndPort(const BrokerAddress& address) {
+    const bool isNumeric6 = address.host.find(':') != std::string::npos;
+    return (isNumeric6 ? '[' + address.host + ']' : address.host) + ':' + std::to_string(address.port);
+}
+
 std::string credentialPath(const std::string& file) {
     constexpr std::string_view prefix = "credential:";
     if (!file.starts_with(prefix)) {

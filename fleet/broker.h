@@ -28,6 +28,9 @@ struct BrokerOptions {
 // loopback address. An address "mqtt://" of another machine needs `insecure`.
 BrokerAddress parseBrokerAddress(const std::string& text, bool insecure);
 
+// "HOST:PORT", with an IPv6 address in brackets.
+std::string hostAndPort(const BrokerAddress& address);
+
 // "localhost", 127.0.0.0/8 and ::1.
 bool isLoopback(const std::string& host);
 

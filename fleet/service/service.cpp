@@ -156,9 +156,8 @@ void Service::connected(bool sessionPresent) {
         return;
     }
     const BrokerAddress& address = m_client->address();
-    service_log::notice("connected to " + address.host + ':' + std::to_string(address.port) +
-                        (address.tls ? " with TLS" : "") + " as " + m_configuration.machine +
-                        (sessionPresent ? ", to the session of before" : ""));
+    service_log::notice("connected to " + hostAndPort(address) + (address.tls ? " with TLS" : "") + " as " +
+                        m_configuration.machine + (sessionPresent ? ", to the session of before" : ""));
     const std::string& prefix = m_configuration.prefix;
     const std::string& machine = m_configuration.machine;
     // A retained request would run again at each connection.

@@ -55,6 +55,11 @@ INSTANTIATE_TEST_SUITE_P(BrokerTest, AcceptedAddress,
                                          AddressCase{"mqtt://localhost", false, "localhost", 1883, false},
                                          AddressCase{"mqtt://broker", true, "broker", 1883, false}));
 
+TEST(BrokerTest, AnAddressIsWrittenAsHostAndPort) {
+    EXPECT_EQ(fleet::hostAndPort(parseBrokerAddress("broker", false)), "broker:8883");
+    EXPECT_EQ(fleet::hostAndPort(parseBrokerAddress("[2001:db8::1]:7", false)), "[2001:db8::1]:7");
+}
+
 struct RejectedCase {
     const char* text;
     const char* why;

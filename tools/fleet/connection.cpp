@@ -48,9 +48,7 @@ void abandon(std::unique_ptr<mqtt::Client>& client) {
 }
 
 std::string titleOf(const fleet::BrokerAddress& address) {
-    const bool isNumeric6 = address.host.find(':') != std::string::npos;
-    return std::string("broker ") + (address.tls ? "mqtts://" : "mqtt://") +
-           (isNumeric6 ? '[' + address.host + ']' : address.host) + ':' + std::to_string(address.port);
+    return std::string("broker ") + (address.tls ? "mqtts://" : "mqtt://") + fleet::hostAndPort(address);
 }
 
 } // namespace
