@@ -9,6 +9,11 @@ guest_modules=(usb/common/usb-common usb/core/usbcore usb/usbip/usbip-core usb/u
 # The udev rules for all devices and for USB; the others concern hardware that the guest lacks.
 guest_rules=(50-udev-default.rules 80-drivers.rules)
 
+# With systemd as the first process: its programs and those units that each service depends on.
+systemd_files=(/lib/systemd/systemd /lib/systemd/systemd-journald /bin/journalctl /bin/systemctl
+    /lib/systemd/system/{basic,local-fs,paths,shutdown,slices,sockets,swap,sysinit,timers,umount}.target
+    /lib/systemd/system/systemd-journald{.service,.socket,-dev-log.socket})
+
 # make_image GUEST_ROOT SCRIPTS IMAGE FILE...: build IMAGE from the packages in GUEST_ROOT, the folder SCRIPTS and these
 # files, each under the same path as here and with the libraries that it needs.
 make_image() {
@@ -24,6 +29,8 @@ make_image() {
     done
     add_system "$root" "$stage"
     cp -r "$scripts" "$stage/kernel"
+    mkdir -p "$stage/etc/systemd/system"
+    ln -s /kernel/scenarios.service "$stage/etc/systemd/system"
     ln -s kernel/init "$stage/init"
     cp --parents --recursive -t "$stage" "$@" /bin/bash
     mapfile -d '' programs < <(find "$@" -type d -name CMakeFiles -prune -o -type f -perm /111 -print0)
