@@ -9,6 +9,7 @@ import contextlib
 import json
 import os
 import random
+import resource
 import shutil
 import socket
 import statistics
@@ -124,13 +125,34 @@ def throughput(bench, table, machines=20, readers=10, seconds=5, rounds=5):
               statistics.median(services), statistics.median(plain), least_ratio=0.5)
 
 
+def mebibytes(process, figure):
+    with open(f"/proc/{process}/status", encoding="ascii") as status:
+        return next(int(line.split()[1]) for line in status if line.startswith(figure + ":")) / 1024
+
+
 def memory(bench, table):
     with Fleet(bench) as fleet:
         service = fleet.service("machine", "id=100000,copies=50")
         fleet.client("throughput", 2, 50)
-        with open(f"/proc/{child_of(service)}/status", encoding="ascii") as status:
-            kibibytes = next(int(line.split()[1]) for line in status if line.startswith("VmHWM:"))
-    table.row("fleet: memory of a service with 50 readers, at most", "MiB", kibibytes / 1024, most=16)
+        table.row("fleet: memory of a service with 50 readers, at most", "MiB", mebibytes(child_of(service), "VmHWM"),
+                  most=16)
+
+
+def memory_of_broker(bench, table, machines=1000, readers=10):
+    # More connections than a process has descriptors by default.
+    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    with Fleet(bench) as fleet:
+        figures = [mebibytes(fleet.broker.pid, "VmRSS")]
+        crowd = fleet.enter_context(subprocess.Popen(
+            bench.program("fleet_client", "crowd", fleet.port, machines, readers),
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True))
+        for expected in ("connected", "published"):
+            if crowd.stdout.readline().strip() != expected:
+                raise SystemExit(f"the machines are not {expected}")
+            figures.append(mebibytes(fleet.broker.pid, "VmRSS"))
+    for when, figure in zip(("empty", f"{machines} machines connected", f"with {readers} readers each"), figures):
+        table.row(f"fleet: memory of the broker, {when}", "MiB", figure)
 
 
 class CuttingProxy:
@@ -236,7 +258,7 @@ def main():
     arguments = parser.parse_args()
     bench = Bench(arguments.build)
     table = Table()
-    for measure in (latencies, throughput, memory):
+    for measure in (latencies, throughput, memory, memory_of_broker):
         measure(bench, table)
     disturbed(bench, table, arguments.requests)
     if table.broken:

@@ -7,6 +7,8 @@
 //        fleet_client echo PORT MACHINE N    answers requests for N readers of a machine at once, until it is ended
 //        fleet_client count PORT COUNT S N   runs COUNT requests on N readers, connecting again whenever the connection is
 //                                            lost; a request is given up after S seconds; prints what became of them as JSON
+//        fleet_client crowd PORT MACHINES N  connects as services of so many machines do and prints a line; publishes their
+//                                            status and documents of N readers each, and prints a line; ends with its input
 
 #include "fleet/answer.h"
 #include "fleet/mqtt/client.h"
@@ -16,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -43,13 +46,15 @@ double microseconds(Clock::duration time) {
 // A connection that is made again when it is lost.
 class Connection : public mqtt::Listener {
 public:
-    Connection(const std::string& port, const std::string& id, std::vector<std::string> topics)
+    Connection(const std::string& port, const std::string& id, std::vector<std::string> topics,
+               std::optional<mqtt::Publication> will = {})
         : m_topics(std::move(topics))
         , m_client({.id = id,
                     .cleanStart = false,
                     .sessionExpirySeconds = id.empty() ? 0U : 600U,
                     .keepAliveSeconds = 5,
-                    .broker = {.address = "mqtt://127.0.0.1:" + port}},
+                    .broker = {.address = "mqtt://127.0.0.1:" + port},
+                    .will = std::move(will)},
                    *this) {}
 
     // Handle what happens in the next milliseconds.
@@ -253,6 +258,69 @@ private:
     int m_readers;
 };
 
+// As long as that of a real reader.
+constexpr const char* document =
+    R"({"name":"1A2B3C","id":"1A2B3C","family":"Desk","device":"Desk reader",)"
+    R"("interface":"TESK RCI2","type":"D-100","path":"1-2.3","bus":1,"address":7,)"
+    R"("connected":true,"since":"2026-11-23T12:00:00.123Z"})";
+
+// What a broker has to keep for a machine, without requests.
+class Machine : public Connection {
+public:
+    Machine(const std::string& port, const std::string& name)
+        : Connection(port, "gvusb-" + name, {fleet::readerTopic(prefix, name, "+") + "/+"},
+                     status(name, "offline"))
+        , m_name(name) {}
+
+    void publishAll(int readers) {
+        publishOnce(status(m_name, "online"));
+        for (int i = 0; i < readers; ++i) {
+            publishOnce({.topic = fleet::readerTopic(prefix, m_name, std::to_string(i)),
+                         .payload = document,
+                         .qos = 1,
+                         .retained = true});
+        }
+    }
+    bool isDone() const { return m_unacknowledged == 0; }
+
+    void received(const mqtt::Message&) override {}
+    void acknowledged(int, int) override { --m_unacknowledged; }
+
+private:
+    static mqtt::Publication status(const std::string& name, const char* text) {
+        return {.topic = fleet::statusTopic(prefix, name), .payload = text, .qos = 1, .retained = true};
+    }
+    void publishOnce(const mqtt::Publication& what) {
+        publish(what, {});
+        ++m_unacknowledged;
+    }
+
+    std::string m_name;
+    int m_unacknowledged = 0;
+};
+
+void crowd(const std::string& port, int count, int readers) {
+    std::vector<std::unique_ptr<Machine>> machines;
+    for (int i = 0; i < count; ++i) {
+        machines.push_back(std::make_unique<Machine>(port, "machine-" + std::to_string(i)));
+        while (!machines.back()->isUp()) {
+            machines.back()->turn(10);
+        }
+    }
+    std::puts("connected");
+    std::fflush(stdout);
+    for (const auto& machine : machines) {
+        machine->publishAll(readers);
+        while (!machine->isDone()) {
+            machine->turn(10);
+        }
+    }
+    std::puts("published");
+    std::fflush(stdout);
+    while (std::getchar() != EOF) {
+    }
+}
+
 // Every request's frame is its number, and so is the answer of a reader that echoes.
 class Count : public Requester {
 public:
@@ -340,6 +408,8 @@ int main(int count, char** arguments) {
             Echo(port, words.at(2), std::stoi(words.at(3))).run();
         } else if (what == "count") {
             Count(port, std::stoi(words.at(2)), std::stoi(words.at(3))).run(std::stoul(words.at(4)));
+        } else if (what == "crowd") {
+            crowd(port, std::stoi(words.at(2)), std::stoi(words.at(3)));
         } else {
             throw std::runtime_error("unknown: " + what);
         }
