@@ -681,7 +681,12 @@ static void BadPointersAreErrors(void** state) {
     fill_bulk(&urb, bulk_out, data, sizeof data);
     assert_int_equal(submit(node, &urb), 0);
     assert_int_equal(polled(node, POLLOUT, patience_ms), POLLOUT);
+    urb.status = 1;
+    urb.actual_length = 77;
     assert_int_equal(call(node, USBDEVFS_REAPURBNDELAY, bad), -EFAULT);
+    // What comes before the bad pointer is written.
+    assert_int_equal(urb.status, 0);
+    assert_int_equal(urb.actual_length, sizeof data);
     munmap(bad, 65536);
     close(node);
 }
@@ -709,11 +714,13 @@ static void EveryPageOfABufferIsChecked(void** state) {
     // Only the bytes that are received have to fit.
     fill_bulk(&urb, bulk_in, pages + page - 4, 64);
     run_urb(node, &urb, 0, 4);
+    memcpy(pages, "abcde", 5);
     send_bytes(node, pages, 5);
     struct usbdevfs_urb* reaped;
     assert_int_equal(submit(node, &urb), 0);
     assert_int_equal(polled(node, POLLOUT, patience_ms), POLLOUT);
     assert_int_equal(reap_now(node, &reaped), -EFAULT);
+    assert_memory_equal(pages + page - 4, "abcd", 4);
     munmap(pages, 2 * page);
     close(node);
 }
