@@ -139,10 +139,14 @@ def memory(bench, table):
 
 
 def memory_of_broker(bench, table, machines=1000, readers=10):
-    # More connections than a process has descriptors by default.
-    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    # The client takes four descriptors for each connection, more in total than a process has by default.
+    needed = 5 * machines
+    before = resource.getrlimit(resource.RLIMIT_NOFILE)
+    if before[1] != resource.RLIM_INFINITY and before[1] < needed:
+        raise SystemExit(f"a process may have {before[1]} files open, and {machines} connections need {needed}")
+    resource.setrlimit(resource.RLIMIT_NOFILE, (needed, before[1]))
     with Fleet(bench) as fleet:
+        fleet.callback(resource.setrlimit, resource.RLIMIT_NOFILE, before)
         figures = [mebibytes(fleet.broker.pid, "VmRSS")]
         crowd = fleet.enter_context(subprocess.Popen(
             bench.program("fleet_client", "crowd", fleet.port, machines, readers),

@@ -73,6 +73,7 @@ public:
     }
 
     void connected(bool) override {
+        m_subscribed = 0;
         for (const std::string& topic : m_topics) {
             m_client.subscribe(topic, 1);
         }
@@ -81,7 +82,7 @@ public:
         if (reason >= MQTT_RC_UNSPECIFIED) {
             throw std::runtime_error("subscription refused");
         }
-        m_isUp = true;
+        m_isUp = ++m_subscribed == m_topics.size();
     }
     void refused(int) override { lose(); }
     void disconnected(const std::string&, int) override { lose(); }
@@ -95,6 +96,7 @@ private:
 
     std::vector<std::string> m_topics;
     mqtt::Client m_client;
+    std::size_t m_subscribed = 0;
     bool m_isUp = false;
     Clock::time_point m_next;
 };
@@ -264,56 +266,66 @@ constexpr const char* document =
     R"("interface":"TESK RCI2","type":"D-100","path":"1-2.3","bus":1,"address":7,)"
     R"("connected":true,"since":"2026-11-23T12:00:00.123Z"})";
 
-// What a broker has to keep for a machine, without requests.
+// What a service does without requests.
 class Machine : public Connection {
 public:
     Machine(const std::string& port, const std::string& name)
-        : Connection(port, "gvusb-" + name, {fleet::readerTopic(prefix, name, "+") + "/+"},
+        : Connection(port, "gvusb-" + name,
+                     {fleet::readerTopic(prefix, name, "+") + "/+", fleet::scanTopic(prefix, name),
+                      fleet::readerTopic(prefix, name, "+")},
                      status(name, "offline"))
         , m_name(name) {}
 
-    void publishAll(int readers) {
-        publishOnce(status(m_name, "online"));
-        for (int i = 0; i < readers; ++i) {
-            publishOnce({.topic = fleet::readerTopic(prefix, m_name, std::to_string(i)),
-                         .payload = document,
-                         .qos = 1,
-                         .retained = true});
-        }
+    void connect() {
+        turnUntil([this] { return isUp(); });
     }
-    bool isDone() const { return m_unacknowledged == 0; }
 
-    void received(const mqtt::Message&) override {}
-    void acknowledged(int, int) override { --m_unacknowledged; }
+    void publishAll(int readers) {
+        publish(status(m_name, "online"), {});
+        for (int i = 0; i < readers; ++i) {
+            publish({.topic = fleet::readerTopic(prefix, m_name, std::to_string(i)),
+                     .payload = document,
+                     .qos = 1,
+                     .retained = true},
+                    {});
+        }
+        // It receives its own documents, as a service does.
+        turnUntil([this, readers] { return m_acknowledged == readers + 1 && m_received == readers; });
+    }
+
+    void received(const mqtt::Message&) override { ++m_received; }
+    void acknowledged(int, int) override { ++m_acknowledged; }
 
 private:
     static mqtt::Publication status(const std::string& name, const char* text) {
         return {.topic = fleet::statusTopic(prefix, name), .payload = text, .qos = 1, .retained = true};
     }
-    void publishOnce(const mqtt::Publication& what) {
-        publish(what, {});
-        ++m_unacknowledged;
+    template <class Condition>
+    void turnUntil(Condition holds) {
+        const auto last = Clock::now() + std::chrono::seconds(60);
+        while (!holds()) {
+            turn(10);
+            if (Clock::now() > last) {
+                throw std::runtime_error("the broker does not answer " + m_name);
+            }
+        }
     }
 
     std::string m_name;
-    int m_unacknowledged = 0;
+    int m_acknowledged = 0;
+    int m_received = 0;
 };
 
 void crowd(const std::string& port, int count, int readers) {
     std::vector<std::unique_ptr<Machine>> machines;
     for (int i = 0; i < count; ++i) {
         machines.push_back(std::make_unique<Machine>(port, "machine-" + std::to_string(i)));
-        while (!machines.back()->isUp()) {
-            machines.back()->turn(10);
-        }
+        machines.back()->connect();
     }
     std::puts("connected");
     std::fflush(stdout);
     for (const auto& machine : machines) {
         machine->publishAll(readers);
-        while (!machine->isDone()) {
-            machine->turn(10);
-        }
     }
     std::puts("published");
     std::fflush(stdout);
