@@ -10,7 +10,7 @@ install_service() {
     chmod 600 /etc/gavo/gvusb-mqtt.password
     printf '%s\n' broker=127.0.0.1 machine=gate user=gate password-file=credential:broker-password \
         >/etc/gavo/gvusb-mqtt.conf
-    printf '%s\n' '[Service]' LoadCredential=broker-password:/etc/gavo/gvusb-mqtt.password WatchdogSec=10 \
+    printf '%s\n' '[Service]' LoadCredential=broker-password:/etc/gavo/gvusb-mqtt.password WatchdogSec=20 \
         >"$drop_in/test.conf"
     udevadm control --reload
 }
@@ -21,20 +21,28 @@ start_broker() {
         "$broker" -d -c /run/broker.conf
 }
 
-# A unit that runs the script "confined" in the place of the service.
+# A unit that runs the script "confined" in the place of the service, and what everybody may do without the unit.
 install_confined() {
     sed -e 's|^ExecStart=.*|ExecStart=/bin/bash /kernel/confined|' -e 's/^Type=.*/Type=oneshot/' -e '/^Restart/d' \
         -e 's|^StateDirectory=.*|StateDirectory=confined|' -e 's|^#LoadCredential=|LoadCredential=|' \
         -e 's|^\[Service\]|&\nStandardOutput=truncate:/run/confined|' "$unit" >/etc/systemd/system/confined.service
-    # A serial port that everybody may open, but for the unit.
-    mknod -m 666 /dev/everybodys c 4 64
+    mkdir -p /home
+    mkdir -m 777 /etc/everybodys
+    echo text | tee /home/everybodys >/tmp/everybodys
+    mknod -m 666 /dev/everybodys c 4 64 # a serial port
+}
+
+# Another user may do everything but be root.
+unconfined() {
+    su user -c 'bash /kernel/confined' >/run/unconfined
+    cat /run/unconfined
+    [ "$(grep -v '^possible: ' /run/unconfined)" = 'prevented: [ 1000 = 0 ]' ]
 }
 
 confined() {
-    systemctl start confined
+    systemctl start confined || return
     cat /run/confined
-    [ "$(sed 's|/usb/.*|/usb|' /run/confined)" = "opened /dev/bus/usb
-the rest possible: no" ]
+    [ "$(wc -l </run/confined)" = "$(wc -l </run/unconfined)" ] && ! grep -v '^prevented: ' /run/confined
 }
 
 on_fleet() {
@@ -62,6 +70,7 @@ answers() {
 comes_back_after() {
     local before
     before=$(main_process)
+    [ "$before" != 0 ] || return
     kill -"$1" "$before"
     eventually is_another "$before" && eventually answers A1
 }
@@ -70,6 +79,12 @@ is_another() {
     local now
     now=$(main_process)
     [ "$now" != 0 ] && [ "$now" != "$1" ]
+}
+
+ends_in_order() {
+    systemctl stop gvusb-mqtt
+    systemctl show --property Result,ExecMainCode,ExecMainStatus gvusb-mqtt
+    [ "$(systemctl show --property Result --value gvusb-mqtt)" = success ]
 }
 
 is_offline() {
@@ -84,7 +99,8 @@ is_not_restarted() {
 }
 
 served() {
-    check "the unit gives the service its device nodes and secret, and no more" confined
+    check "without the unit, a user may do what the unit prevents" unconfined
+    check "the unit gives the service what it needs, and no more" confined
     check "the service says when it is ready" systemctl start gvusb-mqtt
     check "its reader answers" eventually answers A1
     "$launcher" --send "plug id=B2" >/dev/null
@@ -93,7 +109,7 @@ served() {
     check "the watchdog restarts it after it has stopped" comes_back_after STOP
     check "the journal has its messages" prints 'connected to 127.0.0.1:1883 as gate' \
         journalctl --unit gvusb-mqtt --priority notice
-    check "it ends in order" systemctl stop gvusb-mqtt
+    check "it ends in order" ends_in_order
     check "the broker knows that" is_offline
     echo 'queue=many' >>/etc/gavo/gvusb-mqtt.conf
     systemctl start gvusb-mqtt 2>/dev/null
