@@ -1,8 +1,8 @@
 // The requests of the recent past, so that none runs twice: neither if the broker delivers it again nor after a restart.
 //
-// The memory is kept in two files. A record is appended when a request begins, when it has been answered and when the
-// broker has taken over the answer. Once the file has as many requests as are to be remembered, or 64 MiB, it becomes the older one of
-// the two, and the one before is forgotten. The records survive the end of the process at any point. They are not
+// The memory is kept in two files. A record is appended when a request begins, when it has been answered and when the broker
+// has taken over the answer. Once the file has as many requests as are to be remembered, or 64 MiB, it becomes the older one
+// of the two, and the one before is forgotten. The records survive the end of the process at any point. They are not
 // synchronized with the disk each time, which would take longer than an exchange: after a crash of the machine, the service
 // discards what the broker kept for it instead (see machineCrashed()).
 #pragma once

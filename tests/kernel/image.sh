@@ -29,8 +29,6 @@ make_image() {
     done
     add_system "$root" "$stage"
     cp -r "$scripts" "$stage/kernel"
-    mkdir -p "$stage/etc/systemd/system"
-    ln -s /kernel/scenarios.service "$stage/etc/systemd/system"
     ln -s kernel/init "$stage/init"
     cp --parents --recursive -t "$stage" "$@" /bin/bash
     mapfile -d '' programs < <(find "$@" -type d -name CMakeFiles -prune -o -type f -perm /111 -print0)

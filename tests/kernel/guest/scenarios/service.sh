@@ -2,7 +2,7 @@
 install_service() {
     local drop_in=/etc/systemd/system/gvusb-mqtt.service.d
     cp "$service" /usr/bin/gvusb-mqtt
-    cp "$library" "/usr/lib/$(basename "$library" | sed 's/\.so\.\([0-9]*\).*/.so.\1/')"
+    cp "$library" "/usr/lib/$(basename "${library%.*.*}")"
     mkdir -p /etc/udev/rules.d "$drop_in"
     cp "$rule" /etc/udev/rules.d
     cp "$unit" /etc/systemd/system
@@ -27,9 +27,9 @@ install_confined() {
         -e 's|^StateDirectory=.*|StateDirectory=confined|' -e 's|^#LoadCredential=|LoadCredential=|' \
         -e 's|^\[Service\]|&\nStandardOutput=truncate:/run/confined|' "$unit" >/etc/systemd/system/confined.service
     mkdir -p /home
-    mkdir -m 777 /etc/everybodys
-    echo text | tee /home/everybodys >/tmp/everybodys
-    mknod -m 666 /dev/everybodys c 4 64 # a serial port
+    mkdir -m 777 /etc/open_to_all
+    echo text | tee /home/open_to_all >/tmp/open_to_all
+    mknod -m 666 /dev/open_to_all c 4 64 # a serial port
 }
 
 # Another user may do everything but be root.
